@@ -1,0 +1,157 @@
+#include "support.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+fs::path MakeTempDir() {
+    std::string name = (fs::temp_directory_path() / "filemanager-test-XXXXXX").string();
+    if (!mkdtemp(name.data()))
+        throw std::runtime_error("no temporary directory");
+    return name;
+}
+
+} // namespace
+
+TempDir::TempDir() : path(MakeTempDir()) {}
+TempDir::~TempDir() {
+    std::error_code ignored; // a test may have made something that cannot be removed
+    fs::remove_all(path, ignored);
+}
+
+LogCapture::LogCapture(int level) { RtSetLogSink(&LogCapture::Take, this, level); }
+LogCapture::~LogCapture() { RtSetLogSink(nullptr, nullptr, RT_LOG_WARNING); }
+
+void LogCapture::Take(void* self, int, const char* text) {
+    auto* log = static_cast<LogCapture*>(self);
+    const std::lock_guard lock(log->m_mutex);
+    log->m_lines.emplace_back(text);
+}
+
+size_t LogCapture::Count(const std::string& part) const {
+    const std::lock_guard lock(m_mutex);
+    return static_cast<size_t>(std::count_if(
+        m_lines.begin(), m_lines.end(),
+        [&](const std::string& line) { return line.find(part) != std::string::npos; }));
+}
+
+std::string LogCapture::Text() const {
+    const std::lock_guard lock(m_mutex);
+    std::string text;
+    for (const std::string& line : m_lines)
+        text += line + "\n";
+    return text;
+}
+
+Cache::Cache(int server, uint16_t days) : isServer(server), clearDays(days) { Start(); }
+
+Cache::~Cache() {
+    Stop();
+    while (thread.RunDue() > 0) {
+    }
+}
+
+void Cache::Start() { manager->Initialize(CRtString(dir.path.string()), clearDays, isServer); }
+
+void Cache::Settle() {
+    // A load of a block that nobody has waits for the read/write thread's queue.
+    FMFileInfo info = Description();
+    for (int round = 0; round < 3; ++round) {
+        while (thread.RunDue() > 0) {
+        }
+        FileRef first = Create(info);
+        FileRef second = Create(info); // settles its predecessor: waits for the queue
+        first.Reset();
+        manager->DetachFile(info.fileID);
+    }
+    while (thread.RunDue() > 0) {
+    }
+}
+
+fs::path Cache::Path(const FMFileID& id, const char* extension) const {
+    const fs::path base =
+        isServer ? dir.path / "sdstore" : dir.path / "confcache" / std::to_string(getpid());
+    return base / (std::string(FMFileIDToString(id).c_str()) + extension);
+}
+
+FileRef Cache::Create(const FMFileInfo& info) {
+    IFMFile* file = nullptr;
+    EXPECT_EQ(manager->CreateFile(file, info), 0);
+    return FileRef::Adopt(file);
+}
+
+FileRef Cache::Create(uint32_t blockBeg, uint32_t flag) { return Create(Description(blockBeg, flag)); }
+
+FileRef Cache::Open(const FMFileID& id, int load) {
+    IFMFile* file = nullptr;
+    manager->OpenFile(file, id, load);
+    return FileRef::Adopt(file);
+}
+
+void Cache::Close(FileRef& file) {
+    EXPECT_EQ(manager->DetachFile(file->GetFileInfo().fileID), 0);
+    file.Reset();
+}
+
+BlockRef Cache::Block(IFMFile& file, uint32_t id, int create) {
+    IFMBlock* block = nullptr;
+    if (file.GetBlock(block, id, create) != 0)
+        return {};
+    return BlockRef::Adopt(block);
+}
+
+std::string Pattern(uint32_t seed, size_t length) {
+    std::string bytes(length, '\0');
+    uint32_t state = seed * 2654435761u + 1;
+    for (char& byte : bytes) {
+        state = state * 1664525u + 1013904223u;
+        byte = static_cast<char>(state >> 24);
+    }
+    return bytes;
+}
+
+int Write(IFMBlock& block, const std::string& bytes, uint32_t piece) {
+    const auto length = static_cast<uint32_t>(bytes.size());
+    for (uint32_t at = 0; at < length; at += piece) {
+        const CRtMessageChain data =
+            CRtMessageBlock::Wrap(bytes.data() + at, std::min(piece, length - at));
+        if (const int result = block.WriteData(length, at, data.get()); result != 0)
+            return result;
+    }
+    return 0;
+}
+
+std::string Read(IFMBlock& block) {
+    CRtMessageBlock* data = nullptr;
+    if (const int result = block.ReadData(0, block.GetTotalLen(), data); result != 0)
+        return "error " + std::to_string(result);
+    const CRtMessageChain owned(data);
+    return std::string(owned->FlattenChained().view());
+}
+
+std::string ReadFile(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream bytes;
+    bytes << in.rdbuf();
+    return bytes.str();
+}
+
+void WriteFile(const fs::path& path, const std::string& bytes) {
+    fs::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+FMFileInfo Description(uint32_t blockBeg, uint32_t flag) {
+    FMFileInfo info;
+    CoCreateFMFileID(info.fileID);
+    info.name = "a file";
+    info.blockBeg = blockBeg;
+    info.flag = flag;
+    return info;
+}

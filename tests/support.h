@@ -1,0 +1,99 @@
+// What the tests share: a cache directory of their own, the hand-cranked thread 3 and clock, the log,
+// blocks with bytes that tell where they belong, and a count of live memory.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "IFileManager.h"
+#include "RtRuntime.h"
+
+namespace fs = std::filesystem;
+
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    const fs::path path;
+};
+
+class TestClock final : public IRtClock {
+public:
+    TestClock() { RtSetClock(this); }
+    ~TestClock() override { RtSetClock(nullptr); }
+    uint64_t TickCountMs() override { return tick; }
+    CRtTimeValue TimeOfDay() override { return CRtTimeValue(seconds, 0); }
+    void Advance(int64_t ms) {
+        tick += static_cast<uint64_t>(ms);
+        seconds += ms / 1000;
+    }
+    std::atomic<uint64_t> tick{1'000'000};
+    std::atomic<int64_t> seconds{1'700'000'000};
+};
+
+// Every line while it lives; the text of the level wanted costs nothing otherwise.
+class LogCapture {
+public:
+    explicit LogCapture(int level = RT_LOG_TRACE);
+    ~LogCapture();
+    size_t Count(const std::string& part) const;
+    std::string Text() const;
+
+private:
+    static void Take(void* self, int level, const char* text);
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_lines;
+};
+
+class CountingSink final : public IFMBlockSink {
+public:
+    void OnBlockDataReady(IFMBlock* block, int result) override {
+        results.push_back(result);
+        if (then)
+            then(block, result);
+    }
+    std::vector<int> results;
+    std::function<void(IFMBlock*, int)> then;
+};
+
+using FileRef = CRtComAutoPtr<IFMFile>;
+using BlockRef = CRtComAutoPtr<IFMBlock>;
+
+// The test's thread is number 3 and pumps it by hand.
+class Cache {
+public:
+    explicit Cache(int isServer = 1, uint16_t clearDays = 7);
+    ~Cache();
+    void Start();
+    void Stop() { manager->UnInitialize(); }
+    // Until both threads have nothing left to do.
+    void Settle();
+    fs::path Path(const FMFileID& id, const char* extension) const;
+
+    FileRef Create(const FMFileInfo& info);
+    FileRef Create(uint32_t blockBeg = 1, uint32_t flag = 0);
+    FileRef Open(const FMFileID& id, int load = 1);
+    void Close(FileRef& file);
+    static BlockRef Block(IFMFile& file, uint32_t id, int create = 1);
+
+    TempDir dir;
+    LogCapture* log = nullptr;
+    CRtCallerThread thread;
+    IFileManager* manager = IFileManager::Instance();
+    const int isServer;
+    const uint16_t clearDays;
+};
+
+std::string Pattern(uint32_t seed, size_t length);
+int Write(IFMBlock& block, const std::string& bytes, uint32_t piece = 1u << 20);
+// The bytes of the whole block, or "error <code>".
+std::string Read(IFMBlock& block);
+std::string ReadFile(const fs::path& path);
+void WriteFile(const fs::path& path, const std::string& bytes);
+FMFileInfo Description(uint32_t blockBeg = 1, uint32_t flag = 0);

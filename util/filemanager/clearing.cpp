@@ -1,0 +1,96 @@
+// Clearing of the whole cache, and the housekeeping of old cached files.
+#include <cstdlib>
+
+#include "RtLog.h"
+#include "RtResult.h"
+#include "RtTimeValue.h"
+#include "filemanager.h"
+#include "fmfunctor.h"
+
+void CFileManager::ClearDiskCache() {
+    RT_LOG(RT_LOG_TRACE, "CFileManager::ClearDiskCache, data dir=" << m_rootDir);
+    // A server's root is whatever directory it was given, and may hold anything beside the store.
+    if (m_isServer)
+        RemoveDir(m_dataDir);
+    else if (RemoveDeadDirectories(false) == 0 && RemoveDeadDirectories(true) == 0)
+        RtOs::RemoveDirectory(m_rootDir); // fails, as it should, when something has appeared since
+}
+
+// Removes the directories of processes that run no more, with `filesToo` also what else lies in the
+// root. Answers how many directories belong to other running processes; each is asked about just before
+// it would be removed.
+int CFileManager::RemoveDeadDirectories(bool filesToo) {
+    int alive = 0;
+    RtOs::DirectoryWalk root(m_rootDir);
+    CRtString name;
+    bool isDirectory = false;
+    while (root.Next(name, isDirectory)) {
+        if (!isDirectory && filesToo)
+            root.RemoveFile(name);
+        else if (isDirectory && IsOtherProcessAlive(name))
+            ++alive;
+        else if (isDirectory)
+            RemoveDir(m_rootDir + name + "\\");
+    }
+    return alive;
+}
+
+int CFileManager::IsOtherProcessAlive(const CRtString& name) {
+    const int64_t id = std::strtoll(name.c_str(), nullptr, 10); // clamped when it is out of range
+    return RtOs::IsProcessAlive(id) && id != int64_t{RtOs::GetProcessId()} ? 1 : 0;
+}
+
+void CFileManager::HouseKeeping_m() {
+    RT_LOG(RT_LOG_TRACE, "CFileManager::HouseKeeping_m. Dir:" << m_dataDir);
+    m_houseKeepingWalk = std::make_unique<RtOs::DirectoryWalk>(m_dataDir, true);
+    ExamineNext_m();
+}
+
+void CFileManager::ExamineNext_m() {
+    constexpr size_t extensionLength = 4;
+    CRtString name;
+    bool isDirectory = false;
+    while (m_houseKeepingWalk->Next(name, isDirectory)) {
+        if (isDirectory || name.size() <= extensionLength || !name.view().ends_with(".sdd"))
+            continue;
+        ExamineFile(name.Left(name.size() - extensionLength));
+        // A thread that stops takes no more: the run is given up and begins anew another time.
+        if (RT_FAILED(PostToReadwrThread(new CFMFunctor0(this, &CFileManager::ExamineNext_m), 0)))
+            EndHouseKeeping();
+        return;
+    }
+    m_lastHouseKeeping = static_cast<uint32_t>(CRtTimeValue::GetTimeOfDay().GetSec());
+    EndHouseKeeping();
+}
+
+void CFileManager::EndHouseKeeping() {
+    m_houseKeepingWalk.reset();
+    m_houseKeepingPosted = false;
+}
+
+void CFileManager::ExamineFile(const CRtString& stem) {
+    FMFileID id;
+    FMFileIDFromString(stem, id);
+    if (IsFileOpen(stem) || !ClaimForHouseKeeping(id))
+        return;
+    {
+        const FileRef file(new (std::nothrow) CFMFile(stem));
+        if (file && file->IsHouseKeeping())
+            file->ClerDiskFile_m();
+    }
+    const std::lock_guard lock(m_registryMutex);
+    m_claimed = false;
+    m_claimEnded.notify_all();
+}
+
+// False when the file is open, being opened, or has work left. While the claim stands it cannot be
+// opened.
+bool CFileManager::ClaimForHouseKeeping(const FMFileID& id) {
+    const std::lock_guard lock(m_registryMutex);
+    const bool named = !(id == FMFileID_None);
+    if (named && (m_id2files.contains(id) || m_liveFiles.contains(id) || m_openingID == id))
+        return false;
+    m_claimed = true;
+    m_claimedID = id;
+    return true;
+}

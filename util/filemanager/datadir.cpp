@@ -1,0 +1,163 @@
+// Where the cache lives on disk, and the small directory operations.
+#include <cstdio>
+#include <vector>
+
+#include "RtHome.h"
+#include "RtLog.h"
+#include "filemanager.h"
+
+namespace {
+
+constexpr char FALLBACK_HOME[] = "/opt/quillmer";
+
+CRtString WithoutBackslash(const CRtString& dir) {
+    return !dir.empty() && dir.back() == '\\' ? dir.Left(dir.size() - 1) : dir;
+}
+
+CRtString WithBackslash(CRtString dir) {
+    if (dir.empty() || dir.back() != '\\')
+        dir += '\\';
+    return dir;
+}
+
+// Works through the open directory, so that what is removed lies in the tree whatever happens to the
+// path meanwhile.
+void RemoveEntries(RtOs::DirectoryWalk& walk, const CRtString& base) {
+    CRtString name;
+    bool isDirectory = false;
+    while (walk.Next(name, isDirectory)) {
+        if (!isDirectory) {
+            walk.RemoveFile(name);
+            continue;
+        }
+        const CRtString child = base + name + "\\";
+        RT_LOG(RT_LOG_TRACE, "CFileManager::RemoveDir. Dir:" << child);
+        RtOs::DirectoryWalk childWalk(walk, name);
+        RemoveEntries(childWalk, child);
+        walk.RemoveDirectory(name);
+    }
+}
+
+} // namespace
+
+void CFileManager::SetDataDir(const CRtString& dataDir) {
+    if (!m_rootDir.empty())
+        return;
+    m_rootDir = dataDir.TrimBlanks();
+    if (m_rootDir.empty())
+        m_rootDir = GetDefaultDataDir();
+    m_rootDir = WithBackslash(m_rootDir);
+    if (!m_isServer)
+        m_rootDir += "confcache\\";
+    char processId[64];
+    std::snprintf(processId, sizeof(processId), "%u", RtOs::GetProcessId());
+    m_dataDir = m_rootDir + (m_isServer ? "sdstore" : processId) + "\\";
+    RT_LOG(RT_LOG_TRACE, "CFileManager::SetDataDir, data dir=" << m_dataDir);
+}
+
+int CFileManager::CheckDataDir() {
+    if (DirExists(m_dataDir))
+        return 1;
+    CreateDir(m_dataDir);
+    RtOs::SetHidden(m_rootDir);
+    return 1;
+}
+
+CRtString CFileManager::GetDefaultDataDir() {
+    const CRtString drive = GetMaxDrive();
+    if (!drive.empty())
+        return drive;
+    CRtString folder;
+    if (RtOs::GetUserDataDir(folder) && !folder.empty())
+        return WithBackslash(folder);
+    return GetDefaultDir();
+}
+
+CRtString CFileManager::GetMaxDrive() {
+    const uint32_t size = RtOs::GetDriveStrings(0, nullptr);
+    if (size == 0) {
+        RT_LOG(RT_LOG_WARNING, "CFileManager::GetMaxDrive, GetLogicalDriveStrings len fail");
+        return {};
+    }
+    std::vector<char> drives(size_t{size} + 1); // one more zero: the last entry always ends
+    const uint32_t length = RtOs::GetDriveStrings(size, drives.data());
+    if (length == 0) {
+        RT_LOG(RT_LOG_WARNING, "CFileManager::GetMaxDrive, GetLogicalDriveStrings real fail");
+        return {};
+    }
+    CRtString lpDSMax;
+    uint64_t most = 0;
+    for (size_t position = 0; position <= length && position < size;) {
+        const CRtString drive(drives.data() + position);
+        if (drive.size() < 2)
+            break;
+        uint64_t available = 0;
+        if (RtOs::GetDriveKind(drive.c_str()) == RtOs::DRIVE_KIND_FIXED &&
+            RtOs::GetDriveFreeBytes(drive.c_str(), available) && available > most) {
+            most = available;
+            lpDSMax = drive;
+        }
+        position += drive.size() + 1;
+    }
+    if (lpDSMax.empty())
+        RT_LOG(RT_LOG_WARNING, "CFileManager::GetMaxDrive, lpDSMax is null");
+    return lpDSMax;
+}
+
+CRtString CFileManager::GetDefaultDir() {
+    CRtString dir;
+    if (const char* home = get_quillmer_home_dir()) {
+        dir = CRtString(home).TrimBlanks();
+        RT_LOG(RT_LOG_TRACE, "CFileManager::GetDefaultDir get_quillmer_home_dir: " << dir);
+    }
+    if (dir.empty()) {
+        dir = FALLBACK_HOME;
+        RT_LOG(RT_LOG_TRACE,
+               "CFileManager::GetDefaultDir, homeDir is null, set homedir =" << dir);
+    }
+    return dir;
+}
+
+int CFileManager::DirExists(const CRtString& dir) {
+    const CRtString path = WithoutBackslash(dir);
+    const bool exists = RtOs::GetEntryKind(path) == RtOs::EntryKind::Directory;
+    RT_LOG(RT_LOG_TRACE, "CFileManager::DirExists. Dir:"
+                             << path << (exists ? " is exist." : " is not exist."));
+    return exists ? 1 : 0;
+}
+
+int CFileManager::FileExists(const CRtString& path) {
+    return RtOs::GetEntryKind(path) != RtOs::EntryKind::Missing ? 1 : 0;
+}
+
+int CFileManager::CreateDir(const CRtString& dir) {
+    CRtString path = WithoutBackslash(dir);
+    if (DirExists(path))
+        return 0;
+    std::vector<CRtString> missing{path};
+    for (;;) {
+        const size_t separator = RtOs::FindLastSeparator(path);
+        if (separator == std::string_view::npos || separator == 0)
+            break;
+        path = path.Left(separator);
+        if (DirExists(path))
+            break;
+        missing.push_back(path);
+    }
+    for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
+        if (RtOs::MakeDirectory(*it))
+            RT_LOG(RT_LOG_TRACE, "CFileManager::CreateDir. mkdir:" << *it);
+        else
+            RT_LOG(RT_LOG_WARNING, "CFileManager::CreateDir. mkdir Error. Dir: " << *it);
+    }
+    return 0;
+}
+
+void CFileManager::RemoveDir(const CRtString& dir) {
+    RT_LOG(RT_LOG_TRACE, "CFileManager::RemoveDir. Dir:" << dir);
+    {
+        RtOs::DirectoryWalk walk(dir);
+        RemoveEntries(walk, WithBackslash(dir));
+    }
+    RtOs::RemoveDirectory(dir);
+}

@@ -1,0 +1,227 @@
+#include "diskfile.h"
+
+#include <cstring>
+
+#include "FMInfoCodec.h"
+#include "RtLog.h"
+#include "RtResult.h"
+#include "filemanager.h"
+#include "os/RtOs.h"
+#include "streamkeeper.h"
+
+namespace {
+
+constexpr char SOURCE[] = "util/filemanager/diskfile";
+
+// The stored lengths are little-endian whatever the host's order.
+void PutLength(uint8_t (&bytes)[4], uint32_t length) {
+    for (size_t i = 0; i < sizeof(bytes); ++i)
+        bytes[i] = static_cast<uint8_t>(length >> (8 * i));
+}
+
+uint32_t GetLengthOf(const uint8_t (&bytes)[4]) {
+    uint32_t length = 0;
+    for (size_t i = 0; i < sizeof(bytes); ++i)
+        length |= uint32_t{bytes[i]} << (8 * i);
+    return length;
+}
+
+} // namespace
+
+CDiskFile::CDiskFile(const CRtString& strFileName) : m_strFileName(strFileName) {
+    RT_LOG(RT_LOG_TRACE,
+           "CDiskFile::CDiskFile, filename=" << m_strFileName << " this=" << this);
+    RT_CHECK(SOURCE, !strFileName.empty(), "!strFileName.empty()");
+}
+
+CDiskFile::~CDiskFile() {
+    RT_LOG(RT_LOG_TRACE,
+           "CDiskFile::~CDiskFile, filename=" << m_strFileName << " this=" << this);
+    Close();
+}
+
+int CDiskFile::Open(const CRtString& strFileName, int bCreate) {
+    RT_LOG(RT_LOG_TRACE, "CDiskFile::Open, filename=" << strFileName << " this=" << this);
+    if (strFileName.empty()) {
+        RT_LOG(RT_LOG_ERROR, "CDiskFile::Open. FileName is Empty. this=" << this);
+        return RT_ERROR_INVALID_ARG;
+    }
+    const CStreamKeeper::CUse use(*this);
+    Close();
+    CStreamKeeper& keeper = CStreamKeeper::Instance();
+    keeper.MakeRoom();
+    int error = 0;
+    FILE* stream = RtOs::OpenStream(strFileName, bCreate != 0, error);
+    while (!stream && RtOs::IsOutOfStreams(error) && keeper.GiveBack())
+        stream = RtOs::OpenStream(strFileName, bCreate != 0, error);
+    if (!stream) {
+        RT_LOG(RT_LOG_ERROR, "CDiskFile::Open. fopen Failed. error="
+                                 << error << " Filename=" << strFileName << " this=" << this);
+        return RT_ERROR_IO;
+    }
+    m_pFile = stream;
+    m_strFileName = strFileName;
+    return RT_OK;
+}
+
+int CDiskFile::Close() {
+    const CStreamKeeper::CUse use(*this);
+    if (m_pFile)
+        std::fclose(m_pFile); // every write was flushed: nothing is left that could fail
+    m_pFile = nullptr;
+    return RT_OK;
+}
+
+int CDiskFile::IsOpen() {
+    const CStreamKeeper::CUse use(*this);
+    if (m_pFile)
+        return 1;
+    if (!m_strFileName.empty() && RT_FAILED(Open(m_strFileName, 1))) {
+        // The data directory may have been removed while the system runs.
+        if (CFileManager* manager = CFileManager::Instance())
+            manager->CheckDataDir();
+        Open(m_strFileName, 1);
+    }
+    if (m_pFile)
+        return 1;
+    RT_LOG(RT_LOG_ERROR, "CDiskFile::IsOpen. File cann't open, filename="
+                             << m_strFileName << " this=" << this);
+    return 0;
+}
+
+int CDiskFile::WriteData(const void* lpBuffer, uint64_t dwOffset, uint32_t dwLength, int bFlush) {
+    RT_LOG(RT_LOG_TRACE, "CDiskFile::WriteData, filename="
+                             << m_strFileName << " dwLength=" << dwLength
+                             << " dwOffset=" << static_cast<uint32_t>(dwOffset) << " this=" << this);
+    if (!RT_CHECK(SOURCE, lpBuffer && dwLength > 0, "lpBuffer && dwLength >0"))
+        return RT_ERROR_INVALID_ARG;
+    const CStreamKeeper::CUse use(*this);
+    if (!IsOpen()) {
+        RT_LOG(RT_LOG_ERROR, "CDiskFile::WriteData. Can't Open File. this=" << this);
+        return RT_ERROR_IO;
+    }
+    if (!RtOs::SeekStream(m_pFile, dwOffset))
+        return Fail("CDiskFile::WriteData. ", "fseek Failed. Error Ret: ", " filename=", dwLength,
+                    dwOffset);
+    if (std::fwrite(lpBuffer, dwLength, 1, m_pFile) != 1)
+        return Fail("CDiskFile::WriteData. ", "fwrite Failed. Error Ret: ", " filename=", dwLength,
+                    dwOffset);
+    if (bFlush)
+        std::fflush(m_pFile); // streams are unbuffered: what could fail has failed above
+    return RT_OK;
+}
+
+int CDiskFile::ReaddData(void* lpBuffer, uint64_t dwOffset, const uint32_t& dwLength) {
+    RT_LOG(RT_LOG_TRACE, "CDiskFile::ReaddData, filename="
+                             << m_strFileName << " dwLength=" << dwLength
+                             << " dwOffset=" << static_cast<uint32_t>(dwOffset) << " this=" << this);
+    if (!RT_CHECK(SOURCE, lpBuffer && dwLength > 0, "lpBuffer && dwLength>0"))
+        return RT_ERROR_INVALID_ARG;
+    const CStreamKeeper::CUse use(*this);
+    if (!IsOpen()) {
+        RT_LOG(RT_LOG_ERROR, "CDiskFile::ReaddData. this=" << this);
+        return RT_ERROR_IO;
+    }
+    if (!RtOs::SeekStream(m_pFile, dwOffset))
+        return Fail("CDiskFile::ReaddData. ", "fseek Failed. Error Ret: ", " fileName=", dwLength,
+                    dwOffset);
+    if (std::fread(lpBuffer, dwLength, 1, m_pFile) != 1)
+        return Fail("CDiskFile::ReaddData. ", "fread Failed. Error Ret: ", " fileName=", dwLength,
+                    dwOffset);
+    return RT_OK;
+}
+
+// Closes the stream, so that the next call starts from a fresh one.
+int CDiskFile::Fail(const char* operation, const char* step, const char* pathKey,
+                    uint32_t dwLength, uint64_t dwOffset) {
+    const int indicator = std::ferror(m_pFile);
+    std::clearerr(m_pFile);
+    Close();
+    RT_LOG(RT_LOG_ERROR, operation << step << indicator << pathKey << m_strFileName
+                                   << " dwLength=" << dwLength << " dwOffset="
+                                   << static_cast<uint32_t>(dwOffset) << " this=" << this);
+    return RT_ERROR_IO;
+}
+
+int CDiskFile::GetLength(uint64_t& length) {
+    const CStreamKeeper::CUse use(*this);
+    return IsOpen() && RtOs::GetStreamLength(m_pFile, length) ? RT_OK : RT_ERROR_IO;
+}
+
+int CDiskFile::RemoveMee() {
+    RT_LOG(RT_LOG_TRACE, "CDiskFile::RemoveMee, filename=" << m_strFileName << " this=" << this);
+    Close();
+    if (!CFileManager::FileExists(m_strFileName))
+        return RT_OK;
+    if (const int result = RtOs::RemoveFile(m_strFileName); result != 0) {
+        RT_LOG(RT_LOG_ERROR, "CDiskFile::RemoveMee. unlink Failed. Error Ret: "
+                                 << result << " Filename=" << m_strFileName << " this=" << this);
+        return RT_ERROR_IO;
+    }
+    return RT_OK;
+}
+
+int CInfoFile::WriteFileInfo(const void* body, uint32_t length) {
+    uint8_t prefix[4];
+    PutLength(prefix, length);
+    int ret = WriteData(FM_INFO_MAGIC, 0, FM_INFO_MAGIC_SIZE, 0);
+    if (RT_SUCCEEDED(ret))
+        ret = WriteData(prefix, FM_INFO_LENGTH_OFFSET, sizeof(prefix), 0);
+    if (RT_SUCCEEDED(ret))
+        ret = WriteData(body, FM_INFO_BODY_OFFSET, length, 1);
+    if (RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
+        m_fileInfoLen = length;
+    return ret;
+}
+
+int CInfoFile::WriteBlockInfo(const void* body, uint32_t length) {
+    if (!RT_CHECK(SOURCE, m_fileInfoLen > 0, "m_fileInfoLen >0"))
+        return RT_ERROR_NOT_READY;
+    const uint64_t offset = uint64_t{FM_INFO_BODY_OFFSET} + m_fileInfoLen;
+    uint8_t prefix[4];
+    PutLength(prefix, length);
+    const int ret = WriteData(prefix, offset, sizeof(prefix), 0);
+    if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
+        return ret;
+    return WriteData(body, offset + sizeof(prefix), length, 1);
+}
+
+int CInfoFile::ReaddFileInfo(void* buffer, uint32_t* length) {
+    char magic[16] = {};
+    uint8_t prefix[4];
+    int ret = ReaddData(magic, 0, FM_INFO_MAGIC_SIZE);
+    if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
+        return ret;
+    if (std::strcmp(magic, FM_INFO_MAGIC) != 0) {
+        RT_LOG(RT_LOG_ERROR, "CInfoFile::ReaddFileInfo. not sdinfo file! readFileHeader="
+                                 << magic << " this=" << this);
+        return RT_ERROR_NOT_READY;
+    }
+    ret = ReaddData(prefix, FM_INFO_LENGTH_OFFSET, sizeof(prefix));
+    if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
+        return ret;
+    const uint32_t capacity = *length;
+    *length = GetLengthOf(prefix);
+    if (*length > capacity)
+        return RT_ERROR_INVALID_ARG;
+    ret = ReaddData(buffer, FM_INFO_BODY_OFFSET, *length);
+    if (RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
+        m_fileInfoLen = *length;
+    return ret;
+}
+
+int CInfoFile::ReaddBlockInfo(void* buffer, uint32_t* capacity) {
+    const uint64_t offset = uint64_t{FM_INFO_BODY_OFFSET} + m_fileInfoLen;
+    uint8_t prefix[4];
+    int ret = ReaddData(prefix, offset, sizeof(prefix));
+    if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
+        return ret;
+    const uint32_t length = GetLengthOf(prefix);
+    if (*capacity >= length) {
+        ret = ReaddData(buffer, offset + sizeof(prefix), length);
+        if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
+            return ret;
+    }
+    *capacity = length;
+    return RT_OK;
+}

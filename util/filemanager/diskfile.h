@@ -1,0 +1,69 @@
+// CDiskFile: the only way to the bytes of a file on disk; CInfoFile: the information file over it.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+#include "RtReferenceControl.h"
+#include "RtString.h"
+
+/// One path, opened on first use, created when missing, with positioned reads and writes of whole
+/// records. One thread at a time uses an object; which one, its file says. The stream stays open between
+/// calls, unless the process runs short of streams: then the one that was used least recently is closed
+/// and comes back on its next use.
+class CDiskFile : public CRtReferenceControl {
+public:
+    explicit CDiskFile(const CRtString& strFileName);
+
+    /// 0; 10006 the disk failed; 10008 no buffer or length 0.
+    int WriteData(const void* lpBuffer, uint64_t dwOffset, uint32_t dwLength, int bFlush);
+    /// Exactly dwLength bytes or a failure. Results as for WriteData.
+    int ReaddData(void* lpBuffer, uint64_t dwOffset, const uint32_t& dwLength);
+    /// Deletes the file, if there is one. 0, 10006.
+    int RemoveMee();
+    /// 0; 10006; 10008 for an empty path.
+    int Open(const CRtString& strFileName, int bCreate);
+    /// 1 when a stream is open at the end of the call, else 0.
+    int IsOpen();
+    int Close();
+    /// The file's length in bytes; makes a missing file as a read would. 0, 10006.
+    int GetLength(uint64_t& length);
+    const CRtString& GetFileName() const { return m_strFileName; }
+
+protected:
+    ~CDiskFile() override;
+
+private:
+    friend class CStreamKeeper;
+    int Fail(const char* operation, const char* step, const char* pathKey, uint32_t dwLength,
+             uint64_t dwOffset);
+
+    CRtString m_strFileName;
+    FILE* m_pFile = nullptr; // changed by another thread only while the stream is not in use
+    // The keeper's: links from the least to the most recently used stream, and whether it is in use.
+    CDiskFile* m_pOlder = nullptr;
+    CDiskFile* m_pNewer = nullptr;
+    bool m_kept = false;
+    uint32_t m_uses = 0;
+};
+
+/// The information file: two length-prefixed bodies after four magic bytes. Each operation answers 0,
+/// the failing disk operation's code, or 10015 as said.
+class CInfoFile final : public CDiskFile {
+public:
+    using CDiskFile::CDiskFile;
+
+    int WriteFileInfo(const void* body, uint32_t length);
+    /// 10015 before any file body was written or read: its length places this one.
+    int WriteBlockInfo(const void* body, uint32_t length);
+    /// `length`: in, the size of the buffer; out, L1. 10008 when L1 is larger; 10015 when the file is no
+    /// information file.
+    int ReaddFileInfo(void* buffer, uint32_t* length);
+    /// `capacity`: in, the size of the buffer; out, L2. A capacity below L2 only asks for L2.
+    int ReaddBlockInfo(void* buffer, uint32_t* capacity);
+
+private:
+    ~CInfoFile() override = default;
+
+    uint32_t m_fileInfoLen = 0; // L1 as last written or read
+};

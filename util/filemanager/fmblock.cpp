@@ -1,0 +1,485 @@
+// The block: its bytes in memory, writes and reads, and their way to and from the data file.
+//
+// A store belongs to the bytes it was posted for. The block remembers the address of those bytes
+// (m_storeBytes) from the posting to the end of the store; the event holds them, so that no other buffer
+// can have that address meanwhile. A rewrite forgets the address: the old store, if it cannot be taken
+// back out of the queue any more, finds that it is out of date and changes nothing.
+#include "fmblock.h"
+
+#include <algorithm>
+
+#include "RtLog.h"
+#include "RtResult.h"
+#include "RtThreadManager.h"
+#include "RtTimeValue.h"
+#include "diskfile.h"
+#include "filemanager.h"
+#include "fmfile.h"
+#include "fmfunctor.h"
+
+namespace {
+
+constexpr char SOURCE[] = "util/filemanager/fmblock";
+constexpr int64_t ALIVE_MS = 8192;
+constexpr int64_t IDLE_MS = 240000;
+constexpr int64_t IDLE_MS_WHEN_FULL = 120000;
+
+using TransferLock = std::lock_guard<std::mutex>;
+
+void CheckReadwrThread() {
+    RT_CHECK(SOURCE,
+             CRtThreadManager::GetThreadSelfId() == CFileManager::Instance()->GetReadwrThreadID(),
+             "CRtThreadManager::GetThreadSelfId() == "
+             "CFileManager::Instance()->GetReadwrThreadID()");
+}
+
+int64_t MsSince(uint64_t tick) { return static_cast<int64_t>(GetTickCountEx() - tick); }
+
+} // namespace
+
+CFMBlock::CFMBlock(CFMFile* file, uint32_t blockID)
+    : m_file(file), m_blockID(blockID), m_lastAccessTime(GetTickCountEx()) {
+    ++g_counters.blocksCreated;
+    RT_LOG(RT_LOG_TRACE, "CFMBlock::CFMBlock, blockID=" << m_blockID << " this=" << this);
+}
+
+CFMBlock::~CFMBlock() {
+    ++g_counters.blocksDestroyed;
+    RT_LOG(RT_LOG_TRACE, "CFMBlock::~CFMBlock, blockID=" << m_blockID << ",readsinks="
+                                                         << uint64_t{m_readsinks.size()}
+                                                         << " this=" << this);
+    m_retrieves.clear();
+    m_readsinks.clear();
+    FreeData();
+}
+
+IFMFile* CFMBlock::GetFile() { return m_file.Get(); }
+const FMFileID& CFMBlock::GetFileID() { return m_file->GetFileInfo().fileID; }
+
+bool CFMBlock::IsAlive() {
+    if (IsComplete())
+        return true;
+    return m_position != 0 && MsSince(m_lastAccessTime) < ALIVE_MS;
+}
+
+bool CFMBlock::CheckValid() {
+    return RT_CHECK(SOURCE, m_retrieves.size() < cmax_check_owners,
+                    "m_retrieves.size() < cmax_check_owners") &&
+           RT_CHECK(SOURCE, m_readsinks.size() < cmax_check_owners,
+                    "m_readsinks.size() < cmax_check_owners") &&
+           RT_CHECK(SOURCE, m_file.Get(), "m_file.Get()") &&
+           RT_CHECK(SOURCE, m_totalLen <= cmax_block_data_len,
+                    "m_totalLen <= cmax_block_data_len") &&
+           RT_CHECK(SOURCE, m_position <= m_totalLen, "m_position <= m_totalLen") &&
+           RT_CHECK(SOURCE, m_posInFile < cmax_filea_data_len,
+                    "m_posInFile < cmax_filea_data_len");
+}
+
+// --- Memory -------------------------------------------------------------------------------------
+
+void CFMBlock::AllocData() {
+    if (!RT_CHECK(SOURCE, !m_data, "!m_data"))
+        return;
+    m_data = CRtMessageBlock::Create(m_totalLen);
+    if (!m_data)
+        return;
+    CFileManager::Instance()->AddMemory(m_totalLen);
+    m_file->MarkDataInMemory();
+}
+
+void CFMBlock::FreeData() {
+    if (!m_data)
+        return;
+    m_data.reset();
+    if (CFileManager* manager = CFileManager::IfAlive())
+        manager->SubtractMemory(m_totalLen);
+}
+
+void CFMBlock::SetData(CRtMessageBlock* aData) {
+    if (!RT_CHECK(SOURCE, !m_data && aData && aData->GetChainedLength() == m_totalLen,
+                  "!m_data && aData&& aData->GetChainedLength() == m_totalLen"))
+        return;
+    m_data = aData->DuplicateChained();
+    if (!m_data)
+        return;
+    CFileManager::Instance()->AddMemory(m_totalLen);
+    m_file->MarkDataInMemory();
+}
+
+bool CFMBlock::FreeMemory() {
+    if (m_state != BLOCK_STATE_STORED || !m_data)
+        return m_data != nullptr;
+    CFileManager* manager = CFileManager::Instance();
+    const bool full = 2 * manager->GetMemoryLimit() < manager->GetMemoryInUse();
+    if (MsSince(m_lastAccessTime) <= (full ? IDLE_MS_WHEN_FULL : IDLE_MS))
+        return true;
+    RT_LOG(RT_LOG_TRACE, "CFMBlock::FreeMemory, fileID=" << FMFileIDToString(GetFileID())
+                                                         << ",blockID=" << m_blockID
+                                                         << " this=" << this);
+    FreeData();
+    return false;
+}
+
+// --- Writing ------------------------------------------------------------------------------------
+
+int CFMBlock::WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* data) {
+    m_lastAccessTime = GetTickCountEx();
+    CheckValid();
+    if (const int result = CheckPiece(blockLen, dataPos, data); RT_FAILED(result))
+        return result;
+    // The caller may hand in a chain of this very block, which a rewrite ends.
+    const CRtMessageChain pieces = data->DuplicateChained();
+    if (!pieces)
+        return RT_ERROR_NULL_OBJECT;
+    const bool rewrite = dataPos != m_position;
+    if (!rewrite && IsComplete())
+        return RT_OK; // an empty piece at the end
+
+    const TransferLock lock(m_file->GetTransferMutex());
+    if (rewrite)
+        BeginRewrite(blockLen);
+    if (const int result = PrepareBuffer(blockLen); RT_FAILED(result))
+        return result;
+    for (CRtMessageBlock* piece = pieces.get(); piece; piece = piece->GetNext()) {
+        const uint32_t length = piece->GetTopLevelLength();
+        piece->Read(m_data->GetTopLevelWritePtr(), length);
+        m_data->AdvanceTopLevelWritePtr(length);
+        m_position += length;
+    }
+    if (IsComplete())
+        Complete();
+    return RT_OK;
+}
+
+// Nothing has been changed yet when a piece is refused.
+int CFMBlock::CheckPiece(uint32_t blockLen, uint32_t dataPos, const CRtMessageBlock* data) {
+    if (dataPos != m_position && dataPos != 0) {
+        RT_LOG(RT_LOG_ERROR, "CFMBlock::WriteData, m_position=" << m_position << ",dataPos="
+                                                                << dataPos << ",blockID="
+                                                                << m_blockID << " this=" << this);
+        return RT_ERROR_INVALID_ARG;
+    }
+    if (!RT_CHECK(SOURCE, data && blockLen > 0, "data && blockLen > 0"))
+        return RT_ERROR_INVALID_ARG;
+    const bool begins = dataPos != m_position || m_totalLen == 0;
+    const uint64_t length = begins ? blockLen : m_totalLen;
+    if (!RT_CHECK(SOURCE, dataPos + data->GetChainedLength() <= length,
+                  "dataPos + data->GetChainedLength() <= m_totalLen"))
+        return RT_ERROR_INVALID_ARG;
+    return RT_OK;
+}
+
+void CFMBlock::BeginRewrite(uint32_t blockLen) {
+    RT_LOG(RT_LOG_WARNING, "CFMBlock::WriteData, rewrite data! m_position="
+                               << m_position << ",m_totalLen=" << m_totalLen << ",blockLen="
+                               << blockLen << ",dataPos=" << 0 << " this=" << this);
+    WithdrawStore();
+    m_staleLoads = m_loadsUnderWay;
+    FreeData();
+    m_position = 0;
+    if (m_totalLen != blockLen) {
+        m_posInFile = 0;
+        m_totalLen = 0;
+    }
+}
+
+int CFMBlock::PrepareBuffer(uint32_t blockLen) {
+    if (m_data)
+        return RT_OK;
+    if (m_totalLen == 0) {
+        m_totalLen = blockLen;
+        m_file->MarkInfoChanged();
+    } else {
+        RT_CHECK(SOURCE, m_totalLen == blockLen, "m_totalLen == blockLen");
+    }
+    m_state = BLOCK_STATE_FILLING;
+    AllocData();
+    return RT_CHECK(SOURCE, m_data, "m_data") ? RT_OK : RT_ERROR_NULL_OBJECT;
+}
+
+void CFMBlock::Complete() {
+    m_state = BLOCK_STATE_COMPLETE;
+    if (m_file->IsClosed()) {
+        // Its table is gone: nothing would ever find the bytes, and the path may be another object's.
+        RT_LOG(RT_LOG_WARNING, "CFMBlock::WriteData, file is closed, not stored. blockID="
+                                   << m_blockID << " this=" << this);
+        return;
+    }
+    if (m_posInFile == 0) {
+        m_file->AllocPosition(m_posInFile, m_totalLen);
+        m_file->MarkInfoChanged();
+    }
+    PostStore();
+}
+
+// --- The store ----------------------------------------------------------------------------------
+
+void CFMBlock::PostStore() {
+    CRtMessageChain bytes = m_data->DuplicateChained();
+    if (!bytes)
+        return EndStore(RT_ERROR_NULL_OBJECT);
+    m_storeFailed.store(false, std::memory_order_release);
+    m_storeBytes = bytes->GetTopLevelReadPtr();
+    m_storeEvent = new CFMRefFunctor1(this, &CFMBlock::WriteToFile, std::move(bytes));
+    m_file->StorePosted();
+    const int result = CFileManager::Instance()->PostToReadwrThread(m_storeEvent, 0);
+    if (RT_FAILED(result)) {
+        m_file->StoreEnded();
+        EndStore(result);
+    }
+}
+
+// The bytes of a store that has not begun are given back at once.
+void CFMBlock::WithdrawStore() {
+    if (m_storeEvent && CFileManager::Instance()->WithdrawFromReadwrThread(m_storeEvent))
+        m_file->StoreEnded();
+    m_storeEvent = nullptr;
+    m_storeBytes = nullptr;
+    m_storeFailed.store(false, std::memory_order_release);
+}
+
+void CFMBlock::EndStore(int result) {
+    m_storeEvent = nullptr;
+    m_storeBytes = nullptr;
+    if (RT_SUCCEEDED(result)) {
+        m_state = BLOCK_STATE_STORED;
+        return;
+    }
+    m_storeFailed.store(true, std::memory_order_release);
+    m_file->MarkStoreFailed();
+}
+
+void CFMBlock::RetryStore() {
+    const TransferLock lock(m_file->GetTransferMutex());
+    if (m_storeFailed && m_data && IsComplete())
+        PostStore();
+}
+
+bool CFMBlock::IsStorePending() {
+    const TransferLock lock(m_file->GetTransferMutex());
+    return m_storeBytes != nullptr;
+}
+
+int CFMBlock::WriteToFile(CRtMessageBlock* aData) {
+    CheckReadwrThread();
+    CDiskFile* disk = m_file ? m_file->GetDiskFile() : nullptr;
+    int64_t pos = 0;
+    const char* bytes = aData ? aData->GetTopLevelReadPtr() : nullptr;
+    int result = RT_OK;
+    {
+        const TransferLock lock(m_file->GetTransferMutex());
+        if (aData && m_storeBytes != bytes) {
+            m_file->StoreEnded();
+            return RT_ERROR_NOT_READY; // rewritten since
+        }
+        m_storeEvent = nullptr;
+        pos = m_posInFile;
+        if (!RT_CHECK(SOURCE, disk, "m_file.Get() && m_file->GetDiskFile()") ||
+            !RT_CHECK(SOURCE, IsComplete() && aData, "IsComplete() && aData"))
+            result = RT_ERROR_NOT_READY;
+    }
+    if (RT_SUCCEEDED(result)) {
+        const uint32_t length = aData->GetTopLevelLength();
+        result = m_file->DiscardPredecessor();
+        if (RT_SUCCEEDED(result))
+            result = disk->WriteData(bytes, static_cast<uint64_t>(pos), length, 1);
+        if (RT_FAILED(result))
+            RT_LOG(RT_LOG_WARNING, "CFMBlock::WriteToFile, WriteData failed. ret="
+                                       << result << ",pos=" << pos << ",len=" << length
+                                       << " this=" << this);
+    }
+    const TransferLock lock(m_file->GetTransferMutex());
+    if (bytes && m_storeBytes == bytes)
+        EndStore(result);
+    m_file->StoreEnded();
+    return result;
+}
+
+FMBlockEntry CFMBlock::Describe() {
+    const TransferLock lock(m_file->GetTransferMutex());
+    if (!IsComplete() || IsStoreFailed())
+        return {m_blockID, 0, 0};
+    return {m_blockID, m_totalLen, m_posInFile};
+}
+
+void CFMBlock::Restore(const FMBlockEntry& entry) {
+    m_totalLen = entry.totalLen;
+    m_position = entry.totalLen;
+    if (IsComplete())
+        m_state = BLOCK_STATE_COMPLETE;
+    m_posInFile = entry.posInFile;
+}
+
+// --- Reading ------------------------------------------------------------------------------------
+
+int CFMBlock::ReadData(uint32_t readPos, uint32_t readLen, CRtMessageBlock*& pData) {
+    CheckValid();
+    if (readPos > m_position || uint64_t{readPos} + readLen > m_totalLen) {
+        RT_LOG(RT_LOG_WARNING, "CFMBlock::ReadData, readPos=" << readPos << ",readLen=" << readLen
+                                                              << ",blockID=" << m_blockID
+                                                              << " this=" << this);
+        return RT_ERROR_INVALID_ARG;
+    }
+    if (!IsComplete()) {
+        RT_LOG(RT_LOG_WARNING, "CFMBlock::ReadData, data no ready! m_position="
+                                   << m_position << ",m_totalLen=" << m_totalLen << ",blockID="
+                                   << m_blockID << " this=" << this);
+        return RT_ERROR_NOT_READY;
+    }
+    m_lastAccessTime = GetTickCountEx();
+    if (!m_data) {
+        m_syncLoadResult = RT_OK;
+        PostLoad(1); // what came of it shows in m_data
+    }
+    if (!RT_CHECK(SOURCE, m_data, "m_data"))
+        return m_syncLoadResult == RT_ERROR_NULL_OBJECT ? RT_ERROR_NULL_OBJECT : RT_ERROR_FAILURE;
+    CRtMessageChain view = m_data->DuplicateChained();
+    if (!RT_CHECK(SOURCE, view, "pData"))
+        return RT_ERROR_FAILURE;
+    view->SetTopLevelRange(readPos, readLen);
+    pData = view.release();
+    return RT_OK;
+}
+
+int CFMBlock::ReadData(IFMBlockSink* sink) {
+    RT_LOG(RT_LOG_TRACE, "CFMBlock::ReadData, async, sink=" << sink << ",m_readsinks="
+                                                            << uint64_t{m_readsinks.size()}
+                                                            << " this=" << this);
+    if (!RT_CHECK(SOURCE, sink, "sink"))
+        return RT_ERROR_INVALID_ARG;
+    CheckValid();
+    if (m_data) {
+        const CRtComAutoPtr<CFMBlock> self(this); // the sink may drop the last other reference
+        sink->OnBlockDataReady(this, RT_OK);
+        return RT_OK;
+    }
+    if (IsWaiting(sink))
+        return RT_OK;
+    m_readsinks.push_back(sink);
+    if (m_readsinks.size() > 1)
+        return RT_OK;
+    const int result = PostLoad(0);
+    if (RT_FAILED(result))
+        m_readsinks.clear();
+    return result;
+}
+
+int CFMBlock::CancelReadData(IFMBlockSink* sink) {
+    RT_LOG(RT_LOG_TRACE, "CFMBlock::CancelReadData, sink=" << sink << ",m_readsinks="
+                                                           << uint64_t{m_readsinks.size()}
+                                                           << " this=" << this);
+    if (!RT_CHECK(SOURCE, sink, "sink"))
+        return RT_ERROR_INVALID_ARG;
+    m_readsinks.remove(sink);
+    for (CallRound* round = m_calling; round; round = round->outer)
+        round->sinks.remove(sink);
+    return RT_OK;
+}
+
+bool CFMBlock::IsWaiting(const IFMBlockSink* sink) const {
+    const auto holds = [sink](const std::list<IFMBlockSink*>& sinks) {
+        return std::find(sinks.begin(), sinks.end(), sink) != sinks.end();
+    };
+    for (const CallRound* round = m_calling; round; round = round->outer) {
+        if (holds(round->sinks))
+            return true;
+    }
+    return holds(m_readsinks);
+}
+
+int CFMBlock::PostLoad(int bSync) {
+    const int result = CFileManager::Instance()->PostToReadwrThread(
+        new CFMRefFunctor2(this, &CFMBlock::ReadFromFile, m_totalLen, bSync), bSync);
+    if (RT_SUCCEEDED(result) && !bSync)
+        ++m_loadsUnderWay;
+    return result;
+}
+
+int CFMBlock::ReadFromFile(uint32_t len, int bSync) {
+    CheckReadwrThread();
+    CRtMessageChain buffer;
+    const int result = LoadBytes(len, buffer);
+    if (bSync) { // the caller thread waits for this very event
+        m_syncLoadResult = result;
+        if (RT_SUCCEEDED(result))
+            SetData(buffer.get());
+        return result;
+    }
+    CFileManager::Instance()->PostToCallerThread(
+        new CFMRefFunctor2(this, &CFMBlock::OnDataReady, result, buffer.release()), 0);
+    return result;
+}
+
+int CFMBlock::LoadBytes(uint32_t len, CRtMessageChain& buffer) {
+    CDiskFile* disk = m_file ? m_file->GetDiskFile() : nullptr;
+    int64_t pos = 0;
+    {
+        const TransferLock lock(m_file->GetTransferMutex());
+        if (!RT_CHECK(SOURCE, disk, "m_file.Get() && m_file->GetDiskFile()") ||
+            !RT_CHECK(SOURCE, IsComplete(), "IsComplete()"))
+            return RT_ERROR_NOT_READY;
+        pos = m_posInFile;
+    }
+    // No buffer is made that the data file could not fill.
+    uint64_t fileLength = 0;
+    int result = disk->GetLength(fileLength);
+    if (RT_SUCCEEDED(result) && static_cast<uint64_t>(pos) + len > fileLength)
+        result = RT_ERROR_IO;
+    if (RT_SUCCEEDED(result)) {
+        buffer = CRtMessageBlock::Create(len);
+        result = buffer ? disk->ReaddData(buffer->GetTopLevelWritePtr(), static_cast<uint64_t>(pos),
+                                          len)
+                        : RT_ERROR_NULL_OBJECT;
+    }
+    if (RT_SUCCEEDED(result))
+        buffer->AdvanceTopLevelWritePtr(len);
+    else
+        RT_LOG(RT_LOG_WARNING, "CFMBlock::ReadFromFile, ReadData failed. ret="
+                                   << result << ",pos=" << pos << ",len=" << len
+                                   << " this=" << this);
+    return result;
+}
+
+void CFMBlock::OnDataReady(int aResult, CRtMessageBlock* aData) {
+    RT_LOG(RT_LOG_TRACE, "CFMBlock::OnDataReady, aResult="
+                             << aResult << ",m_readsinks=" << uint64_t{m_readsinks.size()}
+                             << " this=" << this);
+    if (m_loadsUnderWay > 0)
+        --m_loadsUnderWay;
+    const bool stale = m_staleLoads > 0;
+    if (stale)
+        --m_staleLoads;
+    if (!stale) {
+        if (RT_SUCCEEDED(aResult))
+            SetData(aData);
+        if (RT_SUCCEEDED(aResult) && !m_data)
+            aResult = RT_ERROR_FAILURE;
+        return CallSinks(aResult);
+    }
+    // The bytes that came are those of before a rewrite: the sinks get what the block holds now.
+    if (m_readsinks.empty())
+        return;
+    if (!IsComplete())
+        return CallSinks(RT_ERROR_NOT_READY);
+    if (m_data)
+        return CallSinks(RT_OK);
+    if (m_loadsUnderWay > m_staleLoads)
+        return; // a later load is on its way
+    if (const int result = PostLoad(0); RT_FAILED(result))
+        CallSinks(result);
+}
+
+// The sinks that wait now, first come first served. One that asks again from inside its call waits for
+// the next load; one that is cancelled meanwhile is not called.
+void CFMBlock::CallSinks(int result) {
+    const CRtComAutoPtr<CFMBlock> self(this);
+    CallRound round{{}, m_calling};
+    round.sinks.swap(m_readsinks);
+    m_calling = &round;
+    while (!round.sinks.empty()) {
+        IFMBlockSink* sink = round.sinks.front();
+        round.sinks.pop_front();
+        sink->OnBlockDataReady(this, result);
+    }
+    m_calling = round.outer;
+}

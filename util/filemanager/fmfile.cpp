@@ -1,0 +1,239 @@
+// The file object: its life, its block table, the layout of its data file.
+#include "fmfile.h"
+
+#include <algorithm>
+
+#include "RtLog.h"
+#include "RtResult.h"
+#include "RtTimeValue.h"
+#include "filemanager.h"
+#include "fmfunctor.h"
+
+namespace {
+
+constexpr char SOURCE[] = "util/filemanager/fmfile";
+constexpr uint32_t DEFAULT_TABLE_SIZE = 64;
+constexpr uint32_t LARGEST_NUM_TAKEN = 8192;
+constexpr uint32_t SMALLEST_GROWTH = 64;
+constexpr uint32_t GROWTH_BEYOND = 8; // slots beyond the one that is asked for
+constexpr uint32_t HUGE_TABLE = 2048;
+constexpr uint32_t SECONDS_PER_DAY = 86400;
+
+uint32_t Now() { return static_cast<uint32_t>(CRtTimeValue::GetTimeOfDay().GetSec()); }
+
+} // namespace
+
+CFMFile::CFMFile(const FMFileInfo& fileInfo)
+    : m_fileInfo(fileInfo), m_createTime(Now()), m_pathID(fileInfo.fileID), m_overPredecessor(true) {
+    ++g_counters.filesCreated;
+    RT_LOG(RT_LOG_TRACE, "CFMFile::CFMFile, fileID="
+                             << FMFileIDToString(m_fileInfo.fileID) << ",flag=" << m_fileInfo.flag
+                             << ",blockbeg=" << m_fileInfo.blockBeg << ",num=" << m_fileInfo.num
+                             << " this=" << this);
+    if (m_fileInfo.num == 0 || m_fileInfo.num > LARGEST_NUM_TAKEN)
+        m_fileInfo.num = DEFAULT_TABLE_SIZE;
+    m_blocks.resize(m_fileInfo.num);
+    MakeDiskFiles(FMFileIDToString(m_fileInfo.fileID));
+}
+
+CFMFile::CFMFile(const CRtString& stem) {
+    ++g_counters.filesCreated;
+    RT_LOG(RT_LOG_TRACE, "CFMFile::CFMFile, fileName=" << stem << " this=" << this);
+    FMFileIDFromString(stem, m_pathID);
+    MakeDiskFiles(stem);
+}
+
+void CFMFile::MakeDiskFiles(const CRtString& stem) {
+    const CRtString path = CFileManager::Instance()->GetDataDir() + stem;
+    m_diskFile = new (std::nothrow) CDiskFile(path + ".sdd");
+    RT_CHECK(SOURCE, m_diskFile, "m_diskFile");
+    m_infoFile = new (std::nothrow) CInfoFile(path + ".sdi");
+    RT_CHECK(SOURCE, m_infoFile, "m_infoFile");
+}
+
+CFMFile::~CFMFile() {
+    ++g_counters.filesDestroyed;
+    CFileManager* manager = CFileManager::IfAlive();
+    if (m_registered && manager)
+        manager->ForgetFile(this);
+    RT_LOG(RT_LOG_TRACE, "CFMFile::~CFMFile, fileID=" << FMFileIDToString(m_fileInfo.fileID)
+                                                      << ", fileFlag=" << m_fileFlag.load()
+                                                      << " this=" << this);
+    m_infoFile.Reset();
+    m_diskFile.Reset();
+}
+
+int CFMFile::GetBlock(IFMBlock*& block, uint32_t blockID, int create) {
+    const uint32_t slot = blockID - m_fileInfo.blockBeg;
+    if (slot < m_blocks.size()) {
+        block = m_blocks[slot].Get();
+        if (block) {
+            block->AddReference();
+            return RT_OK;
+        }
+    }
+    if (!create)
+        return RT_ERROR_NOT_FOUND;
+    if (m_closed) // a block in a closed table would keep the file, and the file the block, for ever
+        return RT_ERROR_NOT_READY;
+    if (slot >= m_blocks.size()) {
+        if (const int result = GrowTable(blockID); RT_FAILED(result))
+            return result;
+    }
+    CheckValid();
+    const CRtComAutoPtr<CFMBlock> fmBlock = CFileManager::Instance()->CreateBlock(this, blockID);
+    if (!RT_CHECK(SOURCE, fmBlock, "fmBlock")) {
+        block = nullptr;
+        return RT_ERROR_NULL_OBJECT;
+    }
+    m_blocks[slot] = fmBlock;
+    block = fmBlock.Get();
+    block->AddReference();
+    return RT_OK;
+}
+
+int CFMFile::GrowTable(uint32_t blockID) {
+    if (!RT_CHECK(SOURCE, blockID >= m_fileInfo.blockBeg, "blockID>=m_fileInfo.blockBeg"))
+        return RT_ERROR_INVALID_ARG;
+    const uint32_t slot = blockID - m_fileInfo.blockBeg;
+    if (slot >= FM_TABLE_SLOTS_MAX)
+        return RT_ERROR_INVALID_ARG;
+    const uint32_t growth = std::max(SMALLEST_GROWTH, slot - m_fileInfo.num + GROWTH_BEYOND);
+    m_fileInfo.num = std::min(m_fileInfo.num + growth, FM_TABLE_SLOTS_MAX);
+    m_blocks.resize(m_fileInfo.num);
+    if (m_fileInfo.num > HUGE_TABLE)
+        RT_LOG(RT_LOG_WARNING, "CFMFile::GetBlock, huge file. fileID="
+                                   << FMFileIDToString(m_fileInfo.fileID) << " this=" << this);
+    return RT_OK;
+}
+
+bool CFMFile::IsBlockidOK(uint32_t blockID) const {
+    return blockID >= m_fileInfo.blockBeg && blockID - m_fileInfo.blockBeg < m_blocks.size();
+}
+
+int CFMFile::RemoveBlock(uint32_t blockID, IFMBlock*& block) {
+    if (!RT_CHECK(SOURCE, IsBlockidOK(blockID), "IsBlockidOK(blockID)"))
+        return RT_ERROR_INVALID_ARG;
+    RT_LOG(RT_LOG_TRACE, "CFMFile::RemoveBlock, fileID=" << FMFileIDToString(m_fileInfo.fileID)
+                                                         << ",blockID=" << blockID
+                                                         << " this=" << this);
+    block = m_blocks[blockID - m_fileInfo.blockBeg].Detach();
+    if (block)
+        MarkInfoChanged();
+    return RT_OK;
+}
+
+void CFMFile::CancelRetrieve(ISDUser* node, int bRemoveOwner) {
+    if (!RT_CHECK(SOURCE, node, "node"))
+        return;
+    RT_LOG(RT_LOG_TRACE, "CFMFile::CancelRetrieve, fileID=" << FMFileIDToString(m_fileInfo.fileID)
+                                                            << ",node=" << node->GetNodeSID()
+                                                            << " this=" << this);
+    for (const auto& block : m_blocks) {
+        if (!block)
+            continue;
+        block->CancelRetrieve(node);
+        if (bRemoveOwner)
+            block->SetOwner(node, 0);
+    }
+}
+
+void CFMFile::AllocPosition(int64_t& offset, uint32_t length) {
+    offset = m_position;
+    m_position += length;
+}
+
+void CFMFile::FreeBlocksMemory() {
+    if (!(m_fileFlag.load() & FLAG_DATA_IN_MEMORY))
+        return;
+    m_fileFlag.fetch_and(~uint32_t{FLAG_DATA_IN_MEMORY});
+    for (const auto& block : m_blocks) {
+        if (block && block->FreeMemory())
+            MarkDataInMemory();
+    }
+}
+
+void CFMFile::RetryFailedStores() {
+    if (!m_storeFailed.exchange(false))
+        return;
+    for (const auto& block : m_blocks) {
+        if (block)
+            block->RetryStore();
+    }
+}
+
+void CFMFile::Close(int sync) {
+    if (m_fileInfo.flag & FM_FILE_TEMPORARY) {
+        CFileManager::Instance()->PostToReadwrThread(
+            new CFMRefFunctor0(this, &CFMFile::ClerDiskFile_m), sync);
+    } else if (m_fileFlag.load() & FLAG_INFO_CHANGED) {
+        RetryFailedStores(); // the last time: their bytes go with the blocks
+        SaveFileInfo();
+    }
+    m_closed = true;
+    ReleaseBlocks();
+}
+
+void CFMFile::ReleaseBlocks() {
+    FMBlockTable released;
+    released.swap(m_blocks);
+}
+
+void CFMFile::Retire() {
+    m_retired.store(true, std::memory_order_release);
+    if (m_diskFile)
+        m_diskFile->Close();
+    if (m_infoFile)
+        m_infoFile->Close();
+}
+
+// The information goes first: bytes of this file are never found under the old block table. The old
+// data file goes too, so that this one is a new file to the file system and not old blocks overwritten.
+int CFMFile::DiscardPredecessor() {
+    if (!m_overPredecessor.load(std::memory_order_acquire))
+        return RT_OK;
+    int result = m_infoFile ? m_infoFile->RemoveMee() : RT_OK;
+    if (RT_SUCCEEDED(result) && m_diskFile)
+        result = m_diskFile->RemoveMee();
+    if (RT_SUCCEEDED(result))
+        m_overPredecessor.store(false, std::memory_order_release);
+    return result;
+}
+
+int CFMFile::IsHouseKeeping() {
+    if (!LoadFileInfo())
+        return 1;
+    if (m_fileInfo.flag & FM_FILE_TEMPORARY)
+        return 1;
+    if (m_fileInfo.flag & FM_FILE_KEPT)
+        return 0;
+    const uint32_t now = Now();
+    // A creation time in the future, from a clock set back, counts as new.
+    const auto aDay =
+        static_cast<int32_t>(now > m_createTime ? (now - m_createTime) / SECONDS_PER_DAY : 0);
+    RT_LOG(RT_LOG_TRACE, "CFileManager::IsHouseKeeping. aDay=" << aDay << " this=" << this);
+    return aDay > CFileManager::Instance()->GetClearDays() ? 1 : 0;
+}
+
+void CFMFile::ClerDiskFile_m() {
+    RT_LOG(RT_LOG_TRACE, "CFMFile::ClerDiskFile_m, fileID="
+                             << FMFileIDToString(m_fileInfo.fileID) << " this=" << this);
+    if (m_retired.load(std::memory_order_acquire))
+        return; // the files on that path are another object's now
+    if (m_infoFile)
+        m_infoFile->RemoveMee();
+    if (m_diskFile)
+        m_diskFile->RemoveMee();
+    // A read of a block that a user holds would make the data file again.
+    m_retired.store(true, std::memory_order_release);
+}
+
+int CFMFile::CheckValid() {
+    return RT_CHECK(SOURCE, m_blocks.size() < cmax_check_blocks,
+                    "m_blocks.size() < cmax_check_blocks") &&
+                   RT_CHECK(SOURCE, m_diskFile.Get(), "m_diskFile.Get()") &&
+                   RT_CHECK(SOURCE, m_position < cmax_filea_data_len,
+                            "m_position < cmax_filea_data_len")
+               ? 1
+               : 0;
+}

@@ -1,0 +1,126 @@
+// CFMFile: one cached file that the system holds open, behind IFMFile.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+#include "FMInfoCodec.h"
+#include "IFMFile.h"
+#include "RtReferenceControl.h"
+#include "diskfile.h"
+#include "fmblock.h"
+
+constexpr uint32_t cmax_check_blocks = 131072;
+constexpr int64_t cmax_filea_data_len = 1073741824;
+
+/// Holds the description, the block table and the two disk files. The table holds a reference on each
+/// block and each block one on its file: Close breaks that cycle.
+///
+/// Threads: the caller thread, except where a member says otherwise. The data file is used on the
+/// read/write thread, the information file on the caller thread after the stores of the file have run.
+class CFMFile final : public IFMFile, public CRtReferenceControl {
+public:
+    explicit CFMFile(const FMFileInfo& fileInfo);
+    explicit CFMFile(const CRtString& stem);
+
+    uint32_t AddReference() override { return CRtReferenceControl::AddReference(); }
+    uint32_t ReleaseReference() override { return CRtReferenceControl::ReleaseReference(); }
+    int GetBlock(IFMBlock*& block, uint32_t blockID, int create) override;
+    int RemoveBlock(uint32_t blockID, IFMBlock*& block) override;
+    const FMBlockTable& GetBlocks() override { return m_blocks; }
+    void CancelRetrieve(ISDUser* node, int bRemoveOwner) override;
+    const FMFileInfo& GetFileInfo() override { return m_fileInfo; }
+
+    /// Null once another object has taken the path over. Any thread.
+    CDiskFile* GetDiskFile() {
+        return m_retired.load(std::memory_order_acquire) ? nullptr : m_diskFile.Get();
+    }
+    void AllocPosition(int64_t& offset, uint32_t length);
+    void FreeBlocksMemory();
+    void Close(int sync);
+
+    // Marks, set by blocks on either thread.
+    void MarkDataInMemory() { m_fileFlag.fetch_or(FLAG_DATA_IN_MEMORY); }
+    void MarkInfoChanged() { m_fileFlag.fetch_or(FLAG_INFO_CHANGED); }
+
+    int SaveFileInfo();
+    void SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody);
+    int LoadFileInfo();
+    int LoadBlokInfo();
+    /// Writes the information that waits to be written, instead of its event.
+    void SaveWaitingInfo();
+    void DropWaitingInfo();
+    bool IsInfoWaiting() const { return m_infoWaiting.load(std::memory_order_acquire); }
+
+    /// On the read/write thread, on an object that was made from a stem for this.
+    int IsHouseKeeping();
+    void ClerDiskFile_m();
+
+    /// The lock between the two threads over the blocks' place, length, position and store. The caller
+    /// thread alone changes those, under it; the read/write thread reads them under it.
+    std::mutex& GetTransferMutex() { return m_transferMutex; }
+    /// Stores that are queued or running. Counted up on the caller thread.
+    void StorePosted() { m_pendingStores.fetch_add(1, std::memory_order_relaxed); }
+    void StoreEnded() { m_pendingStores.fetch_sub(1, std::memory_order_acq_rel); }
+    /// A store failed: the next tick tries again. Either thread.
+    void MarkStoreFailed() { m_storeFailed.store(true, std::memory_order_release); }
+    void RetryFailedStores();
+    /// Removes what an earlier file of this identifier left on disk, its information first, before this
+    /// file's first byte is written. Any thread, while the other does not use the disk files. 0, 10006.
+    int DiscardPredecessor();
+    /// Another object takes the path over; nothing of this one runs on the read/write thread now.
+    void Retire();
+    /// A closed file takes no more blocks, and blocks that its users hold are stored no more.
+    bool IsClosed() const { return m_closed; }
+    /// The identifier that the path spells; the stored one may be another.
+    const FMFileID& GetPathID() const { return m_pathID; }
+    void SetRegistered() { m_registered = true; }
+    /// Releases every block of the table.
+    void ReleaseBlocks();
+
+private:
+    enum : uint32_t { FLAG_DATA_IN_MEMORY = 1, FLAG_INFO_CHANGED = 2 };
+
+    ~CFMFile() override;
+    void MakeDiskFiles(const CRtString& stem);
+    int CheckValid();
+    int GrowTable(uint32_t blockID);
+    bool IsBlockidOK(uint32_t blockID) const;
+
+    std::vector<FMBlockEntry> DescribeBlocks();
+    void PostInfo(CRtMessageChain fileBody, CRtMessageChain blockBody);
+    void EndWaiting();
+    void PostInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody);
+    CRtMessageChain WithoutFailedStores(CRtMessageBlock& blockBody);
+    void LimitTable();
+    void RestoreBlocks(const std::vector<FMBlockEntry>& slots);
+    void RestoreBlock(const FMBlockEntry& entry, uint64_t dataLength);
+
+    FMFileInfo m_fileInfo;
+    uint32_t m_createTime = 0; // seconds of the time of day
+    FMBlockTable m_blocks;
+    CRtComAutoPtr<CDiskFile> m_diskFile;
+    CRtComAutoPtr<CInfoFile> m_infoFile;
+    int64_t m_position = 0;               // the next free offset of the data file
+    std::atomic<uint32_t> m_fileFlag{0};  // either thread
+    friend class CFileManager;            // which alone changes the attach count
+    int32_t m_attachCount = 0;
+
+    FMFileID m_pathID = FMFileID_None;
+    bool m_registered = false;
+    bool m_closed = false;
+    std::atomic<bool> m_retired{false};        // set on the caller thread, read on both
+    std::atomic<bool> m_overPredecessor{false}; // older files of this identifier may lie on disk
+    std::mutex m_transferMutex;
+    std::atomic<uint32_t> m_pendingStores{0};
+    std::atomic<bool> m_storeFailed{false}; // some block's, either thread
+
+    // Information that waits to be written, beside the event that will write it.
+    std::atomic<bool> m_infoWaiting{false}; // housekeeping looks at it
+    CRtMessageChain m_waitingFileBody;
+    CRtMessageChain m_waitingBlockBody;
+    // Blocks whose store was not over when the table was encoded.
+    std::vector<CRtComAutoPtr<CFMBlock>> m_unsettled;
+};

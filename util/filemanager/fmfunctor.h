@@ -1,0 +1,115 @@
+// Event functors: a member function of an object, to be run on another thread. Made with new by whoever
+// posts them and disposed of by the queue. The plain kinds serve the manager, which outlives every
+// event; the counted kinds hold a reference on their file or block, so that it lives until the work has
+// run. The member function's result goes nowhere.
+#pragma once
+
+#include "RtEvent.h"
+#include "RtMessageBlock.h"
+#include "RtReferenceControl.h"
+
+class CFMFunctorBase : public IRtEvent {
+public:
+    int OnEventFire() override { return 0; }
+};
+
+/// A stored argument of a counted functor.
+template <class T>
+class CFMArgument {
+public:
+    explicit CFMArgument(const T& value) : m_value(value) {}
+    T& Get() { return m_value; }
+
+private:
+    T m_value;
+};
+
+/// A chain is taken over: the member function borrows it, the functor ends it, whether it ran or not.
+template <>
+class CFMArgument<CRtMessageBlock*> {
+public:
+    explicit CFMArgument(CRtMessageBlock* chain) : m_chain(chain) {}
+    CRtMessageBlock* Get() { return m_chain.get(); }
+
+private:
+    CRtMessageChain m_chain;
+};
+
+template <class T, class R>
+class CFMFunctor0 final : public CFMFunctorBase {
+public:
+    CFMFunctor0(T* target, R (T::*member)()) : m_target(target), m_member(member) {}
+    int OnEventFire() override {
+        (m_target->*m_member)();
+        return 0;
+    }
+
+private:
+    T* m_target;
+    R (T::*m_member)();
+};
+
+/// Calls with references to its two copies. An answer comes back through a std::reference_wrapper.
+template <class T, class R, class P1, class P2, class A, class B>
+class CFMFunctor2 final : public CFMFunctorBase {
+public:
+    CFMFunctor2(T* target, R (T::*member)(P1, P2), const A& first, const B& second)
+        : m_target(target), m_member(member), m_first(first), m_second(second) {}
+    int OnEventFire() override {
+        (m_target->*m_member)(m_first, m_second);
+        return 0;
+    }
+
+private:
+    T* m_target;
+    R (T::*m_member)(P1, P2);
+    A m_first;
+    B m_second;
+};
+
+template <class T, class R>
+class CFMRefFunctor0 final : public CFMFunctorBase {
+public:
+    CFMRefFunctor0(T* target, R (T::*member)()) : m_target(target), m_member(member) {}
+    int OnEventFire() override {
+        (m_target.Get()->*m_member)();
+        return 0;
+    }
+
+private:
+    CRtComAutoPtr<T> m_target;
+    R (T::*m_member)();
+};
+
+template <class T, class R>
+class CFMRefFunctor1 final : public CFMFunctorBase {
+public:
+    CFMRefFunctor1(T* target, R (T::*member)(CRtMessageBlock*), CRtMessageChain chain)
+        : m_target(target), m_member(member), m_chain(chain.release()) {}
+    int OnEventFire() override {
+        (m_target.Get()->*m_member)(m_chain.Get());
+        return 0;
+    }
+
+private:
+    CRtComAutoPtr<T> m_target;
+    R (T::*m_member)(CRtMessageBlock*);
+    CFMArgument<CRtMessageBlock*> m_chain;
+};
+
+template <class T, class R, class A, class B>
+class CFMRefFunctor2 final : public CFMFunctorBase {
+public:
+    CFMRefFunctor2(T* target, R (T::*member)(A, B), A first, B second)
+        : m_target(target), m_member(member), m_first(first), m_second(second) {}
+    int OnEventFire() override {
+        (m_target.Get()->*m_member)(m_first.Get(), m_second.Get());
+        return 0;
+    }
+
+private:
+    CRtComAutoPtr<T> m_target;
+    R (T::*m_member)(A, B);
+    CFMArgument<A> m_first;
+    CFMArgument<B> m_second;
+};

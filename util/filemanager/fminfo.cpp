@@ -1,0 +1,265 @@
+// The file object's information store: saving at the close, loading before the file is opened.
+#include <algorithm>
+
+#include "RtLog.h"
+#include "RtResult.h"
+#include "filemanager.h"
+#include "fmfile.h"
+#include "fmfunctor.h"
+#include "os/RtOs.h"
+
+namespace {
+
+// A table of at most this size is taken from any description; a larger one has to have a body on disk
+// that justifies it.
+constexpr uint32_t SLOTS_WITHOUT_PROOF = 8192;
+
+int WriteBody(CInfoFile& file, int (CInfoFile::*write)(const void*, uint32_t),
+              const CRtMessageBlock& body) {
+    const CRtString bytes = body.FlattenChained();
+    return (file.*write)(bytes.data(), static_cast<uint32_t>(bytes.size()));
+}
+
+} // namespace
+
+int CFMFile::SaveFileInfo() {
+    if (!(m_fileFlag.load() & FLAG_INFO_CHANGED))
+        return 1;
+    if (!m_infoFile)
+        return 0;
+    CRtMessageChain fileBody;
+    if (const int ret = FMEncodeFileBody(m_fileInfo, m_createTime, fileBody); RT_FAILED(ret)) {
+        RT_LOG(RT_LOG_ERROR, "CFMFile::SaveFileInfo, Encode file info error, ret="
+                                 << ret << " this=" << this);
+        return 0;
+    }
+    CRtMessageChain blockBody;
+    uint32_t left = 0;
+    if (RT_FAILED(FMEncodeBlockBody(DescribeBlocks(), blockBody, left))) {
+        m_unsettled.clear();
+        RT_LOG(RT_LOG_ERROR,
+               "CFMFile::SaveFileInfo, Encode block info error  this=" << this);
+        return 0;
+    }
+    if (left > 0)
+        RT_LOG(RT_LOG_WARNING, "CFMFile::SaveFileInfo, table too large to save, slots left out="
+                                   << left << " this=" << this);
+    m_fileFlag.fetch_and(~uint32_t{FLAG_INFO_CHANGED});
+    PostInfo(std::move(fileBody), std::move(blockBody));
+    return 1;
+}
+
+std::vector<FMBlockEntry> CFMFile::DescribeBlocks() {
+    std::vector<FMBlockEntry> slots(m_blocks.size());
+    for (size_t i = 0; i < m_blocks.size(); ++i) {
+        if (!m_blocks[i])
+            continue;
+        CFMBlock& block = *m_blocks[i];
+        if (block.GetBlockID() == 0) {
+            RT_LOG(RT_LOG_WARNING,
+                   "CFMFile::SaveFileInfo, block 0 cannot be saved this=" << this);
+            continue;
+        }
+        // Asked first: what is over by now has shown its result to Describe.
+        if (block.IsStorePending())
+            m_unsettled.push_back(m_blocks[i]);
+        slots[i] = block.Describe();
+    }
+    return slots;
+}
+
+// The information is written on the caller thread, after the stores whose blocks it names: it goes by
+// way of the read/write thread's queue when some have not run.
+void CFMFile::PostInfo(CRtMessageChain fileBody, CRtMessageChain blockBody) {
+    CRtMessageChain fileCopy = fileBody->DuplicateChained();
+    CRtMessageChain blockCopy = blockBody->DuplicateChained();
+    m_waitingFileBody = std::move(fileBody);
+    m_waitingBlockBody = std::move(blockBody);
+    m_infoWaiting.store(true, std::memory_order_release);
+    CFileManager* manager = CFileManager::Instance();
+    if (m_pendingStores.load(std::memory_order_acquire) > 0)
+        manager->PostToReadwrThread(
+            new CFMRefFunctor2(this, &CFMFile::PostInfo_m, fileCopy.release(), blockCopy.release()),
+            0);
+    else
+        PostInfo_m(fileCopy.get(), blockCopy.get());
+}
+
+void CFMFile::PostInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody) {
+    // A post that is refused leaves the information waiting: UnInitialize writes it.
+    CFileManager::Instance()->PostToCallerThread(
+        new CFMRefFunctor2(this, &CFMFile::SaveFileInfo_m, fileBody->DuplicateChained().release(),
+                           blockBody->DuplicateChained().release()),
+        0);
+}
+
+void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody) {
+    if (!IsInfoWaiting())
+        return; // written or dropped before its turn came
+    if (fileBody) {
+        int ret = DiscardPredecessor();
+        if (RT_SUCCEEDED(ret))
+            ret = WriteBody(*m_infoFile, &CInfoFile::WriteFileInfo, *fileBody);
+        if (RT_FAILED(ret)) {
+            RT_LOG(RT_LOG_ERROR, "CFMFile::SaveFileInfo_m, WriteFileInfo error, ret="
+                                     << ret << " this=" << this);
+            EndWaiting();
+            return;
+        }
+    }
+    if (blockBody) {
+        const CRtMessageChain corrected = WithoutFailedStores(*blockBody);
+        const int ret = WriteBody(*m_infoFile, &CInfoFile::WriteBlockInfo,
+                                  corrected ? *corrected : *blockBody);
+        if (RT_FAILED(ret))
+            RT_LOG(RT_LOG_ERROR, "CFMFile::SaveFileInfo_m, WriteBlockInfo error, ret="
+                                     << ret << " this=" << this);
+    }
+    EndWaiting();
+}
+
+// Stores that failed after the table was encoded: their entries must not say that bytes are there. Null
+// when there are none.
+CRtMessageChain CFMFile::WithoutFailedStores(CRtMessageBlock& blockBody) {
+    std::vector<FMBlockEntry> slots;
+    for (const auto& block : m_unsettled) {
+        if (!block->IsStoreFailed())
+            continue;
+        if (slots.empty())
+            FMDecodeBlockBody(*blockBody.DuplicateChained(), slots);
+        const uint32_t slot = block->GetBlockID() - m_fileInfo.blockBeg;
+        if (slot < slots.size()) // else it was left out for lack of room
+            slots[slot] = {block->GetBlockID(), 0, 0};
+    }
+    CRtMessageChain corrected;
+    uint32_t left = 0;
+    if (!slots.empty())
+        FMEncodeBlockBody(slots, corrected, left);
+    return corrected;
+}
+
+void CFMFile::EndWaiting() {
+    m_waitingFileBody.reset();
+    m_waitingBlockBody.reset();
+    m_infoWaiting.store(false, std::memory_order_release);
+    std::vector<CRtComAutoPtr<CFMBlock>> settled;
+    settled.swap(m_unsettled);
+}
+
+void CFMFile::SaveWaitingInfo() {
+    if (IsInfoWaiting())
+        SaveFileInfo_m(m_waitingFileBody.get(), m_waitingBlockBody.get());
+}
+
+void CFMFile::DropWaitingInfo() {
+    if (IsInfoWaiting())
+        EndWaiting();
+}
+
+int CFMFile::LoadFileInfo() {
+    char buffer[FM_INFO_FILE_BODY_MAX] = {};
+    uint32_t length = sizeof(buffer);
+    int ret = m_infoFile ? m_infoFile->ReaddFileInfo(buffer, &length) : RT_ERROR_NOT_READY;
+    if (RT_FAILED(ret)) {
+        RT_LOG(RT_LOG_ERROR, "CFMFile::LoadFileInfo, ReaddFileInfo error, ret="
+                                 << ret << " this=" << this);
+        return 0;
+    }
+    const CRtMessageChain body = CRtMessageBlock::Wrap(buffer, length);
+    ret = FMDecodeFileBody(*body, m_fileInfo, m_createTime);
+    if (RT_SUCCEEDED(ret) &&
+        (m_fileInfo.num > FM_TABLE_SLOTS_MAX || m_fileInfo.fileID == FMFileID_None))
+        ret = RT_ERROR_INVALID_ARG;
+    if (RT_FAILED(ret)) {
+        RT_LOG(RT_LOG_ERROR, "CFMFile::LoadFileInfo, Decode file info error, ret="
+                                 << ret << " this=" << this);
+        return 0;
+    }
+    LimitTable();
+    m_blocks.resize(m_fileInfo.num);
+    return 1;
+}
+
+// Slots at the end that no body on disk speaks of are empty: a table grows again when it needs them,
+// and a damaged number makes nobody allocate for it.
+void CFMFile::LimitTable() {
+    if (m_fileInfo.num <= SLOTS_WITHOUT_PROOF)
+        return;
+    constexpr uint32_t smallestEntry = 4;
+    uint64_t length = 0;
+    if (RT_FAILED(m_infoFile->GetLength(length)))
+        length = 0;
+    const uint64_t proven = std::max<uint64_t>(SLOTS_WITHOUT_PROOF, length / smallestEntry);
+    if (m_fileInfo.num <= proven)
+        return;
+    RT_LOG(RT_LOG_WARNING, "CFMFile::LoadFileInfo, table larger than its file, num="
+                               << m_fileInfo.num << ",slots=" << proven << " this=" << this);
+    m_fileInfo.num = static_cast<uint32_t>(proven);
+}
+
+int CFMFile::LoadBlokInfo() {
+    uint32_t length = 0;
+    int ret = m_infoFile->ReaddBlockInfo(nullptr, &length);
+    if (RT_FAILED(ret) || length > FM_INFO_BLOCK_BODY_MAX) {
+        RT_LOG(RT_LOG_ERROR, "CFMFile::LoadBlokInfo, ReaddBlockInfo first error, ret="
+                                 << ret << ",length=" << length << " this=" << this);
+        return 0;
+    }
+    uint64_t fileLength = 0;
+    ret = m_infoFile->GetLength(fileLength);
+    if (RT_SUCCEEDED(ret) && length > fileLength)
+        ret = RT_ERROR_IO; // it could not be read, and nothing is allocated for it
+    CRtMessageChain body = RT_SUCCEEDED(ret) ? CRtMessageBlock::Create(length) : nullptr;
+    if (RT_SUCCEEDED(ret))
+        ret = body ? m_infoFile->ReaddBlockInfo(body->GetTopLevelWritePtr(), &length)
+                   : RT_ERROR_NULL_OBJECT;
+    if (RT_FAILED(ret)) {
+        RT_LOG(RT_LOG_ERROR, "CFMFile::LoadBlokInfo, ReaddBlockInfo second error, ret="
+                                 << ret << ",length=" << length << " this=" << this);
+        return 0;
+    }
+    body->AdvanceTopLevelWritePtr(length);
+    RT_LOG(RT_LOG_TRACE, "CFMFile::LoadBlokInfo, ReaddBlockInfo result: length="
+                             << length << " this=" << this);
+    std::vector<FMBlockEntry> slots;
+    FMDecodeBlockBody(*body, slots); // a body that ends early has said so
+    RestoreBlocks(slots);
+    return 1;
+}
+
+void CFMFile::RestoreBlocks(const std::vector<FMBlockEntry>& slots) {
+    uint64_t dataLength = 0;
+    if (m_diskFile && !RtOs::GetFileLength(m_diskFile->GetFileName(), dataLength))
+        dataLength = 0;
+    for (const FMBlockEntry& entry : slots) {
+        if (entry.blockID != 0)
+            RestoreBlock(entry, dataLength);
+    }
+}
+
+void CFMFile::RestoreBlock(const FMBlockEntry& entry, uint64_t dataLength) {
+    if (!IsBlockidOK(entry.blockID)) {
+        RT_LOG(RT_LOG_WARNING, "CFMFile::LoadBlokInfo, block outside the table, blockID="
+                                   << entry.blockID << " this=" << this);
+        return;
+    }
+    const CRtComAutoPtr<CFMBlock> block =
+        CFileManager::Instance()->CreateBlock(this, entry.blockID);
+    if (!block)
+        return;
+    m_blocks[entry.blockID - m_fileInfo.blockBeg] = block;
+    if (!FMIsEntryPossible(entry)) {
+        RT_LOG(RT_LOG_WARNING, "CFMFile::LoadBlokInfo, impossible place, blockID="
+                                   << entry.blockID << ",pos=" << entry.posInFile
+                                   << ",len=" << entry.totalLen << " this=" << this);
+        return;
+    }
+    const int64_t end = entry.posInFile + entry.totalLen;
+    if (entry.totalLen > 0 && static_cast<uint64_t>(end) > dataLength)
+        RT_LOG(RT_LOG_WARNING, "CFMFile::LoadBlokInfo, block beyond the data file, blockID="
+                                   << entry.blockID << ",pos=" << entry.posInFile
+                                   << ",len=" << entry.totalLen << " this=" << this);
+    block->Restore(entry);
+    if (entry.totalLen > 0)
+        m_position = std::max(m_position, end);
+}

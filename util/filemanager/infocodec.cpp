@@ -1,0 +1,99 @@
+#include "FMInfoCodec.h"
+
+#include "RtByteStream.h"
+#include "RtResult.h"
+
+namespace {
+
+constexpr uint32_t COUNT_SIZE = 2;
+constexpr uint32_t EMPTY_ENTRY_SIZE = 4;
+constexpr uint32_t BLOCK_ENTRY_SIZE = 16;
+// The fields of a description around its name, and the creation time.
+constexpr uint32_t FILE_BODY_FIXED_SIZE = 38;
+
+uint32_t EntrySize(const FMBlockEntry& entry) {
+    return entry.blockID == 0 ? EMPTY_ENTRY_SIZE : BLOCK_ENTRY_SIZE;
+}
+
+CRtByteStreamT& operator<<(CRtByteStreamT& stream, const FMFileID& id) {
+    return (stream << id.Data1 << id.Data2 << id.Data3).Write(id.Data4, sizeof(id.Data4));
+}
+
+CRtByteStreamT& operator>>(CRtByteStreamT& stream, FMFileID& id) {
+    return (stream >> id.Data1 >> id.Data2 >> id.Data3).Read(id.Data4, sizeof(id.Data4));
+}
+
+} // namespace
+
+int FMFileInfo::EncodeFileInfo(CRtMessageBlock& chain) const {
+    CRtByteStreamT stream(chain);
+    stream << userValue << fileID << name << flag << blockBeg << num;
+    return stream.IsGood() ? RT_OK : RT_ERROR_FAILURE;
+}
+
+int FMFileInfo::DecodeFileInfo(CRtMessageBlock& chain) {
+    CRtByteStreamT stream(chain);
+    stream >> userValue >> fileID >> name >> flag >> blockBeg >> num;
+    return stream.IsGood() ? RT_OK : RT_ERROR_FAILURE;
+}
+
+bool FMIsEntryPossible(const FMBlockEntry& entry) {
+    return entry.posInFile >= 0 && entry.posInFile <= FM_INFO_OFFSET_MAX - int64_t{entry.totalLen};
+}
+
+int FMEncodeFileBody(const FMFileInfo& info, uint32_t createTime, CRtMessageChain& body) {
+    body = CRtMessageBlock::Create(FILE_BODY_FIXED_SIZE + static_cast<uint32_t>(info.name.size()));
+    if (!body)
+        return RT_ERROR_FAILURE;
+    const int result = info.EncodeFileInfo(*body);
+    if (RT_SUCCEEDED(result))
+        CRtByteStreamT(*body) << createTime;
+    return result;
+}
+
+int FMDecodeFileBody(CRtMessageBlock& body, FMFileInfo& info, uint32_t& createTime) {
+    const int result = info.DecodeFileInfo(body);
+    if (RT_SUCCEEDED(result))
+        CRtByteStreamT(body) >> createTime;
+    return result;
+}
+
+int FMEncodeBlockBody(const std::vector<FMBlockEntry>& slots, CRtMessageChain& body,
+                      uint32_t& left) {
+    uint32_t size = COUNT_SIZE;
+    uint32_t count = 0;
+    while (count < slots.size() && count < FM_INFO_SLOTS_MAX &&
+           size + EntrySize(slots[count]) <= FM_INFO_BLOCK_BODY_MAX)
+        size += EntrySize(slots[count++]);
+    left = static_cast<uint32_t>(slots.size()) - count;
+
+    body = CRtMessageBlock::Create(size);
+    if (!body)
+        return RT_ERROR_FAILURE;
+    CRtByteStreamT stream(*body);
+    stream << static_cast<uint16_t>(count);
+    for (uint32_t i = 0; i < count; ++i) {
+        stream << slots[i].blockID;
+        if (slots[i].blockID != 0)
+            stream << slots[i].totalLen << slots[i].posInFile;
+    }
+    return stream.IsGood() ? RT_OK : RT_ERROR_FAILURE;
+}
+
+bool FMDecodeBlockBody(CRtMessageBlock& body, std::vector<FMBlockEntry>& slots) {
+    CRtByteStreamT stream(body);
+    uint16_t count = 0;
+    stream >> count;
+    for (uint32_t i = 0; i < count; ++i) {
+        FMBlockEntry entry;
+        stream >> entry.blockID;
+        if (entry.blockID != 0)
+            stream >> entry.totalLen >> entry.posInFile;
+        if (stream.IsGood())
+            slots.push_back(entry);
+        else if (entry.blockID != 0)
+            // Offset 0 with a length would name another block's bytes.
+            slots.push_back({entry.blockID, 0, 0});
+    }
+    return stream.IsGood();
+}

@@ -1,0 +1,67 @@
+// The manager's tick: statistics, retries of failed stores, memory collection, the daily housekeeping.
+#include <cstdio>
+
+#include "RtLog.h"
+#include "RtTimeValue.h"
+#include "filemanager.h"
+#include "fmfunctor.h"
+
+namespace {
+constexpr int32_t TICKS_BETWEEN_STATISTICS = 2;
+constexpr uint32_t SECONDS_PER_DAY = 86400;
+} // namespace
+
+void CFileManager::OnTimer(CRtTimerWrapper* timer) {
+    if (timer != &m_timer)
+        return;
+    if (m_statCountdown < 0) {
+        RT_LOG(RT_LOG_TRACE, "CFileManager::OnTimer, statistics " << GetStatistics());
+        m_statCountdown = TICKS_BETWEEN_STATISTICS;
+    }
+    --m_statCountdown;
+    RetryFailedStores();
+    MemoyCollect();
+    if (m_isServer)
+        CheckHouseKeeping();
+}
+
+CRtString CFileManager::GetStatistics() {
+    CheckValid();
+    const auto number = [](auto value) { return static_cast<int>(value); };
+    char text[512] = {};
+    std::snprintf(text, sizeof(text),
+                  " cache: [memo-Max=%d Cur=%d] [files Cur=%d c-%d d-%d] [blocks c-%d d-%d] "
+                  "[time s-%d g-%d p-%d]",
+                  number(m_memoMax), number(GetMemoryInUse()), number(m_id2files.size()),
+                  number(g_counters.filesCreated.load()), number(g_counters.filesDestroyed.load()),
+                  number(g_counters.blocksCreated.load()), number(g_counters.blocksDestroyed.load()),
+                  number(g_counters.timeSetOwner.load()), number(g_counters.timeGetOwner.load()),
+                  number(g_counters.timeGetOwners.load()));
+    return text;
+}
+
+void CFileManager::RetryFailedStores() {
+    for (const auto& [id, file] : m_id2files)
+        file->RetryFailedStores();
+}
+
+void CFileManager::MemoyCollect() {
+    if (m_isServer && GetMemoryInUse() < m_memoMax)
+        return;
+    for (const auto& [id, file] : m_id2files)
+        file->FreeBlocksMemory();
+    if (GetMemoryInUse() > m_memoMax)
+        RT_LOG(RT_LOG_WARNING, "CFileManager::MemoyCollect, Max="
+                                   << uint64_t{m_memoMax} << ", Size="
+                                   << uint64_t{GetMemoryInUse()});
+}
+
+void CFileManager::CheckHouseKeeping() {
+    const auto now = static_cast<uint32_t>(CRtTimeValue::GetTimeOfDay().GetSec());
+    if (now - m_lastHouseKeeping.load() < SECONDS_PER_DAY)
+        return;
+    if (m_houseKeepingPosted.exchange(true))
+        return;
+    if (RT_FAILED(PostToReadwrThread(new CFMFunctor0(this, &CFileManager::HouseKeeping_m), 0)))
+        m_houseKeepingPosted = false;
+}

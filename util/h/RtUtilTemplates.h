@@ -1,0 +1,39 @@
+// The holder of a process-wide singleton: made at the first use under the runtime's singleton mutex,
+// destroyed at the clean-up of the process.
+#pragma once
+
+#include <atomic>
+#include <new>
+
+#include "RtCleanUp.h"
+#include "RtLog.h"
+#include "RtThreadManager.h"
+
+template <class T>
+class CRtSingletonHolder final : public CRtCleanUpBase {
+public:
+    /// Null when the object could not be made.
+    static T* Instance() {
+        if (auto* holder = s_pInstance.load(std::memory_order_acquire))
+            return &holder->m_object;
+        CRtMutexBase* mutex = CRtThreadManager::Instance()->GetSingletonMutex();
+        if (mutex) {
+            const bool locked = mutex->Lock() == RT_OK;
+            if (!s_pInstance.load(std::memory_order_relaxed))
+                s_pInstance.store(new (std::nothrow) CRtSingletonHolder, std::memory_order_release);
+            if (locked)
+                mutex->UnLock();
+        }
+        CRtSingletonHolder* made = s_pInstance.load(std::memory_order_acquire);
+        if (!RT_CHECK("util/h/RtUtilTemplates", made, "s_pInstance"))
+            return nullptr;
+        return &made->m_object;
+    }
+
+private:
+    CRtSingletonHolder() = default;
+    ~CRtSingletonHolder() override { s_pInstance.store(nullptr, std::memory_order_release); }
+
+    T m_object;
+    inline static std::atomic<CRtSingletonHolder*> s_pInstance{nullptr};
+};

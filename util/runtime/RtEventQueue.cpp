@@ -1,0 +1,248 @@
+#include "RtEventQueue.h"
+
+#include <algorithm>
+
+#include "RtResult.h"
+#include "RtTimeValue.h"
+#include "RtTimer.h"
+
+namespace {
+thread_local CRtEventQueue* t_current = nullptr;
+}
+
+// Lives on the stack of a sender that waits; guarded by the queue's lock.
+struct CRtSendTicket {
+    std::condition_variable done;
+    bool finished = false;
+};
+
+IRtEvent::~IRtEvent() = default;
+void IRtEvent::OnDestorySelf() { delete this; }
+IRtEventQueue::~IRtEventQueue() = default;
+
+CRtEventQueue::CRtEventQueue() = default;
+
+CRtEventQueue::~CRtEventQueue() {
+    SetOwner(false);
+    RunRemaining(std::chrono::milliseconds(0));
+    for (CRtTimerWrapper* timer : m_timers)
+        timer->m_pQueue = nullptr; // it may be cancelled later
+}
+
+CRtEventQueue* CRtEventQueue::Current() { return t_current; }
+
+void CRtEventQueue::SetOwner(bool owned) {
+    if (owned)
+        t_current = this;
+    else if (t_current == this)
+        t_current = nullptr;
+}
+
+void CRtEventQueue::SetWakeUp(std::function<void()> wakeUp) {
+    const std::lock_guard lock(m_mutex);
+    m_wakeUp = std::move(wakeUp);
+}
+
+int CRtEventQueue::PostEvent(IRtEvent* event, int) {
+    if (!event)
+        return RT_ERROR_NULL_OBJECT;
+    return Enqueue(event, nullptr);
+}
+
+int CRtEventQueue::SendEvent(IRtEvent* event) {
+    if (!event)
+        return RT_ERROR_NULL_OBJECT;
+    if (t_current == this) { // waiting for itself would never end
+        event->OnEventFire();
+        event->OnDestorySelf();
+        return RT_OK;
+    }
+    CRtSendTicket ticket;
+    const int result = Enqueue(event, &ticket);
+    if (RT_FAILED(result))
+        return result;
+    std::unique_lock lock(m_mutex);
+    ticket.done.wait(lock, [&ticket] { return ticket.finished; });
+    return RT_OK;
+}
+
+int CRtEventQueue::Enqueue(IRtEvent* event, CRtSendTicket* ticket) {
+    {
+        const std::lock_guard lock(m_mutex);
+        if (!m_stopped) {
+            event->m_pTicket = ticket;
+            event->m_pQueue = this;
+            event->m_pPrevious = m_pLast;
+            event->m_pNext = nullptr;
+            (m_pLast ? m_pLast->m_pNext : m_pFirst) = event;
+            m_pLast = event;
+            ++m_count;
+            WakeOwner();
+            return RT_OK;
+        }
+    }
+    event->OnDestorySelf();
+    return RT_ERROR_NOT_READY;
+}
+
+void CRtEventQueue::WakeOwner() {
+    m_somethingToDo.notify_one();
+    if (m_wakeUp)
+        m_wakeUp();
+}
+
+bool CRtEventQueue::WithdrawEvent(IRtEvent* event) {
+    {
+        const std::lock_guard lock(m_mutex);
+        if (event->m_pQueue != this)
+            return false;
+        Unlink(event);
+    }
+    event->OnDestorySelf();
+    return true;
+}
+
+void CRtEventQueue::Unlink(IRtEvent* event) {
+    (event->m_pPrevious ? event->m_pPrevious->m_pNext : m_pFirst) = event->m_pNext;
+    (event->m_pNext ? event->m_pNext->m_pPrevious : m_pLast) = event->m_pPrevious;
+    event->m_pQueue = nullptr;
+    --m_count;
+}
+
+bool CRtEventQueue::RunOne() {
+    const std::lock_guard running(m_running);
+    IRtEvent* event = nullptr;
+    {
+        const std::lock_guard lock(m_mutex);
+        event = m_pFirst;
+        if (!event)
+            return false;
+        Unlink(event);
+    }
+    CRtSendTicket* ticket = event->m_pTicket;
+    event->OnEventFire();
+    event->OnDestorySelf();
+    if (ticket) {
+        const std::lock_guard lock(m_mutex); // the ticket is gone once its sender sees the flag
+        ticket->finished = true;
+        ticket->done.notify_one();
+    }
+    return true;
+}
+
+void CRtEventQueue::Run() {
+    do {
+        FireDueTimers();
+        RunOne();
+    } while (WaitForWork());
+}
+
+// Answers whether the loop goes on.
+bool CRtEventQueue::WaitForWork() {
+    std::unique_lock lock(m_mutex);
+    for (;;) {
+        if (m_quit) {
+            m_quit = false;
+            return false;
+        }
+        if (m_pFirst)
+            return true;
+        if (m_stopped)
+            return false;
+        lock.unlock();
+        const int64_t due = GetNextDueMs(); // reads the clock, which may be the application's
+        lock.lock();
+        if (due == 0)
+            return true;
+        if (m_pFirst || m_stopped || m_quit)
+            continue;
+        if (due < 0)
+            m_somethingToDo.wait(lock);
+        else
+            m_somethingToDo.wait_for(lock, std::chrono::milliseconds(due));
+    }
+}
+
+size_t CRtEventQueue::RunDue() {
+    size_t events = 0;
+    {
+        const std::lock_guard lock(m_mutex);
+        events = m_count;
+    }
+    size_t done = FireDueTimers();
+    while (events-- > 0 && RunOne())
+        ++done;
+    return done;
+}
+
+bool CRtEventQueue::RunRemaining(std::chrono::milliseconds patience) {
+    const std::unique_lock running(m_running, patience);
+    if (!running.owns_lock())
+        return false;
+    while (RunOne()) {
+    }
+    return true;
+}
+
+void CRtEventQueue::Stop() {
+    const std::lock_guard lock(m_mutex);
+    m_stopped = true;
+    WakeOwner();
+}
+
+void CRtEventQueue::Quit() {
+    const std::lock_guard lock(m_mutex);
+    m_quit = true;
+    WakeOwner();
+}
+
+void CRtEventQueue::AddTimer(CRtTimerWrapper* timer) {
+    const std::lock_guard lock(m_mutex);
+    m_timers.push_back(timer);
+    WakeOwner();
+}
+
+void CRtEventQueue::RemoveTimer(CRtTimerWrapper* timer) {
+    const std::lock_guard lock(m_mutex);
+    std::erase(m_timers, timer);
+}
+
+int64_t CRtEventQueue::GetNextDueMs() {
+    const uint64_t now = GetTickCountEx();
+    const std::lock_guard lock(m_mutex);
+    int64_t next = -1;
+    for (CRtTimerWrapper* timer : m_timers) {
+        timer->m_dueMs = std::min(timer->m_dueMs, now + timer->m_intervalMs); // a clock set back
+        const int64_t due = timer->m_dueMs > now ? static_cast<int64_t>(timer->m_dueMs - now) : 0;
+        next = next < 0 ? due : std::min(next, due);
+    }
+    return next;
+}
+
+size_t CRtEventQueue::FireDueTimers() {
+    const uint64_t now = GetTickCountEx();
+    size_t fired = 0;
+    while (FireOneTimer(now))
+        ++fired;
+    return fired;
+}
+
+bool CRtEventQueue::FireOneTimer(uint64_t now) {
+    const std::lock_guard running(m_running);
+    CRtTimerWrapper* timer = nullptr;
+    CRtTimerWrapperSink* sink = nullptr;
+    {
+        const std::lock_guard lock(m_mutex);
+        const auto due = std::find_if(m_timers.begin(), m_timers.end(),
+                                      [now](auto* each) { return each->m_dueMs <= now; });
+        if (due == m_timers.end())
+            return false;
+        timer = *due;
+        sink = timer->m_pSink;
+        timer->m_dueMs = now + timer->m_intervalMs;
+        if (!timer->m_forever && --timer->m_left == 0)
+            m_timers.erase(due);
+    }
+    sink->OnTimer(timer); // which may cancel, schedule anew or destroy the timer
+    return true;
+}

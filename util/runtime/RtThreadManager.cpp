@@ -1,0 +1,172 @@
+#include "RtThreadManager.h"
+
+#include <algorithm>
+#include <functional>
+#include <mutex>
+#include <vector>
+
+#include "RtCleanUp.h"
+#include "RtEventQueue.h"
+#include "RtLog.h"
+#include "RtResult.h"
+#include "RtRuntime.h"
+#include "os/RtOs.h"
+
+namespace {
+
+// How long the end of the process waits for application code that keeps thread number 3 busy.
+constexpr uint32_t END_PATIENCE_MS = 10'000;
+
+class CRtWorkEvent final : public IRtEvent {
+public:
+    explicit CRtWorkEvent(std::function<void()> work) : m_work(std::move(work)) {}
+    int OnEventFire() override {
+        m_work();
+        return RT_OK;
+    }
+
+private:
+    std::function<void()> m_work;
+};
+
+} // namespace
+
+struct CRtThreadManager::State {
+    CRtMutexBase singletonMutex;
+    std::mutex mutex; // guards what follows
+    std::vector<CRtThread*> userThreads;
+    CRtThread* callerThread = nullptr;
+    bool callerAdopted = false;
+    bool ended = false;
+    // Threads that have been number 3: kept, so that a late post to one is refused, not a crash.
+    std::vector<CRtThread*> formerCallerThreads;
+};
+
+CRtThreadManager::CRtThreadManager() : m_state(std::make_unique<State>()) {}
+
+CRtThreadManager* CRtThreadManager::Instance() {
+    static CRtThreadManager* manager = new CRtThreadManager;
+    return manager;
+}
+
+CRtMutexBase* CRtThreadManager::GetSingletonMutex() { return &m_state->singletonMutex; }
+
+uint32_t CRtThreadManager::GetThreadSelfId() { return RtOs::GetThreadId(); }
+
+int CRtThreadManager::CreateUserTaskThread(CRtThread*& thread, TFlag, int) {
+    thread = nullptr;
+    const std::lock_guard lock(m_state->mutex);
+    if (m_state->ended)
+        return RT_ERROR_NOT_READY;
+    auto* created = new CRtThread;
+    if (const int result = created->StartOwn(); RT_FAILED(result)) {
+        delete created;
+        return result;
+    }
+    m_state->userThreads.push_back(created);
+    thread = created;
+    return RT_OK;
+}
+
+CRtThread* CRtThreadManager::GetThread(int number) {
+    if (number != RT_CALLER_THREAD)
+        return nullptr;
+    const std::lock_guard lock(m_state->mutex);
+    if (!m_state->callerThread && !m_state->ended) {
+        auto* created = new CRtThread;
+        if (RT_SUCCEEDED(created->StartOwn()))
+            m_state->callerThread = created;
+        else
+            delete created;
+    }
+    return m_state->ended ? nullptr : m_state->callerThread;
+}
+
+int CRtThreadManager::AdoptCallerThread(CRtThread*& thread) {
+    const std::lock_guard lock(m_state->mutex);
+    if (m_state->callerThread || m_state->ended || CRtEventQueue::Current())
+        return RT_ERROR_NOT_READY;
+    thread = m_state->callerThread = new CRtThread;
+    m_state->callerAdopted = true;
+    thread->AdoptCurrent();
+    return RT_OK;
+}
+
+void CRtThreadManager::ReleaseCallerThread(CRtThread* thread) {
+    thread->ReleaseCurrent();
+    const std::lock_guard lock(m_state->mutex);
+    m_state->callerThread = nullptr;
+    m_state->callerAdopted = false;
+    m_state->formerCallerThreads.push_back(thread);
+}
+
+void CRtThreadManager::ForgetThread(CRtThread* thread) {
+    const std::lock_guard lock(m_state->mutex);
+    std::erase(m_state->userThreads, thread);
+    if (m_state->callerThread == thread)
+        m_state->callerThread = nullptr;
+}
+
+// Nothing is lost here: each thread runs what is queued for it, the user threads first because they
+// post to number 3. No thread is started any more.
+bool CRtThreadManager::EndAllThreads() {
+    std::vector<CRtThread*> userThreads;
+    CRtThread* caller = nullptr;
+    {
+        const std::lock_guard lock(m_state->mutex);
+        m_state->ended = true;
+        userThreads = m_state->userThreads;
+        caller = m_state->callerThread;
+    }
+    bool allEnded = true;
+    for (CRtThread* thread : userThreads)
+        allEnded = RT_SUCCEEDED(thread->Destory(0)) && allEnded;
+    if (!caller)
+        return allEnded;
+    caller->Stop();
+    if (!m_state->callerAdopted && RT_SUCCEEDED(caller->Join(END_PATIENCE_MS)))
+        return RT_SUCCEEDED(caller->Destory(0)) && allEnded;
+    if (caller->Queue().RunRemaining(std::chrono::milliseconds(END_PATIENCE_MS)))
+        return allEnded;
+    RT_LOG(RT_LOG_ERROR, "CRtThreadManager::EndAllThreads, thread 3 is busy, its queue is lost");
+    return false;
+}
+
+CRtCallerThread::CRtCallerThread(std::function<void()> wakeUp) {
+    if (RT_SUCCEEDED(CRtThreadManager::Instance()->AdoptCallerThread(m_pThread)) && wakeUp)
+        m_pThread->Queue().SetWakeUp(std::move(wakeUp));
+}
+
+CRtCallerThread::~CRtCallerThread() {
+    if (m_pThread)
+        CRtThreadManager::Instance()->ReleaseCallerThread(m_pThread);
+}
+
+bool CRtCallerThread::IsValid() const { return m_pThread != nullptr; }
+
+void CRtCallerThread::Run() {
+    if (m_pThread)
+        m_pThread->Queue().Run();
+}
+
+void CRtCallerThread::Quit() {
+    if (m_pThread)
+        m_pThread->Queue().Quit();
+}
+
+size_t CRtCallerThread::RunDue() { return m_pThread ? m_pThread->Queue().RunDue() : 0; }
+
+int64_t CRtCallerThread::GetNextDueMs() const {
+    return m_pThread ? m_pThread->Queue().GetNextDueMs() : -1;
+}
+
+int RtRunOnCallerThread(std::function<void()> work, bool wait) {
+    if (!work)
+        return RT_ERROR_NULL_OBJECT;
+    CRtThread* thread = CRtThreadManager::Instance()->GetThread(RT_CALLER_THREAD);
+    if (!thread)
+        return RT_ERROR_NOT_READY;
+    auto* event = new CRtWorkEvent(std::move(work));
+    IRtEventQueue* queue = thread->GetEventQueue();
+    return wait ? queue->SendEvent(event) : queue->PostEvent(event, RT_PRIORITY_NORMAL);
+}

@@ -1,0 +1,100 @@
+// Everything that differs between operating systems, in one header; one source per system implements
+// it. Nothing above this folder knows which system it runs on.
+//
+// Paths come in with the backslash as separator (a slash passes as it is). The POSIX source turns each
+// backslash into a slash just before the system call. Nothing here logs and nothing throws.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "RtString.h"
+
+namespace RtOs {
+
+// --- Processes, threads, time, identifiers ------------------------------------------------------
+
+uint32_t GetProcessId();
+/// Whether a process of that id runs, also one that this user may not ask about. False for 0 and for
+/// numbers that no process can have.
+bool IsProcessAlive(int64_t processId);
+/// Never 0, unique among the running threads of the process.
+uint32_t GetThreadId();
+uint64_t GetMonotonicMs();
+void GetTimeOfDay(int64_t& seconds, int64_t& microseconds);
+/// 16 bytes of a fresh unique identifier, laid out as the platform's GUID structure; never all zero.
+void CreateGuid(uint8_t (&bytes)[16]);
+
+// --- Drives and the user's folder ---------------------------------------------------------------
+
+constexpr uint32_t DRIVE_KIND_FIXED = 3;
+/// With size 0 and no buffer: the buffer size needed, 0 when there is no drive list. With a buffer:
+/// fills it with the drive roots, each ended by a NUL, and answers the characters without the final
+/// NUL; 0 on failure.
+uint32_t GetDriveStrings(uint32_t size, char* buffer);
+uint32_t GetDriveKind(const char* root);
+bool GetDriveFreeBytes(const char* root, uint64_t& available);
+/// The folder of this user's application data; false when it is unknown.
+bool GetUserDataDir(CRtString& directory);
+
+// --- Directories and files ----------------------------------------------------------------------
+
+enum class EntryKind { Missing, File, Directory };
+/// What a path names; a link counts as what it leads to, one that leads nowhere as a file.
+EntryKind GetEntryKind(const CRtString& path);
+/// False when there is no file of that path.
+bool GetFileLength(const CRtString& path, uint64_t& length);
+/// A directory that only this user may enter. False when it could not be made.
+bool MakeDirectory(const CRtString& path);
+void SetHidden(const CRtString& path);
+/// The position of the last character that this system takes for a separator, or npos.
+size_t FindLastSeparator(const CRtString& path);
+/// Removes the directory entry, never what a link leads to. 0, or -1.
+int RemoveFile(const CRtString& path);
+/// Removes an empty directory or a link to one. 0, or -1.
+int RemoveDirectory(const CRtString& path);
+
+/// A walk over the entries of one directory, "." and ".." left out. The directory is held open, so
+/// that what is removed or entered through it is an entry of this very directory even while others
+/// rename things around it, and a link is never entered.
+class DirectoryWalk {
+public:
+    /// A path that is itself a link is opened with `followLast` only.
+    explicit DirectoryWalk(const CRtString& path, bool followLast = false);
+    /// Enters a subdirectory of `parent`.
+    DirectoryWalk(const DirectoryWalk& parent, const CRtString& name);
+    ~DirectoryWalk();
+    DirectoryWalk(const DirectoryWalk&) = delete;
+    DirectoryWalk& operator=(const DirectoryWalk&) = delete;
+
+    /// False when the path was no directory that could be opened, or a link not to be followed.
+    bool IsOpen() const;
+    /// The next entry, in the system's order; false at the end. A link is no directory.
+    bool Next(CRtString& name, bool& isDirectory);
+    /// Both act on an entry of this directory and answer whether it is gone.
+    bool RemoveFile(const CRtString& name);
+    bool RemoveDirectory(const CRtString& name);
+
+private:
+    struct State;
+    std::unique_ptr<State> m_state;
+};
+
+// --- Streams ------------------------------------------------------------------------------------
+
+/// Opens a binary stream for reading and writing, contents kept, not inherited by child processes and
+/// unbuffered: another stream on the same file sees what was written at once. With `create` a missing
+/// file is made, readable by this user only; a file that exists is never emptied. Null on failure,
+/// with the system's error number.
+FILE* OpenStream(const CRtString& path, bool create, int& error);
+/// Whether that error number means that the process or the system has no stream left.
+bool IsOutOfStreams(int error);
+/// 64-bit positioning from the start of the file.
+bool SeekStream(FILE* stream, uint64_t offset);
+bool GetStreamLength(FILE* stream, uint64_t& length);
+/// How many streams the process may have open at a time, by the limit in force now.
+uint32_t GetStreamLimit();
+
+} // namespace RtOs

@@ -1,0 +1,239 @@
+// The POSIX side of the seam.
+#define _FILE_OFFSET_BITS 64 // 64-bit offsets on 32-bit systems too
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include "RtOs.h"
+
+namespace {
+
+std::string Native(const CRtString& path) {
+    std::string native(path.view());
+    std::replace(native.begin(), native.end(), '\\', '/');
+    return native;
+}
+
+// lstat and rmdir would follow a link whose path ends in a separator.
+std::string NativeWithoutTail(const CRtString& path) {
+    std::string native = Native(path);
+    while (native.size() > 1 && native.back() == '/')
+        native.pop_back();
+    return native;
+}
+
+} // namespace
+
+namespace RtOs {
+
+uint32_t GetProcessId() { return static_cast<uint32_t>(::getpid()); }
+
+bool IsProcessAlive(int64_t processId) {
+    if (processId <= 0 || processId > std::numeric_limits<pid_t>::max())
+        return false;
+    return ::kill(static_cast<pid_t>(processId), 0) == 0 || errno == EPERM;
+}
+
+uint32_t GetThreadId() {
+    static std::atomic<uint32_t> next{1};
+    thread_local const uint32_t id = next.fetch_add(1, std::memory_order_relaxed);
+    return id;
+}
+
+uint64_t GetMonotonicMs() {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+}
+
+void GetTimeOfDay(int64_t& seconds, int64_t& microseconds) {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    const int64_t total = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+    seconds = total / 1'000'000;
+    microseconds = total % 1'000'000;
+}
+
+void CreateGuid(uint8_t (&bytes)[16]) {
+    std::random_device source; // the system's generator
+    for (size_t i = 0; i < sizeof(bytes); i += sizeof(uint32_t)) {
+        const uint32_t word = source();
+        std::memcpy(bytes + i, &word, sizeof(word));
+    }
+    // RFC 4122, section 4.4: version 4 in the top bits of the third field, which the GUID structure
+    // keeps as a number in host order; the variant in the top bits of the fourth.
+    uint16_t third = 0;
+    std::memcpy(&third, bytes + 6, sizeof(third));
+    third = static_cast<uint16_t>((third & 0x0FFFU) | 0x4000U);
+    std::memcpy(bytes + 6, &third, sizeof(third));
+    bytes[8] = static_cast<uint8_t>((bytes[8] & 0x3FU) | 0x80U);
+}
+
+uint32_t GetDriveStrings(uint32_t, char*) { return 0; }
+uint32_t GetDriveKind(const char*) { return 0; }
+bool GetDriveFreeBytes(const char*, uint64_t&) { return false; }
+
+bool GetUserDataDir(CRtString& directory) {
+    // XDG Base Directory Specification: a relative value is to be ignored.
+    if (const char* cache = std::getenv("XDG_CACHE_HOME"); cache && cache[0] == '/') {
+        directory = cache;
+        return true;
+    }
+    std::string home;
+    if (const char* value = std::getenv("HOME"); value && value[0] == '/') {
+        home = value;
+    } else {
+        passwd entry{};
+        passwd* found = nullptr;
+        std::vector<char> buffer(16384);
+        if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found)
+            home = found->pw_dir;
+    }
+    if (home.empty())
+        return false;
+    directory = CRtString(home + "/.cache");
+    return true;
+}
+
+EntryKind GetEntryKind(const CRtString& path) {
+    const std::string native = Native(path);
+    struct stat info {};
+    if (::stat(native.c_str(), &info) == 0)
+        return S_ISDIR(info.st_mode) ? EntryKind::Directory : EntryKind::File;
+    return ::lstat(native.c_str(), &info) == 0 ? EntryKind::File : EntryKind::Missing;
+}
+
+bool GetFileLength(const CRtString& path, uint64_t& length) {
+    struct stat info {};
+    if (::stat(Native(path).c_str(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size < 0)
+        return false;
+    length = static_cast<uint64_t>(info.st_size);
+    return true;
+}
+
+bool MakeDirectory(const CRtString& path) { return ::mkdir(Native(path).c_str(), 0700) == 0; }
+
+void SetHidden(const CRtString&) {} // a leading dot hides here, and the name is given
+
+size_t FindLastSeparator(const CRtString& path) { return path.view().find_last_of("\\/"); }
+
+int RemoveFile(const CRtString& path) { return ::unlink(Native(path).c_str()); }
+
+int RemoveDirectory(const CRtString& path) {
+    const std::string native = NativeWithoutTail(path);
+    struct stat info {};
+    if (::lstat(native.c_str(), &info) == 0 && S_ISLNK(info.st_mode))
+        return ::unlink(native.c_str());
+    return ::rmdir(native.c_str());
+}
+
+struct DirectoryWalk::State {
+    State(int parent, const char* name, int follow) {
+        const int fd = ::openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | follow);
+        if (fd < 0)
+            return;
+        stream = ::fdopendir(fd);
+        if (!stream)
+            ::close(fd);
+    }
+    ~State() {
+        if (stream)
+            ::closedir(stream);
+    }
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+
+    int Handle() const { return stream ? ::dirfd(stream) : -1; }
+
+    DIR* stream = nullptr;
+};
+
+DirectoryWalk::DirectoryWalk(const CRtString& path, bool followLast)
+    : m_state(std::make_unique<State>(AT_FDCWD, NativeWithoutTail(path).c_str(),
+                                      followLast ? 0 : O_NOFOLLOW)) {}
+
+DirectoryWalk::DirectoryWalk(const DirectoryWalk& parent, const CRtString& name)
+    : m_state(std::make_unique<State>(parent.m_state->Handle(), name.c_str(), O_NOFOLLOW)) {}
+
+DirectoryWalk::~DirectoryWalk() = default;
+
+bool DirectoryWalk::IsOpen() const { return m_state->stream != nullptr; }
+
+bool DirectoryWalk::Next(CRtString& name, bool& isDirectory) {
+    while (m_state->stream) {
+        const dirent* entry = ::readdir(m_state->stream);
+        if (!entry)
+            return false;
+        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
+            continue;
+        struct stat info {};
+        name = entry->d_name;
+        isDirectory =
+            ::fstatat(m_state->Handle(), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISDIR(info.st_mode);
+        return true;
+    }
+    return false;
+}
+
+bool DirectoryWalk::RemoveFile(const CRtString& name) {
+    return ::unlinkat(m_state->Handle(), name.c_str(), 0) == 0;
+}
+
+bool DirectoryWalk::RemoveDirectory(const CRtString& name) {
+    return ::unlinkat(m_state->Handle(), name.c_str(), AT_REMOVEDIR) == 0;
+}
+
+FILE* OpenStream(const CRtString& path, bool create, int& error) {
+    const std::string native = Native(path);
+    const int fd = ::open(native.c_str(), O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), 0600);
+    FILE* stream = fd < 0 ? nullptr : ::fdopen(fd, "rb+");
+    if (!stream) {
+        error = errno;
+        if (fd >= 0)
+            ::close(fd);
+        return nullptr;
+    }
+    std::setvbuf(stream, nullptr, _IONBF, 0);
+    return stream;
+}
+
+bool IsOutOfStreams(int error) { return error == EMFILE || error == ENFILE; }
+
+bool SeekStream(FILE* stream, uint64_t offset) {
+    if (offset > static_cast<uint64_t>(std::numeric_limits<off_t>::max()))
+        return false;
+    return ::fseeko(stream, static_cast<off_t>(offset), SEEK_SET) == 0;
+}
+
+bool GetStreamLength(FILE* stream, uint64_t& length) {
+    struct stat info {};
+    if (::fstat(::fileno(stream), &info) != 0 || info.st_size < 0)
+        return false;
+    length = static_cast<uint64_t>(info.st_size);
+    return true;
+}
+
+uint32_t GetStreamLimit() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur > INT_MAX)
+        return INT_MAX;
+    return static_cast<uint32_t>(limit.rlim_cur);
+}
+
+} // namespace RtOs
