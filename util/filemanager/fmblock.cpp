@@ -174,7 +174,6 @@ void CFMBlock::BeginRewrite(uint32_t blockLen) {
                                << m_position << ",m_totalLen=" << m_totalLen << ",blockLen="
                                << blockLen << ",dataPos=" << 0 << " this=" << this);
     WithdrawStore();
-    m_staleLoads = m_loadsUnderWay;
     FreeData();
     m_position = 0;
     if (m_totalLen != blockLen) {
@@ -193,6 +192,7 @@ int CFMBlock::PrepareBuffer(uint32_t blockLen) {
         RT_CHECK(SOURCE, m_totalLen == blockLen, "m_totalLen == blockLen");
     }
     m_state = BLOCK_STATE_FILLING;
+    m_staleLoads = m_loadsUnderWay; // they were asked for bytes that are no more
     AllocData();
     return RT_CHECK(SOURCE, m_data, "m_data") ? RT_OK : RT_ERROR_NULL_OBJECT;
 }
@@ -418,6 +418,8 @@ int CFMBlock::LoadBytes(uint32_t len, CRtMessageChain& buffer) {
         if (!RT_CHECK(SOURCE, disk, "m_file.Get() && m_file->GetDiskFile()") ||
             !RT_CHECK(SOURCE, IsComplete(), "IsComplete()"))
             return RT_ERROR_NOT_READY;
+        if (len != m_totalLen)
+            return RT_ERROR_NOT_READY; // written anew with another length since it was asked for
         pos = m_posInFile;
     }
     // No buffer is made that the data file could not fill.
@@ -449,22 +451,19 @@ void CFMBlock::OnDataReady(int aResult, CRtMessageBlock* aData) {
     const bool stale = m_staleLoads > 0;
     if (stale)
         --m_staleLoads;
-    if (!stale) {
-        if (RT_SUCCEEDED(aResult))
-            SetData(aData);
-        if (RT_SUCCEEDED(aResult) && !m_data)
+    if (!stale && RT_SUCCEEDED(aResult)) {
+        SetData(aData);
+        if (!m_data)
             aResult = RT_ERROR_FAILURE;
-        return CallSinks(aResult);
     }
-    // The bytes that came are those of before a rewrite: the sinks get what the block holds now.
-    if (m_readsinks.empty())
+    if (m_data && IsComplete())
+        return CallSinks(RT_OK); // however the bytes came here
+    // A stale load brought the bytes of before a rewrite, which nobody wants: the block as it is now is
+    // loaded, unless a later load is on its way.
+    if (!stale || !IsComplete())
+        return CallSinks(stale ? RT_ERROR_NOT_READY : aResult);
+    if (m_readsinks.empty() || m_loadsUnderWay > m_staleLoads)
         return;
-    if (!IsComplete())
-        return CallSinks(RT_ERROR_NOT_READY);
-    if (m_data)
-        return CallSinks(RT_OK);
-    if (m_loadsUnderWay > m_staleLoads)
-        return; // a later load is on its way
     if (const int result = PostLoad(0); RT_FAILED(result))
         CallSinks(result);
 }

@@ -114,8 +114,8 @@ private:
     IRtEvent* m_storeEvent = nullptr; // while it is queued
     std::atomic<bool> m_storeFailed{false};
 
-    // Loads for sinks that have not come back, and how many of the oldest were asked for bytes that have
-    // been rewritten since. Completions come in the order of their loads.
+    // Loads for sinks that have not come back, and how many of the oldest were asked for before the
+    // present bytes were begun. Completions come in the order of their loads.
     uint32_t m_loadsUnderWay = 0;
     uint32_t m_staleLoads = 0;
     int m_syncLoadResult = 0; // written by the load that the caller thread waits for

@@ -1,6 +1,7 @@
 #include "RtEventQueue.h"
 
 #include <algorithm>
+#include <thread>
 
 #include "RtResult.h"
 #include "RtTimeValue.h"
@@ -176,7 +177,12 @@ size_t CRtEventQueue::RunDue() {
 }
 
 bool CRtEventQueue::RunRemaining(std::chrono::milliseconds patience) {
-    const std::unique_lock running(m_running, patience);
+    constexpr std::chrono::milliseconds pause(5);
+    std::unique_lock running(m_running, std::try_to_lock);
+    for (; !running.owns_lock() && patience > pause; patience -= pause) {
+        std::this_thread::sleep_for(pause);
+        running.try_lock();
+    }
     if (!running.owns_lock())
         return false;
     while (RunOne()) {

@@ -68,5 +68,5 @@ private:
     std::function<void()> m_wakeUp;
     // Held while events run, so that the end of the process cannot run the queue beside its owner.
     // Recursive: an event may pump the queue it runs from.
-    std::recursive_timed_mutex m_running;
+    std::recursive_mutex m_running;
 };

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <vector>
 
@@ -107,11 +108,17 @@ void CRtThreadManager::ForgetThread(CRtThread* thread) {
         m_state->callerThread = nullptr;
 }
 
-// Nothing is lost here: each thread runs what is queued for it, the user threads first because they
-// post to number 3. No thread is started any more.
+// Nothing is lost here. What is queued for number 3 runs first, while threads can still be made for it;
+// then each user thread runs what is queued for it and ends; then number 3 runs what they have posted.
 bool CRtThreadManager::EndAllThreads() {
-    std::vector<CRtThread*> userThreads;
     CRtThread* caller = nullptr;
+    {
+        const std::lock_guard lock(m_state->mutex);
+        caller = m_state->callerThread;
+    }
+    if (caller)
+        RunCallerQueue(*caller);
+    std::vector<CRtThread*> userThreads;
     {
         const std::lock_guard lock(m_state->mutex);
         m_state->ended = true;
@@ -121,14 +128,32 @@ bool CRtThreadManager::EndAllThreads() {
     bool allEnded = true;
     for (CRtThread* thread : userThreads)
         allEnded = RT_SUCCEEDED(thread->Destory(0)) && allEnded;
-    if (!caller)
-        return allEnded;
-    caller->Stop();
-    if (!m_state->callerAdopted && RT_SUCCEEDED(caller->Join(END_PATIENCE_MS)))
-        return RT_SUCCEEDED(caller->Destory(0)) && allEnded;
-    if (caller->Queue().RunRemaining(std::chrono::milliseconds(END_PATIENCE_MS)))
-        return allEnded;
-    RT_LOG(RT_LOG_ERROR, "CRtThreadManager::EndAllThreads, thread 3 is busy, its queue is lost");
+    return (!caller || EndCallerThread(*caller)) && allEnded;
+}
+
+// What is queued now, wherever the thread is: on a loop of its own, or here.
+void CRtThreadManager::RunCallerQueue(CRtThread& caller) {
+    const std::chrono::milliseconds patience(END_PATIENCE_MS);
+    const bool ownLoop =
+        !m_state->callerAdopted && caller.GetThreadId() != CRtThreadManager::GetThreadSelfId();
+    if (!ownLoop) {
+        caller.Queue().RunRemaining(patience);
+        return;
+    }
+    const auto reached = std::make_shared<std::promise<void>>();
+    std::future<void> future = reached->get_future();
+    caller.Queue().PostEvent(new CRtWorkEvent([reached] { reached->set_value(); }),
+                             RT_PRIORITY_NORMAL);
+    future.wait_for(patience);
+}
+
+bool CRtThreadManager::EndCallerThread(CRtThread& caller) {
+    caller.Stop();
+    if (!m_state->callerAdopted && RT_SUCCEEDED(caller.Join(END_PATIENCE_MS)))
+        return RT_SUCCEEDED(caller.Destory(0));
+    if (caller.Queue().RunRemaining(std::chrono::milliseconds(END_PATIENCE_MS)))
+        return true;
+    RT_LOG(RT_LOG_ERROR, "CRtThreadManager::EndCallerThread, thread 3 is busy, its queue is lost");
     return false;
 }
 

@@ -42,6 +42,8 @@ private:
     void ForgetThread(CRtThread* thread);
     /// Answers whether every thread has ended; one that has not still uses what it used.
     bool EndAllThreads();
+    void RunCallerQueue(CRtThread& caller);
+    bool EndCallerThread(CRtThread& caller);
 
     struct State;
     std::unique_ptr<State> m_state;

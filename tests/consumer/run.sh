@@ -1,0 +1,49 @@
+#!/usr/bin/env bash
+# Installs a build into a temporary prefix and uses it the way a caller does:
+# through the CMake package, through pkg-config, and header by header.
+set -euo pipefail
+
+if [ $# -ne 6 ]; then
+    echo "usage: $0 BUILD_DIR CONSUMER_DIR CMAKE GENERATOR COMPILER CONFIG" >&2
+    exit 2
+fi
+build=$1 consumer=$2 cmake=$3 generator=$4 compiler=$5 config=$6
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+
+# A copy outside the tree cannot find a header of the tree by accident.
+mkdir "$work/consumer"
+cp "$consumer/CMakeLists.txt" "$consumer/consumer.cpp" "$work/consumer/"
+
+"$cmake" --install "$build" --prefix "$prefix" --config "$config" >"$work/install.log"
+
+echo "== through find_package"
+"$cmake" -S "$work/consumer" -B "$work/build" -G "$generator" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_BUILD_TYPE=Release >"$work/configure.log"
+"$cmake" --build "$work/build"
+"$work/build/consumer"
+
+echo "== through pkg-config"
+pc=$(find "$prefix" -name filemanager.pc)
+export PKG_CONFIG_PATH=${pc%/*}
+read -r -a flags <<<"$(pkg-config --cflags filemanager)"
+read -r -a libs <<<"$(pkg-config --libs filemanager)"
+"$compiler" -std=c++20 "${flags[@]}" "$work/consumer/consumer.cpp" "${libs[@]}" -o "$work/plain"
+libdir=$(pkg-config --variable=libdir filemanager)
+LD_LIBRARY_PATH=$libdir "$work/plain"
+
+echo "== every installed header alone"
+includedir=$(pkg-config --variable=includedir filemanager)
+found=0
+for header in "$includedir"/*.h; do
+    found=$((found + 1))
+    printf '#include <%s>\n#include <%s>\n' "${header##*/}" "${header##*/}" |
+        "$compiler" -std=c++20 -Wall -Wextra -Wpedantic -Werror "${flags[@]}" \
+            -fsyntax-only -x c++ - || { echo "not usable alone: ${header##*/}" >&2; exit 1; }
+done
+echo "$found headers"
+
+echo "== the installed tool starts without help from the environment"
+env -u LD_LIBRARY_PATH "$prefix/bin/fmcache" --help >/dev/null

@@ -1,0 +1,176 @@
+// Stores that are queued when the manager stops and the process ends, in every arrangement of thread 3;
+// starting again and again in one process.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <thread>
+
+#include "support.h"
+
+namespace {
+
+constexpr uint32_t BLOCKS = 1000;
+
+std::string Content(uint32_t id) { return Pattern(id, 3000 + id); }
+
+// Leaves BLOCKS stores queued behind each other, and the information of the file to be written.
+FMFileID FillAndUnInitialize(const TempDir& dir, bool detachFirst) {
+    IFileManager* manager = IFileManager::Instance();
+    manager->Initialize(CRtString(dir.path.string()), 7, 1);
+    IFMFile* file = nullptr;
+    FMFileInfo info = Description();
+    FMFileIDFromString("{11111111-2222-3333-4444-555555555555}", info.fileID);
+    manager->CreateFile(file, info);
+    for (uint32_t id = 1; id <= BLOCKS; ++id)
+        Write(*Cache::Block(*file, id), Content(id));
+    file->ReleaseReference();
+    if (detachFirst)
+        manager->DetachFile(info.fileID);
+    manager->UnInitialize();
+    return info.fileID;
+}
+
+void ExpectAllThere(const TempDir& dir) {
+    Cache cache;
+    cache.Stop();
+    FMFileID id;
+    FMFileIDFromString("{11111111-2222-3333-4444-555555555555}", id);
+    fs::remove_all(cache.dir.path / "sdstore");
+    fs::rename(dir.path / "sdstore", cache.dir.path / "sdstore");
+    cache.Start();
+    const FileRef file = cache.Open(id);
+    ASSERT_TRUE(file);
+    for (uint32_t block = 1; block <= BLOCKS; ++block) {
+        const BlockRef found = Cache::Block(*file, block, 0);
+        ASSERT_TRUE(found && Read(*found) == Content(block)) << block;
+    }
+}
+
+} // namespace
+
+TEST(Exit, FromMainWithAnOwnThreadThree) {
+    const TempDir dir;
+    EXPECT_EXIT(
+        {
+            {
+                CRtCallerThread three;
+                FillAndUnInitialize(dir, true);
+            }
+            std::exit(0); // as a return from main does
+        },
+        testing::ExitedWithCode(0), "");
+    ExpectAllThere(dir);
+}
+
+TEST(Exit, ThroughExitOnAnOwnThreadThreeThatIsNeverGivenBack) {
+    const TempDir dir;
+    EXPECT_EXIT(
+        {
+            CRtCallerThread three;
+            RtRunOnCallerThread(
+                [&] {
+                    FillAndUnInitialize(dir, false);
+                    std::exit(0);
+                },
+                false);
+            three.Run();
+        },
+        testing::ExitedWithCode(0), "");
+    ExpectAllThere(dir);
+}
+
+TEST(Exit, ThroughExitFromMainWhileTheRuntimeRunsThreadThree) {
+    const TempDir dir;
+    EXPECT_EXIT(
+        {
+            RtRunOnCallerThread([&] { FillAndUnInitialize(dir, true); }, false);
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), "");
+    ExpectAllThere(dir);
+}
+
+TEST(Exit, ThroughExitOnTheRuntimesThreadThree) {
+    const TempDir dir;
+    EXPECT_EXIT(
+        {
+            RtRunOnCallerThread(
+                [&] {
+                    FillAndUnInitialize(dir, false);
+                    std::exit(0);
+                },
+                true);
+            pause();
+        },
+        testing::ExitedWithCode(0), "");
+    ExpectAllThere(dir);
+}
+
+// Closed information still waits in thread 3's queue when the process ends without UnInitialize.
+TEST(Exit, WithoutUnInitializeWhatWasClosedIsWritten) {
+    const TempDir dir;
+    EXPECT_EXIT(
+        {
+            const CRtCallerThread three; // never given back
+            IFileManager* manager = IFileManager::Instance();
+            manager->Initialize(CRtString(dir.path.string()), 7, 1);
+            IFMFile* file = nullptr;
+            FMFileInfo info = Description();
+            FMFileIDFromString("{11111111-2222-3333-4444-555555555555}", info.fileID);
+            manager->CreateFile(file, info);
+            for (uint32_t id = 1; id <= BLOCKS; ++id)
+                Write(*Cache::Block(*file, id), Content(id));
+            file->ReleaseReference();
+            manager->DetachFile(info.fileID);
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), "");
+    ExpectAllThere(dir);
+}
+
+TEST(Again, TenRunsInOneProcessLeaveNothingBehind) {
+    const auto entries = [](const char* path) {
+        return std::distance(fs::directory_iterator(path), fs::directory_iterator());
+    };
+    LogCapture log;
+    size_t threads = 0;
+    size_t descriptors = 0;
+    {
+        Cache cache(0);
+        cache.Stop();
+        for (int run = 0; run < 10; ++run) {
+            cache.Start();
+            EXPECT_EQ(cache.manager->Initialize("", 0, 1), 0); // a second call changes nothing
+            FileRef file = cache.Create();
+            const FMFileID id = file->GetFileInfo().fileID;
+            Write(*Cache::Block(*file, 1), Content(1));
+            cache.Close(file);
+            FileRef again = cache.Open(id);
+            FileRef displaced = cache.Create();
+            cache.Create(displaced->GetFileInfo());
+            Write(*Cache::Block(*displaced, 1), Content(2));
+            CountingSink sink;
+            Cache::Block(*again, 1)->ReadData(&sink);
+            again.Reset();
+            displaced.Reset();
+            cache.Stop();
+            cache.Stop();
+            while (cache.thread.RunDue() > 0) {
+            }
+            EXPECT_EQ(sink.results.size(), 1U);
+            const auto nowThreads = static_cast<size_t>(entries("/proc/self/task"));
+            const auto nowDescriptors = static_cast<size_t>(entries("/proc/self/fd"));
+            EXPECT_TRUE(run == 0 || (threads == nowThreads && descriptors == nowDescriptors));
+            threads = nowThreads;
+            descriptors = nowDescriptors;
+        }
+    }
+    EXPECT_EQ(log.Count("CFMBlock::CFMBlock,"), log.Count("CFMBlock::~CFMBlock,"));
+    EXPECT_EQ(log.Count("CFMFile::CFMFile,"), log.Count("CFMFile::~CFMFile,"));
+    EXPECT_EQ(log.Count("CDiskFile::CDiskFile,"), log.Count("CDiskFile::~CDiskFile,"));
+    EXPECT_EQ(log.Count("CFileManager::UnInitialize, End. "), 10U + 1);
+    EXPECT_EQ(log.Count("CFileManager::SetDataDir, data dir="), 1U);
+    EXPECT_EQ(log.Count("CFileManager::UnInitialize, statistics  cache: [memo-Max=67108864 Cur=0]"),
+              1U);
+}

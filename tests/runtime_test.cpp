@@ -1,0 +1,301 @@
+// The runtime layer: queues and threads, timers, the message block and the byte stream, the log.
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <thread>
+
+#include "RtByteStream.h"
+#include "support.h"
+#include "util/filemanager/filemanager.h"
+#include "util/filemanager/fmfunctor.h"
+
+namespace {
+
+// Runs a function; counts what becomes of it.
+class TestEvent final : public IRtEvent {
+public:
+    explicit TestEvent(std::function<void()> work = {}) : m_work(std::move(work)) { ++alive; }
+    ~TestEvent() override { --alive; }
+    int OnEventFire() override {
+        if (m_work)
+            m_work();
+        return 0;
+    }
+    inline static std::atomic<int> alive{0};
+
+private:
+    std::function<void()> m_work;
+};
+
+class TickSink final : public CRtTimerWrapperSink {
+public:
+    void OnTimer(CRtTimerWrapper* timer) override {
+        if (++ticks == cancelAt)
+            timer->Cancel();
+    }
+    int ticks = 0;
+    int cancelAt = 0;
+};
+
+std::string Bytes(const CRtMessageChain& chain) {
+    return std::string(chain->FlattenChained().view());
+}
+
+} // namespace
+
+TEST(Queue, RunsInOrderAndDisposesOfWhatItCannotTake) {
+    CRtThread* thread = nullptr;
+    ASSERT_EQ(CRtThreadManager::Instance()->CreateUserTaskThread(thread,
+                                                                 CRtThreadManager::TT_TASK, 0),
+              0);
+    IRtEventQueue* queue = thread->GetEventQueue();
+    std::vector<int> order;
+    for (int i = 0; i < 100; ++i)
+        queue->PostEvent(new TestEvent([&order, i] { order.push_back(i); }), 1);
+    // A send returns when it has run, also one from the thread to itself.
+    uint32_t id = 0;
+    EXPECT_EQ(queue->SendEvent(new TestEvent([&] {
+                  queue->SendEvent(new TestEvent([&] { id = CRtThreadManager::GetThreadSelfId(); }));
+              })),
+              0);
+    EXPECT_EQ(order.size(), 100U);
+    EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+    EXPECT_EQ(id, thread->GetThreadId());
+
+    // What is queued at the stop still runs; what comes later is refused, and nobody waits for it.
+    std::atomic<bool> go{false};
+    std::atomic<int> ran{0};
+    queue->PostEvent(new TestEvent([&] {
+                         while (!go)
+                             std::this_thread::yield();
+                     }),
+                     1);
+    for (int i = 0; i < 10; ++i)
+        queue->PostEvent(new TestEvent([&] { ++ran; }), 1);
+    auto* withdrawn = new TestEvent([&] { ran = 1000; });
+    queue->PostEvent(withdrawn, 1);
+    EXPECT_TRUE(queue->WithdrawEvent(withdrawn));
+    thread->Stop();
+    EXPECT_EQ(queue->SendEvent(new TestEvent), RT_ERROR_NOT_READY);
+    EXPECT_EQ(queue->PostEvent(new TestEvent, 1), RT_ERROR_NOT_READY);
+    EXPECT_EQ(queue->PostEvent(nullptr, 1), RT_ERROR_NULL_OBJECT);
+    EXPECT_EQ(thread->Join(10), RT_ERROR_NOT_READY);
+    go = true;
+    EXPECT_EQ(thread->Destory(0), 0);
+    EXPECT_EQ(ran, 10);
+    EXPECT_EQ(TestEvent::alive, 0);
+}
+
+TEST(Queue, PostsToMissingThreadsReleaseWhatTheyHold) {
+    CRtCallerThread three;
+    LogCapture log;
+    CFileManager* manager = CFileManager::Instance();
+    EXPECT_EQ(manager->GetReadwrThreadID(), 0U);
+    EXPECT_EQ(manager->PostToReadwrThread(nullptr, 0), RT_ERROR_NULL_OBJECT);
+    for (const int sync : {0, 1}) {
+        EXPECT_EQ(manager->PostToReadwrThread(new TestEvent, sync), RT_ERROR_NOT_READY);
+        EXPECT_EQ(manager->PostToCallerThread(new TestEvent, sync), RT_ERROR_NOT_READY);
+    }
+    EXPECT_EQ(TestEvent::alive, 0);
+    EXPECT_EQ(log.Count("util/filemanager/filemanager:"), 5U);
+    EXPECT_EQ(log.Count(" Assert failed: m_pReadwrTd && m_pReadwrTd->GetEventQueue()"), 2U);
+    EXPECT_EQ(log.Count(" Assert failed: m_pCallerTd && m_pCallerTd->GetEventQueue()"), 2U);
+
+    // A block that completes without a thread keeps its bytes, and nothing keeps the block.
+    IFMFile* raw = nullptr;
+    ASSERT_EQ(manager->CreateFile(raw, Description()), 0);
+    FileRef file = FileRef::Adopt(raw);
+    BlockRef block = Cache::Block(*file, 1);
+    EXPECT_EQ(Write(*block, "bytes"), 0);
+    EXPECT_EQ(Read(*block), "bytes");
+    CountingSink sink;
+    BlockRef other = Cache::Block(*file, 2);
+    EXPECT_EQ(other->ReadData(&sink), RT_ERROR_NOT_READY);
+    manager->DetachFile(file->GetFileInfo().fileID);
+    other.Reset();
+    file.Reset();
+    block.Reset();
+    EXPECT_TRUE(sink.results.empty());
+    EXPECT_EQ(log.Count("CFMBlock::~CFMBlock"), 2U);
+    EXPECT_EQ(log.Count("CFMFile::~CFMFile"), 1U);
+}
+
+TEST(CallerThread, AMainLoopIsWokenAndPumps) {
+    std::mutex mutex;
+    std::condition_variable woken;
+    bool wake = false;
+    CRtCallerThread three([&] {
+        const std::lock_guard lock(mutex);
+        wake = true;
+        woken.notify_one();
+    });
+    ASSERT_TRUE(three.IsValid());
+    EXPECT_FALSE(CRtCallerThread().IsValid());
+    bool ran = false;
+    std::thread poster([&] { EXPECT_EQ(RtRunOnCallerThread([&] { ran = true; }, true), 0); });
+    {
+        std::unique_lock lock(mutex);
+        woken.wait(lock, [&] { return wake; });
+    }
+    EXPECT_EQ(three.RunDue(), 1U);
+    poster.join();
+    EXPECT_TRUE(ran);
+    RtRunOnCallerThread([&] { three.Quit(); }, false);
+    three.Run();
+}
+
+TEST(CallerThread, TheRuntimeRunsItsOwnWhenNobodyElseDoes) {
+    uint32_t first = 0;
+    uint32_t second = 0;
+    EXPECT_EQ(RtRunOnCallerThread([&] { first = CRtThreadManager::GetThreadSelfId(); }, true), 0);
+    EXPECT_EQ(RtRunOnCallerThread([&] { second = CRtThreadManager::GetThreadSelfId(); }, true), 0);
+    EXPECT_NE(first, CRtThreadManager::GetThreadSelfId());
+    EXPECT_EQ(first, second);
+    EXPECT_FALSE(CRtCallerThread().IsValid());
+}
+
+TEST(Timer, FollowsTheClockWhereverItGoes) {
+    TestClock clock;
+    CRtCallerThread three;
+    TickSink sink;
+    CRtTimerWrapper timer;
+    EXPECT_EQ(three.GetNextDueMs(), -1);
+    EXPECT_EQ(timer.Schedule(nullptr, CRtTimeValue(60, 0), 0), RT_ERROR_INVALID_ARG);
+    EXPECT_EQ(timer.Schedule(&sink, CRtTimeValue(59, 1'000'000), 0), 0);
+    clock.Advance(59'999);
+    EXPECT_EQ(three.RunDue(), 0U);
+    EXPECT_EQ(three.GetNextDueMs(), 1);
+    clock.Advance(1);
+    EXPECT_EQ(three.RunDue(), 1U);
+    clock.Advance(600'000); // missed intervals are not made up for
+    EXPECT_EQ(three.RunDue(), 1U);
+    clock.tick -= 900'000; // nor does a clock set back stop the ticks
+    EXPECT_EQ(three.GetNextDueMs(), 60'000);
+    clock.Advance(60'000);
+    sink.cancelAt = 3;
+    EXPECT_EQ(three.RunDue(), 1U);
+    clock.Advance(600'000);
+    EXPECT_EQ(three.RunDue(), 0U);
+    EXPECT_EQ(sink.ticks, 3);
+}
+
+TEST(ByteStream, BytesAreThoseOfTheFormat) {
+    FMFileInfo info;
+    info.userValue = 258;
+    FMFileIDFromString("{01234567-89AB-CDEF-0123-456789abcdef}", info.fileID);
+    info.name = "abc";
+    info.flag = 4;
+    info.blockBeg = 1;
+    info.num = 64;
+    CRtMessageChain body;
+    ASSERT_EQ(FMEncodeFileBody(info, 0x01020304, body), 0);
+    const std::string expected("\x02\x01\0\0"
+                               "\x67\x45\x23\x01\xAB\x89\xEF\xCD\x01\x23\x45\x67\x89\xAB\xCD\xEF"
+                               "\x03\0abc\x04\0\0\0\x01\0\0\0\x40\0\0\0\x04\x03\x02\x01",
+                               41);
+    EXPECT_EQ(Bytes(body), expected);
+    uint32_t left = 1;
+    ASSERT_EQ(FMEncodeBlockBody({{1, 5, 1}, {}, {3, 7, int64_t{1} << 33}}, body, left), 0);
+    EXPECT_EQ(Bytes(body), std::string("\x03\0\x01\0\0\0\x05\0\0\0\x01\0\0\0\0\0\0\0\0\0\0\0"
+                                       "\x03\0\0\0\x07\0\0\0\0\0\0\0\x02\0\0\0",
+                                       38));
+    EXPECT_EQ(left, 0U);
+}
+
+TEST(ByteStream, StringsEndAtTheirLimitAndFailuresStay) {
+    LogCapture log;
+    const std::string longest(32766, 'x');
+    const CRtMessageChain chain = CRtMessageBlock::Create(70'000);
+    CRtByteStreamT out(*chain);
+    out << CRtString(longest) << CRtString();
+    EXPECT_EQ(chain->GetChainedLength(), 2U + 32766 + 2);
+    out << CRtString(longest + "x");
+    EXPECT_EQ(out.GetWriteResult(), RT_ERROR_IO);
+    EXPECT_EQ(chain->GetChainedLength(), 2U + 32766 + 2);
+    EXPECT_EQ(log.Count("util/h/RtByteStream:"), 1U);
+    EXPECT_EQ(log.Count("CRtByteStreamT::WriteString, too long, len=32767 this="), 1U);
+
+    CRtByteStreamT in(*chain);
+    CRtString first;
+    CRtString second("left as it was?");
+    uint32_t number = 77;
+    in >> first >> second >> number >> second >> number;
+    EXPECT_EQ(first.view(), longest);
+    EXPECT_TRUE(second.empty());
+    EXPECT_EQ(number, 77U);
+    EXPECT_FALSE(in.IsGood());
+    EXPECT_EQ(log.Count("CRtByteStreamT::Read, can't read. m_ResultRead=10009 this="), 3U);
+
+    const CRtMessageChain tooLong = CRtMessageBlock::CreateCopy("\xFF\x7F...", 5);
+    CRtByteStreamT bad(*tooLong);
+    second = "kept";
+    bad >> second;
+    EXPECT_EQ(bad.GetReadResult(), RT_ERROR_IO);
+    EXPECT_EQ(second, CRtString("kept"));
+}
+
+TEST(MessageBlock, StepsStayInTheBufferAndDuplicatesShareIt) {
+    LogCapture log;
+    CRtMessageChain chain = CRtMessageBlock::CreateCopy("0123", 4);
+    chain->Append(CRtMessageBlock::CreateCopy("456789", 6));
+    const CRtMessageChain copy = chain->DuplicateChained();
+    EXPECT_EQ(copy->GetTopLevelReadPtr(), chain->GetTopLevelReadPtr());
+    char bytes[7] = {};
+    EXPECT_EQ(chain->Read(bytes, 6), 0);
+    EXPECT_STREQ(bytes, "012345");
+    EXPECT_EQ(chain->Read(bytes, 5), RT_ERROR_OUT_OF_RANGE);
+    EXPECT_EQ(chain->GetChainedLength(), 4U);
+    chain.reset();
+    EXPECT_EQ(copy->FlattenChained(), CRtString("0123456789"));
+    EXPECT_EQ(copy->AdvanceTopLevelReadPtr(5), RT_ERROR_OUT_OF_RANGE);
+    EXPECT_EQ(copy->AdvanceTopLevelWritePtr(1), RT_ERROR_OUT_OF_RANGE);
+    copy->LockReading();
+    EXPECT_NE(copy->GetTopLevelReadPtr(), nullptr);
+    EXPECT_EQ(log.Count("m_pWritePtr >= m_pReadPtr + aStep"), 1U);
+    EXPECT_EQ(log.Count("m_pWritePtr + aStep <= m_pEndPtr"), 1U);
+    EXPECT_EQ(log.Count("RT_BIT_DISABLED(m_Flag, READ_LOCKED)"), 1U);
+}
+
+TEST(Log, CutsLongLinesAndComposesNoneThatNobodyWants) {
+    int composed = 0;
+    const auto text = [&composed] {
+        ++composed;
+        return CRtString(std::string(5000, 'x'));
+    };
+    {
+        LogCapture log(RT_LOG_WARNING);
+        RT_LOG(RT_LOG_TRACE, text());
+        EXPECT_EQ(composed, 0);
+        RT_LOG(RT_LOG_ERROR, text() << -5);
+        EXPECT_EQ(log.Text().size(), RT_LOG_BUFFER_SIZE);
+    }
+    LogCapture log;
+    RT_LOG(RT_LOG_TRACE, INT64_MIN << " " << UINT64_MAX << " " << CTavoSID(0x12345678));
+    EXPECT_EQ(log.Text(), "-9223372036854775808 18446744073709551615 18.3.1110.120\n");
+}
+
+TEST(FileID, TextAndOrderAgree) {
+    FMFileID id{};
+    EXPECT_EQ(FMFileIDToString(FMFileID_None), CRtString("{00000000-0000-0000-0000-000000000000}"));
+    std::vector<FMFileID> ids;
+    for (int i = 0; i < 200; ++i) {
+        CoCreateFMFileID(id);
+        FMFileID back;
+        FMFileIDFromString(FMFileIDToString(id), back);
+        EXPECT_TRUE(back == id && !(id == FMFileID_None));
+        ids.push_back(id);
+        id.Data4[7] = static_cast<uint8_t>(id.Data4[7] ^ 0x80);
+        ids.push_back(id);
+    }
+    std::sort(ids.begin(), ids.end());
+    EXPECT_TRUE(std::is_sorted(ids.begin(), ids.end(), [](const auto& a, const auto& b) {
+        return FMFileIDToString(a) < FMFileIDToString(b);
+    }));
+    EXPECT_FALSE(ids[0] < ids[0]);
+    for (const char* text : {"", "tmp", "{0123456789AB-CDEF-0123-456789ABCDEF00}",
+                             "{01234567-89AB-CDEF-0123-456789ABCDEG}",
+                             "{01234567-89AB-CDEF-0123-456789ABCDEF}x"}) {
+        FMFileIDFromString(text, id);
+        EXPECT_TRUE(id == FMFileID_None) << text;
+    }
+}
