@@ -1,0 +1,162 @@
+#!/usr/bin/env bash
+# The tool with real files, each verb in a process of its own.
+# usage: fmcache_test.sh FMCACHE BUILD_DIR
+set -euo pipefail
+
+fmcache=$(realpath "${1:?usage: $0 FMCACHE BUILD_DIR}")
+build=$(realpath "${2:?usage: $0 FMCACHE BUILD_DIR}")
+work=$(mktemp -d "$build/fmcache_test.XXXXXX")
+mounted=
+cleanup() {
+    [ -z "$mounted" ] || umount "$mounted" || true
+    rm -rf "$work"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+cd "$work"
+
+fail() { echo "FAILED: $*" >&2; exit 1; }
+
+# fails STATUS PATTERN ARGS...: that status, nothing on standard output, one line that matches.
+fails() {
+    local wanted=$1 pattern=$2 status=0
+    shift 2
+    "$fmcache" "$@" >stdout 2>stderr || status=$?
+    [ "$status" -eq "$wanted" ] || fail "status $status instead of $wanted: $* ($(cat stderr))"
+    [ ! -s stdout ] || fail "output from a failure: $*"
+    [ "$(wc -l <stderr)" -eq 1 ] || fail "not one line: $* ($(cat stderr))"
+    grep -qE "^fmcache: ([^A-Z]|[A-Z]+ )" stderr || fail "not an error line: $(cat stderr)"
+    grep -qE -- "$pattern" stderr || fail "no '$pattern' in: $(cat stderr)"
+}
+
+# put ARGS...: the identifier in $id, and not a word more.
+put() {
+    id=$("$fmcache" put --dir cache "$@" 2>stderr) || fail "put $* ($(cat stderr))"
+    [[ $id =~ ^\{[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}\}$ ]] || fail "no identifier: '$id'"
+    [ ! -s stderr ] || fail "put $* says: $(cat stderr)"
+}
+
+roundtrip() {
+    put "$@"
+    "$fmcache" get --dir cache "$id" -o back --force || fail "get after put $*"
+    cmp "$1" back || fail "other bytes after put $*"
+}
+
+entries() { find "$1" -name '*.sd?' | wc -l; }
+# Neither a result nor what it was made of.
+no_output() { [ -z "$(find . -name '*.part' -o -name out)" ] || fail "half-written output: $1"; }
+within() { # SECONDS COMMAND...: waits until it succeeds
+    local end=$((SECONDS + $1))
+    shift
+    until "$@" >/dev/null 2>&1; do [ "$SECONDS" -lt "$end" ] || fail "never: $*"; done
+}
+
+# --- files come back as they were
+: >empty
+printf x >one
+head -c $((4 * 262144)) /dev/urandom >exact
+head -c 1234567 /dev/urandom >odd
+head -c $((150 * 1048576 + 17)) /dev/urandom >large
+head -c 51200 /dev/urandom >many
+for file in empty one exact odd; do roundtrip "$file"; done
+roundtrip odd --block 4099 --piece 777
+roundtrip odd --block 16M --piece 2M --name "$(printf 'n%.0s' {1..3000})"
+[ "$(od -An -tu4 -j4 -N4 "cache/sdstore/$id.sdi")" -eq 2048 ] || fail "the name was not cut"
+roundtrip many --block 2
+"$fmcache" get --dir cache "${id:1:36}" -o - | cmp - many || fail "standard output"
+
+# --- more than the tool may keep in memory
+if [ -x /usr/bin/time ] && grep -q '^FILEMANAGER_SANITIZE:[A-Z]*=$' "$build/CMakeCache.txt"; then
+    small() { [ "$(cat kbytes)" -lt 112640 ] || fail "$1 took $(cat kbytes) KiB of memory"; }
+    id=$(/usr/bin/time -f %M -o kbytes "$fmcache" put --dir cache large) || fail "put large"
+    small put
+    /usr/bin/time -f %M -o kbytes "$fmcache" get --dir cache "$id" -o back --force || fail "get large"
+    small get
+    cmp large back || fail "other bytes in the large file"
+else
+    echo "memory is not measured here"
+    roundtrip large
+fi
+rm -f large back cache/sdstore/"$id".*
+
+# --- what put refuses
+before=$(entries cache)
+truncate -s 1073741825 giant
+fails 1 "there is no file 'absent'" put --dir cache absent
+fails 1 'is a directory' put --dir cache cache
+fails 1 'is not a regular file' put --dir cache /dev/null
+fails 1 'ends at 1 GiB' put --dir cache giant
+fails 1 'cannot be made' put --dir one/below odd
+fails 1 'names no directory' put --dir '' odd
+fails 1 'at least 1 byte' put --dir cache odd --block 0
+fails 1 'at least 1 byte' put --dir cache odd --piece 0
+fails 1 'at most 16.0 MiB' put --dir cache odd --block 16385K
+for size in 12x -5 K 1G 99999999999999999999; do
+    fails 1 'is not a size' put --dir cache odd --block="$size"
+done
+fails 1 'smallest that works is 2$' put --dir cache many --block 1
+fails 2 'FILE is required' put --dir cache
+fails 2 'subcommand is required' --verbose
+mkdir closed && chmod 500 closed
+[ "$(id -u)" -eq 0 ] || fails 1 'cannot be made' put --dir closed odd
+[ "$(entries cache)" -eq "$before" ] || fail "a refused put has left something"
+
+# --- what get refuses, without a trace
+put odd
+tree=$(ls -AR cache)
+fails 1 'there is no cache' get --dir nowhere "$id" -o out
+[ ! -e nowhere ] || fail "get has made a directory"
+fails 1 'there is no file' get --dir cache 00000000-0000-4000-8000-000000000001 -o out
+fails 1 'is not an identifier' get --dir cache "${id%\}}" -o out
+fails 1 'exists already; --force' get --dir cache "$id" -o one
+fails 1 'is a directory' get --dir cache "$id" -o cache --force
+fails 1 'not a regular file' get --dir cache "$id" -o /dev/null --force
+fails 1 'No such file' get --dir cache "$id" -o nowhere/out
+[ "$(cat one)" = x ] || fail "a refused get has changed its output"
+[ "$(ls -AR cache)" = "$tree" ] || fail "a refused get has changed the cache"
+
+# --- damage. A block table begins behind 8 bytes, the 38 + 3 of the description and its own 6.
+info=cache/sdstore/$id.sdi
+cp "$info" good
+{ head -c 49 good; printf '\x46'; head -c 71 good | tail -c +51; head -c 4 /dev/zero; tail -c +88 good; } >"$info"
+fails 1 'not complete: block 2 is missing' get --dir cache "$id" -o out
+{ head -c 75 good; head -c 4 /dev/zero; tail -c +80 good; } >"$info"
+fails 1 'not complete: block 2 has no bytes' get --dir cache "$id" -o out
+head -c 100 good >"$info"
+fails 1 'block table .* is damaged' get --dir cache "$id" -o out
+cp odd "$info"
+fails 1 'not an information file' get --dir cache "$id" -o out
+cp good "$info"
+truncate -s -1 "cache/sdstore/$id.sdd"
+fails 1 'ends before the end of block 5' get --dir cache "$id" -o out
+no_output damage
+
+# --- no room
+put odd
+before=$(entries cache)
+(ulimit -f 1000; fails 1 'could not be stored: .*limits' put --dir cache odd)
+(ulimit -f 100; fails 1 'cannot write .*File too large' get --dir cache "$id" -o out)
+[ "$(entries cache)" -eq "$before" ] || fail "a put without room has left something"
+mkdir tmpfs
+if [ "$(id -u)" -eq 0 ] && mount -t tmpfs -o size=1m none tmpfs 2>/dev/null; then
+    mounted=$work/tmpfs
+    fails 1 'not enough space .* needs 1.2 MiB' put --dir tmpfs odd
+    [ "$(entries tmpfs)" -eq 0 ] || fail "a full disk keeps a part of the file"
+    fails 1 'cannot write .*No space left' get --dir cache "$id" -o tmpfs/out
+else
+    echo "no small disk can be mounted here"
+fi
+no_output 'no room'
+
+# --- stopped by the user
+truncate -s 200M slow
+"$fmcache" put --dir stopped slow --block 64K --piece 16 >stdout 2>stderr &
+within 20 compgen -G 'stopped/sdstore/*.sdd'
+kill -TERM $! && wait $! && fail "put goes on" || [ $? -eq 130 ] || fail "put: not status 130"
+[ "$(entries stopped)" -eq 0 ] && [ ! -s stdout ] || fail "a stopped put has left something"
+put many --block 2
+"$fmcache" get --dir cache "$id" -o out 2>stderr &
+within 20 compgen -G '.fmcache-*.part'
+kill -TERM $! && wait $! && fail "get goes on" || [ $? -eq 130 ] || fail "get: not status 130"
+no_output 'stopped'
+echo "all is well"

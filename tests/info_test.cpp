@@ -1,0 +1,294 @@
+// The information file: what a table and a description become on disk, and what is made of files that
+// are damaged, foreign or out of date.
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "support.h"
+#include "util/filemanager/filemanager.h"
+
+namespace {
+
+std::string Number(uint64_t value, int bytes) {
+    std::string text;
+    for (int i = 0; i < bytes; ++i)
+        text += static_cast<char>(value >> (8 * i));
+    return text;
+}
+
+std::string Bytes(const CRtMessageChain& chain) {
+    return std::string(chain->FlattenChained().view());
+}
+
+// A whole information file of the given slots.
+std::string InfoFile(const FMFileInfo& info, const std::string& blockBody) {
+    CRtMessageChain body;
+    EXPECT_EQ(FMEncodeFileBody(info, 1'700'000'000, body), 0);
+    return "IFSD" + Number(body->GetChainedLength(), 4) + Bytes(body) +
+           Number(blockBody.size(), 4) + blockBody;
+}
+
+std::string BlockBody(const std::vector<FMBlockEntry>& slots) {
+    CRtMessageChain body;
+    uint32_t left = 0;
+    EXPECT_EQ(FMEncodeBlockBody(slots, body, left), 0);
+    return Bytes(body);
+}
+
+} // namespace
+
+TEST(Info, HoldsTheTableAndOnlyWhatIsTrue) {
+    LogCapture log;
+    Cache cache;
+    FMFileInfo info = Description(0);
+    info.name = "";
+    info.num = 4;
+    FileRef file = cache.Create(info);
+    file.Reset();
+    EXPECT_EQ(cache.manager->DetachFile(info.fileID), 0);
+    cache.Settle();
+    EXPECT_FALSE(fs::exists(cache.Path(info.fileID, ".sdi"))); // nothing had changed
+    file = cache.Create(info);
+    for (const uint32_t id : {0U, 1U, 3U})
+        Write(*Cache::Block(*file, id), Pattern(id, 10 + id));
+    const CRtMessageChain half = CRtMessageBlock::CreateCopy("half", 4);
+    EXPECT_EQ(Cache::Block(*file, 2)->WriteData(8, 0, half.get()), 0);
+    cache.Close(file);
+    cache.Settle();
+    const std::string body = BlockBody({{}, {1, 11, 10}, {2, 0, 0}, {3, 13, 21}});
+    const std::string onDisk = ReadFile(cache.Path(info.fileID, ".sdi"));
+    ASSERT_GE(onDisk.size(), 46U);
+    EXPECT_EQ(onDisk.substr(46), Number(body.size(), 4) + body);
+    EXPECT_EQ(onDisk.substr(0, 8), "IFSD" + Number(38, 4));
+    EXPECT_EQ(log.Count("block 0 cannot be saved"), 1U);
+    EXPECT_EQ(fs::status(cache.Path(info.fileID, ".sdi")).permissions(), fs::perms(0600));
+
+    // Bytes that an earlier, longer version left behind are ignored, also after another save.
+    WriteFile(cache.Path(info.fileID, ".sdi"), onDisk + "left behind");
+    file = cache.Open(info.fileID);
+    ASSERT_TRUE(file);
+    EXPECT_EQ(Cache::Block(*file, 2, 0)->GetTotalLen(), 0U);
+    IFMBlock* removed = nullptr;
+    EXPECT_EQ(file->RemoveBlock(3, removed), 0);
+    BlockRef::Adopt(removed);
+    Write(*Cache::Block(*file, 2), "later");
+    cache.Close(file);
+    file = cache.Open(info.fileID); // at once: as it will be written
+    ASSERT_TRUE(file);
+    EXPECT_EQ(Read(*Cache::Block(*file, 2, 0)), "later");
+    EXPECT_FALSE(Cache::Block(*file, 3, 0));
+    EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), Pattern(1, 11));
+    cache.Settle();
+    // Behind the furthest block that was restored.
+    EXPECT_EQ(ReadFile(cache.Path(info.fileID, ".sdd")).substr(34), "later");
+}
+
+TEST(Info, EveryFlippedByteAndEveryCutIsTakenCalmly) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FileRef made = cache.Create();
+    const FMFileID id = made->GetFileInfo().fileID;
+    for (uint32_t i = 1; i <= 8; ++i)
+        Write(*Cache::Block(*made, i), Pattern(i, 50 * i));
+    cache.Close(made);
+    cache.Settle();
+    const fs::path path = cache.Path(id, ".sdi");
+    const std::string valid = ReadFile(path);
+    const std::string data = ReadFile(cache.Path(id, ".sdd"));
+    const size_t before = mallinfo2().uordblks + mallinfo2().hblkhd;
+    const auto load = [&](const std::string& bytes) {
+        WriteFile(path, bytes);
+        WriteFile(cache.Path(id, ".sdd"), data); // a flipped flag makes the file temporary
+        const FileRef file = cache.Open(id);
+        if (!file)
+            return;
+        const size_t held = mallinfo2().uordblks + mallinfo2().hblkhd - before;
+        ASSERT_LT(held, 200'000 + 64 * bytes.size());
+        const FMFileInfo info = file->GetFileInfo();
+        for (uint32_t slot = 0; slot < info.num; ++slot) {
+            const BlockRef block = Cache::Block(*file, info.blockBeg + slot, 0);
+            if (!block || !block->IsComplete())
+                continue;
+            const std::string read = Read(*block);
+            ASSERT_TRUE(read.starts_with("error 10001") || read.size() <= data.size());
+        }
+        ASSERT_EQ(cache.manager->DetachFile(info.fileID), 0);
+    };
+    for (size_t at = 0; at < valid.size(); ++at) {
+        for (const int flip : {0x01, 0x80, 0xFF}) {
+            std::string bytes = valid;
+            bytes[at] = static_cast<char>(bytes[at] ^ flip);
+            load(bytes);
+        }
+        load(valid.substr(0, at));
+    }
+    load(valid);
+    made = cache.Open(id);
+    ASSERT_TRUE(made);
+    EXPECT_EQ(Read(*Cache::Block(*made, 8, 0)), Pattern(8, 400));
+}
+
+TEST(Info, HostileNumbersAreSkippedRefusedOrFailWhenRead) {
+    LogCapture log;
+    Cache cache;
+    FMFileInfo info = Description();
+    info.num = 16;
+    const auto open = [&](const std::string& blockBody) {
+        cache.manager->DetachFile(info.fileID);
+        WriteFile(cache.Path(info.fileID, ".sdi"), InfoFile(info, blockBody));
+        WriteFile(cache.Path(info.fileID, ".sdd"), Pattern(0, 1000));
+        return cache.Open(info.fileID);
+    };
+    FileRef file = open(BlockBody({{1, 100, 0},
+                                   {2, 100, -1},
+                                   {3, 0xFFFFFFFF, INT64_MAX},
+                                   {4, 0xFFFFFFF0, 0},
+                                   {5, 100, 901},
+                                   {6, 1, FM_INFO_OFFSET_MAX},
+                                   {4000, 10, 0}}));
+    ASSERT_TRUE(file);
+    EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), Pattern(0, 1000).substr(0, 100));
+    for (const uint32_t impossible : {2U, 3U, 6U})
+        EXPECT_EQ(Cache::Block(*file, impossible, 0)->GetTotalLen(), 0U);
+    EXPECT_EQ(Read(*Cache::Block(*file, 4, 0)), "error 10001"); // and nobody made 4 GiB for it
+    EXPECT_EQ(Read(*Cache::Block(*file, 5, 0)), "error 10001");
+    EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, impossible place, blockID="), 3U);
+    EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, block beyond the data file, blockID="), 2U);
+    EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, block outside the table, blockID=4000"), 1U);
+
+    // Entries that are missing are empty slots; one that is cut names no bytes.
+    std::string cut = BlockBody({{1, 100, 0}, {2, 100, 100}});
+    cut[0] = 9;
+    file = open(cut.substr(0, cut.size() - 3));
+    ASSERT_TRUE(file);
+    EXPECT_TRUE(Cache::Block(*file, 1, 0)->IsComplete());
+    EXPECT_FALSE(Cache::Block(*file, 2, 0)->IsComplete());
+    EXPECT_FALSE(Cache::Block(*file, 3, 0));
+    EXPECT_EQ(log.Count("CRtByteStreamT::Read, can't read."), 1U + 7);
+
+    EXPECT_TRUE(open(std::string(2, '\0') + std::string(FM_INFO_BLOCK_BODY_MAX - 2, 'x')));
+    EXPECT_FALSE(open(std::string(FM_INFO_BLOCK_BODY_MAX + 1, '\0')));
+    EXPECT_EQ(log.Count("ReaddBlockInfo first error, ret=0,length=819201 this="), 1U);
+    info.num = FM_TABLE_SLOTS_MAX + 1;
+    EXPECT_FALSE(open(BlockBody({})));
+    EXPECT_EQ(log.Count("Decode file info error, ret=10008 this="), 1U);
+    info.num = FM_TABLE_SLOTS_MAX;
+    file = open(BlockBody({}));
+    ASSERT_TRUE(file);
+    EXPECT_EQ(file->GetBlocks().size(), 8192U); // no more than the file gives reason for
+    info.name = CRtString(std::string(2011, 'n'));
+    EXPECT_FALSE(open(BlockBody({})));
+    EXPECT_EQ(log.Count("LoadFileInfo, ReaddFileInfo error, ret=10008 this="), 1U);
+    WriteFile(cache.Path(info.fileID, ".sdi"), "JFSD and so on and so on");
+    EXPECT_FALSE(cache.Open(info.fileID));
+    EXPECT_EQ(log.Count("CInfoFile::ReaddFileInfo. not sdinfo file! readFileHeader=JFSD this="), 1U);
+    EXPECT_EQ(log.Count("LoadFileInfo, ReaddFileInfo error, ret=10015 this="), 1U);
+    FMFileInfo unknown = Description();
+    EXPECT_FALSE(cache.Open(unknown.fileID));
+    EXPECT_FALSE(fs::exists(cache.Path(unknown.fileID, ".sdi")));
+}
+
+TEST(Info, TablesAndNamesAtTheEndOfTheFormat) {
+    LogCapture log(RT_LOG_WARNING);
+    Cache cache;
+    FileRef file = cache.Create();
+    const FMFileID id = file->GetFileInfo().fileID;
+    Write(*Cache::Block(*file, 1), "first");
+    Write(*Cache::Block(*file, 65'535), "last that fits");
+    Write(*Cache::Block(*file, 65'536), "beyond");
+    EXPECT_EQ(log.Count("CFMFile::GetBlock, huge file. fileID="), 1U);
+    cache.Close(file);
+    file = cache.Open(id);
+    ASSERT_TRUE(file);
+    EXPECT_EQ(log.Count("table too large to save, slots left out="), 1U);
+    EXPECT_EQ(Read(*Cache::Block(*file, 65'535, 0)), "last that fits");
+    EXPECT_FALSE(Cache::Block(*file, 65'536, 0));
+
+    std::vector<FMBlockEntry> many(52'000, {7, 1, 1});
+    CRtMessageChain body;
+    uint32_t left = 0;
+    EXPECT_EQ(FMEncodeBlockBody(many, body, left), 0);
+    EXPECT_EQ(left, 52'000U - 51'199);
+    EXPECT_LE(body->GetChainedLength(), FM_INFO_BLOCK_BODY_MAX);
+
+    FMFileInfo info = Description();
+    info.name = CRtString(std::string(32'767, 'n'));
+    FileRef nameless = cache.Create(info);
+    Write(*Cache::Block(*nameless, 1), "x");
+    cache.Close(nameless);
+    EXPECT_EQ(log.Count("CFMFile::SaveFileInfo, Encode file info error, ret=10001 this="), 1U);
+}
+
+// A crash at any moment of a file's being made anew: the old table is never found over new bytes.
+TEST(Info, AFileMadeAnewDropsTheOldTableBeforeItsFirstByte) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    const FMFileInfo info = Description();
+    FileRef file = cache.Create(info);
+    Write(*Cache::Block(*file, 1), Pattern(1, 300));
+    cache.Close(file);
+    cache.Settle();
+    file = cache.Create(info);
+    EXPECT_TRUE(fs::exists(cache.Path(info.fileID, ".sdi"))); // nothing is lost yet
+    Write(*Cache::Block(*file, 1), Pattern(2, 200));
+    CFileManager::Instance()->IsFileOpen(""); // the store has run
+    EXPECT_FALSE(fs::exists(cache.Path(info.fileID, ".sdi")));
+    EXPECT_EQ(ReadFile(cache.Path(info.fileID, ".sdd")), Pattern(2, 200));
+}
+
+TEST(Info, TwoObjectsNeverShareAPath) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FileRef first = cache.Create();
+    const FMFileID id = first->GetFileInfo().fileID;
+    const BlockRef kept = Cache::Block(*first, 1);
+    Write(*kept, Pattern(1, 100));
+    first.Reset();
+    EXPECT_EQ(cache.manager->DetachFile(id), 0);
+    FileRef second = cache.Open(id);
+    ASSERT_TRUE(second);
+    Write(*kept, Pattern(9, 4000)); // of a closed file: stays in memory
+    Write(*Cache::Block(*second, 2), Pattern(2, 100));
+    cache.Settle();
+    EXPECT_EQ(Read(*kept), Pattern(9, 4000));
+    EXPECT_EQ(Read(*Cache::Block(*second, 1, 0)), Pattern(1, 100));
+    EXPECT_EQ(ReadFile(cache.Path(id, ".sdd")), Pattern(1, 100) + Pattern(2, 100));
+}
+
+TEST(Info, ATemporaryFileLeavesNothingBehind) {
+    LogCapture log;
+    Cache cache;
+    FileRef file = cache.Create(1, FM_FILE_TEMPORARY);
+    const FMFileID id = file->GetFileInfo().fileID;
+    const BlockRef block = Cache::Block(*file, 1);
+    Write(*block, "bytes");
+    cache.Close(file);
+    EXPECT_FALSE(cache.Open(id)); // at once: the removal comes first
+    EXPECT_FALSE(fs::exists(cache.Path(id, ".sdd")) || fs::exists(cache.Path(id, ".sdi")));
+    EXPECT_EQ(log.Count("CFMFile::ClerDiskFile_m, fileID="), 1U);
+    file = cache.Create(1, FM_FILE_TEMPORARY);
+    const FMFileID other = file->GetFileInfo().fileID;
+    Write(*Cache::Block(*file, 1), "bytes");
+    file.Reset();
+    cache.Stop();
+    EXPECT_FALSE(fs::exists(cache.Path(other, ".sdd")));
+    cache.Start();
+}
+
+TEST(Info, AnotherIdentifierInsideThanOutside) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FMFileInfo inside = Description();
+    inside.num = 4;
+    const FMFileID outside = Description().fileID;
+    WriteFile(cache.Path(outside, ".sdi"), InfoFile(inside, BlockBody({{1, 3, 0}})));
+    WriteFile(cache.Path(outside, ".sdd"), "abc");
+    const FileRef file = cache.Open(outside);
+    ASSERT_TRUE(file);
+    EXPECT_TRUE(file->GetFileInfo().fileID == inside.fileID);
+    EXPECT_TRUE(cache.Open(inside.fileID, 0));
+    EXPECT_FALSE(cache.Open(outside, 0));
+    EXPECT_EQ(Read(*Cache::Block(*cache.Open(outside), 1, 0)), "abc");
+}
