@@ -65,7 +65,8 @@ CFMFile::~CFMFile() {
 
 int CFMFile::GetBlock(IFMBlock*& block, uint32_t blockID, int create) {
     const uint32_t slot = blockID - m_fileInfo.blockBeg;
-    if (slot < m_blocks.size()) {
+    const bool inTable = IsBlockidOK(blockID);
+    if (inTable) {
         block = m_blocks[slot].Get();
         if (block) {
             block->AddReference();
@@ -76,7 +77,7 @@ int CFMFile::GetBlock(IFMBlock*& block, uint32_t blockID, int create) {
         return RT_ERROR_NOT_FOUND;
     if (m_closed) // a block in a closed table would keep the file, and the file the block, for ever
         return RT_ERROR_NOT_READY;
-    if (slot >= m_blocks.size()) {
+    if (!inTable) {
         if (const int result = GrowTable(blockID); RT_FAILED(result))
             return result;
     }
