@@ -79,6 +79,11 @@ public:
         pointer.m_pRawPtr = object;
         return pointer;
     }
+    /// For an out argument, which hands over a reference: what was held is released first.
+    T*& Receive() {
+        Reset();
+        return m_pRawPtr;
+    }
     /// Empties the pointer without releasing: the reference passes to the caller.
     T* Detach() { return std::exchange(m_pRawPtr, nullptr); }
     /// Emptied before the release, which may run code that looks at this pointer.

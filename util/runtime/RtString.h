@@ -33,8 +33,8 @@ public:
         m_bytes += other.m_bytes;
         return *this;
     }
-    CRtString& operator+=(char byte) {
-        m_bytes += byte;
+    CRtString& operator+=(char character) {
+        m_bytes += character;
         return *this;
     }
     friend CRtString operator+(CRtString left, const CRtString& right) { return left += right; }

@@ -1,0 +1,214 @@
+// The Windows side of the seam. Paths go to the system as they are: both separators are its own.
+#include <direct.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <io.h>
+#include <objbase.h>
+#include <share.h>
+#include <shlobj.h>
+#include <sys/stat.h>
+#include <windows.h>
+
+#include <chrono>
+#include <cstring>
+
+#include "RtOs.h"
+
+namespace {
+
+bool IsLink(DWORD attributes) { return (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0; }
+bool IsDirectory(DWORD attributes) { return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0; }
+
+} // namespace
+
+namespace RtOs {
+
+uint32_t GetProcessId() { return ::GetCurrentProcessId(); }
+
+bool IsProcessAlive(int64_t processId) {
+    if (processId <= 0 || processId > int64_t{UINT32_MAX})
+        return false;
+    const HANDLE process =
+        ::OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, static_cast<DWORD>(processId));
+    if (!process)
+        return ::GetLastError() == ERROR_ACCESS_DENIED;
+    DWORD exitCode = 0;
+    const bool ended = ::GetExitCodeProcess(process, &exitCode) && exitCode != STILL_ACTIVE;
+    ::CloseHandle(process);
+    return !ended;
+}
+
+uint32_t GetThreadId() { return ::GetCurrentThreadId(); }
+
+uint64_t GetMonotonicMs() {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+}
+
+void GetTimeOfDay(int64_t& seconds, int64_t& microseconds) {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    const int64_t total = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+    seconds = total / 1'000'000;
+    microseconds = total % 1'000'000;
+}
+
+void CreateGuid(uint8_t (&bytes)[16]) {
+    GUID guid{};
+    ::CoCreateGuid(&guid); // fails only where the process could not run at all
+    std::memcpy(bytes, &guid, sizeof(bytes));
+}
+
+uint32_t GetDriveStrings(uint32_t size, char* buffer) {
+    return ::GetLogicalDriveStringsA(size, buffer);
+}
+
+uint32_t GetDriveKind(const char* root) { return ::GetDriveTypeA(root); }
+
+bool GetDriveFreeBytes(const char* root, uint64_t& available) {
+    ULARGE_INTEGER free{};
+    ULARGE_INTEGER total{};
+    ULARGE_INTEGER totalFree{};
+    if (!::GetDiskFreeSpaceExA(root, &free, &total, &totalFree))
+        return false;
+    available = free.QuadPart;
+    return true;
+}
+
+bool GetUserDataDir(CRtString& directory) {
+    char path[MAX_PATH] = {};
+    if (!::SHGetSpecialFolderPathA(nullptr, path, CSIDL_APPDATA, FALSE))
+        return false;
+    directory = path;
+    return true;
+}
+
+EntryKind GetEntryKind(const CRtString& path) {
+    const DWORD attributes = ::GetFileAttributesA(path.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES)
+        return EntryKind::Missing;
+    return IsDirectory(attributes) ? EntryKind::Directory : EntryKind::File;
+}
+
+bool GetFileLength(const CRtString& path, uint64_t& length) {
+    WIN32_FILE_ATTRIBUTE_DATA data{};
+    if (!::GetFileAttributesExA(path.c_str(), GetFileExInfoStandard, &data) ||
+        IsDirectory(data.dwFileAttributes))
+        return false;
+    length = uint64_t{data.nFileSizeHigh} << 32 | data.nFileSizeLow;
+    return true;
+}
+
+bool MakeDirectory(const CRtString& path) { return ::_mkdir(path.c_str()) == 0; }
+
+void SetHidden(const CRtString& path) {
+    ::SetFileAttributesA(path.c_str(), FILE_ATTRIBUTE_HIDDEN);
+}
+
+size_t FindLastSeparator(const CRtString& path) { return path.view().find_last_of('\\'); }
+
+int RemoveFile(const CRtString& path) { return ::_unlink(path.c_str()); }
+
+// Of a junction or a link to a directory this removes the link itself.
+int RemoveDirectory(const CRtString& path) { return ::_rmdir(path.c_str()); }
+
+struct DirectoryWalk::State {
+    explicit State(CRtString path, bool followLast) {
+        // A separator at the end would show what a link leads to.
+        while (path.size() > 3 && path.back() == '\\')
+            path.resize(path.size() - 1);
+        base = path + (path.empty() || path.back() != '\\' ? "\\" : "");
+        const DWORD attributes = ::GetFileAttributesA(path.c_str());
+        if (attributes == INVALID_FILE_ATTRIBUTES || !IsDirectory(attributes))
+            return;
+        if (IsLink(attributes) && !followLast)
+            return;
+        search = ::FindFirstFileA((base + "*.*").c_str(), &entry);
+    }
+    ~State() {
+        if (IsOpen())
+            ::FindClose(search);
+    }
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+
+    bool IsOpen() const { return search != INVALID_HANDLE_VALUE; }
+    bool IsDots() const {
+        return std::strcmp(entry.cFileName, ".") == 0 || std::strcmp(entry.cFileName, "..") == 0;
+    }
+
+    CRtString base;
+    WIN32_FIND_DATAA entry{};
+    HANDLE search = INVALID_HANDLE_VALUE;
+    bool fresh = true; // `entry` has not been handed out
+};
+
+DirectoryWalk::DirectoryWalk(const CRtString& path, bool followLast)
+    : m_state(std::make_unique<State>(path, followLast)) {}
+
+DirectoryWalk::DirectoryWalk(const DirectoryWalk& parent, const CRtString& name)
+    : m_state(std::make_unique<State>(parent.m_state->base + name, false)) {}
+
+DirectoryWalk::~DirectoryWalk() = default;
+
+bool DirectoryWalk::IsOpen() const { return m_state->IsOpen(); }
+
+bool DirectoryWalk::Next(CRtString& name, bool& isDirectory) {
+    while (m_state->IsOpen()) {
+        if (!m_state->fresh && !::FindNextFileA(m_state->search, &m_state->entry))
+            return false;
+        m_state->fresh = false;
+        if (m_state->IsDots())
+            continue;
+        name = m_state->entry.cFileName;
+        const DWORD attributes = m_state->entry.dwFileAttributes;
+        isDirectory = IsDirectory(attributes) && !IsLink(attributes);
+        return true;
+    }
+    return false;
+}
+
+bool DirectoryWalk::RemoveFile(const CRtString& name) {
+    const CRtString path = m_state->base + name;
+    return ::_unlink(path.c_str()) == 0 || ::_rmdir(path.c_str()) == 0; // a link to a directory
+}
+
+bool DirectoryWalk::RemoveDirectory(const CRtString& name) {
+    return ::_rmdir((m_state->base + name).c_str()) == 0;
+}
+
+FILE* OpenStream(const CRtString& path, bool create, int& error) {
+    const int flags = _O_RDWR | _O_BINARY | _O_NOINHERIT | (create ? _O_CREAT : 0);
+    int file = -1;
+    error = ::_sopen_s(&file, path.c_str(), flags, _SH_DENYNO, _S_IREAD | _S_IWRITE);
+    if (error != 0)
+        return nullptr;
+    FILE* stream = ::_fdopen(file, "rb+");
+    if (!stream) {
+        error = errno;
+        ::_close(file);
+        return nullptr;
+    }
+    std::setvbuf(stream, nullptr, _IONBF, 0);
+    return stream;
+}
+
+bool IsOutOfStreams(int error) { return error == EMFILE || error == ENFILE; }
+
+bool SeekStream(FILE* stream, uint64_t offset) {
+    if (offset > uint64_t{INT64_MAX})
+        return false;
+    return ::_fseeki64(stream, static_cast<int64_t>(offset), SEEK_SET) == 0;
+}
+
+bool GetStreamLength(FILE* stream, uint64_t& length) {
+    const int64_t size = ::_filelengthi64(::_fileno(stream));
+    if (size < 0)
+        return false;
+    length = static_cast<uint64_t>(size);
+    return true;
+}
+
+uint32_t GetStreamLimit() { return static_cast<uint32_t>(::_getmaxstdio()); }
+
+} // namespace RtOs
