@@ -34,7 +34,7 @@ void RemoveEntries(RtOs::DirectoryWalk& walk, const CRtString& base) {
         RT_LOG(RT_LOG_TRACE, "CFileManager::RemoveDir. Dir:" << child);
         RtOs::DirectoryWalk childWalk(walk, name);
         RemoveEntries(childWalk, child);
-        walk.RemoveDirectory(name);
+        walk.RemoveSubdirectory(name);
     }
 }
 
@@ -159,5 +159,5 @@ void CFileManager::RemoveDir(const CRtString& dir) {
         RtOs::DirectoryWalk walk(dir);
         RemoveEntries(walk, WithBackslash(dir));
     }
-    RtOs::RemoveDirectory(dir);
+    RtOs::RemoveEmptyDirectory(dir);
 }

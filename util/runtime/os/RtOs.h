@@ -54,7 +54,7 @@ size_t FindLastSeparator(const CRtString& path);
 /// Removes the directory entry, never what a link leads to. 0, or -1.
 int RemoveFile(const CRtString& path);
 /// Removes an empty directory or a link to one. 0, or -1.
-int RemoveDirectory(const CRtString& path);
+int RemoveEmptyDirectory(const CRtString& path);
 
 /// A walk over the entries of one directory, "." and ".." left out. The directory is held open, so
 /// that what is removed or entered through it is an entry of this very directory even while others
@@ -75,7 +75,7 @@ public:
     bool Next(CRtString& name, bool& isDirectory);
     /// Both act on an entry of this directory and answer whether it is gone.
     bool RemoveFile(const CRtString& name);
-    bool RemoveDirectory(const CRtString& name);
+    bool RemoveSubdirectory(const CRtString& name);
 
 private:
     struct State;

@@ -134,7 +134,7 @@ size_t FindLastSeparator(const CRtString& path) { return path.view().find_last_o
 
 int RemoveFile(const CRtString& path) { return ::unlink(Native(path).c_str()); }
 
-int RemoveDirectory(const CRtString& path) {
+int RemoveEmptyDirectory(const CRtString& path) {
     const std::string native = NativeWithoutTail(path);
     struct stat info {};
     if (::lstat(native.c_str(), &info) == 0 && S_ISLNK(info.st_mode))
@@ -195,7 +195,7 @@ bool DirectoryWalk::RemoveFile(const CRtString& name) {
     return ::unlinkat(m_state->Handle(), name.c_str(), 0) == 0;
 }
 
-bool DirectoryWalk::RemoveDirectory(const CRtString& name) {
+bool DirectoryWalk::RemoveSubdirectory(const CRtString& name) {
     return ::unlinkat(m_state->Handle(), name.c_str(), AT_REMOVEDIR) == 0;
 }
 

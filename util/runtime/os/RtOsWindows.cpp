@@ -110,7 +110,7 @@ size_t FindLastSeparator(const CRtString& path) { return path.view().find_last_o
 int RemoveFile(const CRtString& path) { return ::_unlink(path.c_str()); }
 
 // Of a junction or a link to a directory this removes the link itself.
-int RemoveDirectory(const CRtString& path) { return ::_rmdir(path.c_str()); }
+int RemoveEmptyDirectory(const CRtString& path) { return ::_rmdir(path.c_str()); }
 
 struct DirectoryWalk::State {
     explicit State(CRtString path, bool followLast) {
@@ -173,7 +173,7 @@ bool DirectoryWalk::RemoveFile(const CRtString& name) {
     return ::_unlink(path.c_str()) == 0 || ::_rmdir(path.c_str()) == 0; // a link to a directory
 }
 
-bool DirectoryWalk::RemoveDirectory(const CRtString& name) {
+bool DirectoryWalk::RemoveSubdirectory(const CRtString& name) {
     return ::_rmdir((m_state->base + name).c_str()) == 0;
 }
 
