@@ -90,6 +90,7 @@ public:
     /// nobody who waits for the read/write thread waits for the whole run.
     void HouseKeeping_m();
     void ExamineNext_m();
+    bool IsHouseKeepingPosted() const { return m_houseKeepingPosted; }
     int GetClearDays() const { return m_clearDays; }
 
     // Bytes of block data in memory; any thread.

@@ -1,0 +1,192 @@
+// Requests of other nodes, and the nodes that own a block.
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "support.h"
+
+namespace {
+
+class Node final : public ISDUser {
+public:
+    Node(uint32_t number, bool p2p, bool isPublic, uint32_t ip)
+        : m_sid(number), m_p2p(p2p), m_public(isPublic), m_ip(ip) {
+        m_address.m_host = CRtString(std::to_string(number));
+    }
+    ~Node() override { EXPECT_EQ(references, 0) << m_sid.GetHashValue(); }
+    uint32_t AddReference() override { return static_cast<uint32_t>(++references); }
+    uint32_t ReleaseReference() override { return static_cast<uint32_t>(--references); }
+    const CTavoSID& GetNodeSID() override { return m_sid; }
+    int IsP2P() override { return m_p2p; }
+    int IsPublic() override { return m_public; }
+    uint32_t GetAddressTag() override { return m_sid.GetHashValue() + 1; }
+    uint32_t GetIP() override { return m_ip; }
+    const SDAddress& GetAddress() override { return m_address; }
+    std::atomic<int> references{0};
+
+private:
+    CTavoSID m_sid;
+    SDAddress m_address;
+    bool m_p2p;
+    bool m_public;
+    uint32_t m_ip;
+};
+
+std::vector<std::unique_ptr<Node>> Nodes(uint32_t count, bool p2p, bool isPublic, uint32_t ip) {
+    static uint32_t number = 0;
+    std::vector<std::unique_ptr<Node>> nodes;
+    for (uint32_t i = 0; i < count; ++i)
+        nodes.push_back(std::make_unique<Node>(++number, p2p, isPublic, ip));
+    return nodes;
+}
+
+// Who was named, by the number that is the node's identifier and its host.
+std::multiset<uint32_t> Owners(IFMBlock& block, ISDUser& requester, uint16_t capacity) {
+    std::vector<SDDataAddressItem> items(capacity);
+    EXPECT_EQ(block.GetOwners({&requester, 2}, &capacity, items.data()), 0);
+    std::multiset<uint32_t> named;
+    for (uint16_t i = 0; i < capacity; ++i) {
+        const uint32_t number = items[i].m_sid.GetHashValue();
+        EXPECT_EQ(items[i].m_tag, number + 1);
+        EXPECT_EQ(items[i].m_address.m_host, CRtString(std::to_string(number)));
+        named.insert(number);
+    }
+    return named;
+}
+
+} // namespace
+
+TEST(Requests, LiveUntilTheyAreCancelled) {
+    const auto nodes = Nodes(2, true, true, 1);
+    LogCapture log;
+    for (const int isServer : {0, 1}) {
+        Cache cache(isServer);
+        const FileRef file = cache.Create();
+        const BlockRef block = Cache::Block(*file, 1);
+        block->AddRetrieve(nullptr, 1);
+        EXPECT_EQ(block->CancelRetrieve(nullptr), 0);
+        for (const auto& [node, priority] : {std::pair(0, 1), {1, 2}, {0, 3}})
+            block->AddRetrieve(nodes[static_cast<size_t>(node)].get(),
+                               static_cast<uint32_t>(priority));
+        EXPECT_EQ(block->GetRetrieves().size(), 3U);
+        EXPECT_EQ(block->CancelRetrieve(nodes[0].get()), 1);
+        EXPECT_EQ(block->GetRetrieves().front().m_pri, 2U);
+        Write(*block, "complete");
+        EXPECT_EQ(block->GetRetrieves().size(), 2U);
+        file->CancelRetrieve(nodes[0].get(), 0);
+        file->CancelRetrieve(nullptr, 1);
+        EXPECT_EQ(block->CancelRetrieve(nodes[0].get()), 0);
+        EXPECT_EQ(nodes[0]->references, 0);
+        EXPECT_EQ(nodes[1]->references, 1);
+    }
+    EXPECT_EQ(log.Count(" Assert failed: node"), 6U);
+    EXPECT_EQ(log.Count("CFMBlock::CancelRetrieve, fileID="), 4U);
+    EXPECT_EQ(log.Count(",blockID=1,node=0.0.0.1,pri=3 this="), 2U);
+}
+
+TEST(Requests, AreAnsweredByKindPriorityAndOwners) {
+    const auto p2p = Nodes(1, true, true, 1);
+    const auto plain = Nodes(1, false, true, 1);
+    {
+        Cache server(1);
+        const FileRef file = server.Create();
+        const BlockRef block = Cache::Block(*file, 1);
+        EXPECT_EQ(block->GetRetrieveType({p2p[0].get(), 2}), FM_RETRIEVE_NOT_YET);
+        block->SetOwner(p2p[0].get(), 1);
+        EXPECT_EQ(block->GetRetrieveType({p2p[0].get(), 2}), FM_RETRIEVE_PEERS);
+        EXPECT_EQ(block->GetRetrieveType({plain[0].get(), 2}), FM_RETRIEVE_NOT_YET);
+        Write(*block, "complete");
+        EXPECT_EQ(block->GetRetrieveType({p2p[0].get(), 2}), FM_RETRIEVE_PEERS);
+        EXPECT_EQ(block->GetRetrieveType({p2p[0].get(), 1}), FM_RETRIEVE_HERE);
+        EXPECT_EQ(block->GetRetrieveType({p2p[0].get(), 0x80000000}), FM_RETRIEVE_HERE);
+        // The count of peers wraps as 16 bits: one more removal than additions is 65535 peers.
+        block->SetOwner(p2p[0].get(), 0);
+        EXPECT_EQ(block->GetRetrieveType({p2p[0].get(), 2}), FM_RETRIEVE_HERE);
+        block->SetOwner(p2p[0].get(), 0);
+        EXPECT_EQ(block->GetRetrieveType({p2p[0].get(), 2}), FM_RETRIEVE_PEERS);
+    }
+    Cache client(0);
+    const FileRef file = client.Create();
+    const BlockRef block = Cache::Block(*file, 1);
+    block->SetOwner(p2p[0].get(), 1);
+    EXPECT_EQ(block->GetRetrieveType({p2p[0].get(), 2}), FM_RETRIEVE_CLIENT_NOT_YET);
+    Write(*block, "complete");
+    EXPECT_EQ(block->GetRetrieveType({p2p[0].get(), 2}), FM_RETRIEVE_HERE);
+    uint16_t count = 5;
+    EXPECT_EQ(block->GetOwners({p2p[0].get(), 2}, &count, nullptr), RT_ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(count, 0);
+}
+
+TEST(Owners, OfAClientAreOneListByObject) {
+    const auto nodes = Nodes(2, true, true, 1);
+    LogCapture log;
+    Cache cache(0);
+    const FileRef file = cache.Create();
+    const BlockRef block = Cache::Block(*file, 1);
+    EXPECT_EQ(block->GetOwner(), nullptr);
+    block->SetOwner(nullptr, 1);
+    for (const size_t node : {0, 1, 0})
+        block->SetOwner(nodes[node].get(), 1);
+    EXPECT_EQ(log.Count(",address=3,owner=" "0.0.0.1 own this="), 1U);
+    block->SetOwner(nodes[0].get(), 0);
+    EXPECT_EQ(nodes[0]->references, 1);
+    file->CancelRetrieve(nodes[1].get(), 1);
+    EXPECT_TRUE(block->HasOwner());
+    EXPECT_EQ(block->GetOwner(), nodes[0].get());
+    block->SetOwner(nodes[0].get(), 0);
+    block->SetOwner(nodes[0].get(), 0);
+    EXPECT_FALSE(block->HasOwner());
+    EXPECT_EQ(log.Count(",address=0,owner=0.0.0.1 noown this="), 2U);
+    EXPECT_EQ(log.Count(" Assert failed: owner"), 1U);
+}
+
+TEST(Owners, OfAServerArePublicOrBehindAnAddress) {
+    const auto publics = Nodes(130, true, true, 7);
+    const auto ten = Nodes(34, true, false, 10);
+    const auto five = Nodes(2, false, false, 5);
+    LogCapture log;
+    Cache cache(1);
+    const FileRef file = cache.Create();
+    const BlockRef block = Cache::Block(*file, 1);
+    const auto own = [&](const auto& nodes, int bOwn) {
+        for (const auto& node : nodes)
+            block->SetOwner(node.get(), bOwn);
+    };
+    own(ten, 1);
+    own(five, 1);
+    EXPECT_EQ(log.Count(" net own,IP=10 :32 this="), 1U);
+    EXPECT_EQ(log.Count(" net own,IP="), 32U + 2);
+    EXPECT_EQ(ten[32]->references, 0);
+    const ISDUser* owner = block->GetOwner(); // the lowest address
+    EXPECT_TRUE(owner == five[0].get() || owner == five[1].get());
+    EXPECT_EQ(Owners(*block, *five[0], 3).size(), 0U); // no peer among them
+    EXPECT_EQ(Owners(*block, *ten[0], 50).size(), 32U);
+    EXPECT_EQ(Owners(*block, *publics[0], 50).size(), 0U); // a public one never gets the groups
+
+    own(publics, 1);
+    EXPECT_EQ(log.Count(",pubs=128,nets=2,owner="), 1U);
+    EXPECT_EQ(log.Count(" pub ownIP=7,isp2p=1 this="), 128U);
+    EXPECT_EQ(Owners(*block, *ten[0], 40).size(), 40U);
+    EXPECT_EQ(Owners(*block, *ten[0], 0).size(), 0U);
+    std::multiset<uint32_t> seen;
+    for (int i = 0; i < 400; ++i)
+        seen.merge(Owners(*block, *publics[0], 1));
+    EXPECT_GT(std::set<uint32_t>(seen.begin(), seen.end()).size(), 60U); // starts anywhere
+    const auto all = Owners(*block, *publics[0], 200);
+    EXPECT_EQ(all.size(), 128U);
+    EXPECT_EQ(std::set<uint32_t>(all.begin(), all.end()).size(), 128U);
+    uint16_t count = 9;
+    EXPECT_EQ(block->GetOwners({}, &count, nullptr), RT_ERROR_INVALID_ARG);
+    EXPECT_EQ(count, 9);
+
+    own(publics, 0);
+    own(five, 0);
+    EXPECT_EQ(log.Count(" net noown,IP=5 :0 remove this="), 1U);
+    own(five, 0); // no such group: no line
+    EXPECT_EQ(log.Count(" net noown,IP=5 :"), 2U);
+    EXPECT_EQ(log.Count(" pub noown,IP=7,isp2p=1 this="), 130U);
+    EXPECT_TRUE(block->HasOwner());
+    own(ten, 0);
+    EXPECT_FALSE(block->HasOwner());
+    EXPECT_EQ(log.Count(" net noown,IP=10 :"), 32U);
+}
