@@ -172,7 +172,7 @@ TEST(DataDir, IsMadeWithItsParentsWhateverTheSeparators) {
     const TempDir dir;
     LogCapture log;
     const std::string base = dir.path.string();
-    EXPECT_EQ(CFileManager::CreateDir(CRtString(base + "\\a/b\\c\\")), 0);
+    EXPECT_EQ(CFileManager::CreateDir(CRtString(base + "\\a/b//\\c\\")), 0);
     EXPECT_TRUE(fs::is_directory(dir.path / "a" / "b" / "c"));
     EXPECT_EQ(log.Count("CFileManager::CreateDir. mkdir:"), 3U);
     EXPECT_EQ(CFileManager::DirExists(CRtString(base + "\\a\\b\\")), 1);

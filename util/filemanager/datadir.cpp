@@ -14,6 +14,15 @@ CRtString WithoutBackslash(const CRtString& dir) {
     return !dir.empty() && dir.back() == '\\' ? dir.Left(dir.size() - 1) : dir;
 }
 
+// Without the last name and all separators before it; empty when nothing is left to make.
+CRtString ParentOf(const CRtString& path) {
+    size_t end = RtOs::FindLastSeparator(path);
+    while (end != std::string_view::npos && end > 0 &&
+           RtOs::FindLastSeparator(path.Left(end)) == end - 1)
+        --end;
+    return end == std::string_view::npos ? CRtString() : path.Left(end);
+}
+
 CRtString WithBackslash(CRtString dir) {
     if (dir.empty() || dir.back() != '\\')
         dir += '\\';
@@ -134,16 +143,11 @@ int CFileManager::CreateDir(const CRtString& dir) {
     CRtString path = WithoutBackslash(dir);
     if (DirExists(path))
         return 0;
-    std::vector<CRtString> missing{path};
-    for (;;) {
-        const size_t separator = RtOs::FindLastSeparator(path);
-        if (separator == std::string_view::npos || separator == 0)
-            break;
-        path = path.Left(separator);
-        if (DirExists(path))
-            break;
+    std::vector<CRtString> missing;
+    do {
         missing.push_back(path);
-    }
+        path = ParentOf(path);
+    } while (!path.empty() && !DirExists(path));
     for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
         if (RtOs::MakeDirectory(*it))
             RT_LOG(RT_LOG_TRACE, "CFileManager::CreateDir. mkdir:" << *it);

@@ -71,9 +71,6 @@ public:
 protected:
     ~CFMBlock() override;
 
-    std::vector<CRtComAutoPtr<ISDUser>> m_owners;
-    uint16_t m_p2pOwnerCount = 0; // wraps
-
 private:
     // Sinks that one completion is calling. A sink may cause another completion from inside its call.
     struct CallRound {
@@ -120,6 +117,11 @@ private:
     uint32_t m_staleLoads = 0;
     int m_syncLoadResult = 0; // written by the load that the caller thread waits for
     CallRound* m_calling = nullptr;
+
+protected:
+    // Last, so that the owners go before the file.
+    std::vector<CRtComAutoPtr<ISDUser>> m_owners;
+    uint16_t m_p2pOwnerCount = 0; // wraps
 };
 
 class CFMClientBlock final : public CFMBlock {

@@ -212,7 +212,7 @@ int CFMFile::IsHouseKeeping() {
     // A creation time in the future, from a clock set back, counts as new.
     const auto aDay =
         static_cast<int32_t>(now > m_createTime ? (now - m_createTime) / SECONDS_PER_DAY : 0);
-    RT_LOG(RT_LOG_TRACE, "CFileManager::IsHouseKeeping. aDay=" << aDay << " this=" << this);
+    RT_LOG(RT_LOG_TRACE, "CFileManager::IsHouseKeeping. aDay=" << aDay);
     return aDay > CFileManager::Instance()->GetClearDays() ? 1 : 0;
 }
 

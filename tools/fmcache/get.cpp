@@ -1,0 +1,203 @@
+// get: reads every block of a cached file back and writes the bytes in order.
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdint>
+#include <deque>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "failure.h"
+#include "infofile.h"
+#include "log.h"
+#include "output.h"
+#include "platform.h"
+#include "progress.h"
+#include "session.h"
+#include "store.h"
+#include "verbs.h"
+
+namespace {
+
+// Blocks that are asked for ahead of the one that is written. Large ones need no more company.
+constexpr size_t WINDOW_BLOCKS = 8;
+constexpr uint64_t WINDOW_BYTES = uint64_t{32} << 20;
+
+struct GetOptions {
+    std::string dir;
+    std::string id;
+    std::string output;
+    bool force = false;
+};
+
+// One block on its way into memory.
+class Load final : public IFMBlockSink {
+public:
+    Load(CachedFile& file, const FMBlockEntry& entry)
+        : m_entry(entry), m_block(file.Block(entry.blockID, false)) {
+        if (!m_block || m_block->GetTotalLen() != entry.totalLen)
+            throw Failure(Name() + " is missing");
+        const int result = m_block->ReadData(this);
+        m_done = m_done || RT_FAILED(result); // it will not be called
+        Require(result, Name() + " cannot be read");
+    }
+    ~Load() override {
+        if (!m_done)
+            m_block->CancelReadData(this);
+    }
+    Load(const Load&) = delete;
+    Load& operator=(const Load&) = delete;
+
+    void OnBlockDataReady(IFMBlock* block, int result) override {
+        m_done = true;
+        m_result = result;
+        CRtMessageBlock* view = nullptr;
+        if (RT_SUCCEEDED(result))
+            m_result = block->ReadData(0, m_entry.totalLen, view);
+        m_view.reset(view);
+    }
+
+    bool IsDone() const { return m_done; }
+    uint32_t Length() const { return m_entry.totalLen; }
+    void WriteTo(Output& output) const {
+        Require(m_result, Name() + " cannot be read");
+        for (const CRtMessageBlock* part = m_view.get(); part; part = part->GetNext())
+            output.Write({part->GetTopLevelReadPtr(), part->GetTopLevelLength()});
+    }
+
+private:
+    std::string Name() const { return "block " + std::to_string(m_entry.blockID); }
+
+    const FMBlockEntry m_entry;
+    const BlockRef m_block;
+    bool m_done = false;
+    int m_result = 0;
+    CRtMessageChain m_view;
+};
+
+class Transfer {
+public:
+    Transfer(Session& session, const FMFileID& id, const std::vector<FMBlockEntry>& blocks,
+             Output& output)
+        : m_session(session), m_blocks(blocks), m_output(output), m_file(session),
+          m_progress("reading", Sum(blocks)) {
+        m_file.Load(id);
+    }
+
+    void Run() {
+        for (;;) {
+            Ask();
+            if (!m_loads.empty())
+                WriteFirst();
+            else if (m_next < m_blocks.size())
+                Release();
+            else
+                return;
+        }
+    }
+
+private:
+    static uint64_t Sum(const std::vector<FMBlockEntry>& blocks) {
+        uint64_t sum = 0;
+        for (const FMBlockEntry& block : blocks)
+            sum += block.totalLen;
+        return sum;
+    }
+
+    bool HasRoomFor(uint32_t length) const {
+        if (m_loaded == 0)
+            return true; // one block alone is always possible
+        return m_loads.size() < WINDOW_BLOCKS && m_inFlight + length <= WINDOW_BYTES &&
+               m_loaded + length <= REOPEN_BYTES;
+    }
+
+    void Ask() {
+        while (m_next < m_blocks.size() && HasRoomFor(m_blocks[m_next].totalLen)) {
+            m_loads.push_back(std::make_unique<Load>(m_file, m_blocks[m_next]));
+            m_loaded += m_blocks[m_next].totalLen;
+            m_inFlight += m_blocks[m_next].totalLen;
+            ++m_next;
+        }
+    }
+
+    void WriteFirst() {
+        const Load& first = *m_loads.front();
+        CheckStop();
+        while (!first.IsDone()) {
+            m_session.WaitAndPump();
+            CheckStop();
+        }
+        first.WriteTo(m_output);
+        m_progress.Add(first.Length());
+        m_inFlight -= first.Length();
+        m_loads.pop_front();
+    }
+
+    // Blocks keep their bytes until the file is closed.
+    void Release() {
+        m_file.Reopen();
+        m_loaded = 0;
+    }
+
+    Session& m_session;
+    const std::vector<FMBlockEntry>& m_blocks;
+    Output& m_output;
+    CachedFile m_file;
+    Progress m_progress;
+    std::deque<std::unique_ptr<Load>> m_loads; // in the order of the file; gone before the file is
+    size_t m_next = 0;                         // the block to be asked for next
+    uint64_t m_inFlight = 0;                   // bytes of m_loads
+    uint64_t m_loaded = 0;                     // bytes asked for since the file was opened
+};
+
+// The manager would give a file with holes as willingly, and make a data file that is missing: what
+// cannot be had is told from the information file, before the manager touches anything.
+std::vector<FMBlockEntry> FindBlocks(const StorePaths& paths, const FMFileID& id) {
+    const std::string name = ToString(FMFileIDToString(id));
+    const InfoFile file = InfoFile::Read(paths.info);
+    if (!(file.info.fileID == id))
+        throw Failure(Quoted(paths.info.string()) + " describes another file");
+    if (file.info.flag & FM_FILE_TEMPORARY)
+        throw Failure(name + " is temporary: the cache would remove it when it is closed");
+    try {
+        return file.CompleteBlocks(LengthOf(paths.data));
+    } catch (const Failure& failure) {
+        throw Failure(name + " is not complete: " + failure.what());
+    }
+}
+
+// The manager opens every file for writing, also to read it.
+void RequireAccess(const StorePaths& paths, bool withData) {
+    for (const auto* path : {&paths.info, withData ? &paths.data : &paths.info}) {
+        if (!CanWrite(*path))
+            throw Failure("cannot open " + Quoted(path->string()) +
+                          " for reading and writing: " + ErrorText(errno));
+    }
+}
+
+void Get(const GetOptions& options) {
+    const FMFileID id = ParseID(options.id);
+    const StorePaths paths = FindEntry(options.dir, id);
+    const std::vector<FMBlockEntry> blocks = FindBlocks(paths, id);
+    RequireAccess(paths, !blocks.empty());
+    Output output(options.output, options.force);
+    {
+        Session session(options.dir);
+        Transfer(session, id, blocks, output).Run();
+    }
+    output.Commit();
+}
+
+} // namespace
+
+void AddGet(CLI::App& app, Action& chosen) {
+    const auto options = std::make_shared<GetOptions>();
+    CLI::App* get = app.add_subcommand("get", "Read a file back from the cache.");
+    get->add_option("--dir", options->dir, "directory of the cache")->required();
+    get->add_option("ID", options->id, "the identifier that put has printed")->required();
+    get->add_option("-o,--output", options->output, "file to write, - for standard output")
+        ->required();
+    get->add_flag("--force", options->force, "replace the file when it exists");
+    get->callback([options, &chosen] { chosen = [options] { Get(*options); }; });
+}

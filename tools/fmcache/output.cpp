@@ -1,0 +1,91 @@
+#include "output.h"
+
+#include <cerrno>
+#include <random>
+#include <string>
+
+#include "failure.h"
+#include "platform.h"
+
+namespace fs = std::filesystem;
+
+Output::Output(const fs::path& name, bool replace) : m_target(name), m_replace(replace) {
+    if (name == "-") {
+        m_stream = stdout;
+        return;
+    }
+    // What a link leads to is replaced, not the link.
+    std::error_code error;
+    if (fs::is_symlink(fs::symlink_status(name, error)) && fs::exists(name, error))
+        m_target = fs::canonical(name, error);
+    CheckTarget();
+    OpenTemporary();
+}
+
+Output::~Output() {
+    if (m_temporary.empty())
+        return;
+    if (m_stream)
+        std::fclose(m_stream); // what it says does not matter any more
+    std::error_code ignored;
+    fs::remove(m_temporary, ignored);
+}
+
+void Output::CheckTarget() const {
+    std::error_code error;
+    const fs::file_status status = fs::symlink_status(m_target, error);
+    if (!fs::exists(status))
+        return;
+    if (fs::is_directory(status))
+        throw Failure(Quoted(m_target.string()) + " is a directory; -o names a file");
+    if (!m_replace)
+        throw Failure(Quoted(m_target.string()) + " exists already; --force replaces it");
+    if (!fs::is_regular_file(status)) // a device would be replaced by a file
+        throw Failure(Quoted(m_target.string()) +
+                      " is not a regular file; -o - writes to standard output");
+}
+
+// Beside the target, so that it can be renamed. The name is not derived from the target's, which may
+// be as long as a name can be.
+void Output::OpenTemporary() {
+    std::random_device source;
+    errno = EEXIST;
+    for (int attempt = 0; !m_stream && errno == EEXIST && attempt < 100; ++attempt) {
+        m_temporary = m_target.parent_path() / (".fmcache-" + std::to_string(source()) + ".part");
+        m_stream = std::fopen(m_temporary.string().c_str(), "wbx");
+    }
+    if (m_stream)
+        return;
+    const int error = errno;
+    m_temporary.clear();
+    Fail(error);
+}
+
+void Output::Fail(int error) const {
+    CheckStop(); // a write that a signal has cut short is no failure
+    const std::string name = m_target == "-" ? "standard output" : Quoted(m_target.string());
+    throw Failure("cannot write " + name + ": " + ErrorText(error));
+}
+
+void Output::Write(std::string_view bytes) {
+    if (!bytes.empty() && std::fwrite(bytes.data(), bytes.size(), 1, m_stream) != 1)
+        Fail(errno);
+}
+
+void Output::Commit() {
+    if (m_temporary.empty()) {
+        if (std::fflush(m_stream) != 0)
+            Fail(errno);
+        return;
+    }
+    std::FILE* stream = m_stream;
+    m_stream = nullptr;
+    if (std::fclose(stream) != 0)
+        Fail(errno);
+    CheckTarget(); // it may have appeared meanwhile
+    std::error_code error;
+    fs::rename(m_temporary, m_target, error);
+    if (error)
+        Fail(error.value());
+    m_temporary.clear();
+}

@@ -1,0 +1,19 @@
+// What the tool needs of the system beyond the standard library.
+#pragma once
+
+#include <filesystem>
+
+/// Whether standard error is a terminal, where a line can be drawn over.
+bool IsErrorTerminal();
+
+/// Whether this process may make files in the directory, or change the file. Both set `errno` when it
+/// may not.
+bool CanWriteInto(const std::filesystem::path& dir);
+bool CanWrite(const std::filesystem::path& file);
+
+/// From now on the signals that ask a program to stop set a mark, and reaching a limit on the size of
+/// files is an error of the write and not the end of the process.
+void CatchSignals();
+
+/// Throws Interrupted once the user has asked to stop.
+void CheckStop();

@@ -1,0 +1,44 @@
+#include "platform.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include "failure.h"
+
+namespace {
+
+volatile sig_atomic_t g_stop = 0;
+
+void OnStopSignal(int) { g_stop = 1; }
+
+} // namespace
+
+bool IsErrorTerminal() { return ::isatty(STDERR_FILENO) == 1; }
+
+bool CanWriteInto(const std::filesystem::path& dir) {
+    return ::access(dir.c_str(), W_OK | X_OK) == 0;
+}
+
+bool CanWrite(const std::filesystem::path& file) { return ::access(file.c_str(), W_OK) == 0; }
+
+void CatchSignals() {
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction action {};
+        if (::sigaction(number, nullptr, &action) != 0 || action.sa_handler == SIG_IGN)
+            continue; // who started the tool wants it to go on
+        action = {};
+        action.sa_handler = OnStopSignal;
+        // A second one ends the process at once. No restart: a write to a pipe that nobody reads
+        // must not keep the first from being noticed.
+        action.sa_flags = static_cast<int>(SA_RESETHAND);
+        ::sigaction(number, &action, nullptr);
+    }
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    ::sigaction(SIGXFSZ, &ignore, nullptr);
+}
+
+void CheckStop() {
+    if (g_stop)
+        throw Interrupted();
+}

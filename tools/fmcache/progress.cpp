@@ -1,0 +1,49 @@
+#include "progress.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "log.h"
+#include "platform.h"
+#include "sizes.h"
+
+namespace {
+constexpr std::chrono::milliseconds DRAW_INTERVAL{100};
+constexpr size_t BAR_WIDTH = 16; // the line stays below 80 columns
+} // namespace
+
+// Log lines and a line that is drawn over do not share a screen.
+Progress::Progress(std::string verb, uint64_t total)
+    : m_verb(std::move(verb)), m_total(total), m_enabled(IsErrorTerminal() && !IsLogShown()) {}
+
+Progress::~Progress() {
+    if (m_width > 0)
+        std::fprintf(stderr, "\r%*s\r", static_cast<int>(m_width), "");
+}
+
+void Progress::Add(uint64_t bytes) {
+    m_done += bytes;
+    if (!m_enabled)
+        return;
+    if (const Clock::time_point now = Clock::now(); now - m_drawn >= DRAW_INTERVAL)
+        Draw(now);
+}
+
+void Progress::Draw(Clock::time_point now) {
+    m_drawn = now;
+    const double share =
+        m_total > 0 ? static_cast<double>(m_done) / static_cast<double>(m_total) : 1.0;
+    const auto filled = static_cast<size_t>(share * BAR_WIDTH);
+    const double seconds = std::chrono::duration<double>(now - m_start).count();
+    const auto speed = static_cast<uint64_t>(static_cast<double>(m_done) / seconds);
+
+    std::string line = m_verb + " [" + std::string(filled, '#') +
+                       std::string(BAR_WIDTH - std::min(filled, BAR_WIDTH), ' ') + "] " +
+                       std::to_string(static_cast<int>(share * 100)) + "%  " + FormatSize(m_done) +
+                       " of " + FormatSize(m_total) + ", " + FormatSize(speed) + "/s";
+    const size_t width = line.size();
+    line.resize(std::max(width, m_width), ' '); // covers what a longer line has left
+    m_width = width;
+    std::fprintf(stderr, "\r%s", line.c_str());
+    std::fflush(stderr);
+}

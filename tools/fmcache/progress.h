@@ -1,0 +1,32 @@
+// A line on standard error that shows how far a transfer has come. Nothing is written when standard
+// error is no terminal.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+class Progress {
+public:
+    /// `verb` tells what is done, as "storing".
+    Progress(std::string verb, uint64_t total);
+    /// Takes the line away.
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    void Add(uint64_t bytes);
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    void Draw(Clock::time_point now);
+
+    const std::string m_verb;
+    const uint64_t m_total;
+    const bool m_enabled;
+    const Clock::time_point m_start = Clock::now();
+    Clock::time_point m_drawn = m_start; // a transfer that ends at once shows no line
+    uint64_t m_done = 0;
+    size_t m_width = 0; // of the line on the screen
+};

@@ -1,0 +1,229 @@
+// put: cuts a file into blocks, hands each to the file manager in pieces, and makes sure that all of
+// them have reached the disk before it says so.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "failure.h"
+#include "infofile.h"
+#include "log.h"
+#include "platform.h"
+#include "progress.h"
+#include "putplan.h"
+#include "session.h"
+#include "sizes.h"
+#include "store.h"
+#include "verbs.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// --- The two ends -------------------------------------------------------------------------------
+
+class Source {
+public:
+    explicit Source(const std::string& file)
+        : m_file(file), m_stream(std::fopen(file.c_str(), "rb"), &std::fclose) {
+        if (!m_stream)
+            throw Failure("cannot read " + Quoted(m_file) + ": " + ErrorText(errno));
+    }
+    void Read(char* bytes, uint32_t length) {
+        errno = 0;
+        if (std::fread(bytes, length, 1, m_stream.get()) == 1)
+            return;
+        CheckStop();
+        throw Failure(std::ferror(m_stream.get())
+                          ? "cannot read " + Quoted(m_file) + ": " + ErrorText(errno)
+                          : Quoted(m_file) + " has become shorter while it was read");
+    }
+
+private:
+    const std::string m_file;
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> m_stream;
+};
+
+// What a put that does not end well leaves in the cache is of no use to anybody.
+class NewEntry {
+public:
+    explicit NewEntry(StorePaths paths) : m_paths(std::move(paths)) {}
+    ~NewEntry() {
+        if (m_kept)
+            return;
+        std::error_code ignored;
+        fs::remove(m_paths.info, ignored);
+        fs::remove(m_paths.data, ignored);
+    }
+    NewEntry(const NewEntry&) = delete;
+    NewEntry& operator=(const NewEntry&) = delete;
+
+    const StorePaths& Paths() const { return m_paths; }
+    void Keep() { m_kept = true; }
+
+private:
+    const StorePaths m_paths;
+    bool m_kept = false;
+};
+
+[[noreturn]] void ThrowNotStored(const PutPlan& plan, const StorePaths& paths,
+                                 const std::string& what) {
+    const uint64_t there = LengthOf(paths.data);
+    const uint64_t missing = plan.length > there ? plan.length - there : 0;
+    std::error_code error;
+    const fs::path store = paths.data.parent_path();
+    const fs::space_info space = fs::space(store, error);
+    if (!error && (space.available < missing || space.available < plan.block))
+        throw Failure("not enough space in " + Quoted(store.string()) + " for " +
+                      Quoted(plan.file) + ": it needs " + FormatSize(plan.length) +
+                      ", there is room for " + FormatSize(there + space.available));
+    throw Failure(Quoted(plan.file) + " could not be stored: " + what +
+                  "; check the disk, quotas and limits" + LogCause());
+}
+
+// --- The transfer -------------------------------------------------------------------------------
+
+class Transfer {
+public:
+    Transfer(Session& session, const PutPlan& plan, const StorePaths& paths, Source& source)
+        : m_session(session), m_plan(plan), m_paths(paths), m_source(source), m_file(session),
+          m_progress("storing", plan.length), m_piece(plan.piece) {}
+
+    void Run() {
+        m_file.Create(m_plan.info);
+        if (m_plan.length == 0)
+            return MarkChanged();
+        // The first block goes to disk alone: a disk that takes nothing shows at once, and from then
+        // on other servers on this directory see a file and not a stray data file.
+        uint64_t most = 0;
+        for (uint32_t index = 0; index < m_plan.Count(); ++index) {
+            PutBlock(index);
+            m_pending += m_plan.LengthOfBlock(index);
+            if (m_pending < most)
+                continue;
+            Settle(index + 1);
+            most = REOPEN_BYTES;
+        }
+    }
+
+private:
+    // The information of a file is saved only when something has changed, which creating it is not.
+    // A block that comes and goes is a change, and one without bytes leaves no trace in a data file.
+    void MarkChanged() {
+        m_file.Block(FIRST_BLOCK, true);
+        IFMBlock* removed = nullptr;
+        Require(m_file.Get().RemoveBlock(FIRST_BLOCK, removed), "the file cannot be created");
+        BlockRef::Adopt(removed);
+    }
+
+    void PutBlock(uint32_t index) {
+        const uint32_t length = m_plan.LengthOfBlock(index);
+        const BlockRef block = m_file.Block(FIRST_BLOCK + index, true);
+        for (uint32_t at = 0; at < length;) {
+            CheckStop();
+            const uint32_t size = std::min(m_plan.piece, length - at);
+            m_source.Read(m_piece.data(), size);
+            const CRtMessageChain piece = CRtMessageBlock::Wrap(m_piece.data(), size);
+            Require(block->WriteData(length, at, piece.get()),
+                    "block " + std::to_string(FIRST_BLOCK + index) + " cannot be written");
+            at += size;
+            m_progress.Add(size);
+        }
+        m_session.Pump();
+    }
+
+    // A block whose store has failed comes back without bytes; a disk that took nothing at all does not
+    // even give the file back.
+    void Settle(uint32_t end) {
+        try {
+            m_file.Reopen();
+        } catch (const Failure& failure) {
+            ThrowNotStored(m_plan, m_paths, failure.what());
+        }
+        for (; m_settled < end; ++m_settled) {
+            const BlockRef block = m_file.Block(FIRST_BLOCK + m_settled, false);
+            if (!block || block->GetTotalLen() != m_plan.LengthOfBlock(m_settled))
+                ThrowNotStored(m_plan, m_paths,
+                               "block " + std::to_string(FIRST_BLOCK + m_settled) +
+                                   " did not reach the disk");
+        }
+        m_pending = 0;
+    }
+
+    Session& m_session;
+    const PutPlan& m_plan;
+    const StorePaths& m_paths;
+    Source& m_source;
+    CachedFile m_file;
+    Progress m_progress;
+    std::vector<char> m_piece;
+    uint64_t m_pending = 0; // bytes written since the file was opened
+    uint32_t m_settled = 0; // blocks that are on disk
+};
+
+void RequireWritable(const fs::path& store) {
+    std::error_code error;
+    if (!fs::is_directory(store, error))
+        throw Failure("the directory " + Quoted(store.string()) +
+                      " cannot be made; --dir names a directory that can be written to");
+    if (!CanWriteInto(store))
+        throw Failure("cannot write into " + Quoted(store.string()) + ": " + ErrorText(errno));
+}
+
+// The manager reports no failed store to anybody but the log, so the disk is asked.
+void RequireStored(const PutPlan& plan, const StorePaths& paths) {
+    try {
+        const InfoFile stored = InfoFile::Read(paths.info);
+        const std::vector<FMBlockEntry> blocks = stored.CompleteBlocks(LengthOf(paths.data));
+        if (!(stored.info.fileID == plan.info.fileID))
+            throw Failure("the description is not the file's");
+        if (blocks.size() != plan.Count())
+            throw Failure("it has " + std::to_string(blocks.size()) + " blocks and not " +
+                          std::to_string(plan.Count()));
+        for (uint32_t index = 0; index < blocks.size(); ++index) {
+            if (blocks[index].totalLen != plan.LengthOfBlock(index))
+                throw Failure("block " + std::to_string(FIRST_BLOCK + index) + " is incomplete");
+        }
+    } catch (const Failure& failure) {
+        ThrowNotStored(plan, paths, failure.what());
+    }
+}
+
+void Put(const PutOptions& options) {
+    const PutPlan plan = MakePlan(options);
+    Source source(plan.file);
+    NewEntry entry(StorePaths(options.dir, plan.info.fileID));
+    {
+        Session session(options.dir);
+        RequireWritable(StoreDir(options.dir));
+        Transfer(session, plan, entry.Paths(), source).Run();
+    }
+    RequireStored(plan, entry.Paths());
+    CheckStop();
+    const std::string id = ToString(FMFileIDToString(plan.info.fileID));
+    if (std::printf("%s\n", id.c_str()) < 0 || std::fflush(stdout) != 0)
+        throw Failure("the identifier cannot be written to standard output: " + ErrorText(errno));
+    entry.Keep();
+}
+
+} // namespace
+
+void AddPut(CLI::App& app, Action& chosen) {
+    const auto options = std::make_shared<PutOptions>();
+    CLI::App* put =
+        app.add_subcommand("put", "Store a file in the cache and print its identifier.");
+    put->add_option("--dir", options->dir, "directory of the cache, made when it is missing")
+        ->required();
+    put->add_option("FILE", options->file, "the file, at most 1 GiB")->required();
+    put->add_option("--block", options->block, "bytes of a block, at most 16M")
+        ->capture_default_str();
+    put->add_option("--piece", options->piece, "bytes that are handed over at a time")
+        ->capture_default_str();
+    put->add_option("--name", options->name, "name to remember, instead of FILE's");
+    put->callback([options, &chosen] { chosen = [options] { Put(*options); }; });
+}

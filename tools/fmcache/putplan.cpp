@@ -1,0 +1,70 @@
+#include "putplan.h"
+
+#include <filesystem>
+
+#include "FMInfoCodec.h"
+#include "failure.h"
+#include "session.h"
+#include "sizes.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// A longer name can be saved but not loaded again.
+constexpr size_t NAME_MAX_BYTES = 2010;
+// The block table is saved in one body: a count, and 16 bytes for each block.
+constexpr uint32_t BLOCKS_MAX = std::min(FM_INFO_SLOTS_MAX, (FM_INFO_BLOCK_BODY_MAX - 2) / 16);
+// A larger number of slots in a description reads as none; tables grow beyond it.
+constexpr uint32_t SLOTS_AT_FIRST_MAX = 8192;
+
+uint64_t CheckedLength(const std::string& file) {
+    std::error_code error;
+    const fs::file_status status = fs::status(file, error);
+    if (status.type() == fs::file_type::not_found)
+        throw Failure("there is no file " + Quoted(file));
+    if (fs::is_directory(status))
+        throw Failure(Quoted(file) + " is a directory; put takes one file");
+    if (fs::status_known(status) && !fs::is_regular_file(status))
+        throw Failure(Quoted(file) + " is not a regular file");
+    const uint64_t length = fs::file_size(file, error);
+    if (error)
+        throw Failure("cannot read " + Quoted(file) + ": " + error.message());
+    if (length > CACHED_FILE_MAX)
+        throw Failure(Quoted(file) + " has " + std::to_string(length) +
+                      " bytes; a cached file ends at 1 GiB (" + std::to_string(CACHED_FILE_MAX) +
+                      " bytes)");
+    return length;
+}
+
+// Not in the middle of a character.
+std::string CutName(std::string name) {
+    if (name.size() <= NAME_MAX_BYTES)
+        return name;
+    size_t length = NAME_MAX_BYTES;
+    while (length > 0 && (static_cast<uint8_t>(name[length]) & 0xC0U) == 0x80U)
+        --length;
+    name.resize(length > 0 ? length : NAME_MAX_BYTES);
+    return name;
+}
+
+} // namespace
+
+PutPlan MakePlan(const PutOptions& options) {
+    PutPlan plan;
+    plan.file = options.file;
+    plan.block = static_cast<uint32_t>(ParseSize("--block", options.block, CACHED_BLOCK_MAX));
+    const uint64_t piece = ParseSize("--piece", options.piece, UINT64_MAX);
+    plan.piece = static_cast<uint32_t>(std::min<uint64_t>(piece, plan.block));
+    plan.length = CheckedLength(options.file);
+    if ((plan.length + plan.block - 1) / plan.block > BLOCKS_MAX)
+        throw Failure("--block: too small for " + Quoted(options.file) + ", which may have " +
+                      std::to_string(BLOCKS_MAX) + " blocks; the smallest that works is " +
+                      std::to_string((plan.length + BLOCKS_MAX - 1) / BLOCKS_MAX));
+    CoCreateFMFileID(plan.info.fileID);
+    plan.info.name = CRtString(
+        CutName(options.name.empty() ? fs::path(options.file).filename().string() : options.name));
+    plan.info.blockBeg = FIRST_BLOCK;
+    plan.info.num = std::min(plan.Count(), SLOTS_AT_FIRST_MAX);
+    return plan;
+}

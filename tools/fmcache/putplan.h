@@ -1,0 +1,35 @@
+// What put is to do, as far as it can be known before anything is touched.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+
+#include "FMFileInfo.h"
+
+constexpr uint32_t FIRST_BLOCK = 1;
+
+/// As the user has given it.
+struct PutOptions {
+    std::string dir;
+    std::string file;
+    std::string name;
+    std::string block = "256K";
+    std::string piece = "16K";
+};
+
+struct PutPlan {
+    std::string file;
+    uint64_t length = 0;
+    uint32_t block = 0;
+    uint32_t piece = 0;
+    FMFileInfo info;
+
+    uint32_t Count() const { return static_cast<uint32_t>((length + block - 1) / block); }
+    uint32_t LengthOfBlock(uint32_t index) const {
+        return static_cast<uint32_t>(std::min<uint64_t>(block, length - uint64_t{index} * block));
+    }
+};
+
+/// Looks at the file and chooses an identifier. Throws Failure for what cannot be done.
+PutPlan MakePlan(const PutOptions& options);
