@@ -1,5 +1,6 @@
 #include "diskfile.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "FMInfoCodec.h"
@@ -60,6 +61,7 @@ int CDiskFile::Open(const CRtString& strFileName, int bCreate) {
         return RT_ERROR_IO;
     }
     m_pFile = stream;
+    m_knownLength = 0;
     m_strFileName = strFileName;
     return RT_OK;
 }
@@ -100,12 +102,10 @@ int CDiskFile::WriteData(const void* lpBuffer, uint64_t dwOffset, uint32_t dwLen
         RT_LOG(RT_LOG_ERROR, "CDiskFile::WriteData. Can't Open File. this=" << this);
         return RT_ERROR_IO;
     }
-    if (!RtOs::SeekStream(m_pFile, dwOffset))
-        return Fail("CDiskFile::WriteData. ", "fseek Failed. Error Ret: ", " filename=", dwLength,
-                    dwOffset);
-    if (std::fwrite(lpBuffer, dwLength, 1, m_pFile) != 1)
-        return Fail("CDiskFile::WriteData. ", "fwrite Failed. Error Ret: ", " filename=", dwLength,
-                    dwOffset);
+    const RtOs::Transfer result = RtOs::WriteAt(m_pFile, dwOffset, lpBuffer, dwLength);
+    if (result != RtOs::Transfer::Done)
+        return Fail(result, {"CDiskFile::WriteData. ", "fwrite", " filename="}, dwLength, dwOffset);
+    m_knownLength = std::max(m_knownLength, dwOffset + dwLength);
     if (bFlush)
         std::fflush(m_pFile); // streams are unbuffered: what could fail has failed above
     return RT_OK;
@@ -122,30 +122,38 @@ int CDiskFile::ReaddData(void* lpBuffer, uint64_t dwOffset, const uint32_t& dwLe
         RT_LOG(RT_LOG_ERROR, "CDiskFile::ReaddData. this=" << this);
         return RT_ERROR_IO;
     }
-    if (!RtOs::SeekStream(m_pFile, dwOffset))
-        return Fail("CDiskFile::ReaddData. ", "fseek Failed. Error Ret: ", " fileName=", dwLength,
-                    dwOffset);
-    if (std::fread(lpBuffer, dwLength, 1, m_pFile) != 1)
-        return Fail("CDiskFile::ReaddData. ", "fread Failed. Error Ret: ", " fileName=", dwLength,
-                    dwOffset);
+    const RtOs::Transfer result = RtOs::ReadAt(m_pFile, dwOffset, lpBuffer, dwLength);
+    if (result != RtOs::Transfer::Done)
+        return Fail(result, {"CDiskFile::ReaddData. ", "fread", " fileName="}, dwLength, dwOffset);
     return RT_OK;
 }
 
 // Closes the stream, so that the next call starts from a fresh one.
-int CDiskFile::Fail(const char* operation, const char* step, const char* pathKey,
-                    uint32_t dwLength, uint64_t dwOffset) {
-    const int indicator = std::ferror(m_pFile);
-    std::clearerr(m_pFile);
+int CDiskFile::Fail(RtOs::Transfer result, const FailureTexts& texts, uint32_t dwLength,
+                    uint64_t dwOffset) {
     Close();
-    RT_LOG(RT_LOG_ERROR, operation << step << indicator << pathKey << m_strFileName
-                                   << " dwLength=" << dwLength << " dwOffset="
-                                   << static_cast<uint32_t>(dwOffset) << " this=" << this);
+    const bool positioned = result != RtOs::Transfer::NoPosition;
+    const int indicator = result == RtOs::Transfer::Failed ? 1 : 0;
+    RT_LOG(RT_LOG_ERROR, texts.operation << (positioned ? texts.step : "fseek")
+                                         << " Failed. Error Ret: " << indicator << texts.pathKey
+                                         << m_strFileName << " dwLength=" << dwLength
+                                         << " dwOffset=" << static_cast<uint32_t>(dwOffset)
+                                         << " this=" << this);
     return RT_ERROR_IO;
 }
 
 int CDiskFile::GetLength(uint64_t& length) {
     const CStreamKeeper::CUse use(*this);
     return IsOpen() && RtOs::GetStreamLength(m_pFile, length) ? RT_OK : RT_ERROR_IO;
+}
+
+bool CDiskFile::Reaches(uint64_t end) {
+    const CStreamKeeper::CUse use(*this);
+    if (!IsOpen())
+        return false;
+    if (m_knownLength < end && !RtOs::GetStreamLength(m_pFile, m_knownLength))
+        m_knownLength = 0;
+    return m_knownLength >= end;
 }
 
 int CDiskFile::RemoveMee() {

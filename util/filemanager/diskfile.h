@@ -6,6 +6,7 @@
 
 #include "RtReferenceControl.h"
 #include "RtString.h"
+#include "os/RtOs.h"
 
 /// One path, opened on first use, created when missing, with positioned reads and writes of whole
 /// records. One thread at a time uses an object; which one, its file says. The stream stays open between
@@ -28,6 +29,9 @@ public:
     int Close();
     /// The file's length in bytes; makes a missing file as a read would. 0, 10006.
     int GetLength(uint64_t& length);
+    /// Whether the file has bytes up to `end`, as far as this stream knows: a file that somebody cuts
+    /// meanwhile shows in the read. Makes a missing file as a read would.
+    bool Reaches(uint64_t end);
     const CRtString& GetFileName() const { return m_strFileName; }
 
 protected:
@@ -35,11 +39,17 @@ protected:
 
 private:
     friend class CStreamKeeper;
-    int Fail(const char* operation, const char* step, const char* pathKey, uint32_t dwLength,
+    struct FailureTexts {
+        const char* operation;
+        const char* step;
+        const char* pathKey;
+    };
+    int Fail(RtOs::Transfer result, const FailureTexts& texts, uint32_t dwLength,
              uint64_t dwOffset);
 
     CRtString m_strFileName;
     FILE* m_pFile = nullptr; // changed by another thread only while the stream is not in use
+    uint64_t m_knownLength = 0; // the file had this many bytes, since the stream was opened
     // The keeper's: links from the least to the most recently used stream, and whether it is in use.
     CDiskFile* m_pOlder = nullptr;
     CDiskFile* m_pNewer = nullptr;

@@ -423,10 +423,7 @@ int CFMBlock::LoadBytes(uint32_t len, CRtMessageChain& buffer) {
         pos = m_posInFile;
     }
     // No buffer is made that the data file could not fill.
-    uint64_t fileLength = 0;
-    int result = disk->GetLength(fileLength);
-    if (RT_SUCCEEDED(result) && static_cast<uint64_t>(pos) + len > fileLength)
-        result = RT_ERROR_IO;
+    int result = disk->Reaches(static_cast<uint64_t>(pos) + len) ? RT_OK : RT_ERROR_IO;
     if (RT_SUCCEEDED(result)) {
         buffer = CRtMessageBlock::Create(len);
         result = buffer ? disk->ReaddData(buffer->GetTopLevelWritePtr(), static_cast<uint64_t>(pos),

@@ -68,24 +68,30 @@ int CRtEventQueue::SendEvent(IRtEvent* event) {
 }
 
 int CRtEventQueue::Enqueue(IRtEvent* event, CRtSendTicket* ticket) {
-    {
-        const std::lock_guard lock(m_mutex);
-        if (!m_stopped) {
-            event->m_pTicket = ticket;
-            event->m_pQueue = this;
-            event->m_pPrevious = m_pLast;
-            event->m_pNext = nullptr;
-            (m_pLast ? m_pLast->m_pNext : m_pFirst) = event;
-            m_pLast = event;
-            ++m_count;
-            WakeOwner();
-            return RT_OK;
-        }
+    std::unique_lock lock(m_mutex);
+    if (m_stopped) {
+        lock.unlock();
+        event->OnDestorySelf();
+        return RT_ERROR_NOT_READY;
     }
-    event->OnDestorySelf();
-    return RT_ERROR_NOT_READY;
+    event->m_pTicket = ticket;
+    event->m_pQueue = this;
+    event->m_pPrevious = m_pLast;
+    event->m_pNext = nullptr;
+    (m_pLast ? m_pLast->m_pNext : m_pFirst) = event;
+    m_pLast = event;
+    ++m_count;
+    if (m_wakeUp)
+        m_wakeUp();
+    // After the unlock: an owner that is woken under the lock only goes to sleep again.
+    const bool wake = m_ownerWaits;
+    lock.unlock();
+    if (wake)
+        m_somethingToDo.notify_one();
+    return RT_OK;
 }
 
+// With the lock held.
 void CRtEventQueue::WakeOwner() {
     m_somethingToDo.notify_one();
     if (m_wakeUp)
@@ -157,10 +163,12 @@ bool CRtEventQueue::WaitForWork() {
             return true;
         if (m_pFirst || m_stopped || m_quit)
             continue;
+        m_ownerWaits = true;
         if (due < 0)
             m_somethingToDo.wait(lock);
         else
             m_somethingToDo.wait_for(lock, std::chrono::milliseconds(due));
+        m_ownerWaits = false;
     }
 }
 

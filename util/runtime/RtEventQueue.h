@@ -64,6 +64,7 @@ private:
     size_t m_count = 0;
     bool m_stopped = false;
     bool m_quit = false;
+    bool m_ownerWaits = false;
     std::vector<CRtTimerWrapper*> m_timers;
     std::function<void()> m_wakeUp;
     // Held while events run, so that the end of the process cannot run the queue beside its owner.

@@ -91,8 +91,15 @@ private:
 FILE* OpenStream(const CRtString& path, bool create, int& error);
 /// Whether that error number means that the process or the system has no stream left.
 bool IsOutOfStreams(int error);
-/// 64-bit positioning from the start of the file.
-bool SeekStream(FILE* stream, uint64_t offset);
+enum class Transfer {
+    Done,
+    NoPosition, ///< the file cannot have that offset
+    Failed,
+    Short, ///< the file ended first
+};
+/// Move exactly `length` bytes at a 64-bit offset from the start of the file, past the stream's position.
+Transfer ReadAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length);
+Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t length);
 bool GetStreamLength(FILE* stream, uint64_t& length);
 /// How many streams the process may have open at a time, by the limit in force now.
 uint32_t GetStreamLimit();

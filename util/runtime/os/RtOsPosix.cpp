@@ -215,10 +215,40 @@ FILE* OpenStream(const CRtString& path, bool create, int& error) {
 
 bool IsOutOfStreams(int error) { return error == EMFILE || error == ENFILE; }
 
-bool SeekStream(FILE* stream, uint64_t offset) {
-    if (offset > static_cast<uint64_t>(std::numeric_limits<off_t>::max()))
-        return false;
-    return ::fseeko(stream, static_cast<off_t>(offset), SEEK_SET) == 0;
+namespace {
+
+// `move` is pread or pwrite over the bytes from `done` on; either may move fewer than it is asked for.
+template <class Move>
+Transfer MoveAll(uint64_t offset, uint32_t length, Move move) {
+    if (offset > static_cast<uint64_t>(std::numeric_limits<off_t>::max()) - length)
+        return Transfer::NoPosition;
+    uint32_t done = 0;
+    while (done < length) {
+        const ssize_t moved = move(done, static_cast<off_t>(offset + done));
+        if (moved == 0)
+            return Transfer::Short;
+        if (moved > 0)
+            done += static_cast<uint32_t>(moved);
+        else if (errno != EINTR)
+            return Transfer::Failed;
+    }
+    return Transfer::Done;
+}
+
+} // namespace
+
+Transfer ReadAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length) {
+    const int fd = ::fileno(stream);
+    return MoveAll(offset, length, [&](uint32_t done, off_t at) {
+        return ::pread(fd, static_cast<char*>(bytes) + done, length - done, at);
+    });
+}
+
+Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t length) {
+    const int fd = ::fileno(stream);
+    return MoveAll(offset, length, [&](uint32_t done, off_t at) {
+        return ::pwrite(fd, static_cast<const char*>(bytes) + done, length - done, at);
+    });
 }
 
 bool GetStreamLength(FILE* stream, uint64_t& length) {

@@ -195,10 +195,29 @@ FILE* OpenStream(const CRtString& path, bool create, int& error) {
 
 bool IsOutOfStreams(int error) { return error == EMFILE || error == ENFILE; }
 
-bool SeekStream(FILE* stream, uint64_t offset) {
-    if (offset > uint64_t{INT64_MAX})
-        return false;
-    return ::_fseeki64(stream, static_cast<int64_t>(offset), SEEK_SET) == 0;
+namespace {
+
+// `move` transfers all bytes in one item and answers how many items it moved.
+template <class Move>
+Transfer MoveAll(FILE* stream, uint64_t offset, Move move) {
+    if (offset > uint64_t{INT64_MAX} ||
+        ::_fseeki64(stream, static_cast<int64_t>(offset), SEEK_SET) != 0)
+        return Transfer::NoPosition;
+    if (move() == 1)
+        return Transfer::Done;
+    const bool failed = std::ferror(stream) != 0;
+    std::clearerr(stream);
+    return failed ? Transfer::Failed : Transfer::Short;
+}
+
+} // namespace
+
+Transfer ReadAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length) {
+    return MoveAll(stream, offset, [&] { return std::fread(bytes, length, 1, stream); });
+}
+
+Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t length) {
+    return MoveAll(stream, offset, [&] { return std::fwrite(bytes, length, 1, stream); });
 }
 
 bool GetStreamLength(FILE* stream, uint64_t& length) {
