@@ -144,8 +144,17 @@ void CRtEventQueue::Run() {
     } while (WaitForWork());
 }
 
+// Work often follows work: a short look around saves the poster a system call and this thread its sleep.
+void CRtEventQueue::LookForWork() const {
+    constexpr std::chrono::microseconds patience(30);
+    const auto end = std::chrono::steady_clock::now() + patience;
+    while (m_count.load(std::memory_order_relaxed) == 0 && std::chrono::steady_clock::now() < end)
+        std::this_thread::yield();
+}
+
 // Answers whether the loop goes on.
 bool CRtEventQueue::WaitForWork() {
+    LookForWork();
     std::unique_lock lock(m_mutex);
     for (;;) {
         if (m_quit) {
@@ -173,11 +182,7 @@ bool CRtEventQueue::WaitForWork() {
 }
 
 size_t CRtEventQueue::RunDue() {
-    size_t events = 0;
-    {
-        const std::lock_guard lock(m_mutex);
-        events = m_count;
-    }
+    size_t events = m_count;
     size_t done = FireDueTimers();
     while (events-- > 0 && RunOne())
         ++done;

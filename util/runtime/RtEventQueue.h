@@ -2,6 +2,7 @@
 // thread; the loop and what it runs belong to the one thread that owns the queue.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -55,13 +56,14 @@ private:
     bool RunOne();
     size_t FireDueTimers();
     bool FireOneTimer(uint64_t now);
+    void LookForWork() const;
     bool WaitForWork();
 
     std::mutex m_mutex; // guards everything below but m_running
     std::condition_variable m_somethingToDo;
     IRtEvent* m_pFirst = nullptr;
     IRtEvent* m_pLast = nullptr;
-    size_t m_count = 0;
+    std::atomic<size_t> m_count{0}; // read without the lock where it is no more than a hint
     bool m_stopped = false;
     bool m_quit = false;
     bool m_ownerWaits = false;
