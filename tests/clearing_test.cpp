@@ -70,9 +70,9 @@ TEST(Clearing, OfAClientLeavesOnlyDirectoriesOfRunningProcesses) {
     EXPECT_FALSE(fs::exists(cache.dir.path / "confcache"));
     const fs::path root = cache.dir.path / "confcache";
     const std::string alive = std::to_string(other.id);
-    const std::vector<std::string> dead{std::to_string(ended.id), std::to_string(getpid()),
-                                        "0",   "-1",        "tmp",
-                                        "4294967296", "99999999999999999999"};
+    const std::vector<std::string> dead{
+        std::to_string(ended.id), std::to_string(getpid()), "0", "-1", "tmp", "4294967296",
+        "99999999999999999999"};
     for (const std::string& name : dead)
         WriteFile(root / name / "sub" / "file", "x");
     WriteFile(root / alive / "file", "x");
@@ -161,13 +161,17 @@ TEST(HouseKeeping, TakesWhatIsExpiredTemporaryOrUnreadable) {
     const int64_t now = clock.seconds;
     const int64_t day = 86'400;
     const std::vector<FMFileID> kept{
-        Leave(cache, now - 9 * day + 120),          Leave(cache, now),
-        Leave(cache, now + 400 * day),              Leave(cache, now - 100 * day, FM_FILE_KEPT),
+        Leave(cache, now - 9 * day + 120),
+        Leave(cache, now),
+        Leave(cache, now + 400 * day),
+        Leave(cache, now - 100 * day, FM_FILE_KEPT),
     };
-    std::vector<FMFileID> gone{
-        Leave(cache, now - 9 * day), Leave(cache, now - 400 * day),
-        Leave(cache, now, FM_FILE_TEMPORARY), Leave(cache, now, FM_FILE_TEMPORARY | FM_FILE_KEPT),
-        Leave(cache, now), Leave(cache, now)};
+    std::vector<FMFileID> gone{Leave(cache, now - 9 * day),
+                               Leave(cache, now - 400 * day),
+                               Leave(cache, now, FM_FILE_TEMPORARY),
+                               Leave(cache, now, FM_FILE_TEMPORARY | FM_FILE_KEPT),
+                               Leave(cache, now),
+                               Leave(cache, now)};
     fs::remove(cache.Path(gone[4], ".sdi"));
     WriteFile(cache.Path(gone[5], ".sdi"), "no information");
     FileRef open = cache.Open(Leave(cache, now - 100 * day));

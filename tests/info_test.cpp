@@ -183,7 +183,8 @@ TEST(Info, HostileNumbersAreSkippedRefusedOrFailWhenRead) {
     EXPECT_EQ(log.Count("LoadFileInfo, ReaddFileInfo error, ret=10008 this="), 1U);
     WriteFile(cache.Path(info.fileID, ".sdi"), "JFSD and so on and so on");
     EXPECT_FALSE(cache.Open(info.fileID));
-    EXPECT_EQ(log.Count("CInfoFile::ReaddFileInfo. not sdinfo file! readFileHeader=JFSD this="), 1U);
+    EXPECT_EQ(log.Count("CInfoFile::ReaddFileInfo. not sdinfo file! readFileHeader=JFSD this="),
+              1U);
     EXPECT_EQ(log.Count("LoadFileInfo, ReaddFileInfo error, ret=10015 this="), 1U);
     FMFileInfo unknown = Description();
     EXPECT_FALSE(cache.Open(unknown.fileID));

@@ -127,7 +127,9 @@ TEST(Owners, OfAClientAreOneListByObject) {
     block->SetOwner(nullptr, 1);
     for (const size_t node : {0, 1, 0})
         block->SetOwner(nodes[node].get(), 1);
-    EXPECT_EQ(log.Count(",address=3,owner=" "0.0.0.1 own this="), 1U);
+    EXPECT_EQ(log.Count(",address=3,owner="
+                        "0.0.0.1 own this="),
+              1U);
     block->SetOwner(nodes[0].get(), 0);
     EXPECT_EQ(nodes[0]->references, 1);
     file->CancelRetrieve(nodes[1].get(), 1);

@@ -45,9 +45,9 @@ std::string Bytes(const CRtMessageChain& chain) {
 
 TEST(Queue, RunsInOrderAndDisposesOfWhatItCannotTake) {
     CRtThread* thread = nullptr;
-    ASSERT_EQ(CRtThreadManager::Instance()->CreateUserTaskThread(thread,
-                                                                 CRtThreadManager::TT_TASK, 0),
-              0);
+    ASSERT_EQ(
+        CRtThreadManager::Instance()->CreateUserTaskThread(thread, CRtThreadManager::TT_TASK, 0),
+        0);
     IRtEventQueue* queue = thread->GetEventQueue();
     std::vector<int> order;
     for (int i = 0; i < 100; ++i)
@@ -55,8 +55,8 @@ TEST(Queue, RunsInOrderAndDisposesOfWhatItCannotTake) {
     // A send returns when it has run, also one from the thread to itself.
     uint32_t id = 0;
     EXPECT_EQ(queue->SendEvent(new TestEvent([&] {
-                  queue->SendEvent(new TestEvent([&] { id = CRtThreadManager::GetThreadSelfId(); }));
-              })),
+        queue->SendEvent(new TestEvent([&] { id = CRtThreadManager::GetThreadSelfId(); }));
+    })),
               0);
     EXPECT_EQ(order.size(), 100U);
     EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
@@ -292,9 +292,9 @@ TEST(FileID, TextAndOrderAgree) {
         return FMFileIDToString(a) < FMFileIDToString(b);
     }));
     EXPECT_FALSE(ids[0] < ids[0]);
-    for (const char* text : {"", "tmp", "{0123456789AB-CDEF-0123-456789ABCDEF00}",
-                             "{01234567-89AB-CDEF-0123-456789ABCDEG}",
-                             "{01234567-89AB-CDEF-0123-456789ABCDEF}x"}) {
+    for (const char* text :
+         {"", "tmp", "{0123456789AB-CDEF-0123-456789ABCDEF00}",
+          "{01234567-89AB-CDEF-0123-456789ABCDEG}", "{01234567-89AB-CDEF-0123-456789ABCDEF}x"}) {
         FMFileIDFromString(text, id);
         EXPECT_TRUE(id == FMFileID_None) << text;
     }

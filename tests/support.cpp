@@ -36,9 +36,10 @@ void LogCapture::Take(void* self, int, const char* text) {
 
 size_t LogCapture::Count(const std::string& part) const {
     const std::lock_guard lock(m_mutex);
-    return static_cast<size_t>(std::count_if(
-        m_lines.begin(), m_lines.end(),
-        [&](const std::string& line) { return line.find(part) != std::string::npos; }));
+    return static_cast<size_t>(
+        std::count_if(m_lines.begin(), m_lines.end(), [&](const std::string& line) {
+            return line.find(part) != std::string::npos;
+        }));
 }
 
 std::string LogCapture::Text() const {
@@ -86,7 +87,9 @@ FileRef Cache::Create(const FMFileInfo& info) {
     return FileRef::Adopt(file);
 }
 
-FileRef Cache::Create(uint32_t blockBeg, uint32_t flag) { return Create(Description(blockBeg, flag)); }
+FileRef Cache::Create(uint32_t blockBeg, uint32_t flag) {
+    return Create(Description(blockBeg, flag));
+}
 
 FileRef Cache::Open(const FMFileID& id, int load) {
     IFMFile* file = nullptr;

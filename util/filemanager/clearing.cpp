@@ -13,7 +13,8 @@ void CFileManager::ClearDiskCache() {
     if (m_isServer)
         RemoveDir(m_dataDir);
     else if (RemoveDeadDirectories(false) == 0 && RemoveDeadDirectories(true) == 0)
-        RtOs::RemoveEmptyDirectory(m_rootDir); // fails, as it should, when something has appeared since
+        RtOs::RemoveEmptyDirectory(
+            m_rootDir); // fails, as it should, when something has appeared since
 }
 
 // Removes the directories of processes that run no more, with `filesToo` also what else lies in the

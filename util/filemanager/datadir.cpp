@@ -121,8 +121,7 @@ CRtString CFileManager::GetDefaultDir() {
     }
     if (dir.empty()) {
         dir = FALLBACK_HOME;
-        RT_LOG(RT_LOG_TRACE,
-               "CFileManager::GetDefaultDir, homeDir is null, set homedir =" << dir);
+        RT_LOG(RT_LOG_TRACE, "CFileManager::GetDefaultDir, homeDir is null, set homedir =" << dir);
     }
     return dir;
 }
@@ -130,8 +129,8 @@ CRtString CFileManager::GetDefaultDir() {
 int CFileManager::DirExists(const CRtString& dir) {
     const CRtString path = WithoutBackslash(dir);
     const bool exists = RtOs::GetEntryKind(path) == RtOs::EntryKind::Directory;
-    RT_LOG(RT_LOG_TRACE, "CFileManager::DirExists. Dir:"
-                             << path << (exists ? " is exist." : " is not exist."));
+    RT_LOG(RT_LOG_TRACE,
+           "CFileManager::DirExists. Dir:" << path << (exists ? " is exist." : " is not exist."));
     return exists ? 1 : 0;
 }
 

@@ -30,14 +30,12 @@ uint32_t GetLengthOf(const uint8_t (&bytes)[4]) {
 } // namespace
 
 CDiskFile::CDiskFile(const CRtString& strFileName) : m_strFileName(strFileName) {
-    RT_LOG(RT_LOG_TRACE,
-           "CDiskFile::CDiskFile, filename=" << m_strFileName << " this=" << this);
+    RT_LOG(RT_LOG_TRACE, "CDiskFile::CDiskFile, filename=" << m_strFileName << " this=" << this);
     RT_CHECK(SOURCE, !strFileName.empty(), "!strFileName.empty()");
 }
 
 CDiskFile::~CDiskFile() {
-    RT_LOG(RT_LOG_TRACE,
-           "CDiskFile::~CDiskFile, filename=" << m_strFileName << " this=" << this);
+    RT_LOG(RT_LOG_TRACE, "CDiskFile::~CDiskFile, filename=" << m_strFileName << " this=" << this);
     Close();
 }
 
@@ -86,15 +84,15 @@ int CDiskFile::IsOpen() {
     }
     if (m_pFile)
         return 1;
-    RT_LOG(RT_LOG_ERROR, "CDiskFile::IsOpen. File cann't open, filename="
-                             << m_strFileName << " this=" << this);
+    RT_LOG(RT_LOG_ERROR,
+           "CDiskFile::IsOpen. File cann't open, filename=" << m_strFileName << " this=" << this);
     return 0;
 }
 
 int CDiskFile::WriteData(const void* lpBuffer, uint64_t dwOffset, uint32_t dwLength, int bFlush) {
     RT_LOG(RT_LOG_TRACE, "CDiskFile::WriteData, filename="
-                             << m_strFileName << " dwLength=" << dwLength
-                             << " dwOffset=" << static_cast<uint32_t>(dwOffset) << " this=" << this);
+                             << m_strFileName << " dwLength=" << dwLength << " dwOffset="
+                             << static_cast<uint32_t>(dwOffset) << " this=" << this);
     if (!RT_CHECK(SOURCE, lpBuffer && dwLength > 0, "lpBuffer && dwLength >0"))
         return RT_ERROR_INVALID_ARG;
     const CStreamKeeper::CUse use(*this);
@@ -113,8 +111,8 @@ int CDiskFile::WriteData(const void* lpBuffer, uint64_t dwOffset, uint32_t dwLen
 
 int CDiskFile::ReaddData(void* lpBuffer, uint64_t dwOffset, const uint32_t& dwLength) {
     RT_LOG(RT_LOG_TRACE, "CDiskFile::ReaddData, filename="
-                             << m_strFileName << " dwLength=" << dwLength
-                             << " dwOffset=" << static_cast<uint32_t>(dwOffset) << " this=" << this);
+                             << m_strFileName << " dwLength=" << dwLength << " dwOffset="
+                             << static_cast<uint32_t>(dwOffset) << " this=" << this);
     if (!RT_CHECK(SOURCE, lpBuffer && dwLength > 0, "lpBuffer && dwLength>0"))
         return RT_ERROR_INVALID_ARG;
     const CStreamKeeper::CUse use(*this);

@@ -48,7 +48,7 @@ private:
              uint64_t dwOffset);
 
     CRtString m_strFileName;
-    FILE* m_pFile = nullptr; // changed by another thread only while the stream is not in use
+    FILE* m_pFile = nullptr;    // changed by another thread only while the stream is not in use
     uint64_t m_knownLength = 0; // the file had this many bytes, since the stream was opened
     // The keeper's: links from the least to the most recently used stream, and whether it is in use.
     CDiskFile* m_pOlder = nullptr;

@@ -53,7 +53,8 @@ CFileManager::~CFileManager() {
 }
 
 int CFileManager::Initialize(const CRtString& dataDir, uint16_t clearDays, int isServer) {
-    RT_LOG(RT_LOG_TRACE, "CFileManager::Initialize, dataDir=" << dataDir << ", isServer=" << isServer
+    RT_LOG(RT_LOG_TRACE, "CFileManager::Initialize, dataDir=" << dataDir
+                                                              << ", isServer=" << isServer
                                                               << ", clearDays=" << clearDays);
     if (m_init)
         return RT_OK;

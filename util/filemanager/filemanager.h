@@ -152,7 +152,7 @@ private:
     int32_t m_clearDays = 7;
     std::atomic<uint32_t> m_lastHouseKeeping{0}; // seconds; written on the read/write thread
 
-    std::atomic<bool> m_houseKeepingPosted{false}; // queued or running; both threads
+    std::atomic<bool> m_houseKeepingPosted{false};           // queued or running; both threads
     std::unique_ptr<RtOs::DirectoryWalk> m_houseKeepingWalk; // read/write thread
 
     // The small lock between the registry and the read/write thread. Nothing is released, called or
@@ -162,7 +162,7 @@ private:
     // Every file that was registered and still lives, by the identifier that its path spells: a closed
     // one may have work queued or be held by its users.
     std::multimap<FMFileID, CFMFile*> m_liveFiles;
-    FMFileID m_openingID = FMFileID_None;  // being created or loaded on the caller thread
-    FMFileID m_claimedID = FMFileID_None;  // being examined by housekeeping
+    FMFileID m_openingID = FMFileID_None; // being created or loaded on the caller thread
+    FMFileID m_claimedID = FMFileID_None; // being examined by housekeeping
     bool m_claimed = false;
 };

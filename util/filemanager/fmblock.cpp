@@ -71,8 +71,7 @@ bool CFMBlock::CheckValid() {
            RT_CHECK(SOURCE, m_totalLen <= cmax_block_data_len,
                     "m_totalLen <= cmax_block_data_len") &&
            RT_CHECK(SOURCE, m_position <= m_totalLen, "m_position <= m_totalLen") &&
-           RT_CHECK(SOURCE, m_posInFile < cmax_filea_data_len,
-                    "m_posInFile < cmax_filea_data_len");
+           RT_CHECK(SOURCE, m_posInFile < cmax_filea_data_len, "m_posInFile < cmax_filea_data_len");
 }
 
 // --- Memory -------------------------------------------------------------------------------------
@@ -154,9 +153,9 @@ int CFMBlock::WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* da
 // Nothing has been changed yet when a piece is refused.
 int CFMBlock::CheckPiece(uint32_t blockLen, uint32_t dataPos, const CRtMessageBlock* data) {
     if (dataPos != m_position && dataPos != 0) {
-        RT_LOG(RT_LOG_ERROR, "CFMBlock::WriteData, m_position=" << m_position << ",dataPos="
-                                                                << dataPos << ",blockID="
-                                                                << m_blockID << " this=" << this);
+        RT_LOG(RT_LOG_ERROR,
+               "CFMBlock::WriteData, m_position=" << m_position << ",dataPos=" << dataPos
+                                                  << ",blockID=" << m_blockID << " this=" << this);
         return RT_ERROR_INVALID_ARG;
     }
     if (!RT_CHECK(SOURCE, data && blockLen > 0, "data && blockLen > 0"))
@@ -171,8 +170,8 @@ int CFMBlock::CheckPiece(uint32_t blockLen, uint32_t dataPos, const CRtMessageBl
 
 void CFMBlock::BeginRewrite(uint32_t blockLen) {
     RT_LOG(RT_LOG_WARNING, "CFMBlock::WriteData, rewrite data! m_position="
-                               << m_position << ",m_totalLen=" << m_totalLen << ",blockLen="
-                               << blockLen << ",dataPos=" << 0 << " this=" << this);
+                               << m_position << ",m_totalLen=" << m_totalLen
+                               << ",blockLen=" << blockLen << ",dataPos=" << 0 << " this=" << this);
     WithdrawStore();
     FreeData();
     m_position = 0;
@@ -322,8 +321,8 @@ int CFMBlock::ReadData(uint32_t readPos, uint32_t readLen, CRtMessageBlock*& pDa
     }
     if (!IsComplete()) {
         RT_LOG(RT_LOG_WARNING, "CFMBlock::ReadData, data no ready! m_position="
-                                   << m_position << ",m_totalLen=" << m_totalLen << ",blockID="
-                                   << m_blockID << " this=" << this);
+                                   << m_position << ",m_totalLen=" << m_totalLen
+                                   << ",blockID=" << m_blockID << " this=" << this);
         return RT_ERROR_NOT_READY;
     }
     m_lastAccessTime = GetTickCountEx();
@@ -426,9 +425,9 @@ int CFMBlock::LoadBytes(uint32_t len, CRtMessageChain& buffer) {
     int result = disk->Reaches(static_cast<uint64_t>(pos) + len) ? RT_OK : RT_ERROR_IO;
     if (RT_SUCCEEDED(result)) {
         buffer = CRtMessageBlock::Create(len);
-        result = buffer ? disk->ReaddData(buffer->GetTopLevelWritePtr(), static_cast<uint64_t>(pos),
-                                          len)
-                        : RT_ERROR_NULL_OBJECT;
+        result =
+            buffer ? disk->ReaddData(buffer->GetTopLevelWritePtr(), static_cast<uint64_t>(pos), len)
+                   : RT_ERROR_NULL_OBJECT;
     }
     if (RT_SUCCEEDED(result))
         buffer->AdvanceTopLevelWritePtr(len);
@@ -440,9 +439,9 @@ int CFMBlock::LoadBytes(uint32_t len, CRtMessageChain& buffer) {
 }
 
 void CFMBlock::OnDataReady(int aResult, CRtMessageBlock* aData) {
-    RT_LOG(RT_LOG_TRACE, "CFMBlock::OnDataReady, aResult="
-                             << aResult << ",m_readsinks=" << uint64_t{m_readsinks.size()}
-                             << " this=" << this);
+    RT_LOG(RT_LOG_TRACE, "CFMBlock::OnDataReady, aResult=" << aResult << ",m_readsinks="
+                                                           << uint64_t{m_readsinks.size()}
+                                                           << " this=" << this);
     if (m_loadsUnderWay > 0)
         --m_loadsUnderWay;
     const bool stale = m_staleLoads > 0;

@@ -96,12 +96,12 @@ private:
 
     CRtComAutoPtr<CFMFile> m_file;
     const uint32_t m_blockID;
-    uint32_t m_totalLen = 0;  // under the transfer mutex
-    uint32_t m_position = 0;  // under the transfer mutex
+    uint32_t m_totalLen = 0; // under the transfer mutex
+    uint32_t m_position = 0; // under the transfer mutex
     std::list<FMRetrieveItem> m_retrieves;
     CRtMessageChain m_data;
     uint64_t m_lastAccessTime;
-    int64_t m_posInFile = 0;           // under the transfer mutex
+    int64_t m_posInFile = 0; // under the transfer mutex
     std::atomic<uint32_t> m_state{BLOCK_STATE_EMPTY};
     std::list<IFMBlockSink*> m_readsinks;
 
@@ -158,8 +158,7 @@ private:
     void RemoveNetOwner(ISDUser* owner);
     void LogPublicOwner(ISDUser* owner, const char* verb);
     void LogNetOwner(ISDUser* owner, const char* verb, size_t groupSize, const char* tail);
-    static uint16_t FillItems(const OwnerList& owners, uint16_t capacity,
-                              SDDataAddressItem* items);
+    static uint16_t FillItems(const OwnerList& owners, uint16_t capacity, SDDataAddressItem* items);
 
     std::map<uint32_t, OwnerList> m_netOwners; // owners that are not public, by their IP address
 };

@@ -24,7 +24,8 @@ uint32_t Now() { return static_cast<uint32_t>(CRtTimeValue::GetTimeOfDay().GetSe
 } // namespace
 
 CFMFile::CFMFile(const FMFileInfo& fileInfo)
-    : m_fileInfo(fileInfo), m_createTime(Now()), m_pathID(fileInfo.fileID), m_overPredecessor(true) {
+    : m_fileInfo(fileInfo), m_createTime(Now()), m_pathID(fileInfo.fileID),
+      m_overPredecessor(true) {
     ++g_counters.filesCreated;
     RT_LOG(RT_LOG_TRACE, "CFMFile::CFMFile, fileID="
                              << FMFileIDToString(m_fileInfo.fileID) << ",flag=" << m_fileInfo.flag
@@ -217,8 +218,8 @@ int CFMFile::IsHouseKeeping() {
 }
 
 void CFMFile::ClerDiskFile_m() {
-    RT_LOG(RT_LOG_TRACE, "CFMFile::ClerDiskFile_m, fileID="
-                             << FMFileIDToString(m_fileInfo.fileID) << " this=" << this);
+    RT_LOG(RT_LOG_TRACE, "CFMFile::ClerDiskFile_m, fileID=" << FMFileIDToString(m_fileInfo.fileID)
+                                                            << " this=" << this);
     if (m_retired.load(std::memory_order_acquire))
         return; // the files on that path are another object's now
     if (m_infoFile)

@@ -103,15 +103,15 @@ private:
     FMBlockTable m_blocks;
     CRtComAutoPtr<CDiskFile> m_diskFile;
     CRtComAutoPtr<CInfoFile> m_infoFile;
-    int64_t m_position = 0;               // the next free offset of the data file
-    std::atomic<uint32_t> m_fileFlag{0};  // either thread
-    friend class CFileManager;            // which alone changes the attach count
+    int64_t m_position = 0;              // the next free offset of the data file
+    std::atomic<uint32_t> m_fileFlag{0}; // either thread
+    friend class CFileManager;           // which alone changes the attach count
     int32_t m_attachCount = 0;
 
     FMFileID m_pathID = FMFileID_None;
     bool m_registered = false;
     bool m_closed = false;
-    std::atomic<bool> m_retired{false};        // set on the caller thread, read on both
+    std::atomic<bool> m_retired{false};         // set on the caller thread, read on both
     std::atomic<bool> m_overPredecessor{false}; // older files of this identifier may lie on disk
     std::mutex m_transferMutex;
     std::atomic<uint32_t> m_pendingStores{0};

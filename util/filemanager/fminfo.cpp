@@ -29,16 +29,15 @@ int CFMFile::SaveFileInfo() {
         return 0;
     CRtMessageChain fileBody;
     if (const int ret = FMEncodeFileBody(m_fileInfo, m_createTime, fileBody); RT_FAILED(ret)) {
-        RT_LOG(RT_LOG_ERROR, "CFMFile::SaveFileInfo, Encode file info error, ret="
-                                 << ret << " this=" << this);
+        RT_LOG(RT_LOG_ERROR,
+               "CFMFile::SaveFileInfo, Encode file info error, ret=" << ret << " this=" << this);
         return 0;
     }
     CRtMessageChain blockBody;
     uint32_t left = 0;
     if (RT_FAILED(FMEncodeBlockBody(DescribeBlocks(), blockBody, left))) {
         m_unsettled.clear();
-        RT_LOG(RT_LOG_ERROR,
-               "CFMFile::SaveFileInfo, Encode block info error  this=" << this);
+        RT_LOG(RT_LOG_ERROR, "CFMFile::SaveFileInfo, Encode block info error  this=" << this);
         return 0;
     }
     if (left > 0)
@@ -56,8 +55,7 @@ std::vector<FMBlockEntry> CFMFile::DescribeBlocks() {
             continue;
         CFMBlock& block = *m_blocks[i];
         if (block.GetBlockID() == 0) {
-            RT_LOG(RT_LOG_WARNING,
-                   "CFMFile::SaveFileInfo, block 0 cannot be saved this=" << this);
+            RT_LOG(RT_LOG_WARNING, "CFMFile::SaveFileInfo, block 0 cannot be saved this=" << this);
             continue;
         }
         // Asked first: what is over by now has shown its result to Describe.
@@ -101,16 +99,16 @@ void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBo
         if (RT_SUCCEEDED(ret))
             ret = WriteBody(*m_infoFile, &CInfoFile::WriteFileInfo, *fileBody);
         if (RT_FAILED(ret)) {
-            RT_LOG(RT_LOG_ERROR, "CFMFile::SaveFileInfo_m, WriteFileInfo error, ret="
-                                     << ret << " this=" << this);
+            RT_LOG(RT_LOG_ERROR,
+                   "CFMFile::SaveFileInfo_m, WriteFileInfo error, ret=" << ret << " this=" << this);
             EndWaiting();
             return;
         }
     }
     if (blockBody) {
         const CRtMessageChain corrected = WithoutFailedStores(*blockBody);
-        const int ret = WriteBody(*m_infoFile, &CInfoFile::WriteBlockInfo,
-                                  corrected ? *corrected : *blockBody);
+        const int ret =
+            WriteBody(*m_infoFile, &CInfoFile::WriteBlockInfo, corrected ? *corrected : *blockBody);
         if (RT_FAILED(ret))
             RT_LOG(RT_LOG_ERROR, "CFMFile::SaveFileInfo_m, WriteBlockInfo error, ret="
                                      << ret << " this=" << this);
@@ -161,8 +159,8 @@ int CFMFile::LoadFileInfo() {
     uint32_t length = sizeof(buffer);
     int ret = m_infoFile ? m_infoFile->ReaddFileInfo(buffer, &length) : RT_ERROR_NOT_READY;
     if (RT_FAILED(ret)) {
-        RT_LOG(RT_LOG_ERROR, "CFMFile::LoadFileInfo, ReaddFileInfo error, ret="
-                                 << ret << " this=" << this);
+        RT_LOG(RT_LOG_ERROR,
+               "CFMFile::LoadFileInfo, ReaddFileInfo error, ret=" << ret << " this=" << this);
         return 0;
     }
     const CRtMessageChain body = CRtMessageBlock::Wrap(buffer, length);
@@ -171,8 +169,8 @@ int CFMFile::LoadFileInfo() {
         (m_fileInfo.num > FM_TABLE_SLOTS_MAX || m_fileInfo.fileID == FMFileID_None))
         ret = RT_ERROR_INVALID_ARG;
     if (RT_FAILED(ret)) {
-        RT_LOG(RT_LOG_ERROR, "CFMFile::LoadFileInfo, Decode file info error, ret="
-                                 << ret << " this=" << this);
+        RT_LOG(RT_LOG_ERROR,
+               "CFMFile::LoadFileInfo, Decode file info error, ret=" << ret << " this=" << this);
         return 0;
     }
     LimitTable();
@@ -219,8 +217,8 @@ int CFMFile::LoadBlokInfo() {
         return 0;
     }
     body->AdvanceTopLevelWritePtr(length);
-    RT_LOG(RT_LOG_TRACE, "CFMFile::LoadBlokInfo, ReaddBlockInfo result: length="
-                             << length << " this=" << this);
+    RT_LOG(RT_LOG_TRACE,
+           "CFMFile::LoadBlokInfo, ReaddBlockInfo result: length=" << length << " this=" << this);
     std::vector<FMBlockEntry> slots;
     FMDecodeBlockBody(*body, slots); // a body that ends early has said so
     RestoreBlocks(slots);

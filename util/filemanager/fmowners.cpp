@@ -57,10 +57,10 @@ void CFMBlock::AddRetrieve(ISDUser* node, uint32_t pri) {
     if (!RT_CHECK(SOURCE, node, "node"))
         return;
     m_retrieves.push_back({node, pri});
-    RT_LOG(RT_LOG_TRACE, "CFMBlock::AddRetrieve, fileID="
-                             << FMFileIDToString(GetFileID()) << ",blockID=" << m_blockID
-                             << ",node=" << node->GetNodeSID() << ",pri=" << pri
-                             << " this=" << this);
+    RT_LOG(RT_LOG_TRACE, "CFMBlock::AddRetrieve, fileID=" << FMFileIDToString(GetFileID())
+                                                          << ",blockID=" << m_blockID
+                                                          << ",node=" << node->GetNodeSID()
+                                                          << ",pri=" << pri << " this=" << this);
 }
 
 int CFMBlock::CancelRetrieve(ISDUser* node) {
@@ -143,10 +143,10 @@ void CFMServerBlock::RemovePublicOwner(ISDUser* owner) {
 
 void CFMServerBlock::LogPublicOwner(ISDUser* owner, const char* verb) {
     RT_LOG(RT_LOG_TRACE, "CFMServerBlock::SetOwner, block="
-                             << GetBlockID() << ",pubs=" << uint64_t{m_owners.size()} << ",nets="
-                             << uint64_t{m_netOwners.size()} << ",owner=" << owner->GetNodeSID()
-                             << verb << owner->GetIP() << ",isp2p=" << owner->IsP2P()
-                             << " this=" << this);
+                             << GetBlockID() << ",pubs=" << uint64_t{m_owners.size()}
+                             << ",nets=" << uint64_t{m_netOwners.size()}
+                             << ",owner=" << owner->GetNodeSID() << verb << owner->GetIP()
+                             << ",isp2p=" << owner->IsP2P() << " this=" << this);
 }
 
 void CFMServerBlock::AddNetOwner(ISDUser* owner) {

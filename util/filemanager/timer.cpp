@@ -34,9 +34,9 @@ CRtString CFileManager::GetStatistics() {
                   "[time s-%d g-%d p-%d]",
                   number(m_memoMax), number(GetMemoryInUse()), number(m_id2files.size()),
                   number(g_counters.filesCreated.load()), number(g_counters.filesDestroyed.load()),
-                  number(g_counters.blocksCreated.load()), number(g_counters.blocksDestroyed.load()),
-                  number(g_counters.timeSetOwner.load()), number(g_counters.timeGetOwner.load()),
-                  number(g_counters.timeGetOwners.load()));
+                  number(g_counters.blocksCreated.load()),
+                  number(g_counters.blocksDestroyed.load()), number(g_counters.timeSetOwner.load()),
+                  number(g_counters.timeGetOwner.load()), number(g_counters.timeGetOwners.load()));
     return text;
 }
 
@@ -51,9 +51,9 @@ void CFileManager::MemoyCollect() {
     for (const auto& [id, file] : m_id2files)
         file->FreeBlocksMemory();
     if (GetMemoryInUse() > m_memoMax)
-        RT_LOG(RT_LOG_WARNING, "CFileManager::MemoyCollect, Max="
-                                   << uint64_t{m_memoMax} << ", Size="
-                                   << uint64_t{GetMemoryInUse()});
+        RT_LOG(RT_LOG_WARNING,
+               "CFileManager::MemoyCollect, Max=" << uint64_t{m_memoMax}
+                                                  << ", Size=" << uint64_t{GetMemoryInUse()});
 }
 
 void CFileManager::CheckHouseKeeping() {

@@ -33,9 +33,9 @@ constexpr uint32_t FM_TABLE_SLOTS_MAX = 1'048'576;
 
 /// One slot of the block table as it is stored.
 struct FMBlockEntry {
-    uint32_t blockID = 0;   ///< 0 is an empty slot
-    uint32_t totalLen = 0;  ///< bytes; 0 for a block without data
-    int64_t posInFile = 0;  ///< offset of the bytes in the data file
+    uint32_t blockID = 0;  ///< 0 is an empty slot
+    uint32_t totalLen = 0; ///< bytes; 0 for a block without data
+    int64_t posInFile = 0; ///< offset of the bytes in the data file
     bool operator==(const FMBlockEntry&) const = default;
 };
 

@@ -44,9 +44,9 @@ struct FMRetrieveItem {
 
 /// Answers of IFMBlock::GetRetrieveType.
 enum FMRetrieveType : int {
-    FM_RETRIEVE_NOT_YET = 0,      ///< server: neither bytes nor peers
-    FM_RETRIEVE_HERE = 1,         ///< this node holds the whole block
-    FM_RETRIEVE_PEERS = 2,        ///< server: the requester can be sent to owners, GetOwners
+    FM_RETRIEVE_NOT_YET = 0,        ///< server: neither bytes nor peers
+    FM_RETRIEVE_HERE = 1,           ///< this node holds the whole block
+    FM_RETRIEVE_PEERS = 2,          ///< server: the requester can be sent to owners, GetOwners
     FM_RETRIEVE_CLIENT_NOT_YET = 3, ///< client: not here
 };
 

@@ -68,8 +68,8 @@ public:
         uint16_t len = 0;
         *this >> len;
         if (!RT_CHECK(SOURCE, len < STRING_LEN_MAX, "len < STRING_LEN_MAX")) {
-            RT_LOG(RT_LOG_ERROR,
-                   "CRtByteStreamT::operator>>CRtString, too long, len=" << len << " this=" << this);
+            RT_LOG(RT_LOG_ERROR, "CRtByteStreamT::operator>>CRtString, too long, len="
+                                     << len << " this=" << this);
             m_ResultRead = RT_ERROR_IO;
             return *this;
         }

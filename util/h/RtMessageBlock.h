@@ -43,7 +43,8 @@ public:
     uint32_t GetTopLevelSpace() const { return static_cast<uint32_t>(m_pEndPtr - m_pWritePtr); }
     /// Both log a line when the block is locked that way, and answer the pointer all the same.
     const char* GetTopLevelReadPtr() const {
-        RT_CHECK(SOURCE, RT_BIT_DISABLED(m_Flag, READ_LOCKED), "RT_BIT_DISABLED(m_Flag, READ_LOCKED)");
+        RT_CHECK(SOURCE, RT_BIT_DISABLED(m_Flag, READ_LOCKED),
+                 "RT_BIT_DISABLED(m_Flag, READ_LOCKED)");
         return m_pReadPtr;
     }
     char* GetTopLevelWritePtr() const {

@@ -24,7 +24,7 @@ private:
     // Links of the queue that holds the event: queuing allocates nothing.
     IRtEvent* m_pPrevious = nullptr;
     IRtEvent* m_pNext = nullptr;
-    CRtEventQueue* m_pQueue = nullptr; // null once the event has been taken out
+    CRtEventQueue* m_pQueue = nullptr;         // null once the event has been taken out
     struct CRtSendTicket* m_pTicket = nullptr; // of the sender that waits, or null
 };
 

@@ -93,9 +93,9 @@ CRtLog::CRtLogRecorder& CRtLog::CRtLogRecorder::operator<<(uint64_t value) {
 
 CRtLog::CRtLogRecorder& CRtLog::CRtLogRecorder::operator<<(const void* pointer) {
     char digits[2 + 2 * sizeof(void*)] = {'0', 'x'};
-    const auto end = std::to_chars(digits + 2, digits + sizeof(digits),
-                                   reinterpret_cast<uintptr_t>(pointer), 16)
-                         .ptr;
+    const auto end =
+        std::to_chars(digits + 2, digits + sizeof(digits), reinterpret_cast<uintptr_t>(pointer), 16)
+            .ptr;
     Append(digits, static_cast<size_t>(end - digits));
     return *this;
 }

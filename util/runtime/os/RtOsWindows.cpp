@@ -101,9 +101,7 @@ bool GetFileLength(const CRtString& path, uint64_t& length) {
 
 bool MakeDirectory(const CRtString& path) { return ::_mkdir(path.c_str()) == 0; }
 
-void SetHidden(const CRtString& path) {
-    ::SetFileAttributesA(path.c_str(), FILE_ATTRIBUTE_HIDDEN);
-}
+void SetHidden(const CRtString& path) { ::SetFileAttributesA(path.c_str(), FILE_ATTRIBUTE_HIDDEN); }
 
 size_t FindLastSeparator(const CRtString& path) { return path.view().find_last_of('\\'); }
 
