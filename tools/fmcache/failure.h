@@ -10,7 +10,12 @@
 /// What went wrong, in words for the user: lower case, no line end, no program name.
 class Failure : public std::runtime_error {
 public:
-    using std::runtime_error::runtime_error;
+    explicit Failure(const std::string& text, int status = 1)
+        : std::runtime_error(text), m_status(status) {}
+    int Status() const { return m_status; }
+
+private:
+    int m_status; // of the process
 };
 
 /// The user asked to stop.

@@ -176,7 +176,7 @@ void RequireAccess(const StorePaths& paths, bool withData) {
     }
 }
 
-void Get(const GetOptions& options) {
+int Get(const GetOptions& options) {
     const FMFileID id = ParseID(options.id);
     const StorePaths paths = FindEntry(options.dir, id);
     const std::vector<FMBlockEntry> blocks = FindBlocks(paths, id);
@@ -187,6 +187,7 @@ void Get(const GetOptions& options) {
         Transfer(session, id, blocks, output).Run();
     }
     output.Commit();
+    return 0;
 }
 
 } // namespace
@@ -199,5 +200,5 @@ void AddGet(CLI::App& app, Action& chosen) {
     get->add_option("-o,--output", options->output, "file to write, - for standard output")
         ->required();
     get->add_flag("--force", options->force, "replace the file when it exists");
-    get->callback([options, &chosen] { chosen = [options] { Get(*options); }; });
+    get->callback([options, &chosen] { chosen = [options] { return Get(*options); }; });
 }

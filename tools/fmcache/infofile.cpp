@@ -12,21 +12,28 @@
 namespace {
 
 constexpr uint32_t PREFIX_SIZE = 4;
+constexpr uint32_t COUNT_SIZE = 2;
+constexpr uint32_t EMPTY_ENTRY_SIZE = 4;
+constexpr uint32_t BLOCK_ENTRY_SIZE = 16;
 // A valid file is never longer; of another no more is read.
 constexpr uint32_t INFO_FILE_MAX =
     FM_INFO_BODY_OFFSET + FM_INFO_FILE_BODY_MAX + PREFIX_SIZE + FM_INFO_BLOCK_BODY_MAX;
 
-std::string ReadBytes(const std::filesystem::path& path) {
+// 0, or the system's reason. `length` is that of the file, also when `bytes` are only its beginning.
+int ReadBytes(const std::filesystem::path& path, std::string& bytes, uint64_t& length) {
     errno = 0;
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        throw Failure("cannot read " + Quoted(path.string()) + ": " + ErrorText(errno));
-    std::string bytes(INFO_FILE_MAX, '\0');
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    const std::streamoff end = in ? std::streamoff{in.tellg()} : -1;
+    if (end < 0)
+        return errno != 0 ? errno : EIO;
+    length = static_cast<uint64_t>(end);
+    bytes.resize(static_cast<size_t>(std::min<uint64_t>(length, INFO_FILE_MAX)));
+    in.seekg(0);
     in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     if (in.bad())
-        throw Failure("cannot read " + Quoted(path.string()) + ": " + ErrorText(errno));
-    bytes.resize(static_cast<size_t>(in.gcount()));
-    return bytes;
+        return errno != 0 ? errno : EIO;
+    bytes.resize(static_cast<size_t>(in.gcount())); // it may have become shorter
+    return 0;
 }
 
 // Takes a length and the body that it announces off the front. False when they are not all there.
@@ -52,23 +59,52 @@ std::string BlockName(uint32_t id) { return "block " + std::to_string(id); }
 
 } // namespace
 
-InfoFile InfoFile::Read(const std::filesystem::path& path) {
-    const std::string bytes = ReadBytes(path);
+InfoFile InfoFile::Look(const std::filesystem::path& path) {
+    InfoFile file;
+    std::string bytes;
+    if (const int error = ReadBytes(path, bytes, file.length); error != 0) {
+        file.fault = "cannot be read: " + ErrorText(error);
+        return file;
+    }
+    file.readable = true;
+    file.Parse(bytes);
+    return file;
+}
+
+void InfoFile::Parse(const std::string& bytes) {
     std::string_view rest = bytes;
-    std::string_view fileBody;
-    std::string_view blockBody;
+    std::string_view body;
     const bool known = rest.starts_with(std::string_view(FM_INFO_MAGIC, FM_INFO_MAGIC_SIZE));
     if (known)
         rest.remove_prefix(FM_INFO_LENGTH_OFFSET);
-    if (!known || !TakeBody(rest, FM_INFO_FILE_BODY_MAX, fileBody))
-        throw Failure(Quoted(path.string()) + " is not an information file, or is damaged");
+    if (!known || !TakeBody(rest, FM_INFO_FILE_BODY_MAX, body)) {
+        fault = "is not an information file, or is damaged";
+        return;
+    }
+    if (FMDecodeFileBody(*Wrap(body), info, createTime) != 0)
+        fault = "has a damaged description";
+    else if (info.fileID == FMFileID_None)
+        fault = "has a description without identifier";
+    else if (info.num > FM_TABLE_SLOTS_MAX)
+        fault = "has a description with an impossible number of slots";
+    else if (!TakeBody(rest, FM_INFO_BLOCK_BODY_MAX, body))
+        tableFault = "has a block table that is damaged or missing";
+    if (!fault.empty() || !tableFault.empty())
+        return;
+    whole = FMDecodeBlockBody(*Wrap(body), slots);
+    size_t used = COUNT_SIZE;
+    for (const FMBlockEntry& entry : slots)
+        used += entry.blockID == 0 ? EMPTY_ENTRY_SIZE : BLOCK_ENTRY_SIZE;
+    if (whole)
+        behindTable = static_cast<uint32_t>(body.size() - used);
+}
 
-    InfoFile file;
-    if (FMDecodeFileBody(*Wrap(fileBody), file.info, file.createTime) != 0)
-        throw Failure("the description in " + Quoted(path.string()) + " is damaged");
-    if (!TakeBody(rest, FM_INFO_BLOCK_BODY_MAX, blockBody))
-        throw Failure("the block table in " + Quoted(path.string()) + " is damaged or missing");
-    file.whole = FMDecodeBlockBody(*Wrap(blockBody), file.slots);
+InfoFile InfoFile::Read(const std::filesystem::path& path) {
+    InfoFile file = Look(path);
+    for (const std::string& fault : {file.fault, file.tableFault}) {
+        if (!fault.empty())
+            throw Failure(Quoted(path.string()) + " " + fault);
+    }
     return file;
 }
 

@@ -1,5 +1,6 @@
-// fmcache: puts files into a cache of the file manager and gets them back.
+// fmcache: puts files into a cache of the file manager, gets them back, and looks after the cache.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <exception>
@@ -9,18 +10,17 @@
 #include "failure.h"
 #include "log.h"
 #include "platform.h"
+#include "text.h"
 #include "verbs.h"
 
 namespace {
 
-enum Status : int { STATUS_OK = 0, STATUS_FAILED = 1, STATUS_USAGE = 2, STATUS_INTERRUPTED = 130 };
+enum Status : int { STATUS_FAILED = 1, STATUS_USAGE = 2, STATUS_INTERRUPTED = 130 };
 
 // One line, whatever a file is called.
-int Report(const char* text, int status) {
-    std::fputs("fmcache: ", stderr);
-    for (; *text; ++text)
-        std::fputc(*text == '\n' ? ' ' : *text, stderr);
-    std::fputc('\n', stderr);
+int Report(std::string text, int status) {
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    std::fprintf(stderr, "fmcache: %s\n", Printable(text).c_str());
     return status;
 }
 
@@ -30,7 +30,7 @@ int ReportUsage(const CLI::ParseError& error) {
     if (text.size() > 1 && !std::isupper(static_cast<unsigned char>(text[1])))
         text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
     text += "; fmcache --help tells more";
-    return Report(text.c_str(), STATUS_USAGE);
+    return Report(text, STATUS_USAGE);
 }
 
 int Run(int argc, char** argv) {
@@ -42,6 +42,12 @@ int Run(int argc, char** argv) {
     app.fallthrough(); // --verbose may follow the verb
     AddPut(app, chosen);
     AddGet(app, chosen);
+    AddLs(app, chosen);
+    AddShow(app, chosen);
+    AddVerify(app, chosen);
+    AddRm(app, chosen);
+    AddHousekeep(app, chosen);
+    AddClear(app, chosen);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -49,8 +55,7 @@ int Run(int argc, char** argv) {
     }
     KeepLog(verbose);
     CatchSignals();
-    chosen();
-    return STATUS_OK;
+    return chosen();
 }
 
 } // namespace
@@ -60,6 +65,8 @@ int main(int argc, char** argv) {
         return Run(argc, argv);
     } catch (const Interrupted&) {
         return Report("interrupted", STATUS_INTERRUPTED);
+    } catch (const Failure& failure) {
+        return Report(failure.what(), failure.Status());
     } catch (const std::bad_alloc&) {
         return Report("not enough memory", STATUS_FAILED);
     } catch (const std::exception& error) {

@@ -6,6 +6,10 @@
 /// Whether standard error is a terminal, where a line can be drawn over.
 bool IsErrorTerminal();
 
+/// Whether standard output is a terminal, and how many columns it has; 80 when nobody knows.
+bool IsOutputTerminal();
+unsigned OutputWidth();
+
 /// Whether this process may make files in the directory, or change the file. Both set `errno` when it
 /// may not.
 bool CanWriteInto(const std::filesystem::path& dir);

@@ -1,6 +1,7 @@
 #include "platform.h"
 
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "failure.h"
@@ -14,6 +15,15 @@ void OnStopSignal(int) { g_stop = 1; }
 } // namespace
 
 bool IsErrorTerminal() { return ::isatty(STDERR_FILENO) == 1; }
+
+bool IsOutputTerminal() { return ::isatty(STDOUT_FILENO) == 1; }
+
+unsigned OutputWidth() {
+    constexpr unsigned usual = 80;
+    struct winsize size {};
+    const bool known = ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    return known ? size.ws_col : usual;
+}
 
 bool CanWriteInto(const std::filesystem::path& dir) {
     return ::access(dir.c_str(), W_OK | X_OK) == 0;

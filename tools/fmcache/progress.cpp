@@ -13,16 +13,17 @@ constexpr size_t BAR_WIDTH = 16; // the line stays below 80 columns
 } // namespace
 
 // Log lines and a line that is drawn over do not share a screen.
-Progress::Progress(std::string verb, uint64_t total)
-    : m_verb(std::move(verb)), m_total(total), m_enabled(IsErrorTerminal() && !IsLogShown()) {}
+Progress::Progress(std::string verb, uint64_t total, Unit unit)
+    : m_verb(std::move(verb)), m_total(total), m_unit(unit),
+      m_enabled(IsErrorTerminal() && !IsLogShown()) {}
 
 Progress::~Progress() {
     if (m_width > 0)
         std::fprintf(stderr, "\r%*s\r", static_cast<int>(m_width), "");
 }
 
-void Progress::Add(uint64_t bytes) {
-    m_done += bytes;
+void Progress::Add(uint64_t amount) {
+    m_done += amount;
     if (!m_enabled)
         return;
     if (const Clock::time_point now = Clock::now(); now - m_drawn >= DRAW_INTERVAL)
@@ -35,15 +36,20 @@ void Progress::Draw(Clock::time_point now) {
         m_total > 0 ? static_cast<double>(m_done) / static_cast<double>(m_total) : 1.0;
     const auto filled = static_cast<size_t>(share * BAR_WIDTH);
     const double seconds = std::chrono::duration<double>(now - m_start).count();
-    const auto speed = static_cast<uint64_t>(static_cast<double>(m_done) / seconds);
 
     std::string line = m_verb + " [" + std::string(filled, '#') +
                        std::string(BAR_WIDTH - std::min(filled, BAR_WIDTH), ' ') + "] " +
-                       std::to_string(static_cast<int>(share * 100)) + "%  " + FormatSize(m_done) +
-                       " of " + FormatSize(m_total) + ", " + FormatSize(speed) + "/s";
+                       std::to_string(static_cast<int>(share * 100)) + "%  " + Amounts(seconds);
     const size_t width = line.size();
     line.resize(std::max(width, m_width), ' '); // covers what a longer line has left
     m_width = width;
     std::fprintf(stderr, "\r%s", line.c_str());
     std::fflush(stderr);
+}
+
+std::string Progress::Amounts(double seconds) const {
+    if (m_unit == Unit::Files)
+        return std::to_string(m_done) + " of " + std::to_string(m_total) + " files";
+    const auto speed = static_cast<uint64_t>(static_cast<double>(m_done) / seconds);
+    return FormatSize(m_done) + " of " + FormatSize(m_total) + ", " + FormatSize(speed) + "/s";
 }

@@ -8,22 +8,26 @@
 
 class Progress {
 public:
+    enum class Unit { Bytes, Files };
+
     /// `verb` tells what is done, as "storing".
-    Progress(std::string verb, uint64_t total);
+    Progress(std::string verb, uint64_t total, Unit unit = Unit::Bytes);
     /// Takes the line away.
     ~Progress();
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
-    void Add(uint64_t bytes);
+    void Add(uint64_t amount);
 
 private:
     using Clock = std::chrono::steady_clock;
 
     void Draw(Clock::time_point now);
+    std::string Amounts(double seconds) const;
 
     const std::string m_verb;
     const uint64_t m_total;
+    const Unit m_unit;
     const bool m_enabled;
     const Clock::time_point m_start = Clock::now();
     Clock::time_point m_drawn = m_start; // a transfer that ends at once shows no line

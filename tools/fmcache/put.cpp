@@ -194,7 +194,7 @@ void RequireStored(const PutPlan& plan, const StorePaths& paths) {
     }
 }
 
-void Put(const PutOptions& options) {
+int Put(const PutOptions& options) {
     const PutPlan plan = MakePlan(options);
     Source source(plan.file);
     NewEntry entry(StorePaths(options.dir, plan.info.fileID));
@@ -209,6 +209,7 @@ void Put(const PutOptions& options) {
     if (std::printf("%s\n", id.c_str()) < 0 || std::fflush(stdout) != 0)
         throw Failure("the identifier cannot be written to standard output: " + ErrorText(errno));
     entry.Keep();
+    return 0;
 }
 
 } // namespace
@@ -225,5 +226,5 @@ void AddPut(CLI::App& app, Action& chosen) {
     put->add_option("--piece", options->piece, "bytes that are handed over at a time")
         ->capture_default_str();
     put->add_option("--name", options->name, "name to remember, instead of FILE's");
-    put->callback([options, &chosen] { chosen = [options] { Put(*options); }; });
+    put->callback([options, &chosen] { chosen = [options] { return Put(*options); }; });
 }

@@ -73,7 +73,7 @@ int CFileManager::CheckDataDir() {
 }
 
 CRtString CFileManager::GetDefaultDataDir() {
-    const CRtString drive = GetMaxDrive();
+    CRtString drive = GetMaxDrive();
     if (!drive.empty())
         return drive;
     CRtString folder;

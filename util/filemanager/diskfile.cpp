@@ -168,7 +168,7 @@ int CDiskFile::RemoveMee() {
 }
 
 int CInfoFile::WriteFileInfo(const void* body, uint32_t length) {
-    uint8_t prefix[4];
+    uint8_t prefix[4] = {};
     PutLength(prefix, length);
     int ret = WriteData(FM_INFO_MAGIC, 0, FM_INFO_MAGIC_SIZE, 0);
     if (RT_SUCCEEDED(ret))
@@ -184,7 +184,7 @@ int CInfoFile::WriteBlockInfo(const void* body, uint32_t length) {
     if (!RT_CHECK(SOURCE, m_fileInfoLen > 0, "m_fileInfoLen >0"))
         return RT_ERROR_NOT_READY;
     const uint64_t offset = uint64_t{FM_INFO_BODY_OFFSET} + m_fileInfoLen;
-    uint8_t prefix[4];
+    uint8_t prefix[4] = {};
     PutLength(prefix, length);
     const int ret = WriteData(prefix, offset, sizeof(prefix), 0);
     if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
@@ -194,7 +194,7 @@ int CInfoFile::WriteBlockInfo(const void* body, uint32_t length) {
 
 int CInfoFile::ReaddFileInfo(void* buffer, uint32_t* length) {
     char magic[16] = {};
-    uint8_t prefix[4];
+    uint8_t prefix[4] = {};
     int ret = ReaddData(magic, 0, FM_INFO_MAGIC_SIZE);
     if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
         return ret;
@@ -218,7 +218,7 @@ int CInfoFile::ReaddFileInfo(void* buffer, uint32_t* length) {
 
 int CInfoFile::ReaddBlockInfo(void* buffer, uint32_t* capacity) {
     const uint64_t offset = uint64_t{FM_INFO_BODY_OFFSET} + m_fileInfoLen;
-    uint8_t prefix[4];
+    uint8_t prefix[4] = {};
     int ret = ReaddData(prefix, offset, sizeof(prefix));
     if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
         return ret;
