@@ -15,11 +15,11 @@ struct InfoFile {
     std::vector<FMBlockEntry> slots;
     bool whole = false; ///< false when the block table ends early
 
-    uint64_t length = 0;     ///< of the whole file
+    uint64_t length = 0;      ///< of the whole file
     uint32_t behindTable = 0; ///< bytes of the block body behind its last entry
-    bool readable = false;   ///< false when the system did not let it be read
-    std::string fault;       ///< why the description is of no use, as "has no description"; or empty
-    std::string tableFault;  ///< why the block table is of no use; or empty
+    bool readable = false;    ///< false when the system did not let it be read
+    std::string fault;      ///< why the description is of no use, as "has no description"; or empty
+    std::string tableFault; ///< why the block table is of no use; or empty
 
     /// Reads as far as the file is sound, and tells in `fault` and `tableFault` what is not. The library
     /// loads no file with either.

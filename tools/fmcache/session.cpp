@@ -10,7 +10,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr uint16_t CLEAR_DAYS_NEVER = 65535; // housekeeping is the user's decision
 constexpr int AS_SERVER = 1;
 // How late a request to stop may be noticed.
 constexpr std::chrono::milliseconds WAIT_AT_MOST{50};
@@ -52,7 +51,7 @@ void Require(int result, const std::string& what) {
         throw Failure(what + ": " + ResultText(result) + LogCause());
 }
 
-Session::Session(const fs::path& dir)
+Session::Session(const fs::path& dir, uint16_t clearDays)
     : m_thread([this] {
           const std::lock_guard lock(m_mutex);
           m_woken = true;
@@ -62,8 +61,7 @@ Session::Session(const fs::path& dir)
     IFileManager* manager = IFileManager::Instance();
     if (!m_thread.IsValid() || !manager)
         throw Failure("the file manager cannot be started");
-    Require(manager->Initialize(text, CLEAR_DAYS_NEVER, AS_SERVER),
-            "the file manager cannot be started");
+    Require(manager->Initialize(text, clearDays, AS_SERVER), "the file manager cannot be started");
     m_manager = manager;
 }
 

@@ -26,11 +26,15 @@ constexpr uint64_t REOPEN_BYTES = uint64_t{64} << 20;
 /// Throws Failure unless `result` is success. `what` says what could not be done.
 void Require(int result, const std::string& what);
 
+/// For Session: housekeeping is the user's decision, and nothing else clears.
+constexpr uint16_t CLEAR_DAYS_NEVER = 65535;
+
 class Session {
 public:
     /// Initialises the manager, as a server, on the cache in `dir`. Makes the directory when it is
-    /// missing: verbs that only look have made sure that it is there. Throws Failure.
-    explicit Session(const std::filesystem::path& dir);
+    /// missing: verbs that only look have made sure that it is there. `clearDays` is Initialize's.
+    /// Throws Failure.
+    explicit Session(const std::filesystem::path& dir, uint16_t clearDays = CLEAR_DAYS_NEVER);
     /// When it returns everything is on disk, or was given up.
     ~Session();
     Session(const Session&) = delete;

@@ -48,9 +48,8 @@ void CRtLog::TraceString(int level, int, const char* text) {
         slot.sink(slot.context, level, text);
 }
 
-bool CRtLog::AssertFailed(const char* source, int line, const char* expression) {
+void CRtLog::AssertFailed(const char* source, int line, const char* expression) {
     RT_LOG(RT_LOG_ERROR, source << ":" << line << " Assert failed: " << expression);
-    return false;
 }
 
 CRtLog::CRtLogRecorder::CRtLogRecorder(char* buffer, size_t size)

@@ -59,8 +59,8 @@ public:
     static bool IsEnabled(int level) { return level <= s_maxLevel.load(std::memory_order_relaxed); }
     /// Hands a finished line to the sink. The second argument is reserved and 0.
     void TraceString(int level, int reserved, const char* text);
-    /// Writes the line of a broken assertion and answers false. Execution goes on.
-    static bool AssertFailed(const char* source, int line, const char* expression);
+    /// Writes the line of a broken assertion. Execution goes on.
+    static void AssertFailed(const char* source, int line, const char* expression);
 
 private:
     friend void RtSetLogSink(RtLogSink sink, void* context, int maxLevel);
@@ -85,4 +85,4 @@ constexpr size_t RT_LOG_BUFFER_SIZE = 2048;
 /// the condition's value. The text is given apart from the condition because log readers search for it
 /// letter by letter.
 #define RT_CHECK(source, condition, text)                                                          \
-    (static_cast<bool>(condition) || CRtLog::AssertFailed(source, __LINE__, text))
+    (static_cast<bool>(condition) || (CRtLog::AssertFailed(source, __LINE__, text), false))
