@@ -10,28 +10,33 @@
 void CFileManager::ClearDiskCache() {
     RT_LOG(RT_LOG_TRACE, "CFileManager::ClearDiskCache, data dir=" << m_rootDir);
     // A server's root is whatever directory it was given, and may hold anything beside the store.
-    if (m_isServer)
-        RemoveDir(m_dataDir);
-    else if (RemoveDeadDirectories(false) == 0 && RemoveDeadDirectories(true) == 0)
-        RtOs::RemoveEmptyDirectory(
-            m_rootDir); // fails, as it should, when something has appeared since
+    if (!m_rootIsOurs)
+        return RemoveDir(m_dataDir);
+    if (RemoveDeadDirectories(false) > 0)
+        return;
+    RT_LOG(RT_LOG_TRACE, "CFileManager::RemoveDir. Dir:" << m_rootDir);
+    if (RemoveDeadDirectories(true) == 0)
+        RtOs::RemoveEmptyDirectory(m_rootDir); // fails, as it should, when something has appeared
 }
 
 // Removes the directories of processes that run no more, with `filesToo` also what else lies in the
 // root. Answers how many directories belong to other running processes; each is asked about just before
-// it would be removed.
+// it would be removed. A root that is a link is only looked at: nothing beyond a link is removed.
 int CFileManager::RemoveDeadDirectories(bool filesToo) {
-    int alive = 0;
     RtOs::DirectoryWalk root(m_rootDir);
+    const bool isLink = !root.IsOpen();
+    RtOs::DirectoryWalk beyond(m_rootDir, true);
+    RtOs::DirectoryWalk& walk = isLink ? beyond : root;
+    int alive = 0;
     CRtString name;
     bool isDirectory = false;
-    while (root.Next(name, isDirectory)) {
-        if (!isDirectory && filesToo)
-            root.RemoveFile(name);
-        else if (isDirectory && IsOtherProcessAlive(name))
+    while (walk.Next(name, isDirectory)) {
+        if (isDirectory && IsOtherProcessAlive(name))
             ++alive;
-        else if (isDirectory)
-            RemoveDir(m_rootDir + name + "\\");
+        else if (isDirectory && !isLink)
+            RemoveTree(root, m_rootDir, name);
+        else if (filesToo && !isLink)
+            root.RemoveFile(name);
     }
     return alive;
 }

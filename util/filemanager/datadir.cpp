@@ -29,24 +29,6 @@ CRtString WithBackslash(CRtString dir) {
     return dir;
 }
 
-// Works through the open directory, so that what is removed lies in the tree whatever happens to the
-// path meanwhile.
-void RemoveEntries(RtOs::DirectoryWalk& walk, const CRtString& base) {
-    CRtString name;
-    bool isDirectory = false;
-    while (walk.Next(name, isDirectory)) {
-        if (!isDirectory) {
-            walk.RemoveFile(name);
-            continue;
-        }
-        const CRtString child = base + name + "\\";
-        RT_LOG(RT_LOG_TRACE, "CFileManager::RemoveDir. Dir:" << child);
-        RtOs::DirectoryWalk childWalk(walk, name);
-        RemoveEntries(childWalk, child);
-        walk.RemoveSubdirectory(name);
-    }
-}
-
 } // namespace
 
 void CFileManager::SetDataDir(const CRtString& dataDir) {
@@ -56,7 +38,8 @@ void CFileManager::SetDataDir(const CRtString& dataDir) {
     if (m_rootDir.empty())
         m_rootDir = GetDefaultDataDir();
     m_rootDir = WithBackslash(m_rootDir);
-    if (!m_isServer)
+    m_rootIsOurs = !m_isServer;
+    if (m_rootIsOurs)
         m_rootDir += "confcache\\";
     char processId[64];
     std::snprintf(processId, sizeof(processId), "%u", RtOs::GetProcessId());
@@ -163,4 +146,28 @@ void CFileManager::RemoveDir(const CRtString& dir) {
         RemoveEntries(walk, WithBackslash(dir));
     }
     RtOs::RemoveEmptyDirectory(dir);
+}
+
+// Works through the open directory, so that what is removed lies in the tree whatever happens to the
+// path meanwhile.
+void CFileManager::RemoveEntries(RtOs::DirectoryWalk& walk, const CRtString& base) {
+    CRtString name;
+    bool isDirectory = false;
+    while (walk.Next(name, isDirectory)) {
+        if (isDirectory)
+            RemoveTree(walk, base, name);
+        else
+            walk.RemoveFile(name);
+    }
+}
+
+void CFileManager::RemoveTree(RtOs::DirectoryWalk& parent, const CRtString& base,
+                              const CRtString& name) {
+    const CRtString path = base + name + "\\";
+    RT_LOG(RT_LOG_TRACE, "CFileManager::RemoveDir. Dir:" << path);
+    {
+        RtOs::DirectoryWalk walk(parent, name);
+        RemoveEntries(walk, path);
+    }
+    parent.RemoveSubdirectory(name);
 }

@@ -86,7 +86,7 @@ void CFileManager::StartThreads() {
 void CFileManager::UnInitialize() {
     if (!m_init)
         return;
-    RT_LOG(RT_LOG_TRACE, "CFileManager::UnInitialize, statistics " << GetStatistics());
+    LogStatistics("CFileManager::UnInitialize, statistics ");
     m_init = 0;
     m_timer.Cancel();
     CloseAllFiles();
@@ -229,8 +229,9 @@ CFMFile* CFileManager::LoadFile(const CRtString& stem) {
         return file.Get(); // the registry's reference keeps it
     }
     file.Reset();
-    if (!infoExisted) // looking for it has made an empty one
-        RtOs::RemoveFile(infoPath);
+    uint64_t length = 0;
+    if (!infoExisted && RtOs::GetFileLength(infoPath, length) && length == 0)
+        RtOs::RemoveFile(infoPath); // looking for it has made it
     return nullptr;
 }
 

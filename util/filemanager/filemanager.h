@@ -120,6 +120,7 @@ private:
     /// While it lives, housekeeping leaves the identifier's files alone.
     class COpening;
 
+    void LogStatistics(const char* occasion);
     void MemoyCollect();
     void RetryFailedStores();
     void CheckHouseKeeping();
@@ -132,6 +133,10 @@ private:
     static CRtString GetDefaultDir();
     void ClearDiskCache();
     int RemoveDeadDirectories(bool filesToo);
+    /// The tree `name` in an open directory whose path is `base`.
+    static void RemoveTree(RtOs::DirectoryWalk& parent, const CRtString& base,
+                           const CRtString& name);
+    static void RemoveEntries(RtOs::DirectoryWalk& walk, const CRtString& base);
 
     static std::atomic<CFileManager*> s_alive;
 
@@ -152,7 +157,8 @@ private:
     int32_t m_clearDays = 7;
     std::atomic<uint32_t> m_lastHouseKeeping{0}; // seconds; written on the read/write thread
 
-    std::atomic<bool> m_houseKeepingPosted{false};           // queued or running; both threads
+    bool m_rootIsOurs = false;                     // nothing but the cache lies in m_rootDir
+    std::atomic<bool> m_houseKeepingPosted{false}; // queued or running; both threads
     std::unique_ptr<RtOs::DirectoryWalk> m_houseKeepingWalk; // read/write thread
 
     // The small lock between the registry and the read/write thread. Nothing is released, called or

@@ -133,6 +133,10 @@ int CFMBlock::WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* da
     const bool rewrite = dataPos != m_position;
     if (!rewrite && IsComplete())
         return RT_OK; // an empty piece at the end
+    // Nothing would find the bytes any more, and what is queued for the disk has been promised to the
+    // information file.
+    if (m_file->IsClosed())
+        return RT_ERROR_NOT_READY;
 
     const TransferLock lock(m_file->GetTransferMutex());
     if (rewrite)
@@ -175,9 +179,10 @@ void CFMBlock::BeginRewrite(uint32_t blockLen) {
     WithdrawStore();
     FreeData();
     m_position = 0;
-    if (m_totalLen != blockLen) {
+    if (m_totalLen != blockLen || m_placeIsShared) {
         m_posInFile = 0;
         m_totalLen = 0;
+        m_placeIsShared = false;
     }
 }
 
@@ -186,6 +191,7 @@ int CFMBlock::PrepareBuffer(uint32_t blockLen) {
         return RT_OK;
     if (m_totalLen == 0) {
         m_totalLen = blockLen;
+        m_posInFile = 0; // a place that was stored with no length belongs to nobody
         m_file->MarkInfoChanged();
     } else {
         RT_CHECK(SOURCE, m_totalLen == blockLen, "m_totalLen == blockLen");
@@ -198,12 +204,6 @@ int CFMBlock::PrepareBuffer(uint32_t blockLen) {
 
 void CFMBlock::Complete() {
     m_state = BLOCK_STATE_COMPLETE;
-    if (m_file->IsClosed()) {
-        // Its table is gone: nothing would ever find the bytes, and the path may be another object's.
-        RT_LOG(RT_LOG_WARNING, "CFMBlock::WriteData, file is closed, not stored. blockID="
-                                   << m_blockID << " this=" << this);
-        return;
-    }
     if (m_posInFile == 0) {
         m_file->AllocPosition(m_posInFile, m_totalLen);
         m_file->MarkInfoChanged();
@@ -246,6 +246,7 @@ void CFMBlock::EndStore(int result) {
     }
     m_storeFailed.store(true, std::memory_order_release);
     m_file->MarkStoreFailed();
+    m_file->MarkInfoChanged(); // an entry may stand from an earlier run
 }
 
 void CFMBlock::RetryStore() {
@@ -301,7 +302,8 @@ FMBlockEntry CFMBlock::Describe() {
     return {m_blockID, m_totalLen, m_posInFile};
 }
 
-void CFMBlock::Restore(const FMBlockEntry& entry) {
+void CFMBlock::Restore(const FMBlockEntry& entry, bool placeIsShared) {
+    m_placeIsShared = placeIsShared;
     m_totalLen = entry.totalLen;
     m_position = entry.totalLen;
     if (IsComplete())

@@ -62,7 +62,7 @@ public:
     /// to be, on disk.
     FMBlockEntry Describe();
     /// Takes what a stored entry says. Before anybody else sees the block.
-    void Restore(const FMBlockEntry& entry);
+    void Restore(const FMBlockEntry& entry, bool placeIsShared);
     bool IsStorePending();
     bool IsStoreFailed() const { return m_storeFailed.load(std::memory_order_acquire); }
     /// Posts the store of a complete block again whose store has failed.
@@ -101,7 +101,8 @@ private:
     std::list<FMRetrieveItem> m_retrieves;
     CRtMessageChain m_data;
     uint64_t m_lastAccessTime;
-    int64_t m_posInFile = 0; // under the transfer mutex
+    int64_t m_posInFile = 0;      // under the transfer mutex
+    bool m_placeIsShared = false; // a damaged table names the range for another block too
     std::atomic<uint32_t> m_state{BLOCK_STATE_EMPTY};
     std::list<IFMBlockSink*> m_readsinks;
 

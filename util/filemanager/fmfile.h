@@ -96,7 +96,7 @@ private:
     CRtMessageChain WithoutFailedStores(CRtMessageBlock& blockBody);
     void LimitTable();
     void RestoreBlocks(const std::vector<FMBlockEntry>& slots);
-    void RestoreBlock(const FMBlockEntry& entry, uint64_t dataLength);
+    void RestoreBlock(const FMBlockEntry& entry, uint64_t dataLength, bool placeIsShared);
 
     FMFileInfo m_fileInfo;
     uint32_t m_createTime = 0; // seconds of the time of day

@@ -20,6 +20,30 @@ int WriteBody(CInfoFile& file, int (CInfoFile::*write)(const void*, uint32_t),
     return (file.*write)(bytes.data(), static_cast<uint32_t>(bytes.size()));
 }
 
+// Which entries name bytes that another names too: writing one of them in place would change the other.
+std::vector<bool> FindSharedPlaces(const std::vector<FMBlockEntry>& slots) {
+    std::vector<bool> shared(slots.size());
+    std::vector<size_t> order;
+    for (size_t i = 0; i < slots.size(); ++i) {
+        if (slots[i].totalLen > 0 && FMIsEntryPossible(slots[i]))
+            order.push_back(i);
+    }
+    std::sort(order.begin(), order.end(),
+              [&slots](size_t a, size_t b) { return slots[a].posInFile < slots[b].posInFile; });
+    int64_t furthestEnd = 0;
+    size_t furthest = 0;
+    for (const size_t i : order) {
+        if (slots[i].posInFile < furthestEnd)
+            shared[i] = shared[furthest] = true;
+        const int64_t end = slots[i].posInFile + slots[i].totalLen;
+        if (end > furthestEnd) {
+            furthestEnd = end;
+            furthest = i;
+        }
+    }
+    return shared;
+}
+
 } // namespace
 
 int CFMFile::SaveFileInfo() {
@@ -229,13 +253,14 @@ void CFMFile::RestoreBlocks(const std::vector<FMBlockEntry>& slots) {
     uint64_t dataLength = 0;
     if (m_diskFile && !RtOs::GetFileLength(m_diskFile->GetFileName(), dataLength))
         dataLength = 0;
-    for (const FMBlockEntry& entry : slots) {
-        if (entry.blockID != 0)
-            RestoreBlock(entry, dataLength);
+    const std::vector<bool> shared = FindSharedPlaces(slots);
+    for (size_t i = 0; i < slots.size(); ++i) {
+        if (slots[i].blockID != 0)
+            RestoreBlock(slots[i], dataLength, shared[i]);
     }
 }
 
-void CFMFile::RestoreBlock(const FMBlockEntry& entry, uint64_t dataLength) {
+void CFMFile::RestoreBlock(const FMBlockEntry& entry, uint64_t dataLength, bool placeIsShared) {
     if (!IsBlockidOK(entry.blockID)) {
         RT_LOG(RT_LOG_WARNING, "CFMFile::LoadBlokInfo, block outside the table, blockID="
                                    << entry.blockID << " this=" << this);
@@ -257,7 +282,11 @@ void CFMFile::RestoreBlock(const FMBlockEntry& entry, uint64_t dataLength) {
         RT_LOG(RT_LOG_WARNING, "CFMFile::LoadBlokInfo, block beyond the data file, blockID="
                                    << entry.blockID << ",pos=" << entry.posInFile
                                    << ",len=" << entry.totalLen << " this=" << this);
-    block->Restore(entry);
+    if (placeIsShared)
+        RT_LOG(RT_LOG_WARNING, "CFMFile::LoadBlokInfo, blocks overlap, blockID="
+                                   << entry.blockID << ",pos=" << entry.posInFile
+                                   << ",len=" << entry.totalLen << " this=" << this);
+    block->Restore(entry, placeIsShared);
     if (entry.totalLen > 0)
         m_position = std::max(m_position, end);
 }

@@ -15,7 +15,7 @@ void CFileManager::OnTimer(CRtTimerWrapper* timer) {
     if (timer != &m_timer)
         return;
     if (m_statCountdown < 0) {
-        RT_LOG(RT_LOG_TRACE, "CFileManager::OnTimer, statistics " << GetStatistics());
+        LogStatistics("CFileManager::OnTimer, statistics ");
         m_statCountdown = TICKS_BETWEEN_STATISTICS;
     }
     --m_statCountdown;
@@ -23,6 +23,13 @@ void CFileManager::OnTimer(CRtTimerWrapper* timer) {
     MemoyCollect();
     if (m_isServer)
         CheckHouseKeeping();
+}
+
+void CFileManager::LogStatistics(const char* occasion) {
+    if (CRtLog::IsEnabled(RT_LOG_TRACE))
+        RT_LOG(RT_LOG_TRACE, occasion << GetStatistics());
+    else
+        CheckValid(); // has lines of its own, of another level
 }
 
 CRtString CFileManager::GetStatistics() {

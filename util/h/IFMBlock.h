@@ -60,7 +60,8 @@ public:
     /// `dataPos` 0 on a block that has bytes begins it anew; with another `blockLen` it gets a new place
     /// in the data file.
     /// 0; 10007 no memory for the block; 10008 `data` null, `blockLen` 0, the piece does not begin where
-    /// the last one ended, or it would pass the block's end (nothing changes).
+    /// the last one ended, or it would pass the block's end; 10015 the file has been closed. Nothing
+    /// changes then.
     virtual int WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* data) = 0;
 
     /// Asks for the bytes to be brought into memory. When they are there already the sink is called

@@ -86,12 +86,19 @@ int CRtThread::Join(uint32_t milliseconds) {
     return ended ? RT_OK : RT_ERROR_NOT_READY;
 }
 
-int CRtThread::Destory(uint32_t) {
+// The object stays: posts to it are refused from now on.
+bool CRtThread::End() {
     if (GetThreadId() == CRtThreadManager::GetThreadSelfId())
-        return RT_ERROR_NOT_READY;
+        return false;
     Stop();
     if (m_state->thread.joinable())
         m_state->thread.join();
+    return true;
+}
+
+int CRtThread::Destory(uint32_t) {
+    if (!End())
+        return RT_ERROR_NOT_READY;
     CRtThreadManager::Instance()->ForgetThread(this);
     delete this;
     return RT_OK;

@@ -35,6 +35,7 @@ private:
     int StartOwn();
     void AdoptCurrent();
     void ReleaseCurrent();
+    bool End();
     CRtEventQueue& Queue();
 
     struct State;

@@ -127,7 +127,7 @@ bool CRtThreadManager::EndAllThreads() {
     }
     bool allEnded = true;
     for (CRtThread* thread : userThreads)
-        allEnded = RT_SUCCEEDED(thread->Destory(0)) && allEnded;
+        allEnded = thread->End() && allEnded; // kept: number 3 may still post to it
     return (!caller || EndCallerThread(*caller)) && allEnded;
 }
 
@@ -150,7 +150,7 @@ void CRtThreadManager::RunCallerQueue(CRtThread& caller) {
 bool CRtThreadManager::EndCallerThread(CRtThread& caller) {
     caller.Stop();
     if (!m_state->callerAdopted && RT_SUCCEEDED(caller.Join(END_PATIENCE_MS)))
-        return RT_SUCCEEDED(caller.Destory(0));
+        return caller.End();
     if (caller.Queue().RunRemaining(std::chrono::milliseconds(END_PATIENCE_MS)))
         return true;
     RT_LOG(RT_LOG_ERROR, "CRtThreadManager::EndCallerThread, thread 3 is busy, its queue is lost");

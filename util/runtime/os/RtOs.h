@@ -56,9 +56,9 @@ int RemoveFile(const CRtString& path);
 /// Removes an empty directory or a link to one. 0, or -1.
 int RemoveEmptyDirectory(const CRtString& path);
 
-/// A walk over the entries of one directory, "." and ".." left out. The directory is held open, so
-/// that what is removed or entered through it is an entry of this very directory even while others
-/// rename things around it, and a link is never entered.
+/// A walk over the entries of one directory, "." and ".." left out. A link is never entered. On POSIX
+/// the directory is held open, so that what is removed or entered through it is an entry of this very
+/// directory even while others rename things around it; Windows works by path, and looks first.
 class DirectoryWalk {
 public:
     /// A path that is itself a link is opened with `followLast` only.

@@ -91,7 +91,9 @@ bool GetDriveFreeBytes(const char*, uint64_t&) { return false; }
 bool GetUserDataDir(CRtString& directory) {
     // XDG Base Directory Specification: a relative value is to be ignored.
     if (const char* cache = std::getenv("XDG_CACHE_HOME"); cache && cache[0] == '/') {
-        directory = cache;
+        std::string path(cache);
+        std::replace(path.begin(), path.end(), '/', '\\');
+        directory = CRtString(path);
         return true;
     }
     std::string home;
@@ -106,7 +108,9 @@ bool GetUserDataDir(CRtString& directory) {
     }
     if (home.empty())
         return false;
-    directory = CRtString(home + "/.cache");
+    home += "/.cache";
+    std::replace(home.begin(), home.end(), '/', '\\');
+    directory = CRtString(home);
     return true;
 }
 

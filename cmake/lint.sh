@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# Runs clang-tidy over the library and the tool, as many at a time as there are
+# processors. What passed once is not looked at again until it, a header, the
+# check set or the way it is compiled changes.
+set -euo pipefail
+
+root=${1:?usage: $0 ROOT BUILD_DIR}
+build=${2:?usage: $0 ROOT BUILD_DIR}
+cd "$root"
+
+stamps=$build/lint
+mkdir -p "$stamps"
+
+mapfile -t sources < <(
+    find util tools -name '*.cpp' ! -name '*Windows.cpp' ! -name '*_windows.cpp' | sort)
+if [ "${#sources[@]}" -eq 0 ]; then
+    echo "no source file found below $root" >&2
+    exit 1
+fi
+
+common=$({ clang-tidy --version
+           cat .clang-tidy "$build/compile_commands.json"
+           find util tools -name '*.h' -print0 | sort -z | xargs -0 -r cat; } | sha256sum | cut -d' ' -f1)
+
+lint_one() {
+    local source=$1 key log
+    key=$({ echo "$common $source"; cat "$source"; } | sha256sum | cut -d' ' -f1)
+    [ ! -e "$stamps/$key" ] || return 0
+    log=$(mktemp)
+    if clang-tidy -p "$build" --quiet "$source" >"$log" 2>&1; then
+        : >"$stamps/$key"
+        rm -f "$log"
+    else
+        grep -vE '^[0-9]+ warnings? generated\.$' "$log" >&2 || true
+        rm -f "$log"
+        return 1
+    fi
+}
+export -f lint_one
+export common build stamps
+
+# shellcheck disable=SC2016  # expanded by the inner shell
+printf '%s\0' "${sources[@]}" | xargs -0 -P "$(nproc)" -n 1 bash -c 'lint_one "$1"' lint
+echo "lint: ${#sources[@]} files"

@@ -1,0 +1,160 @@
+#!/usr/bin/env bash
+# What the tool does for those who look after a cache, on stores that were made with put and damaged.
+# usage: fmcache_operator_test.sh FMCACHE BUILD_DIR
+set -euo pipefail
+
+fmcache=$(realpath "${1:?usage: $0 FMCACHE BUILD_DIR}")
+build=$(realpath "${2:?usage: $0 FMCACHE BUILD_DIR}")
+work=$(mktemp -d "$build/fmcache_operator_test.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+trap 'exit 130' INT TERM
+cd "$work"
+
+fail() { echo "FAILED: $*" >&2; exit 1; }
+run() { # STATUS ARGS...: standard output in stdout
+    local status=0
+    "$fmcache" "${@:2}" >stdout 2>stderr || status=$?
+    [ "$status" -eq "$1" ] || fail "status $status instead of $1: ${*:2} ($(cat stdout stderr))"
+}
+says() { grep -qE -- "$1" stdout || fail "no '$1' in: $(cat stdout)"; }
+silent() { ! grep -qE -- "$1" stdout || fail "'$1' in: $(cat stdout)"; }
+fails() { # STATUS PATTERN ARGS...: one line of that kind and no output
+    run "$1" "${@:3}"
+    [ "$(wc -l <stdout).$(wc -l <stderr)" = 0.1 ] || fail "no single error line: ${*:3}"
+    grep -qE -- "^fmcache: .*$2" stderr || fail "no '$2' in: $(cat stderr)"
+}
+json() { # STATUS EXPRESSION ARGS...: the output is JSON, and the expression of it, named j, is true
+    run "$1" "${@:3}" --json
+    python3 -Sc "import json,sys; j=json.load(sys.stdin); sys.exit(not ($2))" <stdout || fail "not so: $2 ($(cat stdout))"
+}
+
+# Files are called by one letter, so that the places in their information files are the same.
+put() { "$fmcache" put --dir cache odd --name "$1" --block 4096 "${@:2}"; }
+poke() { printf '%b' "$3" | dd of="cache/sdstore/$1.sdi" bs=1 seek="$2" conv=notrunc status=none; }
+u32() { printf '\\x%02x\\x%02x\\x%02x\\x%02x' $(($1 & 255)) $(($1 >> 8 & 255)) $(($1 >> 16 & 255)) $(($1 >> 24 & 255)); }
+entry() { echo $((53 + 16 * ($1 - 1) + $2)); } # BLOCK FIELD: 0 identifier, 4 length, 8 offset
+FLAG=31 CREATED=43
+age() { poke "$1" $CREATED "$(u32 $(($(date +%s) - $2 * 86400 - 60)))"; }
+listing() { find . -path ./cache\* -printf '%p %y %s %m %i %T@ %C@\n' | sort; find cache -type f -exec sha256sum {} + | sort; }
+
+head -c 20000 /dev/urandom >odd # five blocks
+sound=$(put s) old=$(put o) grace=$(put g) kept=$(put k) temporary=$(put t)
+age "$old" 9; age "$grace" 8; age "$kept" 99; poke "$kept" $FLAG '\x04'; poke "$temporary" $FLAG '\x01'
+strange=$(put $'a\e[31m\xffb\n"\xe2\x80\xae')
+
+# --- a sound store
+run 0 verify --dir cache
+says '^6 files verified, 6 sound, 0 damaged$'
+silent 'fault'
+run 0 verify --store cache/sdstore "$sound" && says '^1 file verified, 1 sound'
+run 0 ls --dir cache
+says "^$sound +19.5 KiB +5/5 +0d +- +in 9 days +s$"
+says "^$old .* 9d +- +next run: 9 days old +o$"
+says "^$grace .* 8d +- +in 1 day +g$"
+says "^$kept .* 99d +kept +never: kept +k$"
+says "^$temporary .* temporary +next run: temporary +t$"
+says '^6 files, 117.2 KiB in blocks,'
+sort -c <(sed '1d;$d' stdout) || fail "ls is not sorted"
+says 'a\\x1B\[31m\\xFFb\\x0A"\\xE2\\x80\\xAE$'
+LC_ALL=C grep -q $'[\e\xff]' stdout && fail "control characters reach the terminal"
+json 0 "[f['nameBytes'] for f in j['files'] if f['id'] == '$strange'] == ['611b5b33316dff620a22e280ae']" ls --dir cache
+json 0 "len(j['files']) == 6 and all(f['present'] == 5 for f in j['files'])" ls --dir cache --days 1
+json 0 "j['name'] == 's' and [b['offset'] for b in j['blocks']] == [0, 4096, 8192, 12288, 16384]" show --dir cache "$sound"
+run 0 ls --dir cache --sort age
+[ "$(sed -n 2p stdout | cut -c1-38)" = "$kept" ] || fail "the oldest is not the first"
+wide=$("$fmcache" put --dir cache odd --name w --block 4)
+run 0 show --dir cache "$wide"
+says '^ +1  #{74}$'
+says 'a cell is 6 blocks'
+[ "$(wc -L <stdout)" -le 80 ] || fail "wider than 80 columns"
+if script -qec true /dev/null >/dev/null 2>&1; then
+    script -qec "$fmcache show --dir cache $sound" /dev/null </dev/null | grep -q $'\e\[32m#####\e\[0m' || fail "no colour"
+    ! NO_COLOR=1 script -qec "$fmcache show --dir cache $sound" /dev/null </dev/null | grep -q $'\e\[3' || fail "colour"
+fi
+
+# --- damage, one kind for each file
+cut=$(put c) over=$(put v) hole=$(put h) far=$(put f) outside=$(put u) twice=$(put d) lost=$(put l)
+early=$(put e) bad=$(put b) other=$(put x) data=$(put n) table=$(put z)
+truncate -s 17000 "cache/sdstore/$cut.sdd"
+poke "$over" "$(entry 3 8)" "$(u32 5000)"
+poke "$hole" "$(entry 2 0)" "$(u32 2)$(u32 0)"
+poke "$far" "$(entry 4 12)" "$(u32 0x80000000)"
+poke "$outside" "$(entry 5 0)" "$(u32 77)"
+poke "$twice" "$(entry 5 0)" "$(u32 1)"
+rm "cache/sdstore/$lost.sdi" "cache/sdstore/$data.sdd"
+poke "$early" 51 '\x09'
+poke "$bad" 0 'JUNK'
+poke "$other" 12 '\x55'
+poke "$table" 47 "$(u32 900000)"
+echo note >cache/sdstore/notes.txt
+cp odd cache/sdstore/stray.sdd
+before=$(listing)
+run 1 verify --dir cache
+for line in "block 5 ends at byte 20000, the data file at 17000; loaded, but cannot be read" \
+    "block 3 overlaps block 2 by 3192 bytes" "note: 3192 bytes of the data file belong to no block" \
+    "note: 4096 bytes of the data file belong to no block" "block 4 has an impossible place, .*; loaded without data" \
+    "block 77 is outside the table, which has 5 slots from 1; dropped" "block 1 has two entries; the later one" \
+    "there is no information file; not loaded; housekeeping removes it" "block table ends early, after 5 slots" \
+    "is not an information file, or is damaged; not loaded; housekeeping" "the description is that of .*; loaded under this name" \
+    "block 1 ends at byte 4096, and there is no data file" "block table that is damaged or missing; not loaded$" \
+    "the name is no identifier" "^notes.txt$" '^20 files verified, 8 sound, 12 damaged, 1 that'; do
+    says "$line"
+done
+run 0 verify --dir cache "$hole" # a block without data is no damage
+damaged="$cut $over $far $outside $twice $lost $early $bad $other $data $table"
+for id in $damaged; do run 1 verify --dir cache "$id" && run 0 show --dir cache "$id"; done
+json 1 "{f['id'] for f in j['files'] if any(g['fault'] for g in f['findings'])} == {'stray', *'$damaged'.split()}" verify --dir cache
+json 0 "j['present'] == 4 and j['blocks'][4]['state'] == 'beyond the data file'" show --dir cache "$cut"
+run 0 show --dir cache "$cut" && says '^1  ####!$'
+run 0 ls --dir cache
+says "^$lost +- +- .*next run: no information file +\(there is no information file\)$"
+says "^$bad .*next run: unreadable +\(the information file is not"
+json 0 "j['others'][0]['name'] == 'notes.txt'" ls --dir cache
+run 0 housekeep --dir cache --days 7 --dry-run && says '^5 of 20 files would go'
+[ "$(listing)" = "$before" ] || fail "looking has changed the cache"
+
+# --- a copy that cannot be written to, seen by another user
+cp -a cache copy && cp "$fmcache" tool && chmod -R a+rX-w copy && chmod a+rx . tool
+as=()
+[ "$(id -u)" -ne 0 ] || as=(setpriv --reuid=65534 --regid=65534 --clear-groups)
+look() { LD_LIBRARY_PATH=$build "${as[@]}" "$work/tool" "$@" 2>&1 || [ $? -eq 1 ]; }
+if look --help >/dev/null 2>&1; then
+    run 0 ls --dir cache && look ls --dir copy | cmp - stdout || fail "ls of the copy"
+    run 1 verify --dir cache && look verify --store copy/sdstore | cmp - stdout || fail "verify of the copy"
+    run 0 show --dir cache "$sound" && look show --dir copy "$sound" | cmp - stdout || fail "show of the copy"
+    [ ${#as[@]} -eq 0 ] || look rm --dir copy "$sound" | grep -q 'cannot remove' || fail "rm from the copy"
+else
+    echo "no other user can run the tool here"
+fi
+chmod -R u+w copy
+
+# --- rm, housekeep, clear
+fails 1 'there is no file' rm --dir cache 00000000-0000-4000-8000-000000000001
+run 0 rm --dir cache 00000000-0000-4000-8000-000000000001 --force
+run 0 rm --dir cache "$wide" && says "^removed \\$wide,"
+[ -z "$(find cache -name "$wide*")" ] || fail "rm has left something"
+json 0 "j['removed'] == ['$data']" rm --dir cache "$data"
+run 0 housekeep --dir cache --days 7 && says '^5 of 18 files removed'
+json 0 "j['removed'] == 0 and not any(f['due'] for f in j['files'])" housekeep --dir cache --days 7
+gone() { [ -z "$(find cache -name "$1.*")" ] || fail "$1 is still there"; }
+for id in "$old" "$temporary" "$lost" "$bad" stray; do gone "$id"; done
+for id in "$sound" "$grace" "$kept" "$cut" "$table"; do [ -e "cache/sdstore/$id.sdd" ] || fail "$id is gone"; done
+fails 1 "'notes.txt' in .* is no cached file; --force" clear --dir cache
+rm cache/sdstore/notes.txt
+json 0 "j['removed'] == 13 and j['files'] == 26" clear --dir cache
+[ -z "$(find cache -name '*.sd?')" ] || fail "clear has left something"
+
+# --- nothing there, and mistakes
+mkdir -p none copy/confcache && mv copy/sdstore copy/confcache/4711
+for verb in ls clear; do fails 1 'there is no cache' $verb --dir none; done
+for verb in show rm; do fails 1 'there is no cache' $verb --dir none "$sound"; done
+fails 1 'there is no cache' housekeep --dir none --days 1
+fails 2 'there is no cache' verify --dir none
+fails 1 "--store 'copy/confcache/4711' looks at a client" ls --dir copy
+fails 2 'there is no file' verify --store copy/confcache/4711 00000000-0000-4000-8000-000000000001
+fails 2 'fmcache --help' ls
+fails 2 'fmcache --help' ls --dir cache --store copy
+fails 2 'fmcache --help' show --dir copy
+fails 2 'fmcache --help' housekeep --dir cache --days 0
+[ -z "$(ls -A none)" ] || fail "a refused verb has made something"
+echo "all is well"

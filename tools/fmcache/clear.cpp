@@ -1,0 +1,95 @@
+// clear: removes everything from a store, with the clearing that a server does when it keeps nothing.
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "failure.h"
+#include "json.h"
+#include "platform.h"
+#include "scan.h"
+#include "session.h"
+#include "sizes.h"
+#include "text.h"
+#include "verbs.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr uint16_t CLEAR_NOW = 0;
+
+struct ClearOptions : StoreOptions {
+    bool force = false;
+};
+
+struct Contents {
+    uint64_t entries = 0; // cached files
+    uint64_t files = 0;
+    uint64_t bytes = 0;
+};
+
+Contents SumUp(const StoreListing& listing) {
+    Contents contents;
+    for (const StoreEntry& entry : listing.entries) {
+        contents.entries += 1;
+        contents.files += (entry.HasInfo() ? 1U : 0U) + (entry.HasData() ? 1U : 0U);
+        contents.bytes += entry.Length();
+    }
+    return contents;
+}
+
+// The library clears the directory and not the files that it knows, whatever lies there.
+void RequireOwn(const StoreListing& listing, const fs::path& store) {
+    std::string name = listing.foreign.empty() ? "" : listing.foreign.front();
+    for (const StoreEntry& entry : listing.entries) {
+        if (name.empty() && entry.id == FMFileID_None)
+            name =
+                entry.HasData() ? entry.data.filename().string() : entry.info.filename().string();
+    }
+    if (!name.empty())
+        throw Failure(Quoted(name) + " in " + Quoted(store.string()) +
+                      " is no cached file; --force clears it away too");
+}
+
+int Clear(const ClearOptions& options) {
+    const fs::path store = LocateStore(options);
+    const StoreListing before = ListStore(store);
+    if (!options.force)
+        RequireOwn(before, store);
+    if (!CanWriteInto(store))
+        throw Failure("cannot write into " + Quoted(store.string()) + ": " + ErrorText(errno));
+    CheckStop();
+    { const Session session(options.dir, CLEAR_NOW); }
+
+    // The library tells nobody whether it succeeded, so the directory is asked.
+    std::error_code error;
+    const StoreListing after = fs::exists(store, error) ? ListStore(store) : StoreListing();
+    const Contents had = SumUp(before);
+    const Contents left = SumUp(after);
+    if (left.files > 0 || !after.foreign.empty())
+        throw Failure(std::to_string(left.files + after.foreign.size()) + " entries of " +
+                      Quoted(store.string()) + " could not be removed, or came meanwhile");
+    if (options.json) {
+        Json json;
+        json.BeginObject().Member("removed", had.entries).Member("files", had.files);
+        Print(json.Member("bytes", had.bytes).EndObject().Text());
+    } else {
+        Print("removed " + Count(had.entries, "cached file") + ", " + Count(had.files, "file") +
+              " on disk, " + FormatSize(had.bytes) + "\n");
+    }
+    return 0;
+}
+
+} // namespace
+
+void AddClear(CLI::App& app, Action& chosen) {
+    const auto options = std::make_shared<ClearOptions>();
+    CLI::App* clear = app.add_subcommand(
+        "clear", "Remove all files of the cache; the directory of the store goes with them.");
+    AddCacheOptions(*clear, *options);
+    clear->add_flag("--force", options->force, "clear away what is no cached file, too");
+    clear->callback([options, &chosen] { chosen = [options] { return Clear(*options); }; });
+}

@@ -1,0 +1,160 @@
+// housekeep: removes what is too old, through the library's own housekeeping, or tells what would go.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "failure.h"
+#include "houserun.h"
+#include "json.h"
+#include "keeping.h"
+#include "platform.h"
+#include "progress.h"
+#include "scan.h"
+#include "sizes.h"
+#include "store.h"
+#include "table.h"
+#include "text.h"
+#include "verbs.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct HousekeepOptions : StoreOptions {
+    uint16_t days = 0;
+    bool dryRun = false;
+};
+
+struct Judged {
+    StoreEntry entry;
+    std::string name;
+    Keeping keeping;
+    bool gone = false;
+
+    bool IsDue() const { return keeping.when == Keeping::When::NextRun; }
+};
+
+std::vector<Judged> JudgeAll(const fs::path& store, uint16_t days) {
+    const StoreListing listing = ListStore(store);
+    const int64_t now = CurrentTime();
+    Progress progress("looking", listing.entries.size(), Progress::Unit::Files);
+    std::vector<Judged> files;
+    for (const StoreEntry& entry : listing.entries) {
+        CheckStop();
+        const InfoFile file = entry.HasInfo() ? InfoFile::Look(entry.info) : InfoFile();
+        files.push_back({entry, ToString(file.info.name), JudgeKeeping(entry, file, days, now)});
+        progress.Add(1);
+    }
+    return files;
+}
+
+// The library takes an information file that it may not open for a damaged one, and its file for one
+// to be removed: a run as the wrong user would empty the cache.
+void RequireAccess(const std::vector<Judged>& files, const fs::path& store) {
+    if (!CanWriteInto(store))
+        throw Failure("cannot write into " + Quoted(store.string()) + ": " + ErrorText(errno));
+    for (const Judged& file : files) {
+        if (file.entry.HasInfo() && file.entry.HasData() && !CanWrite(file.entry.info))
+            throw Failure("cannot open " + Quoted(file.entry.info.string()) +
+                          " for reading and writing: " + ErrorText(errno) +
+                          "; housekeeping would remove what it cannot read");
+    }
+}
+
+void Run(const HousekeepOptions& options, std::vector<Judged>& files, const fs::path& store) {
+    RequireAccess(files, store);
+    const auto dataFiles = std::count_if(files.begin(), files.end(),
+                                         [](const Judged& file) { return file.entry.HasData(); });
+    RunHousekeeping(options.dir, options.days, static_cast<uint64_t>(dataFiles));
+    for (Judged& file : files) {
+        std::error_code error;
+        file.gone = (!file.entry.HasInfo() || !fs::exists(file.entry.info, error)) &&
+                    (!file.entry.HasData() || !fs::exists(file.entry.data, error));
+    }
+}
+
+// What has happened, or would.
+const char* ActionText(const Judged& file, bool dryRun) {
+    if (dryRun)
+        return file.IsDue() ? "goes" : "stays";
+    if (file.gone)
+        return "removed";
+    return file.IsDue() ? "NOT REMOVED" : "stays";
+}
+
+std::string ReasonText(const Keeping& keeping) {
+    return keeping.when == Keeping::When::InDays ? keeping.reason + ", goes " + keeping.Text()
+                                                 : keeping.reason;
+}
+
+struct Totals {
+    uint64_t files = 0;
+    uint64_t bytes = 0;
+    uint64_t left = 0; // due, and still there
+};
+
+Totals SumUp(const std::vector<Judged>& files, bool dryRun) {
+    Totals totals;
+    for (const Judged& file : files) {
+        if (dryRun ? file.IsDue() : file.gone) {
+            ++totals.files;
+            totals.bytes += file.entry.Length();
+        }
+        totals.left += !dryRun && file.IsDue() && !file.gone ? 1 : 0;
+    }
+    return totals;
+}
+
+std::string TextOf(const std::vector<Judged>& files, const Totals& totals, bool dryRun) {
+    Table table({{"IDENTIFIER"}, {"SIZE", Table::Align::Right}, {"ACTION"}, {"REASON"}, {"NAME"}});
+    for (const Judged& file : files)
+        table.Add({Printable(file.entry.stem), FormatSize(file.entry.Length()),
+                   ActionText(file, dryRun), ReasonText(file.keeping), Printable(file.name)});
+    return table.Text() + std::to_string(totals.files) + " of " + Count(files.size(), "file") +
+           (dryRun ? " would go, " : " removed, ") + FormatSize(totals.bytes) + "\n";
+}
+
+std::string JsonOf(const std::vector<Judged>& files, const Totals& totals, bool dryRun) {
+    Json json;
+    json.BeginObject().Member("dryRun", dryRun).Key("files").BeginArray();
+    for (const Judged& file : files)
+        json.BeginObject()
+            .Name("id", file.entry.stem)
+            .Name("name", file.name)
+            .Member("size", file.entry.Length())
+            .Member("due", file.IsDue())
+            .Member("gone", file.gone)
+            .Member("reason", file.keeping.reason)
+            .EndObject();
+    json.EndArray().Member("removed", totals.files).Member("bytes", totals.bytes);
+    return json.Member("left", totals.left).EndObject().Text();
+}
+
+int Housekeep(const HousekeepOptions& options) {
+    const fs::path store = LocateStore(options);
+    std::vector<Judged> files = JudgeAll(store, options.days);
+    if (!options.dryRun)
+        Run(options, files, store);
+    const Totals totals = SumUp(files, options.dryRun);
+    Print(options.json ? JsonOf(files, totals, options.dryRun)
+                       : TextOf(files, totals, options.dryRun));
+    if (totals.left > 0)
+        throw Failure(Count(totals.left, "file") + " could not be removed");
+    return 0;
+}
+
+} // namespace
+
+void AddHousekeep(CLI::App& app, Action& chosen) {
+    const auto options = std::make_shared<HousekeepOptions>();
+    CLI::App* housekeep = app.add_subcommand(
+        "housekeep", "Remove what is too old, as every server on the cache does once a day.");
+    AddCacheOptions(*housekeep, *options);
+    AddDaysOption(*housekeep, options->days)->required();
+    housekeep->add_flag("--dry-run", options->dryRun, "remove nothing, tell what would go and why");
+    housekeep->callback([options, &chosen] { chosen = [options] { return Housekeep(*options); }; });
+}

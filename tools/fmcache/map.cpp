@@ -1,0 +1,100 @@
+#include "map.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "text.h"
+
+namespace {
+
+constexpr uint64_t ROWS_MAX = 12;
+constexpr size_t CELLS_MIN = 8; // however narrow the terminal is
+
+enum Kind : uint8_t { MISSING, SOME, THERE, FAULTY };
+
+struct Look {
+    char cell;
+    const char* colour;
+};
+constexpr std::array<Look, 4> LOOKS{
+    {{'.', "\033[2m"}, {'+', "\033[33m"}, {'#', "\033[32m"}, {'!', "\033[31m"}}};
+constexpr char PLAIN[] = "\033[0m";
+
+Kind KindOf(SlotState state) {
+    if (state == SlotState::Stored)
+        return THERE;
+    return state == SlotState::Impossible || state == SlotState::Beyond ? FAULTY : MISSING;
+}
+
+// By the place in the table and not in the information file: what the library will see.
+std::vector<Kind> KindsBySlot(const InfoFile& file, const Check& check) {
+    std::vector<Kind> kinds(check.slots, MISSING);
+    for (size_t i = 0; i < check.states.size(); ++i) {
+        const SlotState state = check.states[i];
+        if (state != SlotState::Empty && state != SlotState::Outside &&
+            state != SlotState::Replaced)
+            kinds[file.slots[i].blockID - file.info.blockBeg] = KindOf(state);
+    }
+    return kinds;
+}
+
+// A fault is never hidden by its neighbours.
+Kind Sum(const Kind* first, const Kind* last) {
+    if (std::find(first, last, FAULTY) != last)
+        return FAULTY;
+    const auto there = std::count(first, last, THERE);
+    if (there == 0)
+        return MISSING;
+    return there == last - first ? THERE : SOME;
+}
+
+void AppendCells(std::string& text, const std::vector<Kind>& cells, bool colour) {
+    for (size_t i = 0; i < cells.size(); ++i) {
+        if (colour && (i == 0 || cells[i] != cells[i - 1]))
+            text += std::string(i == 0 ? "" : PLAIN) + LOOKS[cells[i]].colour;
+        text += LOOKS[cells[i]].cell;
+    }
+    if (colour && !cells.empty())
+        text += PLAIN;
+}
+
+std::string Legend(uint64_t blocksPerCell, bool colour) {
+    std::string text;
+    const auto add = [&](Kind kind, const char* meaning) {
+        text += text.empty() ? "" : "   ";
+        AppendCells(text, {kind}, colour);
+        text += meaning;
+    };
+    add(THERE, " there");
+    if (blocksPerCell > 1)
+        add(SOME, " some of them");
+    add(MISSING, " missing");
+    add(FAULTY, " damaged");
+    return text + "   a cell is " + Count(blocksPerCell, "block") + "\n";
+}
+
+} // namespace
+
+std::string DrawMap(const InfoFile& file, const Check& check, const MapStyle& style) {
+    const std::vector<Kind> kinds = KindsBySlot(file, check);
+    if (kinds.empty())
+        return "";
+    const size_t label = std::to_string(uint64_t{file.info.blockBeg} + kinds.size()).size();
+    const size_t width =
+        std::max<size_t>(CELLS_MIN, style.width > label + 2 ? style.width - label - 2 : 0);
+    const size_t perCell = (kinds.size() + width * ROWS_MAX - 1) / (width * ROWS_MAX);
+    std::string text;
+    for (size_t first = 0; first < kinds.size(); first += width * perCell) {
+        std::vector<Kind> cells;
+        for (size_t at = first; at < kinds.size() && cells.size() < width; at += perCell)
+            cells.push_back(
+                Sum(kinds.data() + at, kinds.data() + std::min(at + perCell, kinds.size())));
+        const std::string number = std::to_string(uint64_t{file.info.blockBeg} + first);
+        text += std::string(label - number.size(), ' ') + number + "  ";
+        AppendCells(text, cells, style.colour);
+        text += "\n";
+    }
+    return text + Legend(perCell, style.colour);
+}

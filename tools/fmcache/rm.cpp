@@ -1,0 +1,78 @@
+// rm: removes one cached file.
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "failure.h"
+#include "json.h"
+#include "platform.h"
+#include "scan.h"
+#include "sizes.h"
+#include "store.h"
+#include "text.h"
+#include "verbs.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct RmOptions : StoreOptions {
+    std::string id;
+    bool force = false;
+};
+
+void Remove(const fs::path& path) {
+    std::error_code error;
+    fs::remove(path, error);
+    if (error)
+        throw Failure("cannot remove " + Quoted(path.string()) + ": " + error.message());
+}
+
+// None when there is no such file and the user does not mind.
+std::optional<StoreEntry> Find(const RmOptions& options) {
+    const FMFileID id = ParseID(options.id); // what is no identifier is a mistake in any case
+    const fs::path store = LocateStore(options);
+    const StorePaths paths(options.dir, id);
+    std::error_code error;
+    if (options.force && !fs::exists(paths.info, error) && !fs::exists(paths.data, error))
+        return std::nullopt;
+    return FindInStore(store, options.id);
+}
+
+int Rm(const RmOptions& options) {
+    const std::optional<StoreEntry> entry = Find(options);
+    if (entry) {
+        // In this order, as the library does: what an interruption leaves is a data file that nobody
+        // believes, and not a description of bytes that are gone.
+        if (entry->HasInfo())
+            Remove(entry->info);
+        if (entry->HasData())
+            Remove(entry->data);
+    }
+    const uint64_t bytes = entry ? entry->Length() : 0;
+    if (options.json) {
+        Json json;
+        json.BeginObject().Key("removed").BeginArray();
+        if (entry)
+            json.Value(entry->stem);
+        Print(json.EndArray().Member("bytes", bytes).EndObject().Text());
+    } else if (entry) {
+        Print("removed " + entry->stem + ", " + FormatSize(bytes) + "\n");
+    }
+    return 0;
+}
+
+} // namespace
+
+void AddRm(CLI::App& app, Action& chosen) {
+    const auto options = std::make_shared<RmOptions>();
+    CLI::App* rm = app.add_subcommand(
+        "rm", "Remove a file. Servers that have it open do not notice until they open it again.");
+    AddCacheOptions(*rm, *options);
+    rm->add_option("ID", options->id, "the identifier of the file")->required();
+    rm->add_flag("--force", options->force, "no error when there is no such file");
+    rm->callback([options, &chosen] { chosen = [options] { return Rm(*options); }; });
+}

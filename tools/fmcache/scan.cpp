@@ -1,0 +1,109 @@
+#include "scan.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <map>
+
+#include "failure.h"
+#include "platform.h"
+#include "store.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr size_t EXTENSION_LENGTH = 4;
+
+// A client's store is named after its process, so it has to be pointed at.
+std::string HintAtClients(const fs::path& dir) {
+    std::error_code error;
+    for (const fs::directory_entry& entry : fs::directory_iterator(dir / "confcache", error)) {
+        if (entry.is_directory(error))
+            return "; --store " + Quoted(entry.path().string()) + " looks at a client's";
+    }
+    return "; --dir names the directory that was given to put";
+}
+
+// Takes a directory entry into the file that it belongs to; false when it belongs to none.
+bool TakeName(std::map<std::string, StoreEntry>& entries, const fs::directory_entry& found) {
+    const std::string name = found.path().filename().string();
+    const bool isInfo = name.ends_with(".sdi");
+    std::error_code error;
+    if (name.size() <= EXTENSION_LENGTH || (!isInfo && !name.ends_with(".sdd")) ||
+        !found.is_regular_file(error))
+        return false;
+    const std::string stem = name.substr(0, name.size() - EXTENSION_LENGTH);
+    StoreEntry& entry = entries[stem];
+    if (entry.stem.empty()) {
+        entry.stem = stem;
+        FMFileIDFromString(CRtString(stem), entry.id);
+        if (ToString(FMFileIDToString(entry.id)) != stem)
+            entry.id = FMFileID_None; // other spellings of an identifier are never looked for
+    }
+    (isInfo ? entry.info : entry.data) = found.path();
+    (isInfo ? entry.infoLength : entry.dataLength) = LengthOf(found.path());
+    return true;
+}
+
+} // namespace
+
+void AddCacheOptions(CLI::App& verb, StoreOptions& options) {
+    verb.add_option("--dir", options.dir, "directory of the cache")->required();
+    verb.add_flag("--json", options.json, "write JSON");
+}
+
+void AddLookOptions(CLI::App& verb, StoreOptions& options) {
+    CLI::Option_group* where = verb.add_option_group("place", "one of");
+    where->add_option("--dir", options.dir, "directory of the cache, as a server was given it");
+    where->add_option("--store", options.store,
+                      "directory with the .sdd and .sdi files, as DIR/confcache/PID of a client");
+    where->require_option(1);
+    verb.add_flag("--json", options.json, "write JSON");
+}
+
+fs::path LocateStore(const StoreOptions& options) {
+    const bool direct = !options.store.empty();
+    fs::path store = direct ? fs::path(options.store) : StoreDir(options.dir);
+    std::error_code error;
+    const fs::file_status status = fs::status(store, error);
+    if (fs::is_directory(status))
+        return store;
+    if (status.type() == fs::file_type::none) // it may well be there
+        throw Failure("cannot look into " + Quoted(store.string()) + ": " + error.message());
+    if (direct)
+        throw Failure("there is no directory " + Quoted(options.store));
+    throw Failure("there is no cache in " + Quoted(options.dir) + HintAtClients(options.dir));
+}
+
+StoreListing ListStore(const fs::path& store) {
+    std::map<std::string, StoreEntry> entries;
+    StoreListing listing;
+    std::error_code error;
+    fs::directory_iterator it(store, error);
+    for (; !error && it != fs::directory_iterator(); it.increment(error)) {
+        CheckStop();
+        if (!TakeName(entries, *it))
+            listing.foreign.push_back(it->path().filename().string());
+    }
+    if (error)
+        throw Failure("cannot read " + Quoted(store.string()) + ": " + error.message());
+    for (auto& [stem, entry] : entries)
+        listing.entries.push_back(std::move(entry));
+    std::sort(listing.foreign.begin(), listing.foreign.end());
+    return listing;
+}
+
+StoreEntry FindInStore(const fs::path& store, const std::string& id) {
+    const FMFileID wanted = ParseID(id);
+    const std::string stem = ToString(FMFileIDToString(wanted));
+    std::map<std::string, StoreEntry> entries;
+    for (const char* extension : {".sdi", ".sdd"}) {
+        std::error_code error;
+        const fs::directory_entry found(store / (stem + extension), error);
+        if (!error)
+            TakeName(entries, found);
+    }
+    if (entries.empty())
+        throw Failure("there is no file " + stem + " in " + Quoted(store.string()));
+    return entries.begin()->second;
+}
