@@ -108,6 +108,18 @@ TEST(Clearing, OfAServerIsConfinedToItsStore) {
     EXPECT_EQ(Files(cache.dir.path), 2U);
 }
 
+// The paths of a process are fixed by its first run: as a client it must not take a server's root for
+// a cache of its own.
+TEST(Clearing, OfAClientAfterAServerLeavesTheServersRootAlone) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache(1, 7);
+    cache.Stop();
+    WriteFile(cache.dir.path / "12" / "of somebody else", "x");
+    cache.manager->Initialize(CRtString(cache.dir.path.string()), 0, 0);
+    cache.Stop();
+    EXPECT_EQ(Files(cache.dir.path), 1U);
+}
+
 // Links inside the tree lead out of it, and change places with directories while the clearing runs.
 TEST(Clearing, FollowsNoLinkOutOfTheCache) {
     LogCapture quiet(RT_LOG_SILENT);
@@ -148,7 +160,16 @@ TEST(Clearing, FollowsNoLinkOutOfTheCache) {
     cache.Stop(); // the next clearing finishes the work
     EXPECT_FALSE(fs::exists(root));
     EXPECT_EQ(Files(outside.path), before);
+    // The root itself is a link: nothing beyond it goes, nor does the link while a process works there.
+    const OtherProcess other;
+    WriteFile(outside.path / std::to_string(other.id) / "kept", "x");
     fs::create_directory_symlink(outside.path, root);
+    cache.Start();
+    cache.Stop();
+    EXPECT_TRUE(fs::is_symlink(root));
+    EXPECT_TRUE(fs::exists(outside.path / std::to_string(other.id) / "kept"));
+    fs::remove_all(outside.path / std::to_string(other.id));
+    fs::remove_all(outside.path / std::to_string(getpid()));
     CFileManager::RemoveDir(CRtString(root.string() + "\\"));
     EXPECT_FALSE(fs::is_symlink(root)); // the link itself goes
     EXPECT_EQ(Files(outside.path), before);

@@ -129,6 +129,26 @@ TEST(Exit, WithoutUnInitializeWhatWasClosedIsWritten) {
     ExpectAllThere(dir);
 }
 
+// A sink that asks again while the process ends: the read/write thread is gone by then.
+TEST(Exit, WithASinkThatAsksAgain) {
+    const TempDir dir;
+    EXPECT_EXIT(
+        {
+            static CountingSink sink;
+            static IFMBlock* block = nullptr;
+            sink.then = [](IFMBlock* asked, int) { asked->ReadData(&sink); };
+            const CRtCallerThread three;
+            IFileManager* manager = IFileManager::Instance();
+            manager->Initialize(CRtString(dir.path.string()), 7, 1);
+            IFMFile* file = nullptr;
+            manager->CreateFile(file, Description());
+            file->GetBlock(block, 1, 1);
+            block->ReadData(&sink);
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
 TEST(Again, TenRunsInOneProcessLeaveNothingBehind) {
     const auto entries = [](const char* path) {
         return std::distance(fs::directory_iterator(path), fs::directory_iterator());

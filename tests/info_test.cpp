@@ -137,6 +137,7 @@ TEST(Info, HostileNumbersAreSkippedRefusedOrFailWhenRead) {
     info.num = 16;
     const auto open = [&](const std::string& blockBody) {
         cache.manager->DetachFile(info.fileID);
+        cache.Settle();
         WriteFile(cache.Path(info.fileID, ".sdi"), InfoFile(info, blockBody));
         WriteFile(cache.Path(info.fileID, ".sdd"), Pattern(0, 1000));
         return cache.Open(info.fileID);
@@ -157,6 +158,16 @@ TEST(Info, HostileNumbersAreSkippedRefusedOrFailWhenRead) {
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, impossible place, blockID="), 3U);
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, block beyond the data file, blockID="), 2U);
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, block outside the table, blockID=4000"), 1U);
+
+    // Places that belong to nobody, or to two, are not written to.
+    file = open(BlockBody({{1, 400, 0}, {2, 0, 300}, {3, 400, 200}, {4, 100, 700}}));
+    ASSERT_TRUE(file);
+    for (const uint32_t id : {2U, 3U})
+        Write(*Cache::Block(*file, id), Pattern(id, 400));
+    cache.Settle();
+    EXPECT_EQ(ReadFile(cache.Path(info.fileID, ".sdd")).substr(0, 800),
+              Pattern(0, 1000).substr(0, 800));
+    EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, blocks overlap, blockID="), 3U + 2);
 
     // Entries that are missing are empty slots; one that is cut names no bytes.
     std::string cut = BlockBody({{1, 100, 0}, {2, 100, 100}});

@@ -168,9 +168,13 @@ void CFMFile::Close(int sync) {
     if (m_fileInfo.flag & FM_FILE_TEMPORARY) {
         CFileManager::Instance()->PostToReadwrThread(
             new CFMRefFunctor0(this, &CFMFile::ClerDiskFile_m), sync);
-    } else if (m_fileFlag.load() & FLAG_INFO_CHANGED) {
+    } else {
         RetryFailedStores(); // the last time: their bytes go with the blocks
-        SaveFileInfo();
+        // A rewrite in place that is still to fail leaves an entry of an earlier run that must go.
+        if (m_pendingStores.load(std::memory_order_acquire) > 0)
+            MarkInfoChanged();
+        if (m_fileFlag.load() & FLAG_INFO_CHANGED)
+            SaveFileInfo();
     }
     m_closed = true;
     ReleaseBlocks();
