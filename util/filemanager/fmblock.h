@@ -64,6 +64,7 @@ public:
     /// Takes what a stored entry says. Before anybody else sees the block.
     void Restore(const FMBlockEntry& entry, bool placeIsShared);
     bool IsStorePending();
+    bool IsStored() const { return m_state == BLOCK_STATE_STORED; }
     bool IsStoreFailed() const { return m_storeFailed.load(std::memory_order_acquire); }
     /// Posts the store of a complete block again whose store has failed.
     void RetryStore();
