@@ -23,6 +23,11 @@ CRtString ParentOf(const CRtString& path) {
     return end == std::string_view::npos ? CRtString() : path.Left(end);
 }
 
+// A function of its own: the line's buffer must not lie on the stack once per level of a deep tree.
+void LogRemoveDir(const CRtString& dir) {
+    RT_LOG(RT_LOG_TRACE, "CFileManager::RemoveDir. Dir:" << dir);
+}
+
 CRtString WithBackslash(CRtString dir) {
     if (dir.empty() || dir.back() != '\\')
         dir += '\\';
@@ -140,7 +145,7 @@ int CFileManager::CreateDir(const CRtString& dir) {
 }
 
 void CFileManager::RemoveDir(const CRtString& dir) {
-    RT_LOG(RT_LOG_TRACE, "CFileManager::RemoveDir. Dir:" << dir);
+    LogRemoveDir(dir);
     {
         RtOs::DirectoryWalk walk(dir);
         RemoveEntries(walk, WithBackslash(dir));
@@ -164,7 +169,7 @@ void CFileManager::RemoveEntries(RtOs::DirectoryWalk& walk, const CRtString& bas
 void CFileManager::RemoveTree(RtOs::DirectoryWalk& parent, const CRtString& base,
                               const CRtString& name) {
     const CRtString path = base + name + "\\";
-    RT_LOG(RT_LOG_TRACE, "CFileManager::RemoveDir. Dir:" << path);
+    LogRemoveDir(path);
     {
         RtOs::DirectoryWalk walk(parent, name);
         RemoveEntries(walk, path);

@@ -178,6 +178,7 @@ void CFMBlock::BeginRewrite(uint32_t blockLen) {
                                << ",blockLen=" << blockLen << ",dataPos=" << 0 << " this=" << this);
     WithdrawStore();
     FreeData();
+    m_file->MarkInfoChanged(); // the bytes of the entry that stands are gone for the caller
     m_position = 0;
     if (m_totalLen != blockLen || m_placeIsShared) {
         m_posInFile = 0;

@@ -95,6 +95,8 @@ std::vector<FMBlockEntry> CFMFile::DescribeBlocks() {
 void CFMFile::PostInfo(CRtMessageChain fileBody, CRtMessageChain blockBody) {
     CRtMessageChain fileCopy = fileBody->DuplicateChained();
     CRtMessageChain blockCopy = blockBody->DuplicateChained();
+    if (!fileCopy || !blockCopy)
+        return EndWaiting(); // no memory for two small objects
     m_waitingFileBody = std::move(fileBody);
     m_waitingBlockBody = std::move(blockBody);
     m_infoWaiting.store(true, std::memory_order_release);

@@ -154,6 +154,7 @@ void CRtEventQueue::LookForWork() const {
 
 // Answers whether the loop goes on.
 bool CRtEventQueue::WaitForWork() {
+    constexpr int64_t longest = 3'600'000; // a wait that cannot overflow; the loop comes back
     LookForWork();
     std::unique_lock lock(m_mutex);
     for (;;) {
@@ -176,7 +177,7 @@ bool CRtEventQueue::WaitForWork() {
         if (due < 0)
             m_somethingToDo.wait(lock);
         else
-            m_somethingToDo.wait_for(lock, std::chrono::milliseconds(due));
+            m_somethingToDo.wait_for(lock, std::chrono::milliseconds(std::min(due, longest)));
         m_ownerWaits = false;
     }
 }

@@ -19,7 +19,7 @@ enum RtLogLevel : int {
 };
 
 /// Receives one line without a line end. Any thread may call it, one at a time: calls are serialised.
-/// It must not call RtSetLogSink or the file manager.
+/// It must not call RtSetLogSink, the file manager or exit: a line may come from under a lock.
 using RtLogSink = void (*)(void* context, int level, const char* text);
 
 /// Sends lines of levels up to `maxLevel` (an RtLogLevel) to `sink`, from any thread. When it returns,

@@ -65,8 +65,7 @@ void CRtThread::AdoptCurrent() {
 void CRtThread::ReleaseCurrent() {
     m_state->queue.Stop();
     m_state->queue.SetWakeUp({});
-    while (m_state->queue.RunDue() > 0) {
-    }
+    m_state->queue.RunRemaining(std::chrono::milliseconds(0)); // events only: timers never end
     m_state->queue.SetOwner(false);
     const std::lock_guard lock(m_state->mutex);
     m_state->ended = true;
