@@ -34,3 +34,14 @@ if(UNIX AND NOT APPLE AND NOT FILEMANAGER_SANITIZE)
     check_linker_flag(CXX LINKER:-z,defs FILEMANAGER_HAS_Z_DEFS)
     set(FILEMANAGER_LINKER_REFUSES_UNDEFINED ${FILEMANAGER_HAS_Z_DEFS})
 endif()
+
+# filemanager_driver(<target>)
+#
+# For what drives the library and is not shipped from this build. Optimizing it,
+# and above all the templates of its headers under the sanitizers, takes most of
+# the compile time and finds nothing.
+function(filemanager_driver target)
+    if(FILEMANAGER_QUICK_DRIVERS AND NOT MSVC)
+        target_compile_options(${target} PRIVATE -O0)
+    endif()
+endfunction()

@@ -6,6 +6,9 @@ option(FILEMANAGER_BUILD_BENCH "Build the benchmarks" OFF)
 option(FILEMANAGER_BUILD_FUZZ "Build the fuzz targets" OFF)
 option(FILEMANAGER_WERROR "Treat warnings as errors" ${PROJECT_IS_TOP_LEVEL})
 
+option(FILEMANAGER_QUICK_DRIVERS
+    "Compile the tests and the tool without optimization, however the library is compiled" OFF)
+
 set(FILEMANAGER_SANITIZE "" CACHE STRING
     "Comma separated sanitizers for everything that is built, e.g. address,undefined or thread")
 

@@ -108,6 +108,50 @@ TEST(Clearing, OfAServerIsConfinedToItsStore) {
     EXPECT_EQ(Files(cache.dir.path), 2U);
 }
 
+// The default root is the user's own folder, with everything else that lies there.
+TEST(Clearing, LeavesTheRestOfADefaultRootAlone) {
+    LogCapture quiet(RT_LOG_SILENT);
+    const TempDir home;
+    setenv("HOME", home.path.c_str(), 1);
+    unsetenv("XDG_CACHE_HOME");
+    WriteFile(home.path / "letter", "x");
+    WriteFile(home.path / ".cache" / "12" / "of somebody else", "x");
+    WriteFile(home.path / ".cache" / "sdstore" / "left over", "x");
+    const CRtCallerThread three;
+    IFileManager::Instance()->Initialize("", 0, 1);
+    EXPECT_TRUE(fs::is_empty(home.path / ".cache" / "sdstore"));
+    IFileManager::Instance()->UnInitialize();
+    EXPECT_EQ(Files(home.path), 2U);
+}
+
+// What cannot be removed stays, with the directories above it, until it can.
+TEST(Clearing, FinishesLaterWhatItCannotRemoveNow) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache(0, 0);
+    cache.Stop();
+    const fs::path root = cache.dir.path / "confcache";
+    WriteFile(root / "0" / "locked" / "file", "x");
+    WriteFile(root / "0" / "free" / "file", "x");
+    fs::permissions(root / "0" / "locked", fs::perms(0500));
+    constexpr uid_t nobody = 65534;
+    const bool superuser = geteuid() == 0; // whom permissions do not hold back
+    if (superuser) {
+        ASSERT_EQ(chown(cache.dir.path.c_str(), nobody, nobody), 0);
+        for (const auto& entry : fs::recursive_directory_iterator(cache.dir.path))
+            ASSERT_EQ(chown(entry.path().c_str(), nobody, nobody), 0);
+        ASSERT_EQ(seteuid(nobody), 0);
+    }
+    cache.Start();
+    EXPECT_TRUE(fs::exists(root / "0" / "locked" / "file"));
+    EXPECT_FALSE(fs::exists(root / "0" / "free"));
+    fs::permissions(root / "0" / "locked", fs::perms(0700));
+    cache.Stop();
+    EXPECT_FALSE(fs::exists(root));
+    if (superuser) {
+        ASSERT_EQ(seteuid(0), 0);
+    }
+}
+
 // The paths of a process are fixed by its first run: as a client it must not take a server's root for
 // a cache of its own.
 TEST(Clearing, OfAClientAfterAServerLeavesTheServersRootAlone) {

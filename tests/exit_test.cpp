@@ -134,16 +134,17 @@ TEST(Exit, WithASinkThatAsksAgain) {
     const TempDir dir;
     EXPECT_EXIT(
         {
-            static CountingSink sink;
+            // Lives until the end, which is after the program's own static objects.
+            static CountingSink* const sink = new CountingSink;
             static IFMBlock* block = nullptr;
-            sink.then = [](IFMBlock* asked, int) { asked->ReadData(&sink); };
+            sink->then = [](IFMBlock* asked, int) { asked->ReadData(sink); };
             const CRtCallerThread three;
             IFileManager* manager = IFileManager::Instance();
             manager->Initialize(CRtString(dir.path.string()), 7, 1);
             IFMFile* file = nullptr;
             manager->CreateFile(file, Description());
             file->GetBlock(block, 1, 1);
-            block->ReadData(&sink);
+            block->ReadData(sink);
             std::exit(0);
         },
         testing::ExitedWithCode(0), "");

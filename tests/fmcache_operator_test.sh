@@ -64,8 +64,11 @@ run 0 show --dir cache "$wide" && says '^ +1  #{74}$' && says 'a cell is 6 block
 [ "$(wc -L <stdout)" -le 80 ] || fail "wider than 80 columns"
 if script -qec true /dev/null >/dev/null 2>&1; then
     on_terminal() { script -qec "$fmcache show --dir cache $sound" /dev/null </dev/null; }
-    NO_COLOR='' on_terminal | grep -q $'\e\[32m#####\e\[0m' || fail "no colour"
-    NO_COLOR=1 on_terminal | grep -q '  #####' || fail "colour"
+    # Not in a pipe: a grep that has found it stops reading, which kills the writer.
+    NO_COLOR='' on_terminal >stdout
+    grep -q $'\e\[32m#####\e\[0m' stdout || fail "no colour"
+    NO_COLOR=1 on_terminal >stdout
+    grep -q '  #####' stdout || fail "colour"
 fi
 
 # --- damage, one kind for each file
