@@ -14,8 +14,8 @@ constexpr uint32_t BLOCKS = 1000;
 
 std::string Content(uint32_t id) { return Pattern(id, 3000 + id); }
 
-// Leaves BLOCKS stores queued behind each other, and the information of the file to be written.
-FMFileID FillAndUnInitialize(const TempDir& dir, bool detachFirst) {
+// Leaves BLOCKS stores queued behind each other.
+FMFileID Fill(const TempDir& dir) {
     IFileManager* manager = IFileManager::Instance();
     manager->Initialize(CRtString(dir.path.string()), 7, 1);
     IFMFile* file = nullptr;
@@ -25,10 +25,14 @@ FMFileID FillAndUnInitialize(const TempDir& dir, bool detachFirst) {
     for (uint32_t id = 1; id <= BLOCKS; ++id)
         Write(*Cache::Block(*file, id), Content(id));
     file->ReleaseReference();
-    if (detachFirst)
-        manager->DetachFile(info.fileID);
-    manager->UnInitialize();
     return info.fileID;
+}
+
+void FillAndUnInitialize(const TempDir& dir, bool detachFirst) {
+    const FMFileID id = Fill(dir);
+    if (detachFirst)
+        IFileManager::Instance()->DetachFile(id);
+    IFileManager::Instance()->UnInitialize();
 }
 
 void ExpectAllThere(const TempDir& dir) {
@@ -113,16 +117,7 @@ TEST(Exit, WithoutUnInitializeWhatWasClosedIsWritten) {
     EXPECT_EXIT(
         {
             const CRtCallerThread three; // never given back
-            IFileManager* manager = IFileManager::Instance();
-            manager->Initialize(CRtString(dir.path.string()), 7, 1);
-            IFMFile* file = nullptr;
-            FMFileInfo info = Description();
-            FMFileIDFromString("{11111111-2222-3333-4444-555555555555}", info.fileID);
-            manager->CreateFile(file, info);
-            for (uint32_t id = 1; id <= BLOCKS; ++id)
-                Write(*Cache::Block(*file, id), Content(id));
-            file->ReleaseReference();
-            manager->DetachFile(info.fileID);
+            IFileManager::Instance()->DetachFile(Fill(dir));
             std::exit(0);
         },
         testing::ExitedWithCode(0), "");

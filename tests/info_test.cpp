@@ -303,4 +303,15 @@ TEST(Info, AnotherIdentifierInsideThanOutside) {
     EXPECT_TRUE(cache.Open(inside.fileID, 0));
     EXPECT_FALSE(cache.Open(outside, 0));
     EXPECT_EQ(Read(*Cache::Block(*cache.Open(outside), 1, 0)), "abc");
+
+    // It displaces an open file of that identifier, which has a path of its own and loses nothing.
+    cache.Stop();
+    cache.Start();
+    Write(*Cache::Block(*cache.Create(inside), 1), "displaced");
+    EXPECT_EQ(Read(*Cache::Block(*cache.Open(outside), 1, 0)), "abc");
+    cache.Stop();
+    cache.Start();
+    const FileRef found = cache.Open(inside.fileID);
+    ASSERT_TRUE(found);
+    EXPECT_EQ(Read(*Cache::Block(*found, 1, 0)), "displaced");
 }

@@ -46,7 +46,7 @@ private:
     void CheckTable();
     void FindStates();
     SlotState StateOf(const FMBlockEntry& block, uint64_t slots);
-    uint64_t TableSize() const;
+    uint64_t TableSize() const { return FMSlotsToLoad(m_file.info.num, m_entry.infoLength); }
     void CheckRanges();
     void CheckUnowned(uint64_t owned);
 
@@ -96,14 +96,6 @@ void Checker::CheckTable() {
     if (TableSize() < m_file.info.num)
         Note("the table of " + Count(m_file.info.num, "slot") + " is larger than what is stored",
              "lowered to " + std::to_string(TableSize()) + "; it grows again when it is used");
-}
-
-// A number of slots that the information file could not hold is not believed.
-uint64_t Checker::TableSize() const {
-    constexpr uint64_t withoutProof = 8192;
-    constexpr uint64_t smallestEntry = 4;
-    return std::min<uint64_t>(m_file.info.num,
-                              std::max(withoutProof, m_entry.infoLength / smallestEntry));
 }
 
 void Checker::FindStates() {

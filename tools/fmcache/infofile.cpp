@@ -11,13 +11,9 @@
 
 namespace {
 
-constexpr uint32_t PREFIX_SIZE = 4;
-constexpr uint32_t COUNT_SIZE = 2;
-constexpr uint32_t EMPTY_ENTRY_SIZE = 4;
-constexpr uint32_t BLOCK_ENTRY_SIZE = 16;
 // A valid file is never longer; of another no more is read.
 constexpr uint32_t INFO_FILE_MAX =
-    FM_INFO_BODY_OFFSET + FM_INFO_FILE_BODY_MAX + PREFIX_SIZE + FM_INFO_BLOCK_BODY_MAX;
+    FM_INFO_BODY_OFFSET + FM_INFO_FILE_BODY_MAX + FM_INFO_LENGTH_SIZE + FM_INFO_BLOCK_BODY_MAX;
 
 // 0, or the system's reason. `length` is that of the file, also when `bytes` are only its beginning.
 int ReadBytes(const std::filesystem::path& path, std::string& bytes, uint64_t& length) {
@@ -38,12 +34,11 @@ int ReadBytes(const std::filesystem::path& path, std::string& bytes, uint64_t& l
 
 // Takes a length and the body that it announces off the front. False when they are not all there.
 bool TakeBody(std::string_view& rest, uint32_t most, std::string_view& body) {
-    if (rest.size() < PREFIX_SIZE)
+    uint8_t prefix[FM_INFO_LENGTH_SIZE] = {};
+    if (rest.copy(reinterpret_cast<char*>(prefix), sizeof(prefix)) < sizeof(prefix))
         return false;
-    uint32_t length = 0;
-    for (size_t i = 0; i < PREFIX_SIZE; ++i)
-        length |= uint32_t{static_cast<uint8_t>(rest[i])} << (8 * i);
-    rest.remove_prefix(PREFIX_SIZE);
+    const uint32_t length = FMGetLength(prefix);
+    rest.remove_prefix(sizeof(prefix));
     if (length > most || length > rest.size())
         return false;
     body = rest.substr(0, length);
@@ -92,9 +87,9 @@ void InfoFile::Parse(const std::string& bytes) {
     if (!fault.empty() || !tableFault.empty())
         return;
     whole = FMDecodeBlockBody(*Wrap(body), slots);
-    size_t used = COUNT_SIZE;
+    size_t used = FM_INFO_COUNT_SIZE;
     for (const FMBlockEntry& entry : slots)
-        used += entry.blockID == 0 ? EMPTY_ENTRY_SIZE : BLOCK_ENTRY_SIZE;
+        used += FMEntrySize(entry);
     if (whole)
         behindTable = static_cast<uint32_t>(body.size() - used);
 }

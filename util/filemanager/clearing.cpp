@@ -24,18 +24,18 @@ void CFileManager::ClearDiskCache() {
 // it would be removed. A root that is a link is only looked at: nothing beyond a link is removed.
 int CFileManager::RemoveDeadDirectories(bool filesToo) {
     RtOs::DirectoryWalk root(m_rootDir);
-    const bool isLink = !root.IsOpen();
-    RtOs::DirectoryWalk beyond(m_rootDir, true);
-    RtOs::DirectoryWalk& walk = isLink ? beyond : root;
+    RtOs::DirectoryWalk beyondLink(m_rootDir, true);
+    const bool mayRemove = root.IsOpen();
+    RtOs::DirectoryWalk& walk = mayRemove ? root : beyondLink;
     int alive = 0;
     CRtString name;
     bool isDirectory = false;
     while (walk.Next(name, isDirectory)) {
         if (isDirectory && IsOtherProcessAlive(name))
             ++alive;
-        else if (isDirectory && !isLink)
+        else if (isDirectory && mayRemove)
             RemoveTree(root, m_rootDir, name);
-        else if (filesToo && !isLink)
+        else if (!isDirectory && filesToo && mayRemove)
             root.RemoveFile(name);
     }
     return alive;

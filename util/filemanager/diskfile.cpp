@@ -11,22 +11,7 @@
 #include "streamkeeper.h"
 
 namespace {
-
 constexpr char SOURCE[] = "util/filemanager/diskfile";
-
-// The stored lengths are little-endian whatever the host's order.
-void PutLength(uint8_t (&bytes)[4], uint32_t length) {
-    for (size_t i = 0; i < sizeof(bytes); ++i)
-        bytes[i] = static_cast<uint8_t>(length >> (8 * i));
-}
-
-uint32_t GetLengthOf(const uint8_t (&bytes)[4]) {
-    uint32_t length = 0;
-    for (size_t i = 0; i < sizeof(bytes); ++i)
-        length |= uint32_t{bytes[i]} << (8 * i);
-    return length;
-}
-
 } // namespace
 
 CDiskFile::CDiskFile(const CRtString& strFileName) : m_strFileName(strFileName) {
@@ -168,8 +153,8 @@ int CDiskFile::RemoveMee() {
 }
 
 int CInfoFile::WriteFileInfo(const void* body, uint32_t length) {
-    uint8_t prefix[4] = {};
-    PutLength(prefix, length);
+    uint8_t prefix[FM_INFO_LENGTH_SIZE] = {};
+    FMPutLength(length, prefix);
     int ret = WriteData(FM_INFO_MAGIC, 0, FM_INFO_MAGIC_SIZE, 0);
     if (RT_SUCCEEDED(ret))
         ret = WriteData(prefix, FM_INFO_LENGTH_OFFSET, sizeof(prefix), 0);
@@ -184,8 +169,8 @@ int CInfoFile::WriteBlockInfo(const void* body, uint32_t length) {
     if (!RT_CHECK(SOURCE, m_fileInfoLen > 0, "m_fileInfoLen >0"))
         return RT_ERROR_NOT_READY;
     const uint64_t offset = uint64_t{FM_INFO_BODY_OFFSET} + m_fileInfoLen;
-    uint8_t prefix[4] = {};
-    PutLength(prefix, length);
+    uint8_t prefix[FM_INFO_LENGTH_SIZE] = {};
+    FMPutLength(length, prefix);
     const int ret = WriteData(prefix, offset, sizeof(prefix), 0);
     if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
         return ret;
@@ -194,7 +179,7 @@ int CInfoFile::WriteBlockInfo(const void* body, uint32_t length) {
 
 int CInfoFile::ReaddFileInfo(void* buffer, uint32_t* length) {
     char magic[16] = {};
-    uint8_t prefix[4] = {};
+    uint8_t prefix[FM_INFO_LENGTH_SIZE] = {};
     int ret = ReaddData(magic, 0, FM_INFO_MAGIC_SIZE);
     if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
         return ret;
@@ -207,7 +192,7 @@ int CInfoFile::ReaddFileInfo(void* buffer, uint32_t* length) {
     if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
         return ret;
     const uint32_t capacity = *length;
-    *length = GetLengthOf(prefix);
+    *length = FMGetLength(prefix);
     if (*length > capacity)
         return RT_ERROR_INVALID_ARG;
     ret = ReaddData(buffer, FM_INFO_BODY_OFFSET, *length);
@@ -218,11 +203,11 @@ int CInfoFile::ReaddFileInfo(void* buffer, uint32_t* length) {
 
 int CInfoFile::ReaddBlockInfo(void* buffer, uint32_t* capacity) {
     const uint64_t offset = uint64_t{FM_INFO_BODY_OFFSET} + m_fileInfoLen;
-    uint8_t prefix[4] = {};
+    uint8_t prefix[FM_INFO_LENGTH_SIZE] = {};
     int ret = ReaddData(prefix, offset, sizeof(prefix));
     if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
         return ret;
-    const uint32_t length = GetLengthOf(prefix);
+    const uint32_t length = FMGetLength(prefix);
     if (*capacity >= length) {
         ret = ReaddData(buffer, offset + sizeof(prefix), length);
         if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))

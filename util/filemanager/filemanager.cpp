@@ -91,7 +91,7 @@ void CFileManager::UnInitialize() {
     m_timer.Cancel();
     CloseAllFiles();
     StopReadwrThread();
-    FinishFilesLeft();
+    WriteWaitingInfo();
     m_pCallerTd = nullptr;
     if (m_clearDays == 1)
         ClearDiskCache();
@@ -99,13 +99,19 @@ void CFileManager::UnInitialize() {
 }
 
 void CFileManager::CloseAllFiles() {
-    // A copy: releasing a block runs code of the application's, which may detach files.
+    // A copy: releasing a block runs code of the application's, which may open and detach files.
     const FileMap files = m_id2files;
     for (const auto& [id, file] : files)
         file->Close(1);
     FileMap emptied;
-    const std::lock_guard lock(m_registryMutex);
-    m_id2files.swap(emptied);
+    {
+        const std::lock_guard lock(m_registryMutex);
+        m_id2files.swap(emptied);
+    }
+    // Those that were displaced were never closed: their blocks and they would hold each other for ever,
+    // and one that still has its path to itself has something to save.
+    for (const FileRef& file : GetLiveFiles(nullptr))
+        file->Close(1);
 }
 
 void CFileManager::StopReadwrThread() {
@@ -118,15 +124,13 @@ void CFileManager::StopReadwrThread() {
     m_pReadwrTd = nullptr;
 }
 
-// All stores have run by now. Files that were closed may still wait to be written, and one that was
-// displaced was never closed: its blocks and itself would hold each other for ever.
-void CFileManager::FinishFilesLeft() {
+// Files that were closed may still wait to be written; the stores that they speak of have run by now.
+void CFileManager::WriteWaitingInfo() {
     for (const FileRef& file : GetLiveFiles(nullptr)) {
         if (m_clearDays == 1)
             file->DropWaitingInfo();
         else
             file->SaveWaitingInfo();
-        file->ReleaseBlocks();
     }
 }
 

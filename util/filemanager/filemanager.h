@@ -107,7 +107,7 @@ private:
     void StartThreads();
     void StopReadwrThread();
     void CloseAllFiles();
-    void FinishFilesLeft();
+    void WriteWaitingInfo();
 
     CFMFile* LoadFile(const CRtString& stem);
     int FindFile(const FMFileID& fileHandle, FileRef& file);

@@ -138,6 +138,10 @@ int CFMBlock::WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* da
     if (m_file->IsClosed())
         return RT_ERROR_NOT_READY;
 
+    if (rewrite) // before the lock, as the line goes to the application
+        RT_LOG(RT_LOG_WARNING, "CFMBlock::WriteData, rewrite data! m_position="
+                                   << m_position << ",m_totalLen=" << m_totalLen << ",blockLen="
+                                   << blockLen << ",dataPos=" << dataPos << " this=" << this);
     const TransferLock lock(m_file->GetTransferMutex());
     if (rewrite)
         BeginRewrite(blockLen);
@@ -173,9 +177,6 @@ int CFMBlock::CheckPiece(uint32_t blockLen, uint32_t dataPos, const CRtMessageBl
 }
 
 void CFMBlock::BeginRewrite(uint32_t blockLen) {
-    RT_LOG(RT_LOG_WARNING, "CFMBlock::WriteData, rewrite data! m_position="
-                               << m_position << ",m_totalLen=" << m_totalLen
-                               << ",blockLen=" << blockLen << ",dataPos=" << 0 << " this=" << this);
     WithdrawStore();
     FreeData();
     m_file->MarkInfoChanged(); // the bytes of the entry that stands are gone for the caller

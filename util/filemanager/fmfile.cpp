@@ -128,6 +128,7 @@ int CFMFile::RemoveBlock(uint32_t blockID, IFMBlock*& block) {
 void CFMFile::CancelRetrieve(ISDUser* node, int bRemoveOwner) {
     if (!RT_CHECK(SOURCE, node, "node"))
         return;
+    const CRtComAutoPtr<ISDUser> kept(node); // the blocks may hold the last references
     RT_LOG(RT_LOG_TRACE, "CFMFile::CancelRetrieve, fileID=" << FMFileIDToString(m_fileInfo.fileID)
                                                             << ",node=" << node->GetNodeSID()
                                                             << " this=" << this);
@@ -165,7 +166,11 @@ void CFMFile::RetryFailedStores() {
 }
 
 void CFMFile::Close(int sync) {
-    if (m_fileInfo.flag & FM_FILE_TEMPORARY) {
+    if (m_closed) // its table is empty, and must not be saved as such
+        return;
+    if (m_retired.load(std::memory_order_acquire)) {
+        // The path is another object's: nothing of this one goes there.
+    } else if (m_fileInfo.flag & FM_FILE_TEMPORARY) {
         CFileManager::Instance()->PostToReadwrThread(
             new CFMRefFunctor0(this, &CFMFile::ClerDiskFile_m), sync);
     } else {

@@ -77,8 +77,6 @@ public:
     /// The identifier that the path spells; the stored one may be another.
     const FMFileID& GetPathID() const { return m_pathID; }
     void SetRegistered() { m_registered = true; }
-    /// Releases every block of the table.
-    void ReleaseBlocks();
 
 private:
     enum : uint32_t { FLAG_DATA_IN_MEMORY = 1, FLAG_INFO_CHANGED = 2 };
@@ -86,6 +84,7 @@ private:
     ~CFMFile() override;
     void MakeDiskFiles(const CRtString& stem);
     int CheckValid();
+    void ReleaseBlocks();
     int GrowTable(uint32_t blockID);
     bool IsBlockidOK(uint32_t blockID) const;
 

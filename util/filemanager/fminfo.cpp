@@ -10,10 +10,6 @@
 
 namespace {
 
-// A table of at most this size is taken from any description; a larger one has to have a body on disk
-// that justifies it.
-constexpr uint32_t SLOTS_WITHOUT_PROOF = 8192;
-
 int WriteBody(CInfoFile& file, int (CInfoFile::*write)(const void*, uint32_t),
               const CRtMessageBlock& body) {
     const CRtString bytes = body.FlattenChained();
@@ -91,30 +87,30 @@ std::vector<FMBlockEntry> CFMFile::DescribeBlocks() {
 }
 
 // The information is written on the caller thread, after the stores whose blocks it names: it goes by
-// way of the read/write thread's queue when some have not run.
+// way of the read/write thread's queue when some have not run. The bodies stay here too, so that it can
+// be written before its event comes.
 void CFMFile::PostInfo(CRtMessageChain fileBody, CRtMessageChain blockBody) {
-    CRtMessageChain fileCopy = fileBody->DuplicateChained();
-    CRtMessageChain blockCopy = blockBody->DuplicateChained();
-    if (!fileCopy || !blockCopy)
-        return EndWaiting(); // no memory for two small objects
     m_waitingFileBody = std::move(fileBody);
     m_waitingBlockBody = std::move(blockBody);
     m_infoWaiting.store(true, std::memory_order_release);
-    CFileManager* manager = CFileManager::Instance();
-    if (m_pendingStores.load(std::memory_order_acquire) > 0)
-        manager->PostToReadwrThread(
-            new CFMRefFunctor2(this, &CFMFile::PostInfo_m, fileCopy.release(), blockCopy.release()),
-            0);
-    else
-        PostInfo_m(fileCopy.get(), blockCopy.get());
+    CRtMessageBlock* file = m_waitingFileBody.get();
+    CRtMessageBlock* block = m_waitingBlockBody.get();
+    if (m_pendingStores.load(std::memory_order_acquire) == 0)
+        return PostInfo_m(file, block);
+    CFileManager::Instance()->PostToReadwrThread(
+        new CFMRefFunctor2(this, &CFMFile::PostInfo_m, file->DuplicateChained().release(),
+                           block->DuplicateChained().release()),
+        0);
 }
 
+// Information that cannot be posted, for want of a thread or of memory, stays waiting: UnInitialize
+// writes it.
 void CFMFile::PostInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody) {
-    // A post that is refused leaves the information waiting: UnInitialize writes it.
-    CFileManager::Instance()->PostToCallerThread(
-        new CFMRefFunctor2(this, &CFMFile::SaveFileInfo_m, fileBody->DuplicateChained().release(),
-                           blockBody->DuplicateChained().release()),
-        0);
+    CRtMessageChain file = fileBody ? fileBody->DuplicateChained() : nullptr;
+    CRtMessageChain block = blockBody ? blockBody->DuplicateChained() : nullptr;
+    if (file && block)
+        CFileManager::Instance()->PostToCallerThread(
+            new CFMRefFunctor2(this, &CFMFile::SaveFileInfo_m, file.release(), block.release()), 0);
 }
 
 void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody) {
@@ -204,21 +200,16 @@ int CFMFile::LoadFileInfo() {
     return 1;
 }
 
-// Slots at the end that no body on disk speaks of are empty: a table grows again when it needs them,
-// and a damaged number makes nobody allocate for it.
+// A damaged number makes nobody allocate for it.
 void CFMFile::LimitTable() {
-    if (m_fileInfo.num <= SLOTS_WITHOUT_PROOF)
-        return;
-    constexpr uint32_t smallestEntry = 4;
     uint64_t length = 0;
     if (RT_FAILED(m_infoFile->GetLength(length)))
         length = 0;
-    const uint64_t proven = std::max<uint64_t>(SLOTS_WITHOUT_PROOF, length / smallestEntry);
-    if (m_fileInfo.num <= proven)
-        return;
-    RT_LOG(RT_LOG_WARNING, "CFMFile::LoadFileInfo, table larger than its file, num="
-                               << m_fileInfo.num << ",slots=" << proven << " this=" << this);
-    m_fileInfo.num = static_cast<uint32_t>(proven);
+    const uint32_t slots = FMSlotsToLoad(m_fileInfo.num, length);
+    if (slots < m_fileInfo.num)
+        RT_LOG(RT_LOG_WARNING, "CFMFile::LoadFileInfo, table larger than its file, num="
+                                   << m_fileInfo.num << ",slots=" << slots << " this=" << this);
+    m_fileInfo.num = slots;
 }
 
 int CFMFile::LoadBlokInfo() {

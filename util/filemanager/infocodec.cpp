@@ -1,19 +1,16 @@
 #include "FMInfoCodec.h"
 
+#include <algorithm>
+
 #include "RtByteStream.h"
 #include "RtResult.h"
 
 namespace {
 
-constexpr uint32_t COUNT_SIZE = 2;
-constexpr uint32_t EMPTY_ENTRY_SIZE = 4;
-constexpr uint32_t BLOCK_ENTRY_SIZE = 16;
+// A table of at most this size is taken from any description.
+constexpr uint32_t SLOTS_WITHOUT_PROOF = 8192;
 // The fields of a description around its name, and the creation time.
 constexpr uint32_t FILE_BODY_FIXED_SIZE = 38;
-
-uint32_t EntrySize(const FMBlockEntry& entry) {
-    return entry.blockID == 0 ? EMPTY_ENTRY_SIZE : BLOCK_ENTRY_SIZE;
-}
 
 CRtByteStreamT& operator<<(CRtByteStreamT& stream, const FMFileID& id) {
     return (stream << id.Data1 << id.Data2 << id.Data3).Write(id.Data4, sizeof(id.Data4));
@@ -41,6 +38,20 @@ bool FMIsEntryPossible(const FMBlockEntry& entry) {
     return entry.posInFile >= 0 && entry.posInFile <= FM_INFO_OFFSET_MAX - int64_t{entry.totalLen};
 }
 
+void FMPutLength(uint32_t length, uint8_t (&bytes)[FM_INFO_LENGTH_SIZE]) {
+    RtPutLittleEndian(length, bytes);
+}
+
+uint32_t FMGetLength(const uint8_t (&bytes)[FM_INFO_LENGTH_SIZE]) {
+    return RtGetLittleEndian<uint32_t>(bytes);
+}
+
+uint32_t FMSlotsToLoad(uint32_t num, uint64_t infoFileLength) {
+    const uint64_t proven =
+        std::max<uint64_t>(SLOTS_WITHOUT_PROOF, infoFileLength / FM_INFO_EMPTY_SIZE);
+    return static_cast<uint32_t>(std::min<uint64_t>(num, proven));
+}
+
 int FMEncodeFileBody(const FMFileInfo& info, uint32_t createTime, CRtMessageChain& body) {
     body = CRtMessageBlock::Create(FILE_BODY_FIXED_SIZE + static_cast<uint32_t>(info.name.size()));
     if (!body)
@@ -60,11 +71,11 @@ int FMDecodeFileBody(CRtMessageBlock& body, FMFileInfo& info, uint32_t& createTi
 
 int FMEncodeBlockBody(const std::vector<FMBlockEntry>& slots, CRtMessageChain& body,
                       uint32_t& left) {
-    uint32_t size = COUNT_SIZE;
+    uint32_t size = FM_INFO_COUNT_SIZE;
     uint32_t count = 0;
     while (count < slots.size() && count < FM_INFO_SLOTS_MAX &&
-           size + EntrySize(slots[count]) <= FM_INFO_BLOCK_BODY_MAX)
-        size += EntrySize(slots[count++]);
+           size + FMEntrySize(slots[count]) <= FM_INFO_BLOCK_BODY_MAX)
+        size += FMEntrySize(slots[count++]);
     left = static_cast<uint32_t>(slots.size()) - count;
 
     body = CRtMessageBlock::Create(size);

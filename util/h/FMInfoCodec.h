@@ -20,6 +20,12 @@ constexpr uint32_t FM_INFO_MAGIC_SIZE = 4;
 /// Offset of L1; the file body follows it.
 constexpr uint32_t FM_INFO_LENGTH_OFFSET = 4;
 constexpr uint32_t FM_INFO_BODY_OFFSET = 8;
+/// L1 and L2 each.
+constexpr uint32_t FM_INFO_LENGTH_SIZE = 4;
+/// The block body: its count, an empty slot, a slot with a block.
+constexpr uint32_t FM_INFO_COUNT_SIZE = 2;
+constexpr uint32_t FM_INFO_EMPTY_SIZE = 4;
+constexpr uint32_t FM_INFO_ENTRY_SIZE = 16;
 /// A file body longer than this is refused when it is loaded.
 constexpr uint32_t FM_INFO_FILE_BODY_MAX = 2048;
 /// A block body longer than this is refused when it is loaded.
@@ -42,6 +48,20 @@ struct FMBlockEntry {
 /// Whether some data file could hold the entry's bytes: no negative offset, no end beyond
 /// FM_INFO_OFFSET_MAX.
 RT_EXPORT bool FMIsEntryPossible(const FMBlockEntry& entry);
+
+/// Bytes of the entry in the block body.
+inline uint32_t FMEntrySize(const FMBlockEntry& entry) {
+    return entry.blockID == 0 ? FM_INFO_EMPTY_SIZE : FM_INFO_ENTRY_SIZE;
+}
+
+/// L1 or L2 to its bytes and back.
+RT_EXPORT void FMPutLength(uint32_t length, uint8_t (&bytes)[FM_INFO_LENGTH_SIZE]);
+RT_EXPORT uint32_t FMGetLength(const uint8_t (&bytes)[FM_INFO_LENGTH_SIZE]);
+
+/// How many of the `num` slots of a stored description a load makes: a table of more than 8192 has to
+/// have an information file, of that length in bytes, that could speak of its slots. Those left out
+/// are empty, and the table grows again when it needs them.
+RT_EXPORT uint32_t FMSlotsToLoad(uint32_t num, uint64_t infoFileLength);
 
 /// Makes the file body. 0, or 10001 when the description cannot be encoded.
 RT_EXPORT int FMEncodeFileBody(const FMFileInfo& info, uint32_t createTime, CRtMessageChain& body);

@@ -15,6 +15,23 @@
 /// The first length that is too long for a string.
 constexpr uint32_t STRING_LEN_MAX = 0x7FFF;
 
+/// An integer's bytes, lowest first, and back.
+template <class T>
+void RtPutLittleEndian(T value, uint8_t (&bytes)[sizeof(T)]) {
+    const auto bits = static_cast<std::make_unsigned_t<T>>(value);
+    for (size_t i = 0; i < sizeof(T); ++i)
+        bytes[i] = static_cast<uint8_t>(bits >> (8 * i));
+}
+
+template <class T>
+T RtGetLittleEndian(const uint8_t (&bytes)[sizeof(T)]) {
+    using Bits = std::make_unsigned_t<T>;
+    Bits bits = 0;
+    for (size_t i = 0; i < sizeof(T); ++i)
+        bits = static_cast<Bits>(bits | (static_cast<Bits>(bytes[i]) << (8 * i)));
+    return static_cast<T>(bits);
+}
+
 class CRtByteStreamT {
 public:
     /// The chain stays the caller's.
@@ -83,23 +100,16 @@ public:
 private:
     template <class T>
     CRtByteStreamT& WriteInteger(T value) {
-        const auto bits = static_cast<std::make_unsigned_t<T>>(value);
         uint8_t bytes[sizeof(T)];
-        for (size_t i = 0; i < sizeof(T); ++i)
-            bytes[i] = static_cast<uint8_t>(bits >> (8 * i));
+        RtPutLittleEndian(value, bytes);
         return Write(bytes, sizeof(T));
     }
 
     template <class T>
     CRtByteStreamT& ReadInteger(T& value) {
-        uint8_t bytes[sizeof(T)];
-        if (Read(bytes, sizeof(T)).m_ResultRead != RT_OK)
-            return *this;
-        std::make_unsigned_t<T> bits = 0;
-        for (size_t i = 0; i < sizeof(T); ++i)
-            bits = static_cast<std::make_unsigned_t<T>>(
-                bits | (static_cast<std::make_unsigned_t<T>>(bytes[i]) << (8 * i)));
-        value = static_cast<T>(bits);
+        uint8_t bytes[sizeof(T)] = {};
+        if (Read(bytes, sizeof(T)).m_ResultRead == RT_OK)
+            value = RtGetLittleEndian<T>(bytes);
         return *this;
     }
 

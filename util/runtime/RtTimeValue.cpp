@@ -1,12 +1,18 @@
 #include "RtTimeValue.h"
 
 #include <atomic>
-
-#include "os/RtOs.h"
+#include <chrono>
 
 namespace {
+
 std::atomic<IRtClock*> g_clock{nullptr};
+
+template <class Unit, class Clock>
+int64_t Since() {
+    return std::chrono::duration_cast<Unit>(Clock::now().time_since_epoch()).count();
 }
+
+} // namespace
 
 IRtClock::~IRtClock() = default;
 
@@ -21,10 +27,7 @@ CRtTimeValue::CRtTimeValue(int64_t seconds, int64_t microseconds)
 CRtTimeValue CRtTimeValue::GetTimeOfDay() {
     if (IRtClock* clock = g_clock.load(std::memory_order_acquire))
         return clock->TimeOfDay();
-    int64_t seconds = 0;
-    int64_t microseconds = 0;
-    RtOs::GetTimeOfDay(seconds, microseconds);
-    return CRtTimeValue(seconds, microseconds);
+    return CRtTimeValue(0, Since<std::chrono::microseconds, std::chrono::system_clock>());
 }
 
 void RtSetClock(IRtClock* clock) { g_clock.store(clock, std::memory_order_release); }
@@ -32,5 +35,5 @@ void RtSetClock(IRtClock* clock) { g_clock.store(clock, std::memory_order_releas
 uint64_t GetTickCountEx() {
     if (IRtClock* clock = g_clock.load(std::memory_order_acquire))
         return clock->TickCountMs();
-    return RtOs::GetMonotonicMs();
+    return static_cast<uint64_t>(Since<std::chrono::milliseconds, std::chrono::steady_clock>());
 }

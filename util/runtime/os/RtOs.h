@@ -14,7 +14,7 @@
 
 namespace RtOs {
 
-// --- Processes, threads, time, identifiers ------------------------------------------------------
+// --- Processes, threads, identifiers ------------------------------------------------------------
 
 uint32_t GetProcessId();
 /// Whether a process of that id runs, also one that this user may not ask about. False for 0 and for
@@ -22,8 +22,6 @@ uint32_t GetProcessId();
 bool IsProcessAlive(int64_t processId);
 /// Never 0, unique among the running threads of the process.
 uint32_t GetThreadId();
-uint64_t GetMonotonicMs();
-void GetTimeOfDay(int64_t& seconds, int64_t& microseconds);
 /// 16 bytes of a fresh unique identifier, laid out as the platform's GUID structure; never all zero.
 void CreateGuid(uint8_t (&bytes)[16]);
 

@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -56,19 +55,6 @@ uint32_t GetThreadId() {
     return id;
 }
 
-uint64_t GetMonotonicMs() {
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return static_cast<uint64_t>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
-}
-
-void GetTimeOfDay(int64_t& seconds, int64_t& microseconds) {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    const int64_t total = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-    seconds = total / 1'000'000;
-    microseconds = total % 1'000'000;
-}
-
 void CreateGuid(uint8_t (&bytes)[16]) {
     std::random_device source; // the system's generator
     for (size_t i = 0; i < sizeof(bytes); i += sizeof(uint32_t)) {
@@ -89,7 +75,7 @@ uint32_t GetDriveKind(const char*) { return 0; }
 bool GetDriveFreeBytes(const char*, uint64_t&) { return false; }
 
 bool GetUserDataDir(CRtString& directory) {
-    // XDG Base Directory Specification: a relative value is to be ignored.
+    // XDG base directories: a relative value is to be ignored.
     if (const char* cache = std::getenv("XDG_CACHE_HOME"); cache && cache[0] == '/') {
         std::string path(cache);
         std::replace(path.begin(), path.end(), '/', '\\');

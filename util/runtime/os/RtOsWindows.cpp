@@ -9,7 +9,6 @@
 #include <sys/stat.h>
 #include <windows.h>
 
-#include <chrono>
 #include <cstring>
 
 #include "RtOs.h"
@@ -39,19 +38,6 @@ bool IsProcessAlive(int64_t processId) {
 }
 
 uint32_t GetThreadId() { return ::GetCurrentThreadId(); }
-
-uint64_t GetMonotonicMs() {
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return static_cast<uint64_t>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
-}
-
-void GetTimeOfDay(int64_t& seconds, int64_t& microseconds) {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    const int64_t total = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-    seconds = total / 1'000'000;
-    microseconds = total % 1'000'000;
-}
 
 void CreateGuid(uint8_t (&bytes)[16]) {
     GUID guid{};
