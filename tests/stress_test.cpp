@@ -146,15 +146,14 @@ private:
         const ModelBlock& model = *open.model;
         const uint32_t from = Pick(model.length + 1);
         const uint32_t length = Pick(model.length - from + 1);
-        CRtMessageBlock* view = nullptr;
-        const int result = open.block->ReadData(from, length, view);
+        CRtMessageChain view;
+        const int result = open.block->ReadData(from, length, RtReceive(view));
         if (!model.Complete()) {
             ASSERT_NE(result, 0);
             return;
         }
         ASSERT_EQ(result, 0);
-        const CRtMessageChain owned(view);
-        ASSERT_TRUE(owned->FlattenChained().view() == model.bytes.substr(from, length));
+        ASSERT_TRUE(view->FlattenChained().view() == model.bytes.substr(from, length));
     }
 
     static void CheckWhole(const OpenBlock& open) {

@@ -131,11 +131,10 @@ int Write(IFMBlock& block, const std::string& bytes, uint32_t piece) {
 }
 
 std::string Read(IFMBlock& block) {
-    CRtMessageBlock* data = nullptr;
-    if (const int result = block.ReadData(0, block.GetTotalLen(), data); result != 0)
+    CRtMessageChain data;
+    if (const int result = block.ReadData(0, block.GetTotalLen(), RtReceive(data)); result != 0)
         return "error " + std::to_string(result);
-    const CRtMessageChain owned(data);
-    return std::string(owned->FlattenChained().view());
+    return std::string(data->FlattenChained().view());
 }
 
 std::string ReadFile(const fs::path& path) {

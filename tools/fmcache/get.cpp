@@ -52,10 +52,8 @@ public:
     void OnBlockDataReady(IFMBlock* block, int result) override {
         m_done = true;
         m_result = result;
-        CRtMessageBlock* view = nullptr;
         if (RT_SUCCEEDED(result))
-            m_result = block->ReadData(0, m_entry.totalLen, view);
-        m_view.reset(view);
+            m_result = block->ReadData(0, m_entry.totalLen, RtReceive(m_view));
     }
 
     bool IsDone() const { return m_done; }

@@ -27,12 +27,10 @@ enum FMBlockState : uint32_t {
 /// Threads: the caller thread, except WriteToFile and ReadFromFile. What the read/write thread reads
 /// (length, position, place, store) the caller thread changes under the file's transfer mutex. The last
 /// reference may be released on either thread.
-class CFMBlock : public IFMBlock, public CRtReferenceControl {
+class CFMBlock : public CRtCounted<IFMBlock> {
 public:
     CFMBlock(CFMFile* file, uint32_t blockID);
 
-    uint32_t AddReference() override { return CRtReferenceControl::AddReference(); }
-    uint32_t ReleaseReference() override { return CRtReferenceControl::ReleaseReference(); }
     int WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* data) override;
     int ReadData(IFMBlockSink* sink) override;
     int ReadData(uint32_t readPos, uint32_t readLen, CRtMessageBlock*& pData) override;

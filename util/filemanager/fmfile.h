@@ -20,13 +20,11 @@ constexpr int64_t cmax_filea_data_len = 1073741824;
 ///
 /// Threads: the caller thread, except where a member says otherwise. The data file is used on the
 /// read/write thread, the information file on the caller thread after the stores of the file have run.
-class CFMFile final : public IFMFile, public CRtReferenceControl {
+class CFMFile final : public CRtCounted<IFMFile> {
 public:
     explicit CFMFile(const FMFileInfo& fileInfo);
     explicit CFMFile(const CRtString& stem);
 
-    uint32_t AddReference() override { return CRtReferenceControl::AddReference(); }
-    uint32_t ReleaseReference() override { return CRtReferenceControl::ReleaseReference(); }
     int GetBlock(IFMBlock*& block, uint32_t blockID, int create) override;
     int RemoveBlock(uint32_t blockID, IFMBlock*& block) override;
     const FMBlockTable& GetBlocks() override { return m_blocks; }

@@ -99,7 +99,9 @@ public:
 
     /// Records that a node owns a copy (`bOwn` non-zero) or no longer does. Owners are told apart by
     /// object, and one that is recorded twice is there twice. A reference is held on each.
-    /// A server keeps at most 128 public owners and 32 per address of the others; more are dropped.
+    /// A server keeps at most 128 public owners and 32 per address of the others; more are dropped. It
+    /// counts peer-to-peer owners by these calls alone, for GetRetrieveType: a node has to be recorded
+    /// once, and taken out only where it was recorded.
     /// A null owner changes nothing.
     virtual void SetOwner(ISDUser* owner, int bOwn) = 0;
     virtual bool HasOwner() = 0;

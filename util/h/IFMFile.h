@@ -30,8 +30,10 @@ public:
     virtual int RemoveBlock(uint32_t blockID, IFMBlock*& block) = 0;
     /// Good until the file is closed or the table grows.
     virtual const FMBlockTable& GetBlocks() = 0;
-    /// Drops a request of the node on every block; with `bRemoveOwner` also the node as owner. A null
-    /// node changes nothing.
+    /// Drops a request of the node on every block; with `bRemoveOwner` also the node as owner, as
+    /// SetOwner with 0 does on each block. On a server that lowers the count of owners that peers can
+    /// be sent to also on blocks that the node does not own, so that GetRetrieveType names peers there:
+    /// for a node that owns some blocks only, call SetOwner on those. A null node changes nothing.
     virtual void CancelRetrieve(ISDUser* node, int bRemoveOwner) = 0;
     virtual const FMFileInfo& GetFileInfo() = 0;
 

@@ -23,6 +23,21 @@ struct RT_EXPORT CRtDestroyChained {
 /// Owns a chain.
 using CRtMessageChain = std::unique_ptr<CRtMessageBlock, CRtDestroyChained>;
 
+/// For an out argument that hands a chain over: block->ReadData(0, length, RtReceive(chain)). The chain
+/// is there from the end of that expression on.
+class RtReceive {
+public:
+    explicit RtReceive(CRtMessageChain& chain) : m_chain(chain) {}
+    ~RtReceive() { m_chain.reset(m_pRaw); }
+    RtReceive(const RtReceive&) = delete;
+    RtReceive& operator=(const RtReceive&) = delete;
+    operator CRtMessageBlock*&() { return m_pRaw; }
+
+private:
+    CRtMessageChain& m_chain;
+    CRtMessageBlock* m_pRaw = nullptr;
+};
+
 class RT_EXPORT CRtMessageBlock {
 public:
     enum : uint32_t { READ_LOCKED = 1, WRITE_LOCKED = 2 };

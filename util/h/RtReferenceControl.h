@@ -38,20 +38,36 @@ public:
         return false;
     }
     uint32_t ReleaseReference() {
-        // What every holder did happens before the destruction.
-        const uint32_t left = m_count.fetch_sub(1, std::memory_order_acq_rel) - 1;
+        const uint32_t left = DropReference();
         if (left == 0)
-            OnReferenceDestory();
+            delete this;
         return left;
     }
 
 protected:
     CRtReferenceControl() = default;
     virtual ~CRtReferenceControl() = default;
-    virtual void OnReferenceDestory() { delete this; }
+    uint32_t DropReference() {
+        // What every holder did happens before the destruction.
+        return m_count.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    }
 
 private:
     std::atomic<uint32_t> m_count{0};
+};
+
+/// The base of a class that implements a counted interface, for instance an application's ISDUser:
+/// class CNode final : public CRtCounted<ISDUser> needs nothing else for its count.
+template <class Interface>
+class CRtCounted : public Interface, public CRtReferenceControl {
+public:
+    uint32_t AddReference() override { return CRtReferenceControl::AddReference(); }
+    uint32_t ReleaseReference() override {
+        const uint32_t left = DropReference();
+        if (left == 0)
+            delete this;
+        return left;
+    }
 };
 
 /// Holds one reference on a counted object, or none.

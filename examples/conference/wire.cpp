@@ -1,0 +1,96 @@
+#include "wire.h"
+
+using asio::use_awaitable;
+using asio::ip::tcp;
+
+namespace {
+
+/// Who does not read what it asked for is not listened to either.
+constexpr uint64_t BACKLOG_MAX = 4 * 1024 * 1024;
+constexpr std::chrono::milliseconds BACKLOG_PAUSE(10);
+
+} // namespace
+
+void Link::Open(const tcp::endpoint& address) {
+    asio::co_spawn(m_socket.get_executor(), Run(address),
+                   [self = shared_from_this()](const std::exception_ptr& error) {
+                       try {
+                           std::rethrow_exception(error); // it runs until something ends it
+                       } catch (const Fault& fault) {
+                           self->Close(fault.what());
+                       } catch (const std::exception&) {
+                           self->Close("");
+                       }
+                       self->m_user.OnClosed(*self, self->m_why);
+                   });
+}
+
+asio::awaitable<void> Link::Run(tcp::endpoint address) {
+    if (!m_socket.is_open()) {
+        co_await m_socket.async_connect(address, use_awaitable);
+        // A port that nobody listens on any more can be given to this very socket.
+        Check(m_socket.local_endpoint() != m_socket.remote_endpoint(), "connected to itself");
+    }
+    m_socket.set_option(tcp::no_delay(true));
+    m_open = true;
+    Write();
+    for (;;)
+        co_await Receive();
+}
+
+asio::awaitable<void> Link::Receive() {
+    uint8_t length[4];
+    uint8_t kind[2];
+    const std::array head{asio::buffer(length), asio::buffer(kind)};
+    co_await asio::async_read(m_socket, head, use_awaitable);
+    const uint32_t size = RtGetLittleEndian<uint32_t>(length);
+    Check(size <= FIELDS_LEN_MAX, "a frame that is too long");
+    const CRtMessageChain body = CRtMessageBlock::Create(size);
+    Check(body != nullptr, "no memory");
+    co_await asio::async_read(m_socket, asio::buffer(body->GetTopLevelWritePtr(), size),
+                              use_awaitable);
+    body->AdvanceTopLevelWritePtr(size);
+    heard = std::chrono::steady_clock::now();
+    m_user.OnFrame(*this, Kind{RtGetLittleEndian<uint16_t>(kind)}, *body);
+
+    asio::steady_timer pause(m_socket.get_executor());
+    while (m_backlog > BACKLOG_MAX && m_socket.is_open()) {
+        pause.expires_after(BACKLOG_PAUSE);
+        co_await pause.async_wait(use_awaitable);
+    }
+}
+
+void Link::Send(Kind kind, CRtMessageChain body) {
+    CRtMessageChain frame =
+        Pack(static_cast<uint32_t>(body->GetChainedLength()), static_cast<uint16_t>(kind));
+    frame->Append(std::move(body));
+    m_backlog += frame->GetChainedLength();
+    m_out.push_back(std::move(frame));
+    if (m_out.size() == 1)
+        Write();
+}
+
+// The first frame. Its buffers, views of a block's memory among them, stay until it is sent.
+void Link::Write() {
+    if (m_out.empty() || !m_open)
+        return;
+    std::vector<asio::const_buffer> buffers;
+    for (const CRtMessageBlock* each = m_out.front().get(); each; each = each->GetNext())
+        buffers.emplace_back(each->GetTopLevelReadPtr(), each->GetTopLevelLength());
+    asio::async_write(m_socket, buffers,
+                      [self = shared_from_this()](std::error_code error, size_t) {
+                          if (error)
+                              return self->Close("");
+                          self->m_backlog -= self->m_out.front()->GetChainedLength();
+                          self->m_out.pop_front();
+                          self->Write();
+                          self->m_user.OnDrained(*self);
+                      });
+}
+
+void Link::Close(const std::string& why) {
+    if (m_why.empty())
+        m_why = why;
+    std::error_code ignored;
+    m_socket.close(ignored);
+}

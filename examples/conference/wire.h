@@ -1,0 +1,112 @@
+// What goes over the wire: frames, and the link that carries them.
+//
+// A frame is the length of its fields (32 bits), its kind (16 bits) and its fields: little-endian
+// integers, texts with a 16-bit length before them. Whatever arrives is hostile until it was checked:
+// the length here, the fields where they are used. What no check can see is wrong bytes of the right
+// length; a product would send a digest of each block along with the file.
+#pragma once
+
+#include <IFileManager.h>
+#include <RtByteStream.h>
+
+#include <asio.hpp>
+#include <deque>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <string>
+
+enum class Kind : uint16_t {
+    HELLO = 1,   ///< magic, port for peers or 0, file or no text: whoever connects says it first
+    OFFER = 2,   ///< FMFileInfo: the presenter offers it, the server tells everybody
+    WANT = 3,    ///< block, priority
+    NOT_YET = 4, ///< block: it comes when it is here
+    PEERS = 5,   ///< block, count, then host and port of each: they have it
+    PIECE = 6,   ///< block, position, bytes
+    OWN = 7,     ///< block: the sender can serve it
+};
+
+constexpr uint32_t PIECE_LEN = 16 * 1024;
+constexpr uint32_t FIELDS_LEN_MAX = PIECE_LEN + 1024;
+constexpr uint16_t PEERS_MAX = 4;
+
+/// What a node does that it must not. It ends the link and nothing else.
+struct Fault : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+inline void Check(bool condition, const char* fault) {
+    if (!condition)
+        throw Fault(fault);
+}
+
+/// Fields in a buffer with room for some more.
+template <class... Fields>
+CRtMessageChain Pack(const Fields&... fields) {
+    CRtMessageChain body = CRtMessageBlock::Create(1024);
+    if (!body)
+        throw std::bad_alloc();
+    CRtByteStreamT out(*body);
+    static_cast<void>((out << ... << fields));
+    return body;
+}
+
+/// Takes the fields that a body begins with.
+template <class... Fields>
+void Take(CRtMessageBlock& body, Fields&... fields) {
+    CRtByteStreamT in(body);
+    static_cast<void>((in >> ... >> fields));
+    Check(in.IsGood(), "a frame that ends early");
+}
+
+/// Bytes of a block on their way out.
+struct Transfer {
+    CRtComAutoPtr<IFMBlock> block;
+    uint32_t pos = 0;
+};
+
+/// A connection with another node and what is known of that node. An operation under way keeps it
+/// alive; everything runs on the loop's thread.
+class Link : public std::enable_shared_from_this<Link> {
+public:
+    class User {
+    public:
+        /// Throws what ends the link.
+        virtual void OnFrame(Link& link, Kind kind, CRtMessageBlock& body) = 0;
+        virtual void OnDrained(Link& link) = 0; // everything is sent
+        /// The last call for that link, and never from inside one of its own operations. `why` is
+        /// empty when the other end simply went.
+        virtual void OnClosed(Link& link, const std::string& why) = 0;
+
+    protected:
+        ~User() = default;
+    };
+
+    Link(asio::ip::tcp::socket socket, User& user) : m_socket(std::move(socket)), m_user(user) {}
+    /// Starts it; a socket that is not connected yet is connected to `address` first.
+    void Open(const asio::ip::tcp::endpoint& address = {});
+    void Send(Kind kind, CRtMessageChain body);
+    void Close(const std::string& why);
+    /// Bytes that wait to be sent.
+    uint64_t GetBacklog() const { return m_backlog; }
+    asio::ip::address_v4 GetAddress() const { return m_socket.remote_endpoint().address().to_v4(); }
+
+    CRtComAutoPtr<ISDUser>
+        member;               ///< the node, as the file manager knows it; none before its HELLO
+    bool isPeer = false;      ///< a client that this one fetches from
+    std::set<uint32_t> wants; ///< blocks that it asked for and has not got
+    std::set<uint32_t> owns;  ///< blocks on which it is recorded as owner
+    std::deque<Transfer> transfers;
+    std::chrono::steady_clock::time_point heard = std::chrono::steady_clock::now();
+
+private:
+    asio::awaitable<void> Run(asio::ip::tcp::endpoint address);
+    asio::awaitable<void> Receive();
+    void Write();
+
+    asio::ip::tcp::socket m_socket;
+    User& m_user;
+    bool m_open = false;
+    std::string m_why;
+    std::deque<CRtMessageChain> m_out;
+    uint64_t m_backlog = 0;
+};
