@@ -20,7 +20,7 @@ public:
 private:
     void OnRoleFrame(Link& link, Kind kind, CRtMessageBlock& body) override {
         if (kind == Kind::OFFER)
-            return OnOffer(link, TakeFile(body));
+            return OnOffer(link, body);
         const uint32_t id = TakeBlockID(body);
         const auto fetch = m_fetches.find(id);
         Check(fetch != m_fetches.end() && fetch->second.from == &link && !fetch->second.begun,
@@ -31,13 +31,9 @@ private:
         OnPeers(id, body);
     }
 
-    void OnOffer(Link& link, const FMFileInfo& info) {
+    void OnOffer(Link& link, CRtMessageBlock& body) {
         Check(&link == m_source, "a file that is not the server's");
-        Check(!m_file || IsUsed(info.fileID), "another file than before");
-        if (FileRef file; !m_file) {
-            Check(RT_SUCCEEDED(m_cache.Manager().CreateFile(file.Receive(), info)), "no such file");
-            Use(std::move(file));
-        }
+        TakeFile(body);
         for (uint32_t i = 0; i < m_count; ++i) {
             // Everybody begins elsewhere, and so has soon something for the others.
             const uint32_t begin = m_options.index * m_count / m_options.clients;
@@ -77,16 +73,11 @@ private:
     }
 
     Link& PeerAt(const Endpoint& address) {
-        for (const auto& [key, link] : m_links) {
-            if (!link->isPeer)
-                continue;
-            const SDAddress& known = link->member->GetAddress();
-            if (known.m_port == address.port() &&
-                link->member->GetIP() == address.address().to_v4().to_uint())
+        for (const auto& [key, link] : m_links)
+            if (link->peer == address)
                 return *link;
-        }
         Link& link = Connect(address);
-        link.isPeer = true;
+        link.peer = address;
         return link;
     }
 

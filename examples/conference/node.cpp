@@ -45,14 +45,23 @@ Node::~Node() {
 
 // --- The file -----------------------------------------------------------------------------------
 
-FMFileInfo Node::TakeFile(CRtMessageBlock& body) {
+void Node::TakeFile(CRtMessageBlock& body) {
     FMFileInfo info;
     Check(RT_SUCCEEDED(info.DecodeFileInfo(body)), "a malformed file");
     Check(!(info.fileID == FMFileID_None) && info.blockBeg == 1 && info.name.size() <= 255,
           "a file that is none");
     Check(info.userValue > 0 && info.userValue <= FILE_LEN_MAX, "a file of no usable length");
     info.flag = 0; // how it is kept is this node's own affair
-    return info;
+    if (!m_file)
+        Create(info);
+    Check(IsUsed(info.fileID), "another file than before");
+    Check(m_file->GetFileInfo().userValue == info.userValue, "a file of another length");
+}
+
+void Node::Create(const FMFileInfo& info) {
+    FileRef file;
+    Check(RT_SUCCEEDED(m_cache.Manager().CreateFile(file.Receive(), info)), "no room for a file");
+    Use(std::move(file));
 }
 
 void Node::SendFile(Link& link) {
@@ -206,7 +215,7 @@ void Node::OnPiece(Link& link, CRtMessageBlock& body) {
     Check(RT_SUCCEEDED(block->WriteData(LengthOf(id), pos, &body)), "a piece that cannot be kept");
     body.AdvanceTopLevelReadPtr(length);
     fetch->second.begun = true;
-    (link.isPeer ? m_fromPeers : m_fromOthers) += length;
+    (link.peer.port() ? m_fromPeers : m_fromOthers) += length;
     if (!block->IsComplete())
         return;
     m_fetches.erase(fetch); // the block is on its way to the disk, and can be read already
@@ -341,7 +350,7 @@ void Node::CloseSilent() {
         if (!link->member && link->heard < oldest)
             link->Close("no greeting came");
     for (const auto& [id, fetch] : m_fetches)
-        if (fetch.from->isPeer && fetch.from->heard < oldest)
+        if (fetch.from->peer.port() && fetch.from->heard < oldest)
             fetch.from->Close("a peer that is silent");
 }
 

@@ -74,10 +74,12 @@ protected:
     void Disown(Link& link, uint32_t id);
     /// The file of this conference from now on.
     void Use(FileRef file);
+    void Create(const FMFileInfo& info);
     bool IsUsed(const FMFileID& id) const { return m_file && m_file->GetFileInfo().fileID == id; }
     void SendFile(Link& link);
-    /// A description from elsewhere, checked. Its `userValue` is the file's length in bytes.
-    static FMFileInfo TakeFile(CRtMessageBlock& body);
+    /// The same from a description that came, checked; its `userValue` is the file's length in bytes.
+    /// Later ones have to be of the same file.
+    void TakeFile(CRtMessageBlock& body);
     uint32_t TakeBlockID(CRtMessageBlock& body) const;
     uint32_t LengthOf(uint32_t id) const;
     BlockRef GetBlock(uint32_t id);

@@ -20,10 +20,7 @@ public:
         info.flag = FM_FILE_TEMPORARY; // this copy is of no use to a later run
         info.userValue = static_cast<uint32_t>(length);
         info.blockBeg = 1;
-        FileRef file;
-        if (RT_FAILED(cache.Manager().CreateFile(file.Receive(), info)))
-            throw std::runtime_error("the file cannot be cached");
-        Use(std::move(file));
+        Create(info);
         Fill();
     }
 

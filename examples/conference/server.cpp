@@ -30,7 +30,7 @@ private:
     void OnRoleFrame(Link& link, Kind kind, CRtMessageBlock& body) override {
         switch (kind) {
         case Kind::OFFER:
-            return OnOffer(link, TakeFile(body));
+            return OnOffer(link, body);
         case Kind::OWN:
             return OnOwn(link, TakeBlockID(body));
         default:
@@ -38,15 +38,10 @@ private:
         }
     }
 
-    void OnOffer(Link& link, const FMFileInfo& info) {
+    void OnOffer(Link& link, CRtMessageBlock& body) {
         Check(!m_source, "a second presenter");
-        Check(!m_file || IsUsed(info.fileID), "a second file");
-        if (FileRef file; !m_file) {
-            Check(RT_SUCCEEDED(m_cache.Manager().CreateFile(file.Receive(), info)), "no such file");
-            Use(std::move(file));
-        }
-        Check(m_file->GetFileInfo().userValue == info.userValue, "a file of another length");
-        std::cout << "file " << FMFileIDToString(info.fileID).c_str() << std::endl;
+        TakeFile(body);
+        std::cout << "file " << FMFileIDToString(m_file->GetFileInfo().fileID).c_str() << std::endl;
         m_source = &link;
         for (uint32_t id = 1; id <= m_count; ++id)
             OnLost(id);

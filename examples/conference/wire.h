@@ -91,10 +91,10 @@ public:
     asio::ip::address_v4 GetAddress() const { return m_socket.remote_endpoint().address().to_v4(); }
 
     CRtComAutoPtr<ISDUser>
-        member;               ///< the node, as the file manager knows it; none before its HELLO
-    bool isPeer = false;      ///< a client that this one fetches from
-    std::set<uint32_t> wants; ///< blocks that it asked for and has not got
-    std::set<uint32_t> owns;  ///< blocks on which it is recorded as owner
+        member;                   ///< the node, as the file manager knows it; none before its HELLO
+    asio::ip::tcp::endpoint peer; ///< where a client is reached that this one fetches from
+    std::set<uint32_t> wants;     ///< blocks that it asked for and has not got
+    std::set<uint32_t> owns;      ///< blocks on which it is recorded as owner
     std::deque<Transfer> transfers;
     std::chrono::steady_clock::time_point heard = std::chrono::steady_clock::now();
 
