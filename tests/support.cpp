@@ -22,7 +22,8 @@ fs::path MakeTempDir() {
 TempDir::TempDir() : path(MakeTempDir()) {}
 TempDir::~TempDir() {
     std::error_code ignored; // a test may have made something that cannot be removed
-    fs::remove_all(path, ignored);
+    if (m_mine)
+        fs::remove_all(path, ignored);
 }
 
 LogCapture::LogCapture(int level) { RtSetLogSink(&LogCapture::Take, this, level); }
@@ -51,6 +52,8 @@ std::string LogCapture::Text() const {
 }
 
 Cache::Cache(int server, uint16_t days) : isServer(server), clearDays(days) { Start(); }
+
+Cache::Cache(const fs::path& existing) : dir(existing), isServer(1), clearDays(7) { Start(); }
 
 Cache::~Cache() {
     Stop();

@@ -19,8 +19,12 @@ namespace fs = std::filesystem;
 class TempDir {
 public:
     TempDir();
+    explicit TempDir(const fs::path& existing) : path(existing), m_mine(false) {}
     ~TempDir();
     const fs::path path;
+
+private:
+    const bool m_mine = true;
 };
 
 class TestClock final : public IRtClock {
@@ -69,6 +73,7 @@ using BlockRef = CRtComAutoPtr<IFMBlock>;
 class Cache {
 public:
     explicit Cache(int isServer = 1, uint16_t clearDays = 7);
+    explicit Cache(const fs::path& existing); // a server
     ~Cache();
     void Start();
     void Stop() { manager->UnInitialize(); }

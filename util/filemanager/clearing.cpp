@@ -9,14 +9,24 @@
 
 void CFileManager::ClearDiskCache() {
     RT_LOG(RT_LOG_TRACE, "CFileManager::ClearDiskCache, data dir=" << m_rootDir);
+    EndDirectoryUse();
     // A server's root is whatever directory it was given, and may hold anything beside the store.
     if (!m_rootIsOurs)
-        return RemoveDir(m_dataDir);
+        return ClearStore();
     if (RemoveDeadDirectories(false) > 0)
         return;
     RT_LOG(RT_LOG_TRACE, "CFileManager::RemoveDir. Dir:" << m_rootDir);
     if (RemoveDeadDirectories(true) == 0)
         RtOs::RemoveEmptyDirectory(m_rootDir); // fails, as it should, when something has appeared
+}
+
+void CFileManager::ClearStore() {
+    RtOs::DirectoryWalk store(m_dataDir);
+    if (store.TakeAlone())
+        RemoveDir(m_dataDir);
+    else
+        RT_LOG(RT_LOG_WARNING,
+               "CFileManager::ClearDiskCache, another process uses the store, dir=" << m_dataDir);
 }
 
 // Removes the directories of processes that run no more, with `filesToo` also what else lies in the
@@ -31,14 +41,23 @@ int CFileManager::RemoveDeadDirectories(bool filesToo) {
     CRtString name;
     bool isDirectory = false;
     while (walk.Next(name, isDirectory)) {
-        if (isDirectory && IsOtherProcessAlive(name))
-            ++alive;
-        else if (isDirectory && mayRemove)
-            RemoveTree(root, m_rootDir, name);
-        else if (!isDirectory && filesToo && mayRemove)
+        if (isDirectory)
+            alive += RemoveIfDead(walk, name, mayRemove) ? 0 : 1;
+        else if (filesToo && mayRemove)
             root.RemoveFile(name);
     }
     return alive;
+}
+
+// The process of another container may be in a directory although no process of that id runs here, or
+// this very one.
+bool CFileManager::RemoveIfDead(RtOs::DirectoryWalk& root, const CRtString& name, bool mayRemove) {
+    RtOs::DirectoryWalk directory(root, name);
+    if (IsOtherProcessAlive(name) || !directory.TakeAlone())
+        return false;
+    if (mayRemove)
+        RemoveTree(root, m_rootDir, name);
+    return true;
 }
 
 int CFileManager::IsOtherProcessAlive(const CRtString& name) {
@@ -81,7 +100,7 @@ void CFileManager::ExamineFile(const CRtString& stem) {
         return;
     {
         const FileRef file(new (std::nothrow) CFMFile(stem));
-        if (file && file->IsHouseKeeping())
+        if (file && file->TakeDiskFile() && file->IsHouseKeeping())
             file->ClerDiskFile_m();
     }
     const std::lock_guard lock(m_registryMutex);

@@ -53,11 +53,19 @@ void CFileManager::SetDataDir(const CRtString& dataDir) {
 }
 
 int CFileManager::CheckDataDir() {
-    if (DirExists(m_dataDir))
-        return 1;
-    CreateDir(m_dataDir);
-    RtOs::SetHidden(m_rootDir);
+    if (!DirExists(m_dataDir)) {
+        CreateDir(m_dataDir);
+        RtOs::SetHidden(m_rootDir);
+    }
+    auto use = std::make_unique<RtOs::DirectoryUse>(m_dataDir);
+    const std::lock_guard lock(m_registryMutex);
+    m_dataDirUse.swap(use); // it may be another directory of the same name by now
     return 1;
+}
+
+void CFileManager::EndDirectoryUse() {
+    const std::lock_guard lock(m_registryMutex);
+    m_dataDirUse.reset();
 }
 
 CRtString CFileManager::GetDefaultDataDir() {

@@ -14,7 +14,8 @@ namespace {
 constexpr char SOURCE[] = "util/filemanager/diskfile";
 } // namespace
 
-CDiskFile::CDiskFile(const CRtString& strFileName) : m_strFileName(strFileName) {
+CDiskFile::CDiskFile(const CRtString& strFileName, uint32_t flags)
+    : m_strFileName(strFileName), m_flags(flags) {
     RT_LOG(RT_LOG_TRACE, "CDiskFile::CDiskFile, filename=" << m_strFileName << " this=" << this);
     RT_CHECK(SOURCE, !strFileName.empty(), "!strFileName.empty()");
 }
@@ -35,18 +36,52 @@ int CDiskFile::Open(const CRtString& strFileName, int bCreate) {
     CStreamKeeper& keeper = CStreamKeeper::Instance();
     keeper.MakeRoom();
     int error = 0;
-    FILE* stream = RtOs::OpenStream(strFileName, bCreate != 0, error);
+    bool created = false;
+    const uint32_t flags = m_flags | (bCreate ? uint32_t{RtOs::OPEN_CREATE} : 0);
+    FILE* stream = RtOs::OpenStream(strFileName, flags, error, created);
     while (!stream && RtOs::IsOutOfStreams(error) && keeper.GiveBack())
-        stream = RtOs::OpenStream(strFileName, bCreate != 0, error);
+        stream = RtOs::OpenStream(strFileName, flags, error, created);
+    m_isInUse = !stream && RtOs::IsInUse(error);
     if (!stream) {
         RT_LOG(RT_LOG_ERROR, "CDiskFile::Open. fopen Failed. error="
                                  << error << " Filename=" << strFileName << " this=" << this);
         return RT_ERROR_IO;
     }
     m_pFile = stream;
-    m_knownLength = 0;
     m_strFileName = strFileName;
+    NoteOpening(created);
     return RT_OK;
+}
+
+void CDiskFile::NoteOpening(bool created) {
+    const uint64_t length = RtOs::GetStamp(m_pFile).length;
+    m_opening = {m_opening.count + 1, created, length > m_reach};
+    m_knownLength = length;
+    m_reach = std::max(m_reach, length);
+    m_lookedAt = GetTickCountEx();
+}
+
+// A stream whose file was removed or replaced would go on working, for nobody. Looked at now and then: a
+// look is a call of the system.
+bool CDiskFile::IsStreamTrue() {
+    constexpr uint64_t intervalMs = 1000;
+    const uint64_t now = GetTickCountEx();
+    if (now - m_lookedAt < intervalMs)
+        return true;
+    m_lookedAt = now;
+    const RtOs::FileStamp file = RtOs::GetStamp(m_strFileName);
+    if (file.IsSameFile(RtOs::GetStamp(m_pFile)) && file.length >= m_knownLength)
+        return true;
+    RT_LOG(RT_LOG_WARNING, "CDiskFile::IsOpen, removed or cut by others, filename="
+                               << m_strFileName << " this=" << this);
+    return false;
+}
+
+bool CDiskFile::TakeExisting() {
+    const CStreamKeeper::CUse use(*this);
+    if (m_pFile || !CFileManager::FileExists(m_strFileName))
+        return true;
+    return RT_SUCCEEDED(Open(m_strFileName, 0)) || !m_isInUse;
 }
 
 int CDiskFile::Close() {
@@ -59,7 +94,7 @@ int CDiskFile::Close() {
 
 int CDiskFile::IsOpen() {
     const CStreamKeeper::CUse use(*this);
-    if (m_pFile)
+    if (m_pFile && IsStreamTrue())
         return 1;
     if (!m_strFileName.empty() && RT_FAILED(Open(m_strFileName, 1))) {
         // The data directory may have been removed while the system runs.
@@ -85,6 +120,7 @@ int CDiskFile::WriteData(const void* lpBuffer, uint64_t dwOffset, uint32_t dwLen
         RT_LOG(RT_LOG_ERROR, "CDiskFile::WriteData. Can't Open File. this=" << this);
         return RT_ERROR_IO;
     }
+    m_reach = std::max(m_reach, dwOffset + dwLength); // also of a write that stops half way
     const RtOs::Transfer result = RtOs::WriteAt(m_pFile, dwOffset, lpBuffer, dwLength);
     if (result != RtOs::Transfer::Done)
         return Fail(result, {"CDiskFile::WriteData. ", "fwrite", " filename="}, dwLength, dwOffset);
@@ -127,15 +163,19 @@ int CDiskFile::Fail(RtOs::Transfer result, const FailureTexts& texts, uint32_t d
 
 int CDiskFile::GetLength(uint64_t& length) {
     const CStreamKeeper::CUse use(*this);
-    return IsOpen() && RtOs::GetStreamLength(m_pFile, length) ? RT_OK : RT_ERROR_IO;
+    if (!IsOpen())
+        return RT_ERROR_IO;
+    const RtOs::FileStamp stamp = RtOs::GetStamp(m_pFile);
+    length = stamp.length;
+    return stamp.exists ? RT_OK : RT_ERROR_IO;
 }
 
 bool CDiskFile::Reaches(uint64_t end) {
     const CStreamKeeper::CUse use(*this);
     if (!IsOpen())
         return false;
-    if (m_knownLength < end && !RtOs::GetStreamLength(m_pFile, m_knownLength))
-        m_knownLength = 0;
+    if (m_knownLength < end)
+        m_knownLength = RtOs::GetStamp(m_pFile).length;
     return m_knownLength >= end;
 }
 
@@ -149,6 +189,7 @@ int CDiskFile::RemoveMee() {
                                  << result << " Filename=" << m_strFileName << " this=" << this);
         return RT_ERROR_IO;
     }
+    m_reach = 0;
     return RT_OK;
 }
 
@@ -168,13 +209,27 @@ int CInfoFile::WriteFileInfo(const void* body, uint32_t length) {
 int CInfoFile::WriteBlockInfo(const void* body, uint32_t length) {
     if (!RT_CHECK(SOURCE, m_fileInfoLen > 0, "m_fileInfoLen >0"))
         return RT_ERROR_NOT_READY;
-    const uint64_t offset = uint64_t{FM_INFO_BODY_OFFSET} + m_fileInfoLen;
+    // The length comes last: a body that is half written, over an older one, is never taken for whole.
+    int ret = Invalidate();
+    if (RT_SUCCEEDED(ret))
+        ret = WriteData(body, GetBlockBodyOffset(), length, 1);
+    return RT_SUCCEEDED(ret) ? WriteBlockInfoLength(length) : ret;
+}
+
+int CInfoFile::Invalidate() { return WriteBlockInfoLength(FM_INFO_LENGTH_INVALID); }
+
+int CInfoFile::WriteBlockInfoLength(uint32_t length) {
     uint8_t prefix[FM_INFO_LENGTH_SIZE] = {};
     FMPutLength(length, prefix);
-    const int ret = WriteData(prefix, offset, sizeof(prefix), 0);
-    if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
-        return ret;
-    return WriteData(body, offset + sizeof(prefix), length, 1);
+    const int ret = WriteData(prefix, GetBlockBodyOffset() - sizeof(prefix), sizeof(prefix), 1);
+    RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)");
+    return ret;
+}
+
+// One byte, which no crash can halve: the sign of the offset.
+int CInfoFile::RevokeEntry(uint32_t at) {
+    constexpr uint8_t negative = 0x80;
+    return WriteData(&negative, uint64_t{at} + FM_INFO_ENTRY_SIZE - 1, sizeof(negative), 1);
 }
 
 int CInfoFile::ReaddFileInfo(void* buffer, uint32_t* length) {

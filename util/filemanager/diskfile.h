@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "FMInfoCodec.h"
 #include "RtReferenceControl.h"
 #include "RtString.h"
 #include "os/RtOs.h"
@@ -11,10 +12,11 @@
 /// One path, opened on first use, created when missing, with positioned reads and writes of whole
 /// records. One thread at a time uses an object; which one, its file says. The stream stays open between
 /// calls, unless the process runs short of streams: then the one that was used least recently is closed
-/// and comes back on its next use.
+/// and comes back on its next use. It also comes back when its file is found removed, replaced or cut.
 class CDiskFile : public CRtReferenceControl {
 public:
-    explicit CDiskFile(const CRtString& strFileName);
+    /// With `flags` RtOs::OPEN_ALONE other processes cannot have the file so while the stream is open.
+    explicit CDiskFile(const CRtString& strFileName, uint32_t flags = 0);
 
     /// 0; 10006 the disk failed; 10008 no buffer or length 0.
     int WriteData(const void* lpBuffer, uint64_t dwOffset, uint32_t dwLength, int bFlush);
@@ -32,7 +34,17 @@ public:
     /// Whether the file has bytes up to `end`, as far as this stream knows: a file that somebody cuts
     /// meanwhile shows in the read. Makes a missing file as a read would.
     bool Reaches(uint64_t end);
+    /// Opens the file, if there is one. False when another process has it.
+    bool TakeExisting();
     const CRtString& GetFileName() const { return m_strFileName; }
+
+    /// What the latest opening of the stream found.
+    struct Opening {
+        uint32_t count = 0;    ///< streams that were opened so far
+        bool created = false;  ///< there was no file
+        bool stranger = false; ///< there were bytes that this object has neither seen nor written
+    };
+    const Opening& GetOpening() const { return m_opening; }
 
 protected:
     ~CDiskFile() override;
@@ -46,10 +58,17 @@ private:
     };
     int Fail(RtOs::Transfer result, const FailureTexts& texts, uint32_t dwLength,
              uint64_t dwOffset);
+    void NoteOpening(bool created);
+    bool IsStreamTrue();
 
     CRtString m_strFileName;
+    const uint32_t m_flags;
     FILE* m_pFile = nullptr;    // changed by another thread only while the stream is not in use
     uint64_t m_knownLength = 0; // the file had this many bytes, since the stream was opened
+    uint64_t m_reach = 0;       // no byte was seen or written beyond this
+    uint64_t m_lookedAt = 0;    // tick count of the last look at what the path names
+    bool m_isInUse = false;     // by another process, at the latest try to open it
+    Opening m_opening;
     // The keeper's: links from the least to the most recently used stream, and whether it is in use.
     CDiskFile* m_pOlder = nullptr;
     CDiskFile* m_pNewer = nullptr;
@@ -72,8 +91,18 @@ public:
     /// `capacity`: in, the size of the buffer; out, L2. A capacity below L2 only asks for L2.
     int ReaddBlockInfo(void* buffer, uint32_t* capacity);
 
+    // After a file body was read or written.
+    /// The file loads no more, until a block body is written.
+    int Invalidate();
+    /// The entry at that offset of the file names no bytes any more.
+    int RevokeEntry(uint32_t at);
+    uint32_t GetBlockBodyOffset() const {
+        return FM_INFO_BODY_OFFSET + m_fileInfoLen + FM_INFO_LENGTH_SIZE;
+    }
+
 private:
     ~CInfoFile() override = default;
+    int WriteBlockInfoLength(uint32_t length);
 
     uint32_t m_fileInfoLen = 0; // L1 as last written or read
 };

@@ -1,8 +1,10 @@
 // The manager's life, its threads and the registry of open files.
 #include "filemanager.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <ctime>
+#include <future>
 
 #include "RtLog.h"
 #include "RtResult.h"
@@ -10,6 +12,7 @@
 #include "RtUtilTemplates.h"
 #include "fmblock.h"
 #include "fmfunctor.h"
+#include "streamkeeper.h"
 
 namespace {
 
@@ -19,6 +22,15 @@ constexpr size_t SERVER_MEMORY_LIMIT = 536870912;
 constexpr size_t CLIENT_MEMORY_LIMIT = 67108864;
 
 using CFileManagerHolder = CRtSingletonHolder<CFileManager>;
+
+// Its end, whether it ran or not, is the signal.
+class CFMSignal final : public CFMFunctorBase {
+public:
+    explicit CFMSignal(std::promise<void> reached) : m_reached(std::move(reached)) {}
+
+private:
+    std::promise<void> m_reached;
+};
 
 // Takes every event, as the queues do: one that cannot be queued is disposed of here.
 int Refuse(IRtEvent* event, int result) {
@@ -89,13 +101,31 @@ void CFileManager::UnInitialize() {
     LogStatistics("CFileManager::UnInitialize, statistics ");
     m_init = 0;
     m_timer.Cancel();
+    WaitForDisk();
     CloseAllFiles();
     StopReadwrThread();
     WriteWaitingInfo();
     m_pCallerTd = nullptr;
     if (m_clearDays == 1)
         ClearDiskCache();
+    EndDirectoryUse();
     RT_LOG(RT_LOG_TRACE, "CFileManager::UnInitialize, End. ");
+}
+
+// A disk may take its time, and whoever waits for it wants to know what for.
+void CFileManager::WaitForDisk() {
+    constexpr std::chrono::milliseconds patience(500);
+    constexpr std::chrono::seconds interval(10);
+    std::promise<void> reached;
+    std::future<void> isReached = reached.get_future();
+    if (!m_pReadwrTd || RT_FAILED(PostToReadwrThread(new CFMSignal(std::move(reached)), 0)))
+        return;
+    if (isReached.wait_for(patience) == std::future_status::ready)
+        return;
+    do {
+        RT_LOG(RT_LOG_WARNING, "CFileManager::UnInitialize, waiting for the disk, in use:"
+                                   << CStreamKeeper::Instance().GetNamesInUse());
+    } while (isReached.wait_for(interval) != std::future_status::ready);
 }
 
 void CFileManager::CloseAllFiles() {
@@ -228,7 +258,10 @@ CFMFile* CFileManager::LoadFile(const CRtString& stem) {
     const CRtString infoPath = m_dataDir + stem + ".sdi";
     const bool infoExisted = FileExists(infoPath);
     FileRef file(new (std::nothrow) CFMFile(stem));
-    if (file && file->LoadFileInfo() && file->LoadBlokInfo()) {
+    if (file && !file->TakeDiskFile())
+        RT_LOG(RT_LOG_WARNING,
+               "CFileManager::LoadFile, another process has the file, fileID=" << stem);
+    else if (file && file->LoadFileInfo() && file->LoadBlokInfo()) {
         RegisterFile(file, file->GetFileInfo().fileID);
         return file.Get(); // the registry's reference keeps it
     }
@@ -247,8 +280,10 @@ void CFileManager::SettlePredecessors(const FMFileID& pathID) {
         return;
     if (m_pReadwrTd)
         PostToReadwrThread(new CFMFunctorBase, 1);
-    for (const FileRef& file : predecessors)
+    for (const FileRef& file : predecessors) {
         file->SaveWaitingInfo();
+        file->CloseStreams();
+    }
 }
 
 void CFileManager::RegisterFile(const FileRef& file, const FMFileID& id) {

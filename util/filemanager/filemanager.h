@@ -106,6 +106,7 @@ private:
     int CheckValid();
     void StartThreads();
     void StopReadwrThread();
+    void WaitForDisk();
     void CloseAllFiles();
     void WriteWaitingInfo();
 
@@ -132,7 +133,10 @@ private:
     static CRtString GetMaxDrive();
     static CRtString GetDefaultDir();
     void ClearDiskCache();
+    void ClearStore();
+    void EndDirectoryUse();
     int RemoveDeadDirectories(bool filesToo);
+    bool RemoveIfDead(RtOs::DirectoryWalk& root, const CRtString& name, bool mayRemove);
     /// The tree `name` in an open directory whose path is `base`.
     static void RemoveTree(RtOs::DirectoryWalk& parent, const CRtString& base,
                            const CRtString& name);
@@ -164,6 +168,7 @@ private:
     // The small lock between the registry and the read/write thread. Nothing is released, called or
     // waited for under it but the claim.
     std::mutex m_registryMutex;
+    std::unique_ptr<RtOs::DirectoryUse> m_dataDirUse; // tells other processes; under the lock
     std::condition_variable m_claimEnded;
     // Every file that was registered and still lives, by the identifier that its path spells: a closed
     // one may have work queued or be held by its users.

@@ -16,6 +16,7 @@
 #include "filemanager.h"
 #include "fmfile.h"
 #include "fmfunctor.h"
+#include "streamkeeper.h"
 
 namespace {
 
@@ -112,11 +113,19 @@ bool CFMBlock::FreeMemory() {
     const bool full = 2 * manager->GetMemoryLimit() < manager->GetMemoryInUse();
     if (MsSince(m_lastAccessTime) <= (full ? IDLE_MS_WHEN_FULL : IDLE_MS))
         return true;
+    if (const TransferLock lock(m_file->GetTransferMutex()); IsLost())
+        return true; // a tick stores it again
     RT_LOG(RT_LOG_TRACE, "CFMBlock::FreeMemory, fileID=" << FMFileIDToString(GetFileID())
                                                          << ",blockID=" << m_blockID
                                                          << " this=" << this);
     FreeData();
     return false;
+}
+
+// Its bytes are on disk no more, or may be another block's. Under the transfer mutex.
+bool CFMBlock::IsLost() const {
+    return m_origin.isDoubtful ||
+           m_file->IsInGap(m_gapsBefore, m_posInFile, m_posInFile + m_totalLen);
 }
 
 // --- Writing ------------------------------------------------------------------------------------
@@ -181,10 +190,10 @@ void CFMBlock::BeginRewrite(uint32_t blockLen) {
     FreeData();
     m_file->MarkInfoChanged(); // the bytes of the entry that stands are gone for the caller
     m_position = 0;
-    if (m_totalLen != blockLen || m_placeIsShared) {
+    if (m_totalLen != blockLen || m_origin.placeIsShared) {
         m_posInFile = 0;
         m_totalLen = 0;
-        m_placeIsShared = false;
+        m_origin = {};
     }
 }
 
@@ -244,6 +253,8 @@ void CFMBlock::EndStore(int result) {
     m_storeBytes = nullptr;
     if (RT_SUCCEEDED(result)) {
         m_state = BLOCK_STATE_STORED;
+        m_origin = {};
+        m_gapsBefore = m_file->GetGapCount();
         return;
     }
     m_storeFailed.store(true, std::memory_order_release);
@@ -253,7 +264,8 @@ void CFMBlock::EndStore(int result) {
 
 void CFMBlock::RetryStore() {
     const TransferLock lock(m_file->GetTransferMutex());
-    if (m_storeFailed && m_data && IsComplete())
+    const bool wanted = m_storeFailed || (!m_storeBytes && IsLost());
+    if (wanted && m_data && IsComplete())
         PostStore();
 }
 
@@ -266,6 +278,7 @@ int CFMBlock::WriteToFile(CRtMessageBlock* aData) {
     CheckReadwrThread();
     CDiskFile* disk = m_file ? m_file->GetDiskFile() : nullptr;
     int64_t pos = 0;
+    uint32_t entryAt = 0;
     const char* bytes = aData ? aData->GetTopLevelReadPtr() : nullptr;
     int result = RT_OK;
     {
@@ -276,13 +289,15 @@ int CFMBlock::WriteToFile(CRtMessageBlock* aData) {
         }
         m_storeEvent = nullptr;
         pos = m_posInFile;
+        entryAt = m_origin.entryAt;
         if (!RT_CHECK(SOURCE, disk, "m_file.Get() && m_file->GetDiskFile()") ||
             !RT_CHECK(SOURCE, IsComplete() && aData, "IsComplete() && aData"))
             result = RT_ERROR_NOT_READY;
     }
     if (RT_SUCCEEDED(result)) {
         const uint32_t length = aData->GetTopLevelLength();
-        result = m_file->DiscardPredecessor();
+        const CStreamKeeper::CUse use(*disk); // one stream for all steps
+        result = m_file->PrepareStore(pos, entryAt);
         if (RT_SUCCEEDED(result))
             result = disk->WriteData(bytes, static_cast<uint64_t>(pos), length, 1);
         if (RT_FAILED(result))
@@ -299,13 +314,13 @@ int CFMBlock::WriteToFile(CRtMessageBlock* aData) {
 
 FMBlockEntry CFMBlock::Describe() {
     const TransferLock lock(m_file->GetTransferMutex());
-    if (!IsComplete() || IsStoreFailed())
+    if (!IsComplete() || IsStoreFailed() || (!m_storeBytes && IsLost()))
         return {m_blockID, 0, 0};
     return {m_blockID, m_totalLen, m_posInFile};
 }
 
-void CFMBlock::Restore(const FMBlockEntry& entry, bool placeIsShared) {
-    m_placeIsShared = placeIsShared;
+void CFMBlock::Restore(const FMBlockEntry& entry, const Origin& origin) {
+    m_origin = origin;
     m_totalLen = entry.totalLen;
     m_position = entry.totalLen;
     if (IsComplete())
@@ -416,6 +431,7 @@ int CFMBlock::ReadFromFile(uint32_t len, int bSync) {
 int CFMBlock::LoadBytes(uint32_t len, CRtMessageChain& buffer) {
     CDiskFile* disk = m_file ? m_file->GetDiskFile() : nullptr;
     int64_t pos = 0;
+    bool lost = false;
     {
         const TransferLock lock(m_file->GetTransferMutex());
         if (!RT_CHECK(SOURCE, disk, "m_file.Get() && m_file->GetDiskFile()") ||
@@ -424,9 +440,13 @@ int CFMBlock::LoadBytes(uint32_t len, CRtMessageChain& buffer) {
         if (len != m_totalLen)
             return RT_ERROR_NOT_READY; // written anew with another length since it was asked for
         pos = m_posInFile;
+        lost = IsLost();
     }
+    const CStreamKeeper::CUse use(*disk); // one stream for all steps
+    int result = lost ? RT_ERROR_IO : m_file->PrepareLoad();
     // No buffer is made that the data file could not fill.
-    int result = disk->Reaches(static_cast<uint64_t>(pos) + len) ? RT_OK : RT_ERROR_IO;
+    if (RT_SUCCEEDED(result) && !disk->Reaches(static_cast<uint64_t>(pos) + len))
+        result = RT_ERROR_IO;
     if (RT_SUCCEEDED(result)) {
         buffer = CRtMessageBlock::Create(len);
         result =

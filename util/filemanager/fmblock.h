@@ -60,7 +60,12 @@ public:
     /// to be, on disk.
     FMBlockEntry Describe();
     /// Takes what a stored entry says. Before anybody else sees the block.
-    void Restore(const FMBlockEntry& entry, bool placeIsShared);
+    struct Origin {
+        uint32_t entryAt;   ///< where the entry lies in the information file
+        bool placeIsShared; ///< a damaged table names the range for another block too
+        bool isDoubtful;    ///< and that one has its bytes there as well
+    };
+    void Restore(const FMBlockEntry& entry, const Origin& origin);
     bool IsStorePending();
     bool IsStored() const { return m_state == BLOCK_STATE_STORED; }
     bool IsStoreFailed() const { return m_storeFailed.load(std::memory_order_acquire); }
@@ -78,6 +83,7 @@ private:
     };
 
     bool CheckValid();
+    bool IsLost() const;
     void AllocData();
     void FreeData();
     void SetData(CRtMessageBlock* aData);
@@ -100,8 +106,9 @@ private:
     std::list<FMRetrieveItem> m_retrieves;
     CRtMessageChain m_data;
     uint64_t m_lastAccessTime;
-    int64_t m_posInFile = 0;      // under the transfer mutex
-    bool m_placeIsShared = false; // a damaged table names the range for another block too
+    int64_t m_posInFile = 0; // under the transfer mutex
+    Origin m_origin{};       // under the transfer mutex
+    size_t m_gapsBefore = 0; // the file's, when the bytes on disk were written; under the mutex
     std::atomic<uint32_t> m_state{BLOCK_STATE_EMPTY};
     std::list<IFMBlockSink*> m_readsinks;
 

@@ -46,7 +46,7 @@ CFMFile::CFMFile(const CRtString& stem) {
 
 void CFMFile::MakeDiskFiles(const CRtString& stem) {
     const CRtString path = CFileManager::Instance()->GetDataDir() + stem;
-    m_diskFile = new (std::nothrow) CDiskFile(path + ".sdd");
+    m_diskFile = new (std::nothrow) CDiskFile(path + ".sdd", RtOs::OPEN_ALONE);
     RT_CHECK(SOURCE, m_diskFile, "m_diskFile");
     m_infoFile = new (std::nothrow) CInfoFile(path + ".sdi");
     RT_CHECK(SOURCE, m_infoFile, "m_infoFile");
@@ -157,7 +157,7 @@ void CFMFile::FreeBlocksMemory() {
 }
 
 void CFMFile::RetryFailedStores() {
-    if (!m_storeFailed.exchange(false))
+    if (m_retired.load(std::memory_order_acquire) || !m_storeFailed.exchange(false))
         return;
     for (const auto& block : m_blocks) {
         if (block)
@@ -192,6 +192,10 @@ void CFMFile::ReleaseBlocks() {
 
 void CFMFile::Retire() {
     m_retired.store(true, std::memory_order_release);
+    CloseStreams();
+}
+
+void CFMFile::CloseStreams() {
     if (m_diskFile)
         m_diskFile->Close();
     if (m_infoFile)
@@ -203,11 +207,96 @@ void CFMFile::Retire() {
 int CFMFile::DiscardPredecessor() {
     if (!m_overPredecessor.load(std::memory_order_acquire))
         return RT_OK;
-    int result = m_infoFile ? m_infoFile->RemoveMee() : RT_OK;
+    // Another process that has the old one open keeps it.
+    int result = !m_diskFile || m_diskFile->TakeExisting() ? RT_OK : RT_ERROR_IO;
+    if (RT_SUCCEEDED(result) && m_infoFile)
+        result = m_infoFile->RemoveMee();
     if (RT_SUCCEEDED(result) && m_diskFile)
         result = m_diskFile->RemoveMee();
     if (RT_SUCCEEDED(result))
         m_overPredecessor.store(false, std::memory_order_release);
+    return result;
+}
+
+bool CFMFile::TakeDiskFile() {
+    const bool taken = !m_diskFile || m_diskFile->TakeExisting();
+    m_openings = m_diskFile ? m_diskFile->GetOpening().count : 0;
+    return taken;
+}
+
+int CFMFile::PrepareLoad() { return m_diskFile->IsOpen() ? CheckOpening() : RT_ERROR_IO; }
+
+int CFMFile::PrepareSave() {
+    const int result = DiscardPredecessor();
+    if (RT_FAILED(result) || !m_diskFile)
+        return result;
+    return m_diskFile->TakeExisting() ? CheckOpening() : RT_ERROR_IO;
+}
+
+int CFMFile::CheckOpening() {
+    const CDiskFile::Opening& opening = m_diskFile->GetOpening();
+    if (opening.count == m_openings)
+        return RT_OK;
+    // The stream was away for a while, and with it what keeps other processes out.
+    const RtOs::FileStamp info = RtOs::GetStamp(m_infoFile->GetFileName());
+    if (IsTakenByOthers(info)) {
+        RT_LOG(RT_LOG_ERROR, "CFMFile::CheckOpening, another process has changed the file, fileID="
+                                 << FMFileIDToString(m_pathID) << " this=" << this);
+        m_retired.store(true, std::memory_order_release);
+        m_diskFile->Close();
+        return RT_ERROR_NOT_READY;
+    }
+    m_openings = opening.count;
+    m_infoStamp = info;
+    return RT_OK;
+}
+
+// A data file that is missing was not taken but removed: it is begun anew.
+bool CFMFile::IsTakenByOthers(const RtOs::FileStamp& info) const {
+    const CDiskFile::Opening& opening = m_diskFile->GetOpening();
+    if (opening.created || m_openings == 0)
+        return false;
+    return opening.stranger || !(info == m_infoStamp);
+}
+
+int CFMFile::PrepareStore(int64_t pos, uint32_t entryAt) {
+    int result = DiscardPredecessor();
+    if (RT_SUCCEEDED(result))
+        result = PrepareLoad();
+    uint64_t length = 0;
+    if (RT_SUCCEEDED(result) && !m_diskFile->Reaches(static_cast<uint64_t>(pos)))
+        result = m_diskFile->GetLength(length) == RT_OK ? NoteGap(static_cast<int64_t>(length), pos)
+                                                        : RT_ERROR_IO;
+    if (RT_SUCCEEDED(result) && entryAt != 0)
+        result = Revoke(entryAt);
+    return result;
+}
+
+// Bytes that lay there were cut off with the end of the file. They must not come back as zeros, in this
+// run or, by way of the table that is on disk, in a later one.
+int CFMFile::NoteGap(int64_t begin, int64_t end) {
+    if (begin < m_tableEnd) {
+        if (const int result = m_infoFile->Invalidate(); RT_FAILED(result))
+            return result;
+        m_infoStamp = RtOs::GetStamp(m_infoFile->GetFileName());
+        m_tableEnd = 0;
+    }
+    const std::lock_guard lock(m_transferMutex);
+    m_gaps.push_back({begin, end});
+    MarkStoreFailed(); // blocks that are still in memory are stored again
+    return RT_OK;
+}
+
+bool CFMFile::IsInGap(size_t since, int64_t pos, int64_t end) const {
+    return std::any_of(m_gaps.begin() + static_cast<std::ptrdiff_t>(since), m_gaps.end(),
+                       [=](const Gap& gap) { return pos < gap.end && gap.begin < end; });
+}
+
+int CFMFile::Revoke(uint32_t entryAt) {
+    if (!CFileManager::FileExists(m_infoFile->GetFileName()))
+        return RT_OK;
+    const int result = m_infoFile->RevokeEntry(entryAt);
+    m_infoStamp = RtOs::GetStamp(m_infoFile->GetFileName());
     return result;
 }
 

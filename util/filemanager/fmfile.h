@@ -68,6 +68,19 @@ public:
     /// Removes what an earlier file of this identifier left on disk, its information first, before this
     /// file's first byte is written. Any thread, while the other does not use the disk files. 0, 10006.
     int DiscardPredecessor();
+    /// Keeps other processes out of the data file, if there is one. False when one of them has it.
+    bool TakeDiskFile();
+    /// Others in this process may take the path: nothing of this file runs on the read/write thread now.
+    void CloseStreams();
+    /// Both on the read/write thread, before bytes are read, or written at `pos`: the data file is open
+    /// and still this file's, and the information file says nothing of the bytes that the write changes.
+    /// `entryAt`: the entry that names the place, or 0. 0, 10006, 10015 when the file is another's now.
+    int PrepareLoad();
+    int PrepareStore(int64_t pos, uint32_t entryAt);
+    /// How often a store has left a gap behind it, and whether the range [pos, end) lies in one that came
+    /// since then: its bytes were cut off the data file before. Under the transfer mutex.
+    size_t GetGapCount() const { return m_gaps.size(); }
+    bool IsInGap(size_t since, int64_t pos, int64_t end) const;
     /// Another object takes the path over; nothing of this one runs on the read/write thread now.
     void Retire();
     /// A closed file takes no more blocks, and blocks that its users hold are stored no more.
@@ -93,7 +106,14 @@ private:
     CRtMessageChain WithoutFailedStores(CRtMessageBlock& blockBody);
     void LimitTable();
     void RestoreBlocks(const std::vector<FMBlockEntry>& slots);
-    void RestoreBlock(const FMBlockEntry& entry, uint64_t dataLength, bool placeIsShared);
+    std::vector<bool> FindDoubtful(std::vector<FMBlockEntry> slots, const std::vector<bool>& shared,
+                                   uint64_t dataLength);
+    CFMBlock* RestoreBlock(const FMBlockEntry& entry, uint64_t dataLength);
+    int NoteGap(int64_t begin, int64_t end);
+    int Revoke(uint32_t entryAt);
+    int PrepareSave();
+    int CheckOpening();
+    bool IsTakenByOthers(const RtOs::FileStamp& info) const;
 
     FMFileInfo m_fileInfo;
     uint32_t m_createTime = 0; // seconds of the time of day
@@ -113,6 +133,16 @@ private:
     std::mutex m_transferMutex;
     std::atomic<uint32_t> m_pendingStores{0};
     std::atomic<bool> m_storeFailed{false}; // some block's, either thread
+
+    // What the read/write thread knows of the files on disk, while the file is open.
+    uint32_t m_openings = 0;     // of the data file, that were looked into
+    RtOs::FileStamp m_infoStamp; // of the information file, as this object left it
+    int64_t m_tableEnd = 0;      // the furthest end that the information file names
+    struct Gap {
+        int64_t begin;
+        int64_t end;
+    };
+    std::vector<Gap> m_gaps; // under the transfer mutex
 
     // Information that waits to be written, beside the event that will write it.
     std::atomic<bool> m_infoWaiting{false}; // housekeeping looks at it

@@ -16,7 +16,8 @@ int WriteBody(CInfoFile& file, int (CInfoFile::*write)(const void*, uint32_t),
     return (file.*write)(bytes.data(), static_cast<uint32_t>(bytes.size()));
 }
 
-// Which entries name bytes that another names too: writing one of them in place would change the other.
+// Which entries name bytes that another names too: writing one of them in place would change the other,
+// and at most one of them is true.
 std::vector<bool> FindSharedPlaces(const std::vector<FMBlockEntry>& slots) {
     std::vector<bool> shared(slots.size());
     std::vector<size_t> order;
@@ -117,7 +118,7 @@ void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBo
     if (!IsInfoWaiting())
         return; // written or dropped before its turn came
     if (fileBody) {
-        int ret = DiscardPredecessor();
+        int ret = PrepareSave();
         if (RT_SUCCEEDED(ret))
             ret = WriteBody(*m_infoFile, &CInfoFile::WriteFileInfo, *fileBody);
         if (RT_FAILED(ret)) {
@@ -242,44 +243,64 @@ int CFMFile::LoadBlokInfo() {
     return 1;
 }
 
+// Which of those that share their bytes share them with a block that could be read, too.
+std::vector<bool> CFMFile::FindDoubtful(std::vector<FMBlockEntry> slots,
+                                        const std::vector<bool>& shared, uint64_t dataLength) {
+    if (std::find(shared.begin(), shared.end(), true) == shared.end())
+        return shared;
+    for (FMBlockEntry& entry : slots) {
+        if (!IsBlockidOK(entry.blockID) || !FMIsEntryPossible(entry) ||
+            entry.posInFile + entry.totalLen > static_cast<int64_t>(dataLength))
+            entry.totalLen = 0;
+    }
+    return FindSharedPlaces(slots);
+}
+
 void CFMFile::RestoreBlocks(const std::vector<FMBlockEntry>& slots) {
     uint64_t dataLength = 0;
     if (m_diskFile && !RtOs::GetFileLength(m_diskFile->GetFileName(), dataLength))
         dataLength = 0;
     const std::vector<bool> shared = FindSharedPlaces(slots);
-    for (size_t i = 0; i < slots.size(); ++i) {
-        if (slots[i].blockID != 0)
-            RestoreBlock(slots[i], dataLength, shared[i]);
+    const std::vector<bool> doubtful = FindDoubtful(slots, shared, dataLength);
+    uint32_t at = m_infoFile->GetBlockBodyOffset() + FM_INFO_COUNT_SIZE;
+    for (size_t i = 0; i < slots.size(); at += FMEntrySize(slots[i++])) {
+        CFMBlock* block = slots[i].blockID != 0 ? RestoreBlock(slots[i], dataLength) : nullptr;
+        if (!block)
+            continue;
+        if (shared[i])
+            RT_LOG(RT_LOG_WARNING, "CFMFile::LoadBlokInfo, blocks overlap, blockID="
+                                       << slots[i].blockID << ",pos=" << slots[i].posInFile
+                                       << ",len=" << slots[i].totalLen << " this=" << this);
+        block->Restore(slots[i], {at, shared[i], doubtful[i]});
     }
+    m_tableEnd = m_position;
+    m_infoStamp = RtOs::GetStamp(m_infoFile->GetFileName());
 }
 
-void CFMFile::RestoreBlock(const FMBlockEntry& entry, uint64_t dataLength, bool placeIsShared) {
+// The new block in its slot, or null when it has no bytes anywhere.
+CFMBlock* CFMFile::RestoreBlock(const FMBlockEntry& entry, uint64_t dataLength) {
     if (!IsBlockidOK(entry.blockID)) {
         RT_LOG(RT_LOG_WARNING, "CFMFile::LoadBlokInfo, block outside the table, blockID="
                                    << entry.blockID << " this=" << this);
-        return;
+        return nullptr;
     }
     const CRtComAutoPtr<CFMBlock> block =
         CFileManager::Instance()->CreateBlock(this, entry.blockID);
     if (!block)
-        return;
+        return nullptr;
     m_blocks[entry.blockID - m_fileInfo.blockBeg] = block;
     if (!FMIsEntryPossible(entry)) {
         RT_LOG(RT_LOG_WARNING, "CFMFile::LoadBlokInfo, impossible place, blockID="
                                    << entry.blockID << ",pos=" << entry.posInFile
                                    << ",len=" << entry.totalLen << " this=" << this);
-        return;
+        return nullptr;
     }
     const int64_t end = entry.posInFile + entry.totalLen;
     if (entry.totalLen > 0 && static_cast<uint64_t>(end) > dataLength)
         RT_LOG(RT_LOG_WARNING, "CFMFile::LoadBlokInfo, block beyond the data file, blockID="
                                    << entry.blockID << ",pos=" << entry.posInFile
                                    << ",len=" << entry.totalLen << " this=" << this);
-    if (placeIsShared)
-        RT_LOG(RT_LOG_WARNING, "CFMFile::LoadBlokInfo, blocks overlap, blockID="
-                                   << entry.blockID << ",pos=" << entry.posInFile
-                                   << ",len=" << entry.totalLen << " this=" << this);
-    block->Restore(entry, placeIsShared);
     if (entry.totalLen > 0)
         m_position = std::max(m_position, end);
+    return block.Get();
 }

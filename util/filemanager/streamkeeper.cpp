@@ -26,14 +26,28 @@ CStreamKeeper::CUse::~CUse() { Instance().EndUse(m_file); }
 
 void CStreamKeeper::BeginUse(CDiskFile& file) {
     const std::lock_guard lock(m_mutex);
-    if (file.m_uses++ == 0 && file.m_kept)
+    if (file.m_uses++ > 0)
+        return;
+    m_inUse.push_back(&file);
+    if (file.m_kept)
         Unlink(file);
 }
 
 void CStreamKeeper::EndUse(CDiskFile& file) {
     const std::lock_guard lock(m_mutex);
-    if (--file.m_uses == 0 && file.m_pFile)
+    if (--file.m_uses > 0)
+        return;
+    std::erase(m_inUse, &file);
+    if (file.m_pFile)
         Link(file);
+}
+
+CRtString CStreamKeeper::GetNamesInUse() {
+    const std::lock_guard lock(m_mutex);
+    CRtString names;
+    for (const CDiskFile* file : m_inUse)
+        names += " " + file->GetFileName();
+    return names;
 }
 
 void CStreamKeeper::MakeRoom() {

@@ -4,6 +4,9 @@
 
 #include <cstdint>
 #include <mutex>
+#include <vector>
+
+#include "RtString.h"
 
 class CDiskFile;
 
@@ -29,6 +32,9 @@ public:
     /// room. False when there was none to close.
     bool GiveBack();
 
+    /// The paths of the files that are in use at this moment, each after a blank.
+    CRtString GetNamesInUse();
+
 private:
     CStreamKeeper() = default;
     void BeginUse(CDiskFile& file);
@@ -41,4 +47,5 @@ private:
     CDiskFile* m_pOldest = nullptr;
     CDiskFile* m_pNewest = nullptr;
     uint32_t m_open = 0; // streams in the list: open and not in use
+    std::vector<CDiskFile*> m_inUse;
 };

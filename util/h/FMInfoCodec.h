@@ -30,6 +30,8 @@ constexpr uint32_t FM_INFO_ENTRY_SIZE = 16;
 constexpr uint32_t FM_INFO_FILE_BODY_MAX = 2048;
 /// A block body longer than this is refused when it is loaded.
 constexpr uint32_t FM_INFO_BLOCK_BODY_MAX = 819200;
+/// In the place of L2: the block body is being written, or is not true any more.
+constexpr uint32_t FM_INFO_LENGTH_INVALID = 0xFFFFFFFF;
 /// The count of slots has 16 bits.
 constexpr uint32_t FM_INFO_SLOTS_MAX = 65535;
 /// No offset or end of a block lies beyond this (1 TiB).

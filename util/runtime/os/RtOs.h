@@ -69,6 +69,9 @@ public:
 
     /// False when the path was no directory that could be opened, or a link not to be followed.
     bool IsOpen() const;
+    /// Takes the directory alone, as long as this object lives. False when another process is in it, see
+    /// DirectoryUse. On systems without such a thing nobody ever is.
+    bool TakeAlone();
     /// The next entry, in the system's order; false at the end. A link is no directory.
     bool Next(CRtString& name, bool& isDirectory);
     /// Both act on an entry of this directory and answer whether it is gone.
@@ -80,13 +83,32 @@ private:
     std::unique_ptr<State> m_state;
 };
 
+/// Shows other processes, as long as it lives, that this one works in a directory. It changes nothing on
+/// the disk, and ends with the process however that ends.
+class DirectoryUse {
+public:
+    explicit DirectoryUse(const CRtString& path);
+    ~DirectoryUse();
+    DirectoryUse(const DirectoryUse&) = delete;
+    DirectoryUse& operator=(const DirectoryUse&) = delete;
+
+private:
+    int m_handle;
+};
+
 // --- Streams ------------------------------------------------------------------------------------
 
+enum OpenFlags : uint32_t {
+    OPEN_EXISTING = 0,
+    OPEN_CREATE = 1, ///< a missing file is made, readable by this user only
+    OPEN_ALONE = 2,  ///< while it is open, nobody else who asks for this gets the file, see IsInUse
+};
 /// Opens a binary stream for reading and writing, contents kept, not inherited by child processes and
-/// unbuffered: another stream on the same file sees what was written at once. With `create` a missing
-/// file is made, readable by this user only; a file that exists is never emptied. Null on failure,
-/// with the system's error number.
-FILE* OpenStream(const CRtString& path, bool create, int& error);
+/// unbuffered: another stream on the same file sees what was written at once. A file that exists is
+/// never emptied. Null on failure, with the system's error number. `created`: the file was made.
+FILE* OpenStream(const CRtString& path, uint32_t flags, int& error, bool& created);
+/// Whether that error number means that somebody else has the file open alone.
+bool IsInUse(int error);
 /// Whether that error number means that the process or the system has no stream left.
 bool IsOutOfStreams(int error);
 enum class Transfer {
@@ -98,7 +120,22 @@ enum class Transfer {
 /// Move exactly `length` bytes at a 64-bit offset from the start of the file, past the stream's position.
 Transfer ReadAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length);
 Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t length);
-bool GetStreamLength(FILE* stream, uint64_t& length);
+/// Which file it is, and its age and length: another stamp means another file or other bytes, but for
+/// changes within the few milliseconds that the system's times do not tell apart.
+struct FileStamp {
+    bool exists = false;
+    uint64_t device = 0;
+    uint64_t node = 0;
+    uint64_t length = 0;
+    int64_t changedNs = 0;
+    bool operator==(const FileStamp&) const = default;
+    bool IsSameFile(const FileStamp& other) const {
+        return exists && other.exists && device == other.device && node == other.node;
+    }
+};
+/// Without `exists` when there is no regular file, or the system does not tell.
+FileStamp GetStamp(FILE* stream);
+FileStamp GetStamp(const CRtString& path);
 /// How many streams the process may have open at a time, by the limit in force now.
 uint32_t GetStreamLimit();
 

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -35,6 +36,11 @@ std::string NativeWithoutTail(const CRtString& path) {
     while (native.size() > 1 && native.back() == '/')
         native.pop_back();
     return native;
+}
+
+// A system or file system that has no such locks refuses nobody.
+bool LockFile(int fd, int operation) {
+    return ::flock(fd, operation | LOCK_NB) == 0 || errno != EWOULDBLOCK;
 }
 
 } // namespace
@@ -164,6 +170,18 @@ DirectoryWalk::~DirectoryWalk() = default;
 
 bool DirectoryWalk::IsOpen() const { return m_state->stream != nullptr; }
 
+bool DirectoryWalk::TakeAlone() { return LockFile(m_state->Handle(), LOCK_EX); }
+
+DirectoryUse::DirectoryUse(const CRtString& path)
+    : m_handle(::open(NativeWithoutTail(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    LockFile(m_handle, LOCK_SH); // somebody who has it alone is about to remove it
+}
+
+DirectoryUse::~DirectoryUse() {
+    if (m_handle >= 0)
+        ::close(m_handle);
+}
+
 bool DirectoryWalk::Next(CRtString& name, bool& isDirectory) {
     while (m_state->stream) {
         const dirent* entry = ::readdir(m_state->stream);
@@ -189,9 +207,45 @@ bool DirectoryWalk::RemoveSubdirectory(const CRtString& name) {
     return ::unlinkat(m_state->Handle(), name.c_str(), AT_REMOVEDIR) == 0;
 }
 
-FILE* OpenStream(const CRtString& path, bool create, int& error) {
-    const std::string native = Native(path);
-    const int fd = ::open(native.c_str(), O_RDWR | O_CLOEXEC | (create ? O_CREAT : 0), 0600);
+namespace {
+
+int OpenFile(const char* path, uint32_t flags, bool& created) {
+    constexpr int mode = O_RDWR | O_CLOEXEC;
+    for (;;) {
+        created = false;
+        int fd = ::open(path, mode);
+        if (fd < 0 && errno == ENOENT && (flags & OPEN_CREATE)) {
+            fd = ::open(path, mode | O_CREAT | O_EXCL, 0600);
+            if (fd < 0 && errno == EEXIST)
+                continue; // somebody was faster
+            created = fd >= 0;
+        }
+        if (fd < 0 || !(flags & OPEN_ALONE))
+            return fd;
+        const bool mine = LockFile(fd, LOCK_EX);
+        struct stat info {};
+        if (mine && (::fstat(fd, &info) != 0 || info.st_nlink > 0))
+            return fd;
+        ::close(fd);
+        if (mine)
+            continue; // it was removed between the two calls
+        errno = EWOULDBLOCK;
+        return -1;
+    }
+}
+
+template <class Info>
+FileStamp Stamp(int result, const Info& info) {
+    if (result != 0 || !S_ISREG(info.st_mode) || info.st_size < 0)
+        return {};
+    return {true, info.st_dev, info.st_ino, static_cast<uint64_t>(info.st_size),
+            info.st_mtim.tv_sec * int64_t{1'000'000'000} + info.st_mtim.tv_nsec};
+}
+
+} // namespace
+
+FILE* OpenStream(const CRtString& path, uint32_t flags, int& error, bool& created) {
+    const int fd = OpenFile(Native(path).c_str(), flags, created);
     FILE* stream = fd < 0 ? nullptr : ::fdopen(fd, "rb+");
     if (!stream) {
         error = errno;
@@ -204,6 +258,19 @@ FILE* OpenStream(const CRtString& path, bool create, int& error) {
 }
 
 bool IsOutOfStreams(int error) { return error == EMFILE || error == ENFILE; }
+bool IsInUse(int error) { return error == EWOULDBLOCK; }
+
+FileStamp GetStamp(FILE* stream) {
+    struct stat info {};
+    const int result = ::fstat(::fileno(stream), &info);
+    return Stamp(result, info);
+}
+
+FileStamp GetStamp(const CRtString& path) {
+    struct stat info {};
+    const int result = ::stat(Native(path).c_str(), &info);
+    return Stamp(result, info);
+}
 
 namespace {
 
@@ -239,14 +306,6 @@ Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t leng
     return MoveAll(offset, length, [&](uint32_t done, off_t at) {
         return ::pwrite(fd, static_cast<const char*>(bytes) + done, length - done, at);
     });
-}
-
-bool GetStreamLength(FILE* stream, uint64_t& length) {
-    struct stat info {};
-    if (::fstat(::fileno(stream), &info) != 0 || info.st_size < 0)
-        return false;
-    length = static_cast<uint64_t>(info.st_size);
-    return true;
 }
 
 uint32_t GetStreamLimit() {

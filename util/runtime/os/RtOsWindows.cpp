@@ -137,6 +137,10 @@ DirectoryWalk::~DirectoryWalk() = default;
 
 bool DirectoryWalk::IsOpen() const { return m_state->IsOpen(); }
 
+bool DirectoryWalk::TakeAlone() { return true; }
+DirectoryUse::DirectoryUse(const CRtString&) : m_handle(-1) {}
+DirectoryUse::~DirectoryUse() = default;
+
 bool DirectoryWalk::Next(CRtString& name, bool& isDirectory) {
     while (m_state->IsOpen()) {
         if (!m_state->fresh && !::FindNextFileA(m_state->search, &m_state->entry))
@@ -161,10 +165,17 @@ bool DirectoryWalk::RemoveSubdirectory(const CRtString& name) {
     return ::_rmdir((m_state->base + name).c_str()) == 0;
 }
 
-FILE* OpenStream(const CRtString& path, bool create, int& error) {
-    const int flags = _O_RDWR | _O_BINARY | _O_NOINHERIT | (create ? _O_CREAT : 0);
+FILE* OpenStream(const CRtString& path, uint32_t flags, int& error, bool& created) {
+    constexpr int mode = _O_RDWR | _O_BINARY | _O_NOINHERIT;
+    // Whoever else wants to write is refused with EACCES.
+    const int sharing = (flags & OPEN_ALONE) ? _SH_DENYWR : _SH_DENYNO;
     int file = -1;
-    error = ::_sopen_s(&file, path.c_str(), flags, _SH_DENYNO, _S_IREAD | _S_IWRITE);
+    created = false;
+    error = ::_sopen_s(&file, path.c_str(), mode, sharing, 0);
+    if (error == ENOENT && (flags & OPEN_CREATE)) {
+        error = ::_sopen_s(&file, path.c_str(), mode | _O_CREAT, sharing, _S_IREAD | _S_IWRITE);
+        created = error == 0;
+    }
     if (error != 0)
         return nullptr;
     FILE* stream = ::_fdopen(file, "rb+");
@@ -178,6 +189,7 @@ FILE* OpenStream(const CRtString& path, bool create, int& error) {
 }
 
 bool IsOutOfStreams(int error) { return error == EMFILE || error == ENFILE; }
+bool IsInUse(int error) { return error == EACCES; }
 
 namespace {
 
@@ -204,12 +216,28 @@ Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t leng
     return MoveAll(stream, offset, [&] { return std::fwrite(bytes, length, 1, stream); });
 }
 
-bool GetStreamLength(FILE* stream, uint64_t& length) {
-    const int64_t size = ::_filelengthi64(::_fileno(stream));
-    if (size < 0)
-        return false;
-    length = static_cast<uint64_t>(size);
-    return true;
+namespace {
+
+FileStamp Stamp(int result, const struct _stat64& info) {
+    if (result != 0 || info.st_size < 0)
+        return {};
+    // No node number: an open file is neither removed nor replaced here.
+    return {true, 0, 0, static_cast<uint64_t>(info.st_size),
+            info.st_mtime * int64_t{1'000'000'000}};
+}
+
+} // namespace
+
+FileStamp GetStamp(FILE* stream) {
+    struct _stat64 info {};
+    const int result = ::_fstat64(::_fileno(stream), &info);
+    return Stamp(result, info);
+}
+
+FileStamp GetStamp(const CRtString& path) {
+    struct _stat64 info {};
+    const int result = ::_stat64(path.c_str(), &info);
+    return Stamp(result, info);
 }
 
 uint32_t GetStreamLimit() { return static_cast<uint32_t>(::_getmaxstdio()); }

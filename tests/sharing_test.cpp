@@ -1,0 +1,206 @@
+// Several processes in one directory, and files that others cut or remove.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <functional>
+
+#include "RtThread.h"
+#include "support.h"
+
+namespace {
+
+// A process that does something with a cache directory and then stays as it is until it is killed.
+class OtherProcess {
+public:
+    // Before the first use of the manager: the child begins with a fresh one.
+    OtherProcess(const TempDir& dir, int isServer, const std::function<void(IFileManager&)>& work) {
+        int ready[2];
+        if (pipe(ready) != 0 || (m_pid = fork()) < 0)
+            throw std::runtime_error("no other process");
+        if (m_pid == 0) {
+            const CRtCallerThread three;
+            IFileManager* manager = IFileManager::Instance();
+            manager->Initialize(CRtString(dir.path.string()), 7, isServer);
+            work(*manager);
+            const bool told = write(ready[1], "!", 1) == 1;
+            pause();
+            std::_Exit(told ? EXIT_SUCCESS : EXIT_FAILURE);
+        }
+        close(ready[1]);
+        char byte = 0;
+        m_isReady = read(ready[0], &byte, 1) == 1;
+        close(ready[0]);
+    }
+    ~OtherProcess() { Kill(); }
+    OtherProcess(const OtherProcess&) = delete;
+    OtherProcess& operator=(const OtherProcess&) = delete;
+
+    bool IsReady() const { return m_isReady; }
+    pid_t Id() const { return m_pid; }
+    void Kill() {
+        if (m_pid > 0) {
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
+        }
+        m_pid = 0;
+    }
+
+private:
+    pid_t m_pid = 0;
+    bool m_isReady = false;
+};
+
+// A file with block 1, stored.
+FileRef Store(IFileManager& manager, const FMFileInfo& info, uint32_t seed) {
+    FileRef file;
+    BlockRef block;
+    manager.CreateFile(file.Receive(), info);
+    file->GetBlock(block.Receive(), 1, 1);
+    Write(*block, Pattern(seed, 5000));
+    FMFileInfo other = Description();
+    FileRef settle;
+    manager.CreateFile(settle.Receive(), other);
+    manager.CreateFile(settle.Receive(), other); // waits for the queue
+    return file;
+}
+
+// A whole cached file, from an earlier run.
+void Prepare(const TempDir& dir, const FMFileInfo& info, uint32_t seed) {
+    OtherProcess earlier(dir, 1, [&](IFileManager& manager) {
+        Store(manager, info, seed);
+        manager.UnInitialize();
+    });
+    ASSERT_TRUE(earlier.IsReady());
+}
+
+} // namespace
+
+TEST(Sharing, AFileBelongsToTheServerThatHasItOpen) {
+    TestClock clock;
+    LogCapture log(RT_LOG_WARNING);
+    const TempDir dir;
+    const FMFileInfo old = Description();
+    FMFileInfo created = Description();
+    Prepare(dir, old, 1);
+    OtherProcess other(dir, 1, [&](IFileManager& manager) {
+        FileRef file;
+        BlockRef block;
+        if (manager.OpenFile(file.Receive(), old.fileID, 1) == 0 &&
+            file->GetBlock(block.Receive(), 2, 1) == 0)
+            Write(*block, Pattern(2, 100));
+        Store(manager, created, 3);
+    });
+    ASSERT_TRUE(other.IsReady());
+
+    Cache cache(dir.path);
+    EXPECT_FALSE(cache.Open(old.fileID));
+    EXPECT_EQ(log.Count("CFileManager::LoadFile, another process has the file, fileID="), 1U);
+    FileRef mine = cache.Create(created);
+    Write(*Cache::Block(*mine, 1), Pattern(4, 300));
+    clock.Advance(int64_t{100} * 86400 * 1000);
+    cache.Settle(); // housekeeping finds both files old, and leaves them
+    EXPECT_EQ(Read(*Cache::Block(*mine, 1)), Pattern(4, 300));
+    EXPECT_EQ(ReadFile(cache.Path(created.fileID, ".sdd")), Pattern(3, 5000));
+    EXPECT_TRUE(fs::exists(cache.Path(old.fileID, ".sdi")));
+
+    // It was killed: what it had not saved is gone, and what waited here takes its turn.
+    other.Kill();
+    clock.Advance(60'000);
+    cache.Settle();
+    EXPECT_EQ(ReadFile(cache.Path(created.fileID, ".sdd")), Pattern(4, 300));
+    FileRef again = cache.Open(old.fileID);
+    ASSERT_TRUE(again);
+    EXPECT_EQ(Read(*Cache::Block(*again, 1, 0)), Pattern(1, 5000));
+    EXPECT_FALSE(Cache::Block(*again, 2, 0));
+}
+
+TEST(Sharing, ClearingLeavesDirectoriesThatOthersAreIn) {
+    for (const int isServer : {1, 0}) {
+        LogCapture log(RT_LOG_WARNING);
+        const TempDir dir;
+        OtherProcess other(dir, isServer,
+                           [](IFileManager& manager) { Store(manager, Description(), 1); });
+        ASSERT_TRUE(other.IsReady());
+        fs::path used = dir.path / (isServer ? "sdstore" : "confcache");
+        if (!isServer) { // as a process of another container, whose number means nothing here
+            fs::rename(used / std::to_string(other.Id()), used / "999999999");
+            used /= "999999999";
+        }
+        OtherProcess clearing(dir, isServer, [&](IFileManager& manager) {
+            manager.UnInitialize();
+            manager.Initialize({}, 0, isServer); // clears at its start, and again at its end
+            manager.UnInitialize();
+        });
+        ASSERT_TRUE(clearing.IsReady());
+        EXPECT_FALSE(fs::is_empty(used));
+        other.Kill();
+        OtherProcess later(dir, isServer, [&](IFileManager& manager) {
+            manager.UnInitialize();
+            manager.Initialize({}, 0, isServer);
+            manager.UnInitialize();
+        });
+        ASSERT_TRUE(later.IsReady());
+        EXPECT_FALSE(fs::exists(used));
+    }
+}
+
+TEST(Sharing, BytesThatWereCutOffDoNotComeBackAsZeros) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FileRef file = cache.Create();
+    const FMFileID id = file->GetFileInfo().fileID;
+    for (uint32_t i = 1; i <= 3; ++i)
+        Write(*Cache::Block(*file, i), Pattern(i, 1000));
+    cache.Close(file);
+    cache.Settle();
+    fs::resize_file(cache.Path(id, ".sdd"), 1500);
+    file = cache.Open(id);
+    ASSERT_TRUE(file);
+    EXPECT_EQ(Read(*Cache::Block(*file, 3)), "error 10001");
+    Write(*Cache::Block(*file, 4), Pattern(4, 1000)); // makes the data file long again
+    cache.Settle();
+    for (int run = 0; run < 3; ++run) {
+        SCOPED_TRACE(run);
+        EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), Pattern(1, 1000));
+        for (const uint32_t lost : {2U, 3U})
+            EXPECT_EQ(Read(*Cache::Block(*file, lost, 0)).substr(0, 7),
+                      run < 2 ? "error 1" : Pattern(lost, 7));
+        EXPECT_EQ(Read(*Cache::Block(*file, 4, 0)), Pattern(4, 1000));
+        if (run == 1) {
+            for (const uint32_t lost : {2U, 3U})
+                Write(*Cache::Block(*file, lost), Pattern(lost, 1000));
+        }
+        cache.Close(file);
+        cache.Settle();
+        file = cache.Open(id);
+        ASSERT_TRUE(file);
+    }
+}
+
+TEST(Sharing, ADirectoryThatIsRemovedIsFilledAgainFromMemory) {
+    TestClock clock;
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FileRef file = cache.Create();
+    const FMFileID id = file->GetFileInfo().fileID;
+    for (uint32_t i = 1; i <= 2; ++i)
+        Write(*Cache::Block(*file, i), Pattern(i, 1000));
+    cache.Settle();
+    fs::remove_all(cache.dir.path / "sdstore");
+    clock.Advance(5000);
+    Write(*Cache::Block(*file, 3), Pattern(3, 1000));
+    cache.Settle();
+    clock.Advance(60'000);
+    cache.Settle();
+    EXPECT_EQ(ReadFile(cache.Path(id, ".sdd")),
+              Pattern(1, 1000) + Pattern(2, 1000) + Pattern(3, 1000));
+    cache.Close(file);
+    cache.Settle();
+    file = cache.Open(id);
+    ASSERT_TRUE(file);
+    for (uint32_t i = 1; i <= 3; ++i)
+        EXPECT_EQ(Read(*Cache::Block(*file, i, 0)), Pattern(i, 1000));
+}
