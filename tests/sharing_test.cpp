@@ -162,6 +162,8 @@ TEST(Sharing, BytesThatWereCutOffDoNotComeBackAsZeros) {
     EXPECT_EQ(Read(*Cache::Block(*file, 3)), "error 10001");
     Write(*Cache::Block(*file, 4), Pattern(4, 1000)); // makes the data file long again
     cache.Settle();
+    const auto onDisk = [&](const char* extension) { return ReadFile(cache.Path(id, extension)); };
+    const std::string info = onDisk(".sdi"), data = onDisk(".sdd"); // as a crash would leave them
     for (int run = 0; run < 3; ++run) {
         SCOPED_TRACE(run);
         EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), Pattern(1, 1000));
@@ -178,6 +180,13 @@ TEST(Sharing, BytesThatWereCutOffDoNotComeBackAsZeros) {
         file = cache.Open(id);
         ASSERT_TRUE(file);
     }
+    cache.Close(file);
+    cache.Stop();
+    WriteFile(cache.Path(id, ".sdi"), info);
+    WriteFile(cache.Path(id, ".sdd"), data);
+    cache.Start();
+    file = cache.Open(id);
+    EXPECT_TRUE(!file || Read(*Cache::Block(*file, 2, 0)).starts_with("error 1"));
 }
 
 TEST(Sharing, ADirectoryThatIsRemovedIsFilledAgainFromMemory) {
