@@ -1,0 +1,184 @@
+// Callbacks and references under way when everything around them is cancelled, released, closed and
+// stopped: every sink is called once or was cancelled, and nothing outlives its last reference.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <random>
+
+#include "support.h"
+#include "util/filemanager/filemanager.h"
+
+namespace {
+
+constexpr int ROUNDS = 100'000;
+constexpr uint32_t BLOCKS = 6;
+constexpr size_t FILES = 3;
+constexpr size_t SINKS = 24;
+
+class Storm {
+public:
+    explicit Storm(Cache& cache, TestClock& clock) : m_cache(cache), m_clock(clock) {
+        for (File& file : m_files)
+            file.id = Description().fileID;
+        for (auto& sink : m_sinks)
+            sink = std::make_unique<Sink>(*this);
+    }
+
+    void Step() {
+        switch (Pick(16)) {
+        case 0:
+        case 1:
+        case 2:
+        case 3:
+        case 4:
+            return Ask();
+        case 5:
+            return Cancel();
+        case 6:
+        case 7:
+            return WriteOne();
+        case 8:
+            return Remove();
+        case 9:
+            return Close();
+        case 10:
+            return static_cast<void>(Read(*SomeBlock()));
+        case 11:
+            return Rarely();
+        default:
+            // Not from inside a sink: the thread is running its queue then.
+            if (m_depth == 0)
+                m_cache.thread.RunDue();
+        }
+    }
+
+    void End() {
+        m_ending = true;
+        m_cache.Stop();
+        while (m_cache.thread.RunDue() > 0) {
+        }
+        for (File& file : m_files)
+            file.file.Reset();
+        for (auto& sink : m_sinks) {
+            EXPECT_FALSE(sink->waiting);
+            sink->block.Reset();
+        }
+        EXPECT_GT(m_called, ROUNDS / 20);
+    }
+
+private:
+    struct Sink final : IFMBlockSink {
+        explicit Sink(Storm& owner) : storm(owner) {}
+        void OnBlockDataReady(IFMBlock* which, int) override {
+            EXPECT_TRUE(waiting && which == block.Get());
+            waiting = false;
+            ++storm.m_called;
+            storm.FromSink(*this);
+        }
+        Storm& storm;
+        BlockRef block;
+        bool waiting = false;
+    };
+    struct File {
+        FMFileID id;
+        FileRef file;
+    };
+
+    uint32_t Pick(size_t count) { return static_cast<uint32_t>(m_random() % count); }
+
+    IFMFile& SomeFile() {
+        File& file = m_files[Pick(FILES)];
+        if (!file.file)
+            file.file = m_cache.Open(file.id);
+        if (!file.file) {
+            FMFileInfo info = Description();
+            info.fileID = file.id;
+            file.file = m_cache.Create(info);
+        }
+        return *file.file;
+    }
+
+    BlockRef SomeBlock() { return Cache::Block(SomeFile(), 1 + Pick(BLOCKS)); }
+
+    void Ask() {
+        Sink& sink = *m_sinks[Pick(SINKS)];
+        if (sink.waiting)
+            return;
+        sink.block = SomeBlock();
+        sink.waiting = true; // it may be called before the call returns
+        const BlockRef block = sink.block;
+        if (block->ReadData(&sink) != 0)
+            sink.waiting = false;
+    }
+
+    void Cancel() {
+        Sink& sink = *m_sinks[Pick(SINKS)];
+        if (sink.waiting)
+            sink.block->CancelReadData(&sink);
+        sink.waiting = false;
+        sink.block.Reset();
+    }
+
+    void WriteOne() {
+        const std::string bytes(1 + Pick(900), 'x');
+        Write(*SomeBlock(), bytes.substr(0, bytes.size() - Pick(2)), 300);
+    }
+
+    void Remove() {
+        BlockRef removed;
+        SomeFile().RemoveBlock(1 + Pick(BLOCKS), removed.Receive());
+    }
+
+    void Close() {
+        File& file = m_files[Pick(FILES)];
+        m_cache.manager->DetachFile(file.id);
+        file.file.Reset();
+    }
+
+    void Rarely() {
+        m_clock.Advance(300'000); // idle blocks lose their memory at the next tick
+        if (Pick(20) != 0)
+            return;
+        m_cache.Stop();
+        for (File& file : m_files)
+            file.file.Reset();
+        if (!m_ending)
+            m_cache.Start();
+    }
+
+    void FromSink(Sink& sink) {
+        if (Pick(3) == 0)
+            sink.block.Reset(); // perhaps the last reference but that of the call
+        if (m_ending || m_depth >= 3)
+            return;
+        ++m_depth;
+        Step();
+        --m_depth;
+    }
+
+    Cache& m_cache;
+    TestClock& m_clock;
+    std::mt19937 m_random{4711};
+    File m_files[FILES];
+    std::unique_ptr<Sink> m_sinks[SINKS];
+    int m_called = 0;
+    int m_depth = 0;
+    bool m_ending = false;
+};
+
+} // namespace
+
+TEST(Storm, EverySinkIsCalledOrCancelledAndNothingIsLeft) {
+    TestClock clock;
+    LogCapture quiet(RT_LOG_SILENT);
+    {
+        Cache cache;
+        Storm storm(cache, clock);
+        for (int round = 0; round < ROUNDS && !testing::Test::HasFailure(); ++round)
+            storm.Step();
+        storm.End();
+    }
+    EXPECT_GT(g_counters.blocksCreated, ROUNDS / 20);
+    EXPECT_EQ(g_counters.blocksCreated, g_counters.blocksDestroyed);
+    EXPECT_EQ(g_counters.filesCreated, g_counters.filesDestroyed);
+}
