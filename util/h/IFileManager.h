@@ -49,17 +49,20 @@ public:
     virtual int Initialize(const CRtString& dataDir, uint16_t clearDays, int isServer) = 0;
 
     /// Closes every open file, runs what is queued for the disk, and stops. When it returns, blocks and
-    /// information files are on disk. Does nothing before Initialize.
+    /// information files are on disk. A disk that does not answer is waited for, and the log says so.
+    /// Does nothing before Initialize.
     virtual void UnInitialize() = 0;
 
     /// Opens a new file. Nothing is made on disk before its first block is complete; what an earlier
     /// file of that identifier left there is removed then. One that is open under the identifier is
-    /// displaced: it is no longer found, is not closed, and can use its data file no more.
+    /// displaced: it is no longer found, is not closed, and can use its data file no more. While another
+    /// process has a file of that identifier open, the blocks of this one stay in memory.
     /// 0; 10007 the file could not be made; 10008 `fileInfo.fileID` is FMFileID_None.
     virtual int CreateFile(IFMFile*& file, const FMFileInfo& fileInfo) = 0;
 
     /// Finds an open file, or with `load` non-zero opens it from the cache on disk.
-    /// 0; 10008 FMFileID_None; 10011 not open, and not to be loaded or not loadable (the log says why).
+    /// 0; 10008 FMFileID_None; 10011 not open, and not to be loaded, not loadable, or open in another
+    /// process (the log says why).
     virtual int OpenFile(IFMFile*& file, const FMFileID& fileHandle, int load) = 0;
 
     /// As IFMFile::GetBlock on an open file; never loads one.
