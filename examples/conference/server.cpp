@@ -69,17 +69,15 @@ private:
         int type = block.GetRetrieveType(retrieve);
         if (type == FM_RETRIEVE_PEERS && !NamePeers(link, block, retrieve))
             type = block.IsComplete() ? FM_RETRIEVE_HERE : FM_RETRIEVE_NOT_YET;
-        const bool waits = retrieve.m_pri > 1 && !m_isRound;
+        const bool waits = retrieve.m_pri > 1 && !IsRound();
         return type == FM_RETRIEVE_HERE && waits ? FM_RETRIEVE_NOT_YET : type;
     }
 
     void OnTick() override {
         if (!m_source && m_have == 0)
             LetGo();
-        m_isRound = m_ticks % TICKS_PER_ROUND == 0;
-        for (uint32_t id = 1; m_isRound && id <= m_count; ++id)
+        for (uint32_t id = 1; IsRound() && id <= m_count; ++id)
             Answer(*GetBlock(id));
-        m_isRound = false;
     }
 
     static bool NamePeers(Link& link, IFMBlock& block, const FMRetrieveItem& retrieve) {
@@ -99,7 +97,7 @@ private:
             Ask(*m_source, id, 1);
     }
 
-    bool m_isRound = false;
+    bool IsRound() const { return m_ticks % TICKS_PER_ROUND == 0; }
 };
 
 } // namespace

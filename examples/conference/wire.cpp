@@ -1,6 +1,5 @@
 #include "wire.h"
 
-#include <array>
 #include <vector>
 
 using asio::use_awaitable;
@@ -8,6 +7,7 @@ using asio::ip::tcp;
 
 namespace {
 
+constexpr uint32_t HEAD_LEN = 6;
 /// Who does not read what it asked for is not listened to either.
 constexpr uint64_t BACKLOG_MAX = 4 * 1024 * 1024;
 constexpr std::chrono::milliseconds BACKLOG_PAUSE(10);
@@ -21,7 +21,8 @@ void Link::Open(const tcp::endpoint& address) {
     asio::co_spawn(m_socket.get_executor(), Run(address),
                    [self = shared_from_this()](const std::exception_ptr& error) {
                        try {
-                           std::rethrow_exception(error); // it runs until something ends it
+                           if (error)
+                               std::rethrow_exception(error);
                        } catch (const Fault& fault) {
                            self->Close(fault.what());
                        } catch (const std::system_error&) {
@@ -40,26 +41,27 @@ asio::awaitable<void> Link::Run(tcp::endpoint address) {
     m_socket.set_option(tcp::no_delay(true));
     m_open = true;
     Write();
-    for (;;)
-        co_await Receive();
+    while (m_open) {
+        const CRtMessageChain head = co_await Read(HEAD_LEN);
+        uint32_t size = 0;
+        uint16_t kind = 0;
+        Take(*head, size, kind);
+        Check(size <= FIELDS_LEN_MAX, "a frame that is too long");
+        const CRtMessageChain body = co_await Read(size);
+        m_user.OnFrame(*this, Kind{kind}, *body);
+        while (m_backlog > BACKLOG_MAX && m_open) {
+            asio::steady_timer pause(m_socket.get_executor(), BACKLOG_PAUSE);
+            co_await pause.async_wait(use_awaitable);
+        }
+    }
 }
 
-asio::awaitable<void> Link::Receive() {
-    uint8_t length[4];
-    uint8_t kind[2];
-    const std::array head{asio::buffer(length), asio::buffer(kind)};
-    co_await asio::async_read(m_socket, head, use_awaitable);
-    const uint32_t size = RtGetLittleEndian<uint32_t>(length);
-    Check(size <= FIELDS_LEN_MAX, "a frame that is too long");
-    const CRtMessageChain body = MakeBuffer(size);
-    co_await asio::async_read(m_socket, asio::buffer(body->GetTopLevelWritePtr(), size),
+asio::awaitable<CRtMessageChain> Link::Read(uint32_t size) {
+    CRtMessageChain bytes = MakeBuffer(size);
+    co_await asio::async_read(m_socket, asio::buffer(bytes->GetTopLevelWritePtr(), size),
                               use_awaitable);
-    body->AdvanceTopLevelWritePtr(size);
-    m_user.OnFrame(*this, Kind{RtGetLittleEndian<uint16_t>(kind)}, *body);
-    while (m_backlog > BACKLOG_MAX && m_open) {
-        asio::steady_timer pause(m_socket.get_executor(), BACKLOG_PAUSE);
-        co_await pause.async_wait(use_awaitable);
-    }
+    bytes->AdvanceTopLevelWritePtr(size);
+    co_return bytes;
 }
 
 void Link::Send(Kind kind, CRtMessageChain body) {

@@ -123,7 +123,7 @@ public:
 
 private:
     asio::awaitable<void> Run(asio::ip::tcp::endpoint address);
-    asio::awaitable<void> Receive();
+    asio::awaitable<CRtMessageChain> Read(uint32_t size);
     void Write();
 
     asio::ip::tcp::socket m_socket;
