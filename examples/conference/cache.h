@@ -6,9 +6,9 @@
 
 #include <asio.hpp>
 #include <atomic>
-#include <iostream>
+#include <chrono>
+#include <stdexcept>
 #include <string>
-#include <string_view>
 
 /// While it lives, the thread that runs the loop is number 3: every handler of the loop may call the
 /// file manager, and every completion comes as a handler of the loop. To be made and destroyed on that
@@ -24,15 +24,7 @@ public:
         Pump(); // learns when the first timer is due
     }
 
-    ~Cache() {
-        RtSetLogSink(&ShowStatistics, nullptr, RT_LOG_TRACE);
-        m_manager->UnInitialize();
-        RtSetLogSink(nullptr, nullptr, RT_LOG_WARNING);
-    }
-
-    Cache(const Cache&) = delete;
-    Cache& operator=(const Cache&) = delete;
-
+    ~Cache() { m_manager->UnInitialize(); }
     IFileManager& Manager() { return *m_manager; }
 
 private:
@@ -53,15 +45,6 @@ private:
             if (!cancelled)
                 Pump();
         });
-    }
-
-    // The library says how it went when it stops; the demonstration shows that line.
-    static void ShowStatistics(void*, int level, const char* text) {
-        constexpr std::string_view wanted = "CFileManager::UnInitialize, statistics ";
-        if (const std::string_view line(text); line.starts_with(wanted))
-            std::cout << "statistics" << line.substr(wanted.size()) << std::endl;
-        else if (level <= RT_LOG_WARNING)
-            std::cerr << line << std::endl;
     }
 
     asio::io_context& m_loop;

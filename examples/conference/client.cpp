@@ -2,6 +2,7 @@
 // peers that the server names, and serves what it has to other peers.
 #include <fstream>
 #include <iostream>
+#include <vector>
 
 #include "node.h"
 
@@ -25,18 +26,23 @@ private:
         const auto fetch = m_fetches.find(id);
         Check(fetch != m_fetches.end() && fetch->second.from == &link && !fetch->second.begun,
               "an answer to no question");
-        if (kind == Kind::NOT_YET)
-            return OnNotYet(link, id);
-        Check(kind == Kind::PEERS && &link == m_source, "a frame that a client does not take");
-        OnPeers(id, body);
+        if (kind == Kind::PEERS)
+            return OnPeers(link, id, body);
+        Check(kind == Kind::NOT_YET, "a frame that a client does not take");
+        CheckEnd(body);
+        if (&link == m_source)
+            return; // it comes when it is there
+        m_fetches.erase(id);
+        Disown(link, id);
+        OnLost(id);
     }
 
     void OnOffer(Link& link, CRtMessageBlock& body) {
         Check(&link == m_source, "a file that is not the server's");
         TakeFile(body);
+        // Everybody begins elsewhere, and so has soon something for the others.
+        const uint32_t begin = m_options.index * m_count / m_options.clients;
         for (uint32_t i = 0; i < m_count; ++i) {
-            // Everybody begins elsewhere, and so has soon something for the others.
-            const uint32_t begin = m_options.index * m_count / m_options.clients;
             const uint32_t id = 1 + (i + begin) % m_count;
             if (GetBlock(id)->IsComplete())
                 link.Send(Kind::OWN, Pack(id));
@@ -45,25 +51,22 @@ private:
         }
     }
 
-    void OnNotYet(Link& link, uint32_t id) {
-        if (&link == m_source)
-            return; // it comes when it is there
-        m_fetches.erase(id);
-        Disown(link, id);
-        OnLost(id);
-    }
-
-    void OnPeers(uint32_t id, CRtMessageBlock& body) {
+    void OnPeers(Link& link, uint32_t id, CRtMessageBlock& body) {
+        Check(&link == m_source, "peers that are not the server's");
         uint16_t count = 0;
         Take(body, count);
         Check(count <= PEERS_MAX, "too many peers");
-        for (; count > 0; --count) {
+        std::vector<Endpoint> addresses(count);
+        for (Endpoint& address : addresses) {
             CRtString host;
             uint16_t port = 0;
             std::error_code error;
             Take(body, host, port);
-            const Endpoint address(asio::ip::make_address_v4(host.c_str(), error), port);
+            address = Endpoint(asio::ip::make_address_v4(host.c_str(), error), port);
             Check(!error && port != 0, "a malformed address");
+        }
+        CheckEnd(body);
+        for (const Endpoint& address : addresses) {
             Link& peer = PeerAt(address);
             if (peer.owns.insert(id).second)
                 GetBlock(id)->SetOwner(peer.member.Get(), 1);
@@ -101,12 +104,14 @@ private:
         std::ofstream output(m_options.file, std::ios::binary | std::ios::trunc);
         for (uint32_t id = 1; id <= m_count; ++id) {
             CRtMessageChain bytes; // waits for the disk if it must
-            if (RT_FAILED(GetBlock(id)->ReadData(0, LengthOf(id), RtReceive(bytes))))
-                throw std::runtime_error("a block cannot be read");
+            Must(GetBlock(id)->ReadData(0, LengthOf(id), RtReceive(bytes)),
+                 "a block cannot be read");
             output.write(bytes->GetTopLevelReadPtr(), bytes->GetTopLevelLength());
         }
         ShowProgress();
-        std::cout << (output.flush() ? "complete" : "event cannot write the file") << std::endl;
+        if (!output.flush())
+            throw std::runtime_error("cannot write " + m_options.file);
+        std::cout << "complete" << std::endl;
     }
 };
 

@@ -11,10 +11,20 @@
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <iostream>
+#include <string_view>
 
 #include "node.h"
 
 namespace {
+
+// The file manager logs how it went when it stops; the demonstration shows that line.
+void ShowStatistics(void*, int level, const char* text) {
+    constexpr std::string_view wanted = "CFileManager::UnInitialize, statistics ";
+    if (const std::string_view line(text); line.starts_with(wanted))
+        std::cout << "statistics " << line.substr(wanted.size()) << std::endl;
+    else if (level <= RT_LOG_WARNING)
+        std::cerr << line << std::endl;
+}
 
 void Run(const Options& options) {
     const bool isServer = options.role == "server";
@@ -28,6 +38,8 @@ void Run(const Options& options) {
     Cache cache(loop, options.dir, isServer ? 7 : 0, isServer);
     const std::unique_ptr<Node> node = make(loop, cache, options); // goes first, then the cache
     loop.run();
+    node->ShowProgress();
+    RtSetLogSink(&ShowStatistics, nullptr, RT_LOG_TRACE);
 }
 
 } // namespace
@@ -45,8 +57,7 @@ int main(int argc, char** argv) {
     app.add_option("--index", options.index, "client: its number, from 0");
     app.add_option("--clients", options.clients, "client: how many there are")
         ->check(CLI::Range(1, 100));
-    app.add_option("--rate", options.rate, "bytes per second that it sends at most");
-    app.add_option("--leave-after", options.leaveAfter, "dies after so many pieces");
+    app.add_option("--rate", options.rate, "bytes per second that it sends at most, on average");
     CLI11_PARSE(app, argc, argv);
     try {
         Run(options);

@@ -19,74 +19,76 @@ constexpr uint32_t BLOCK_LEN = 256 * 1024;
 constexpr uint32_t FILE_LEN_MAX = 1u << 30; ///< the library's limit for one cached file
 
 struct Options {
-    std::string role;        ///< server, presenter or client
-    std::string dir;         ///< where the cache lies
-    std::string file;        ///< presenter: the file to show; client: where it goes in the end
-    std::string id;          ///< server: the file to open from its store at the start
-    uint16_t port = 0;       ///< the server's
-    uint32_t index = 0;      ///< client: its number, from 0, and of how many: which share of the
-    uint32_t clients = 1;    ///< blocks it asks the server for itself, and where it begins
-    double rate = 1e12;      ///< bytes per second that it sends at most
-    uint64_t leaveAfter = 0; ///< pieces, then it is gone without a word: for rough weather
+    std::string role;     ///< server, presenter or client
+    std::string dir;      ///< where the cache lies
+    std::string file;     ///< presenter: the file to show; client: where it goes in the end
+    std::string id;       ///< server: the file to open from its store at the start
+    uint16_t port = 0;    ///< the server's
+    uint32_t index = 0;   ///< client: its number, from 0; fixes its share of urgent requests
+    uint32_t clients = 1; ///< client: how many share the file like that
+    double rate = 1e12;   ///< bytes per second, on average since the start, that it sends at most
 };
 
 /// Another node as the file manager sees it. A value and no more: blocks hold references on it, and the
-/// last one may go on the read/write thread, where a socket could not be closed.
+/// last one may go on the read/write thread, where a socket could not be closed. A block counts and finds
+/// it by what IsP2P, IsPublic and GetIP answer, so they never change.
 class Member final : public CRtCounted<ISDUser> {
 public:
-    /// `address`: where peers can fetch from it; with port 0 they cannot.
-    Member(uint32_t number, const Endpoint& address);
+    /// `at`: where peers can fetch from it; with port 0 they cannot.
+    Member(uint32_t number, const Endpoint& at)
+        : m_sid(number), m_ip(at.address().to_v4().to_uint()),
+          m_address(SDAddress{CRtString(at.address().to_string()), at.port()}) {}
     const CTavoSID& GetNodeSID() override { return m_sid; }
     int IsP2P() override { return m_address.m_port != 0; }
-    int IsPublic() override { return m_public; }
+    int IsPublic() override { return 0; } // all are on this machine
     uint32_t GetAddressTag() override { return m_sid.GetHashValue(); }
     uint32_t GetIP() override { return m_ip; }
     const SDAddress& GetAddress() override { return m_address; }
 
 private:
-    CTavoSID m_sid;
-    SDAddress m_address;
-    uint32_t m_ip;
-    bool m_public;
+    const CTavoSID m_sid;
+    const uint32_t m_ip;
+    const SDAddress m_address;
 };
 
 class Node : public Link::User, public IFMBlockSink {
 public:
     Node(asio::io_context& loop, Cache& cache, Options options);
     virtual ~Node();
-    Node(const Node&) = delete;
-    Node& operator=(const Node&) = delete;
+    void ShowProgress();
 
 protected:
     // What a role adds.
     virtual void OnRoleFrame(Link& link, Kind kind, CRtMessageBlock& body) = 0;
-    virtual void OnServer() {}      // there is a new link to the server
-    virtual void OnMember(Link&) {} // it has said who it is
+    virtual void OnMember(Link&) {} // it has said who it is, or is the server
     virtual void OnComplete(IFMBlock&) {}
     virtual void OnLost(uint32_t) {} // that block will not come from where it was asked for
     virtual void OnTick() {}
     /// Which answer a request gets, an FMRetrieveType. With FM_RETRIEVE_PEERS it has been given.
-    virtual int Decide(Link& link, IFMBlock& block, const FMRetrieveItem& retrieve);
+    virtual int Decide(Link&, IFMBlock& block, const FMRetrieveItem& retrieve) {
+        return block.GetRetrieveType(retrieve);
+    }
 
     void Listen(uint16_t port);
     Link& Connect(const Endpoint& address);
     Link* LinkOf(const ISDUser* member);
     void Disown(Link& link, uint32_t id);
-    /// The file of this conference from now on.
+    /// The file of this conference from now on. Its `userValue` is its length in bytes.
     void Use(FileRef file);
     void Create(const FMFileInfo& info);
-    bool IsUsed(const FMFileID& id) const { return m_file && m_file->GetFileInfo().fileID == id; }
-    void SendFile(Link& link);
-    /// The same from a description that came, checked; its `userValue` is the file's length in bytes.
-    /// Later ones have to be of the same file.
+    /// Takes the description of a file: of a new one when there is none yet, else of the same.
     void TakeFile(CRtMessageBlock& body);
+    void SendFile(Link& link);
+    /// Ends the use of the file, if there is one.
+    void LetGo();
+    bool IsUsed(const FMFileID& id) const { return m_file && m_file->GetFileInfo().fileID == id; }
     uint32_t TakeBlockID(CRtMessageBlock& body) const;
     uint32_t LengthOf(uint32_t id) const;
     BlockRef GetBlock(uint32_t id);
     bool IsLacking(uint32_t id) { return !m_fetches.contains(id) && !GetBlock(id)->IsComplete(); }
+    /// Answers whom it can of those who asked for the block.
     void Answer(IFMBlock& block);
     void Ask(Link& link, uint32_t id, uint32_t pri);
-    void ShowProgress();
 
     struct Fetch {
         Link* from;
@@ -100,11 +102,12 @@ protected:
     uint32_t m_have = 0;
     std::map<uint32_t, Fetch> m_fetches; ///< blocks that somebody was asked for
     std::map<const Link*, std::shared_ptr<Link>> m_links;
+    uint64_t m_ticks = 0;
     Link* m_source = nullptr; ///< the server, on a server the presenter; none while it is away
 
 private:
     void OnFrame(Link& link, Kind kind, CRtMessageBlock& body) override;
-    void OnDrained(Link& link) override { SendPieces(link); }
+    void OnSent(Link& link) override { SendPieces(link); }
     void OnClosed(Link& link, const std::string& why) override;
     void OnBlockDataReady(IFMBlock* block, int aResult) override;
     void OnHello(Link& link, CRtMessageBlock& body);
@@ -114,18 +117,18 @@ private:
     void Accept();
     void Tick();
     void CloseSilent();
+    bool AnswerOne(IFMBlock& block, FMRetrieveItem retrieve);
     void SendPieces(Link& link);
     bool SendPiece(Link& link, Transfer& transfer);
+    void LoseBlock(uint32_t id);
 
     asio::ip::tcp::acceptor m_acceptor;
     asio::steady_timer m_ticker;
     uint16_t m_listenPort = 0;
     uint32_t m_members = 0;
-    uint32_t m_ticks = 0;
     uint64_t m_fromPeers = 0;
     uint64_t m_fromOthers = 0;
     uint64_t m_sent = 0;
-    uint64_t m_piecesSent = 0;
     const Clock::time_point m_start = Clock::now();
 };
 

@@ -21,24 +21,23 @@ public:
         info.userValue = static_cast<uint32_t>(length);
         info.blockBeg = 1;
         Create(info);
-        Fill();
+        for (uint32_t id = 1; id <= m_count; ++id)
+            OnLost(id);
     }
 
 private:
-    void Fill() {
+    void OnLost(uint32_t id) override {
+        std::string bytes(LengthOf(id), '\0');
         std::ifstream input(m_options.file, std::ios::binary);
-        std::string bytes;
-        for (uint32_t id = 1; id <= m_count; ++id) {
-            bytes.resize(LengthOf(id));
-            input.read(bytes.data(), std::ssize(bytes));
-            const CRtMessageChain piece = CRtMessageBlock::Wrap(bytes.data(), LengthOf(id));
-            if (!input || RT_FAILED(GetBlock(id)->WriteData(LengthOf(id), 0, piece.get())))
-                throw std::runtime_error("cannot cache " + m_options.file);
-            ++m_have;
-        }
+        input.seekg(std::streamoff{id - 1} * BLOCK_LEN);
+        if (!input.read(bytes.data(), std::ssize(bytes)))
+            throw std::runtime_error("cannot read " + m_options.file);
+        const CRtMessageChain piece = CRtMessageBlock::Wrap(bytes.data(), LengthOf(id));
+        Must(GetBlock(id)->WriteData(LengthOf(id), 0, piece.get()), "cannot cache the file");
+        ++m_have;
     }
 
-    void OnServer() override { SendFile(*m_source); }
+    void OnMember(Link& link) override { SendFile(link); }
 
     void OnRoleFrame(Link&, Kind kind, CRtMessageBlock& body) override {
         Check(kind == Kind::OFFER, "a frame that a presenter does not take");

@@ -4,12 +4,9 @@
 
 #include "node.h"
 
-using namespace std::chrono_literals;
-
 namespace {
 
-/// So long the bytes of a new block are for urgent requests only: who gets them serves the others.
-constexpr auto YOUNG = 500ms;
+constexpr uint64_t TICKS_PER_ROUND = 25;
 
 class Server final : public Node {
 public:
@@ -19,8 +16,7 @@ public:
             FMFileID id;
             FMFileIDFromString(CRtString(options.id), id);
             FileRef file;
-            if (RT_FAILED(m_cache.Manager().OpenFile(file.Receive(), id, 1)))
-                throw std::runtime_error("the store does not hold " + options.id);
+            Must(m_cache.Manager().OpenFile(file.Receive(), id, 1), "the store does not hold it");
             Use(std::move(file));
         }
         Listen(options.port);
@@ -28,14 +24,10 @@ public:
 
 private:
     void OnRoleFrame(Link& link, Kind kind, CRtMessageBlock& body) override {
-        switch (kind) {
-        case Kind::OFFER:
+        if (kind == Kind::OFFER)
             return OnOffer(link, body);
-        case Kind::OWN:
-            return OnOwn(link, TakeBlockID(body));
-        default:
-            throw Fault("a frame that a server does not take");
-        }
+        Check(kind == Kind::OWN, "a frame that a server does not take");
+        OnOwn(link, body);
     }
 
     void OnOffer(Link& link, CRtMessageBlock& body) {
@@ -45,11 +37,11 @@ private:
         m_source = &link;
         for (uint32_t id = 1; id <= m_count; ++id)
             OnLost(id);
-        for (const auto& [key, each] : m_links)
-            OnMember(*each);
     }
 
-    void OnOwn(Link& link, uint32_t id) {
+    void OnOwn(Link& link, CRtMessageBlock& body) {
+        const uint32_t id = TakeBlockID(body);
+        CheckEnd(body);
         Check(link.member->IsP2P(), "an owner that nobody can reach");
         if (!link.owns.insert(id).second)
             return; // the file manager would count it twice
@@ -58,17 +50,34 @@ private:
         Answer(*block);
     }
 
+    // A file is told of when something of it has come; until then its presenter may be a stranger.
     void OnMember(Link& link) override {
-        if (m_file && link.member)
+        if (m_have > 0)
             SendFile(link);
     }
 
+    // Called before the requests that wait for the block are answered.
+    void OnComplete(IFMBlock&) override {
+        for (const auto& [key, link] : m_links)
+            if (m_have == 1 && link->member)
+                SendFile(*link);
+    }
+
+    // This demonstration wants to show peers at work: the bytes of a new block go to urgent requests
+    // only, and the other requests wait for these clients to own it, or for the next round.
     int Decide(Link& link, IFMBlock& block, const FMRetrieveItem& retrieve) override {
         int type = block.GetRetrieveType(retrieve);
         if (type == FM_RETRIEVE_PEERS && !NamePeers(link, block, retrieve))
             type = block.IsComplete() ? FM_RETRIEVE_HERE : FM_RETRIEVE_NOT_YET;
-        const bool mayWait = retrieve.m_pri > 1 && IsYoung(block.GetBlockID());
-        return type == FM_RETRIEVE_HERE && mayWait ? FM_RETRIEVE_NOT_YET : type;
+        const bool waits = retrieve.m_pri > 1 && !IsRound();
+        return type == FM_RETRIEVE_HERE && waits ? FM_RETRIEVE_NOT_YET : type;
+    }
+
+    void OnTick() override {
+        if (!m_source && m_have == 0)
+            LetGo();
+        for (uint32_t id = 1; IsRound() && id <= m_count; ++id)
+            Answer(*GetBlock(id));
     }
 
     static bool NamePeers(Link& link, IFMBlock& block, const FMRetrieveItem& retrieve) {
@@ -77,28 +86,10 @@ private:
         if (RT_FAILED(block.GetOwners(retrieve, &count, items)) || count == 0)
             return false;
         CRtMessageChain body = Pack(block.GetBlockID(), count);
-        CRtByteStreamT out(*body);
         for (uint16_t i = 0; i < count; ++i)
-            out << items[i].m_address.m_host << items[i].m_address.m_port;
+            body->Append(Pack(items[i].m_address.m_host, items[i].m_address.m_port));
         link.Send(Kind::PEERS, std::move(body));
         return true;
-    }
-
-    bool IsYoung(uint32_t id) const {
-        const auto it = m_young.find(id);
-        return it != m_young.end() && Clock::now() - it->second < YOUNG;
-    }
-
-    // Called before the requests that wait for the block are answered.
-    void OnComplete(IFMBlock& block) override { m_young[block.GetBlockID()] = Clock::now(); }
-
-    void OnTick() override {
-        std::erase_if(m_young, [this](const auto& each) {
-            if (IsYoung(each.first))
-                return false;
-            Answer(*GetBlock(each.first));
-            return true;
-        });
     }
 
     void OnLost(uint32_t id) override {
@@ -106,7 +97,7 @@ private:
             Ask(*m_source, id, 1);
     }
 
-    std::map<uint32_t, Clock::time_point> m_young; ///< when each of the latest blocks was complete
+    bool IsRound() const { return m_ticks % TICKS_PER_ROUND == 0; }
 };
 
 } // namespace

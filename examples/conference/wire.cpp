@@ -1,13 +1,19 @@
 #include "wire.h"
 
+#include <vector>
+
 using asio::use_awaitable;
 using asio::ip::tcp;
 
 namespace {
 
+constexpr uint32_t HEAD_LEN = 6;
 /// Who does not read what it asked for is not listened to either.
 constexpr uint64_t BACKLOG_MAX = 4 * 1024 * 1024;
 constexpr std::chrono::milliseconds BACKLOG_PAUSE(10);
+
+/// A frame's share of the backlog: about the memory that it takes while it waits.
+uint64_t CostOf(const CRtMessageBlock& frame) { return 1024 + frame.GetChainedLength(); }
 
 } // namespace
 
@@ -15,11 +21,12 @@ void Link::Open(const tcp::endpoint& address) {
     asio::co_spawn(m_socket.get_executor(), Run(address),
                    [self = shared_from_this()](const std::exception_ptr& error) {
                        try {
-                           std::rethrow_exception(error); // it runs until something ends it
+                           if (error)
+                               std::rethrow_exception(error);
                        } catch (const Fault& fault) {
                            self->Close(fault.what());
-                       } catch (const std::exception&) {
-                           self->Close("");
+                       } catch (const std::system_error&) {
+                           self->Close(""); // the other end went; all else is this node's failure
                        }
                        self->m_user.OnClosed(*self, self->m_why);
                    });
@@ -34,37 +41,34 @@ asio::awaitable<void> Link::Run(tcp::endpoint address) {
     m_socket.set_option(tcp::no_delay(true));
     m_open = true;
     Write();
-    for (;;)
-        co_await Receive();
+    while (m_open) {
+        const CRtMessageChain head = co_await Read(HEAD_LEN);
+        uint32_t size = 0;
+        uint16_t kind = 0;
+        Take(*head, size, kind);
+        Check(size <= FIELDS_LEN_MAX, "a frame that is too long");
+        const CRtMessageChain body = co_await Read(size);
+        m_user.OnFrame(*this, Kind{kind}, *body);
+        while (m_backlog > BACKLOG_MAX && m_open) {
+            asio::steady_timer pause(m_socket.get_executor(), BACKLOG_PAUSE);
+            co_await pause.async_wait(use_awaitable);
+        }
+    }
 }
 
-asio::awaitable<void> Link::Receive() {
-    uint8_t length[4];
-    uint8_t kind[2];
-    const std::array head{asio::buffer(length), asio::buffer(kind)};
-    co_await asio::async_read(m_socket, head, use_awaitable);
-    const uint32_t size = RtGetLittleEndian<uint32_t>(length);
-    Check(size <= FIELDS_LEN_MAX, "a frame that is too long");
-    const CRtMessageChain body = CRtMessageBlock::Create(size);
-    Check(body != nullptr, "no memory");
-    co_await asio::async_read(m_socket, asio::buffer(body->GetTopLevelWritePtr(), size),
+asio::awaitable<CRtMessageChain> Link::Read(uint32_t size) {
+    CRtMessageChain bytes = MakeBuffer(size);
+    co_await asio::async_read(m_socket, asio::buffer(bytes->GetTopLevelWritePtr(), size),
                               use_awaitable);
-    body->AdvanceTopLevelWritePtr(size);
-    heard = std::chrono::steady_clock::now();
-    m_user.OnFrame(*this, Kind{RtGetLittleEndian<uint16_t>(kind)}, *body);
-
-    asio::steady_timer pause(m_socket.get_executor());
-    while (m_backlog > BACKLOG_MAX && m_socket.is_open()) {
-        pause.expires_after(BACKLOG_PAUSE);
-        co_await pause.async_wait(use_awaitable);
-    }
+    bytes->AdvanceTopLevelWritePtr(size);
+    co_return bytes;
 }
 
 void Link::Send(Kind kind, CRtMessageChain body) {
     CRtMessageChain frame =
         Pack(static_cast<uint32_t>(body->GetChainedLength()), static_cast<uint16_t>(kind));
     frame->Append(std::move(body));
-    m_backlog += frame->GetChainedLength();
+    m_backlog += CostOf(*frame);
     m_out.push_back(std::move(frame));
     if (m_out.size() == 1)
         Write();
@@ -79,18 +83,19 @@ void Link::Write() {
         buffers.emplace_back(each->GetTopLevelReadPtr(), each->GetTopLevelLength());
     asio::async_write(m_socket, buffers,
                       [self = shared_from_this()](std::error_code error, size_t) {
-                          if (error)
+                          if (error || !self->m_open)
                               return self->Close("");
-                          self->m_backlog -= self->m_out.front()->GetChainedLength();
+                          self->m_backlog -= CostOf(*self->m_out.front());
                           self->m_out.pop_front();
                           self->Write();
-                          self->m_user.OnDrained(*self);
+                          self->m_user.OnSent(*self);
                       });
 }
 
 void Link::Close(const std::string& why) {
     if (m_why.empty())
         m_why = why;
+    m_open = false;
     std::error_code ignored;
     m_socket.close(ignored);
 }
