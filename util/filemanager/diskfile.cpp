@@ -49,16 +49,20 @@ int CDiskFile::Open(const CRtString& strFileName, int bCreate) {
     }
     m_pFile = stream;
     m_strFileName = strFileName;
-    NoteOpening(created);
-    return RT_OK;
+    return NoteOpening(created);
 }
 
-void CDiskFile::NoteOpening(bool created) {
-    const uint64_t length = RtOs::GetStamp(m_pFile).length;
-    m_opening = {m_opening.count + 1, created, length > m_reach};
-    m_knownLength = length;
-    m_reach = std::max(m_reach, length);
+int CDiskFile::NoteOpening(bool created) {
+    RtOs::FileStamp stamp;
+    if (!RtOs::GetStamp(m_pFile, stamp)) {
+        Close();
+        return RT_ERROR_IO;
+    }
+    m_opening = {m_opening.count + 1, created, stamp.length > m_reach};
+    m_knownLength = stamp.length;
+    m_reach = std::max(m_reach, stamp.length);
     m_lookedAt = GetTickCountEx();
+    return RT_OK;
 }
 
 // A stream whose file was removed or replaced would go on working, for nobody. Looked at now and then: a
@@ -69,8 +73,11 @@ bool CDiskFile::IsStreamTrue() {
     if (now - m_lookedAt < intervalMs)
         return true;
     m_lookedAt = now;
-    const RtOs::FileStamp file = RtOs::GetStamp(m_strFileName);
-    if (file.IsSameFile(RtOs::GetStamp(m_pFile)) && file.length >= m_knownLength)
+    RtOs::FileStamp file;
+    RtOs::FileStamp own;
+    if (!RtOs::GetStamp(m_strFileName, file) || !RtOs::GetStamp(m_pFile, own))
+        return true; // another time
+    if (file.IsSameFile(own) && file.length >= m_knownLength)
         return true;
     RT_LOG(RT_LOG_WARNING, "CDiskFile::IsOpen, removed or cut by others, filename="
                                << m_strFileName << " this=" << this);
@@ -137,11 +144,13 @@ int CDiskFile::ReaddData(void* lpBuffer, uint64_t dwOffset, const uint32_t& dwLe
     if (!RT_CHECK(SOURCE, lpBuffer && dwLength > 0, "lpBuffer && dwLength>0"))
         return RT_ERROR_INVALID_ARG;
     const CStreamKeeper::CUse use(*this);
+    m_isTooShort = false;
     if (!IsOpen()) {
         RT_LOG(RT_LOG_ERROR, "CDiskFile::ReaddData. this=" << this);
         return RT_ERROR_IO;
     }
     const RtOs::Transfer result = RtOs::ReadAt(m_pFile, dwOffset, lpBuffer, dwLength);
+    m_isTooShort = result == RtOs::Transfer::Short;
     if (result != RtOs::Transfer::Done)
         return Fail(result, {"CDiskFile::ReaddData. ", "fread", " fileName="}, dwLength, dwOffset);
     return RT_OK;
@@ -163,19 +172,20 @@ int CDiskFile::Fail(RtOs::Transfer result, const FailureTexts& texts, uint32_t d
 
 int CDiskFile::GetLength(uint64_t& length) {
     const CStreamKeeper::CUse use(*this);
-    if (!IsOpen())
+    RtOs::FileStamp stamp;
+    if (!IsOpen() || !RtOs::GetStamp(m_pFile, stamp))
         return RT_ERROR_IO;
-    const RtOs::FileStamp stamp = RtOs::GetStamp(m_pFile);
     length = stamp.length;
-    return stamp.exists ? RT_OK : RT_ERROR_IO;
+    return RT_OK;
 }
 
 bool CDiskFile::Reaches(uint64_t end) {
     const CStreamKeeper::CUse use(*this);
     if (!IsOpen())
         return false;
-    if (m_knownLength < end)
-        m_knownLength = RtOs::GetStamp(m_pFile).length;
+    RtOs::FileStamp stamp;
+    if (m_knownLength < end && RtOs::GetStamp(m_pFile, stamp))
+        m_knownLength = stamp.length;
     return m_knownLength >= end;
 }
 

@@ -34,6 +34,8 @@ public:
     /// Whether the file has bytes up to `end`, as far as this stream knows: a file that somebody cuts
     /// meanwhile shows in the read. Makes a missing file as a read would.
     bool Reaches(uint64_t end);
+    /// Whether the latest read failed because the file ends before it: another time will not help.
+    bool IsTooShort() const { return m_isTooShort; }
     /// Opens the file, if there is one. False when another process has it.
     bool TakeExisting();
     const CRtString& GetFileName() const { return m_strFileName; }
@@ -58,7 +60,7 @@ private:
     };
     int Fail(RtOs::Transfer result, const FailureTexts& texts, uint32_t dwLength,
              uint64_t dwOffset);
-    void NoteOpening(bool created);
+    int NoteOpening(bool created);
     bool IsStreamTrue();
 
     CRtString m_strFileName;
@@ -68,6 +70,7 @@ private:
     uint64_t m_reach = 0;       // no byte was seen or written beyond this
     uint64_t m_lookedAt = 0;    // tick count of the last look at what the path names
     bool m_isInUse = false;     // by another process, at the latest try to open it
+    bool m_isTooShort = false;  // for the latest read
     Opening m_opening;
     // The keeper's: links from the least to the most recently used stream, and whether it is in use.
     CDiskFile* m_pOlder = nullptr;

@@ -64,7 +64,7 @@ CFileManager::~CFileManager() {
     s_alive.store(nullptr, std::memory_order_release);
 }
 
-int CFileManager::Initialize(const CRtString& dataDir, uint16_t clearDays, int isServer) {
+int CFileManager::Initialize(const CRtString& dataDir, uint16_t clearDays, int isServer) noexcept {
     RT_LOG(RT_LOG_TRACE, "CFileManager::Initialize, dataDir=" << dataDir
                                                               << ", isServer=" << isServer
                                                               << ", clearDays=" << clearDays);
@@ -95,7 +95,7 @@ void CFileManager::StartThreads() {
         m_pCallerTd = CRtThreadManager::Instance()->GetThread(RT_CALLER_THREAD);
 }
 
-void CFileManager::UnInitialize() {
+void CFileManager::UnInitialize() noexcept {
     if (!m_init)
         return;
     LogStatistics("CFileManager::UnInitialize, statistics ");
@@ -222,21 +222,21 @@ private:
     CFileManager& m_manager;
 };
 
-int CFileManager::CreateFile(IFMFile*& file, const FMFileInfo& fileInfo) {
+int CFileManager::CreateFile(IFMFile*& file, const FMFileInfo& fileInfo) noexcept {
     if (!RT_CHECK(SOURCE, !(FMFileID_None == fileInfo.fileID), "FMFileID_None != fileInfo.fileID"))
         return RT_ERROR_INVALID_ARG;
     CheckValid();
     SettlePredecessors(fileInfo.fileID);
     const COpening opening(*this, fileInfo.fileID);
     FileRef created(new (std::nothrow) CFMFile(fileInfo));
-    if (!RT_CHECK(SOURCE, created.Get(), "file.Get()"))
+    if (!RT_CHECK(SOURCE, created.Get(), "file.Get()") || !created->HasDiskFiles())
         return RT_ERROR_NULL_OBJECT;
     RegisterFile(created, fileInfo.fileID);
     file = created.Detach();
     return RT_OK;
 }
 
-int CFileManager::OpenFile(IFMFile*& file, const FMFileID& fileHandle, int load) {
+int CFileManager::OpenFile(IFMFile*& file, const FMFileID& fileHandle, int load) noexcept {
     if (!RT_CHECK(SOURCE, !(FMFileID_None == fileHandle), "FMFileID_None != fileHandle"))
         return RT_ERROR_INVALID_ARG;
     file = nullptr;
@@ -341,7 +341,7 @@ int CFileManager::FindFile(const FMFileID& fileHandle, FileRef& file) {
 }
 
 int CFileManager::GetBlock(IFMBlock*& block, const FMFileID& fileHandle, uint32_t blockID,
-                           int create) {
+                           int create) noexcept {
     FileRef file;
     const int result = FindFile(fileHandle, file);
     return RT_FAILED(result) ? result : file->GetBlock(block, blockID, create);
@@ -365,7 +365,7 @@ int CFileManager::FindAttachable(const FMFileID& fileHandle, FileRef& file) {
     return result;
 }
 
-int CFileManager::AttachFile(const FMFileID& fileHandle) {
+int CFileManager::AttachFile(const FMFileID& fileHandle) noexcept {
     RT_LOG(RT_LOG_TRACE, "CFileManager::AttachFile, fildID=" << FMFileIDToString(fileHandle));
     FileRef file;
     const int result = FindAttachable(fileHandle, file);
@@ -374,7 +374,7 @@ int CFileManager::AttachFile(const FMFileID& fileHandle) {
     return result;
 }
 
-int CFileManager::DetachFile(const FMFileID& fileHandle) {
+int CFileManager::DetachFile(const FMFileID& fileHandle) noexcept {
     RT_LOG(RT_LOG_TRACE, "CFileManager::DetachFile, fildID=" << FMFileIDToString(fileHandle));
     FileRef file;
     const int result = FindAttachable(fileHandle, file);

@@ -43,20 +43,20 @@ public:
     /// Null instead of a new manager, for what is destroyed after the manager at process end.
     static CFileManager* IfAlive() { return s_alive.load(std::memory_order_acquire); }
 
-    int Initialize(const CRtString& dataDir, uint16_t clearDays, int isServer) override;
-    void UnInitialize() override;
-    int CreateFile(IFMFile*& file, const FMFileInfo& fileInfo) override;
-    int OpenFile(IFMFile*& file, const FMFileID& fileHandle, int load) override;
+    int Initialize(const CRtString& dataDir, uint16_t clearDays, int isServer) noexcept override;
+    void UnInitialize() noexcept override;
+    int CreateFile(IFMFile*& file, const FMFileInfo& fileInfo) noexcept override;
+    int OpenFile(IFMFile*& file, const FMFileID& fileHandle, int load) noexcept override;
     int GetBlock(IFMBlock*& block, const FMFileID& fileHandle, uint32_t blockID,
-                 int create) override;
-    int AttachFile(const FMFileID& fileHandle) override;
-    int DetachFile(const FMFileID& fileHandle) override;
+                 int create) noexcept override;
+    int AttachFile(const FMFileID& fileHandle) noexcept override;
+    int DetachFile(const FMFileID& fileHandle) noexcept override;
     ~CFileManager() override;
     virtual int RemoveBlock(const FMFileID& fileHandle, uint32_t blockID, IFMBlock*& block);
     virtual const FMBlockTable& GetBlocks(const FMFileID& fileHandle);
     virtual CRtString GetStatistics();
 
-    void OnTimer(CRtTimerWrapper* timer) override;
+    void OnTimer(CRtTimerWrapper* timer) noexcept override;
 
     // Work for the two threads. 0 or the queue's result; 10007 no event; 10015 no thread. The event is
     // disposed of in any case. Any thread may post.

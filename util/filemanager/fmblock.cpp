@@ -130,7 +130,7 @@ bool CFMBlock::IsLost() const {
 
 // --- Writing ------------------------------------------------------------------------------------
 
-int CFMBlock::WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* data) {
+int CFMBlock::WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* data) noexcept {
     m_lastAccessTime = GetTickCountEx();
     CheckValid();
     if (const int result = CheckPiece(blockLen, dataPos, data); RT_FAILED(result))
@@ -330,7 +330,7 @@ void CFMBlock::Restore(const FMBlockEntry& entry, const Origin& origin) {
 
 // --- Reading ------------------------------------------------------------------------------------
 
-int CFMBlock::ReadData(uint32_t readPos, uint32_t readLen, CRtMessageBlock*& pData) {
+int CFMBlock::ReadData(uint32_t readPos, uint32_t readLen, CRtMessageBlock*& pData) noexcept {
     CheckValid();
     if (readPos > m_position || uint64_t{readPos} + readLen > m_totalLen) {
         RT_LOG(RT_LOG_WARNING, "CFMBlock::ReadData, readPos=" << readPos << ",readLen=" << readLen
@@ -359,7 +359,7 @@ int CFMBlock::ReadData(uint32_t readPos, uint32_t readLen, CRtMessageBlock*& pDa
     return RT_OK;
 }
 
-int CFMBlock::ReadData(IFMBlockSink* sink) {
+int CFMBlock::ReadData(IFMBlockSink* sink) noexcept {
     RT_LOG(RT_LOG_TRACE, "CFMBlock::ReadData, async, sink=" << sink << ",m_readsinks="
                                                             << uint64_t{m_readsinks.size()}
                                                             << " this=" << this);
@@ -382,7 +382,7 @@ int CFMBlock::ReadData(IFMBlockSink* sink) {
     return result;
 }
 
-int CFMBlock::CancelReadData(IFMBlockSink* sink) {
+int CFMBlock::CancelReadData(IFMBlockSink* sink) noexcept {
     RT_LOG(RT_LOG_TRACE, "CFMBlock::CancelReadData, sink=" << sink << ",m_readsinks="
                                                            << uint64_t{m_readsinks.size()}
                                                            << " this=" << this);
@@ -405,7 +405,7 @@ bool CFMBlock::IsWaiting(const IFMBlockSink* sink) const {
     return holds(m_readsinks);
 }
 
-int CFMBlock::PostLoad(int bSync) {
+int CFMBlock::PostLoad(int bSync) noexcept {
     const int result = CFileManager::Instance()->PostToReadwrThread(
         new CFMRefFunctor2(this, &CFMBlock::ReadFromFile, m_totalLen, bSync), bSync);
     if (RT_SUCCEEDED(result) && !bSync)

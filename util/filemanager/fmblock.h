@@ -31,10 +31,10 @@ class CFMBlock : public CRtCounted<IFMBlock> {
 public:
     CFMBlock(CFMFile* file, uint32_t blockID);
 
-    int WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* data) override;
-    int ReadData(IFMBlockSink* sink) override;
-    int ReadData(uint32_t readPos, uint32_t readLen, CRtMessageBlock*& pData) override;
-    int CancelReadData(IFMBlockSink* sink) override;
+    int WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* data) noexcept override;
+    int ReadData(IFMBlockSink* sink) noexcept override;
+    int ReadData(uint32_t readPos, uint32_t readLen, CRtMessageBlock*& pData) noexcept override;
+    int CancelReadData(IFMBlockSink* sink) noexcept override;
     IFMFile* GetFile() override;
     const FMFileID& GetFileID() override;
     uint32_t GetBlockID() override { return m_blockID; }
@@ -45,9 +45,9 @@ public:
     bool IsInMemory() override { return m_data != nullptr; }
     bool IsAlive() override;
     int GetOwners(const FMRetrieveItem& retrieve, uint16_t* count,
-                  SDDataAddressItem* items) override;
-    void AddRetrieve(ISDUser* node, uint32_t pri) override;
-    int CancelRetrieve(ISDUser* node) override;
+                  SDDataAddressItem* items) noexcept override;
+    void AddRetrieve(ISDUser* node, uint32_t pri) noexcept override;
+    int CancelRetrieve(ISDUser* node) noexcept override;
     const std::list<FMRetrieveItem>& GetRetrieves() override { return m_retrieves; }
     bool FreeMemory() override;
 
@@ -94,7 +94,7 @@ private:
     void PostStore();
     void WithdrawStore();
     void EndStore(int result);
-    int PostLoad(int bSync);
+    int PostLoad(int bSync) noexcept;
     int LoadBytes(uint32_t len, CRtMessageChain& buffer);
     bool IsWaiting(const IFMBlockSink* sink) const;
     void CallSinks(int result);
@@ -135,7 +135,7 @@ class CFMClientBlock final : public CFMBlock {
 public:
     using CFMBlock::CFMBlock;
 
-    void SetOwner(ISDUser* owner, int bOwn) override;
+    void SetOwner(ISDUser* owner, int bOwn) noexcept override;
     bool HasOwner() override;
     ISDUser* GetOwner() override;
     int GetRetrieveType(const FMRetrieveItem& retrieve) override;
@@ -148,11 +148,11 @@ class CFMServerBlock final : public CFMBlock {
 public:
     using CFMBlock::CFMBlock;
 
-    void SetOwner(ISDUser* owner, int bOwn) override;
+    void SetOwner(ISDUser* owner, int bOwn) noexcept override;
     bool HasOwner() override;
     ISDUser* GetOwner() override;
     int GetOwners(const FMRetrieveItem& retrieve, uint16_t* count,
-                  SDDataAddressItem* items) override;
+                  SDDataAddressItem* items) noexcept override;
     int GetRetrieveType(const FMRetrieveItem& retrieve) override;
 
 private:

@@ -64,7 +64,7 @@ CFMFile::~CFMFile() {
     m_diskFile.Reset();
 }
 
-int CFMFile::GetBlock(IFMBlock*& block, uint32_t blockID, int create) {
+int CFMFile::GetBlock(IFMBlock*& block, uint32_t blockID, int create) noexcept {
     const uint32_t slot = blockID - m_fileInfo.blockBeg;
     const bool inTable = IsBlockidOK(blockID);
     if (inTable) {
@@ -113,7 +113,7 @@ bool CFMFile::IsBlockidOK(uint32_t blockID) const {
     return blockID >= m_fileInfo.blockBeg && blockID - m_fileInfo.blockBeg < m_blocks.size();
 }
 
-int CFMFile::RemoveBlock(uint32_t blockID, IFMBlock*& block) {
+int CFMFile::RemoveBlock(uint32_t blockID, IFMBlock*& block) noexcept {
     if (!RT_CHECK(SOURCE, IsBlockidOK(blockID), "IsBlockidOK(blockID)"))
         return RT_ERROR_INVALID_ARG;
     RT_LOG(RT_LOG_TRACE, "CFMFile::RemoveBlock, fileID=" << FMFileIDToString(m_fileInfo.fileID)
@@ -125,7 +125,7 @@ int CFMFile::RemoveBlock(uint32_t blockID, IFMBlock*& block) {
     return RT_OK;
 }
 
-void CFMFile::CancelRetrieve(ISDUser* node, int bRemoveOwner) {
+void CFMFile::CancelRetrieve(ISDUser* node, int bRemoveOwner) noexcept {
     if (!RT_CHECK(SOURCE, node, "node"))
         return;
     const CRtComAutoPtr<ISDUser> kept(node); // the blocks may hold the last references
@@ -238,7 +238,9 @@ int CFMFile::CheckOpening() {
     if (opening.count == m_openings)
         return RT_OK;
     // The stream was away for a while, and with it what keeps other processes out.
-    const RtOs::FileStamp info = RtOs::GetStamp(m_infoFile->GetFileName());
+    RtOs::FileStamp info;
+    if (!RtOs::GetStamp(m_infoFile->GetFileName(), info))
+        return RT_ERROR_IO;
     if (IsTakenByOthers(info)) {
         RT_LOG(RT_LOG_ERROR, "CFMFile::CheckOpening, another process has changed the file, fileID="
                                  << FMFileIDToString(m_pathID) << " this=" << this);
@@ -248,6 +250,7 @@ int CFMFile::CheckOpening() {
     }
     m_openings = opening.count;
     m_infoStamp = info;
+    m_isInfoStampTrue = true;
     return RT_OK;
 }
 
@@ -256,17 +259,19 @@ bool CFMFile::IsTakenByOthers(const RtOs::FileStamp& info) const {
     const CDiskFile::Opening& opening = m_diskFile->GetOpening();
     if (opening.created || m_openings == 0)
         return false;
-    return opening.stranger || !(info == m_infoStamp);
+    return opening.stranger || (m_isInfoStampTrue && !(info == m_infoStamp));
 }
 
 int CFMFile::PrepareStore(int64_t pos, uint32_t entryAt) {
     int result = DiscardPredecessor();
     if (RT_SUCCEEDED(result))
         result = PrepareLoad();
-    uint64_t length = 0;
-    if (RT_SUCCEEDED(result) && !m_diskFile->Reaches(static_cast<uint64_t>(pos)))
-        result = m_diskFile->GetLength(length) == RT_OK ? NoteGap(static_cast<int64_t>(length), pos)
-                                                        : RT_ERROR_IO;
+    if (RT_SUCCEEDED(result) && !m_diskFile->Reaches(static_cast<uint64_t>(pos))) {
+        uint64_t length = 0;
+        result = m_diskFile->GetLength(length);
+        if (RT_SUCCEEDED(result) && static_cast<int64_t>(length) < pos)
+            result = NoteGap(static_cast<int64_t>(length), pos);
+    }
     if (RT_SUCCEEDED(result) && entryAt != 0)
         result = Revoke(entryAt);
     return result;
@@ -278,7 +283,7 @@ int CFMFile::NoteGap(int64_t begin, int64_t end) {
     if (begin < m_tableEnd) {
         if (const int result = m_infoFile->Invalidate(); RT_FAILED(result))
             return result;
-        m_infoStamp = RtOs::GetStamp(m_infoFile->GetFileName());
+        NoteOwnChange();
         m_tableEnd = 0;
     }
     const std::lock_guard lock(m_transferMutex);
@@ -296,13 +301,20 @@ int CFMFile::Revoke(uint32_t entryAt) {
     if (!CFileManager::FileExists(m_infoFile->GetFileName()))
         return RT_OK;
     const int result = m_infoFile->RevokeEntry(entryAt);
-    m_infoStamp = RtOs::GetStamp(m_infoFile->GetFileName());
+    NoteOwnChange();
     return result;
 }
 
+// When the system does not tell what the file looks like now, an older stamp stays, and the next opening
+// of the data file would be taken for another process's doing: it is not asked then.
+void CFMFile::NoteOwnChange() {
+    m_isInfoStampTrue = RtOs::GetStamp(m_infoFile->GetFileName(), m_infoStamp);
+}
+
 int CFMFile::IsHouseKeeping() {
+    // What cannot be read for the moment, for want of streams perhaps, may be read another day.
     if (!LoadFileInfo())
-        return 1;
+        return m_isInfoWithheld ? 0 : 1;
     if (m_fileInfo.flag & FM_FILE_TEMPORARY)
         return 1;
     if (m_fileInfo.flag & FM_FILE_KEPT)

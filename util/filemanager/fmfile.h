@@ -25,12 +25,13 @@ public:
     explicit CFMFile(const FMFileInfo& fileInfo);
     explicit CFMFile(const CRtString& stem);
 
-    int GetBlock(IFMBlock*& block, uint32_t blockID, int create) override;
-    int RemoveBlock(uint32_t blockID, IFMBlock*& block) override;
+    int GetBlock(IFMBlock*& block, uint32_t blockID, int create) noexcept override;
+    int RemoveBlock(uint32_t blockID, IFMBlock*& block) noexcept override;
     const FMBlockTable& GetBlocks() override { return m_blocks; }
-    void CancelRetrieve(ISDUser* node, int bRemoveOwner) override;
+    void CancelRetrieve(ISDUser* node, int bRemoveOwner) noexcept override;
     const FMFileInfo& GetFileInfo() override { return m_fileInfo; }
 
+    bool HasDiskFiles() const { return m_diskFile && m_infoFile; }
     /// Null once another object has taken the path over. Any thread.
     CDiskFile* GetDiskFile() {
         return m_retired.load(std::memory_order_acquire) ? nullptr : m_diskFile.Get();
@@ -44,7 +45,7 @@ public:
     void MarkInfoChanged() { m_fileFlag.fetch_or(FLAG_INFO_CHANGED); }
 
     int SaveFileInfo();
-    void SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody);
+    void SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody) noexcept;
     int LoadFileInfo();
     int LoadBlokInfo();
     /// Writes the information that waits to be written, instead of its event.
@@ -103,14 +104,18 @@ private:
     void PostInfo(CRtMessageChain fileBody, CRtMessageChain blockBody);
     void EndWaiting();
     void PostInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody);
-    CRtMessageChain WithoutFailedStores(CRtMessageBlock& blockBody);
-    void LimitTable();
-    void RestoreBlocks(const std::vector<FMBlockEntry>& slots);
+    CRtMessageChain WithoutLostBytes(CRtMessageBlock& blockBody);
+    bool IsLostSince(size_t gaps, const FMBlockEntry& entry);
+    int LimitTable();
+    bool RestoreBlocks(const std::vector<FMBlockEntry>& slots);
     std::vector<bool> FindDoubtful(std::vector<FMBlockEntry> slots, const std::vector<bool>& shared,
-                                   uint64_t dataLength);
-    CFMBlock* RestoreBlock(const FMBlockEntry& entry, uint64_t dataLength);
+                                   int64_t dataLength);
+    void RestorePlace(CFMBlock& block, const FMBlockEntry& entry, CFMBlock::Origin origin,
+                      int64_t dataLength);
+    void LogEntry(const char* what, const FMBlockEntry& entry);
     int NoteGap(int64_t begin, int64_t end);
     int Revoke(uint32_t entryAt);
+    void NoteOwnChange();
     int PrepareSave();
     int CheckOpening();
     bool IsTakenByOthers(const RtOs::FileStamp& info) const;
@@ -128,21 +133,24 @@ private:
     FMFileID m_pathID = FMFileID_None;
     bool m_registered = false;
     bool m_closed = false;
-    std::atomic<bool> m_retired{false};         // set on the caller thread, read on both
+    bool m_isInfoWithheld = false;      // the latest load failed for the disk, not for what it read
+    std::atomic<bool> m_retired{false}; // set on the caller thread, read on both
     std::atomic<bool> m_overPredecessor{false}; // older files of this identifier may lie on disk
     std::mutex m_transferMutex;
     std::atomic<uint32_t> m_pendingStores{0};
     std::atomic<bool> m_storeFailed{false}; // some block's, either thread
 
     // What the read/write thread knows of the files on disk, while the file is open.
-    uint32_t m_openings = 0;     // of the data file, that were looked into
+    uint32_t m_openings = 0; // of the data file, that were looked into
+    bool m_isInfoStampTrue = true;
     RtOs::FileStamp m_infoStamp; // of the information file, as this object left it
     int64_t m_tableEnd = 0;      // the furthest end that the information file names
     struct Gap {
         int64_t begin;
         int64_t end;
     };
-    std::vector<Gap> m_gaps; // under the transfer mutex
+    std::vector<Gap> m_gaps;      // under the transfer mutex
+    size_t m_gapsWhenEncoded = 0; // of these, when the table was encoded
 
     // Information that waits to be written, beside the event that will write it.
     std::atomic<bool> m_infoWaiting{false}; // housekeeping looks at it

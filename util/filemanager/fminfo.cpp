@@ -1,5 +1,6 @@
 // The file object's information store: saving at the close, loading before the file is opened.
 #include <algorithm>
+#include <map>
 
 #include "RtLog.h"
 #include "RtResult.h"
@@ -15,6 +16,8 @@ int WriteBody(CInfoFile& file, int (CInfoFile::*write)(const void*, uint32_t),
     const CRtString bytes = body.FlattenChained();
     return (file.*write)(bytes.data(), static_cast<uint32_t>(bytes.size()));
 }
+
+int64_t EndOf(const FMBlockEntry& entry) { return entry.posInFile + entry.totalLen; }
 
 // Which entries name bytes that another names too: writing one of them in place would change the other,
 // and at most one of them is true.
@@ -32,7 +35,7 @@ std::vector<bool> FindSharedPlaces(const std::vector<FMBlockEntry>& slots) {
     for (const size_t i : order) {
         if (slots[i].posInFile < furthestEnd)
             shared[i] = shared[furthest] = true;
-        const int64_t end = slots[i].posInFile + slots[i].totalLen;
+        const int64_t end = EndOf(slots[i]);
         if (end > furthestEnd) {
             furthestEnd = end;
             furthest = i;
@@ -71,6 +74,10 @@ int CFMFile::SaveFileInfo() {
 
 std::vector<FMBlockEntry> CFMFile::DescribeBlocks() {
     std::vector<FMBlockEntry> slots(m_blocks.size());
+    {
+        const std::lock_guard lock(m_transferMutex);
+        m_gapsWhenEncoded = m_gaps.size();
+    }
     for (size_t i = 0; i < m_blocks.size(); ++i) {
         if (!m_blocks[i])
             continue;
@@ -114,7 +121,7 @@ void CFMFile::PostInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody) 
             new CFMRefFunctor2(this, &CFMFile::SaveFileInfo_m, file.release(), block.release()), 0);
 }
 
-void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody) {
+void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody) noexcept {
     if (!IsInfoWaiting())
         return; // written or dropped before its turn came
     if (fileBody) {
@@ -129,7 +136,9 @@ void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBo
         }
     }
     if (blockBody) {
-        const CRtMessageChain corrected = WithoutFailedStores(*blockBody);
+        // Most files are closed after their stores have run.
+        const CRtMessageChain corrected =
+            m_unsettled.empty() ? nullptr : WithoutLostBytes(*blockBody);
         const int ret =
             WriteBody(*m_infoFile, &CInfoFile::WriteBlockInfo, corrected ? *corrected : *blockBody);
         if (RT_FAILED(ret))
@@ -139,24 +148,33 @@ void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBo
     EndWaiting();
 }
 
-// Stores that failed after the table was encoded: their entries must not say that bytes are there. Null
-// when there are none.
-CRtMessageChain CFMFile::WithoutFailedStores(CRtMessageBlock& blockBody) {
+// The stores of the blocks that were pending when the table was encoded have run since: some have failed,
+// and some have left a gap where others' bytes were cut off. Null when nothing of that happened.
+CRtMessageChain CFMFile::WithoutLostBytes(CRtMessageBlock& blockBody) {
     std::vector<FMBlockEntry> slots;
-    for (const auto& block : m_unsettled) {
-        if (!block->IsStoreFailed())
-            continue;
-        if (slots.empty())
-            FMDecodeBlockBody(*blockBody.DuplicateChained(), slots);
-        const uint32_t slot = block->GetBlockID() - m_fileInfo.blockBeg;
-        if (slot < slots.size()) // else it was left out for lack of room
-            slots[slot] = {block->GetBlockID(), 0, 0};
+    FMDecodeBlockBody(*blockBody.DuplicateChained(), slots);
+    std::map<uint32_t, CFMBlock*> unsettled;
+    for (const auto& block : m_unsettled)
+        unsettled[block->GetBlockID()] = block.Get();
+    bool changed = false;
+    for (FMBlockEntry& entry : slots) {
+        const auto it = unsettled.find(entry.blockID);
+        const bool lost = it != unsettled.end() ? it->second->Describe().totalLen == 0
+                                                : IsLostSince(m_gapsWhenEncoded, entry);
+        if (entry.totalLen > 0 && lost)
+            entry = {entry.blockID, 0, 0};
+        changed = changed || lost;
     }
     CRtMessageChain corrected;
     uint32_t left = 0;
-    if (!slots.empty())
+    if (changed)
         FMEncodeBlockBody(slots, corrected, left);
     return corrected;
+}
+
+bool CFMFile::IsLostSince(size_t gaps, const FMBlockEntry& entry) {
+    const std::lock_guard lock(m_transferMutex);
+    return entry.totalLen > 0 && IsInGap(gaps, entry.posInFile, EndOf(entry));
 }
 
 void CFMFile::EndWaiting() {
@@ -181,36 +199,39 @@ int CFMFile::LoadFileInfo() {
     char buffer[FM_INFO_FILE_BODY_MAX] = {};
     uint32_t length = sizeof(buffer);
     int ret = m_infoFile ? m_infoFile->ReaddFileInfo(buffer, &length) : RT_ERROR_NOT_READY;
+    m_isInfoWithheld = ret == RT_ERROR_IO && !m_infoFile->IsTooShort();
     if (RT_FAILED(ret)) {
         RT_LOG(RT_LOG_ERROR,
                "CFMFile::LoadFileInfo, ReaddFileInfo error, ret=" << ret << " this=" << this);
         return 0;
     }
     const CRtMessageChain body = CRtMessageBlock::Wrap(buffer, length);
-    ret = FMDecodeFileBody(*body, m_fileInfo, m_createTime);
+    ret = body ? FMDecodeFileBody(*body, m_fileInfo, m_createTime) : RT_ERROR_NULL_OBJECT;
     if (RT_SUCCEEDED(ret) &&
         (m_fileInfo.num > FM_TABLE_SLOTS_MAX || m_fileInfo.fileID == FMFileID_None))
         ret = RT_ERROR_INVALID_ARG;
+    if (RT_SUCCEEDED(ret))
+        ret = LimitTable();
     if (RT_FAILED(ret)) {
         RT_LOG(RT_LOG_ERROR,
                "CFMFile::LoadFileInfo, Decode file info error, ret=" << ret << " this=" << this);
         return 0;
     }
-    LimitTable();
     m_blocks.resize(m_fileInfo.num);
     return 1;
 }
 
 // A damaged number makes nobody allocate for it.
-void CFMFile::LimitTable() {
+int CFMFile::LimitTable() {
     uint64_t length = 0;
-    if (RT_FAILED(m_infoFile->GetLength(length)))
-        length = 0;
+    if (const int result = m_infoFile->GetLength(length); RT_FAILED(result))
+        return result;
     const uint32_t slots = FMSlotsToLoad(m_fileInfo.num, length);
     if (slots < m_fileInfo.num)
         RT_LOG(RT_LOG_WARNING, "CFMFile::LoadFileInfo, table larger than its file, num="
                                    << m_fileInfo.num << ",slots=" << slots << " this=" << this);
     m_fileInfo.num = slots;
+    return RT_OK;
 }
 
 int CFMFile::LoadBlokInfo() {
@@ -239,68 +260,70 @@ int CFMFile::LoadBlokInfo() {
            "CFMFile::LoadBlokInfo, ReaddBlockInfo result: length=" << length << " this=" << this);
     std::vector<FMBlockEntry> slots;
     FMDecodeBlockBody(*body, slots); // a body that ends early has said so
-    RestoreBlocks(slots);
-    return 1;
+    return RestoreBlocks(slots) ? 1 : 0;
 }
 
 // Which of those that share their bytes share them with a block that could be read, too.
 std::vector<bool> CFMFile::FindDoubtful(std::vector<FMBlockEntry> slots,
-                                        const std::vector<bool>& shared, uint64_t dataLength) {
+                                        const std::vector<bool>& shared, int64_t dataLength) {
     if (std::find(shared.begin(), shared.end(), true) == shared.end())
         return shared;
     for (FMBlockEntry& entry : slots) {
-        if (!IsBlockidOK(entry.blockID) || !FMIsEntryPossible(entry) ||
-            entry.posInFile + entry.totalLen > static_cast<int64_t>(dataLength))
+        if (!IsBlockidOK(entry.blockID) || !FMIsEntryPossible(entry) || EndOf(entry) > dataLength)
             entry.totalLen = 0;
     }
     return FindSharedPlaces(slots);
 }
 
-void CFMFile::RestoreBlocks(const std::vector<FMBlockEntry>& slots) {
-    uint64_t dataLength = 0;
-    if (m_diskFile && !RtOs::GetFileLength(m_diskFile->GetFileName(), dataLength))
-        dataLength = 0;
+// False when there is no memory for a block: saved again, the table would be without it.
+bool CFMFile::RestoreBlocks(const std::vector<FMBlockEntry>& slots) {
+    RtOs::FileStamp data;
+    if (!m_diskFile || !RtOs::GetStamp(m_diskFile->GetFileName(), data))
+        return false;
+    const auto dataLength = static_cast<int64_t>(data.length);
     const std::vector<bool> shared = FindSharedPlaces(slots);
     const std::vector<bool> doubtful = FindDoubtful(slots, shared, dataLength);
     uint32_t at = m_infoFile->GetBlockBodyOffset() + FM_INFO_COUNT_SIZE;
     for (size_t i = 0; i < slots.size(); at += FMEntrySize(slots[i++])) {
-        CFMBlock* block = slots[i].blockID != 0 ? RestoreBlock(slots[i], dataLength) : nullptr;
-        if (!block)
+        if (slots[i].blockID == 0)
             continue;
-        if (shared[i])
-            RT_LOG(RT_LOG_WARNING, "CFMFile::LoadBlokInfo, blocks overlap, blockID="
-                                       << slots[i].blockID << ",pos=" << slots[i].posInFile
-                                       << ",len=" << slots[i].totalLen << " this=" << this);
-        block->Restore(slots[i], {at, shared[i], doubtful[i]});
+        if (!IsBlockidOK(slots[i].blockID)) {
+            LogEntry("block outside the table", slots[i]);
+            continue;
+        }
+        const CRtComAutoPtr<CFMBlock> block =
+            CFileManager::Instance()->CreateBlock(this, slots[i].blockID);
+        if (!block)
+            return false;
+        m_blocks[slots[i].blockID - m_fileInfo.blockBeg] = block;
+        RestorePlace(*block, slots[i], {at, shared[i], doubtful[i]}, dataLength);
     }
     m_tableEnd = m_position;
-    m_infoStamp = RtOs::GetStamp(m_infoFile->GetFileName());
+    NoteOwnChange();
+    return true;
 }
 
-// The new block in its slot, or null when it has no bytes anywhere.
-CFMBlock* CFMFile::RestoreBlock(const FMBlockEntry& entry, uint64_t dataLength) {
-    if (!IsBlockidOK(entry.blockID)) {
-        RT_LOG(RT_LOG_WARNING, "CFMFile::LoadBlokInfo, block outside the table, blockID="
-                                   << entry.blockID << " this=" << this);
-        return nullptr;
-    }
-    const CRtComAutoPtr<CFMBlock> block =
-        CFileManager::Instance()->CreateBlock(this, entry.blockID);
-    if (!block)
-        return nullptr;
-    m_blocks[entry.blockID - m_fileInfo.blockBeg] = block;
-    if (!FMIsEntryPossible(entry)) {
-        RT_LOG(RT_LOG_WARNING, "CFMFile::LoadBlokInfo, impossible place, blockID="
-                                   << entry.blockID << ",pos=" << entry.posInFile
-                                   << ",len=" << entry.totalLen << " this=" << this);
-        return nullptr;
-    }
-    const int64_t end = entry.posInFile + entry.totalLen;
-    if (entry.totalLen > 0 && static_cast<uint64_t>(end) > dataLength)
-        RT_LOG(RT_LOG_WARNING, "CFMFile::LoadBlokInfo, block beyond the data file, blockID="
-                                   << entry.blockID << ",pos=" << entry.posInFile
-                                   << ",len=" << entry.totalLen << " this=" << this);
-    if (entry.totalLen > 0)
+void CFMFile::RestorePlace(CFMBlock& block, const FMBlockEntry& entry, CFMBlock::Origin origin,
+                           int64_t dataLength) {
+    if (!FMIsEntryPossible(entry))
+        return LogEntry("impossible place", entry);
+    if (origin.placeIsShared)
+        LogEntry("blocks overlap", entry);
+    const int64_t end = EndOf(entry);
+    const bool isMissing = entry.totalLen > 0 && end > dataLength;
+    if (isMissing)
+        LogEntry("block beyond the data file", entry);
+    // Where no cached file ends nothing was cut off. New blocks do not go there, and what comes to lie
+    // there one day is not this block's.
+    if (isMissing && end > cmax_filea_data_len)
+        origin.isDoubtful = true;
+    else if (entry.totalLen > 0)
         m_position = std::max(m_position, end);
-    return block.Get();
+    block.Restore(entry, origin);
+}
+
+void CFMFile::LogEntry(const char* what, const FMBlockEntry& entry) {
+    RT_LOG(RT_LOG_WARNING, "CFMFile::LoadBlokInfo, " << what << ", blockID=" << entry.blockID
+                                                     << ",pos=" << entry.posInFile << ",len="
+                                                     << entry.totalLen << " this=" << this);
 }

@@ -52,7 +52,7 @@ SDDataAddressItem::~SDDataAddressItem() = default;
 
 // --- Requests -----------------------------------------------------------------------------------
 
-void CFMBlock::AddRetrieve(ISDUser* node, uint32_t pri) {
+void CFMBlock::AddRetrieve(ISDUser* node, uint32_t pri) noexcept {
     CheckValid();
     if (!RT_CHECK(SOURCE, node, "node"))
         return;
@@ -63,7 +63,7 @@ void CFMBlock::AddRetrieve(ISDUser* node, uint32_t pri) {
                                                           << ",pri=" << pri << " this=" << this);
 }
 
-int CFMBlock::CancelRetrieve(ISDUser* node) {
+int CFMBlock::CancelRetrieve(ISDUser* node) noexcept {
     if (!RT_CHECK(SOURCE, node, "node"))
         return 0;
     const auto it = std::find_if(m_retrieves.begin(), m_retrieves.end(), [node](const auto& each) {
@@ -92,12 +92,12 @@ int CFMServerBlock::GetRetrieveType(const FMRetrieveItem& retrieve) {
 
 // --- Owners -------------------------------------------------------------------------------------
 
-int CFMBlock::GetOwners(const FMRetrieveItem&, uint16_t* count, SDDataAddressItem*) {
+int CFMBlock::GetOwners(const FMRetrieveItem&, uint16_t* count, SDDataAddressItem*) noexcept {
     *count = 0;
     return RT_ERROR_NOT_SUPPORTED;
 }
 
-void CFMClientBlock::SetOwner(ISDUser* owner, int bOwn) {
+void CFMClientBlock::SetOwner(ISDUser* owner, int bOwn) noexcept {
     const CTimeCount time(g_counters.timeSetOwner);
     if (!RT_CHECK(SOURCE, owner, "owner"))
         return;
@@ -116,7 +116,7 @@ bool CFMClientBlock::HasOwner() { return !m_owners.empty(); }
 
 ISDUser* CFMClientBlock::GetOwner() { return m_owners.empty() ? nullptr : PickOwner(m_owners); }
 
-void CFMServerBlock::SetOwner(ISDUser* owner, int bOwn) {
+void CFMServerBlock::SetOwner(ISDUser* owner, int bOwn) noexcept {
     const CTimeCount time(g_counters.timeSetOwner);
     if (!RT_CHECK(SOURCE, owner, "owner"))
         return;
@@ -187,7 +187,7 @@ ISDUser* CFMServerBlock::GetOwner() {
 }
 
 int CFMServerBlock::GetOwners(const FMRetrieveItem& retrieve, uint16_t* count,
-                              SDDataAddressItem* items) {
+                              SDDataAddressItem* items) noexcept {
     if (!RT_CHECK(SOURCE, retrieve.m_userNode.Get(), "retrieve.m_userNode.Get()"))
         return RT_ERROR_INVALID_ARG;
     const CTimeCount time(g_counters.timeGetOwners);

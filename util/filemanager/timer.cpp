@@ -11,7 +11,7 @@ constexpr int32_t TICKS_BETWEEN_STATISTICS = 2;
 constexpr uint32_t SECONDS_PER_DAY = 86400;
 } // namespace
 
-void CFileManager::OnTimer(CRtTimerWrapper* timer) {
+void CFileManager::OnTimer(CRtTimerWrapper* timer) noexcept {
     if (timer != &m_timer)
         return;
     if (m_statCountdown < 0) {

@@ -12,6 +12,8 @@
 //  - A file stays open until as many DetachFile as AttachFile calls were made; the last one closes it.
 //    What changed is on disk when the queues have run, at the latest when UnInitialize returns.
 //  - Only UnInitialize brings files that are still open to disk. Call it before the process ends.
+//  - Nothing is thrown. Want of memory for a block's bytes or for an object is a result; for something
+//    smaller it ends the process by std::terminate. docs/reliability.md says what is left then.
 //  - A cached file ends at 1 GiB and a block at 16 MiB: the library writes log lines beyond that.
 //
 // Result codes (RtResult.h): 0 success, 10001 failed, 10004 not supported, 10006 input/output error,

@@ -40,7 +40,8 @@ bool GetUserDataDir(CRtString& directory);
 // --- Directories and files ----------------------------------------------------------------------
 
 enum class EntryKind { Missing, File, Directory };
-/// What a path names; a link counts as what it leads to, one that leads nowhere as a file.
+/// What a path names; a link counts as what it leads to, one that leads nowhere as a file, and so does
+/// what the system does not tell.
 EntryKind GetEntryKind(const CRtString& path);
 /// False when there is no file of that path.
 bool GetFileLength(const CRtString& path, uint64_t& length);
@@ -133,9 +134,9 @@ struct FileStamp {
         return exists && other.exists && device == other.device && node == other.node;
     }
 };
-/// Without `exists` when there is no regular file, or the system does not tell.
-FileStamp GetStamp(FILE* stream);
-FileStamp GetStamp(const CRtString& path);
+/// Without `exists` when there is no regular file. False when the system does not tell.
+bool GetStamp(FILE* stream, FileStamp& stamp);
+bool GetStamp(const CRtString& path, FileStamp& stamp);
 /// How many streams the process may have open at a time, by the limit in force now.
 uint32_t GetStreamLimit();
 

@@ -38,6 +38,8 @@ std::string NativeWithoutTail(const CRtString& path) {
     return native;
 }
 
+bool IsMissing(int error) { return error == ENOENT || error == ENOTDIR; }
+
 // A system or file system that has no such locks refuses nobody.
 bool LockFile(int fd, int operation) {
     return ::flock(fd, operation | LOCK_NB) == 0 || errno != EWOULDBLOCK;
@@ -111,7 +113,8 @@ EntryKind GetEntryKind(const CRtString& path) {
     struct stat info {};
     if (::stat(native.c_str(), &info) == 0)
         return S_ISDIR(info.st_mode) ? EntryKind::Directory : EntryKind::File;
-    return ::lstat(native.c_str(), &info) == 0 ? EntryKind::File : EntryKind::Missing;
+    const bool missing = ::lstat(native.c_str(), &info) != 0 && IsMissing(errno);
+    return missing ? EntryKind::Missing : EntryKind::File;
 }
 
 bool GetFileLength(const CRtString& path, uint64_t& length) {
@@ -235,11 +238,14 @@ int OpenFile(const char* path, uint32_t flags, bool& created) {
 }
 
 template <class Info>
-FileStamp Stamp(int result, const Info& info) {
-    if (result != 0 || !S_ISREG(info.st_mode) || info.st_size < 0)
-        return {};
-    return {true, info.st_dev, info.st_ino, static_cast<uint64_t>(info.st_size),
-            info.st_mtim.tv_sec * int64_t{1'000'000'000} + info.st_mtim.tv_nsec};
+bool Stamp(int result, const Info& info, FileStamp& stamp) {
+    stamp = {};
+    if (result != 0)
+        return IsMissing(errno);
+    if (S_ISREG(info.st_mode) && info.st_size >= 0)
+        stamp = {true, info.st_dev, info.st_ino, static_cast<uint64_t>(info.st_size),
+                 info.st_mtim.tv_sec * int64_t{1'000'000'000} + info.st_mtim.tv_nsec};
+    return true;
 }
 
 } // namespace
@@ -260,16 +266,16 @@ FILE* OpenStream(const CRtString& path, uint32_t flags, int& error, bool& create
 bool IsOutOfStreams(int error) { return error == EMFILE || error == ENFILE; }
 bool IsInUse(int error) { return error == EWOULDBLOCK; }
 
-FileStamp GetStamp(FILE* stream) {
+bool GetStamp(FILE* stream, FileStamp& stamp) {
     struct stat info {};
     const int result = ::fstat(::fileno(stream), &info);
-    return Stamp(result, info);
+    return Stamp(result, info, stamp);
 }
 
-FileStamp GetStamp(const CRtString& path) {
+bool GetStamp(const CRtString& path, FileStamp& stamp) {
     struct stat info {};
     const int result = ::stat(Native(path).c_str(), &info);
-    return Stamp(result, info);
+    return Stamp(result, info, stamp);
 }
 
 namespace {

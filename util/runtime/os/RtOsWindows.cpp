@@ -71,8 +71,13 @@ bool GetUserDataDir(CRtString& directory) {
 
 EntryKind GetEntryKind(const CRtString& path) {
     const DWORD attributes = ::GetFileAttributesA(path.c_str());
-    if (attributes == INVALID_FILE_ATTRIBUTES)
-        return EntryKind::Missing;
+    if (attributes == INVALID_FILE_ATTRIBUTES) {
+        const DWORD error = ::GetLastError();
+        const bool missing = error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ||
+                             error == ERROR_INVALID_NAME || error == ERROR_BAD_NETPATH ||
+                             error == ERROR_NOT_READY;
+        return missing ? EntryKind::Missing : EntryKind::File;
+    }
     return IsDirectory(attributes) ? EntryKind::Directory : EntryKind::File;
 }
 
@@ -228,16 +233,16 @@ FileStamp Stamp(int result, const struct _stat64& info) {
 
 } // namespace
 
-FileStamp GetStamp(FILE* stream) {
+bool GetStamp(FILE* stream, FileStamp& stamp) {
     struct _stat64 info {};
     const int result = ::_fstat64(::_fileno(stream), &info);
-    return Stamp(result, info);
+    return Stamp(result, info, stamp);
 }
 
-FileStamp GetStamp(const CRtString& path) {
+bool GetStamp(const CRtString& path, FileStamp& stamp) {
     struct _stat64 info {};
     const int result = ::_stat64(path.c_str(), &info);
-    return Stamp(result, info);
+    return Stamp(result, info, stamp);
 }
 
 uint32_t GetStreamLimit() { return static_cast<uint32_t>(::_getmaxstdio()); }
