@@ -187,12 +187,14 @@ public:
     IFileManager* const manager = IFileManager::Instance();
 
 private:
-    // In memory where the system has a place for that: the disk is not what is looked at.
+    // In memory where the system has a place for that and the caller names no other: the disk is not
+    // what is looked at.
     static fs::path MakeDir() {
         const fs::path memory = "/dev/shm";
         std::error_code none;
-        const fs::path base = fs::is_directory(memory, none) ? memory : fs::temp_directory_path();
-        g_dirToRemove = base / ("filemanager-fuzz-" + std::to_string(std::random_device{}()));
+        const bool inMemory = !std::getenv("TMPDIR") && fs::is_directory(memory, none);
+        g_dirToRemove = (inMemory ? memory : fs::temp_directory_path()) /
+                        ("filemanager-fuzz-" + std::to_string(std::random_device{}()));
         fs::create_directory(g_dirToRemove);
         return g_dirToRemove;
     }
