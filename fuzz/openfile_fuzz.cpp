@@ -79,7 +79,7 @@ public:
             Expect(description);
             CheckAll();
             for (int change = 0; change < 8; ++change)
-                Change(m_tail.Byte(), m_tail.Byte());
+                Change();
             Close();
             const bool temporary = description.info.flag & FM_FILE_TEMPORARY;
             const bool again = Open();
@@ -189,7 +189,9 @@ private:
         Require(good ? model.complete && bytes == model.bytes : !model.complete || model.mayFail);
     }
 
-    void Change(uint32_t kind, uint32_t value) {
+    void Change() {
+        const uint32_t kind = m_tail.Byte();
+        const uint32_t value = m_tail.Byte();
         if (kind % 8 == 0)
             return;
         if (kind % 8 == 1) { // what is stored and idle is released
