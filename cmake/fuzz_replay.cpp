@@ -1,6 +1,7 @@
 // Runs a fuzz target without a fuzzing engine: first every file given, then made
 // up inputs until the time is over. The inputs follow from their number alone,
 // so the number printed on a failure is enough to see it again with --only.
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstddef>
@@ -121,6 +122,8 @@ int main(int argc, char** argv) {
         }
     }
 
+    // A directory lists its files in any order, and made up inputs begin with one of them by its number.
+    std::sort(files.begin(), files.end());
     if (&__sanitizer_set_death_callback != nullptr) {
         __sanitizer_set_death_callback(sayCurrent);
     }

@@ -1,0 +1,270 @@
+// A cached file of any bytes, opened, read, changed, closed and opened again. The input is the
+// information file, the data file and, at its end, 32 bytes: where the one ends and the other begins, how
+// far the data file goes on as a hole, and what is done to the blocks.
+#include <map>
+#include <optional>
+
+#include "support.h"
+
+namespace {
+
+using fuzz::Input;
+using fuzz::Require;
+
+constexpr size_t TAIL = 32;
+constexpr FMFileID PATH_ID{0x10203040, 0x5060, 0x7080, {1, 2, 3, 4, 5, 6, 7, 8}};
+// Blocks that a hole makes large are not read: they are there, and take the memory that they say.
+constexpr uint32_t LARGEST_READ = 1 << 16;
+// With a longer one a description can be saved but not loaded.
+constexpr size_t LONGEST_NAME = 2010;
+
+// What an information file says, by the page that describes it.
+struct Description {
+    explicit Description(const std::string& bytes) {
+        const auto number = [&bytes](size_t at) {
+            uint8_t raw[FM_INFO_LENGTH_SIZE];
+            std::memcpy(raw, bytes.data() + at, sizeof(raw));
+            return FMGetLength(raw);
+        };
+        if (bytes.size() < FM_INFO_BODY_OFFSET || !bytes.starts_with(FM_INFO_MAGIC))
+            return;
+        const uint32_t first = number(FM_INFO_LENGTH_OFFSET);
+        const size_t second = size_t{FM_INFO_BODY_OFFSET} + first;
+        if (first > FM_INFO_FILE_BODY_MAX || bytes.size() < second + FM_INFO_LENGTH_SIZE)
+            return;
+        uint32_t createTime = 0;
+        const auto fileBody = CRtMessageBlock::Wrap(bytes.data() + FM_INFO_BODY_OFFSET, first);
+        if (FMDecodeFileBody(*fileBody, info, createTime) != 0 || info.fileID == FMFileID_None ||
+            info.num > FM_TABLE_SLOTS_MAX)
+            return;
+        const uint32_t length = number(second);
+        const size_t start = second + FM_INFO_LENGTH_SIZE;
+        if (length == 0 || length > FM_INFO_BLOCK_BODY_MAX || bytes.size() - start < length)
+            return;
+        isSound = true;
+        info.num = FMSlotsToLoad(info.num, bytes.size());
+        const auto blockBody = CRtMessageBlock::Wrap(bytes.data() + start, length);
+        FMDecodeBlockBody(*blockBody, entries);
+    }
+
+    FMFileInfo info;
+    std::vector<FMBlockEntry> entries;
+    bool isSound = false;
+};
+
+// What a block must contain.
+struct Model {
+    bool complete = false;
+    std::string bytes;
+    bool mayFail = false; // its entry overlaps another or ends beyond the data file
+    bool isHuge = false;  // a hole makes it so: it takes the memory that it says, and is not read
+};
+
+class Sink final : public IFMBlockSink {
+public:
+    void OnBlockDataReady(IFMBlock*, int aResult) override { result = aResult; }
+    std::optional<int> result;
+};
+
+class OpenFile {
+public:
+    OpenFile(std::string information, std::string data, Input tail)
+        : m_information(std::move(information)), m_data(std::move(data)), m_tail(tail) {}
+
+    void Run() {
+        WriteFiles();
+        const Description description(m_information);
+        Require(Open() == description.isSound);
+        if (description.isSound) {
+            Expect(description);
+            CheckAll();
+            for (int change = 0; change < 8; ++change)
+                Change();
+            Close();
+            const bool temporary = description.info.flag & FM_FILE_TEMPORARY;
+            const bool again = Open();
+            Require(again == !temporary || description.info.name.size() > LONGEST_NAME);
+            if (again) {
+                CheckAll();
+                Close();
+            }
+        }
+        fuzz::Cache::RemoveFiles(m_stem);
+    }
+
+private:
+    void WriteFiles() {
+        for (const auto& [extension, bytes] :
+             {std::pair(".sdi", &m_information), {".sdd", &m_data}}) {
+            std::FILE* file = std::fopen((m_stem.string() + extension).c_str(), "wb");
+            Require(file && std::fwrite(bytes->data(), 1, bytes->size(), file) == bytes->size());
+            std::fclose(file);
+        }
+        const uint32_t hole = m_tail.Byte();
+        if (hole % 4 != 3)
+            return;
+        m_dataLength += uint64_t{1} << (hole / 4 % 35);
+        fs::resize_file(m_stem.string() + ".sdd", m_dataLength);
+    }
+
+    // Opening takes no more memory than the information file justifies.
+    bool Open() {
+        const fuzz::MemoryMeter meter;
+        const int result = m_cache.manager->OpenFile(m_file.Receive(), PATH_ID, 1);
+        std::error_code none;
+        const uintmax_t length = fs::file_size(m_stem.string() + ".sdi", none);
+        Require(meter.Peak() < 128 * 1024 + 48 * static_cast<int64_t>(none ? 0 : length));
+        Require(result == (m_file ? 0 : RT_ERROR_NOT_FOUND));
+        return result == 0;
+    }
+
+    void Close() {
+        Require(m_cache.manager->DetachFile(m_file->GetFileInfo().fileID) == 0);
+        m_file.Reset();
+        m_cache.Pump();
+        m_models.erase(0); // cannot be told from an empty slot
+    }
+
+    void Expect(const Description& description) {
+        const FMFileInfo& info = m_file->GetFileInfo();
+        Require(info.name == description.info.name && info.num == description.info.num);
+        Require(info.blockBeg == description.info.blockBeg && info.flag == description.info.flag);
+        Require(m_file->GetBlocks().size() == info.num);
+        for (const FMBlockEntry& entry : description.entries) {
+            if (entry.blockID != 0 && entry.blockID >= info.blockBeg &&
+                entry.blockID - info.blockBeg < info.num)
+                m_models[entry.blockID] = Expected(entry, description.entries);
+        }
+    }
+
+    Model Expected(const FMBlockEntry& entry, const std::vector<FMBlockEntry>& entries) const {
+        Model model;
+        model.complete = entry.totalLen != 0 && FMIsEntryPossible(entry);
+        if (!model.complete)
+            return model;
+        const auto end = [](const FMBlockEntry& each) { return each.posInFile + each.totalLen; };
+        for (const FMBlockEntry& other : entries)
+            model.mayFail |= &other != &entry && other.totalLen > 0 && FMIsEntryPossible(other) &&
+                             other.posInFile < end(entry) && entry.posInFile < end(other);
+        if (static_cast<uint64_t>(end(entry)) > m_dataLength) {
+            model.mayFail = true; // without bytes: no answer is the right one
+            return model;
+        }
+        model.isHuge = entry.totalLen > LARGEST_READ;
+        if (model.isHuge)
+            return model;
+        const auto begin = static_cast<uint64_t>(entry.posInFile);
+        model.bytes = begin < m_data.size() ? m_data.substr(begin, entry.totalLen) : "";
+        model.bytes.resize(entry.totalLen);
+        return model;
+    }
+
+    void CheckAll() {
+        const FMBlockTable& table = m_file->GetBlocks();
+        const auto there = [](const auto& slot) { return static_cast<bool>(slot); };
+        Require(std::count_if(table.begin(), table.end(), there) ==
+                static_cast<ptrdiff_t>(m_models.size()));
+        bool later = m_tail.Byte() & 1;
+        for (const auto& [id, model] : m_models) {
+            if (!model.isHuge)
+                Check(id, model, later);
+            later = !later;
+        }
+    }
+
+    void Check(uint32_t id, const Model& model, bool later) {
+        BlockRef block = Block(id, 0);
+        Require(block && block->GetBlockID() == id);
+        Require(block->IsComplete() == model.complete || model.mayFail);
+        const fuzz::MemoryMeter meter;
+        if (later) {
+            Sink sink;
+            Require(block->ReadData(&sink) == 0);
+            m_cache.PumpUntil([&sink] { return sink.result.has_value(); });
+            Require(*sink.result != 0 || block->IsInMemory());
+        }
+        std::string bytes;
+        const bool good = fuzz::ReadWhole(*block, bytes);
+        Require(meter.Peak() < 32 * 1024 + 5 * static_cast<int64_t>(model.bytes.size()));
+        Require(good ? model.complete && bytes == model.bytes : !model.complete || model.mayFail);
+    }
+
+    void Change() {
+        const uint32_t kind = m_tail.Byte();
+        const uint32_t value = m_tail.Byte();
+        if (kind % 8 == 0)
+            return;
+        if (kind % 8 == 1) { // what is stored and idle is released
+            m_cache.clock.ms += 300'000;
+            return m_cache.Pump();
+        }
+        if (kind % 8 == 2) // a new block, or one that is there
+            return Write(m_file->GetFileInfo().blockBeg + value, 1 + value * 9);
+        if (m_models.empty())
+            return;
+        const auto it = std::next(m_models.begin(), value % m_models.size());
+        if (kind % 8 == 3)
+            return CheckAll();
+        if (kind % 8 == 4)
+            return Remove(it->first);
+        const uint32_t length = Block(it->first, 0)->GetTotalLen();
+        const bool inPlace = kind % 8 < 7 && length > 0 && length <= LARGEST_READ;
+        Write(it->first, inPlace ? length : 1 + kind * 5);
+    }
+
+    void Remove(uint32_t id) {
+        BlockRef removed;
+        Require(m_file->RemoveBlock(id, removed.Receive()) == 0 && removed->GetBlockID() == id);
+        m_models.erase(id);
+    }
+
+    // In two pieces; now and then the second one never comes.
+    void Write(uint32_t id, uint32_t length) {
+        BlockRef block = Block(id, 1);
+        Require(block || id < m_file->GetFileInfo().blockBeg);
+        if (!block)
+            return;
+        const std::string bytes = fuzz::Pattern(++m_writes, length);
+        const uint32_t first = length / 2;
+        Require(WritePiece(*block, bytes, 0, std::max(first, 1u)) == 0);
+        const bool complete = length == 1 || m_tail.Byte() % 8 != 7;
+        if (complete && length > 1)
+            Require(WritePiece(*block, bytes, first, length - first) == 0);
+        m_models[id] = {complete, bytes, false, false};
+    }
+
+    static int WritePiece(IFMBlock& block, const std::string& bytes, uint32_t from,
+                          uint32_t length) {
+        const CRtMessageChain piece = CRtMessageBlock::Wrap(bytes.data() + from, length);
+        return block.WriteData(static_cast<uint32_t>(bytes.size()), from, piece.get());
+    }
+
+    BlockRef Block(uint32_t id, int create) {
+        BlockRef block;
+        m_file->GetBlock(block.Receive(), id, create);
+        return block;
+    }
+
+    fuzz::Cache& m_cache = fuzz::Cache::Instance();
+    const fs::path m_stem = m_cache.Stem(PATH_ID);
+    const std::string m_information;
+    const std::string m_data;
+    uint64_t m_dataLength = m_data.size();
+    Input m_tail;
+    FileRef m_file;
+    std::map<uint32_t, Model> m_models;
+    uint32_t m_writes = 0;
+};
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size < TAIL)
+        return 0;
+    size -= TAIL;
+    Input tail(data + size, TAIL);
+    const size_t split = size - std::min<size_t>(size, tail.Word());
+    const char* bytes = reinterpret_cast<const char*>(data);
+    OpenFile({bytes, split}, {bytes + split, size - split}, tail).Run();
+    return 0;
+}
