@@ -405,9 +405,9 @@ bool CFMBlock::IsWaiting(const IFMBlockSink* sink) const {
     return holds(m_readsinks);
 }
 
-int CFMBlock::PostLoad(int bSync) noexcept {
+int CFMBlock::PostLoad(int bSync) {
     const int result = CFileManager::Instance()->PostToReadwrThread(
-        new CFMRefFunctor2(this, &CFMBlock::ReadFromFile, m_totalLen, bSync), bSync);
+        new (std::nothrow) CFMRefFunctor2(this, &CFMBlock::ReadFromFile, m_totalLen, bSync), bSync);
     if (RT_SUCCEEDED(result) && !bSync)
         ++m_loadsUnderWay;
     return result;

@@ -94,7 +94,7 @@ private:
     void PostStore();
     void WithdrawStore();
     void EndStore(int result);
-    int PostLoad(int bSync) noexcept;
+    int PostLoad(int bSync);
     int LoadBytes(uint32_t len, CRtMessageChain& buffer);
     bool IsWaiting(const IFMBlockSink* sink) const;
     void CallSinks(int result);

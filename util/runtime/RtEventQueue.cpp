@@ -44,7 +44,7 @@ void CRtEventQueue::SetWakeUp(std::function<void()> wakeUp) {
     m_wakeUp = std::move(wakeUp);
 }
 
-int CRtEventQueue::PostEvent(IRtEvent* event, int) {
+int CRtEventQueue::PostEvent(IRtEvent* event, int) noexcept {
     if (!event)
         return RT_ERROR_NULL_OBJECT;
     return Enqueue(event, nullptr);

@@ -22,7 +22,7 @@ public:
     /// The queue whose owner is the calling thread, or null.
     static CRtEventQueue* Current();
 
-    int PostEvent(IRtEvent* event, int priority) override;
+    int PostEvent(IRtEvent* event, int priority) noexcept override;
     int SendEvent(IRtEvent* event) override;
     bool WithdrawEvent(IRtEvent* event) override;
 
