@@ -18,8 +18,9 @@ constexpr int64_t cmax_filea_data_len = 1073741824;
 /// Holds the description, the block table and the two disk files. The table holds a reference on each
 /// block and each block one on its file: Close breaks that cycle.
 ///
-/// Threads: the caller thread, except where a member says otherwise. The data file is used on the
-/// read/write thread, the information file on the caller thread after the stores of the file have run.
+/// Threads: the caller thread, except where a member says otherwise. Both disk files are used on the
+/// caller thread while the file is loaded, on the read/write thread while it is open, and on the caller
+/// thread again after the stores of the closed file have run.
 class CFMFile final : public CRtCounted<IFMFile> {
 public:
     explicit CFMFile(const FMFileInfo& fileInfo);
@@ -105,6 +106,7 @@ private:
     void EndWaiting();
     void PostInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody);
     CRtMessageChain WithoutLostBytes(CRtMessageBlock& blockBody);
+    bool HasGapsSince(size_t gaps);
     bool IsLostSince(size_t gaps, const FMBlockEntry& entry);
     int LimitTable();
     bool RestoreBlocks(const std::vector<FMBlockEntry>& slots);

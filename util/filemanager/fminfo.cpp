@@ -136,9 +136,7 @@ void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBo
         }
     }
     if (blockBody) {
-        // Most files are closed after their stores have run.
-        const CRtMessageChain corrected =
-            m_unsettled.empty() ? nullptr : WithoutLostBytes(*blockBody);
+        const CRtMessageChain corrected = WithoutLostBytes(*blockBody);
         const int ret =
             WriteBody(*m_infoFile, &CInfoFile::WriteBlockInfo, corrected ? *corrected : *blockBody);
         if (RT_FAILED(ret))
@@ -151,6 +149,8 @@ void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBo
 // The stores of the blocks that were pending when the table was encoded have run since: some have failed,
 // and some have left a gap where others' bytes were cut off. Null when nothing of that happened.
 CRtMessageChain CFMFile::WithoutLostBytes(CRtMessageBlock& blockBody) {
+    if (m_unsettled.empty() && !HasGapsSince(m_gapsWhenEncoded))
+        return nullptr; // closed after its stores have run, as most files are
     std::vector<FMBlockEntry> slots;
     FMDecodeBlockBody(*blockBody.DuplicateChained(), slots);
     std::map<uint32_t, CFMBlock*> unsettled;
@@ -170,6 +170,11 @@ CRtMessageChain CFMFile::WithoutLostBytes(CRtMessageBlock& blockBody) {
     if (changed)
         FMEncodeBlockBody(slots, corrected, left);
     return corrected;
+}
+
+bool CFMFile::HasGapsSince(size_t gaps) {
+    const std::lock_guard lock(m_transferMutex);
+    return m_gaps.size() > gaps;
 }
 
 bool CFMFile::IsLostSince(size_t gaps, const FMBlockEntry& entry) {
