@@ -104,7 +104,8 @@ private:
         Sink& sink = *m_sinks[Pick(SINKS)];
         if (sink.waiting)
             return;
-        sink.block = SomeBlock();
+        if (!sink.block || Pick(2) == 0) // else one of before, perhaps of a closed file
+            sink.block = SomeBlock();
         sink.waiting = true; // it may be called before the call returns
         const BlockRef block = sink.block;
         if (block->ReadData(&sink) != 0)

@@ -296,6 +296,7 @@ int CFMBlock::WriteToFile(CRtMessageBlock* aData) {
     }
     if (RT_SUCCEEDED(result)) {
         const uint32_t length = aData->GetTopLevelLength();
+        const std::lock_guard diskLock(m_file->GetDiskMutex());
         const CStreamKeeper::CUse use(*disk); // one stream for all steps
         result = m_file->PrepareStore(pos, entryAt);
         if (RT_SUCCEEDED(result))
@@ -442,6 +443,7 @@ int CFMBlock::LoadBytes(uint32_t len, CRtMessageChain& buffer) {
         pos = m_posInFile;
         lost = IsLost();
     }
+    const std::lock_guard diskLock(m_file->GetDiskMutex());
     const CStreamKeeper::CUse use(*disk); // one stream for all steps
     int result = lost ? RT_ERROR_IO : m_file->PrepareLoad();
     // No buffer is made that the data file could not fill.

@@ -196,6 +196,7 @@ void CFMFile::Retire() {
 }
 
 void CFMFile::CloseStreams() {
+    const std::lock_guard lock(m_diskMutex);
     if (m_diskFile)
         m_diskFile->Close();
     if (m_infoFile)
@@ -257,9 +258,9 @@ int CFMFile::CheckOpening() {
 // A data file that is missing was not taken but removed: it is begun anew.
 bool CFMFile::IsTakenByOthers(const RtOs::FileStamp& info) const {
     const CDiskFile::Opening& opening = m_diskFile->GetOpening();
-    if (opening.created || m_openings == 0)
+    if (opening.created)
         return false;
-    return opening.stranger || (m_isInfoStampTrue && !(info == m_infoStamp));
+    return (opening.stranger && m_openings > 0) || (m_isInfoStampTrue && !(info == m_infoStamp));
 }
 
 int CFMFile::PrepareStore(int64_t pos, uint32_t entryAt) {
@@ -332,6 +333,7 @@ void CFMFile::ClerDiskFile_m() {
                                                             << " this=" << this);
     if (m_retired.load(std::memory_order_acquire))
         return; // the files on that path are another object's now
+    const std::lock_guard lock(m_diskMutex);
     if (m_infoFile)
         m_infoFile->RemoveMee();
     if (m_diskFile)

@@ -18,9 +18,9 @@ constexpr int64_t cmax_filea_data_len = 1073741824;
 /// Holds the description, the block table and the two disk files. The table holds a reference on each
 /// block and each block one on its file: Close breaks that cycle.
 ///
-/// Threads: the caller thread, except where a member says otherwise. Both disk files are used on the
-/// caller thread while the file is loaded, on the read/write thread while it is open, and on the caller
-/// thread again after the stores of the closed file have run.
+/// Threads: the caller thread, except where a member says otherwise. The disk files are used on the
+/// caller thread while the file is loaded and when its information is written, else on the read/write
+/// thread; the disk mutex keeps the two apart.
 class CFMFile final : public CRtCounted<IFMFile> {
 public:
     explicit CFMFile(const FMFileInfo& fileInfo);
@@ -61,6 +61,8 @@ public:
     /// The lock between the two threads over the blocks' place, length, position and store. The caller
     /// thread alone changes those, under it; the read/write thread reads them under it.
     std::mutex& GetTransferMutex() { return m_transferMutex; }
+    /// Over the two disk files and what is known of them. Taken before the transfer mutex.
+    std::mutex& GetDiskMutex() { return m_diskMutex; }
     /// Stores that are queued or running. Counted up on the caller thread.
     void StorePosted() { m_pendingStores.fetch_add(1, std::memory_order_relaxed); }
     void StoreEnded() { m_pendingStores.fetch_sub(1, std::memory_order_acq_rel); }
@@ -76,7 +78,8 @@ public:
     void CloseStreams();
     /// Both on the read/write thread, before bytes are read, or written at `pos`: the data file is open
     /// and still this file's, and the information file says nothing of the bytes that the write changes.
-    /// `entryAt`: the entry that names the place, or 0. 0, 10006, 10015 when the file is another's now.
+    /// `entryAt`: the entry that names the place, or 0. Under the disk mutex.
+    /// 0, 10006, 10015 when the file is another's now.
     int PrepareLoad();
     int PrepareStore(int64_t pos, uint32_t entryAt);
     /// How often a store has left a gap behind it, and whether the range [pos, end) lies in one that came
@@ -139,10 +142,11 @@ private:
     std::atomic<bool> m_retired{false}; // set on the caller thread, read on both
     std::atomic<bool> m_overPredecessor{false}; // older files of this identifier may lie on disk
     std::mutex m_transferMutex;
+    std::mutex m_diskMutex;
     std::atomic<uint32_t> m_pendingStores{0};
     std::atomic<bool> m_storeFailed{false}; // some block's, either thread
 
-    // What the read/write thread knows of the files on disk, while the file is open.
+    // What is known of the files on disk; under the disk mutex.
     uint32_t m_openings = 0; // of the data file, that were looked into
     bool m_isInfoStampTrue = true;
     RtOs::FileStamp m_infoStamp; // of the information file, as this object left it

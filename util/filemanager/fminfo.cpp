@@ -123,7 +123,8 @@ void CFMFile::PostInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody) 
 
 void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody) noexcept {
     if (!IsInfoWaiting())
-        return; // written or dropped before its turn came
+        return;                              // written or dropped before its turn came
+    const std::lock_guard lock(m_diskMutex); // a block that somebody holds may be read meanwhile
     if (fileBody) {
         int ret = PrepareSave();
         if (RT_SUCCEEDED(ret))
@@ -131,6 +132,7 @@ void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBo
         if (RT_FAILED(ret)) {
             RT_LOG(RT_LOG_ERROR,
                    "CFMFile::SaveFileInfo_m, WriteFileInfo error, ret=" << ret << " this=" << this);
+            NoteOwnChange();
             EndWaiting();
             return;
         }
@@ -143,6 +145,7 @@ void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBo
             RT_LOG(RT_LOG_ERROR, "CFMFile::SaveFileInfo_m, WriteBlockInfo error, ret="
                                      << ret << " this=" << this);
     }
+    NoteOwnChange();
     EndWaiting();
 }
 
