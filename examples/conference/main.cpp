@@ -61,6 +61,8 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
     try {
         Run(options);
+        for (const int late : {SIGINT, SIGTERM}) // everything is stored, and said
+            std::signal(late, SIG_IGN);
     } catch (const std::exception& error) {
         std::cerr << "conference: " << error.what() << std::endl;
         return 1;
