@@ -38,6 +38,9 @@ void Run(const Options& options) {
     Cache cache(loop, options.dir, isServer ? 7 : 0, isServer);
     const std::unique_ptr<Node> node = make(loop, cache, options); // goes first, then the cache
     loop.run();
+    signals.clear();
+    for (const int second : {SIGINT, SIGTERM}) // must not cut short what is still to be stored
+        std::signal(second, SIG_IGN);
     node->ShowProgress();
     RtSetLogSink(&ShowStatistics, nullptr, RT_LOG_TRACE);
 }
@@ -61,8 +64,6 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
     try {
         Run(options);
-        for (const int late : {SIGINT, SIGTERM}) // everything is stored, and said
-            std::signal(late, SIG_IGN);
     } catch (const std::exception& error) {
         std::cerr << "conference: " << error.what() << std::endl;
         return 1;

@@ -326,8 +326,8 @@ void Node::Tick() {
     if (m_ticks++ % TICKS_PER_PROGRESS == 0)
         ShowProgress();
     m_ticker.expires_after(TICK);
-    m_ticker.async_wait(
-        [this](std::error_code) { Tick(); }); // nothing cancels it while the loop runs
+    // Nothing cancels it while the loop runs.
+    m_ticker.async_wait([this](std::error_code) { Tick(); });
 }
 
 // Who was asked for blocks has to send a piece, of whichever, within SILENCE_MAX.
