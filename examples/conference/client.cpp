@@ -2,6 +2,7 @@
 // peers that the server names, and serves what it has to other peers.
 #include <fstream>
 #include <iostream>
+#include <utility>
 #include <vector>
 
 #include "node.h"
@@ -24,26 +25,25 @@ private:
             return OnOffer(link, body);
         const uint32_t id = TakeBlockID(body);
         const auto fetch = m_fetches.find(id);
-        Check(fetch != m_fetches.end() && fetch->second.from == &link && !fetch->second.begun,
+        Check(fetch != m_fetches.end() && fetch->second.from == &link && fetch->second.pos == 0,
               "an answer to no question");
-        if (kind == Kind::PEERS)
+        if (kind == Kind::PEERS && fetch->second.pri == FROM_PEERS)
             return OnPeers(link, id, body);
         Check(kind == Kind::NOT_YET, "a frame that a client does not take");
         CheckEnd(body);
+        fetch->second.postponed = true;
         if (&link == m_source)
-            return; // it comes when it is there
+            return;
         m_fetches.erase(id);
         Disown(link, id);
         OnLost(id);
     }
 
     void OnOffer(Link& link, CRtMessageBlock& body) {
-        Check(&link == m_source, "a file that is not the server's");
+        Check(&link == m_source && !std::exchange(link.offered, true), "a file out of place");
         TakeFile(body);
-        // Everybody begins elsewhere, and so has soon something for the others.
-        const uint32_t begin = m_options.index * m_count / m_options.clients;
-        for (uint32_t i = 0; i < m_count; ++i) {
-            const uint32_t id = 1 + (i + begin) % m_count;
+        // Everybody's own part comes from the server, and so has each soon something for the others.
+        for (uint32_t id = 1; id <= m_count; ++id) {
             if (GetBlock(id)->IsComplete())
                 link.Send(Kind::OWN, Pack(id));
             else if (IsLacking(id))
@@ -64,9 +64,12 @@ private:
             Take(body, host, port);
             address = Endpoint(asio::ip::make_address_v4(host.c_str(), error), port);
             Check(!error && port != 0, "a malformed address");
+            Check(address.address().is_loopback(), "a peer on another machine");
         }
         CheckEnd(body);
         for (const Endpoint& address : addresses) {
+            if (m_links.size() >= LINKS_MAX)
+                break;
             Link& peer = PeerAt(address);
             if (peer.owns.insert(id).second)
                 GetBlock(id)->SetOwner(peer.member.Get(), 1);
@@ -108,7 +111,6 @@ private:
                  "a block cannot be read");
             output.write(bytes->GetTopLevelReadPtr(), bytes->GetTopLevelLength());
         }
-        ShowProgress();
         if (!output.flush())
             throw std::runtime_error("cannot write " + m_options.file);
         std::cout << "complete" << std::endl;

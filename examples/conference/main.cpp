@@ -38,6 +38,9 @@ void Run(const Options& options) {
     Cache cache(loop, options.dir, isServer ? 7 : 0, isServer);
     const std::unique_ptr<Node> node = make(loop, cache, options); // goes first, then the cache
     loop.run();
+    signals.clear();
+    for (const int second : {SIGINT, SIGTERM}) // must not cut short what is still to be stored
+        std::signal(second, SIG_IGN);
     node->ShowProgress();
     RtSetLogSink(&ShowStatistics, nullptr, RT_LOG_TRACE);
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iostream>
 #include <list>
+#include <ranges>
 
 using asio::ip::tcp;
 using namespace std::chrono_literals;
@@ -14,15 +15,13 @@ constexpr auto TICK = 20ms;
 constexpr uint32_t TICKS_PER_PROGRESS = 10;
 constexpr uint32_t TICKS_PER_CONNECT = 50; // a node that the server refuses is no burden
 constexpr auto SILENCE_MAX = 3s;
-constexpr size_t LINKS_MAX = 256;
 constexpr size_t IN_TURN = 4;                   // blocks that a link gets at a time
 constexpr uint64_t BACKLOG_WANTED = 256 * 1024; // keeps a connection busy
-constexpr uint32_t FILE_FIELDS_LEN_MAX = 512;   // a name has 255 bytes at most
 
 void CheckInfo(const FMFileInfo& info) {
     Check(!(info.fileID == FMFileID_None) && info.blockBeg == 1 && info.name.size() <= 255,
           "a file that is none");
-    Check(info.userValue > 0 && info.userValue <= FILE_LEN_MAX, "a file of no usable length");
+    Check(info.userValue > 0 && info.userValue <= FILE_LEN_MAX, "not a file of 1 byte to 1 GiB");
 }
 
 } // namespace
@@ -43,7 +42,7 @@ void Node::TakeFile(CRtMessageBlock& body) {
     info.flag = 0; // how it is kept is this node's own affair
     if (!m_file)
         Create(info);
-    Check(IsUsed(info.fileID), "another file than before");
+    Check(m_file->GetFileInfo().fileID == info.fileID, "another file than before");
     Check(m_file->GetFileInfo().userValue == info.userValue, "a file of another length");
 }
 
@@ -55,7 +54,7 @@ void Node::Create(const FMFileInfo& info) {
 }
 
 void Node::SendFile(Link& link) {
-    CRtMessageChain body = MakeBuffer(FILE_FIELDS_LEN_MAX);
+    CRtMessageChain body = MakeBuffer(FIELDS_LEN_MAX);
     Must(m_file->GetFileInfo().EncodeFileInfo(*body), "a file that no frame can hold");
     link.Send(Kind::OFFER, std::move(body));
 }
@@ -104,8 +103,7 @@ uint32_t Node::TakeBlockID(CRtMessageBlock& body) const {
 
 BlockRef Node::GetBlock(uint32_t id) {
     BlockRef block;
-    if (RT_FAILED(m_file->GetBlock(block.Receive(), id, 1)))
-        throw std::bad_alloc(); // the identifier was checked when it came
+    Must(m_file->GetBlock(block.Receive(), id, 1), "no room for a block");
     return block;
 }
 
@@ -127,6 +125,9 @@ void Node::Accept() {
             return;
         AddLink(std::move(socket)).Open();
     }
+    // All places are taken: who has been idle the longest makes room for the next one.
+    const auto used = [](const auto& each) { return each.second->used; };
+    std::ranges::min_element(m_links, {}, used)->second->Close("others wait for its place");
 }
 
 Link& Node::AddLink(tcp::socket socket) {
@@ -138,8 +139,7 @@ Link& Node::AddLink(tcp::socket socket) {
 Link& Node::Connect(const Endpoint& address) {
     Link& link = AddLink(tcp::socket(m_acceptor.get_executor()));
     link.member = new Member(++m_members, address);
-    const CRtString file = m_file ? FMFileIDToString(m_file->GetFileInfo().fileID) : CRtString();
-    link.Send(Kind::HELLO, Pack(HELLO_MAGIC, m_listenPort, file));
+    link.Send(Kind::HELLO, Pack(HELLO_MAGIC, m_listenPort));
     link.Open(address);
     return link;
 }
@@ -192,22 +192,16 @@ void Node::OnFrame(Link& link, Kind kind, CRtMessageBlock& body) {
 void Node::OnHello(Link& link, CRtMessageBlock& body) {
     uint32_t magic = 0;
     uint16_t port = 0;
-    CRtString text;
-    Take(body, magic, port, text);
+    Take(body, magic, port);
     CheckEnd(body);
-    FMFileID id;
-    FMFileIDFromString(text, id);
     Check(magic == HELLO_MAGIC, "a greeting of another kind");
-    Check(!m_file || text.empty() || IsUsed(id), "a greeting from another conference");
     link.member = new Member(++m_members, {link.GetAddress(), port});
-    OnMember(link);
 }
 
 // --- Fetching -----------------------------------------------------------------------------------
 
 void Node::Ask(Link& link, uint32_t id, uint32_t pri) {
-    m_fetches.insert_or_assign(id, Fetch{&link});
-    link.heard = Clock::now(); // its silence begins here
+    m_fetches.insert_or_assign(id, Fetch{&link, pri});
     link.Send(Kind::WANT, Pack(id, pri));
 }
 
@@ -218,14 +212,15 @@ void Node::OnPiece(Link& link, CRtMessageBlock& body) {
     const BlockRef block = GetBlock(id);
     uint32_t pos = 0;
     Take(body, pos);
-    Check(pos == (fetch->second.begun ? block->GetPosition() : 0), "a piece out of order");
+    Check(pos == fetch->second.pos, "a piece out of order");
     const auto length = static_cast<uint32_t>(body.GetChainedLength());
-    Check(length > 0 && length <= LengthOf(id) - pos, "a piece beyond its block");
+    Check(length == std::min(PIECE_LEN, LengthOf(id) - pos), "a piece of another length");
     // Position 0 begins the block, also one that somebody else left half done.
     Check(RT_SUCCEEDED(block->WriteData(LengthOf(id), pos, &body)), "a piece that cannot be kept");
     body.AdvanceTopLevelReadPtr(length);
-    fetch->second.begun = true;
-    link.heard = Clock::now();
+    fetch->second.pos += length;
+    fetch->second.postponed = false;
+    link.heard = link.used = Clock::now();
     (link.peer.port() ? m_fromPeers : m_fromOthers) += length;
     if (!block->IsComplete())
         return;
@@ -252,8 +247,7 @@ void Node::OnWant(Link& link, CRtMessageBlock& body) {
 
 void Node::Answer(IFMBlock& block) {
     // A copy: a request that is answered leaves the block's list.
-    const std::list<FMRetrieveItem> retrieves = block.GetRetrieves();
-    for (const FMRetrieveItem& retrieve : retrieves)
+    for (const FMRetrieveItem& retrieve : std::list(block.GetRetrieves()))
         AnswerOne(block, retrieve);
 }
 
@@ -273,32 +267,27 @@ bool Node::AnswerOne(IFMBlock& block, FMRetrieveItem retrieve) {
     return type != FM_RETRIEVE_CLIENT_NOT_YET;
 }
 
-// The first few transfers of a link take turns, a piece each, as fast as the connection takes them.
+// The first few transfers of a link share it, a piece each in turn, as fast as the connection takes them.
 void Node::SendPieces(Link& link) {
     std::deque<Transfer>& queue = link.transfers;
-    for (size_t turn = 0; turn < std::min(IN_TURN, queue.size());) {
+    while (!queue.empty()) {
         const std::chrono::duration<double> elapsed = Clock::now() - m_start;
         if (link.GetBacklog() >= BACKLOG_WANTED ||
             static_cast<double>(m_sent) > m_options.rate * elapsed.count())
             return; // goes on when the connection, or the clock, lets it
-        const auto next = queue.begin() + static_cast<std::ptrdiff_t>(turn);
-        if (!next->block
-                 ->IsInMemory()) { // from the disk, without waiting: OnBlockDataReady goes on
-            Must(next->block->ReadData(this), "a block cannot be loaded");
-            ++turn;
+        auto first = queue | std::views::take(IN_TURN);
+        const auto next = std::ranges::min_element(first, {}, &Transfer::pos);
+        if (!next->block->IsInMemory()) // from the disk, without waiting: OnBlockDataReady goes on
+            return Must(next->block->ReadData(this), "a block cannot be loaded");
+        SendPiece(link, *next);
+        if (next->pos < next->block->GetTotalLen())
             continue;
-        }
-        if (SendPiece(link, *next))
-            queue.erase(next);
-        else
-            std::rotate(next, next + 1,
-                        queue.size() > IN_TURN ? queue.begin() + IN_TURN : queue.end());
-        turn = 0;
+        link.wants.erase(next->block->GetBlockID());
+        queue.erase(next);
     }
 }
 
-// Answers whether it was the last.
-bool Node::SendPiece(Link& link, Transfer& transfer) {
+void Node::SendPiece(Link& link, Transfer& transfer) {
     const BlockRef& block = transfer.block;
     const uint32_t length = std::min(PIECE_LEN, block->GetTotalLen() - transfer.pos);
     CRtMessageChain view; // of the block's own memory: no byte is copied on the way to the socket
@@ -308,36 +297,17 @@ bool Node::SendPiece(Link& link, Transfer& transfer) {
     link.Send(Kind::PIECE, std::move(body));
     transfer.pos += length;
     m_sent += length;
-    if (transfer.pos < block->GetTotalLen())
-        return false;
-    link.wants.erase(block->GetBlockID());
-    return true;
+    link.used = Clock::now();
 }
 
-// The library calls; what throws must not pass through it.
-void Node::OnBlockDataReady(IFMBlock* block, int aResult) {
-    asio::post(m_acceptor.get_executor(), [this, id = block->GetBlockID(), aResult] {
-        if (RT_FAILED(aResult))
-            LoseBlock(id);
+// The library calls; what throws must not pass through it. A product would not end with a damaged disk:
+// it would remove the block from the file and fetch it again.
+void Node::OnBlockDataReady(IFMBlock*, int aResult) {
+    asio::post(m_acceptor.get_executor(), [this, aResult] {
+        Must(aResult, "a block cannot be loaded");
         for (const auto& [key, link] : m_links)
             SendPieces(*link);
     });
-}
-
-// The block's bytes are gone. All come back and say anew what they own and want, and so does this node.
-void Node::LoseBlock(uint32_t id) {
-    if (id > m_count || !GetBlock(id)->IsComplete())
-        return; // told twice
-    std::cout << "event block " << id << " is lost" << std::endl;
-    for (const auto& [key, link] : m_links) {
-        link->transfers.clear();
-        link->owns.erase(id); // as its owners go with the block
-        link->Close("a block is lost");
-    }
-    BlockRef lost;
-    m_file->RemoveBlock(id, lost.Receive());
-    --m_have;
-    OnLost(id);
 }
 
 // --- The clock ----------------------------------------------------------------------------------
@@ -345,7 +315,7 @@ void Node::LoseBlock(uint32_t id) {
 void Node::Tick() {
     if (m_options.role != "server" && !m_source && m_ticks % TICKS_PER_CONNECT == 0) {
         m_source = &Connect({asio::ip::address_v4::loopback(), m_options.port});
-        OnMember(*m_source);
+        OnSource(*m_source);
     }
     if (m_acceptor.is_open())
         Accept();
@@ -356,20 +326,15 @@ void Node::Tick() {
     if (m_ticks++ % TICKS_PER_PROGRESS == 0)
         ShowProgress();
     m_ticker.expires_after(TICK);
-    m_ticker.async_wait([this](std::error_code cancelled) {
-        if (!cancelled)
-            Tick();
-    });
+    // Nothing cancels it while the loop runs.
+    m_ticker.async_wait([this](std::error_code) { Tick(); });
 }
 
+// Who was asked for blocks has to send a piece, of whichever, within SILENCE_MAX.
 void Node::CloseSilent() {
     const auto oldest = Clock::now() - SILENCE_MAX;
-    for (const auto& [key, link] : m_links)
-        if (!link->member && link->heard < oldest)
-            link->Close("no greeting came");
-    // The server may have to wait for a block itself, but not in the middle of one.
     for (const auto& [id, fetch] : m_fetches)
-        if ((fetch.from != m_source || fetch.begun) && fetch.from->heard < oldest)
+        if (!fetch.postponed && std::max(fetch.since, fetch.from->heard) < oldest)
             fetch.from->Close("a node that is silent");
 }
 

@@ -2,7 +2,6 @@
 // fetching blocks from those who have them. Everything runs on the loop's thread, which is number 3.
 #pragma once
 
-#include <chrono>
 #include <map>
 #include <memory>
 #include <string>
@@ -10,13 +9,13 @@
 #include "cache.h"
 #include "wire.h"
 
-using Clock = std::chrono::steady_clock;
 using FileRef = CRtComAutoPtr<IFMFile>;
 using BlockRef = CRtComAutoPtr<IFMBlock>;
 using Endpoint = asio::ip::tcp::endpoint;
 
 constexpr uint32_t BLOCK_LEN = 256 * 1024;
 constexpr uint32_t FILE_LEN_MAX = 1u << 30; ///< the library's limit for one cached file
+constexpr size_t LINKS_MAX = 256;
 
 struct Options {
     std::string role;     ///< server, presenter or client
@@ -60,7 +59,7 @@ public:
 protected:
     // What a role adds.
     virtual void OnRoleFrame(Link& link, Kind kind, CRtMessageBlock& body) = 0;
-    virtual void OnMember(Link&) {} // it has said who it is, or is the server
+    virtual void OnSource(Link&) {} // the server, on its way to be connected
     virtual void OnComplete(IFMBlock&) {}
     virtual void OnLost(uint32_t) {} // that block will not come from where it was asked for
     virtual void OnTick() {}
@@ -81,7 +80,6 @@ protected:
     void SendFile(Link& link);
     /// Ends the use of the file, if there is one.
     void LetGo();
-    bool IsUsed(const FMFileID& id) const { return m_file && m_file->GetFileInfo().fileID == id; }
     uint32_t TakeBlockID(CRtMessageBlock& body) const;
     uint32_t LengthOf(uint32_t id) const;
     BlockRef GetBlock(uint32_t id);
@@ -92,7 +90,10 @@ protected:
 
     struct Fetch {
         Link* from;
-        bool begun = false; ///< a piece has come
+        uint32_t pri;
+        Clock::time_point since = Clock::now();
+        bool postponed = false; ///< the server has said that it does not have it yet
+        uint32_t pos = 0;       ///< of the next piece
     };
 
     Cache& m_cache;
@@ -119,8 +120,7 @@ private:
     void CloseSilent();
     bool AnswerOne(IFMBlock& block, FMRetrieveItem retrieve);
     void SendPieces(Link& link);
-    bool SendPiece(Link& link, Transfer& transfer);
-    void LoseBlock(uint32_t id);
+    void SendPiece(Link& link, Transfer& transfer);
 
     asio::ip::tcp::acceptor m_acceptor;
     asio::steady_timer m_ticker;

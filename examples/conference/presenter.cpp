@@ -1,4 +1,5 @@
 // The presenter shows a file: it puts it into its own cache, and the server takes it from there.
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -12,32 +13,26 @@ public:
         : Node(loop, cache, options) {
         const std::filesystem::path path(options.file);
         const uint64_t length = std::filesystem::file_size(path);
-        if (length == 0 || length > FILE_LEN_MAX)
-            throw std::runtime_error(options.file + " has not 1 byte to 1 GiB");
         FMFileInfo info;
         CoCreateFMFileID(info.fileID);
         info.name = CRtString(path.filename().string());
         info.flag = FM_FILE_TEMPORARY; // this copy is of no use to a later run
-        info.userValue = static_cast<uint32_t>(length);
+        info.userValue = static_cast<uint32_t>(std::min<uint64_t>(length, FILE_LEN_MAX + 1));
         info.blockBeg = 1;
         Create(info);
-        for (uint32_t id = 1; id <= m_count; ++id)
-            OnLost(id);
+        std::ifstream input(path, std::ios::binary);
+        std::string bytes(BLOCK_LEN, '\0');
+        for (; m_have < m_count; ++m_have) {
+            const uint32_t id = m_have + 1;
+            if (!input.read(bytes.data(), LengthOf(id)))
+                throw std::runtime_error("cannot read " + options.file);
+            const CRtMessageChain piece = CRtMessageBlock::Wrap(bytes.data(), LengthOf(id));
+            Must(GetBlock(id)->WriteData(LengthOf(id), 0, piece.get()), "cannot cache the file");
+        }
     }
 
 private:
-    void OnLost(uint32_t id) override {
-        std::string bytes(LengthOf(id), '\0');
-        std::ifstream input(m_options.file, std::ios::binary);
-        input.seekg(std::streamoff{id - 1} * BLOCK_LEN);
-        if (!input.read(bytes.data(), std::ssize(bytes)))
-            throw std::runtime_error("cannot read " + m_options.file);
-        const CRtMessageChain piece = CRtMessageBlock::Wrap(bytes.data(), LengthOf(id));
-        Must(GetBlock(id)->WriteData(LengthOf(id), 0, piece.get()), "cannot cache the file");
-        ++m_have;
-    }
-
-    void OnMember(Link& link) override { SendFile(link); }
+    void OnSource(Link& link) override { SendFile(link); }
 
     void OnRoleFrame(Link&, Kind kind, CRtMessageBlock& body) override {
         Check(kind == Kind::OFFER, "a frame that a presenter does not take");

@@ -1,6 +1,7 @@
 // The server keeps the shared store: it takes the file from the presenter and answers the others with
 // bytes, with the addresses of peers, or with "not yet".
 #include <iostream>
+#include <utility>
 
 #include "node.h"
 
@@ -50,19 +51,6 @@ private:
         Answer(*block);
     }
 
-    // A file is told of when something of it has come; until then its presenter may be a stranger.
-    void OnMember(Link& link) override {
-        if (m_have > 0)
-            SendFile(link);
-    }
-
-    // Called before the requests that wait for the block are answered.
-    void OnComplete(IFMBlock&) override {
-        for (const auto& [key, link] : m_links)
-            if (m_have == 1 && link->member)
-                SendFile(*link);
-    }
-
     // This demonstration wants to show peers at work: the bytes of a new block go to urgent requests
     // only, and the other requests wait for these clients to own it, or for the next round.
     int Decide(Link& link, IFMBlock& block, const FMRetrieveItem& retrieve) override {
@@ -73,9 +61,13 @@ private:
         return type == FM_RETRIEVE_HERE && waits ? FM_RETRIEVE_NOT_YET : type;
     }
 
+    // A file is told of when something of it has come; until then its presenter may be a stranger.
     void OnTick() override {
         if (!m_source && m_have == 0)
             LetGo();
+        for (const auto& [key, link] : m_links)
+            if (m_have > 0 && link->member && !std::exchange(link->offered, true))
+                SendFile(*link);
         for (uint32_t id = 1; IsRound() && id <= m_count; ++id)
             Answer(*GetBlock(id));
     }

@@ -4,13 +4,13 @@
 
 using asio::use_awaitable;
 using asio::ip::tcp;
+using namespace std::chrono_literals;
 
 namespace {
 
 constexpr uint32_t HEAD_LEN = 6;
 /// Who does not read what it asked for is not listened to either.
-constexpr uint64_t BACKLOG_MAX = 4 * 1024 * 1024;
-constexpr std::chrono::milliseconds BACKLOG_PAUSE(10);
+constexpr uint64_t BACKLOG_MAX = 1024 * 1024;
 
 /// A frame's share of the backlog: about the memory that it takes while it waits.
 uint64_t CostOf(const CRtMessageBlock& frame) { return 1024 + frame.GetChainedLength(); }
@@ -33,11 +33,8 @@ void Link::Open(const tcp::endpoint& address) {
 }
 
 asio::awaitable<void> Link::Run(tcp::endpoint address) {
-    if (!m_socket.is_open()) {
+    if (!m_socket.is_open())
         co_await m_socket.async_connect(address, use_awaitable);
-        // A port that nobody listens on any more can be given to this very socket.
-        Check(m_socket.local_endpoint() != m_socket.remote_endpoint(), "connected to itself");
-    }
     m_socket.set_option(tcp::no_delay(true));
     m_open = true;
     Write();
@@ -50,7 +47,7 @@ asio::awaitable<void> Link::Run(tcp::endpoint address) {
         const CRtMessageChain body = co_await Read(size);
         m_user.OnFrame(*this, Kind{kind}, *body);
         while (m_backlog > BACKLOG_MAX && m_open) {
-            asio::steady_timer pause(m_socket.get_executor(), BACKLOG_PAUSE);
+            asio::steady_timer pause(m_socket.get_executor(), 10ms);
             co_await pause.async_wait(use_awaitable);
         }
     }

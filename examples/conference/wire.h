@@ -17,13 +17,15 @@
 #include <stdexcept>
 #include <string>
 
+using Clock = std::chrono::steady_clock;
+
 enum class Kind : uint16_t {
-    HELLO = 1,   ///< magic, port for peers or 0, file or no text: whoever connects says it first
-    OFFER = 2,   ///< FMFileInfo: the presenter offers it, the server tells everybody
+    HELLO = 1,   ///< magic, port for peers or 0: whoever connects says it first
+    OFFER = 2,   ///< FMFileInfo: the presenter offers it, the server tells everybody, once
     WANT = 3,    ///< block, priority
     NOT_YET = 4, ///< block: from the server, it comes when it is here; from others, ask elsewhere
-    PEERS = 5,   ///< block, count, then host and port of each: they have it
-    PIECE = 6,   ///< block, position, bytes
+    PEERS = 5,   ///< block, count, then host and port of each: they have it; for priorities above 1
+    PIECE = 6,   ///< block, position, bytes: PIECE_LEN of them, or what is left of the block
     OWN = 7,     ///< block: the sender can serve it
 };
 
@@ -118,8 +120,9 @@ public:
     std::set<uint32_t> wants; ///< blocks that it asked for and has not got
     std::set<uint32_t> owns;  ///< blocks on which it is recorded as owner
     std::deque<Transfer> transfers;
-    /// When it was asked, or a piece came, or it connected.
-    std::chrono::steady_clock::time_point heard = std::chrono::steady_clock::now();
+    bool offered = false;                  ///< the server's OFFER went over it
+    Clock::time_point heard = {};          ///< when a piece came
+    Clock::time_point used = Clock::now(); ///< when a piece came or went, or it connected
 
 private:
     asio::awaitable<void> Run(asio::ip::tcp::endpoint address);
