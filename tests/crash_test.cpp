@@ -1,0 +1,49 @@
+// A process that is killed: before, after and in the middle of every file operation of one fixed piece
+// of work, and at random moments. What it leaves is true or absent, and what an earlier run had brought
+// to disk is there.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <random>
+
+#include "workload.h"
+
+using namespace faults;
+
+class Kill : public testing::TestWithParam<Action> {};
+
+TEST_P(Kill, AtEveryOperation) {
+    // A kill around one that changes nothing leaves what a kill before the next one leaves.
+    constexpr uint32_t changing = OPEN | WRITE | REMOVE | MAKE_DIR | REMOVE_DIR;
+    Plan plan{.action = GetParam(), .kinds = GetParam() == KILL_HALFWAY ? WRITE : changing};
+    for (;; plan.nth += STRIDE) {
+        Trial trial;
+        const std::string end = trial.Run(plan);
+        ASSERT_EQ(end, Hits() > 0 ? "killed" : "done") << "at operation " << plan.nth;
+        if (Hits() == 0)
+            break;
+        ASSERT_EQ(trial.Verify(), "done")
+            << "killed at operation " << plan.nth << ": " << FirstHit();
+    }
+    EXPECT_GT(plan.nth, 100U);
+    std::cout << plan.nth / STRIDE << " kills\n";
+}
+
+INSTANTIATE_TEST_SUITE_P(Crash, Kill, testing::Values(KILL_BEFORE, KILL_HALFWAY, KILL_AFTER));
+
+TEST(Crash, AtRandomMoments) {
+    const auto begin = std::chrono::steady_clock::now();
+    ASSERT_EQ(Trial().Run({}), "done");
+    const auto whole = std::chrono::duration_cast<std::chrono::microseconds>(
+        std::chrono::steady_clock::now() - begin);
+    std::mt19937 random(20261123);
+    std::uniform_int_distribution<uint32_t> moment(1, static_cast<uint32_t>(whole.count()));
+    for (uint32_t killed = 0; killed < 200 / STRIDE;) {
+        Trial trial;
+        const uint32_t microseconds = moment(random);
+        const std::string end = trial.Run({}, &Workload::Run, true, microseconds);
+        ASSERT_TRUE(end == "killed" || end == "done") << end;
+        killed += end == "killed" ? 1 : 0;
+        ASSERT_EQ(trial.Verify(), "done") << "killed after us " << microseconds;
+    }
+}

@@ -1,0 +1,166 @@
+// Operations that fail: each file operation of one fixed piece of work in turn, once and from then on,
+// each allocation in turn, a file system that is full, a disk that takes its time. Nothing crashes, hangs
+// or leaks, what can be read is true, and when the fault has passed the system works again.
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/statvfs.h>
+
+#include <cerrno>
+#include <csignal>
+
+#include "workload.h"
+
+using namespace faults;
+
+namespace {
+
+struct Fault {
+    const char* name;
+    uint32_t kinds;
+    Action action;
+    int error;
+};
+void PrintTo(const Fault& fault, std::ostream* out) { *out << fault.name; }
+
+constexpr Fault FAULTS[] = {
+    {"OpenNoDescriptor", OPEN, FAIL, EMFILE}, {"OpenNoPermission", OPEN, FAIL, EACCES},
+    {"ReadError", READ, FAIL, EIO},           {"WriteFull", WRITE, FAIL, ENOSPC},
+    {"WriteHalf", WRITE, HALF, EIO},          {"FlushError", FLUSH, FAIL, EIO},
+    {"CloseError", CLOSE, FAIL, EIO},         {"RemoveNoPermission", REMOVE, FAIL, EACCES},
+    {"MakeDirFull", MAKE_DIR, FAIL, ENOSPC},  {"RemoveDirError", REMOVE_DIR, FAIL, EIO},
+    {"LookError", LOOK, FAIL, EIO},
+};
+
+enum Lasts { ONCE, UNTIL_THE_RUN_ENDS, TO_THE_END };
+
+class Failing : public testing::TestWithParam<std::tuple<Fault, Lasts>> {};
+
+} // namespace
+
+TEST_P(Failing, AtEveryOperation) {
+    const auto& [fault, lasts] = GetParam();
+    Plan plan{.action = fault.action,
+              .kinds = fault.kinds,
+              .forever = lasts != ONCE,
+              .error = fault.error};
+    for (;; plan.nth += STRIDE) {
+        Trial trial;
+        ASSERT_EQ(trial.Run(plan, &Workload::Run, lasts != TO_THE_END), "done")
+            << "fault at operation " << plan.nth << ": " << FirstHit();
+        if (Hits() == 0)
+            break;
+    }
+    EXPECT_GT(plan.nth, 1U);
+    std::cout << plan.nth / STRIDE << " faults\n";
+}
+
+INSTANTIATE_TEST_SUITE_P(File, Failing,
+                         testing::Combine(testing::ValuesIn(FAULTS),
+                                          testing::Values(ONCE, UNTIL_THE_RUN_ENDS, TO_THE_END)));
+
+// Where memory is asked for in a way that throws, the process ends through std::terminate.
+class Starving : public testing::TestWithParam<bool> {};
+
+TEST_P(Starving, AtEveryAllocation) {
+    Plan plan{.action = FAIL, .kinds = ALLOCATE, .forever = GetParam()};
+    uint32_t coped = 0;
+    for (;; plan.nth += STRIDE) {
+        Trial trial;
+        const std::string end = trial.Run(plan, &Workload::RunShort);
+        coped += end == "done" ? 1 : 0;
+        ASSERT_TRUE(end == "done" || end == "terminated")
+            << "allocation " << plan.nth << ": " << end;
+        if (Hits() == 0)
+            break;
+        ASSERT_EQ(trial.Verify(), "done") << "after allocation " << plan.nth;
+    }
+    EXPECT_GT(coped, 1U);
+    std::cout << coped << " of " << plan.nth / STRIDE << " coped with\n";
+}
+
+INSTANTIATE_TEST_SUITE_P(Memory, Starving, testing::Bool());
+
+namespace {
+
+// A small file system of its own where the process may mount one, else a limit on the size of files.
+class SmallDisk {
+public:
+    explicit SmallDisk(const fs::path& dir) : m_dir(dir) {
+        m_mounted = ::unshare(CLONE_NEWNS) == 0 &&
+                    ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                    ::mount("none", m_dir.c_str(), "tmpfs", 0, "size=2m") == 0;
+        std::cout << (m_mounted ? "a file system of 2 MiB\n" : "a limit on the size of files\n");
+        std::signal(SIGXFSZ, SIG_IGN);
+    }
+    // Room for some pages of 4096 bytes more.
+    void Fill() {
+        constexpr uint64_t pages = 4;
+        struct statvfs now {};
+        ::statvfs(m_dir.c_str(), &now);
+        Limit(m_mounted ? (now.f_blocks - now.f_bfree + pages) * now.f_frsize : pages * 4096);
+    }
+    void Limit(uint64_t bytes) {
+        const std::string size = "size=" + std::to_string(bytes);
+        const rlimit limit{bytes, RLIM_INFINITY};
+        EXPECT_EQ(m_mounted ? ::mount("none", m_dir.c_str(), nullptr, MS_REMOUNT, size.c_str())
+                            : ::setrlimit(RLIMIT_FSIZE, &limit),
+                  0);
+    }
+
+private:
+    const fs::path m_dir;
+    bool m_mounted = false;
+};
+
+} // namespace
+
+TEST(Fault, FullDiskThatGetsSpaceAgain) {
+    Trial trial;
+    const auto fill = [&trial](Workload& work) {
+        SmallDisk disk(trial.dir.path);
+        work.Start();
+        work.Make(A, {9000});
+        work.Make(B, {700}, 0, 8192); // with a table of 32 KiB
+        work.Settle();
+        {
+            const LogCapture log;
+            disk.Fill();
+            work.Close(B); // a closed file is not tried again
+            work.Forget(B);
+            work.Settle();
+            EXPECT_EQ(log.Count("SaveFileInfo_m, WriteBlockInfo error"), 1U);
+            disk.Fill();
+            work.Put(A, 2, 30000);
+            work.Put(A, 3, 30000);
+            work.Settle();
+            work.Advance(60'001);
+            work.Settle();
+            EXPECT_EQ(log.Count("WriteToFile, WriteData failed"), 4U);
+        }
+        work.Check(A);
+        disk.Limit(2 << 20);
+        work.ExpectStoredByTick();
+        work.Stop();
+        work.Verify();
+    };
+    EXPECT_EQ(trial.Do({}, fill), "done");
+}
+
+TEST(Fault, StopUnderStalledDisk) {
+    Trial trial;
+    const auto stop = [](Workload& work) {
+        work.Start();
+        work.Make(A, {700});
+        const LogCapture log(RT_LOG_WARNING);
+        work.Stop();
+        const std::string text = log.Text();
+        const size_t at = text.find("CFileManager::UnInitialize, waiting for the disk, in use:");
+        ASSERT_NE(at, std::string::npos);
+        EXPECT_LT(text.find(Workload::Name(A) + ".sdd", at), text.find('\n', at));
+    };
+    EXPECT_EQ(trial.Do({.action = STALL, .kinds = WRITE, .stallMs = 2000}, stop), "done");
+    EXPECT_EQ(Hits(), 1U);
+    EXPECT_EQ(trial.Verify(), "done"); // with the block that was promised
+}

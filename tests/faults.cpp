@@ -1,0 +1,227 @@
+#include "faults.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdarg>
+#include <cstring>
+#include <iostream>
+#include <thread>
+
+namespace {
+
+using namespace faults;
+
+constexpr int TERMINATED =
+    SIGUSR1; // a signal ends a child at once, whatever a sanitizer does at exits
+constexpr unsigned PATIENCE_SECONDS = 40;
+
+struct State {
+    char root[512];
+    Plan plan;
+    std::atomic<Action> action;
+    std::atomic<uint32_t> matched;
+    std::atomic<uint32_t> hits;
+    const char* firstHit; // children have the same image
+};
+
+State& Shared() {
+    static void* memory =
+        ::mmap(nullptr, sizeof(State), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return *static_cast<State*>(memory);
+}
+
+std::array<std::atomic<bool>, 65536> g_ours; // by file descriptor
+
+bool IsOurs(const char* path) {
+    const State& state = Shared();
+    return state.root[0] != '\0' && std::strncmp(path, state.root, std::strlen(state.root)) == 0;
+}
+bool IsOurs(int fd) { return fd >= 0 && g_ours[static_cast<size_t>(fd)]; }
+bool IsOurs(FILE* stream) { return stream && IsOurs(::fileno(stream)); }
+bool IsOurs(DIR* walk) { return IsOurs(::dirfd(walk)); }
+
+[[noreturn]] void Die(int signal) {
+    for (;;)
+        ::kill(::getpid(), signal);
+}
+
+// Counts an operation and answers what the plan has for it.
+Action Next(uint32_t kind, const char* call) {
+    State& state = Shared();
+    const Action action = state.action.load();
+    if (action == NOTHING || !(state.plan.kinds & kind))
+        return NOTHING;
+    const uint32_t number = ++state.matched;
+    if (number < state.plan.nth || (number > state.plan.nth && !state.plan.forever))
+        return NOTHING;
+    if (state.hits++ == 0)
+        state.firstHit = call;
+    // As on a disk that has just filled up.
+    return action == HALF && number > state.plan.nth ? FAIL : action;
+}
+
+// `whole` and `half` make the call.
+template <class Result, class Whole, class Half>
+Result Operate(uint32_t kind, const char* call, Result failed, Whole whole, Half half) {
+    const Action action = kind == NONE ? NOTHING : Next(kind, call);
+    if (action == STALL)
+        std::this_thread::sleep_for(std::chrono::milliseconds(Shared().plan.stallMs));
+    if (action == FAIL) {
+        errno = Shared().plan.error;
+        return failed;
+    }
+    if (action == KILL_BEFORE)
+        Die(SIGKILL);
+    const Result result = action == HALF || action == KILL_HALFWAY ? half() : whole();
+    if (action == KILL_HALFWAY || action == KILL_AFTER)
+        Die(SIGKILL);
+    return result;
+}
+
+int Opened(int fd, bool ours) {
+    if (fd >= 0)
+        g_ours[static_cast<size_t>(fd)] = ours;
+    return fd;
+}
+
+} // namespace
+
+// --- What the linker puts in the place of the system's calls ------------------------------------
+
+#define REAL(result, name, ...)                                                                    \
+    extern "C" result __real_##name(__VA_ARGS__);                                                  \
+    extern "C" result __wrap_##name(__VA_ARGS__);                                                  \
+    extern "C" result __wrap_##name(__VA_ARGS__)
+// One that moves no bytes has no half.
+#define CALL(result, failed, kind, object, name, ...)                                              \
+    const auto call = [&] { return __real_##name(__VA_ARGS__); };                                  \
+    return Operate<result>(IsOurs(object) ? kind : NONE, #name, failed, call, call)
+// Whatever a close answers, the descriptor is gone.
+#define CLOSE_CALL(name, object)                                                                   \
+    const uint32_t kind = IsOurs(object) ? CLOSE : NONE;                                           \
+    const auto done = [result = __real_##name(object)] { return result; };                         \
+    return Operate<int>(kind, #name, EOF, done, done)
+
+REAL(int, open64, const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = flags & O_CREAT ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    const auto call = [&] { return __real_open64(path, flags, mode); };
+    const bool ours = IsOurs(path);
+    return Opened(Operate(ours ? OPEN : NONE, "open", -1, call, call), ours);
+}
+// The library opens directories with it, and makes nothing.
+REAL(int, openat64, int parent, const char* path, int flags, ...) {
+    const auto call = [&] { return __real_openat64(parent, path, flags); };
+    const bool ours = parent == AT_FDCWD ? IsOurs(path) : IsOurs(parent);
+    return Opened(Operate(ours ? LOOK : NONE, "openat", -1, call, call), ours);
+}
+REAL(ssize_t, pwrite64, int fd, const void* bytes, size_t length, off64_t at) {
+    return Operate<ssize_t>(
+        IsOurs(fd) ? WRITE : NONE, "pwrite", -1,
+        [&] { return __real_pwrite64(fd, bytes, length, at); },
+        [&] { return __real_pwrite64(fd, bytes, length / 2, at); });
+}
+REAL(ssize_t, pread64, int fd, void* bytes, size_t length, off64_t at) {
+    CALL(ssize_t, -1, READ, fd, pread64, fd, bytes, length, at);
+}
+REAL(FILE*, fdopen, int fd, const char* mode) { CALL(FILE*, nullptr, OPEN, fd, fdopen, fd, mode); }
+REAL(int, fflush, FILE* stream) { CALL(int, EOF, FLUSH, stream, fflush, stream); }
+REAL(int, fclose, FILE* stream) { CLOSE_CALL(fclose, stream); }
+REAL(int, close, int fd) { CLOSE_CALL(close, fd); }
+REAL(int, closedir, DIR* walk) { CLOSE_CALL(closedir, walk); }
+REAL(DIR*, fdopendir, int fd) { CALL(DIR*, nullptr, LOOK, fd, fdopendir, fd); }
+REAL(dirent64*, readdir64, DIR* walk) { CALL(dirent64*, nullptr, LOOK, walk, readdir64, walk); }
+REAL(int, flock, int fd, int operation) { CALL(int, -1, LOOK, fd, flock, fd, operation); }
+REAL(int, fstat64, int fd, struct stat64* info) { CALL(int, -1, LOOK, fd, fstat64, fd, info); }
+REAL(int, fstatat64, int parent, const char* path, struct stat64* info, int flags) {
+    CALL(int, -1, LOOK, parent, fstatat64, parent, path, info, flags);
+}
+REAL(int, unlinkat, int parent, const char* path, int flags) {
+    CALL(int, -1, (flags & AT_REMOVEDIR ? REMOVE_DIR : REMOVE), parent, unlinkat, parent, path,
+         flags);
+}
+REAL(int, stat64, const char* path, struct stat64* info) {
+    CALL(int, -1, LOOK, path, stat64, path, info);
+}
+REAL(int, lstat64, const char* path, struct stat64* info) {
+    CALL(int, -1, LOOK, path, lstat64, path, info);
+}
+REAL(int, unlink, const char* path) { CALL(int, -1, REMOVE, path, unlink, path); }
+REAL(int, mkdir, const char* path, mode_t mode) {
+    CALL(int, -1, MAKE_DIR, path, mkdir, path, mode);
+}
+REAL(int, rmdir, const char* path) { CALL(int, -1, REMOVE_DIR, path, rmdir, path); }
+
+// The other forms of new and delete come down to these, but for over-aligned types.
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+    const auto call = [size] { return std::malloc(size == 0 ? 1 : size); };
+    return Operate<void*>(ALLOCATE, "new", nullptr, call, call);
+}
+void* operator new(size_t size) {
+    if (void* memory = operator new(size, std::nothrow))
+        return memory;
+    throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, size_t) noexcept { std::free(memory); }
+void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
+
+// --- Plans and children -------------------------------------------------------------------------
+
+namespace faults {
+
+void Begin(const std::filesystem::path& root, const Plan& plan) {
+    State& state = Shared();
+    state.matched = state.hits = 0;
+    state.plan = plan;
+    std::snprintf(state.root, sizeof(state.root), "%s/", root.c_str());
+    state.action = plan.action;
+}
+
+void Lift() { Shared().action = NOTHING; }
+uint32_t Hits() { return Shared().hits; }
+bool Calm() {
+    const Action action = Shared().action;
+    return Hits() == 0 || action == NOTHING || action == STALL;
+}
+const char* FirstHit() { return Shared().firstHit; }
+
+std::string InChild(const std::function<void()>& body, uint32_t killAfterUs) {
+    std::cout.flush();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(PATIENCE_SECONDS);
+        std::set_terminate([] { Die(TERMINATED); });
+        [&body]() noexcept { body(); }();               // nobody is to catch what it throws
+        std::exit(testing::Test::HasFailure() ? 1 : 0); // looks for leaks where a sanitizer does
+    }
+    if (killAfterUs > 0) {
+        std::this_thread::sleep_for(std::chrono::microseconds(killAfterUs));
+        ::kill(child, SIGKILL);
+    }
+    int status = 0;
+    if (child < 0 || ::waitpid(child, &status, 0) != child)
+        return "no child";
+    Lift(); // what it had planned was for itself
+    if (const int signal = WTERMSIG(status); WIFSIGNALED(status))
+        return signal == SIGKILL      ? "killed"
+               : signal == TERMINATED ? "terminated"
+                                      : "signal " + std::to_string(signal);
+    const int code = WEXITSTATUS(status);
+    return code == 0 ? "done" : "exit " + std::to_string(code);
+}
+
+} // namespace faults

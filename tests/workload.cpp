@@ -1,0 +1,447 @@
+#include "workload.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/mman.h>
+
+#include <cstring>
+
+using faults::Calm;
+using faults::Hits;
+
+namespace {
+
+// What the bytes of a block begin with; the rest follows from it.
+struct Stamp {
+    uint32_t file, generation, block, version, length;
+    bool operator==(const Stamp&) const = default;
+};
+
+std::string Content(const Stamp& stamp) {
+    std::string bytes = Pattern(stamp.version, stamp.length);
+    std::memcpy(bytes.data(), &stamp, sizeof(stamp));
+    return bytes;
+}
+
+FMFileID Identifier(uint32_t file) {
+    return {0x0FA17000U + file, 0x1111, 0x4222, {0x83, 3, 4, 4, 5, 5, 6, 6}};
+}
+
+// Lines are composed, as with the log that a program has by default, and thrown away.
+void Ignore(void*, int, const char*) {}
+
+// Where every other slot is empty, old entries read from the wrong byte on would make sense: a length as
+// an identifier, an offset as a length.
+constexpr uint32_t LARGE_FIRST = 25;
+constexpr uint32_t LARGE_LAST = 39;
+
+constexpr int64_t TICK_MS = 60'001;
+
+} // namespace
+
+Workload::Workload(const fs::path& dir, Promises& promises) : m_dir(dir), m_promises(promises) {
+    RtSetLogSink(Ignore, nullptr, RT_LOG_WARNING);
+}
+
+Workload::~Workload() { Stop(); }
+
+std::string Workload::Name(uint32_t file) { return FMFileIDToString(Identifier(file)).c_str(); }
+
+// --- Steps --------------------------------------------------------------------------------------
+
+void Workload::Start(uint16_t clearDays) {
+    for (uint32_t file = 0; file < FILES; ++file) {
+        if (clearDays == 0)
+            Forget(file);
+        m_files[file].closed = false;
+    }
+    m_hitsBefore = Hits();
+    m_manager->Initialize(CRtString(m_dir.c_str()), clearDays, 1);
+}
+
+void Workload::Stop() {
+    for (uint32_t file = 0; file < FILES; ++file)
+        Close(file, false);
+    m_manager->UnInitialize();
+    m_thread.RunDue();
+    for (uint32_t file = 0; file < FILES; ++file) {
+        // A closed file's stores and table may have been what failed, and nobody tried again.
+        if (!Calm() || (m_files[file].closed && Hits() > m_hitsBefore))
+            m_files[file].blocks = {};
+        for (uint32_t block = 0; block < BLOCKS; ++block) {
+            if (const uint32_t version = m_files[file].blocks[block].version)
+                m_promises.version[file][block] = version;
+        }
+    }
+}
+
+void Workload::Forget(uint32_t file) {
+    m_files[file].blocks = {};
+    m_files[file].changed = false;
+    for (uint32_t& version : m_promises.version[file])
+        version = 0;
+}
+
+void Workload::Make(uint32_t file, std::initializer_list<uint32_t> lengths, uint32_t flag,
+                    uint32_t slots) {
+    Forget(file);
+    FMFileInfo info;
+    info.fileID = Identifier(file);
+    info.flag = flag;
+    info.blockBeg = 1;
+    info.num = slots;
+    m_files[file].generation = ++m_promises.lastGeneration;
+    m_files[file].closed = false;
+    const int result = m_manager->CreateFile(m_files[file].open.Receive(), info);
+    EXPECT_TRUE(result == 0 || !Calm()) << "create " << file << ": " << result;
+    uint32_t block = 0;
+    for (const uint32_t length : lengths)
+        Put(file, ++block, length);
+}
+
+bool Workload::Open(uint32_t number) {
+    File& file = m_files[number];
+    file.changed = false;
+    for (Block& block : file.blocks)
+        block.written = false;
+    const int result = m_manager->OpenFile(file.open.Receive(), Identifier(number), 1);
+    if (file.closed && Hits() > m_hitsBefore)
+        file.blocks = {};
+    file.closed = result != 0;
+    for (const uint32_t version : m_promises.version[number])
+        EXPECT_TRUE(result == 0 || version == 0 || !Calm())
+            << "promised " << number << " with version " << version << ", does not open";
+    return result == 0;
+}
+
+// Without `detach` the file stays open, and only what this object holds of it is given back.
+void Workload::Close(uint32_t number, bool detach) {
+    File& file = m_files[number];
+    if (!file.open)
+        return;
+    if (file.changed) {
+        // Its table is about to be written in place.
+        for (uint32_t& version : m_promises.version[number])
+            version = 0;
+    }
+    if (detach)
+        m_manager->DetachFile(Identifier(number));
+    file.open.Reset();
+    file.closed = detach;
+}
+
+void Workload::Put(uint32_t number, uint32_t id, uint32_t length) {
+    File& file = m_files[number];
+    if (!file.open)
+        return;
+    constexpr uint32_t piece = 4000;
+    file.changed = true;
+    m_promises.version[number][id] = 0;
+    file.blocks[id] = {0, true};
+    const uint32_t version = ++m_promises.lastVersion;
+    const std::string bytes = Content({number, file.generation, id, version, length});
+    const BlockRef block = Cache::Block(*file.open, id);
+    const int result = block ? Write(*block, bytes, piece) : RT_ERROR_NULL_OBJECT;
+    EXPECT_TRUE(result == 0 || !Calm()) << "write " << number << "/" << id << ": " << result;
+    if (result == 0)
+        file.blocks[id].version = version;
+    uint32_t generation = 0;
+    CheckBlock(number, id, generation);
+}
+
+void Workload::Remove(uint32_t number, uint32_t id) {
+    File& file = m_files[number];
+    if (!file.open)
+        return;
+    file.changed = true;
+    m_promises.version[number][id] = 0;
+    file.blocks[id] = {};
+    BlockRef removed;
+    file.open->RemoveBlock(id, removed.Receive());
+}
+
+// The version of what is there, 0 when nothing is. All of a file are of one generation.
+uint32_t Workload::CheckBlock(uint32_t number, uint32_t id, uint32_t& generation) {
+    const Block& known = m_files[number].blocks[id];
+    CRtMessageChain view;
+    const BlockRef block = Cache::Block(*m_files[number].open, id, 0);
+    if (block && block->IsComplete())
+        block->ReadData(0, block->GetTotalLen(), RtReceive(view));
+    if (!view) {
+        EXPECT_TRUE(known.version == 0 || !Calm()) << "lost " << number << "/" << id;
+        return 0;
+    }
+    const CRtString bytes = view->FlattenChained();
+    Stamp stamp{};
+    std::memcpy(&stamp, bytes.data(), std::min(sizeof(stamp), bytes.size()));
+    const Stamp own{number, generation ? generation : stamp.generation, id,
+                    known.version ? known.version : stamp.version,
+                    static_cast<uint32_t>(bytes.size())};
+    EXPECT_TRUE(stamp == own && bytes.view() == Content(own))
+        << "UNTRUE " << number << "/" << id << " of " << bytes.size() << " bytes says file "
+        << stamp.file << "/" << stamp.block << " generation " << stamp.generation << " of "
+        << generation << ", version " << stamp.version << " of " << known.version << ", length "
+        << stamp.length;
+    generation = stamp.generation;
+    return stamp.version;
+}
+
+void Workload::Check(uint32_t number) {
+    File& file = m_files[number];
+    if (!file.open)
+        return;
+    uint32_t generation = 0;
+    for (uint32_t id = 1; id < BLOCKS; ++id) {
+        const uint32_t version = CheckBlock(number, id, generation);
+        const uint32_t promised = m_promises.version[number][id];
+        EXPECT_TRUE(promised == 0 || version == promised || !Calm())
+            << "promised " << number << "/" << id << " version " << promised << ", is " << version;
+        file.blocks[id].version = version;
+    }
+    if (generation != 0)
+        file.generation = generation;
+    else if (file.generation == 0)
+        file.generation = ++m_promises.lastGeneration;
+}
+
+void Workload::Advance(int64_t ms) {
+    m_clock.Advance(ms);
+    m_thread.RunDue();
+}
+
+// A file made over another one waits for the read/write thread.
+void Workload::Settle(uint32_t rounds) {
+    FMFileInfo info;
+    info.fileID = Identifier(FILES);
+    while (rounds-- > 0) {
+        FileRef first;
+        FileRef second;
+        m_manager->CreateFile(first.Receive(), info);
+        m_manager->CreateFile(second.Receive(), info);
+        first.Reset();
+        m_manager->DetachFile(info.fileID);
+        m_thread.RunDue();
+    }
+}
+
+void Workload::Load(uint32_t file, uint32_t id) {
+    if (!m_files[file].open)
+        return;
+    CountingSink sink;
+    const BlockRef block = Cache::Block(*m_files[file].open, id, 0);
+    const bool asked = block && block->ReadData(&sink) == 0;
+    Settle();
+    EXPECT_EQ(sink.results.size(), asked ? 1U : 0U);
+    uint32_t generation = 0;
+    CheckBlock(file, id, generation);
+}
+
+void Workload::ExpectStoredByTick() {
+    Settle(); // a store that still fails fails now
+    Advance(TICK_MS);
+    Settle();
+    Advance(4 * TICK_MS); // what is on disk is freed then; a tick too, but the first was enough
+    for (uint32_t number = 0; number < FILES; ++number) {
+        for (uint32_t id = 1; id < BLOCKS; ++id) {
+            const Block& known = m_files[number].blocks[id];
+            if (!m_files[number].open || !known.written || known.version == 0)
+                continue;
+            const BlockRef block = Cache::Block(*m_files[number].open, id, 0);
+            EXPECT_TRUE((block && !block->FreeMemory()) || !Calm())
+                << "not stored " << number << "/" << id;
+        }
+        Check(number);
+    }
+}
+
+// --- The work -----------------------------------------------------------------------------------
+
+void Workload::EndRun() {
+    if (liftEarly && Hits() > 0)
+        faults::Lift();
+    ExpectStoredByTick();
+    Stop();
+}
+
+void Workload::Reopen(std::initializer_list<uint32_t> files) {
+    Start();
+    for (const uint32_t file : files) {
+        Open(file);
+        Check(file);
+    }
+}
+
+// What is ten days old and not open is removed.
+void Workload::KeepHouse() {
+    for (uint32_t file = 0; file < FILES; ++file) {
+        if (file != KEPT && !m_files[file].open)
+            Forget(file);
+    }
+    Advance(864'000'000);
+    Settle(FILES); // it queues one step after the other
+}
+
+void Workload::FirstRun() {
+    Start();
+    Make(A, {700, 9000, 300, 2500});
+    Settle();
+    Put(A, 2, 9000); // where it was
+    Put(A, 3, 400);  // elsewhere
+    Remove(A, 4);
+    Make(KEPT, {1500}, FM_FILE_KEPT);
+    Close(KEPT);
+    Make(OLD, {5000});
+    Close(OLD);
+    Make(TEMPORARY, {1200}, FM_FILE_TEMPORARY);
+    Settle();
+    Forget(TEMPORARY);
+    Close(TEMPORARY);
+    Make(B, {800, 3000, 600});
+    Close(B);
+    Open(B); // before what waits was written
+    Load(B, 2);
+    Put(B, 4, 5000);
+    Make(C, {900, 4000});
+    Close(C);
+    Settle();
+    Make(C, {4000, 900}); // over an older cached file
+    // Where every other slot is empty, old entries read from the wrong byte on would make sense: a
+    // length as an identifier, an offset as a length.
+    Make(LARGE, {});
+    for (uint32_t id = 25; id < 40; id += 2)
+        Put(LARGE, id, id - 1);
+    EndRun();
+}
+
+void Workload::SecondRun() {
+    Reopen({A, B, C, LARGE});
+    KeepHouse();
+    Remove(LARGE, 27);
+    Put(A, 1, 700); // the first place of a file is not used again
+    Put(A, 2, 9000);
+    Put(B, 2, 5000);
+    Remove(B, 3);
+    Put(C, 2, 900);
+    Close(A);
+    Open(A);
+    Put(A, 5, 2000);
+    Make(OLD, {3000});
+    Make(OLD, {200, 3000}); // displaces the one that is open
+    EndRun();
+}
+
+void Workload::Run() {
+    FirstRun();
+    SecondRun();
+    Reopen({A, B, C, KEPT, OLD, LARGE});
+    Put(A, 2, 9000);
+    Put(LARGE, 27, 300);
+    Close(B);
+    Make(B, {640});
+    EndRun();
+    // Entries are cleared as the directory lists them, here the newest first: the data before the table
+    // is the worse order.
+    for (uint32_t file = 0; file < FILES; ++file) {
+        const fs::path data = m_dir / "sdstore" / (Name(file) + ".sdd");
+        std::error_code ignored;
+        fs::rename(data, m_dir / "away", ignored);
+        fs::rename(m_dir / "away", data, ignored);
+    }
+    Start(0); // clears, now and at the end
+    Make(A, {1000});
+    Settle();
+    Forget(A);
+    Stop();
+    Start();
+    Make(A, {500, 6000});
+    EndRun();
+}
+
+// The same in small, for what is asked for much more often.
+void Workload::RunShort() {
+    Start();
+    Make(KEPT, {1500}, FM_FILE_KEPT);
+    Close(KEPT);
+    Make(A, {700});
+    EndRun();
+    Reopen({A});
+    KeepHouse();
+    Put(A, 1, 700);
+    Close(A);
+    Open(A);
+    Open(KEPT);
+    Load(KEPT, 1);
+    Put(KEPT, 2, 300);
+    EndRun();
+}
+
+void Workload::Verify() {
+    for (const bool again : {false, true}) {
+        Start();
+        for (uint32_t file = 0; file < FILES; ++file) {
+            if (Open(file))
+                Check(file);
+            else
+                EXPECT_FALSE(again) << "does not open: " << file;
+            if (!m_files[file].open)
+                Make(file, {});
+            Put(file, BLOCKS - 1, 5000);
+        }
+        Close(A);
+        EXPECT_TRUE(Open(A));
+        ExpectStoredByTick();
+        Stop();
+    }
+}
+
+void Workload::ExpectNothingLeft() {
+    Start();
+    Settle();
+    const LogCapture log;
+    m_manager->UnInitialize();
+    const std::string text = log.Text();
+    int open = 0, files = 0, filesGone = 0, blocks = 0, blocksGone = 0;
+    ASSERT_EQ(std::sscanf(text.c_str() + std::min(text.find("[files Cur="), text.size()),
+                          "[files Cur=%d c-%d d-%d] [blocks c-%d d-%d]", &open, &files, &filesGone,
+                          &blocks, &blocksGone),
+              5);
+    EXPECT_TRUE(files > 0 && files == filesGone) << files << " files made, gone " << filesGone;
+    EXPECT_TRUE(blocks > 0 && blocks == blocksGone)
+        << blocks << " blocks made, gone " << blocksGone;
+}
+
+// --- Trial --------------------------------------------------------------------------------------
+
+// One at a time: the next trial begins with the same memory.
+Trial::Trial() {
+    static void* memory = ::mmap(nullptr, sizeof(Promises), PROT_READ | PROT_WRITE,
+                                 MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    m_promises = new (memory) Promises{};
+}
+
+std::string Trial::Do(const faults::Plan& plan, const std::function<void(Workload&)>& work,
+                      uint32_t killAfterUs) {
+    const auto body = [&] {
+        IFileManager::Instance(); // which would not be there for want of memory
+        faults::Begin(dir.path, plan);
+        Workload workload(dir.path, *m_promises);
+        work(workload);
+    };
+    return faults::InChild(body, killAfterUs);
+}
+
+std::string Trial::Run(const faults::Plan& plan, void (Workload::*run)(), bool liftEarly,
+                       uint32_t killAfterUs) {
+    const auto work = [=](Workload& workload) {
+        workload.liftEarly = liftEarly;
+        (workload.*run)();
+        faults::Lift();
+        workload.Verify();
+        workload.ExpectNothingLeft();
+    };
+    return Do(plan, work, killAfterUs);
+}
+
+std::string Trial::Verify() {
+    return Do({}, [](Workload& workload) { workload.Verify(); });
+}
