@@ -100,7 +100,7 @@ void CFileManager::ExamineFile(const CRtString& stem) {
         return;
     {
         const FileRef file(new (std::nothrow) CFMFile(stem));
-        if (file && file->TakeDiskFile() && file->IsHouseKeeping())
+        if (file && file->HasDiskFiles() && file->TakeDiskFile() && file->IsHouseKeeping())
             file->ClerDiskFile_m();
     }
     const std::lock_guard lock(m_registryMutex);

@@ -108,7 +108,7 @@ private:
     void PostInfo(CRtMessageChain fileBody, CRtMessageChain blockBody);
     void EndWaiting();
     void PostInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody);
-    CRtMessageChain WithoutLostBytes(CRtMessageBlock& blockBody);
+    int RemoveLostBytes(CRtMessageChain& table);
     bool HasGapsSince(size_t gaps);
     bool IsLostSince(size_t gaps, const FMBlockEntry& entry);
     int LimitTable();

@@ -138,9 +138,10 @@ void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBo
         }
     }
     if (blockBody) {
-        const CRtMessageChain corrected = WithoutLostBytes(*blockBody);
-        const int ret =
-            WriteBody(*m_infoFile, &CInfoFile::WriteBlockInfo, corrected ? *corrected : *blockBody);
+        CRtMessageChain table = blockBody->DuplicateChained();
+        int ret = table ? RemoveLostBytes(table) : RT_ERROR_NULL_OBJECT;
+        if (RT_SUCCEEDED(ret))
+            ret = WriteBody(*m_infoFile, &CInfoFile::WriteBlockInfo, *table);
         if (RT_FAILED(ret))
             RT_LOG(RT_LOG_ERROR, "CFMFile::SaveFileInfo_m, WriteBlockInfo error, ret="
                                      << ret << " this=" << this);
@@ -150,29 +151,24 @@ void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBo
 }
 
 // The stores of the blocks that were pending when the table was encoded have run since: some have failed,
-// and some have left a gap where others' bytes were cut off. Null when nothing of that happened.
-CRtMessageChain CFMFile::WithoutLostBytes(CRtMessageBlock& blockBody) {
+// and some have left a gap where others' bytes were cut off. 0, or 10001 when there is no memory.
+int CFMFile::RemoveLostBytes(CRtMessageChain& table) {
     if (m_unsettled.empty() && !HasGapsSince(m_gapsWhenEncoded))
-        return nullptr; // closed after its stores have run, as most files are
+        return RT_OK; // closed after its stores have run, as most files are
     std::vector<FMBlockEntry> slots;
-    FMDecodeBlockBody(*blockBody.DuplicateChained(), slots);
+    FMDecodeBlockBody(*table, slots);
     std::map<uint32_t, CFMBlock*> unsettled;
     for (const auto& block : m_unsettled)
         unsettled[block->GetBlockID()] = block.Get();
-    bool changed = false;
     for (FMBlockEntry& entry : slots) {
         const auto it = unsettled.find(entry.blockID);
         const bool lost = it != unsettled.end() ? it->second->Describe().totalLen == 0
                                                 : IsLostSince(m_gapsWhenEncoded, entry);
-        if (entry.totalLen > 0 && lost)
+        if (lost)
             entry = {entry.blockID, 0, 0};
-        changed = changed || lost;
     }
-    CRtMessageChain corrected;
     uint32_t left = 0;
-    if (changed)
-        FMEncodeBlockBody(slots, corrected, left);
-    return corrected;
+    return FMEncodeBlockBody(slots, table, left);
 }
 
 bool CFMFile::HasGapsSince(size_t gaps) {
@@ -207,8 +203,8 @@ int CFMFile::LoadFileInfo() {
     char buffer[FM_INFO_FILE_BODY_MAX] = {};
     uint32_t length = sizeof(buffer);
     int ret = m_infoFile ? m_infoFile->ReaddFileInfo(buffer, &length) : RT_ERROR_NOT_READY;
-    m_isInfoWithheld = ret == RT_ERROR_IO && !m_infoFile->IsTooShort();
     if (RT_FAILED(ret)) {
+        m_isInfoWithheld = ret == RT_ERROR_IO && !m_infoFile->IsTooShort();
         RT_LOG(RT_LOG_ERROR,
                "CFMFile::LoadFileInfo, ReaddFileInfo error, ret=" << ret << " this=" << this);
         return 0;
@@ -221,6 +217,7 @@ int CFMFile::LoadFileInfo() {
     if (RT_SUCCEEDED(ret))
         ret = LimitTable();
     if (RT_FAILED(ret)) {
+        m_isInfoWithheld = ret == RT_ERROR_IO || ret == RT_ERROR_NULL_OBJECT;
         RT_LOG(RT_LOG_ERROR,
                "CFMFile::LoadFileInfo, Decode file info error, ret=" << ret << " this=" << this);
         return 0;
@@ -301,8 +298,10 @@ bool CFMFile::RestoreBlocks(const std::vector<FMBlockEntry>& slots) {
         }
         const CRtComAutoPtr<CFMBlock> block =
             CFileManager::Instance()->CreateBlock(this, slots[i].blockID);
-        if (!block)
+        if (!block) {
+            ReleaseBlocks(); // they and the file hold each other
             return false;
+        }
         m_blocks[slots[i].blockID - m_fileInfo.blockBeg] = block;
         RestorePlace(*block, slots[i], {at, shared[i], doubtful[i]}, dataLength);
     }
