@@ -45,3 +45,13 @@ function(filemanager_driver target)
         target_compile_options(${target} PRIVATE -O0)
     endif()
 endfunction()
+
+# filemanager_together(<target>)
+#
+# Headers that take most of the time are read once for all sources of a program, in the builds whose
+# compile commands nothing else looks at.
+function(filemanager_together target)
+    if(FILEMANAGER_SANITIZE)
+        set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 0)
+    endif()
+endfunction()

@@ -18,7 +18,7 @@ namespace {
 enum Status : int { STATUS_FAILED = 1, STATUS_USAGE = 2, STATUS_INTERRUPTED = 130 };
 
 // One line, whatever a file is called.
-int Report(std::string text, int status) {
+int Complain(std::string text, int status) {
     std::replace(text.begin(), text.end(), '\n', ' ');
     std::fprintf(stderr, "fmcache: %s\n", Printable(text).c_str());
     return status;
@@ -30,7 +30,7 @@ int ReportUsage(const CLI::ParseError& error) {
     if (text.size() > 1 && !std::isupper(static_cast<unsigned char>(text[1])))
         text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
     text += "; fmcache --help tells more";
-    return Report(text, STATUS_USAGE);
+    return Complain(text, STATUS_USAGE);
 }
 
 int Run(int argc, char** argv) {
@@ -64,12 +64,12 @@ int main(int argc, char** argv) {
     try {
         return Run(argc, argv);
     } catch (const Interrupted&) {
-        return Report("interrupted", STATUS_INTERRUPTED);
+        return Complain("interrupted", STATUS_INTERRUPTED);
     } catch (const Failure& failure) {
-        return Report(failure.what(), failure.Status());
+        return Complain(failure.what(), failure.Status());
     } catch (const std::bad_alloc&) {
-        return Report("not enough memory", STATUS_FAILED);
+        return Complain("not enough memory", STATUS_FAILED);
     } catch (const std::exception& error) {
-        return Report(error.what(), STATUS_FAILED);
+        return Complain(error.what(), STATUS_FAILED);
     }
 }

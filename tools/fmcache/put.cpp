@@ -88,9 +88,9 @@ private:
 
 // --- The transfer -------------------------------------------------------------------------------
 
-class Transfer {
+class Storing {
 public:
-    Transfer(Session& session, const PutPlan& plan, const StorePaths& paths, Source& source)
+    Storing(Session& session, const PutPlan& plan, const StorePaths& paths, Source& source)
         : m_session(session), m_plan(plan), m_paths(paths), m_source(source), m_file(session),
           m_progress("storing", plan.length), m_piece(plan.piece) {}
 
@@ -201,7 +201,7 @@ int Put(const PutOptions& options) {
     {
         Session session(options.dir);
         RequireWritable(StoreDir(options.dir));
-        Transfer(session, plan, entry.Paths(), source).Run();
+        Storing(session, plan, entry.Paths(), source).Run();
     }
     RequireStored(plan, entry.Paths());
     CheckStop();

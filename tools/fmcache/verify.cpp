@@ -17,7 +17,7 @@
 
 namespace {
 
-enum Status : int { STATUS_SOUND = 0, STATUS_FOUND = 1, STATUS_NOTHING_TO_VERIFY = 2 };
+enum Outcome : int { STATUS_SOUND = 0, STATUS_FOUND = 1, STATUS_NOTHING_TO_VERIFY = 2 };
 
 // A damaged table has as many faults as blocks; these are enough to see what it is about.
 constexpr size_t FINDINGS_SHOWN = 20;
