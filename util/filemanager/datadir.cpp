@@ -59,7 +59,8 @@ int CFileManager::CheckDataDir() {
     }
     auto use = std::make_unique<RtOs::DirectoryUse>(m_dataDir);
     const std::lock_guard lock(m_registryMutex);
-    m_dataDirUse.swap(use); // it may be another directory of the same name by now
+    if (use->IsHeld())          // else for want of descriptors, and the one that is held stays
+        m_dataDirUse.swap(use); // it may be another directory of the same name by now
     return 1;
 }
 

@@ -139,7 +139,7 @@ private:
     bool m_registered = false;
     bool m_closed = false;
     bool m_isInfoWithheld = false;      // the latest load failed for the disk, not for what it read
-    std::atomic<bool> m_retired{false}; // set on the caller thread, read on both
+    std::atomic<bool> m_retired{false}; // set and read on both threads
     std::atomic<bool> m_overPredecessor{false}; // older files of this identifier may lie on disk
     std::mutex m_transferMutex;
     std::mutex m_diskMutex;

@@ -69,8 +69,8 @@ public:
     /// before this returns, else later. The sink is not counted: it must live until it is called or
     /// cancelled. The same sink asking twice is called once. Does not count as an access that keeps the
     /// bytes from being released.
-    /// 0; 10008 `sink` null; 10015 the load could not be handed to the read/write thread (the sink will
-    /// not be called).
+    /// 0; 10008 `sink` null; 10007, 10015 the load could not be handed to the read/write thread, for want
+    /// of memory or because it has stopped (the sink will not be called).
     virtual int ReadData(IFMBlockSink* sink) = 0;
 
     /// Hands out the bytes from `readPos` up to `readPos` + `readLen` as a view of the block's memory: no
