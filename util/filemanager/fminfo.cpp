@@ -123,8 +123,8 @@ void CFMFile::PostInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody) 
 
 void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody) noexcept {
     if (!IsInfoWaiting())
-        return;                              // written or dropped before its turn came
-    const std::lock_guard lock(m_diskMutex); // a block that somebody holds may be read meanwhile
+        return;                         // written or dropped before its turn came
+    std::unique_lock lock(m_diskMutex); // a block that somebody holds may be read meanwhile
     if (fileBody) {
         int ret = PrepareSave();
         if (RT_SUCCEEDED(ret))
@@ -133,6 +133,7 @@ void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBo
             RT_LOG(RT_LOG_ERROR,
                    "CFMFile::SaveFileInfo_m, WriteFileInfo error, ret=" << ret << " this=" << this);
             NoteOwnChange();
+            lock.unlock();
             EndWaiting();
             return;
         }
@@ -147,6 +148,7 @@ void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBo
                                      << ret << " this=" << this);
     }
     NoteOwnChange();
+    lock.unlock(); // the last reference on a block runs code of the application's
     EndWaiting();
 }
 
