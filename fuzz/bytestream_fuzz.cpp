@@ -30,7 +30,7 @@ class Program {
 public:
     void Run(Input& input) {
         AddPart(input);
-        for (int step = 0; step < 200 && !input.IsOver(); ++step) {
+        for (int step = 0; step < 60 && !input.IsOver(); ++step) {
             Step(input);
             Check();
         }
@@ -47,6 +47,11 @@ private:
         (this->*steps[input.Below(std::size(steps))])(input);
     }
 
+    // What is large makes a program slow, and is seldom what matters.
+    static uint32_t SeldomLarge(Input& input, uint32_t usually, uint32_t limit) {
+        return input.Below(input.Below(16) == 0 ? limit : usually);
+    }
+
     void AddPart(Input& input) {
         const uint32_t kind = input.Below(4);
         if (m_parts.size() > 12)
@@ -54,7 +59,7 @@ private:
         Part& part = m_parts.emplace_back();
         CRtMessageChain block;
         if (kind < 2) {
-            part.space = kind == 0 ? input.Byte() : input.Below(40000);
+            part.space = kind == 0 ? input.Byte() : SeldomLarge(input, 300, 40000);
             block = CRtMessageBlock::Create(static_cast<uint32_t>(part.space));
         } else {
             part.readable = input.Take(input.Byte());
@@ -150,7 +155,7 @@ private:
     }
 
     void WriteText(Input& input) {
-        const std::string text = fuzz::Pattern(1, input.Below(input.Below(2) == 0 ? 100 : 33000));
+        const std::string text = fuzz::Pattern(1, SeldomLarge(input, 100, 33000));
         CRtByteStreamT stream(*m_chain);
         stream << CRtString(std::string_view(text));
         if (text.size() >= STRING_LEN_MAX)

@@ -71,6 +71,7 @@ using Stored = std::map<uint32_t, std::optional<std::string>>;
 struct File {
     FMFileInfo info;
     FileRef file;
+    bool isUsed = false;
     int attached = 0;
     bool changed = false;
     std::map<uint32_t, Held> table;
@@ -97,6 +98,7 @@ public:
         for (uint32_t i = 0; i < FILES; ++i) {
             m_files[i].info.fileID = {i + 1, 0xF022, 0, {}};
             m_files[i].info.blockBeg = FIRST_BLOCK;
+            m_files[i].info.num = 8; // more is made when more is asked for
         }
         for (auto& node : m_nodes)
             node = new Node;
@@ -106,10 +108,10 @@ public:
         while (!m_input.IsOver() && m_calls < MOST_CALLS)
             Call();
         m_calls = MOST_CALLS; // sinks that are called from here on call nothing
-        m_cache.Settle();
-        for (const Wait& wait : m_waits)
-            Require(wait.calls == (wait.cancelled ? 0 : 1));
+        m_cache.PumpUntil([this] { return std::ranges::all_of(m_waits, &Wait::IsOver); });
         for (File& file : m_files) {
+            if (!file.isUsed)
+                continue;
             for (const auto& [id, held] : file.table)
                 CheckWhole(held);
             while (file.file)
@@ -136,6 +138,7 @@ private:
             cancelled = calls == 0;
             Require(m_held.block->CancelReadData(this) == 0);
         }
+        bool IsOver() const { return cancelled || calls == 1; }
         int calls = 0;
         bool cancelled = false;
 
@@ -145,19 +148,26 @@ private:
         const uint32_t m_writes = m_held.model->writes; // when it was asked
     };
 
-    // Everything of this run goes; a displaced file goes when the manager stops, not earlier.
+    // Everything of this run goes; what a displaced file holds goes when the manager stops, not earlier.
     void End() {
+        for (const Wait& wait : m_waits)
+            Require(wait.calls == (wait.cancelled ? 0 : 1));
         m_waits.clear();
-        if (m_isServer || m_displaced)
+        if (m_isServer || (m_displaced && !AreNodesFree()))
             Restart(0);
-        m_cache.Settle();
-        for (const auto& node : m_nodes) {
-            node->AddReference();
-            Require(node->ReleaseReference() == 1); // nobody else holds one
+        m_cache.PumpUntil([this] { return AreNodesFree(); });
+        for (const File& file : m_files) {
+            if (file.isUsed)
+                fuzz::Cache::RemoveFiles(m_cache.Stem(file.info.fileID));
         }
-        for (const File& file : m_files)
-            fuzz::Cache::RemoveFiles(m_cache.Stem(file.info.fileID));
         m_cache.clock.ms = 1'000'000;
+    }
+
+    bool AreNodesFree() const {
+        return std::ranges::all_of(m_nodes, [](const CRtComAutoPtr<ISDUser>& node) {
+            node->AddReference();
+            return node->ReleaseReference() == 1;
+        });
     }
 
     void Call() {
@@ -171,7 +181,9 @@ private:
             &P::Release, &P::UseNodes,  &P::UseNodes,  &P::CancelNode};
         ++m_calls;
         const Step step = steps[m_input.Below(std::size(steps))];
-        (this->*step)(m_files[m_input.Below(FILES)]);
+        File& file = m_files[m_input.Below(FILES)];
+        file.isUsed = true;
+        (this->*step)(file);
     }
 
     void CallFromSink() {
@@ -186,7 +198,7 @@ private:
 
     // Seldom, for it takes as long as everything else.
     void Stop(File&) {
-        if (const uint32_t kind = m_input.Below(8); kind < 2)
+        if (const uint32_t kind = m_input.Below(16); kind < 2)
             Restart(static_cast<int>(kind));
     }
 

@@ -93,14 +93,28 @@ public:
     }
 
 private:
+    // Thousands of slots take the time of dozens of inputs, and are no different from hundreds.
+    void MakeTableSmall() {
+        constexpr size_t nameLength = FM_INFO_BODY_OFFSET + 4 + sizeof(FMFileID);
+        if (m_information.size() < nameLength + 2)
+            return;
+        const auto byte = [this](size_t at) { return static_cast<uint8_t>(m_information[at]); };
+        const size_t num =
+            nameLength + 2 + byte(nameLength) + size_t{256} * byte(nameLength + 1) + 8;
+        if (m_information.size() >= num + 4)
+            m_information.replace(num + 1, 3, 3, '\0');
+    }
+
     void WriteFiles() {
+        const uint32_t hole = m_tail.Byte();
+        if (hole % 32 != 31)
+            MakeTableSmall();
         for (const auto& [extension, bytes] :
              {std::pair(".sdi", &m_information), {".sdd", &m_data}}) {
             std::FILE* file = std::fopen((m_stem.string() + extension).c_str(), "wb");
             Require(file && std::fwrite(bytes->data(), 1, bytes->size(), file) == bytes->size());
             std::fclose(file);
         }
-        const uint32_t hole = m_tail.Byte();
         if (hole % 4 != 3)
             return;
         m_dataLength += uint64_t{1} << (hole / 4 % 35);
@@ -247,8 +261,8 @@ private:
 
     fuzz::Cache& m_cache = fuzz::Cache::Instance();
     const fs::path m_stem = m_cache.Stem(PATH_ID);
-    const std::string m_information;
-    const std::string m_data;
+    std::string m_information;
+    std::string m_data;
     uint64_t m_dataLength = m_data.size();
     Input m_tail;
     FileRef m_file;

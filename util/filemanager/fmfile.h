@@ -105,11 +105,12 @@ private:
     bool IsBlockidOK(uint32_t blockID) const;
 
     std::vector<FMBlockEntry> DescribeBlocks();
+    FMBlockEntry DescribeBlock(CFMBlock& block);
     void PostInfo(CRtMessageChain fileBody, CRtMessageChain blockBody);
     void EndWaiting();
     void PostInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody);
     int RemoveLostBytes(CRtMessageChain& table);
-    bool HasGapsSince(size_t gaps);
+    size_t GetGapsNow(); // takes the transfer mutex
     bool IsLostSince(size_t gaps, const FMBlockEntry& entry);
     int LimitTable();
     bool RestoreBlocks(const std::vector<FMBlockEntry>& slots);

@@ -74,24 +74,26 @@ int CFMFile::SaveFileInfo() {
 
 std::vector<FMBlockEntry> CFMFile::DescribeBlocks() {
     std::vector<FMBlockEntry> slots(m_blocks.size());
-    {
-        const std::lock_guard lock(m_transferMutex);
-        m_gapsWhenEncoded = m_gaps.size();
-    }
-    for (size_t i = 0; i < m_blocks.size(); ++i) {
-        if (!m_blocks[i])
-            continue;
-        CFMBlock& block = *m_blocks[i];
-        if (block.GetBlockID() == 0) {
-            RT_LOG(RT_LOG_WARNING, "CFMFile::SaveFileInfo, block 0 cannot be saved this=" << this);
-            continue;
+    do { // again when a gap was left meanwhile: which blocks were stored into it, and when, is not known
+        m_unsettled.clear();
+        m_gapsWhenEncoded = GetGapsNow();
+        for (size_t i = 0; i < m_blocks.size(); ++i) {
+            if (m_blocks[i])
+                slots[i] = DescribeBlock(*m_blocks[i]);
         }
-        // Asked first: what is over by now has shown its result to Describe.
-        if (block.IsStorePending())
-            m_unsettled.push_back(m_blocks[i]);
-        slots[i] = block.Describe();
-    }
+    } while (GetGapsNow() > m_gapsWhenEncoded);
     return slots;
+}
+
+FMBlockEntry CFMFile::DescribeBlock(CFMBlock& block) {
+    if (block.GetBlockID() == 0) {
+        RT_LOG(RT_LOG_WARNING, "CFMFile::SaveFileInfo, block 0 cannot be saved this=" << this);
+        return {};
+    }
+    // Asked first: what is over by now has shown its result to Describe.
+    if (block.IsStorePending())
+        m_unsettled.emplace_back(&block);
+    return block.Describe();
 }
 
 // The information is written on the caller thread, after the stores whose blocks it names: it goes by
@@ -155,7 +157,7 @@ void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBo
 // The stores of the blocks that were pending when the table was encoded have run since: some have failed,
 // and some have left a gap where others' bytes were cut off. 0, or 10001 when there is no memory.
 int CFMFile::RemoveLostBytes(CRtMessageChain& table) {
-    if (m_unsettled.empty() && !HasGapsSince(m_gapsWhenEncoded))
+    if (m_unsettled.empty() && GetGapsNow() == m_gapsWhenEncoded)
         return RT_OK; // closed after its stores have run, as most files are
     std::vector<FMBlockEntry> slots;
     FMDecodeBlockBody(*table, slots);
@@ -173,9 +175,9 @@ int CFMFile::RemoveLostBytes(CRtMessageChain& table) {
     return FMEncodeBlockBody(slots, table, left);
 }
 
-bool CFMFile::HasGapsSince(size_t gaps) {
+size_t CFMFile::GetGapsNow() {
     const std::lock_guard lock(m_transferMutex);
-    return m_gaps.size() > gaps;
+    return m_gaps.size();
 }
 
 bool CFMFile::IsLostSince(size_t gaps, const FMBlockEntry& entry) {
