@@ -155,7 +155,7 @@ private:
     }
 
     void WriteText(Input& input) {
-        const std::string text = fuzz::Pattern(1, SeldomLarge(input, 100, 33000));
+        const std::string text = Pattern(1, SeldomLarge(input, 100, 33000));
         CRtByteStreamT stream(*m_chain);
         stream << CRtString(std::string_view(text));
         if (text.size() >= STRING_LEN_MAX)

@@ -366,7 +366,7 @@ private:
         m_bytes += length + size;
         if (m_bytes > MOST_BYTES)
             return;
-        const std::string bytes = fuzz::Pattern(m_bytes, size);
+        const std::string bytes = Pattern(m_bytes, size);
         CRtMessageChain piece = CRtMessageBlock::Wrap(bytes.data(), size / 3);
         piece->Append(CRtMessageBlock::Wrap(bytes.data() + size / 3, size - size / 3));
         const int expected = model.Write(length, pos, bytes, file.changed);

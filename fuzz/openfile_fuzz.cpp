@@ -238,7 +238,7 @@ private:
         Require(block || id < m_file->GetFileInfo().blockBeg);
         if (!block)
             return;
-        const std::string bytes = fuzz::Pattern(++m_writes, length);
+        const std::string bytes = Pattern(++m_writes, length);
         const uint32_t first = length / 2;
         Require(WritePiece(*block, bytes, 0, std::max(first, 1u)) == 0);
         const bool complete = length == 1 || m_tail.Byte() % 8 != 7;

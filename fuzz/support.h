@@ -18,6 +18,7 @@
 
 #include "IFileManager.h"
 #include "RtRuntime.h"
+#include "pattern.h"
 
 namespace fs = std::filesystem;
 
@@ -66,17 +67,6 @@ public:
 private:
     std::string_view m_rest;
 };
-
-/// Bytes that tell where they belong.
-inline std::string Pattern(uint32_t seed, size_t length) {
-    std::string bytes(length, '\0');
-    uint32_t state = seed * 2654435761u + 1;
-    for (char& byte : bytes) {
-        state = state * 1664525u + 1013904223u;
-        byte = static_cast<char>(state >> 24);
-    }
-    return bytes;
-}
 
 /// The bytes of a whole block. False when it cannot be read.
 inline bool ReadWhole(IFMBlock& block, std::string& bytes) {

@@ -160,7 +160,7 @@ TEST(Fault, StopUnderStalledDisk) {
         ASSERT_NE(at, std::string::npos);
         EXPECT_LT(text.find(Workload::Name(A) + ".sdd", at), text.find('\n', at));
     };
-    EXPECT_EQ(trial.Do({.action = STALL, .kinds = WRITE, .stallMs = 2000}, stop), "done");
+    EXPECT_EQ(trial.Do({.action = STALL, .kinds = WRITE, .stallMs = 10'000}, stop), "done");
     EXPECT_EQ(Hits(), 1U);
     EXPECT_EQ(trial.Verify(), "done"); // with the block that was promised
 }

@@ -112,16 +112,6 @@ BlockRef Cache::Block(IFMFile& file, uint32_t id, int create) {
     return BlockRef::Adopt(block);
 }
 
-std::string Pattern(uint32_t seed, size_t length) {
-    std::string bytes(length, '\0');
-    uint32_t state = seed * 2654435761u + 1;
-    for (char& byte : bytes) {
-        state = state * 1664525u + 1013904223u;
-        byte = static_cast<char>(state >> 24);
-    }
-    return bytes;
-}
-
 int Write(IFMBlock& block, const std::string& bytes, uint32_t piece) {
     const auto length = static_cast<uint32_t>(bytes.size());
     for (uint32_t at = 0; at < length; at += piece) {

@@ -13,6 +13,7 @@
 
 #include "IFileManager.h"
 #include "RtRuntime.h"
+#include "pattern.h"
 
 namespace fs = std::filesystem;
 
@@ -95,7 +96,6 @@ public:
     const uint16_t clearDays;
 };
 
-std::string Pattern(uint32_t seed, size_t length);
 int Write(IFMBlock& block, const std::string& bytes, uint32_t piece = 1u << 20);
 // The bytes of the whole block, or "error <code>".
 std::string Read(IFMBlock& block);

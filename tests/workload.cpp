@@ -305,10 +305,8 @@ void Workload::FirstRun() {
     Close(C);
     Settle();
     Make(C, {4000, 900}); // over an older cached file
-    // Where every other slot is empty, old entries read from the wrong byte on would make sense: a
-    // length as an identifier, an offset as a length.
     Make(LARGE, {});
-    for (uint32_t id = 25; id < 40; id += 2)
+    for (uint32_t id = LARGE_FIRST; id <= LARGE_LAST; id += 2)
         Put(LARGE, id, id - 1);
     EndRun();
 }
@@ -357,7 +355,6 @@ void Workload::Run() {
     EndRun();
 }
 
-// The same in small, for what is asked for much more often.
 void Workload::RunShort() {
     Start();
     Make(KEPT, {1500}, FM_FILE_KEPT);
