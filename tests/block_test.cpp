@@ -3,7 +3,6 @@
 #include <sys/resource.h>
 
 #include <csignal>
-#include <random>
 #include <thread>
 
 #include "support.h"
@@ -83,34 +82,6 @@ TEST(Block, TakesItsPiecesInOrderAndNothingElse) {
     cache.Settle();
     EXPECT_EQ(log.Count("CDiskFile::WriteData, filename="), 1U);
     EXPECT_EQ(ReadFile(cache.Path(file->GetFileInfo().fileID, ".sdd")), bytes);
-}
-
-// Whatever the interleaving of stores and rewrites: same length in place, other length at the end, and
-// the bytes of the others as they were.
-TEST(Block, ARewriteNeverDisturbsAnotherBlock) {
-    LogCapture quiet(RT_LOG_SILENT);
-    Cache cache;
-    const FileRef file = cache.Create();
-    std::map<uint32_t, std::string> model;
-    std::mt19937 random(7);
-    for (int round = 0; round < 60; ++round) {
-        auto hold = std::make_unique<HoldReadwrThread>();
-        for (int i = 0; i < 40; ++i) {
-            const uint32_t id = 1 + static_cast<uint32_t>(random()) % 12;
-            const size_t length = random() % 3 == 0 ? 1 + random() % 900 : 600 + id;
-            if (random() % 8 == 0)
-                hold.reset();
-            model[id] = Pattern(static_cast<uint32_t>(random()), length);
-            ASSERT_EQ(Write(*Cache::Block(*file, id), model[id], 200), 0);
-        }
-    }
-    const FMFileID id = file->GetFileInfo().fileID;
-    cache.Stop();
-    cache.Start();
-    const FileRef again = cache.Open(id);
-    ASSERT_TRUE(again);
-    for (const auto& [block, bytes] : model)
-        EXPECT_TRUE(Read(*Cache::Block(*again, block, 0)) == bytes) << block;
 }
 
 TEST(Block, ARewriteGivesTheOldBytesBackAtOnceAndKeepsViewsOfThem) {
