@@ -93,16 +93,22 @@ public:
     }
 
 private:
-    // Thousands of slots take the time of dozens of inputs, and are no different from hundreds.
+    // Thousands of slots, or of entries that are not there, take the time of dozens of inputs, and are no
+    // different from hundreds.
     void MakeTableSmall() {
-        constexpr size_t nameLength = FM_INFO_BODY_OFFSET + 4 + sizeof(FMFileID);
-        if (m_information.size() < nameLength + 2)
+        const auto clear = [this](size_t at, size_t count) {
+            if (m_information.size() >= at + count)
+                m_information.replace(at, count, count, '\0');
+        };
+        constexpr size_t nameAt = FM_INFO_BODY_OFFSET + 4 + sizeof(FMFileID);
+        if (m_information.size() < nameAt + 2)
             return;
-        const auto byte = [this](size_t at) { return static_cast<uint8_t>(m_information[at]); };
-        const size_t num =
-            nameLength + 2 + byte(nameLength) + size_t{256} * byte(nameLength + 1) + 8;
-        if (m_information.size() >= num + 4)
-            m_information.replace(num + 1, 3, 3, '\0');
+        const auto word = [this](size_t at) { return Input(m_information, at).Word(); };
+        const size_t numAt = nameAt + 2 + word(nameAt) + 8;
+        clear(numAt + 1, 3);
+        const size_t countAt =
+            FM_INFO_BODY_OFFSET + word(FM_INFO_LENGTH_OFFSET) + FM_INFO_LENGTH_SIZE;
+        clear(countAt + 1, 1);
     }
 
     void WriteFiles() {

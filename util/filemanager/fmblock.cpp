@@ -8,6 +8,7 @@
 
 #include <algorithm>
 
+#include "RtLockSoon.h"
 #include "RtLog.h"
 #include "RtResult.h"
 #include "RtThreadManager.h"
@@ -25,7 +26,14 @@ constexpr int64_t ALIVE_MS = 8192;
 constexpr int64_t IDLE_MS = 240000;
 constexpr int64_t IDLE_MS_WHEN_FULL = 120000;
 
-using TransferLock = std::lock_guard<std::mutex>;
+// Held for as long as it takes to look at some numbers, or to change them.
+class TransferLock {
+public:
+    explicit TransferLock(std::mutex& mutex) : m_lock(RtLockSoon(mutex)) {}
+
+private:
+    const std::unique_lock<std::mutex> m_lock;
+};
 
 void CheckReadwrThread() {
     RT_CHECK(SOURCE,
@@ -135,10 +143,6 @@ int CFMBlock::WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* da
     CheckValid();
     if (const int result = CheckPiece(blockLen, dataPos, data); RT_FAILED(result))
         return result;
-    // The caller may hand in a chain of this very block, which a rewrite ends.
-    const CRtMessageChain pieces = data->DuplicateChained();
-    if (!pieces)
-        return RT_ERROR_NULL_OBJECT;
     const bool rewrite = dataPos != m_position;
     if (!rewrite && IsComplete())
         return RT_OK; // an empty piece at the end
@@ -147,24 +151,38 @@ int CFMBlock::WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* da
     if (m_file->IsClosed())
         return RT_ERROR_NOT_READY;
 
+    // The caller may hand in a chain of this very block, whose bytes a rewrite ends.
+    const CRtMessageChain kept = rewrite ? data->DuplicateChained() : nullptr;
+    if (rewrite && !kept)
+        return RT_ERROR_NULL_OBJECT;
     if (rewrite) // before the lock, as the line goes to the application
         RT_LOG(RT_LOG_WARNING, "CFMBlock::WriteData, rewrite data! m_position="
                                    << m_position << ",m_totalLen=" << m_totalLen << ",blockLen="
                                    << blockLen << ",dataPos=" << dataPos << " this=" << this);
+    if (const int result = BeginPiece(blockLen, rewrite); RT_FAILED(result))
+        return result;
+    uint32_t position = m_position;
+    const CRtMessageBlock* piece = kept ? kept.get() : data;
+    for (; piece; piece = piece->GetNext()) {
+        const uint32_t length = piece->GetTopLevelLength();
+        m_data->Write(piece->GetTopLevelReadPtr(), length);
+        position += length;
+    }
+    if (position == m_totalLen)
+        Complete();
+    else
+        m_position = position;
+    return RT_OK;
+}
+
+// Makes the buffer that the piece goes to, if there is none yet.
+int CFMBlock::BeginPiece(uint32_t blockLen, bool rewrite) {
+    if (!rewrite && m_data)
+        return RT_OK;
     const TransferLock lock(m_file->GetTransferMutex());
     if (rewrite)
         BeginRewrite(blockLen);
-    if (const int result = PrepareBuffer(blockLen); RT_FAILED(result))
-        return result;
-    for (CRtMessageBlock* piece = pieces.get(); piece; piece = piece->GetNext()) {
-        const uint32_t length = piece->GetTopLevelLength();
-        piece->Read(m_data->GetTopLevelWritePtr(), length);
-        m_data->AdvanceTopLevelWritePtr(length);
-        m_position += length;
-    }
-    if (IsComplete())
-        Complete();
-    return RT_OK;
+    return PrepareBuffer(blockLen);
 }
 
 // Nothing has been changed yet when a piece is refused.
@@ -214,10 +232,14 @@ int CFMBlock::PrepareBuffer(uint32_t blockLen) {
 }
 
 void CFMBlock::Complete() {
-    m_state = BLOCK_STATE_COMPLETE;
-    if (m_posInFile == 0) {
-        m_file->AllocPosition(m_posInFile, m_totalLen);
-        m_file->MarkInfoChanged();
+    {
+        const TransferLock lock(m_file->GetTransferMutex());
+        m_position = m_totalLen;
+        m_state = BLOCK_STATE_COMPLETE;
+        if (m_posInFile == 0) {
+            m_file->AllocPosition(m_posInFile, m_totalLen);
+            m_file->MarkInfoChanged();
+        }
     }
     PostStore();
 }
@@ -226,15 +248,23 @@ void CFMBlock::Complete() {
 
 void CFMBlock::PostStore() {
     CRtMessageChain bytes = m_data->DuplicateChained();
-    if (!bytes)
-        return EndStore(RT_ERROR_NULL_OBJECT);
-    m_storeFailed.store(false, std::memory_order_release);
-    m_storeBytes = bytes->GetTopLevelReadPtr();
-    m_storeEvent = new CFMRefFunctor1(this, &CFMBlock::WriteToFile, std::move(bytes));
-    m_file->StorePosted();
-    const int result = CFileManager::Instance()->PostToReadwrThread(m_storeEvent, 0);
+    int result = bytes ? RT_OK : RT_ERROR_NULL_OBJECT;
+    if (bytes) {
+        const char* const start = bytes->GetTopLevelReadPtr();
+        IRtEvent* const event = new CFMRefFunctor1(this, &CFMBlock::WriteToFile, std::move(bytes));
+        {
+            const TransferLock lock(m_file->GetTransferMutex());
+            m_storeFailed.store(false, std::memory_order_release);
+            m_storeBytes = start;
+            m_storeEvent = event;
+        }
+        m_file->StorePosted();
+        result = CFileManager::Instance()->PostToReadwrThread(event, 0);
+        if (RT_FAILED(result))
+            m_file->StoreEnded();
+    }
     if (RT_FAILED(result)) {
-        m_file->StoreEnded();
+        const TransferLock lock(m_file->GetTransferMutex());
         EndStore(result);
     }
 }
@@ -263,8 +293,11 @@ void CFMBlock::EndStore(int result) {
 }
 
 void CFMBlock::RetryStore() {
-    const TransferLock lock(m_file->GetTransferMutex());
-    const bool wanted = m_storeFailed || (!m_storeBytes && IsLost());
+    bool wanted = false;
+    {
+        const TransferLock lock(m_file->GetTransferMutex());
+        wanted = m_storeFailed || (!m_storeBytes && IsLost());
+    }
     if (wanted && m_data && IsComplete())
         PostStore();
 }

@@ -88,6 +88,7 @@ private:
     void FreeData();
     void SetData(CRtMessageBlock* aData);
     int CheckPiece(uint32_t blockLen, uint32_t dataPos, const CRtMessageBlock* data);
+    int BeginPiece(uint32_t blockLen, bool rewrite);
     void BeginRewrite(uint32_t blockLen);
     int PrepareBuffer(uint32_t blockLen);
     void Complete();
@@ -102,7 +103,8 @@ private:
     CRtComAutoPtr<CFMFile> m_file;
     const uint32_t m_blockID;
     uint32_t m_totalLen = 0; // under the transfer mutex
-    uint32_t m_position = 0; // under the transfer mutex
+    // Under the transfer mutex where it begins or ends: in between nobody else asks.
+    std::atomic<uint32_t> m_position{0};
     std::list<FMRetrieveItem> m_retrieves;
     CRtMessageChain m_data;
     uint64_t m_lastAccessTime;

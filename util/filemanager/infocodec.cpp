@@ -95,7 +95,7 @@ bool FMDecodeBlockBody(CRtMessageBlock& body, std::vector<FMBlockEntry>& slots) 
     CRtByteStreamT stream(body);
     uint16_t count = 0;
     stream >> count;
-    for (uint32_t i = 0; i < count && stream.IsGood(); ++i) {
+    for (uint32_t i = 0; i < count; ++i) {
         FMBlockEntry entry;
         stream >> entry.blockID;
         if (entry.blockID != 0)

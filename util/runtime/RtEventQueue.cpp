@@ -3,19 +3,44 @@
 #include <algorithm>
 #include <thread>
 
+#include "RtLockSoon.h"
 #include "RtResult.h"
 #include "RtTimeValue.h"
 #include "RtTimer.h"
+#include "os/RtOs.h"
 
 namespace {
 thread_local CRtEventQueue* t_current = nullptr;
 }
 
-// Lives on the stack of a sender that waits; guarded by the queue's lock.
+// Lives on the stack of a sender that waits. When the sender sleeps, it is told under the queue's lock;
+// while it only looks, the flag is the last that is touched of a ticket, which is gone a moment later.
 struct CRtSendTicket {
     std::condition_variable done;
-    bool finished = false;
+    std::atomic<bool> finished{false};
+    bool sleeps = false; // under the queue's lock
 };
+
+namespace {
+
+// Work often follows work, and to put a thread to sleep and wake it takes longer than most work does.
+template <class Condition>
+bool LookFor(Condition isThere) {
+    constexpr std::chrono::microseconds patience(50);
+    constexpr int looks = 100;
+    const auto end = std::chrono::steady_clock::now() + patience;
+    do {
+        for (int i = 0; i < looks; ++i) {
+            if (isThere())
+                return true;
+            RtOs::Pause();
+        }
+        std::this_thread::yield(); // where there is one processor, this is how the other gets on
+    } while (std::chrono::steady_clock::now() < end);
+    return isThere();
+}
+
+} // namespace
 
 IRtEvent::~IRtEvent() = default;
 void IRtEvent::OnDestorySelf() { delete this; }
@@ -62,13 +87,17 @@ int CRtEventQueue::SendEvent(IRtEvent* event) {
     const int result = Enqueue(event, &ticket);
     if (RT_FAILED(result))
         return result;
+    const auto isFinished = [&ticket] { return ticket.finished.load(std::memory_order_acquire); };
+    if (LookFor(isFinished))
+        return RT_OK;
     std::unique_lock lock(m_mutex);
-    ticket.done.wait(lock, [&ticket] { return ticket.finished; });
+    ticket.sleeps = true;
+    ticket.done.wait(lock, isFinished);
     return RT_OK;
 }
 
 int CRtEventQueue::Enqueue(IRtEvent* event, CRtSendTicket* ticket) {
-    std::unique_lock lock(m_mutex);
+    std::unique_lock lock = RtLockSoon(m_mutex);
     if (m_stopped) {
         lock.unlock();
         event->OnDestorySelf();
@@ -100,7 +129,7 @@ void CRtEventQueue::WakeOwner() {
 
 bool CRtEventQueue::WithdrawEvent(IRtEvent* event) {
     {
-        const std::lock_guard lock(m_mutex);
+        const std::unique_lock lock = RtLockSoon(m_mutex);
         if (event->m_pQueue != this)
             return false;
         Unlink(event);
@@ -120,7 +149,7 @@ bool CRtEventQueue::RunOne() {
     const std::lock_guard running(m_running);
     IRtEvent* event = nullptr;
     {
-        const std::lock_guard lock(m_mutex);
+        const std::unique_lock lock = RtLockSoon(m_mutex);
         event = m_pFirst;
         if (!event)
             return false;
@@ -129,12 +158,17 @@ bool CRtEventQueue::RunOne() {
     CRtSendTicket* ticket = event->m_pTicket;
     event->OnEventFire();
     event->OnDestorySelf();
-    if (ticket) {
-        const std::lock_guard lock(m_mutex); // the ticket is gone once its sender sees the flag
-        ticket->finished = true;
-        ticket->done.notify_one();
-    }
+    if (ticket)
+        Finish(*ticket);
     return true;
+}
+
+void CRtEventQueue::Finish(CRtSendTicket& ticket) {
+    const std::lock_guard lock(m_mutex);
+    const bool sleeps = ticket.sleeps;
+    ticket.finished.store(true, std::memory_order_release);
+    if (sleeps)
+        ticket.done.notify_one();
 }
 
 void CRtEventQueue::Run() {
@@ -144,18 +178,10 @@ void CRtEventQueue::Run() {
     } while (WaitForWork());
 }
 
-// Work often follows work: a short look around saves the poster a system call and this thread its sleep.
-void CRtEventQueue::LookForWork() const {
-    constexpr std::chrono::microseconds patience(30);
-    const auto end = std::chrono::steady_clock::now() + patience;
-    while (m_count.load(std::memory_order_relaxed) == 0 && std::chrono::steady_clock::now() < end)
-        std::this_thread::yield();
-}
-
 // Answers whether the loop goes on.
 bool CRtEventQueue::WaitForWork() {
     constexpr int64_t longest = 3'600'000; // a wait that cannot overflow; the loop comes back
-    LookForWork();
+    LookFor([this] { return m_count.load(std::memory_order_relaxed) > 0; });
     std::unique_lock lock(m_mutex);
     for (;;) {
         if (m_quit) {

@@ -56,7 +56,7 @@ private:
     bool RunOne();
     size_t FireDueTimers();
     bool FireOneTimer(uint64_t now);
-    void LookForWork() const;
+    void Finish(struct CRtSendTicket& ticket);
     bool WaitForWork();
 
     std::mutex m_mutex; // guards everything below but m_running

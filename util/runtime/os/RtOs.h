@@ -22,6 +22,12 @@ uint32_t GetProcessId();
 bool IsProcessAlive(int64_t processId);
 /// Never 0, unique among the running threads of the process.
 uint32_t GetThreadId();
+/// Tells the processor that this thread only looks whether another one is done.
+inline void Pause() {
+#if defined(__i386__) || defined(__x86_64__)
+    __builtin_ia32_pause();
+#endif
+}
 /// 16 bytes of a fresh unique identifier, laid out as the platform's GUID structure; never all zero.
 void CreateGuid(uint8_t (&bytes)[16]);
 
