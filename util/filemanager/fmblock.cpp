@@ -8,7 +8,6 @@
 
 #include <algorithm>
 
-#include "RtLockSoon.h"
 #include "RtLog.h"
 #include "RtResult.h"
 #include "RtThreadManager.h"
@@ -17,6 +16,7 @@
 #include "filemanager.h"
 #include "fmfile.h"
 #include "fmfunctor.h"
+#include "os/RtLockSoon.h"
 #include "streamkeeper.h"
 
 namespace {

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <thread>
 
-#include "RtLockSoon.h"
 #include "RtResult.h"
 #include "RtTimeValue.h"
 #include "RtTimer.h"
+#include "os/RtLockSoon.h"
 #include "os/RtOs.h"
 
 namespace {

@@ -3,7 +3,7 @@
 
 #include <mutex>
 
-#include "os/RtOs.h"
+#include "RtOs.h"
 
 /// Takes a lock that the other thread gives back within a moment: looks again before it lets this thread
 /// be put to sleep, which takes both threads a hundred times as long.
