@@ -57,11 +57,17 @@ int CFileManager::CheckDataDir() {
         CreateDir(m_dataDir);
         RtOs::SetHidden(m_rootDir);
     }
+    UseDataDir();
+    return 1;
+}
+
+// Also by every tick: somebody who cleared may have had the directory alone, or have removed it, and
+// another may have been made under its name.
+void CFileManager::UseDataDir() {
     auto use = std::make_unique<RtOs::DirectoryUse>(m_dataDir);
     const std::lock_guard lock(m_registryMutex);
-    if (use->IsHeld())          // else for want of descriptors, and the one that is held stays
-        m_dataDirUse.swap(use); // it may be another directory of the same name by now
-    return 1;
+    if (use->IsHeld()) // else the one that is held stays
+        m_dataDirUse.swap(use);
 }
 
 void CFileManager::EndDirectoryUse() {

@@ -41,7 +41,7 @@ int CDiskFile::Open(const CRtString& strFileName, int bCreate) {
     FILE* stream = RtOs::OpenStream(strFileName, flags, error, created);
     while (!stream && RtOs::IsOutOfStreams(error) && keeper.GiveBack())
         stream = RtOs::OpenStream(strFileName, flags, error, created);
-    m_isInUse = !stream && RtOs::IsInUse(error);
+    m_isInUse = !stream && (RtOs::IsInUse(error) || RtOs::IsOutOfStreams(error));
     if (!stream) {
         RT_LOG(RT_LOG_ERROR, "CDiskFile::Open. fopen Failed. error="
                                  << error << " Filename=" << strFileName << " this=" << this);
@@ -58,9 +58,8 @@ int CDiskFile::NoteOpening(bool created) {
         Close();
         return RT_ERROR_IO;
     }
-    m_opening = {m_opening.count + 1, created, stamp.length > m_reach};
+    m_opening = {m_opening.count + 1, created, !(stamp == m_left)};
     m_knownLength = stamp.length;
-    m_reach = std::max(m_reach, stamp.length);
     m_lookedAt = GetTickCountEx();
     return RT_OK;
 }
@@ -93,10 +92,16 @@ bool CDiskFile::TakeExisting() {
 
 int CDiskFile::Close() {
     const CStreamKeeper::CUse use(*this);
-    if (m_pFile)
-        std::fclose(m_pFile); // every write was flushed: nothing is left that could fail
-    m_pFile = nullptr;
+    CloseStream();
     return RT_OK;
+}
+
+void CDiskFile::CloseStream() {
+    if (!m_pFile)
+        return;
+    RtOs::GetStamp(m_pFile, m_left);
+    std::fclose(m_pFile); // every write was flushed: nothing is left that could fail
+    m_pFile = nullptr;
 }
 
 int CDiskFile::IsOpen() {
@@ -127,7 +132,6 @@ int CDiskFile::WriteData(const void* lpBuffer, uint64_t dwOffset, uint32_t dwLen
         RT_LOG(RT_LOG_ERROR, "CDiskFile::WriteData. Can't Open File. this=" << this);
         return RT_ERROR_IO;
     }
-    m_reach = std::max(m_reach, dwOffset + dwLength); // also of a write that stops half way
     const RtOs::Transfer result = RtOs::WriteAt(m_pFile, dwOffset, lpBuffer, dwLength);
     if (result != RtOs::Transfer::Done)
         return Fail(result, {"CDiskFile::WriteData. ", "fwrite", " filename="}, dwLength, dwOffset);
@@ -199,7 +203,6 @@ int CDiskFile::RemoveMee() {
                                  << result << " Filename=" << m_strFileName << " this=" << this);
         return RT_ERROR_IO;
     }
-    m_reach = 0;
     return RT_OK;
 }
 

@@ -61,13 +61,14 @@ private:
     int Fail(RtOs::Transfer result, const FailureTexts& texts, uint32_t dwLength,
              uint64_t dwOffset);
     int NoteOpening(bool created);
+    void CloseStream();
     bool IsStreamTrue();
 
     CRtString m_strFileName;
     const uint32_t m_flags;
     FILE* m_pFile = nullptr;    // changed by another thread only while the stream is not in use
     uint64_t m_knownLength = 0; // the file had this many bytes, since the stream was opened
-    uint64_t m_reach = 0;       // no byte was seen or written beyond this
+    RtOs::FileStamp m_left;     // the file, when the stream was closed
     uint64_t m_lookedAt = 0;    // tick count of the last look at what the path names
     bool m_isInUse = false;     // by another process, at the latest try to open it
     bool m_isTooShort = false;  // for the latest read

@@ -103,6 +103,7 @@ void CFileManager::UnInitialize() noexcept {
     m_timer.Cancel();
     WaitForDisk();
     CloseAllFiles();
+    WaitForDisk(); // for what was tried once more
     StopReadwrThread();
     WriteWaitingInfo();
     m_pCallerTd = nullptr;
@@ -258,10 +259,12 @@ CFMFile* CFileManager::LoadFile(const CRtString& stem) {
     const CRtString infoPath = m_dataDir + stem + ".sdi";
     const bool infoExisted = FileExists(infoPath);
     FileRef file(new (std::nothrow) CFMFile(stem));
-    if (file && !file->TakeDiskFile())
+    if (file && !file->TakeDiskFile()) {
         RT_LOG(RT_LOG_WARNING,
                "CFileManager::LoadFile, another process has the file, fileID=" << stem);
-    else if (file && file->LoadFileInfo() && file->LoadBlokInfo()) {
+        return nullptr;
+    }
+    if (file && file->LoadFileInfo() && file->LoadBlokInfo()) {
         RegisterFile(file, file->GetFileInfo().fileID);
         return file.Get(); // the registry's reference keeps it
     }
@@ -276,8 +279,11 @@ CFMFile* CFileManager::LoadFile(const CRtString& stem) {
 // that was just closed is found as it was left, and nothing of it runs beside the new object.
 void CFileManager::SettlePredecessors(const FMFileID& pathID) {
     const std::vector<FileRef> predecessors = GetLiveFiles(&pathID);
-    if (predecessors.empty())
-        return;
+    {
+        const std::lock_guard lock(m_registryMutex);
+        if (!m_liveFiles.contains(pathID)) // one without a reference is being destroyed over there
+            return;
+    }
     if (m_pReadwrTd)
         PostToReadwrThread(new CFMFunctorBase, 1);
     for (const FileRef& file : predecessors) {

@@ -134,6 +134,7 @@ private:
     static CRtString GetDefaultDir();
     void ClearDiskCache();
     void ClearStore();
+    void UseDataDir();
     void EndDirectoryUse();
     int RemoveDeadDirectories(bool filesToo);
     bool RemoveIfDead(RtOs::DirectoryWalk& root, const CRtString& name, bool mayRemove);

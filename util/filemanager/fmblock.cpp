@@ -238,6 +238,7 @@ void CFMBlock::Complete() {
         m_state = BLOCK_STATE_COMPLETE;
         if (m_posInFile == 0) {
             m_file->AllocPosition(m_posInFile, m_totalLen);
+            m_origin = {}; // what an entry names stays as it is
             m_file->MarkInfoChanged();
         }
     }
@@ -331,7 +332,7 @@ int CFMBlock::WriteToFile(CRtMessageBlock* aData) {
         const uint32_t length = aData->GetTopLevelLength();
         const std::lock_guard diskLock(m_file->GetDiskMutex());
         const CStreamKeeper::CUse use(*disk); // one stream for all steps
-        result = m_file->PrepareStore(pos, entryAt);
+        result = m_file->PrepareStore(pos, length, entryAt);
         if (RT_SUCCEEDED(result))
             result = disk->WriteData(bytes, static_cast<uint64_t>(pos), length, 1);
         if (RT_FAILED(result))

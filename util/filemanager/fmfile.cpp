@@ -54,14 +54,15 @@ void CFMFile::MakeDiskFiles(const CRtString& stem) {
 
 CFMFile::~CFMFile() {
     ++g_counters.filesDestroyed;
-    CFileManager* manager = CFileManager::IfAlive();
-    if (m_registered && manager)
-        manager->ForgetFile(this);
     RT_LOG(RT_LOG_TRACE, "CFMFile::~CFMFile, fileID=" << FMFileIDToString(m_fileInfo.fileID)
                                                       << ", fileFlag=" << m_fileFlag.load()
                                                       << " this=" << this);
     m_infoFile.Reset();
     m_diskFile.Reset();
+    // Last: who finds the path free of live files may open it.
+    CFileManager* manager = CFileManager::IfAlive();
+    if (m_registered && manager)
+        manager->ForgetFile(this);
 }
 
 int CFMFile::GetBlock(IFMBlock*& block, uint32_t blockID, int create) noexcept {
@@ -229,8 +230,13 @@ int CFMFile::PrepareLoad() { return m_diskFile->IsOpen() ? CheckOpening() : RT_E
 
 int CFMFile::PrepareSave() {
     const int result = DiscardPredecessor();
-    if (RT_FAILED(result) || !m_diskFile)
-        return result;
+    return RT_SUCCEEDED(result) ? HoldDiskFile() : result;
+}
+
+// 0; 10006, 10015 when another process has the file, or had it.
+int CFMFile::HoldDiskFile() {
+    if (!m_diskFile)
+        return RT_OK;
     return m_diskFile->TakeExisting() ? CheckOpening() : RT_ERROR_IO;
 }
 
@@ -263,16 +269,18 @@ bool CFMFile::IsTakenByOthers(const RtOs::FileStamp& info) const {
     return (opening.stranger && m_openings > 0) || (m_isInfoStampTrue && !(info == m_infoStamp));
 }
 
-int CFMFile::PrepareStore(int64_t pos, uint32_t entryAt) {
+int CFMFile::PrepareStore(int64_t pos, uint32_t length, uint32_t entryAt) {
     int result = DiscardPredecessor();
     if (RT_SUCCEEDED(result))
         result = PrepareLoad();
-    if (RT_SUCCEEDED(result) && !m_diskFile->Reaches(static_cast<uint64_t>(pos))) {
-        uint64_t length = 0;
-        result = m_diskFile->GetLength(length);
-        if (RT_SUCCEEDED(result) && static_cast<int64_t>(length) < pos)
-            result = NoteGap(static_cast<int64_t>(length), pos);
+    if (RT_SUCCEEDED(result)) { // what is known of the length may be a second old
+        uint64_t fileLength = 0;
+        result = m_diskFile->GetLength(fileLength);
+        if (RT_SUCCEEDED(result) && static_cast<int64_t>(fileLength) < pos)
+            result = NoteGap(static_cast<int64_t>(fileLength), pos);
     }
+    if (RT_SUCCEEDED(result) && pos + length > m_unbackedFrom)
+        result = InvalidateTable();
     if (RT_SUCCEEDED(result) && entryAt != 0)
         result = Revoke(entryAt);
     return result;
@@ -282,14 +290,22 @@ int CFMFile::PrepareStore(int64_t pos, uint32_t entryAt) {
 // run or, by way of the table that is on disk, in a later one.
 int CFMFile::NoteGap(int64_t begin, int64_t end) {
     if (begin < m_tableEnd) {
-        if (const int result = m_infoFile->Invalidate(); RT_FAILED(result))
+        if (const int result = InvalidateTable(); RT_FAILED(result))
             return result;
-        NoteOwnChange();
-        m_tableEnd = 0;
     }
     const std::lock_guard lock(m_transferMutex);
     m_gaps.push_back({begin, end});
     MarkStoreFailed(); // blocks that are still in memory are stored again
+    return RT_OK;
+}
+
+int CFMFile::InvalidateTable() {
+    const int result = m_infoFile->Invalidate();
+    NoteOwnChange(); // also of a write that stops half way
+    if (RT_FAILED(result))
+        return result;
+    m_tableEnd = 0;
+    m_unbackedFrom = INT64_MAX;
     return RT_OK;
 }
 
@@ -334,6 +350,8 @@ void CFMFile::ClerDiskFile_m() {
     if (m_retired.load(std::memory_order_acquire))
         return; // the files on that path are another object's now
     const std::lock_guard lock(m_diskMutex);
+    if (RT_FAILED(HoldDiskFile()))
+        return; // another process has them
     if (m_infoFile)
         m_infoFile->RemoveMee();
     if (m_diskFile)

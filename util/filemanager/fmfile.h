@@ -81,7 +81,7 @@ public:
     /// `entryAt`: the entry that names the place, or 0. Under the disk mutex.
     /// 0, 10006, 10015 when the file is another's now.
     int PrepareLoad();
-    int PrepareStore(int64_t pos, uint32_t entryAt);
+    int PrepareStore(int64_t pos, uint32_t length, uint32_t entryAt);
     /// How often a store has left a gap behind it, and whether the range [pos, end) lies in one that came
     /// since then: its bytes were cut off the data file before. Under the transfer mutex.
     size_t GetGapCount() const { return m_gaps.size(); }
@@ -120,9 +120,11 @@ private:
                       int64_t dataLength);
     void LogEntry(const char* what, const FMBlockEntry& entry);
     int NoteGap(int64_t begin, int64_t end);
+    int InvalidateTable();
     int Revoke(uint32_t entryAt);
     void NoteOwnChange();
     int PrepareSave();
+    int HoldDiskFile();
     int CheckOpening();
     bool IsTakenByOthers(const RtOs::FileStamp& info) const;
 
@@ -152,6 +154,8 @@ private:
     bool m_isInfoStampTrue = true;
     RtOs::FileStamp m_infoStamp; // of the information file, as this object left it
     int64_t m_tableEnd = 0;      // the furthest end that the information file names
+    // Where it names bytes that are not there, and that new blocks may come to lie on.
+    int64_t m_unbackedFrom = INT64_MAX;
     struct Gap {
         int64_t begin;
         int64_t end;

@@ -128,13 +128,15 @@ void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBo
         return;                         // written or dropped before its turn came
     std::unique_lock lock(m_diskMutex); // a block that somebody holds may be read meanwhile
     if (fileBody) {
-        int ret = PrepareSave();
+        int ret = m_retired.load() ? RT_ERROR_NOT_READY : PrepareSave();
+        const bool isMine = RT_SUCCEEDED(ret);
         if (RT_SUCCEEDED(ret))
             ret = WriteBody(*m_infoFile, &CInfoFile::WriteFileInfo, *fileBody);
         if (RT_FAILED(ret)) {
             RT_LOG(RT_LOG_ERROR,
                    "CFMFile::SaveFileInfo_m, WriteFileInfo error, ret=" << ret << " this=" << this);
-            NoteOwnChange();
+            if (isMine)
+                NoteOwnChange();
             lock.unlock();
             EndWaiting();
             return;
@@ -298,6 +300,8 @@ bool CFMFile::RestoreBlocks(const std::vector<FMBlockEntry>& slots) {
             continue;
         if (!IsBlockidOK(slots[i].blockID)) {
             LogEntry("block outside the table", slots[i]);
+            if (FMIsEntryPossible(slots[i]) && EndOf(slots[i]) <= cmax_filea_data_len)
+                m_position = std::max(m_position, EndOf(slots[i])); // the table may grow to it
             continue;
         }
         const CRtComAutoPtr<CFMBlock> block =
@@ -326,9 +330,10 @@ void CFMFile::RestorePlace(CFMBlock& block, const FMBlockEntry& entry, CFMBlock:
         LogEntry("block beyond the data file", entry);
     // Where no cached file ends nothing was cut off. New blocks do not go there, and what comes to lie
     // there one day is not this block's.
-    if (isMissing && end > cmax_filea_data_len)
+    if (isMissing && end > cmax_filea_data_len) {
         origin.isDoubtful = true;
-    else if (entry.totalLen > 0)
+        m_unbackedFrom = std::min(m_unbackedFrom, entry.posInFile);
+    } else if (entry.totalLen > 0)
         m_position = std::max(m_position, end);
     block.Restore(entry, origin);
 }

@@ -71,8 +71,7 @@ bool CStreamKeeper::CloseOldest() {
     if (!file)
         return false;
     Unlink(*file);
-    std::fclose(file->m_pFile);
-    file->m_pFile = nullptr;
+    file->CloseStream();
     return true;
 }
 

@@ -19,6 +19,7 @@ void CFileManager::OnTimer(CRtTimerWrapper* timer) noexcept {
         m_statCountdown = TICKS_BETWEEN_STATISTICS;
     }
     --m_statCountdown;
+    UseDataDir();
     RetryFailedStores();
     MemoyCollect();
     if (m_isServer)

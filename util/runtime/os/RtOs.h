@@ -96,7 +96,8 @@ class DirectoryUse {
 public:
     explicit DirectoryUse(const CRtString& path);
     ~DirectoryUse();
-    /// False when the directory could not be opened, or the system has no such thing.
+    /// False when the directory could not be opened, another process has it alone, or the system has no
+    /// such thing.
     bool IsHeld() const { return m_handle >= 0; }
     DirectoryUse(const DirectoryUse&) = delete;
     DirectoryUse& operator=(const DirectoryUse&) = delete;

@@ -177,7 +177,10 @@ bool DirectoryWalk::TakeAlone() { return LockFile(m_state->Handle(), LOCK_EX); }
 
 DirectoryUse::DirectoryUse(const CRtString& path)
     : m_handle(::open(NativeWithoutTail(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-    LockFile(m_handle, LOCK_SH); // somebody who has it alone is about to remove it
+    if (LockFile(m_handle, LOCK_SH))
+        return;
+    ::close(m_handle); // somebody has it alone, and is about to remove what is in it
+    m_handle = -1;
 }
 
 DirectoryUse::~DirectoryUse() {
