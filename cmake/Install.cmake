@@ -7,8 +7,10 @@ install(TARGETS filemanager
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
 # Flat, because callers write #include <IFileManager.h>. The headers below
-# util/runtime/os/ are not in the list: they are private to the runtime layer.
+# util/runtime/os/ are private to the runtime layer, but for one type.
 install(FILES ${exported_headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/filemanager)
+install(FILES ${PROJECT_SOURCE_DIR}/util/runtime/os/RtGuid.h
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/filemanager/os)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/filemanager)
 

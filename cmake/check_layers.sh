@@ -32,6 +32,7 @@ resolve() {
 
 layer() {
     case $1 in
+        util/runtime/os/RtGuid.h) echo runtime ;; # a type that callers see
         util/runtime/os/*) echo os ;;
         util/runtime/*) echo runtime ;;
         util/h/*) echo shared ;;

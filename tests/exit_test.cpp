@@ -1,7 +1,6 @@
 // Stores that are queued when the manager stops and the process ends, in every arrangement of thread 3;
 // starting again and again in one process.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <thread>
@@ -11,6 +10,13 @@
 namespace {
 
 constexpr uint32_t BLOCKS = 1000;
+constexpr char SHARED_DIR[] = "FILEMANAGER_TEST_DIR";
+
+// The child of a death test may run its test from the beginning: it works in its parent's directory.
+struct SharedDir {
+    SharedDir() { SetVariable(SHARED_DIR, dir.path.string()); }
+    const TempDir dir = std::getenv(SHARED_DIR) ? TempDir(std::getenv(SHARED_DIR)) : TempDir();
+};
 
 std::string Content(uint32_t id) { return Pattern(id, 3000 + id); }
 
@@ -54,7 +60,8 @@ void ExpectAllThere(const TempDir& dir) {
 } // namespace
 
 TEST(Exit, FromMainWithAnOwnThreadThree) {
-    const TempDir dir;
+    const SharedDir shared;
+    const TempDir& dir = shared.dir;
     EXPECT_EXIT(
         {
             {
@@ -68,7 +75,8 @@ TEST(Exit, FromMainWithAnOwnThreadThree) {
 }
 
 TEST(Exit, ThroughExitOnAnOwnThreadThreeThatIsNeverGivenBack) {
-    const TempDir dir;
+    const SharedDir shared;
+    const TempDir& dir = shared.dir;
     EXPECT_EXIT(
         {
             CRtCallerThread three;
@@ -85,7 +93,8 @@ TEST(Exit, ThroughExitOnAnOwnThreadThreeThatIsNeverGivenBack) {
 }
 
 TEST(Exit, ThroughExitFromMainWhileTheRuntimeRunsThreadThree) {
-    const TempDir dir;
+    const SharedDir shared;
+    const TempDir& dir = shared.dir;
     EXPECT_EXIT(
         {
             RtRunOnCallerThread([&] { FillAndUnInitialize(dir, true); }, false);
@@ -96,7 +105,8 @@ TEST(Exit, ThroughExitFromMainWhileTheRuntimeRunsThreadThree) {
 }
 
 TEST(Exit, ThroughExitOnTheRuntimesThreadThree) {
-    const TempDir dir;
+    const SharedDir shared;
+    const TempDir& dir = shared.dir;
     EXPECT_EXIT(
         {
             RtRunOnCallerThread(
@@ -105,7 +115,7 @@ TEST(Exit, ThroughExitOnTheRuntimesThreadThree) {
                     std::exit(0);
                 },
                 true);
-            pause();
+            std::this_thread::sleep_for(std::chrono::hours(1));
         },
         testing::ExitedWithCode(0), "");
     ExpectAllThere(dir);
@@ -113,7 +123,8 @@ TEST(Exit, ThroughExitOnTheRuntimesThreadThree) {
 
 // Closed information still waits in thread 3's queue when the process ends without UnInitialize.
 TEST(Exit, WithoutUnInitializeWhatWasClosedIsWritten) {
-    const TempDir dir;
+    const SharedDir shared;
+    const TempDir& dir = shared.dir;
     EXPECT_EXIT(
         {
             const CRtCallerThread three; // never given back
@@ -126,7 +137,8 @@ TEST(Exit, WithoutUnInitializeWhatWasClosedIsWritten) {
 
 // A sink that asks again while the process ends: the read/write thread is gone by then.
 TEST(Exit, WithASinkThatAsksAgain) {
-    const TempDir dir;
+    const SharedDir shared;
+    const TempDir& dir = shared.dir;
     EXPECT_EXIT(
         {
             // Lives until the end, which is after the program's own static objects.
@@ -146,9 +158,6 @@ TEST(Exit, WithASinkThatAsksAgain) {
 }
 
 TEST(Again, TenRunsInOneProcessLeaveNothingBehind) {
-    const auto entries = [](const char* path) {
-        return std::distance(fs::directory_iterator(path), fs::directory_iterator());
-    };
     LogCapture log;
     size_t threads = 0;
     size_t descriptors = 0;
@@ -175,8 +184,8 @@ TEST(Again, TenRunsInOneProcessLeaveNothingBehind) {
             while (cache.thread.RunDue() > 0) {
             }
             EXPECT_EQ(sink.results.size(), 1U);
-            const auto nowThreads = static_cast<size_t>(entries("/proc/self/task"));
-            const auto nowDescriptors = static_cast<size_t>(entries("/proc/self/fd"));
+            const auto nowThreads = CountThreads();
+            const auto nowDescriptors = CountHandles();
             EXPECT_TRUE(run == 0 || (threads == nowThreads && descriptors == nowDescriptors));
             threads = nowThreads;
             descriptors = nowDescriptors;

@@ -1,7 +1,5 @@
 // Files, the registry of open files, disk files and the data directory.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include "support.h"
 #include "util/filemanager/filemanager.h"
@@ -147,63 +145,10 @@ TEST(DiskFile, MakesReadsExtendsAndRemoves) {
     EXPECT_EQ(nameless->RemoveMee(), 0);
 }
 
-TEST(DataDir, ComesBackWhenItIsRemovedWhileTheSystemRuns) {
-    LogCapture log;
-    Cache cache(0);
-    const FileRef file = cache.Create();
-    const FMFileID id = file->GetFileInfo().fileID;
-    Write(*Cache::Block(*file, 1), "first");
-    cache.Settle();
-    const fs::path dataDir = cache.Path(id, "").parent_path();
-    EXPECT_EQ(fs::status(dataDir).permissions(), fs::perms(0700));
-    EXPECT_EQ(dataDir.filename(), std::to_string(getpid()));
-    fs::remove_all(dataDir.parent_path());
-    const FileRef other = cache.Create();
-    Write(*Cache::Block(*other, 1), "second");
-    cache.Settle();
-    EXPECT_EQ(ReadFile(cache.Path(other->GetFileInfo().fileID, ".sdd")), "second");
-    EXPECT_EQ(log.Count("CFileManager::CreateDir. mkdir:"), 4U);
-    EXPECT_EQ(log.Count("CFileManager::SetDataDir, data dir=" + cache.dir.path.string() +
-                        "\\confcache\\" + std::to_string(getpid()) + "\\"),
-              1U);
-}
-
-TEST(DataDir, IsMadeWithItsParentsWhateverTheSeparators) {
-    const TempDir dir;
-    LogCapture log;
-    const std::string base = dir.path.string();
-    EXPECT_EQ(CFileManager::CreateDir(CRtString(base + "\\a/b//\\c\\")), 0);
-    EXPECT_TRUE(fs::is_directory(dir.path / "a" / "b" / "c"));
-    EXPECT_EQ(log.Count("CFileManager::CreateDir. mkdir:"), 3U);
-    EXPECT_EQ(CFileManager::DirExists(CRtString(base + "\\a\\b\\")), 1);
-    WriteFile(dir.path / "file", "");
-    EXPECT_EQ(CFileManager::DirExists(CRtString(base + "\\file")), 0);
-    EXPECT_EQ(CFileManager::FileExists(CRtString(base + "\\file")), 1);
-    EXPECT_EQ(CFileManager::FileExists(CRtString(base + "\\a")), 1);
-    EXPECT_EQ(CFileManager::CreateDir(CRtString(base + "\\file\\below")), 0);
-    EXPECT_EQ(log.Count("CFileManager::CreateDir. mkdir Error. Dir: "), 2U);
-    CFileManager::RemoveDir(CRtString(base + "\\a\\"));
-    EXPECT_FALSE(fs::exists(dir.path / "a"));
-}
-
-TEST(DataDir, OfBlanksOnlyIsTheUsersOwn) {
-    const TempDir home;
-    setenv("XDG_CACHE_HOME", home.path.c_str(), 1);
-    LogCapture log;
-    const CRtCallerThread three;
-    IFileManager::Instance()->Initialize("   ", 7, 1);
-    EXPECT_TRUE(fs::is_directory(home.path / "sdstore"));
-    EXPECT_EQ(log.Count("CFileManager::GetMaxDrive, GetLogicalDriveStrings len fail"), 1U);
-    IFileManager::Instance()->UnInitialize();
-}
-
 // More open files than the process may have streams, and the rest of the process takes nearly all.
 TEST(Streams, RunOutForNobody) {
     LogCapture log(RT_LOG_WARNING);
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = 64;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    ASSERT_TRUE(LimitStreams(64));
     TestClock clock;
     Cache cache(0);
     std::vector<FileRef> files;
@@ -232,7 +177,7 @@ TEST(Streams, RunOutForNobody) {
     cache.Stop();
     cache.Start();
     std::vector<FILE*> taken;
-    while (FILE* stream = std::fopen("/dev/null", "rb"))
+    while (FILE* stream = std::fopen(NULL_DEVICE, "rb"))
         taken.push_back(stream);
     for (int i = 0; i < 6; ++i) {
         std::fclose(taken.back());

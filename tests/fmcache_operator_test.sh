@@ -40,6 +40,10 @@ head -c 20000 /dev/urandom >odd # five blocks
 sound=$(put s) old=$(put o) grace=$(put g) kept=$(put k) temporary=$(put t)
 age "$old" 9; age "$grace" 8; age "$kept" 99; poke "$kept" $FLAG '\x04'; poke "$temporary" $FLAG '\x01'
 strange=$(put $'a\e[31m\xffb\n"\xe2\x80\xae')
+if [ -n "${FILEMANAGER_EMULATED:-}" ]; then # what passes an emulator's command line is text
+    rm "cache/sdstore/$strange".* && strange=$(put 'abcdefghijklm')
+    poke "$strange" 30 'a\x1b[31m\xffb\x0a"\xe2\x80\xae'
+fi
 
 # --- a sound store
 run 0 verify --dir cache && says '^6 files verified, 6 sound, 0 damaged$'
@@ -62,7 +66,7 @@ run 0 ls --dir cache --sort age && [ "$(sed -n 2p stdout | cut -c1-38)" = "$kept
 wide=$("$fmcache" put --dir cache odd --name w --block 4)
 run 0 show --dir cache "$wide" && says '^ +1  #{74}$' && says 'a cell is 6 blocks'
 [ "$(wc -L <stdout)" -le 80 ] || fail "wider than 80 columns"
-if script -qec true /dev/null >/dev/null 2>&1; then
+if [ -z "${FILEMANAGER_EMULATED:-}" ] && script -qec true /dev/null >/dev/null 2>&1; then
     on_terminal() { script -qec "$fmcache show --dir cache $sound" /dev/null </dev/null; }
     # Not in a pipe: a grep that has found it stops reading, which kills the writer.
     NO_COLOR='' on_terminal >stdout
@@ -110,7 +114,7 @@ cp -a cache copy && cp "$fmcache" tool && chmod -R a+rX-w copy && chmod a+rx . t
 as=()
 [ "$(id -u)" -ne 0 ] || as=(setpriv --reuid=65534 --regid=65534 --clear-groups)
 look() { LD_LIBRARY_PATH=$build "${as[@]}" "$work/tool" "$@" 2>&1 || [ $? -eq 1 ]; }
-if look --help >/dev/null 2>&1; then
+if [ -z "${FILEMANAGER_EMULATED:-}" ] && look --help >/dev/null 2>&1; then
     run 0 ls --dir cache && look ls --dir copy | cmp - stdout || fail "ls of the copy"
     run 1 verify --dir cache && look verify --store copy/sdstore | cmp - stdout || fail "verify of the copy"
     run 0 show --dir cache "$sound" && look show --dir copy "$sound" | cmp - stdout || fail "show of the copy"
@@ -142,7 +146,7 @@ for verb in ls clear; do fails 1 'there is no cache' $verb --dir none; done
 for verb in show rm; do fails 1 'there is no cache' $verb --dir none "$sound"; done
 fails 1 'there is no cache' housekeep --dir none --days 1
 fails 2 'there is no cache' verify --dir none
-fails 1 "--store 'copy/confcache/4711' looks at a client" ls --dir copy
+fails 1 "--store 'copy.confcache.4711' looks at a client" ls --dir copy
 fails 2 'there is no file' verify --store copy/confcache/4711 00000000-0000-4000-8000-000000000001
 for verb in ls show; do fails 2 'fmcache --help' $verb; done
 fails 2 'fmcache --help' ls --dir cache --store copy

@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr int ROUNDS = 100'000;
+const int ROUNDS = 100'000 / static_cast<int>(SLOWNESS);
 constexpr uint32_t BLOCKS = 6;
 constexpr size_t FILES = 3;
 constexpr size_t SINKS = 24;

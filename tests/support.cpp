@@ -1,20 +1,25 @@
 #include "support.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <thread>
+
+#include "util/runtime/os/RtOs.h"
 
 namespace {
 
 fs::path MakeTempDir() {
-    std::string name = (fs::temp_directory_path() / "filemanager-test-XXXXXX").string();
-    if (!mkdtemp(name.data()))
-        throw std::runtime_error("no temporary directory");
-    return name;
+    std::random_device random;
+    for (;;) {
+        const fs::path path =
+            fs::temp_directory_path() / ("filemanager-test-" + std::to_string(random()));
+        if (fs::create_directory(path))
+            return path;
+    }
 }
 
 } // namespace
@@ -79,8 +84,8 @@ void Cache::Settle() {
 }
 
 fs::path Cache::Path(const FMFileID& id, const char* extension) const {
-    const fs::path base =
-        isServer ? dir.path / "sdstore" : dir.path / "confcache" / std::to_string(getpid());
+    const fs::path base = isServer ? dir.path / "sdstore"
+                                   : dir.path / "confcache" / std::to_string(RtOs::GetProcessId());
     return base / (std::string(FMFileIDToString(id).c_str()) + extension);
 }
 

@@ -102,3 +102,34 @@ std::string Read(IFMBlock& block);
 std::string ReadFile(const fs::path& path);
 void WriteFile(const fs::path& path, const std::string& bytes);
 FMFileInfo Description(uint32_t blockBeg = 1, uint32_t flag = 0);
+
+// --- What differs between systems: support_posix.cpp, support_windows.cpp ------------------------
+
+// Runs, and does nothing, until the end of the scope.
+class IdleProcess {
+public:
+    IdleProcess();
+    ~IdleProcess() { End(); }
+    IdleProcess(const IdleProcess&) = delete;
+    IdleProcess& operator=(const IdleProcess&) = delete;
+    void End();
+    uint32_t Id() const { return m_id; }
+
+private:
+    uint32_t m_id = 0; // 0 when it has ended
+    void* m_handle = nullptr;
+};
+
+// How many times longer than elsewhere calls of the system take: what a test repeats it repeats less often.
+extern const uint32_t SLOWNESS;
+extern const char NULL_DEVICE[];
+void SetVariable(const char* name, const std::string& value);
+size_t CountThreads();
+size_t CountHandles();
+// What the program has from its heap.
+size_t CountHeapBytes();
+// Of this process, from now on. False when the system has no such limit.
+bool LimitStreams(uint32_t count);
+bool LimitFileSize(uint64_t bytes);
+// Whether it is a junction, and not a link of the system below an emulator. Windows only.
+bool MakeDirectoryLink(const fs::path& target, const fs::path& link);

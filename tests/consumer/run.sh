@@ -3,13 +3,14 @@
 # through the CMake package, through pkg-config, and header by header.
 set -euo pipefail
 
-if [ $# -ne 6 ]; then
-    echo "usage: $0 BUILD_DIR CONSUMER_DIR CMAKE GENERATOR COMPILER CONFIG" >&2
+if [ $# -ne 6 ] && [ $# -ne 8 ]; then
+    echo "usage: $0 BUILD_DIR CONSUMER_DIR CMAKE GENERATOR COMPILER CONFIG [TOOLCHAIN EMULATOR]" >&2
     exit 2
 fi
-build=$1 consumer=$2 cmake=$3 generator=$4 compiler=$5 config=$6
+build=$1 consumer=$2 cmake=$3 generator=$4 compiler=$5 config=$6 toolchain=${7:-} emulator=${8:-}
 
-work=$(mktemp -d)
+# An emulator has no drive for what lies elsewhere.
+if [ -n "$emulator" ]; then work=$(mktemp -d "$build/consumer.XXXXXX"); else work=$(mktemp -d); fi
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
 
@@ -21,18 +22,32 @@ cp "$consumer/CMakeLists.txt" "$consumer/consumer.cpp" "$work/consumer/"
 
 echo "== through find_package"
 "$cmake" -S "$work/consumer" -B "$work/build" -G "$generator" -DCMAKE_PREFIX_PATH="$prefix" \
-    -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_BUILD_TYPE=Release >"$work/configure.log"
+    -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_BUILD_TYPE=Release \
+    ${toolchain:+-DCMAKE_TOOLCHAIN_FILE="$toolchain"} >"$work/configure.log"
 "$cmake" --build "$work/build"
-"$work/build/consumer"
+if [ -n "$emulator" ]; then # the library is beside the program there
+    mv "$work/build/consumer.exe" "$prefix/bin"
+    "$emulator" "$prefix/bin/consumer.exe"
+else
+    "$work/build/consumer"
+fi
 
 echo "== through pkg-config"
 pc=$(find "$prefix" -name filemanager.pc)
 export PKG_CONFIG_PATH=${pc%/*}
 read -r -a flags <<<"$(pkg-config --cflags filemanager)"
 read -r -a libs <<<"$(pkg-config --libs filemanager)"
+if [ -n "$emulator" ]; then # all but this library goes into the program there
+    libs=(-static -Wl,-Bdynamic "${libs[@]}" -Wl,-Bstatic)
+fi
 "$compiler" -std=c++20 "${flags[@]}" "$work/consumer/consumer.cpp" "${libs[@]}" -o "$work/plain"
-libdir=$(pkg-config --variable=libdir filemanager)
-LD_LIBRARY_PATH=$libdir "$work/plain"
+if [ -n "$emulator" ]; then
+    mv "$work/plain.exe" "$prefix/bin"
+    "$emulator" "$prefix/bin/plain.exe"
+else
+    libdir=$(pkg-config --variable=libdir filemanager)
+    LD_LIBRARY_PATH=$libdir "$work/plain"
+fi
 
 echo "== every installed header alone"
 includedir=$(pkg-config --variable=includedir filemanager)
@@ -46,4 +61,8 @@ done
 echo "$found headers"
 
 echo "== the installed tool starts without help from the environment"
-env -u LD_LIBRARY_PATH "$prefix/bin/fmcache" --help >/dev/null
+if [ -n "$emulator" ]; then
+    "$emulator" "$prefix/bin/fmcache.exe" --help >/dev/null
+else
+    env -u LD_LIBRARY_PATH "$prefix/bin/fmcache" --help >/dev/null
+fi

@@ -39,7 +39,8 @@ int Run(int argc, char** argv) {
     bool verbose = false;
     app.add_flag("--verbose", verbose, "show the library's log lines");
     app.require_subcommand(1);
-    app.fallthrough(); // --verbose may follow the verb
+    app.fallthrough();                      // --verbose may follow the verb
+    app.allow_windows_style_options(false); // what begins with a slash is a path on every system
     AddPut(app, chosen);
     AddGet(app, chosen);
     AddLs(app, chosen);
@@ -61,6 +62,7 @@ int Run(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
+    PrepareStreams();
     try {
         return Run(argc, argv);
     } catch (const Interrupted&) {

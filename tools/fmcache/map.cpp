@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr uint64_t ROWS_MAX = 12;
+constexpr size_t ROWS_MAX = 12;
 constexpr size_t CELLS_MIN = 8; // however narrow the terminal is
 
 enum Kind : uint8_t { MISSING, SOME, THERE, FAULTY };
@@ -30,7 +30,7 @@ Kind KindOf(SlotState state) {
 
 // By the place in the table and not in the information file: what the library will see.
 std::vector<Kind> KindsBySlot(const InfoFile& file, const Check& check) {
-    std::vector<Kind> kinds(check.slots, MISSING);
+    std::vector<Kind> kinds(static_cast<size_t>(check.slots), MISSING); // see FM_TABLE_SLOTS_MAX
     for (size_t i = 0; i < check.states.size(); ++i) {
         const SlotState state = check.states[i];
         if (state != SlotState::Empty && state != SlotState::Outside &&

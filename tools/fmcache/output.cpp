@@ -52,7 +52,7 @@ void Output::OpenTemporary() {
     errno = EEXIST;
     for (int attempt = 0; !m_stream && errno == EEXIST && attempt < 100; ++attempt) {
         m_temporary = m_target.parent_path() / (".fmcache-" + std::to_string(source()) + ".part");
-        m_stream = std::fopen(m_temporary.string().c_str(), "wbx");
+        m_stream = OpenNew(m_temporary);
     }
     if (m_stream)
         return;

@@ -31,6 +31,10 @@ bool CanWriteInto(const std::filesystem::path& dir) {
 
 bool CanWrite(const std::filesystem::path& file) { return ::access(file.c_str(), W_OK) == 0; }
 
+std::FILE* OpenNew(const std::filesystem::path& file) { return std::fopen(file.c_str(), "wbx"); }
+
+void PrepareStreams() {} // as they are here anyway
+
 void CatchSignals() {
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
         struct sigaction action {};

@@ -10,6 +10,8 @@
 void CFileManager::ClearDiskCache() {
     RT_LOG(RT_LOG_TRACE, "CFileManager::ClearDiskCache, data dir=" << m_rootDir);
     EndDirectoryUse();
+    for (const FileRef& file : GetLiveFiles(nullptr)) // closed ones may still be held, or be queued
+        file->CloseStreams();                         // some systems remove no open file
     // A server's root is whatever directory it was given, and may hold anything beside the store.
     if (!m_rootIsOurs)
         return ClearStore();

@@ -13,11 +13,14 @@ constexpr uint32_t SLOTS_WITHOUT_PROOF = 8192;
 constexpr uint32_t FILE_BODY_FIXED_SIZE = 38;
 
 CRtByteStreamT& operator<<(CRtByteStreamT& stream, const FMFileID& id) {
-    return (stream << id.Data1 << id.Data2 << id.Data3).Write(id.Data4, sizeof(id.Data4));
+    return (stream << uint32_t{id.Data1} << id.Data2 << id.Data3).Write(id.Data4, sizeof(id.Data4));
 }
 
 CRtByteStreamT& operator>>(CRtByteStreamT& stream, FMFileID& id) {
-    return (stream >> id.Data1 >> id.Data2 >> id.Data3).Read(id.Data4, sizeof(id.Data4));
+    uint32_t first = 0; // some platforms' GUID has another type of the same width
+    stream >> first >> id.Data2 >> id.Data3;
+    id.Data1 = first;
+    return stream.Read(id.Data4, sizeof(id.Data4));
 }
 
 } // namespace

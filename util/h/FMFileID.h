@@ -3,19 +3,15 @@
 #pragma once
 
 #include <cstdint>
-#include <cstring>
 
 #include "RtExport.h"
 #include "RtString.h"
+#include "os/RtGuid.h"
 
-/// Laid out as the platform's GUID structure: the first three fields are numbers in host order, Data4
-/// stands in printed order.
-struct FMFileID {
-    uint32_t Data1;
-    uint16_t Data2;
-    uint16_t Data3;
-    uint8_t Data4[8];
-};
+/// Another name for the platform's GUID structure, where it has one: the first three fields, Data1 to
+/// Data3, are numbers in host order, the 8 bytes of Data4 stand in printed order. Two are equal when
+/// their bytes are.
+using FMFileID = RtGuid;
 static_assert(sizeof(FMFileID) == 16);
 
 /// Names no file. Every operation that takes an identifier refuses it.
@@ -36,7 +32,3 @@ RT_EXPORT void FMFileIDFromString(const CRtString& text, FMFileID& id);
 
 /// The order of the fields as unsigned numbers, which is also the byte order of the texts.
 RT_EXPORT bool operator<(const FMFileID& a, const FMFileID& b);
-
-inline bool operator==(const FMFileID& a, const FMFileID& b) {
-    return std::memcmp(&a, &b, sizeof(FMFileID)) == 0;
-}

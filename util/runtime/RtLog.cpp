@@ -12,26 +12,28 @@ namespace {
 
 void WriteToStandardError(void*, int, const char* text) { std::fprintf(stderr, "%s\n", text); }
 
-// Never destroyed: lines are written until the very end of the process.
-struct SinkSlot {
+} // namespace
+
+struct CRtLogSlot {
+    // Never destroyed: lines are written until the very end of the process.
+    static CRtLogSlot& Instance() {
+        static CRtLogSlot* slot = new CRtLogSlot;
+        return *slot;
+    }
+    void Set(RtLogSink newSink, void* newContext, int maxLevel) {
+        const std::lock_guard lock(mutex);
+        sink = newSink ? newSink : WriteToStandardError;
+        context = newContext;
+        CRtLog::s_maxLevel.store(maxLevel, std::memory_order_relaxed);
+    }
+
     std::recursive_mutex mutex; // recursive: a sink may call code that logs
     RtLogSink sink = WriteToStandardError;
     void* context = nullptr;
 };
 
-SinkSlot& Slot() {
-    static SinkSlot* slot = new SinkSlot;
-    return *slot;
-}
-
-} // namespace
-
 void RtSetLogSink(RtLogSink sink, void* context, int maxLevel) {
-    SinkSlot& slot = Slot();
-    const std::lock_guard lock(slot.mutex);
-    slot.sink = sink ? sink : WriteToStandardError;
-    slot.context = context;
-    CRtLog::s_maxLevel.store(maxLevel, std::memory_order_relaxed);
+    CRtLogSlot::Instance().Set(sink, context, maxLevel);
 }
 
 CRtLog* CRtLog::Instance() {
@@ -42,7 +44,7 @@ CRtLog* CRtLog::Instance() {
 void CRtLog::TraceString(int level, int, const char* text) {
     if (!IsEnabled(level))
         return;
-    SinkSlot& slot = Slot();
+    CRtLogSlot& slot = CRtLogSlot::Instance();
     const std::lock_guard lock(slot.mutex);
     if (IsEnabled(level)) // the listener may have changed while this thread waited
         slot.sink(slot.context, level, text);

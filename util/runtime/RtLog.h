@@ -63,7 +63,7 @@ public:
     static void AssertFailed(const char* source, int line, const char* expression);
 
 private:
-    friend void RtSetLogSink(RtLogSink sink, void* context, int maxLevel);
+    friend struct CRtLogSlot; // where the listener is kept
     CRtLog() = default;
 
     static std::atomic<int> s_maxLevel;

@@ -1,4 +1,6 @@
 // The Windows side of the seam. Paths go to the system as they are: both separators are its own.
+#include "RtOs.h" // before the system's macros, some of which have the same names
+
 #include <direct.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -9,14 +11,62 @@
 #include <sys/stat.h>
 #include <windows.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstring>
-
-#include "RtOs.h"
+#include <utility>
 
 namespace {
 
+// The attribute of a search is as wide as the system's, and a junction is a directory that is a link.
 bool IsLink(DWORD attributes) { return (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0; }
-bool IsDirectory(DWORD attributes) { return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0; }
+bool IsDirectory(DWORD attributes) { return (attributes & _A_SUBDIR) != 0; }
+bool IsRealDirectory(DWORD attributes) { return IsDirectory(attributes) && !IsLink(attributes); }
+
+bool IsDots(const char* name) {
+    return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
+}
+
+// A separator at the end would show what a link leads to. That of a drive's root stays.
+CRtString WithoutTail(CRtString path) {
+    while (path.size() > 1 && path.back() == '\\' && path[path.size() - 2] != ':')
+        path.resize(path.size() - 1);
+    return path;
+}
+
+uint64_t Wide(DWORD high, DWORD low) { return uint64_t{high} << 32 | low; }
+
+bool IsMissing(DWORD error) {
+    return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ||
+           error == ERROR_INVALID_NAME || error == ERROR_BAD_NETPATH || error == ERROR_NOT_READY;
+}
+
+// An open file or directory, closed at the end. Arguments are those of CreateFileA.
+class Handle {
+public:
+    Handle(const CRtString& path, DWORD access, DWORD sharing, DWORD flags = 0) {
+        Open(path, access, sharing, flags);
+    }
+    ~Handle() { Close(); }
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
+
+    void Open(const CRtString& path, DWORD access, DWORD sharing, DWORD flags) {
+        flags |= FILE_FLAG_BACKUP_SEMANTICS; // directories too
+        m_handle =
+            ::CreateFileA(path.c_str(), access, sharing, nullptr, OPEN_EXISTING, flags, nullptr);
+    }
+    void Close() {
+        if (IsOpen())
+            ::CloseHandle(Release());
+    }
+    HANDLE Release() { return std::exchange(m_handle, INVALID_HANDLE_VALUE); }
+    bool IsOpen() const { return m_handle != INVALID_HANDLE_VALUE; }
+    HANDLE Get() const { return m_handle; }
+
+private:
+    HANDLE m_handle = INVALID_HANDLE_VALUE;
+};
 
 } // namespace
 
@@ -27,10 +77,12 @@ uint32_t GetProcessId() { return ::GetCurrentProcessId(); }
 bool IsProcessAlive(int64_t processId) {
     if (processId <= 0 || processId > int64_t{UINT32_MAX})
         return false;
+    // One that cannot be opened counts as ended; DirectoryUse protects what it works in all the same.
     const HANDLE process =
         ::OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, static_cast<DWORD>(processId));
     if (!process)
-        return ::GetLastError() == ERROR_ACCESS_DENIED;
+        return false;
+    // One that has ended can be opened as long as somebody else has it open.
     DWORD exitCode = 0;
     const bool ended = ::GetExitCodeProcess(process, &exitCode) && exitCode != STILL_ACTIVE;
     ::CloseHandle(process);
@@ -70,14 +122,17 @@ bool GetUserDataDir(CRtString& directory) {
 }
 
 EntryKind GetEntryKind(const CRtString& path) {
-    const DWORD attributes = ::GetFileAttributesA(path.c_str());
-    if (attributes == INVALID_FILE_ATTRIBUTES) {
-        const DWORD error = ::GetLastError();
-        const bool missing = error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ||
-                             error == ERROR_INVALID_NAME || error == ERROR_BAD_NETPATH ||
-                             error == ERROR_NOT_READY;
-        return missing ? EntryKind::Missing : EntryKind::File;
+    __finddata64_t entry{};
+    DWORD attributes = 0;
+    if (const intptr_t search = ::_findfirst64(path.c_str(), &entry); search != -1) {
+        ::_findclose(search);
+        attributes = entry.attrib;
+    } else {
+        // A root is no entry of any directory, so that no search finds it.
+        attributes = ::GetFileAttributesA(path.c_str());
     }
+    if (attributes == INVALID_FILE_ATTRIBUTES)
+        return IsMissing(::GetLastError()) ? EntryKind::Missing : EntryKind::File;
     return IsDirectory(attributes) ? EntryKind::Directory : EntryKind::File;
 }
 
@@ -86,7 +141,7 @@ bool GetFileLength(const CRtString& path, uint64_t& length) {
     if (!::GetFileAttributesExA(path.c_str(), GetFileExInfoStandard, &data) ||
         IsDirectory(data.dwFileAttributes))
         return false;
-    length = uint64_t{data.nFileSizeHigh} << 32 | data.nFileSizeLow;
+    length = Wide(data.nFileSizeHigh, data.nFileSizeLow);
     return true;
 }
 
@@ -99,37 +154,41 @@ size_t FindLastSeparator(const CRtString& path) { return path.view().find_last_o
 int RemoveFile(const CRtString& path) { return ::_unlink(path.c_str()); }
 
 // Of a junction or a link to a directory this removes the link itself.
-int RemoveEmptyDirectory(const CRtString& path) { return ::_rmdir(path.c_str()); }
+int RemoveEmptyDirectory(const CRtString& path) { return ::_rmdir(WithoutTail(path).c_str()); }
 
+// The directory is held open, so that it can neither be renamed nor removed, nor another take its place,
+// while the walk names its entries by their paths.
 struct DirectoryWalk::State {
-    explicit State(CRtString path, bool followLast) {
-        // A separator at the end would show what a link leads to.
-        while (path.size() > 3 && path.back() == '\\')
-            path.resize(path.size() - 1);
-        base = path + (path.empty() || path.back() != '\\' ? "\\" : "");
+    State(const CRtString& directory, bool followLast)
+        : path(WithoutTail(directory)), base(path + (path.view().ends_with('\\') ? "" : "\\")),
+          hold(path, FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE,
+               followLast ? 0 : FILE_FLAG_OPEN_REPARSE_POINT) {
+        // By the path, which leads to nothing else from now on.
         const DWORD attributes = ::GetFileAttributesA(path.c_str());
-        if (attributes == INVALID_FILE_ATTRIBUTES || !IsDirectory(attributes))
-            return;
-        if (IsLink(attributes) && !followLast)
-            return;
-        search = ::FindFirstFileA((base + "*.*").c_str(), &entry);
+        isOpen = hold.IsOpen() && attributes != INVALID_FILE_ATTRIBUTES &&
+                 (followLast ? IsDirectory(attributes) : IsRealDirectory(attributes));
     }
     ~State() {
-        if (IsOpen())
-            ::FindClose(search);
+        if (search != -1)
+            ::_findclose(search);
     }
     State(const State&) = delete;
     State& operator=(const State&) = delete;
 
-    bool IsOpen() const { return search != INVALID_HANDLE_VALUE; }
-    bool IsDots() const {
-        return std::strcmp(entry.cFileName, ".") == 0 || std::strcmp(entry.cFileName, "..") == 0;
+    const CRtString path;
+    const CRtString base;
+    Handle hold;
+    __finddata64_t entry{};
+    // Begun by the first step: a search may keep the directory from being removed.
+    bool Step() {
+        if (search != -1)
+            return ::_findnext64(search, &entry) == 0;
+        search = ::_findfirst64((base + "*.*").c_str(), &entry);
+        return search != -1;
     }
 
-    CRtString base;
-    WIN32_FIND_DATAA entry{};
-    HANDLE search = INVALID_HANDLE_VALUE;
-    bool fresh = true; // `entry` has not been handed out
+    bool isOpen = false;
+    intptr_t search = -1;
 };
 
 DirectoryWalk::DirectoryWalk(const CRtString& path, bool followLast)
@@ -140,22 +199,34 @@ DirectoryWalk::DirectoryWalk(const DirectoryWalk& parent, const CRtString& name)
 
 DirectoryWalk::~DirectoryWalk() = default;
 
-bool DirectoryWalk::IsOpen() const { return m_state->IsOpen(); }
+bool DirectoryWalk::IsOpen() const { return m_state->isOpen; }
 
-bool DirectoryWalk::TakeAlone() { return true; }
-DirectoryUse::DirectoryUse(const CRtString&) : m_handle(-1) {}
-DirectoryUse::~DirectoryUse() = default;
+// Held so that nobody can have it open for making entries in it, as DirectoryUse has, and that it can be
+// removed: it is gone when this object is.
+bool DirectoryWalk::TakeAlone() {
+    m_state->hold.Close();
+    m_state->hold.Open(m_state->path, FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_DELETE,
+                       FILE_FLAG_OPEN_REPARSE_POINT);
+    return m_state->hold.IsOpen() || ::GetLastError() != ERROR_SHARING_VIOLATION;
+}
+
+// As long as it is held, nobody can remove or rename the directory.
+DirectoryUse::DirectoryUse(const CRtString& path)
+    : m_handle(static_cast<int>(reinterpret_cast<intptr_t>( // no handle needs more than 32 bits
+          Handle(WithoutTail(path), FILE_ADD_FILE, FILE_SHARE_READ | FILE_SHARE_WRITE)
+              .Release()))) {}
+
+DirectoryUse::~DirectoryUse() {
+    if (IsHeld())
+        ::CloseHandle(reinterpret_cast<HANDLE>(intptr_t{m_handle}));
+}
 
 bool DirectoryWalk::Next(CRtString& name, bool& isDirectory) {
-    while (m_state->IsOpen()) {
-        if (!m_state->fresh && !::FindNextFileA(m_state->search, &m_state->entry))
-            return false;
-        m_state->fresh = false;
-        if (m_state->IsDots())
+    while (IsOpen() && m_state->Step()) {
+        if (IsDots(m_state->entry.name))
             continue;
-        name = m_state->entry.cFileName;
-        const DWORD attributes = m_state->entry.dwFileAttributes;
-        isDirectory = IsDirectory(attributes) && !IsLink(attributes);
+        name = m_state->entry.name;
+        isDirectory = IsRealDirectory(m_state->entry.attrib);
         return true;
     }
     return false;
@@ -170,23 +241,39 @@ bool DirectoryWalk::RemoveSubdirectory(const CRtString& name) {
     return ::_rmdir((m_state->base + name).c_str()) == 0;
 }
 
-FILE* OpenStream(const CRtString& path, uint32_t flags, int& error, bool& created) {
-    constexpr int mode = _O_RDWR | _O_BINARY | _O_NOINHERIT;
-    // Whoever else wants to write is refused with EACCES.
+namespace {
+
+// A number of our own for what the runtime library reports as a want of permission.
+constexpr int IN_USE = EBUSY;
+
+int OpenFile(const CRtString& path, int mode, uint32_t flags, int& file) {
+    // Whoever else wants to write is refused.
     const int sharing = (flags & OPEN_ALONE) ? _SH_DENYWR : _SH_DENYNO;
+    const int error = ::_sopen_s(&file, path.c_str(), mode | _O_RDWR | _O_BINARY | _O_NOINHERIT,
+                                 sharing, _S_IREAD | _S_IWRITE);
+    return error == EACCES && ::GetLastError() == ERROR_SHARING_VIOLATION ? IN_USE : error;
+}
+
+} // namespace
+
+FILE* OpenStream(const CRtString& path, uint32_t flags, int& error, bool& created) {
     int file = -1;
-    created = false;
-    error = ::_sopen_s(&file, path.c_str(), mode, sharing, 0);
-    if (error == ENOENT && (flags & OPEN_CREATE)) {
-        error = ::_sopen_s(&file, path.c_str(), mode | _O_CREAT, sharing, _S_IREAD | _S_IWRITE);
-        created = error == 0;
-    }
+    do {
+        created = false;
+        error = OpenFile(path, 0, flags, file);
+        if (error == ENOENT && (flags & OPEN_CREATE)) {
+            error = OpenFile(path, _O_CREAT | _O_EXCL, flags, file);
+            created = error == 0;
+        }
+    } while (error == EEXIST); // somebody was faster
     if (error != 0)
         return nullptr;
     FILE* stream = ::_fdopen(file, "rb+");
     if (!stream) {
-        error = errno;
+        error = EMFILE; // nothing else is wanting, and not every runtime library says so
         ::_close(file);
+        if (created)
+            ::_unlink(path.c_str());
         return nullptr;
     }
     std::setvbuf(stream, nullptr, _IONBF, 0);
@@ -194,55 +281,73 @@ FILE* OpenStream(const CRtString& path, uint32_t flags, int& error, bool& create
 }
 
 bool IsOutOfStreams(int error) { return error == EMFILE || error == ENFILE; }
-bool IsInUse(int error) { return error == EACCES; }
+bool IsInUse(int error) { return error == IN_USE; }
 
 namespace {
 
-// `move` transfers all bytes in one item and answers how many items it moved.
+// `move` is a read or a write over the bytes from `done` on; either may move fewer than it is asked for.
+// Through the descriptor: a stream without a buffer moves the last bytes of a record one by one.
 template <class Move>
-Transfer MoveAll(FILE* stream, uint64_t offset, Move move) {
-    if (offset > uint64_t{INT64_MAX} ||
-        ::_fseeki64(stream, static_cast<int64_t>(offset), SEEK_SET) != 0)
+Transfer MoveAll(FILE* stream, uint64_t offset, uint32_t length, Move move) {
+    constexpr uint32_t most = INT_MAX;
+    const int file = ::_fileno(stream);
+    if (offset > uint64_t{INT64_MAX} - length ||
+        ::_lseeki64(file, static_cast<int64_t>(offset), SEEK_SET) < 0)
         return Transfer::NoPosition;
-    if (move() == 1)
-        return Transfer::Done;
-    const bool failed = std::ferror(stream) != 0;
-    std::clearerr(stream);
-    return failed ? Transfer::Failed : Transfer::Short;
+    for (uint32_t done = 0; done < length;) {
+        const int moved = move(file, done, std::min(length - done, most));
+        if (moved == 0)
+            return Transfer::Short;
+        if (moved < 0)
+            return Transfer::Failed;
+        done += static_cast<uint32_t>(moved);
+    }
+    return Transfer::Done;
 }
 
 } // namespace
 
 Transfer ReadAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length) {
-    return MoveAll(stream, offset, [&] { return std::fread(bytes, length, 1, stream); });
+    return MoveAll(stream, offset, length, [&](int file, uint32_t done, uint32_t count) {
+        return ::_read(file, static_cast<char*>(bytes) + done, count);
+    });
 }
 
 Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t length) {
-    return MoveAll(stream, offset, [&] { return std::fwrite(bytes, length, 1, stream); });
+    return MoveAll(stream, offset, length, [&](int file, uint32_t done, uint32_t count) {
+        return ::_write(file, static_cast<const char*>(bytes) + done, count);
+    });
 }
 
 namespace {
 
-FileStamp Stamp(int result, const struct _stat64& info) {
-    if (result != 0 || info.st_size < 0)
-        return {};
-    // No node number: an open file is neither removed nor replaced here.
-    return {true, 0, 0, static_cast<uint64_t>(info.st_size),
-            info.st_mtime * int64_t{1'000'000'000}};
+bool Stamp(HANDLE file, FileStamp& stamp) {
+    constexpr uint64_t nanosecondsPerTick = 100;
+    BY_HANDLE_FILE_INFORMATION info{};
+    if (!::GetFileInformationByHandle(file, &info))
+        return false;
+    if (IsDirectory(info.dwFileAttributes))
+        return true;
+    const FILETIME& changed = info.ftLastWriteTime;
+    stamp = {true, info.dwVolumeSerialNumber, Wide(info.nFileIndexHigh, info.nFileIndexLow),
+             Wide(info.nFileSizeHigh, info.nFileSizeLow),
+             static_cast<int64_t>(Wide(changed.dwHighDateTime, changed.dwLowDateTime) *
+                                  nanosecondsPerTick)};
+    return true;
 }
 
 } // namespace
 
 bool GetStamp(FILE* stream, FileStamp& stamp) {
-    struct _stat64 info {};
-    const int result = ::_fstat64(::_fileno(stream), &info);
-    return Stamp(result, info, stamp);
+    stamp = {};
+    return Stamp(reinterpret_cast<HANDLE>(::_get_osfhandle(::_fileno(stream))), stamp);
 }
 
 bool GetStamp(const CRtString& path, FileStamp& stamp) {
-    struct _stat64 info {};
-    const int result = ::_stat64(path.c_str(), &info);
-    return Stamp(result, info, stamp);
+    stamp = {};
+    const Handle file(path, FILE_READ_ATTRIBUTES,
+                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
+    return file.IsOpen() ? Stamp(file.Get(), stamp) : IsMissing(::GetLastError());
 }
 
 uint32_t GetStreamLimit() { return static_cast<uint32_t>(::_getmaxstdio()); }

@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# The Windows library exports exactly what its list names, and it and the programs need no DLL but the
+# system's own.
+# usage: check_dll.sh OBJDUMP DEF_FILE DLL PROGRAM...
+set -euo pipefail
+objdump=${1:?usage: $0 OBJDUMP DEF_FILE DLL PROGRAM...} def=$2 dll=$3
+shift 2
+
+listed=$(sed -nE '1,/^EXPORTS/d; s/^ +([^ ]+).*/\1/p' "$def" | sort)
+exported=$("$objdump" -p "$dll" |
+    sed -nE '/^\[Ordinal\/Name Pointer\] Table/,/^$/s/^[[:space:]]*\[ *[0-9]+\] (.*[^[:space:]])[[:space:]]*$/\1/p' | sort)
+if ! diff <(echo "$listed") <(echo "$exported") >&2; then
+    echo "$dll exports something else than $def lists (< listed, > exported)" >&2
+    exit 1
+fi
+
+system='^(kernel32|msvcrt|ole32|shell32|filemanager)\.dll$'
+for file in "$@"; do
+    needed=$("$objdump" -p "$file" | sed -n 's/^[[:space:]]*DLL Name: //p')
+    [ -n "$needed" ] || { echo "$file needs no DLL at all: not looked at rightly" >&2; exit 1; }
+    if grep -ivE "$system" <<<"$needed" >&2; then
+        echo "$file needs a DLL that is not the system's" >&2
+        exit 1
+    fi
+done
+echo "dll: $(wc -l <<<"$exported") names exported, all of them listed; $# files need the system's DLLs alone"

@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Runs a Windows program under Wine, with two drives: C:, in a directory that is made at the first use,
+# and Z:, this tree. Nothing of the machine lies on a drive but this.
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+export WINEPREFIX=${FILEMANAGER_WINEPREFIX:-$root/build/windows/wine}
+export WINEARCH=win32 WINEDEBUG=-all
+export WINEDLLOVERRIDES='mscoree=;mshtml=;winemenubuilder.exe=d'
+unset DISPLAY
+
+if [ ! -e "$WINEPREFIX/made" ]; then
+    mkdir -p "$WINEPREFIX"
+    exec {lock}>"$WINEPREFIX/lock"
+    flock "$lock"
+    if [ ! -e "$WINEPREFIX/made" ]; then
+        wineboot --init >/dev/null 2>&1 {lock}>&-
+        wineserver --wait {lock}>&-
+        ln -sfn "$root" "$WINEPREFIX/dosdevices/z:"
+        touch "$WINEPREFIX/made"
+    fi
+    exec {lock}>&-
+fi
+exec wine "$@"

@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Cached files that one system's tool has made are whole to the other's, and can be taken out by it.
+# usage: support_both_systems.sh FMCACHE OTHER_FMCACHE BUILD_DIR
+set -euo pipefail
+here=${1:?usage: $0 FMCACHE OTHER_FMCACHE BUILD_DIR} there=${2:?} build=${3:?}
+work=$(mktemp -d "$build/both_systems.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+
+head -c 3000017 /dev/urandom >file
+: >empty
+for pair in "$here|$there" "$there|$here"; do
+    first=${pair%|*} second=${pair#*|}
+    for file in file empty; do
+        id=$("$first" put --dir cache "$file" --block 65521)
+        "$second" verify --dir cache "$id" >/dev/null
+        "$second" get --dir cache "$id" -o back --force
+        cmp "$file" back
+    done
+done
+# The same to both, in every detail.
+for verb in 'ls --dir cache --json' "show --dir cache $id --json" 'verify --dir cache --json'; do
+    # shellcheck disable=SC2086  # words
+    cmp <("$here" $verb | sed 's/"store": *"[^"]*"//') <("$there" $verb | sed 's/"store": *"[^"]*"//')
+done
+"$here" rm --dir cache "$id"
+! "$there" show --dir cache "$id" 2>/dev/null
+echo "cached files of both systems are the same to both"

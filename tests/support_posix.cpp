@@ -1,0 +1,63 @@
+#include <malloc.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <stdexcept>
+
+#include "support.h"
+
+namespace {
+
+size_t CountEntries(const char* path) {
+    return static_cast<size_t>(
+        std::distance(fs::directory_iterator(path), fs::directory_iterator()));
+}
+
+bool Limit(__rlimit_resource resource, uint64_t most) {
+    rlimit limit{};
+    getrlimit(resource, &limit);
+    limit.rlim_cur = std::min<rlim_t>(most, limit.rlim_max);
+    return setrlimit(resource, &limit) == 0;
+}
+
+} // namespace
+
+IdleProcess::IdleProcess() {
+    const pid_t child = fork();
+    if (child < 0)
+        throw std::runtime_error("no other process");
+    if (child == 0) {
+        pause();
+        std::_Exit(EXIT_SUCCESS);
+    }
+    m_id = static_cast<uint32_t>(child);
+}
+
+void IdleProcess::End() {
+    const auto child = static_cast<pid_t>(std::exchange(m_id, 0));
+    if (child == 0)
+        return;
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+}
+
+const uint32_t SLOWNESS = 1;
+const char NULL_DEVICE[] = "/dev/null";
+
+void SetVariable(const char* name, const std::string& value) { setenv(name, value.c_str(), 1); }
+
+size_t CountThreads() { return CountEntries("/proc/self/task"); }
+
+size_t CountHandles() { return CountEntries("/proc/self/fd"); }
+
+size_t CountHeapBytes() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
+
+bool LimitStreams(uint32_t count) { return Limit(RLIMIT_NOFILE, count); }
+
+bool LimitFileSize(uint64_t bytes) {
+    signal(SIGXFSZ, SIG_IGN);
+    return Limit(RLIMIT_FSIZE, bytes);
+}

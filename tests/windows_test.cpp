@@ -1,0 +1,166 @@
+// What is so on Windows alone: drives, attributes, directory links, open files that cannot be removed, and
+// processes that share a cache, which are started and not forked there.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+#include <type_traits>
+
+#include "support.h"
+#include "util/filemanager/filemanager.h"
+
+// Behind the library's headers, and before them in support_windows.cpp.
+#include <windows.h>
+#undef CreateFile
+
+static_assert(std::is_same_v<FMFileID, GUID>);
+static_assert(sizeof(void*) == 4 && sizeof(long) == 4);
+
+namespace {
+
+constexpr char OTHERS_DIR[] = "FILEMANAGER_OTHERS_DIR";
+constexpr char FINISHED[] = "{00000000-0000-4000-8000-000000000001}";
+constexpr char OPEN[] = "{00000000-0000-4000-8000-000000000002}";
+
+FMFileInfo Described(const char* id) {
+    FMFileInfo info = Description();
+    FMFileIDFromString(id, info.fileID);
+    return info;
+}
+
+// This program with one of its disabled cases, until it is killed.
+class OtherProcess {
+public:
+    OtherProcess(const TempDir& dir, const std::string& testCase) {
+        SetVariable(OTHERS_DIR, dir.path.string());
+        char program[MAX_PATH] = {};
+        GetModuleFileNameA(nullptr, program, sizeof(program));
+        std::string line = "other --gtest_also_run_disabled_tests --gtest_filter=" + testCase;
+        STARTUPINFOA start{};
+        start.cb = sizeof(start);
+        if (!CreateProcessA(program, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                            &start, &m_info))
+            throw std::runtime_error("no other process");
+        while (!fs::exists(dir.path / "ready") &&
+               WaitForSingleObject(m_info.hProcess, 10) == WAIT_TIMEOUT) {
+        }
+    }
+    void Kill() {
+        TerminateProcess(m_info.hProcess, 1);
+        WaitForSingleObject(m_info.hProcess, INFINITE);
+        CloseHandle(m_info.hThread);
+        CloseHandle(m_info.hProcess);
+    }
+    uint32_t Id() const { return m_info.dwProcessId; }
+
+private:
+    PROCESS_INFORMATION m_info{};
+};
+
+[[noreturn]] void StayUntilKilled(const TempDir& dir) {
+    WriteFile(dir.path / "ready", "");
+    std::this_thread::sleep_for(std::chrono::hours(1));
+    std::_Exit(1);
+}
+
+} // namespace
+
+// The other process: has stored and closed one file, and has another one open with its block stored.
+TEST(DISABLED_Other, StoresAndStays) {
+    const TempDir dir(fs::path(std::getenv(OTHERS_DIR)));
+    Cache cache(dir.path);
+    for (const char* id : {FINISHED, OPEN}) {
+        FileRef file = cache.Create(Described(id));
+        Write(*Cache::Block(*file, 1), Pattern(1, 5000));
+        if (id == FINISHED)
+            cache.Close(file);
+        cache.Settle();
+    }
+    StayUntilKilled(dir);
+}
+
+TEST(Windows, AFileBelongsToOneServerAndSurvivesItsBeingKilled) {
+    TestClock clock;
+    LogCapture log(RT_LOG_WARNING);
+    const TempDir dir;
+    OtherProcess other(dir, "DISABLED_Other.StoresAndStays");
+    Cache cache(dir.path);
+    FileRef mine = cache.Create(Described(OPEN));
+    Write(*Cache::Block(*mine, 1), Pattern(4, 300));
+    clock.Advance(int64_t{100} * 86400 * 1000);
+    cache.Settle(); // housekeeping finds the open file old, and leaves it
+    EXPECT_TRUE(ReadFile(cache.Path(Described(OPEN).fileID, ".sdd")) == Pattern(1, 5000));
+    EXPECT_EQ(Read(*Cache::Block(*mine, 1)), Pattern(4, 300));
+    cache.Stop();
+    cache.manager->Initialize({}, 0, 1); // would clear the store
+    cache.Stop();
+    EXPECT_EQ(log.Count("CFileManager::ClearDiskCache, another process uses the store"), 2U);
+    other.Kill();
+    cache.Start();
+    EXPECT_FALSE(cache.Open(Described(OPEN).fileID)); // never closed: not there
+    const FileRef file = cache.Open(Described(FINISHED).fileID);
+    ASSERT_TRUE(file);
+    EXPECT_TRUE(Read(*Cache::Block(*file, 1, 0)) == Pattern(1, 5000));
+}
+
+TEST(Windows, ClearingFinishesLaterWhatIsOpenNowAndFollowsNoDirectoryLink) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache(0, 0);
+    EXPECT_TRUE(GetFileAttributesA((cache.dir.path / "confcache").string().c_str()) &
+                FILE_ATTRIBUTE_HIDDEN);
+    cache.Stop();
+    const fs::path root = cache.dir.path / "confcache";
+    const TempDir outside;
+    WriteFile(outside.path / "kept", "x");
+    WriteFile(root / "0" / "free" / "file", "x");
+    WriteFile(root / "0" / "held" / "file", "x");
+    const bool isJunction = MakeDirectoryLink(outside.path, root / "0" / "link");
+    ASSERT_TRUE(fs::exists(root / "0" / "link" / "kept"));
+    FILE* held = std::fopen((root / "0" / "held" / "file").string().c_str(), "rb");
+    ASSERT_TRUE(held);
+    cache.Start();
+    EXPECT_TRUE(fs::exists(root / "0" / "held" / "file"));
+    EXPECT_FALSE(fs::exists(root / "0" / "free"));
+    EXPECT_TRUE(fs::exists(outside.path / "kept"));
+    std::fclose(held);
+    cache.Stop();
+    EXPECT_TRUE(fs::exists(outside.path / "kept"));
+    EXPECT_FALSE(fs::exists(root / "0" / "held"));
+    EXPECT_EQ(fs::exists(root), !isJunction); // an emulator without junctions removes no link
+}
+
+TEST(Windows, TheDefaultRootIsTheFixedDriveWithTheMostRoom) {
+    LogCapture log;
+    const CRtCallerThread three;
+    IFileManager::Instance()->Initialize("", 7, 1);
+    IFileManager::Instance()->UnInitialize();
+    const std::string line = "CFileManager::SetDataDir, data dir=";
+    const size_t at = log.Text().find(line);
+    ASSERT_NE(at, std::string::npos);
+    const std::string chosen = log.Text().substr(at + line.size(), 3);
+    EXPECT_TRUE(fs::remove(chosen + "sdstore"));
+    EXPECT_EQ(GetDriveTypeA(chosen.c_str()), DRIVE_FIXED);
+    char drives[512] = {};
+    ASSERT_GT(GetLogicalDriveStringsA(sizeof(drives), drives), 0U);
+    for (const char* drive = drives; *drive; drive += std::string(drive).size() + 1) {
+        constexpr uint64_t usedMeanwhile = uint64_t{1} << 30;
+        std::error_code error;
+        const fs::space_info space = fs::space(drive, error);
+        if (!error && GetDriveTypeA(drive) == DRIVE_FIXED) {
+            EXPECT_GE(fs::space(chosen).available + usedMeanwhile, space.available) << drive;
+        }
+    }
+}
+
+// The form with slashes, behind which a backslash is put.
+TEST(Windows, SlashesAreSeparatorsToo) {
+    LogCapture log(RT_LOG_WARNING);
+    const TempDir dir;
+    const CRtCallerThread three;
+    const std::string path = (dir.path / "made").generic_string() + "/";
+    IFileManager::Instance()->Initialize(CRtString(path), 7, 1);
+    EXPECT_TRUE(fs::is_directory(dir.path / "made" / "sdstore"));
+    IFileManager::Instance()->UnInitialize();
+    EXPECT_EQ(log.Text(), "");
+}

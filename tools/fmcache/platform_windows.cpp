@@ -1,0 +1,70 @@
+#include "platform.h"
+
+#include <fcntl.h>
+#include <io.h>
+#include <sys/stat.h>
+#include <windows.h>
+
+#include <atomic>
+#include <cerrno>
+
+#include "failure.h"
+
+namespace {
+
+std::atomic<bool> g_stop{false};
+
+// On a thread of the system's. The second one ends the process at once.
+BOOL WINAPI OnStop(DWORD) { return g_stop.exchange(true) ? FALSE : TRUE; }
+
+bool IsTerminal(std::FILE* stream) { return ::_isatty(::_fileno(stream)) != 0; }
+
+} // namespace
+
+bool IsErrorTerminal() { return IsTerminal(stderr); }
+
+bool IsOutputTerminal() { return IsTerminal(stdout); }
+
+unsigned OutputWidth() {
+    constexpr unsigned usual = 80;
+    CONSOLE_SCREEN_BUFFER_INFO info{};
+    const bool known = ::GetConsoleScreenBufferInfo(::GetStdHandle(STD_OUTPUT_HANDLE), &info) &&
+                       info.srWindow.Right >= info.srWindow.Left;
+    return known ? static_cast<unsigned>(info.srWindow.Right - info.srWindow.Left + 1) : usual;
+}
+
+// Whether files can be made is not written in the attributes of a directory: one is made.
+bool CanWriteInto(const std::filesystem::path& dir) {
+    const std::string probe = (dir / ".fmcache-probe").string();
+    const int file =
+        ::_open(probe.c_str(), _O_CREAT | _O_EXCL | _O_RDWR | _O_TEMPORARY, _S_IREAD | _S_IWRITE);
+    return file >= 0 && ::_close(file) == 0;
+}
+
+bool CanWrite(const std::filesystem::path& file) {
+    constexpr int writable = 2;
+    return ::_waccess(file.c_str(), writable) == 0;
+}
+
+std::FILE* OpenNew(const std::filesystem::path& file) {
+    const int descriptor =
+        ::_wopen(file.c_str(), _O_CREAT | _O_EXCL | _O_WRONLY | _O_BINARY, _S_IREAD | _S_IWRITE);
+    return descriptor < 0 ? nullptr : ::_fdopen(descriptor, "wb");
+}
+
+void PrepareStreams() {
+    ::_setmode(::_fileno(stdout), _O_BINARY);
+    ::_setmode(::_fileno(stderr), _O_BINARY);
+    // A console shows colours when it is asked to.
+    const HANDLE console = ::GetStdHandle(STD_OUTPUT_HANDLE);
+    DWORD mode = 0;
+    if (::GetConsoleMode(console, &mode))
+        ::SetConsoleMode(console, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+}
+
+void CatchSignals() { ::SetConsoleCtrlHandler(&OnStop, TRUE); }
+
+void CheckStop() {
+    if (g_stop)
+        throw Interrupted();
+}
