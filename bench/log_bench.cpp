@@ -1,6 +1,8 @@
 // What log lines cost that nobody listens to: finding, attaching and detaching an open file writes two
 // lines of the trace level, once with a listener for errors only and once with one that takes the lines
 // and does nothing.
+#include <benchmark/benchmark.h>
+
 #include "support.h"
 
 namespace {

@@ -1,11 +1,14 @@
 // What a read of a resident block costs and allocates, and that a block's bytes exist once in memory
 // however much waits for the read/write thread.
+#include <benchmark/benchmark.h>
+
 #include <cstring>
 #include <fstream>
 #include <latch>
 
-#include "memory_count.h"
+#include "memory.h"
 #include "support.h"
+#include "util/filemanager/fmblock.h"
 
 namespace {
 
@@ -43,11 +46,10 @@ void ReadResident(benchmark::State& state) {
     }
     constexpr uint32_t reads = 1000;
     {
-        const CountedMemory counted;
+        const AllocationCount counted;
         for (uint32_t i = 0; i < reads; ++i)
             ReadAt(*block, i % (BLOCK_LEN / READ_LEN) * READ_LEN);
-        state.counters["allocations"] = static_cast<double>(counted.Allocations()) / reads;
-        state.counters["allocated_bytes"] = static_cast<double>(counted.AllocatedBytes()) / reads;
+        state.counters["allocations"] = static_cast<double>(counted.Get()) / reads;
     }
     block.Reset();
     cache.Close(file);
@@ -100,17 +102,19 @@ void BytesInMemory(benchmark::State& state) {
                 "there is no read/write thread");
         begun.wait();
         FileRef file;
-        {
-            CountedMemory counted;
-            file = cache.Create(HELD_BLOCKS);
-            WriteAll(*file, 0);
-            state.counters["written"] = static_cast<double>(counted.LiveBytes()) / HELD_BYTES;
-            counted.RestartPeak();
-            WriteAll(*file, 512);
-            state.counters["rewritten"] = static_cast<double>(counted.LiveBytes()) / HELD_BYTES;
-            state.counters["peak_of_rewriting"] =
-                static_cast<double>(counted.PeakBytes()) / HELD_BYTES;
-        }
+        const uint64_t before = LiveBytes();
+        const auto blocks = [before] {
+            return static_cast<double>(LiveBytes() - before) / HELD_BYTES;
+        };
+        file = cache.Create(HELD_BLOCKS);
+        WriteAll(*file, 0);
+        state.counters["written"] = blocks();
+        RestartPeak();
+        const uint64_t resident = PeakResidentBytes();
+        WriteAll(*file, 512);
+        state.counters["rewritten"] = blocks();
+        state.counters["peak_grew_by"] =
+            static_cast<double>(PeakResidentBytes() - resident) / HELD_BYTES;
         end.count_down();
         cache.Drain();
         RequireStored(*file, 512);

@@ -1,42 +1,23 @@
-// What the benchmarks share: a cache driven by hand, and blocks with bytes of their own.
+// What the benchmarks of single operations share: a cache driven by hand.
 //
 // The benchmarks link the library's objects, so that they can wait for the read/write thread without
 // doing anything that an application's stores and loads would not meet.
 #pragma once
 
-#include <benchmark/benchmark.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <random>
 #include <string>
-#include <vector>
-
-#if __has_include(<malloc.h>)
-#include <malloc.h>
-#endif
 
 #include "IFileManager.h"
 #include "RtRuntime.h"
+#include "common.h"
+#include "memory.h"
 #include "util/filemanager/filemanager.h"
 #include "util/filemanager/fmfunctor.h"
 
 namespace bench {
-
-constexpr uint32_t BLOCK_LEN = 256 * 1024;
-constexpr uint32_t PIECE_LEN = 16 * 1024;
-
-// A figure of work that was not done is worse than none.
-inline void Require(bool condition, const char* what) {
-    if (condition)
-        return;
-    std::fprintf(stderr, "benchmark: %s\n", what);
-    std::exit(1);
-}
 
 // On the file system that TMPDIR names. One per process, because the first Initialize fixes the
 // manager's directory.
@@ -60,19 +41,6 @@ private:
     }
     std::filesystem::path m_path;
 };
-
-// Lets malloc keep all memory there ever was, in one arena for all threads, as in a process that has run
-// for a while. Left alone, it keeps the pages of a freed buffer or gives them back, depending on the
-// thread that got the buffer and on what lies above it; and where the first touch of a page is dear, the
-// side of a comparison that has to touch new ones loses, be it ours or the other.
-inline void KeepFreedPages() {
-#ifdef M_ARENA_MAX
-    constexpr int neverTrim = 1 << 30, neverMapABlock = 32 << 20;
-    Require(mallopt(M_ARENA_MAX, 1) != 0 && mallopt(M_TRIM_THRESHOLD, neverTrim) != 0 &&
-                mallopt(M_MMAP_THRESHOLD, neverMapABlock) != 0,
-            "malloc takes no advice");
-#endif
-}
 
 using FileRef = CRtComAutoPtr<IFMFile>;
 using BlockRef = CRtComAutoPtr<IFMBlock>;
@@ -104,13 +72,13 @@ public:
                 "there is no read/write thread");
     }
 
-    // Temporary: closing the file removes it from disk.
-    FileRef Create(uint32_t blocks) {
+    // Temporary by default: closing the file removes it from disk.
+    FileRef Create(uint32_t blocks, uint32_t flag = FM_FILE_TEMPORARY) {
         FMFileInfo info;
         CoCreateFMFileID(info.fileID);
         info.blockBeg = 1;
         info.num = blocks;
-        info.flag = FM_FILE_TEMPORARY;
+        info.flag = flag;
         IFMFile* file = nullptr;
         Require(manager->CreateFile(file, info) == 0, "no file");
         return FileRef::Adopt(file);
@@ -131,18 +99,6 @@ public:
     CRtCallerThread thread;
     IFileManager* const manager = IFileManager::Instance();
 };
-
-// Each block is another stretch of the same noise, which stays in the processor's cache.
-inline const char* BytesOf(uint32_t index) {
-    constexpr uint32_t step = 64, stretches = 1024;
-    static const std::vector<char> noise = [] {
-        std::vector<char> bytes(BLOCK_LEN + step * stretches);
-        std::minstd_rand random(1);
-        std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random() >> 8); });
-        return bytes;
-    }();
-    return noise.data() + step * (index % stretches);
-}
 
 inline BlockRef BlockAt(IFMFile& file, uint32_t index) {
     IFMBlock* block = nullptr;

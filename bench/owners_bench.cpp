@@ -1,0 +1,67 @@
+// Full lists of owners: what a server's answers about them cost.
+#include <benchmark/benchmark.h>
+
+#include <vector>
+
+#include "node.h"
+#include "support.h"
+
+namespace {
+
+using namespace bench;
+
+// A server's block with 128 public owners and 200 groups of 32.
+struct Crowd {
+    Crowd() : file(cache.Create(1)), block(BlockAt(*file, 0)) {
+        for (uint32_t i = 0; i < 128; ++i)
+            Join(true, 1);
+        for (uint32_t i = 0; i < 200 * 32; ++i)
+            Join(false, 2 + i / 32);
+    }
+    ~Crowd() {
+        for (const auto& node : nodes)
+            block->SetOwner(node.Get(), 0);
+    }
+    Crowd(const Crowd&) = delete;
+    Crowd& operator=(const Crowd&) = delete;
+    void Join(bool isPublic, uint32_t ip) {
+        nodes.emplace_back(new Node(isPublic, ip));
+        block->SetOwner(nodes.back().Get(), 1);
+    }
+
+    std::vector<CRtComAutoPtr<Node>> nodes;
+    Cache cache;
+    FileRef file;
+    BlockRef block;
+};
+
+void SetOwner(benchmark::State& state) {
+    const Crowd crowd;
+    Node& node = *crowd.nodes.back();
+    for (auto _ : state) {
+        crowd.block->SetOwner(&node, 0);
+        crowd.block->SetOwner(&node, 1);
+    }
+}
+BENCHMARK(SetOwner);
+
+void GetOwner(benchmark::State& state) {
+    const Crowd crowd;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(crowd.block->GetOwner());
+}
+BENCHMARK(GetOwner);
+
+void GetOwners(benchmark::State& state) {
+    const Crowd crowd;
+    std::vector<SDDataAddressItem> items(64);
+    const FMRetrieveItem retrieve{crowd.nodes.back().Get(), 2};
+    for (auto _ : state) {
+        uint16_t count = 64;
+        Require(crowd.block->GetOwners(retrieve, &count, items.data()) == 0 && count == 64,
+                "not the owners there are");
+    }
+}
+BENCHMARK(GetOwners);
+
+} // namespace
