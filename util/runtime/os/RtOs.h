@@ -63,7 +63,8 @@ int RemoveEmptyDirectory(const CRtString& path);
 
 /// A walk over the entries of one directory, "." and ".." left out. A link is never entered. On POSIX
 /// the directory is held open, so that what is removed or entered through it is an entry of this very
-/// directory even while others rename things around it; Windows works by path, and looks first.
+/// directory even while others rename things around it; Windows works by path, and lets nobody rename or
+/// remove the directory meanwhile.
 class DirectoryWalk {
 public:
     /// A path that is itself a link is opened with `followLast` only.
@@ -77,7 +78,7 @@ public:
     /// False when the path was no directory that could be opened, or a link not to be followed.
     bool IsOpen() const;
     /// Takes the directory alone, as long as this object lives. False when another process is in it, see
-    /// DirectoryUse. On systems without such a thing nobody ever is.
+    /// DirectoryUse. On systems without such a thing nobody ever is. It is walked no more.
     bool TakeAlone();
     /// The next entry, in the system's order; false at the end. A link is no directory.
     bool Next(CRtString& name, bool& isDirectory);
