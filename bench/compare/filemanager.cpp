@@ -44,6 +44,7 @@ class FileManager final : public Store {
 public:
     FileManager() {
         Require(m_thread.IsValid(), "the process has a caller thread already");
+        RtSetLogSink(nullptr, nullptr, RT_LOG_ERROR); // large tables are meant here
         for (uint32_t i = 0; i < NODES; ++i)
             m_nodes.emplace_back(new Node(true, i));
     }

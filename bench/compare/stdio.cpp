@@ -1,5 +1,6 @@
 // What is written in an afternoon: a map of buffers, and fseek, fwrite, fread on the caller's thread.
 #include <cstring>
+#include <deque>
 #include <map>
 #include <string>
 
@@ -17,6 +18,7 @@ public:
     void Open(const std::filesystem::path& dir, const Layout& layout) override {
         m_dir = dir;
         m_layout = layout;
+        m_inMemory.clear();
     }
     void Close() override {
         while (!m_files.empty())
@@ -54,6 +56,7 @@ public:
     void Release() override {
         for (auto& [index, file] : m_files)
             file.kept.clear();
+        m_inMemory.clear();
     }
 
     void CloseFile(uint32_t index) override {
@@ -98,7 +101,7 @@ private:
         if (m_inMemory.size() * m_layout.blockLen <= m_layout.memory)
             return;
         const Place oldest = m_inMemory.front();
-        m_inMemory.erase(m_inMemory.begin());
+        m_inMemory.pop_front();
         if (const auto file = m_files.find(oldest.file); file != m_files.end())
             file->second.kept.erase(oldest.block);
     }
@@ -106,7 +109,7 @@ private:
     std::filesystem::path m_dir;
     Layout m_layout;
     std::map<uint32_t, File> m_files;
-    std::vector<Place> m_inMemory;
+    std::deque<Place> m_inMemory;
     std::vector<char> m_read;
 };
 

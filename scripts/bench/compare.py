@@ -4,9 +4,10 @@
 usage: compare.py PROGRAMS OUTPUT [--rounds N] [--share N] [--only WORKLOAD,...]
 
 PROGRAMS is the directory of the participants' programs (compare_NAME). For each workload all of them are
-started; each does the work once to count its allocations and to check every byte, and once to warm up.
-Then the rounds begin: one round of each participant by turns, so that whatever else the machine does falls
-on all of them alike. The figures are medians over the rounds.
+started, and each does the work once to count its allocations and to check every byte. Then the rounds
+begin: one round of each participant by turns, so that whatever else the machine does falls on all of them
+alike. Each begins with the work by nobody's clock, because memory that lay idle while the others had their
+turn may have to be fetched back from the host of a virtual machine. The figures are medians.
 """
 import argparse
 import datetime
@@ -71,11 +72,11 @@ def run_workload(workload, programs, rounds, share, directory):
         if not first[name]["can"]:
             children.pop(name).end()
             continue
-        children[name].round()
         results[name] = []
     order = list(children)
     for _ in range(rounds):
         for name in order:
+            children[name].round()
             results[name].append(children[name].round())
         order.append(order.pop(0))  # nobody is always the first
     for child in children.values():
