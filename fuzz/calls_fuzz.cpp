@@ -148,12 +148,13 @@ private:
         const uint32_t m_writes = m_held.model->writes; // when it was asked
     };
 
-    // Everything of this run goes; what a displaced file holds goes when the manager stops, not earlier.
+    // Everything of this run goes; a displaced file goes, and may be saved, when the manager stops, not
+    // earlier.
     void End() {
         for (const Wait& wait : m_waits)
             Require(wait.calls == (wait.cancelled ? 0 : 1));
         m_waits.clear();
-        if (m_isServer || (m_displaced && !AreNodesFree()))
+        if (m_isServer || m_displaced)
             Restart(0);
         m_cache.PumpUntil([this] { return AreNodesFree(); });
         for (const File& file : m_files) {
