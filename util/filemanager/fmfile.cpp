@@ -228,7 +228,7 @@ bool CFMFile::TakeDiskFile() {
 
 int CFMFile::PrepareLoad() { return m_diskFile->IsOpen() ? CheckOpening() : RT_ERROR_IO; }
 
-int CFMFile::PrepareSave() {
+int CFMFile::HoldFiles() {
     const int result = DiscardPredecessor();
     return RT_SUCCEEDED(result) ? HoldDiskFile() : result;
 }
@@ -350,7 +350,7 @@ void CFMFile::ClerDiskFile_m() {
     if (m_retired.load(std::memory_order_acquire))
         return; // the files on that path are another object's now
     const std::lock_guard lock(m_diskMutex);
-    if (RT_FAILED(HoldDiskFile()))
+    if (RT_FAILED(HoldFiles()))
         return; // another process has them
     if (m_infoFile)
         m_infoFile->RemoveMee();

@@ -123,7 +123,7 @@ private:
     int InvalidateTable();
     int Revoke(uint32_t entryAt);
     void NoteOwnChange();
-    int PrepareSave();
+    int HoldFiles();
     int HoldDiskFile();
     int CheckOpening();
     bool IsTakenByOthers(const RtOs::FileStamp& info) const;

@@ -128,7 +128,7 @@ void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBo
         return;                         // written or dropped before its turn came
     std::unique_lock lock(m_diskMutex); // a block that somebody holds may be read meanwhile
     if (fileBody) {
-        int ret = m_retired.load() ? RT_ERROR_NOT_READY : PrepareSave();
+        int ret = m_retired.load() ? RT_ERROR_NOT_READY : HoldFiles();
         const bool isMine = RT_SUCCEEDED(ret);
         if (RT_SUCCEEDED(ret))
             ret = WriteBody(*m_infoFile, &CInfoFile::WriteFileInfo, *fileBody);
