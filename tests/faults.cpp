@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -134,6 +135,13 @@ REAL(ssize_t, pwrite64, int fd, const void* bytes, size_t length, off64_t at) {
         [&] { return __real_pwrite64(fd, bytes, length, at); },
         [&] { return __real_pwrite64(fd, bytes, length / 2, at); });
 }
+// Half the bytes here are half the pieces.
+REAL(ssize_t, pwritev64, int fd, const iovec* pieces, int count, off64_t at) {
+    return Operate<ssize_t>(
+        IsOurs(fd) ? WRITE : NONE, "pwritev", -1,
+        [&] { return __real_pwritev64(fd, pieces, count, at); },
+        [&] { return __real_pwritev64(fd, pieces, count / 2, at); });
+}
 REAL(ssize_t, pread64, int fd, void* bytes, size_t length, off64_t at) {
     CALL(ssize_t, -1, READ, fd, pread64, fd, bytes, length, at);
 }
@@ -145,6 +153,9 @@ REAL(int, closedir, DIR* walk) { CLOSE_CALL(closedir, walk); }
 REAL(DIR*, fdopendir, int fd) { CALL(DIR*, nullptr, LOOK, fd, fdopendir, fd); }
 REAL(dirent64*, readdir64, DIR* walk) { CALL(dirent64*, nullptr, LOOK, walk, readdir64, walk); }
 REAL(int, flock, int fd, int operation) { CALL(int, -1, LOOK, fd, flock, fd, operation); }
+REAL(off64_t, lseek64, int fd, off64_t at, int from) {
+    CALL(off64_t, -1, LOOK, fd, lseek64, fd, at, from);
+}
 REAL(int, fstat64, int fd, struct stat64* info) { CALL(int, -1, LOOK, fd, fstat64, fd, info); }
 REAL(int, fstatat64, int parent, const char* path, struct stat64* info, int flags) {
     CALL(int, -1, LOOK, parent, fstatat64, parent, path, info, flags);

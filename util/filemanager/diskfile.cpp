@@ -43,8 +43,9 @@ int CDiskFile::Open(const CRtString& strFileName, int bCreate) {
         stream = RtOs::OpenStream(strFileName, flags, error, created);
     m_isInUse = !stream && (RtOs::IsInUse(error) || RtOs::IsOutOfStreams(error));
     if (!stream) {
-        RT_LOG(RT_LOG_ERROR, "CDiskFile::Open. fopen Failed. error="
-                                 << error << " Filename=" << strFileName << " this=" << this);
+        if (bCreate || !RtOs::IsNoSuchFile(error))
+            RT_LOG(RT_LOG_ERROR, "CDiskFile::Open. fopen Failed. error="
+                                     << error << " Filename=" << strFileName << " this=" << this);
         return RT_ERROR_IO;
     }
     m_pFile = stream;
@@ -85,9 +86,7 @@ bool CDiskFile::IsStreamTrue() {
 
 bool CDiskFile::TakeExisting() {
     const CStreamKeeper::CUse use(*this);
-    if (m_pFile || !CFileManager::FileExists(m_strFileName))
-        return true;
-    return RT_SUCCEEDED(Open(m_strFileName, 0)) || !m_isInUse;
+    return m_pFile || RT_SUCCEEDED(Open(m_strFileName, 0)) || !m_isInUse;
 }
 
 int CDiskFile::Close() {
@@ -121,10 +120,14 @@ int CDiskFile::IsOpen() {
     return 0;
 }
 
-int CDiskFile::WriteData(const void* lpBuffer, uint64_t dwOffset, uint32_t dwLength, int bFlush) {
+void CDiskFile::LogWrite(uint32_t dwLength, uint64_t dwOffset) const {
     RT_LOG(RT_LOG_TRACE, "CDiskFile::WriteData, filename="
                              << m_strFileName << " dwLength=" << dwLength << " dwOffset="
                              << static_cast<uint32_t>(dwOffset) << " this=" << this);
+}
+
+int CDiskFile::WriteData(const void* lpBuffer, uint64_t dwOffset, uint32_t dwLength, int bFlush) {
+    LogWrite(dwLength, dwOffset);
     if (!RT_CHECK(SOURCE, lpBuffer && dwLength > 0, "lpBuffer && dwLength >0"))
         return RT_ERROR_INVALID_ARG;
     const CStreamKeeper::CUse use(*this);
@@ -138,6 +141,18 @@ int CDiskFile::WriteData(const void* lpBuffer, uint64_t dwOffset, uint32_t dwLen
     m_knownLength = std::max(m_knownLength, dwOffset + dwLength);
     if (bFlush)
         std::fflush(m_pFile); // streams are unbuffered: what could fail has failed above
+    return RT_OK;
+}
+
+int CDiskFile::WritePieces(std::span<const RtOs::Piece> pieces, uint64_t offset) {
+    const CStreamKeeper::CUse use(*this);
+    if (!IsOpen() || RtOs::WriteAllAt(m_pFile, offset, pieces) != RtOs::Transfer::Done)
+        return RT_ERROR_IO;
+    for (const RtOs::Piece& piece : pieces) {
+        LogWrite(piece.length, offset);
+        offset += piece.length;
+    }
+    m_knownLength = std::max(m_knownLength, offset);
     return RT_OK;
 }
 
@@ -176,20 +191,20 @@ int CDiskFile::Fail(RtOs::Transfer result, const FailureTexts& texts, uint32_t d
 
 int CDiskFile::GetLength(uint64_t& length) {
     const CStreamKeeper::CUse use(*this);
-    RtOs::FileStamp stamp;
-    if (!IsOpen() || !RtOs::GetStamp(m_pFile, stamp))
-        return RT_ERROR_IO;
-    length = stamp.length;
-    return RT_OK;
+    return IsOpen() && RtOs::GetLength(m_pFile, length) ? RT_OK : RT_ERROR_IO;
+}
+
+bool CDiskFile::GetStamp(RtOs::FileStamp& stamp) {
+    const CStreamKeeper::CUse use(*this);
+    return m_pFile ? RtOs::GetStamp(m_pFile, stamp) : RtOs::GetStamp(m_strFileName, stamp);
 }
 
 bool CDiskFile::Reaches(uint64_t end) {
     const CStreamKeeper::CUse use(*this);
     if (!IsOpen())
         return false;
-    RtOs::FileStamp stamp;
-    if (m_knownLength < end && RtOs::GetStamp(m_pFile, stamp))
-        m_knownLength = stamp.length;
+    if (m_knownLength < end)
+        RtOs::GetLength(m_pFile, m_knownLength); // else it stays as it is
     return m_knownLength >= end;
 }
 

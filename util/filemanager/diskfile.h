@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <span>
 
 #include "FMInfoCodec.h"
 #include "RtReferenceControl.h"
@@ -20,6 +21,9 @@ public:
 
     /// 0; 10006 the disk failed; 10008 no buffer or length 0.
     int WriteData(const void* lpBuffer, uint64_t dwOffset, uint32_t dwLength, int bFlush);
+    /// RtOs::PIECES_MAX pieces at most, one behind the other; some may have been written when it fails,
+    /// which it says nowhere: written one by one they will. Results as for WriteData.
+    int WritePieces(std::span<const RtOs::Piece> pieces, uint64_t offset);
     /// Exactly dwLength bytes or a failure. Results as for WriteData.
     int ReaddData(void* lpBuffer, uint64_t dwOffset, const uint32_t& dwLength);
     /// Deletes the file, if there is one. 0, 10006.
@@ -31,6 +35,9 @@ public:
     int Close();
     /// The file's length in bytes; makes a missing file as a read would. 0, 10006.
     int GetLength(uint64_t& length);
+    /// The file that is open, else what the path names, without making it. False when the system does
+    /// not tell.
+    bool GetStamp(RtOs::FileStamp& stamp);
     /// Whether the file has bytes up to `end`, as far as this stream knows: a file that somebody cuts
     /// meanwhile shows in the read. Makes a missing file as a read would.
     bool Reaches(uint64_t end);
@@ -60,6 +67,7 @@ private:
     };
     int Fail(RtOs::Transfer result, const FailureTexts& texts, uint32_t dwLength,
              uint64_t dwOffset);
+    void LogWrite(uint32_t dwLength, uint64_t dwOffset) const;
     int NoteOpening(bool created);
     void CloseStream();
     bool IsStreamTrue();
@@ -73,11 +81,11 @@ private:
     bool m_isInUse = false;     // by another process, at the latest try to open it
     bool m_isTooShort = false;  // for the latest read
     Opening m_opening;
-    // The keeper's: links from the least to the most recently used stream, and whether it is in use.
+    uint32_t m_uses = 0; // begun and not ended
+    // The keeper's: links from the least to the most recently used stream, for those not in use.
     CDiskFile* m_pOlder = nullptr;
     CDiskFile* m_pNewer = nullptr;
     bool m_kept = false;
-    uint32_t m_uses = 0;
 };
 
 /// The information file: two length-prefixed bodies after four magic bytes. Each operation answers 0,

@@ -256,8 +256,6 @@ CFMFile* CFileManager::LoadFile(const CRtString& stem) {
     FMFileIDFromString(stem, pathID);
     SettlePredecessors(pathID);
     const COpening opening(*this, pathID);
-    const CRtString infoPath = m_dataDir + stem + ".sdi";
-    const bool infoExisted = FileExists(infoPath);
     FileRef file(new (std::nothrow) CFMFile(stem));
     if (file && !file->TakeDiskFile()) {
         RT_LOG(RT_LOG_WARNING,
@@ -268,9 +266,11 @@ CFMFile* CFileManager::LoadFile(const CRtString& stem) {
         RegisterFile(file, file->GetFileInfo().fileID);
         return file.Get(); // the registry's reference keeps it
     }
+    const bool madeInfo = file && file->HasMadeInfo();
     file.Reset();
+    const CRtString infoPath = m_dataDir + stem + ".sdi";
     uint64_t length = 0;
-    if (!infoExisted && RtOs::GetFileLength(infoPath, length) && length == 0)
+    if (madeInfo && RtOs::GetFileLength(infoPath, length) && length == 0)
         RtOs::RemoveFile(infoPath); // looking for it has made it
     return nullptr;
 }

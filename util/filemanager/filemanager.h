@@ -64,6 +64,8 @@ public:
     int PostToCallerThread(IRtEvent* aFunctor, int sync);
     /// Takes a posted event back, if it has not begun; true when it is disposed of.
     bool WithdrawFromReadwrThread(IRtEvent* aFunctor);
+    /// On the read/write thread.
+    IRtEventQueue* GetReadwrQueue() { return m_pReadwrTd->GetEventQueue(); }
     uint32_t GetReadwrThreadID();
 
     int Random(int aMax);

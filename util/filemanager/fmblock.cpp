@@ -1,9 +1,4 @@
-// The block: its bytes in memory, writes and reads, and their way to and from the data file.
-//
-// A store belongs to the bytes it was posted for. The block remembers the address of those bytes
-// (m_storeBytes) from the posting to the end of the store; the event holds them, so that no other buffer
-// can have that address meanwhile. A rewrite forgets the address: the old store, if it cannot be taken
-// back out of the queue any more, finds that it is out of date and changes nothing.
+// The block: its bytes in memory, writes and reads.
 #include "fmblock.h"
 
 #include <algorithm>
@@ -25,22 +20,6 @@ constexpr char SOURCE[] = "util/filemanager/fmblock";
 constexpr int64_t ALIVE_MS = 8192;
 constexpr int64_t IDLE_MS = 240000;
 constexpr int64_t IDLE_MS_WHEN_FULL = 120000;
-
-// Held for as long as it takes to look at some numbers, or to change them.
-class TransferLock {
-public:
-    explicit TransferLock(std::mutex& mutex) : m_lock(RtLockSoon(mutex)) {}
-
-private:
-    const std::unique_lock<std::mutex> m_lock;
-};
-
-void CheckReadwrThread() {
-    RT_CHECK(SOURCE,
-             CRtThreadManager::GetThreadSelfId() == CFileManager::Instance()->GetReadwrThreadID(),
-             "CRtThreadManager::GetThreadSelfId() == "
-             "CFileManager::Instance()->GetReadwrThreadID()");
-}
 
 int64_t MsSince(uint64_t tick) { return static_cast<int64_t>(GetTickCountEx() - tick); }
 
@@ -121,7 +100,7 @@ bool CFMBlock::FreeMemory() {
     const bool full = 2 * manager->GetMemoryLimit() < manager->GetMemoryInUse();
     if (MsSince(m_lastAccessTime) <= (full ? IDLE_MS_WHEN_FULL : IDLE_MS))
         return true;
-    if (const TransferLock lock(m_file->GetTransferMutex()); IsLost())
+    if (const auto lock = m_file->LockTransfer(); IsLost())
         return true; // a tick stores it again
     RT_LOG(RT_LOG_TRACE, "CFMBlock::FreeMemory, fileID=" << FMFileIDToString(GetFileID())
                                                          << ",blockID=" << m_blockID
@@ -179,7 +158,7 @@ int CFMBlock::WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* da
 int CFMBlock::BeginPiece(uint32_t blockLen, bool rewrite) {
     if (!rewrite && m_data)
         return RT_OK;
-    const TransferLock lock(m_file->GetTransferMutex());
+    const auto lock = m_file->LockTransfer();
     if (rewrite)
         BeginRewrite(blockLen);
     return PrepareBuffer(blockLen);
@@ -233,7 +212,7 @@ int CFMBlock::PrepareBuffer(uint32_t blockLen) {
 
 void CFMBlock::Complete() {
     {
-        const TransferLock lock(m_file->GetTransferMutex());
+        const auto lock = m_file->LockTransfer();
         m_position = m_totalLen;
         m_state = BLOCK_STATE_COMPLETE;
         if (m_posInFile == 0) {
@@ -243,124 +222,6 @@ void CFMBlock::Complete() {
         }
     }
     PostStore();
-}
-
-// --- The store ----------------------------------------------------------------------------------
-
-void CFMBlock::PostStore() {
-    CRtMessageChain bytes = m_data->DuplicateChained();
-    int result = bytes ? RT_OK : RT_ERROR_NULL_OBJECT;
-    if (bytes) {
-        const char* const start = bytes->GetTopLevelReadPtr();
-        IRtEvent* const event = new CFMRefFunctor1(this, &CFMBlock::WriteToFile, std::move(bytes));
-        {
-            const TransferLock lock(m_file->GetTransferMutex());
-            m_storeFailed.store(false, std::memory_order_release);
-            m_storeBytes = start;
-            m_storeEvent = event;
-        }
-        m_file->StorePosted();
-        result = CFileManager::Instance()->PostToReadwrThread(event, 0);
-        if (RT_FAILED(result))
-            m_file->StoreEnded();
-    }
-    if (RT_FAILED(result)) {
-        const TransferLock lock(m_file->GetTransferMutex());
-        EndStore(result);
-    }
-}
-
-// The bytes of a store that has not begun are given back at once.
-void CFMBlock::WithdrawStore() {
-    if (m_storeEvent && CFileManager::Instance()->WithdrawFromReadwrThread(m_storeEvent))
-        m_file->StoreEnded();
-    m_storeEvent = nullptr;
-    m_storeBytes = nullptr;
-    m_storeFailed.store(false, std::memory_order_release);
-}
-
-void CFMBlock::EndStore(int result) {
-    m_storeEvent = nullptr;
-    m_storeBytes = nullptr;
-    if (RT_SUCCEEDED(result)) {
-        m_state = BLOCK_STATE_STORED;
-        m_origin = {};
-        m_gapsBefore = m_file->GetGapCount();
-        return;
-    }
-    m_storeFailed.store(true, std::memory_order_release);
-    m_file->MarkStoreFailed();
-    m_file->MarkInfoChanged(); // an entry may stand from an earlier run
-}
-
-void CFMBlock::RetryStore() {
-    bool wanted = false;
-    {
-        const TransferLock lock(m_file->GetTransferMutex());
-        wanted = m_storeFailed || (!m_storeBytes && IsLost());
-    }
-    if (wanted && m_data && IsComplete())
-        PostStore();
-}
-
-bool CFMBlock::IsStorePending() {
-    const TransferLock lock(m_file->GetTransferMutex());
-    return m_storeBytes != nullptr;
-}
-
-int CFMBlock::WriteToFile(CRtMessageBlock* aData) {
-    CheckReadwrThread();
-    CDiskFile* disk = m_file ? m_file->GetDiskFile() : nullptr;
-    int64_t pos = 0;
-    uint32_t entryAt = 0;
-    const char* bytes = aData ? aData->GetTopLevelReadPtr() : nullptr;
-    int result = RT_OK;
-    {
-        const TransferLock lock(m_file->GetTransferMutex());
-        if (aData && m_storeBytes != bytes) {
-            m_file->StoreEnded();
-            return RT_ERROR_NOT_READY; // rewritten since
-        }
-        m_storeEvent = nullptr;
-        pos = m_posInFile;
-        entryAt = m_origin.entryAt;
-        if (!RT_CHECK(SOURCE, disk, "m_file.Get() && m_file->GetDiskFile()") ||
-            !RT_CHECK(SOURCE, IsComplete() && aData, "IsComplete() && aData"))
-            result = RT_ERROR_NOT_READY;
-    }
-    if (RT_SUCCEEDED(result)) {
-        const uint32_t length = aData->GetTopLevelLength();
-        const std::lock_guard diskLock(m_file->GetDiskMutex());
-        const CStreamKeeper::CUse use(*disk); // one stream for all steps
-        result = m_file->PrepareStore(pos, length, entryAt);
-        if (RT_SUCCEEDED(result))
-            result = disk->WriteData(bytes, static_cast<uint64_t>(pos), length, 1);
-        if (RT_FAILED(result))
-            RT_LOG(RT_LOG_WARNING, "CFMBlock::WriteToFile, WriteData failed. ret="
-                                       << result << ",pos=" << pos << ",len=" << length
-                                       << " this=" << this);
-    }
-    const TransferLock lock(m_file->GetTransferMutex());
-    if (bytes && m_storeBytes == bytes)
-        EndStore(result);
-    m_file->StoreEnded();
-    return result;
-}
-
-FMBlockEntry CFMBlock::Describe() {
-    const TransferLock lock(m_file->GetTransferMutex());
-    if (!IsComplete() || IsStoreFailed() || (!m_storeBytes && IsLost()))
-        return {m_blockID, 0, 0};
-    return {m_blockID, m_totalLen, m_posInFile};
-}
-
-void CFMBlock::Restore(const FMBlockEntry& entry, const Origin& origin) {
-    m_origin = origin;
-    m_totalLen = entry.totalLen;
-    m_position = entry.totalLen;
-    if (IsComplete())
-        m_state = BLOCK_STATE_COMPLETE;
-    m_posInFile = entry.posInFile;
 }
 
 // --- Reading ------------------------------------------------------------------------------------
@@ -445,56 +306,6 @@ int CFMBlock::PostLoad(int bSync) {
         new (std::nothrow) CFMRefFunctor2(this, &CFMBlock::ReadFromFile, m_totalLen, bSync), bSync);
     if (RT_SUCCEEDED(result) && !bSync)
         ++m_loadsUnderWay;
-    return result;
-}
-
-int CFMBlock::ReadFromFile(uint32_t len, int bSync) {
-    CheckReadwrThread();
-    CRtMessageChain buffer;
-    const int result = LoadBytes(len, buffer);
-    if (bSync) { // the caller thread waits for this very event
-        m_syncLoadResult = result;
-        if (RT_SUCCEEDED(result))
-            SetData(buffer.get());
-        return result;
-    }
-    CFileManager::Instance()->PostToCallerThread(
-        new CFMRefFunctor2(this, &CFMBlock::OnDataReady, result, buffer.release()), 0);
-    return result;
-}
-
-int CFMBlock::LoadBytes(uint32_t len, CRtMessageChain& buffer) {
-    CDiskFile* disk = m_file ? m_file->GetDiskFile() : nullptr;
-    int64_t pos = 0;
-    bool lost = false;
-    {
-        const TransferLock lock(m_file->GetTransferMutex());
-        if (!RT_CHECK(SOURCE, disk, "m_file.Get() && m_file->GetDiskFile()") ||
-            !RT_CHECK(SOURCE, IsComplete(), "IsComplete()"))
-            return RT_ERROR_NOT_READY;
-        if (len != m_totalLen)
-            return RT_ERROR_NOT_READY; // written anew with another length since it was asked for
-        pos = m_posInFile;
-        lost = IsLost();
-    }
-    const std::lock_guard diskLock(m_file->GetDiskMutex());
-    const CStreamKeeper::CUse use(*disk); // one stream for all steps
-    int result = lost ? RT_ERROR_IO : m_file->PrepareLoad();
-    // No buffer is made that the data file could not fill.
-    if (RT_SUCCEEDED(result) && !disk->Reaches(static_cast<uint64_t>(pos) + len))
-        result = RT_ERROR_IO;
-    if (RT_SUCCEEDED(result)) {
-        buffer = CRtMessageBlock::Create(len);
-        result =
-            buffer ? disk->ReaddData(buffer->GetTopLevelWritePtr(), static_cast<uint64_t>(pos), len)
-                   : RT_ERROR_NULL_OBJECT;
-    }
-    if (RT_SUCCEEDED(result))
-        buffer->AdvanceTopLevelWritePtr(len);
-    else
-        RT_LOG(RT_LOG_WARNING, "CFMBlock::ReadFromFile, ReadData failed. ret="
-                                   << result << ",pos=" << pos << ",len=" << len
-                                   << " this=" << this);
     return result;
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <list>
 #include <map>
+#include <span>
 #include <vector>
 
 #include "FMInfoCodec.h"
@@ -12,6 +13,7 @@
 #include "RtReferenceControl.h"
 
 class CFMFile;
+class CFMStore;
 class IRtEvent;
 
 constexpr uint32_t cmax_check_owners = 8192;
@@ -53,6 +55,9 @@ public:
 
     /// Both on the read/write thread.
     int WriteToFile(CRtMessageBlock* aData);
+    /// The stores of neighbours at once. False when they have to be run one by one, because one of them
+    /// is out of date, has an entry on disk or the write failed.
+    static bool WriteTogether(std::span<CFMStore* const> stores);
     int ReadFromFile(uint32_t len, int bSync);
     void OnDataReady(int aResult, CRtMessageBlock* aData);
 
@@ -95,6 +100,7 @@ private:
     void PostStore();
     void WithdrawStore();
     void EndStore(int result);
+    bool IsStoreOf(const CFMStore& store) const;
     int PostLoad(int bSync);
     int LoadBytes(uint32_t len, CRtMessageChain& buffer);
     bool IsWaiting(const IFMBlockSink* sink) const;

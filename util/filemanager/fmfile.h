@@ -11,6 +11,7 @@
 #include "RtReferenceControl.h"
 #include "diskfile.h"
 #include "fmblock.h"
+#include "os/RtLockSoon.h"
 
 constexpr uint32_t cmax_check_blocks = 131072;
 constexpr int64_t cmax_filea_data_len = 1073741824;
@@ -60,7 +61,9 @@ public:
 
     /// The lock between the two threads over the blocks' place, length, position and store. The caller
     /// thread alone changes those, under it; the read/write thread reads them under it.
-    std::mutex& GetTransferMutex() { return m_transferMutex; }
+    [[nodiscard]] std::unique_lock<std::mutex> LockTransfer() {
+        return RtLockSoon(m_transferMutex);
+    }
     /// Over the two disk files and what is known of them. Taken before the transfer mutex.
     std::mutex& GetDiskMutex() { return m_diskMutex; }
     /// Stores that are queued or running. Counted up on the caller thread.
@@ -74,6 +77,8 @@ public:
     int DiscardPredecessor();
     /// Keeps other processes out of the data file, if there is one. False when one of them has it.
     bool TakeDiskFile();
+    /// Whether there was no information file until it was looked for.
+    bool HasMadeInfo() const { return m_infoFile && m_infoFile->GetOpening().created; }
     /// Others in this process may take the path: nothing of this file runs on the read/write thread now.
     void CloseStreams();
     /// Both on the read/write thread, before bytes are read, or written at `pos`: the data file is open

@@ -29,7 +29,7 @@ template <>
 class CFMArgument<CRtMessageBlock*> {
 public:
     explicit CFMArgument(CRtMessageBlock* chain) : m_chain(chain) {}
-    CRtMessageBlock* Get() { return m_chain.get(); }
+    CRtMessageBlock* Get() const { return m_chain.get(); }
 
 private:
     CRtMessageChain m_chain;
@@ -82,7 +82,7 @@ private:
 };
 
 template <class T, class R>
-class CFMRefFunctor1 final : public CFMFunctorBase {
+class CFMRefFunctor1 : public CFMFunctorBase {
 public:
     CFMRefFunctor1(T* target, R (T::*member)(CRtMessageBlock*), CRtMessageChain chain)
         : m_target(target), m_member(member), m_chain(chain.release()) {}
@@ -91,10 +91,10 @@ public:
         return 0;
     }
 
-private:
-    CRtComAutoPtr<T> m_target;
-    R (T::*m_member)(CRtMessageBlock*);
-    CFMArgument<CRtMessageBlock*> m_chain;
+protected:
+    const CRtComAutoPtr<T> m_target;
+    R (T::*const m_member)(CRtMessageBlock*);
+    const CFMArgument<CRtMessageBlock*> m_chain;
 };
 
 template <class T, class R, class A, class B>

@@ -253,9 +253,7 @@ int CFMFile::LoadBlokInfo() {
                                  << ret << ",length=" << length << " this=" << this);
         return 0;
     }
-    uint64_t fileLength = 0;
-    ret = m_infoFile->GetLength(fileLength);
-    if (RT_SUCCEEDED(ret) && length > fileLength)
+    if (!m_infoFile->Reaches(length))
         ret = RT_ERROR_IO; // it could not be read, and nothing is allocated for it
     CRtMessageChain body = RT_SUCCEEDED(ret) ? CRtMessageBlock::Create(length) : nullptr;
     if (RT_SUCCEEDED(ret))
@@ -289,7 +287,7 @@ std::vector<bool> CFMFile::FindDoubtful(std::vector<FMBlockEntry> slots,
 // False when there is no memory for a block: saved again, the table would be without it.
 bool CFMFile::RestoreBlocks(const std::vector<FMBlockEntry>& slots) {
     RtOs::FileStamp data;
-    if (!m_diskFile || !RtOs::GetStamp(m_diskFile->GetFileName(), data))
+    if (!m_diskFile || !m_diskFile->GetStamp(data))
         return false;
     const auto dataLength = static_cast<int64_t>(data.length);
     const std::vector<bool> shared = FindSharedPlaces(slots);

@@ -21,13 +21,19 @@ CStreamKeeper& CStreamKeeper::Instance() {
     return *keeper;
 }
 
-CStreamKeeper::CUse::CUse(CDiskFile& file) : m_file(file) { Instance().BeginUse(m_file); }
-CStreamKeeper::CUse::~CUse() { Instance().EndUse(m_file); }
+// One thread at a time uses a file: it alone counts the uses inside another.
+CStreamKeeper::CUse::CUse(CDiskFile& file) : m_file(file) {
+    if (m_file.m_uses++ == 0)
+        Instance().BeginUse(m_file);
+}
+
+CStreamKeeper::CUse::~CUse() {
+    if (--m_file.m_uses == 0)
+        Instance().EndUse(m_file);
+}
 
 void CStreamKeeper::BeginUse(CDiskFile& file) {
     const std::lock_guard lock(m_mutex);
-    if (file.m_uses++ > 0)
-        return;
     m_inUse.push_back(&file);
     if (file.m_kept)
         Unlink(file);
@@ -35,8 +41,6 @@ void CStreamKeeper::BeginUse(CDiskFile& file) {
 
 void CStreamKeeper::EndUse(CDiskFile& file) {
     const std::lock_guard lock(m_mutex);
-    if (--file.m_uses > 0)
-        return;
     std::erase(m_inUse, &file);
     if (file.m_pFile)
         Link(file);
@@ -51,14 +55,16 @@ CRtString CStreamKeeper::GetNamesInUse() {
 }
 
 void CStreamKeeper::MakeRoom() {
-    const uint32_t limit = Limit();
     const std::lock_guard lock(m_mutex);
-    while (m_open >= limit && CloseOldest()) {
+    if (m_open >= m_limit) // it may have been raised; where it was lowered, the system refuses one
+        m_limit = Limit();
+    while (m_open >= m_limit && CloseOldest()) {
     }
 }
 
 bool CStreamKeeper::GiveBack() {
     const std::lock_guard lock(m_mutex);
+    m_limit = Limit();
     const uint32_t target = m_open / 2;
     const bool any = m_open > 0;
     while (m_open > target && CloseOldest()) {

@@ -46,6 +46,7 @@ private:
     std::mutex m_mutex;
     CDiskFile* m_pOldest = nullptr;
     CDiskFile* m_pNewest = nullptr;
-    uint32_t m_open = 0; // streams in the list: open and not in use
+    uint32_t m_open = 0;  // streams in the list: open and not in use
+    uint32_t m_limit = 0; // as last asked for
     std::vector<CDiskFile*> m_inUse;
 };

@@ -113,7 +113,7 @@ public:
 private:
     struct CRtDataBlock;
     explicit CRtMessageBlock(CRtDataBlock* data, char* bytes, uint32_t size);
-    ~CRtMessageBlock();
+    ~CRtMessageBlock() = default;
 
     static constexpr char SOURCE[] = "util/h/RtMessageBlock";
 

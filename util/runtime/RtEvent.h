@@ -43,6 +43,11 @@ public:
     /// Takes a posted event back and disposes of it. False when it is no longer in the queue because
     /// it is about to run. The event must not have run yet: its poster has to know that.
     virtual bool WithdrawEvent(IRtEvent* event) = 0;
+    /// For an event that does the work of those behind it as well: hands the next posted event over, to be
+    /// disposed of by whoever takes it, if `isWanted`(last, next) says so; else null. The predicate is
+    /// called under the queue's lock and must not call the queue.
+    virtual IRtEvent* TakeNextIf(bool (*isWanted)(const IRtEvent& last, const IRtEvent& next),
+                                 const IRtEvent& last) = 0;
 
 protected:
     virtual ~IRtEventQueue();

@@ -138,6 +138,16 @@ bool CRtEventQueue::WithdrawEvent(IRtEvent* event) {
     return true;
 }
 
+IRtEvent* CRtEventQueue::TakeNextIf(bool (*isWanted)(const IRtEvent& last, const IRtEvent& next),
+                                    const IRtEvent& last) {
+    const std::unique_lock lock = RtLockSoon(m_mutex);
+    IRtEvent* const next = m_pFirst;
+    if (!next || next->m_pTicket || !isWanted(last, *next)) // somebody waits for one with a ticket
+        return nullptr;
+    Unlink(next);
+    return next;
+}
+
 void CRtEventQueue::Unlink(IRtEvent* event) {
     (event->m_pPrevious ? event->m_pPrevious->m_pNext : m_pFirst) = event->m_pNext;
     (event->m_pNext ? event->m_pNext->m_pPrevious : m_pLast) = event->m_pPrevious;

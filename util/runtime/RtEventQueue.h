@@ -25,6 +25,8 @@ public:
     int PostEvent(IRtEvent* event, int priority) noexcept override;
     int SendEvent(IRtEvent* event) override;
     bool WithdrawEvent(IRtEvent* event) override;
+    IRtEvent* TakeNextIf(bool (*isWanted)(const IRtEvent& last, const IRtEvent& next),
+                         const IRtEvent& last) override;
 
     /// Makes the calling thread the owner, or no thread.
     void SetOwner(bool owned);

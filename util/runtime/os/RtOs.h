@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <span>
 #include <string>
 
 #include "RtString.h"
@@ -118,6 +119,8 @@ enum OpenFlags : uint32_t {
 /// unbuffered: another stream on the same file sees what was written at once. A file that exists is
 /// never emptied. Null on failure, with the system's error number. `created`: the file was made.
 FILE* OpenStream(const CRtString& path, uint32_t flags, int& error, bool& created);
+/// Whether that error number means that there is no file of that path.
+bool IsNoSuchFile(int error);
 /// Whether that error number means that somebody else has the file open alone.
 bool IsInUse(int error);
 /// Whether that error number means that the process or the system has no stream left.
@@ -131,6 +134,17 @@ enum class Transfer {
 /// Move exactly `length` bytes at a 64-bit offset from the start of the file, past the stream's position.
 Transfer ReadAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length);
 Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t length);
+struct Piece {
+    const void* bytes;
+    uint32_t length;
+};
+constexpr size_t PIECES_MAX = 64;
+/// Writes the pieces, PIECES_MAX at most, one behind the other, with one call where the system has such a
+/// call. Whatever it answers but Done, some of the bytes may have been written.
+Transfer WriteAllAt(FILE* stream, uint64_t offset, std::span<const Piece> pieces);
+/// The file's length now. Costs a write less than a stamp does: systems that were asked for a file's
+/// times write the exact time with the next change. False when the system does not tell.
+bool GetLength(FILE* stream, uint64_t& length);
 /// Which file it is, and its age and length: another stamp means another file or other bytes, but for
 /// changes within the few milliseconds that the system's times do not tell apart.
 struct FileStamp {

@@ -8,9 +8,11 @@
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -266,8 +268,18 @@ FILE* OpenStream(const CRtString& path, uint32_t flags, int& error, bool& create
     return stream;
 }
 
+bool IsNoSuchFile(int error) { return IsMissing(error); }
 bool IsOutOfStreams(int error) { return error == EMFILE || error == ENFILE; }
 bool IsInUse(int error) { return error == EWOULDBLOCK; }
+
+// The position is nobody's: every transfer says where it goes.
+bool GetLength(FILE* stream, uint64_t& length) {
+    const off_t end = ::lseek(::fileno(stream), 0, SEEK_END);
+    if (end < 0)
+        return false;
+    length = static_cast<uint64_t>(end);
+    return true;
+}
 
 bool GetStamp(FILE* stream, FileStamp& stamp) {
     struct stat info {};
@@ -315,6 +327,26 @@ Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t leng
     return MoveAll(offset, length, [&](uint32_t done, off_t at) {
         return ::pwrite(fd, static_cast<const char*>(bytes) + done, length - done, at);
     });
+}
+
+Transfer WriteAllAt(FILE* stream, uint64_t offset, std::span<const Piece> pieces) {
+    static_assert(PIECES_MAX <= IOV_MAX);
+    std::array<iovec, PIECES_MAX> vectors;
+    if (pieces.size() > vectors.size())
+        return Transfer::Failed;
+    size_t length = 0;
+    for (size_t i = 0; i < pieces.size(); ++i) {
+        vectors[i] = {const_cast<void*>(pieces[i].bytes), pieces[i].length}; // only read from
+        length += pieces[i].length;
+    }
+    ssize_t moved = -1;
+    do
+        moved = ::pwritev(::fileno(stream), vectors.data(), static_cast<int>(pieces.size()),
+                          static_cast<off_t>(offset));
+    while (moved < 0 && errno == EINTR);
+    if (moved < 0)
+        return Transfer::Failed;
+    return static_cast<size_t>(moved) == length ? Transfer::Done : Transfer::Short;
 }
 
 uint32_t GetStreamLimit() {

@@ -280,6 +280,7 @@ FILE* OpenStream(const CRtString& path, uint32_t flags, int& error, bool& create
     return stream;
 }
 
+bool IsNoSuchFile(int error) { return error == ENOENT; }
 bool IsOutOfStreams(int error) { return error == EMFILE || error == ENFILE; }
 bool IsInUse(int error) { return error == IN_USE; }
 
@@ -337,6 +338,24 @@ bool Stamp(HANDLE file, FileStamp& stamp) {
 }
 
 } // namespace
+
+Transfer WriteAllAt(FILE* stream, uint64_t offset, std::span<const Piece> pieces) {
+    Transfer result = Transfer::Done;
+    for (const Piece& piece : pieces) {
+        if (result == Transfer::Done)
+            result = WriteAt(stream, offset, piece.bytes, piece.length);
+        offset += piece.length;
+    }
+    return result;
+}
+
+bool GetLength(FILE* stream, uint64_t& length) {
+    const int64_t now = ::_filelengthi64(::_fileno(stream));
+    if (now < 0)
+        return false;
+    length = static_cast<uint64_t>(now);
+    return true;
+}
 
 bool GetStamp(FILE* stream, FileStamp& stamp) {
     stamp = {};
