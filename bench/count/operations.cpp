@@ -90,10 +90,21 @@ void CompletingWrite() {
     Counted([&](uint32_t i) { blocks.Write(i, 2 * PIECE, PIECE); });
 }
 
-// Counted in CFMBlock::WriteToFile.
+// Both are counted in CFMStore::OnEventFire.
 void Store() {
     Blocks blocks;
-    blocks.WriteAll();
+    for (uint32_t i = 0; i < TIMES; ++i) {
+        blocks.Write(i, PIECE, 0);
+        blocks.cache.Drain();
+    }
+}
+
+void StoreTogether() {
+    Blocks blocks;
+    {
+        const Hold hold;
+        blocks.WriteAll();
+    }
     blocks.cache.Drain();
 }
 
@@ -162,6 +173,7 @@ int main(int argc, char** argv) {
     constexpr Operation operations[] = {{"piece_write", PieceWrite},
                                         {"completing_write", CompletingWrite},
                                         {"store", Store},
+                                        {"store_together", StoreTogether},
                                         {"resident_read", ResidentRead},
                                         {"load", Load},
                                         {"posting", Posting}};

@@ -14,7 +14,8 @@ import tempfile
 # Where the counting goes on and off: the program's own function on the caller thread, the library's on
 # the read/write thread.
 OPERATIONS = {
-    "piece_write": "*Counted*", "completing_write": "*Counted*", "store": "CFMBlock::WriteToFile*",
+    "piece_write": "*Counted*", "completing_write": "*Counted*", "store": "CFMStore::OnEventFire*",
+    "store_together": "CFMStore::OnEventFire*",
     "resident_read": "*Counted*", "load": "CFMBlock::ReadFromFile*", "posting": "*Counted*",
 }
 BOUND = 1.15  # allocators and locks differ a little from run to run, and a slip that matters is larger
