@@ -340,6 +340,7 @@ void Workload::Run() {
     // Entries are cleared as the directory lists them, here the newest first: the data before the table
     // is the worse order.
     for (uint32_t file = 0; file < FILES; ++file) {
+        Forget(file); // a kill between the two steps leaves it nameless
         const fs::path data = m_dir / "sdstore" / (Name(file) + ".sdd");
         std::error_code ignored;
         fs::rename(data, m_dir / "away", ignored);

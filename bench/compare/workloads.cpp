@@ -332,7 +332,7 @@ std::unique_ptr<Workload> MakeWorkload(const std::string& name, uint32_t share) 
     const Layout files{
         .files = 2000 / share, .blocks = 4, .blockLen = PIECE_LEN, .pieceLen = PIECE_LEN};
     const Layout mixed{.files = 64,
-                       .blocks = 32 / share,
+                       .blocks = 16 / share,
                        .blockLen = BLOCK_LEN,
                        .pieceLen = PIECE_LEN,
                        .memory = 64 << 20};

@@ -86,7 +86,7 @@ def panel(workload, results, top):
     order = sorted(values, key=values.get, reverse=more_is_better)
     for row, name in enumerate(order):
         y = top + 25 + row * ROW
-        kind = {"filemanager": "own", "limit": "limit"}.get(name, "bar")
+        kind = {"filemanager": "own", "limit": "limit", "kept": "limit"}.get(name, "bar")
         end = scale.at(values[name])
         parts.append(text(LEFT - 8, y + 11, table.NAMES[name], "", "end"))
         # Dots and no bars: on a logarithmic axis the length of a bar means nothing.

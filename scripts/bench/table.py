@@ -42,7 +42,7 @@ ROWS = {
     "small_batched": ("50,000 blocks of 1 KiB, handed over 1,000 at once", "/s", per_second, True),
     "mixed": ("writes, reads, owners in 64 files, memory limit reached", "operations/s", per_second, True),
 }
-NAMES = {"limit": "limit", "filemanager": "this library", "lmdb": "LMDB", "sqlite": "SQLite",
+NAMES = {"limit": "limit", "kept": "limit, kept", "filemanager": "this library", "lmdb": "LMDB", "sqlite": "SQLite",
          "leveldb": "LevelDB", "rocksdb": "RocksDB", "libtorrent": "libtorrent", "stdio": "naive stdio"}
 
 
