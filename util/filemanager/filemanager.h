@@ -64,8 +64,8 @@ public:
     int PostToCallerThread(IRtEvent* aFunctor, int sync);
     /// Takes a posted event back, if it has not begun; true when it is disposed of.
     bool WithdrawFromReadwrThread(IRtEvent* aFunctor);
-    /// On the read/write thread.
-    IRtEventQueue* GetReadwrQueue() { return m_pReadwrTd->GetEventQueue(); }
+    /// Null when the thread is gone, as for what the end of the process runs.
+    IRtEventQueue* GetReadwrQueue() { return m_pReadwrTd ? m_pReadwrTd->GetEventQueue() : nullptr; }
     uint32_t GetReadwrThreadID();
 
     int Random(int aMax);

@@ -14,9 +14,10 @@ public:
     int OnEventFire() override;
 
     CFMBlock& GetBlock() const { return *m_target.Get(); }
-    const CRtMessageBlock* GetBytes() const { return m_chain.Get(); }
+    const char* GetStart() const { return m_chain.Get()->GetTopLevelReadPtr(); }
+    uint32_t GetLength() const { return m_chain.Get()->GetTopLevelLength(); }
     int64_t GetPos() const { return m_pos; }
-    int64_t GetEnd() const { return m_pos + GetBytes()->GetTopLevelLength(); }
+    int64_t GetEnd() const { return m_pos + GetLength(); }
 
 private:
     static bool IsNextTo(const IRtEvent& last, const IRtEvent& next);

@@ -29,6 +29,21 @@ void CheckReadwrThread() {
              "CFileManager::Instance()->GetReadwrThreadID()");
 }
 
+int WritePieces(CFMFile& file, CDiskFile& disk, std::span<CFMStore* const> stores) {
+    const int64_t pos = stores.front()->GetPos();
+    std::array<RtOs::Piece, RtOs::PIECES_MAX> pieces;
+    std::ranges::transform(stores, pieces.begin(), [](const CFMStore* store) {
+        return RtOs::Piece{store->GetStart(), store->GetLength()};
+    });
+    const std::lock_guard diskLock(file.GetDiskMutex());
+    const CStreamKeeper::CUse use(disk); // one stream for all steps
+    const auto length = static_cast<uint32_t>(stores.back()->GetEnd() - pos);
+    const int result = file.PrepareStore(pos, length, 0);
+    return RT_FAILED(result)
+               ? result
+               : disk.WritePieces({pieces.data(), stores.size()}, static_cast<uint64_t>(pos));
+}
+
 } // namespace
 
 // --- The store ----------------------------------------------------------------------------------
@@ -101,7 +116,7 @@ int CFMStore::OnEventFire() {
     std::array<CFMStore*, RtOs::PIECES_MAX> stores{this};
     size_t count = 1;
     IRtEventQueue* const queue = CFileManager::Instance()->GetReadwrQueue();
-    while (count < stores.size() && GetBytes()->GetTopLevelLength() <= SMALL) {
+    while (queue && count < stores.size() && GetLength() <= SMALL) {
         IRtEvent* const next = queue->TakeNextIf(&IsNextTo, *stores[count - 1]);
         if (!next)
             break;
@@ -121,48 +136,33 @@ bool CFMStore::IsNextTo(const IRtEvent& last, const IRtEvent& next) {
     const auto& before = static_cast<const CFMStore&>(last);
     const auto* const store = dynamic_cast<const CFMStore*>(&next);
     return store && store->GetBlock().GetFile() == before.GetBlock().GetFile() &&
-           store->m_pos == before.GetEnd() && store->GetBytes()->GetTopLevelLength() <= SMALL;
+           store->m_pos == before.GetEnd() && store->GetLength() <= SMALL;
 }
 
 // Not written anew since, and nothing on disk speaks of the place. Under the transfer mutex.
 bool CFMBlock::IsStoreOf(const CFMStore& store) const {
-    return m_storeBytes == store.GetBytes()->GetTopLevelReadPtr() &&
-           m_posInFile == store.GetPos() && m_position == m_totalLen && m_origin.entryAt == 0;
+    return m_storeBytes == store.GetStart() && m_posInFile == store.GetPos() &&
+           m_position == m_totalLen && m_origin.entryAt == 0;
 }
 
 bool CFMBlock::WriteTogether(std::span<CFMStore* const> stores) {
     CheckReadwrThread();
     CFMFile& file = *stores.front()->GetBlock().m_file.Get();
     CDiskFile* const disk = file.GetDiskFile();
-    if (!disk)
-        return false;
     {
         const auto lock = file.LockTransfer();
-        if (!std::ranges::all_of(stores,
-                                 [](auto* each) { return each->GetBlock().IsStoreOf(*each); }))
+        const auto isDue = [](CFMStore* store) { return store->GetBlock().IsStoreOf(*store); };
+        if (!disk || !std::ranges::all_of(stores, isDue))
             return false;
         for (CFMStore* store : stores)
             store->GetBlock().m_storeEvent = nullptr; // nobody can take it back any more
     }
-    const int64_t pos = stores.front()->GetPos();
-    const int64_t end = stores.back()->GetEnd();
-    std::array<RtOs::Piece, RtOs::PIECES_MAX> pieces;
-    std::ranges::transform(stores, pieces.begin(), [](auto* each) {
-        return RtOs::Piece{each->GetBytes()->GetTopLevelReadPtr(),
-                           each->GetBytes()->GetTopLevelLength()};
-    });
-    {
-        const std::lock_guard diskLock(file.GetDiskMutex());
-        const CStreamKeeper::CUse use(*disk); // one stream for all steps
-        if (RT_FAILED(file.PrepareStore(pos, static_cast<uint32_t>(end - pos), 0)) ||
-            RT_FAILED(
-                disk->WritePieces({pieces.data(), stores.size()}, static_cast<uint64_t>(pos))))
-            return false;
-    }
+    if (RT_FAILED(WritePieces(file, *disk, stores)))
+        return false;
     const auto lock = file.LockTransfer();
     for (CFMStore* store : stores) {
         CFMBlock& block = store->GetBlock();
-        if (block.m_storeBytes == store->GetBytes()->GetTopLevelReadPtr())
+        if (block.m_storeBytes == store->GetStart())
             block.EndStore(RT_OK);
         file.StoreEnded();
     }
