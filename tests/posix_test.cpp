@@ -167,3 +167,28 @@ TEST(Clearing, FollowsNoLinkOutOfTheCache) {
     EXPECT_FALSE(fs::is_symlink(root)); // the link itself goes
     EXPECT_EQ(Files(outside.path), before);
 }
+
+TEST(HouseKeeping, OfNamesThatLeadElsewhereEndsAndTouchesNothingThere) {
+    TestClock clock;
+    LogCapture quiet(RT_LOG_SILENT);
+    const TempDir outside;
+    WriteFile(outside.path / "precious", "precious");
+    Cache cache(1, 7);
+    WriteFile(cache.dir.path / "victim.sdd", "kept");
+    WriteFile(cache.dir.path / "sdstore" / "..\\victim.sdd", ""); // the library's separator
+    const FMFileID nowhere = Description().fileID;
+    const FMFileID elsewhere = Description().fileID;
+    fs::create_symlink(outside.path / "none", cache.Path(nowhere, ".sdi"));
+    WriteFile(cache.Path(nowhere, ".sdd"), "");
+    fs::create_symlink(outside.path / "precious", cache.Path(elsewhere, ".sdd"));
+    EXPECT_FALSE(cache.Open(nowhere)); // neither there nor to be made
+    clock.Advance(60'000);
+    cache.thread.RunDue();
+    cache.Stop();
+    EXPECT_TRUE(fs::exists(cache.dir.path / "victim.sdd"));
+    EXPECT_FALSE(fs::exists(cache.Path(nowhere, ".sdd")));
+    EXPECT_FALSE(fs::is_symlink(cache.Path(nowhere, ".sdi")));
+    EXPECT_FALSE(fs::is_symlink(cache.Path(elsewhere, ".sdd")));
+    EXPECT_EQ(ReadFile(outside.path / "precious"), "precious");
+    EXPECT_FALSE(fs::exists(outside.path / "none"));
+}

@@ -98,6 +98,9 @@ public:
         m_file.Create(m_plan.info);
         if (m_plan.length == 0)
             return MarkChanged();
+        // Without bytes it tells, from the first saving on, how far the file is to go: one that is never
+        // brought to its end shows as incomplete.
+        m_file.Block(FIRST_BLOCK + m_plan.Count() - 1, true);
         // The first block goes to disk alone: a disk that takes nothing shows at once, and from then
         // on other servers on this directory see a file and not a stray data file.
         uint64_t most = 0;

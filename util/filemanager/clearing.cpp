@@ -23,7 +23,7 @@ void CFileManager::ClearDiskCache() {
 }
 
 void CFileManager::ClearStore() {
-    RtOs::DirectoryWalk store(m_dataDir);
+    RtOs::DirectoryWalk store(m_dataDir, true); // others are in it by way of a link, too
     if (store.TakeAlone())
         RemoveDir(m_dataDir);
     else
@@ -80,6 +80,8 @@ void CFileManager::ExamineNext_m() {
     while (m_houseKeepingWalk->Next(name, isDirectory)) {
         if (isDirectory || name.size() <= extensionLength || !name.view().ends_with(".sdd"))
             continue;
+        if (RtOs::FindLastSeparator(name) != std::string_view::npos)
+            continue; // some systems allow it in a name, and it would lead out of the directory
         ExamineFile(name.Left(name.size() - extensionLength));
         // A thread that stops takes no more: the run is given up and begins anew another time.
         if (RT_FAILED(PostToReadwrThread(new CFMFunctor0(this, &CFileManager::ExamineNext_m), 0)))

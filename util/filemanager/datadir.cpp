@@ -1,5 +1,7 @@
 // Where the cache lives on disk, and the small directory operations.
+#include <chrono>
 #include <cstdio>
+#include <thread>
 #include <vector>
 
 #include "RtHome.h"
@@ -62,12 +64,29 @@ int CFileManager::CheckDataDir() {
 }
 
 // Also by every tick: somebody who cleared may have had the directory alone, or have removed it, and
-// another may have been made under its name.
-void CFileManager::UseDataDir() {
+// another may have been made under its name. False when somebody else has it alone.
+bool CFileManager::UseDataDir() {
     auto use = std::make_unique<RtOs::DirectoryUse>(m_dataDir);
+    const bool isRefused = use->IsRefused();
     const std::lock_guard lock(m_registryMutex);
     if (use->IsHeld()) // else the one that is held stays
         m_dataDirUse.swap(use);
+    return !isRefused;
+}
+
+// Whoever clears removes what comes into the directory meanwhile, too.
+void CFileManager::WaitForClearing() {
+    constexpr std::chrono::milliseconds patience(10'000);
+    constexpr std::chrono::milliseconds pause(10);
+    for (auto waited = pause; !UseDataDir(); waited += pause) {
+        if (waited > patience) {
+            RT_LOG(RT_LOG_WARNING,
+                   "CFileManager::Initialize, another process clears, dir=" << m_dataDir);
+            return;
+        }
+        std::this_thread::sleep_for(pause);
+        CheckDataDir();
+    }
 }
 
 void CFileManager::EndDirectoryUse() {

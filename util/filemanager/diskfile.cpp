@@ -33,24 +33,33 @@ int CDiskFile::Open(const CRtString& strFileName, int bCreate) {
     }
     const CStreamKeeper::CUse use(*this);
     Close();
+    int error = 0;
+    const int result = OpenStream(strFileName, bCreate ? uint32_t{RtOs::OPEN_CREATE} : 0, error);
+    if (error != 0)
+        LogOpening(strFileName, error);
+    return result;
+}
+
+// `error`: the system's, when there is no stream.
+int CDiskFile::OpenStream(const CRtString& path, uint32_t flags, int& error) {
     CStreamKeeper& keeper = CStreamKeeper::Instance();
     keeper.MakeRoom();
-    int error = 0;
     bool created = false;
-    const uint32_t flags = m_flags | (bCreate ? uint32_t{RtOs::OPEN_CREATE} : 0);
-    FILE* stream = RtOs::OpenStream(strFileName, flags, error, created);
+    FILE* stream = RtOs::OpenStream(path, m_flags | flags, error, created);
     while (!stream && RtOs::IsOutOfStreams(error) && keeper.GiveBack())
-        stream = RtOs::OpenStream(strFileName, flags, error, created);
+        stream = RtOs::OpenStream(path, m_flags | flags, error, created);
     m_isInUse = !stream && (RtOs::IsInUse(error) || RtOs::IsOutOfStreams(error));
-    if (!stream) {
-        if (bCreate || !RtOs::IsNoSuchFile(error))
-            RT_LOG(RT_LOG_ERROR, "CDiskFile::Open. fopen Failed. error="
-                                     << error << " Filename=" << strFileName << " this=" << this);
+    if (!stream)
         return RT_ERROR_IO;
-    }
+    error = 0;
     m_pFile = stream;
-    m_strFileName = strFileName;
+    m_strFileName = path;
     return NoteOpening(created);
+}
+
+void CDiskFile::LogOpening(const CRtString& path, int error) const {
+    RT_LOG(RT_LOG_ERROR, "CDiskFile::Open. fopen Failed. error=" << error << " Filename=" << path
+                                                                 << " this=" << this);
 }
 
 int CDiskFile::NoteOpening(bool created) {
@@ -86,7 +95,13 @@ bool CDiskFile::IsStreamTrue() {
 
 bool CDiskFile::TakeExisting() {
     const CStreamKeeper::CUse use(*this);
-    return m_pFile || RT_SUCCEEDED(Open(m_strFileName, 0)) || !m_isInUse;
+    if (m_pFile)
+        return true;
+    int error = 0;
+    const int result = OpenStream(m_strFileName, RtOs::OPEN_EXISTING, error);
+    if (error != 0 && !RtOs::IsNoSuchFile(error))
+        LogOpening(m_strFileName, error);
+    return RT_SUCCEEDED(result) || !m_isInUse;
 }
 
 int CDiskFile::Close() {

@@ -67,6 +67,8 @@ private:
     };
     int Fail(RtOs::Transfer result, const FailureTexts& texts, uint32_t dwLength,
              uint64_t dwOffset);
+    int OpenStream(const CRtString& path, uint32_t flags, int& error);
+    void LogOpening(const CRtString& path, int error) const;
     void LogWrite(uint32_t dwLength, uint64_t dwOffset) const;
     int NoteOpening(bool created);
     void CloseStream();

@@ -78,6 +78,7 @@ int CFileManager::Initialize(const CRtString& dataDir, uint16_t clearDays, int i
     if (m_clearDays == 1)
         ClearDiskCache();
     CheckDataDir();
+    WaitForClearing();
     StartThreads();
     m_init = 1;
     return RT_OK;
@@ -257,21 +258,18 @@ CFMFile* CFileManager::LoadFile(const CRtString& stem) {
     SettlePredecessors(pathID);
     const COpening opening(*this, pathID);
     FileRef file(new (std::nothrow) CFMFile(stem));
-    if (file && !file->TakeDiskFile()) {
+    // Without information there is nothing to load, and a data file that another process is just making
+    // is not taken from it.
+    const bool isThere = FileExists(m_dataDir + stem + ".sdi");
+    if (file && isThere && !file->TakeDiskFile()) {
         RT_LOG(RT_LOG_WARNING,
                "CFileManager::LoadFile, another process has the file, fileID=" << stem);
         return nullptr;
     }
-    if (file && file->LoadFileInfo() && file->LoadBlokInfo()) {
+    if (file && file->LoadFileInfo() && isThere && file->LoadBlokInfo()) {
         RegisterFile(file, file->GetFileInfo().fileID);
         return file.Get(); // the registry's reference keeps it
     }
-    const bool madeInfo = file && file->HasMadeInfo();
-    file.Reset();
-    const CRtString infoPath = m_dataDir + stem + ".sdi";
-    uint64_t length = 0;
-    if (madeInfo && RtOs::GetFileLength(infoPath, length) && length == 0)
-        RtOs::RemoveFile(infoPath); // looking for it has made it
     return nullptr;
 }
 

@@ -136,7 +136,8 @@ private:
     static CRtString GetDefaultDir();
     void ClearDiskCache();
     void ClearStore();
-    void UseDataDir();
+    bool UseDataDir();
+    void WaitForClearing();
     void EndDirectoryUse();
     int RemoveDeadDirectories(bool filesToo);
     bool RemoveIfDead(RtOs::DirectoryWalk& root, const CRtString& name, bool mayRemove);

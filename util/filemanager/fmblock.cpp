@@ -187,11 +187,15 @@ void CFMBlock::BeginRewrite(uint32_t blockLen) {
     FreeData();
     m_file->MarkInfoChanged(); // the bytes of the entry that stands are gone for the caller
     m_position = 0;
-    if (m_totalLen != blockLen || m_origin.placeIsShared) {
-        m_posInFile = 0;
-        m_totalLen = 0;
-        m_origin = {};
-    }
+    if (m_totalLen != blockLen || m_origin.placeIsShared)
+        Forget();
+}
+
+// Which bytes it had, and where.
+void CFMBlock::Forget() {
+    m_posInFile = 0;
+    m_totalLen = 0;
+    m_origin = {};
 }
 
 int CFMBlock::PrepareBuffer(uint32_t blockLen) {
@@ -207,7 +211,11 @@ int CFMBlock::PrepareBuffer(uint32_t blockLen) {
     m_state = BLOCK_STATE_FILLING;
     m_staleLoads = m_loadsUnderWay; // they were asked for bytes that are no more
     AllocData();
-    return RT_CHECK(SOURCE, m_data, "m_data") ? RT_OK : RT_ERROR_NULL_OBJECT;
+    if (RT_CHECK(SOURCE, m_data, "m_data"))
+        return RT_OK;
+    Forget(); // the next piece may be of a length that there is memory for
+    m_state = BLOCK_STATE_EMPTY;
+    return RT_ERROR_NULL_OBJECT;
 }
 
 void CFMBlock::Complete() {

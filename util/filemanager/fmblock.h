@@ -95,6 +95,7 @@ private:
     int CheckPiece(uint32_t blockLen, uint32_t dataPos, const CRtMessageBlock* data);
     int BeginPiece(uint32_t blockLen, bool rewrite);
     void BeginRewrite(uint32_t blockLen);
+    void Forget();
     int PrepareBuffer(uint32_t blockLen);
     void Complete();
     void PostStore();

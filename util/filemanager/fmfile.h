@@ -77,8 +77,6 @@ public:
     int DiscardPredecessor();
     /// Keeps other processes out of the data file, if there is one. False when one of them has it.
     bool TakeDiskFile();
-    /// Whether there was no information file until it was looked for.
-    bool HasMadeInfo() const { return m_infoFile && m_infoFile->GetOpening().created; }
     /// Others in this process may take the path: nothing of this file runs on the read/write thread now.
     void CloseStreams();
     /// Both on the read/write thread, before bytes are read, or written at `pos`: the data file is open

@@ -208,9 +208,18 @@ void CFMFile::DropWaitingInfo() {
 int CFMFile::LoadFileInfo() {
     char buffer[FM_INFO_FILE_BODY_MAX] = {};
     uint32_t length = sizeof(buffer);
-    int ret = m_infoFile ? m_infoFile->ReaddFileInfo(buffer, &length) : RT_ERROR_NOT_READY;
+    int ret = RT_ERROR_NOT_READY;
+    // A read would make it, while another process may be just making it, too.
+    if (m_infoFile)
+        ret = CFileManager::FileExists(m_infoFile->GetFileName())
+                  ? m_infoFile->ReaddFileInfo(buffer, &length)
+                  : RT_ERROR_IO;
     if (RT_FAILED(ret)) {
-        m_isInfoWithheld = ret == RT_ERROR_IO && !m_infoFile->IsTooShort();
+        // What is no file, but a link or a pipe, can be read on no other day.
+        RtOs::FileStamp info;
+        const bool isNone =
+            m_infoFile && RtOs::GetStamp(m_infoFile->GetFileName(), info) && !info.exists;
+        m_isInfoWithheld = ret == RT_ERROR_IO && !m_infoFile->IsTooShort() && !isNone;
         RT_LOG(RT_LOG_ERROR,
                "CFMFile::LoadFileInfo, ReaddFileInfo error, ret=" << ret << " this=" << this);
         return 0;

@@ -62,7 +62,7 @@ public:
     /// in the data file.
     /// 0; 10007 no memory for the block; 10008 `data` null, `blockLen` 0, the piece does not begin where
     /// the last one ended, or it would pass the block's end; 10015 the file has been closed. Nothing
-    /// changes then.
+    /// changes then, but that a block that was to be begun anew is empty after a 10007.
     virtual int WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* data) = 0;
 
     /// Asks for the bytes to be brought into memory. When they are there already the sink is called

@@ -112,13 +112,18 @@ void CRtThreadManager::ForgetThread(CRtThread* thread) {
 // then each user thread runs what is queued for it and ends; then number 3 runs what they have posted.
 bool CRtThreadManager::EndAllThreads() {
     CRtThread* caller = nullptr;
+    std::vector<CRtThread*> userThreads;
     {
         const std::lock_guard lock(m_state->mutex);
         caller = m_state->callerThread;
+        userThreads = m_state->userThreads;
     }
+    // A child that was forked has none of its parent's threads, and their work is not its own.
+    const CRtThread* any = caller || userThreads.empty() ? caller : userThreads.front();
+    if (any && !any->IsOfThisProcess())
+        return false;
     if (caller)
         RunCallerQueue(*caller);
-    std::vector<CRtThread*> userThreads;
     {
         const std::lock_guard lock(m_state->mutex);
         m_state->ended = true;

@@ -50,8 +50,6 @@ enum class EntryKind { Missing, File, Directory };
 /// What a path names; a link counts as what it leads to, one that leads nowhere as a file, and so does
 /// what the system does not tell.
 EntryKind GetEntryKind(const CRtString& path);
-/// False when there is no file of that path.
-bool GetFileLength(const CRtString& path, uint64_t& length);
 /// A directory that only this user may enter. False when it could not be made.
 bool MakeDirectory(const CRtString& path);
 void SetHidden(const CRtString& path);
@@ -101,11 +99,14 @@ public:
     /// False when the directory could not be opened, another process has it alone, or the system has no
     /// such thing.
     bool IsHeld() const { return m_handle >= 0; }
+    /// Whether another process has it alone, or has just removed it.
+    bool IsRefused() const { return m_isRefused; }
     DirectoryUse(const DirectoryUse&) = delete;
     DirectoryUse& operator=(const DirectoryUse&) = delete;
 
 private:
     int m_handle;
+    bool m_isRefused = false;
 };
 
 // --- Streams ------------------------------------------------------------------------------------
@@ -117,7 +118,8 @@ enum OpenFlags : uint32_t {
 };
 /// Opens a binary stream for reading and writing, contents kept, not inherited by child processes and
 /// unbuffered: another stream on the same file sees what was written at once. A file that exists is
-/// never emptied. Null on failure, with the system's error number. `created`: the file was made.
+/// never emptied; on POSIX a link is not followed. Null on failure, with the system's error number.
+/// `created`: the file was made.
 FILE* OpenStream(const CRtString& path, uint32_t flags, int& error, bool& created);
 /// Whether that error number means that there is no file of that path.
 bool IsNoSuchFile(int error);

@@ -119,14 +119,6 @@ EntryKind GetEntryKind(const CRtString& path) {
     return missing ? EntryKind::Missing : EntryKind::File;
 }
 
-bool GetFileLength(const CRtString& path, uint64_t& length) {
-    struct stat info {};
-    if (::stat(Native(path).c_str(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size < 0)
-        return false;
-    length = static_cast<uint64_t>(info.st_size);
-    return true;
-}
-
 bool MakeDirectory(const CRtString& path) { return ::mkdir(Native(path).c_str(), 0700) == 0; }
 
 void SetHidden(const CRtString&) {} // a leading dot hides here, and the name is given
@@ -179,9 +171,13 @@ bool DirectoryWalk::TakeAlone() { return LockFile(m_state->Handle(), LOCK_EX); }
 
 DirectoryUse::DirectoryUse(const CRtString& path)
     : m_handle(::open(NativeWithoutTail(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-    if (LockFile(m_handle, LOCK_SH))
+    struct stat info {};
+    const bool isMine = LockFile(m_handle, LOCK_SH);
+    const bool isRemoved = isMine && ::fstat(m_handle, &info) == 0 && info.st_nlink == 0;
+    if (isMine && !isRemoved)
         return;
-    ::close(m_handle); // somebody has it alone, and is about to remove what is in it
+    m_isRefused = true;
+    ::close(m_handle);
     m_handle = -1;
 }
 
@@ -218,7 +214,8 @@ bool DirectoryWalk::RemoveSubdirectory(const CRtString& name) {
 namespace {
 
 int OpenFile(const char* path, uint32_t flags, bool& created) {
-    constexpr int mode = O_RDWR | O_CLOEXEC;
+    // Beyond a link lies somebody else's file. One that leads nowhere could be neither opened nor made.
+    constexpr int mode = O_RDWR | O_CLOEXEC | O_NOFOLLOW;
     for (;;) {
         created = false;
         int fd = ::open(path, mode);
@@ -289,7 +286,7 @@ bool GetStamp(FILE* stream, FileStamp& stamp) {
 
 bool GetStamp(const CRtString& path, FileStamp& stamp) {
     struct stat info {};
-    const int result = ::stat(Native(path).c_str(), &info);
+    const int result = ::lstat(Native(path).c_str(), &info);
     return Stamp(result, info, stamp);
 }
 

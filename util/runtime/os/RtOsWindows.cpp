@@ -136,15 +136,6 @@ EntryKind GetEntryKind(const CRtString& path) {
     return IsDirectory(attributes) ? EntryKind::Directory : EntryKind::File;
 }
 
-bool GetFileLength(const CRtString& path, uint64_t& length) {
-    WIN32_FILE_ATTRIBUTE_DATA data{};
-    if (!::GetFileAttributesExA(path.c_str(), GetFileExInfoStandard, &data) ||
-        IsDirectory(data.dwFileAttributes))
-        return false;
-    length = Wide(data.nFileSizeHigh, data.nFileSizeLow);
-    return true;
-}
-
 bool MakeDirectory(const CRtString& path) { return ::_mkdir(path.c_str()) == 0; }
 
 void SetHidden(const CRtString& path) { ::SetFileAttributesA(path.c_str(), FILE_ATTRIBUTE_HIDDEN); }
@@ -213,8 +204,8 @@ bool DirectoryWalk::TakeAlone() {
 // As long as it is held, nobody can remove or rename the directory.
 DirectoryUse::DirectoryUse(const CRtString& path)
     : m_handle(static_cast<int>(reinterpret_cast<intptr_t>( // no handle needs more than 32 bits
-          Handle(WithoutTail(path), FILE_ADD_FILE, FILE_SHARE_READ | FILE_SHARE_WRITE)
-              .Release()))) {}
+          Handle(WithoutTail(path), FILE_ADD_FILE, FILE_SHARE_READ | FILE_SHARE_WRITE).Release()))),
+      m_isRefused(!IsHeld() && ::GetLastError() == ERROR_SHARING_VIOLATION) {}
 
 DirectoryUse::~DirectoryUse() {
     if (IsHeld())
