@@ -11,8 +11,10 @@ cd "$root"
 stamps=$build/lint
 mkdir -p "$stamps"
 
+# The sources of the tool are compiled together: most of the time goes into the headers that they share.
 mapfile -t sources < <(
-    find util tools -name '*.cpp' ! -name '*Windows.cpp' ! -name '*_windows.cpp' | sort)
+    find util -name '*.cpp' ! -name '*Windows.cpp' | sort
+    find "$build/tools" -path '*/Unity/unity_*.cxx' | sort)
 if [ "${#sources[@]}" -eq 0 ]; then
     echo "no source file found below $root" >&2
     exit 1
@@ -20,7 +22,8 @@ fi
 
 common=$({ clang-tidy --version
            cat .clang-tidy "$build/compile_commands.json"
-           find util tools -name '*.h' -print0 | sort -z | xargs -0 -r cat; } | sha256sum | cut -d' ' -f1)
+           find util tools \( -name '*.h' -o -path 'tools/*.cpp' \) -print0 | sort -z | xargs -0 -r cat
+         } | sha256sum | cut -d' ' -f1)
 
 # The analyzer takes most of the time when it follows every call as far as it leads, and finds no more.
 lint_one() {

@@ -13,7 +13,7 @@
 // Sanitizers make processes slow to begin and to end: there every so many operations are visited, and
 // every single one in the other builds.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr uint32_t STRIDE = 5;
+constexpr uint32_t STRIDE = 11;
 #else
 constexpr uint32_t STRIDE = 1;
 #endif
