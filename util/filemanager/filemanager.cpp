@@ -196,10 +196,10 @@ int CFileManager::Random(int aMax) {
     return std::rand() % aMax;
 }
 
-CFMBlock* CFileManager::CreateBlock(CFMFile* file, uint32_t blockID) {
+CFMBlock* CFileManager::CreateBlock(CFMFile* file, uint32_t blockID, uint64_t now) {
     if (m_isServer)
-        return new (std::nothrow) CFMServerBlock(file, blockID);
-    return new (std::nothrow) CFMClientBlock(file, blockID);
+        return new (std::nothrow) CFMServerBlock(file, blockID, now);
+    return new (std::nothrow) CFMClientBlock(file, blockID, now);
 }
 
 // --- Registry -----------------------------------------------------------------------------------

@@ -12,6 +12,7 @@
 #include "IFileManager.h"
 #include "RtReferenceControl.h"
 #include "RtThread.h"
+#include "RtTimeValue.h"
 #include "RtTimer.h"
 #include "fmfile.h"
 #include "os/RtOs.h"
@@ -69,8 +70,9 @@ public:
     uint32_t GetReadwrThreadID();
 
     int Random(int aMax);
-    /// A new block of this process's kind without a reference, or null.
-    CFMBlock* CreateBlock(CFMFile* file, uint32_t blockID);
+    /// A new block of this process's kind without a reference, or null. Whoever makes a whole
+    /// table of them asks for the time once.
+    CFMBlock* CreateBlock(CFMFile* file, uint32_t blockID, uint64_t now = GetTickCountEx());
 
     // Registry.
     int IsFileOpen(const CRtString& stem);

@@ -25,8 +25,8 @@ int64_t MsSince(uint64_t tick) { return static_cast<int64_t>(GetTickCountEx() - 
 
 } // namespace
 
-CFMBlock::CFMBlock(CFMFile* file, uint32_t blockID)
-    : m_file(file), m_blockID(blockID), m_lastAccessTime(GetTickCountEx()) {
+CFMBlock::CFMBlock(CFMFile* file, uint32_t blockID, uint64_t now)
+    : m_file(file), m_blockID(blockID), m_lastAccessTime(now) {
     ++g_counters.blocksCreated;
     RT_LOG(RT_LOG_TRACE, "CFMBlock::CFMBlock, blockID=" << m_blockID << " this=" << this);
 }

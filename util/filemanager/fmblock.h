@@ -31,7 +31,7 @@ enum FMBlockState : uint32_t {
 /// reference may be released on either thread.
 class CFMBlock : public CRtCounted<IFMBlock> {
 public:
-    CFMBlock(CFMFile* file, uint32_t blockID);
+    CFMBlock(CFMFile* file, uint32_t blockID, uint64_t now);
 
     int WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* data) noexcept override;
     int ReadData(IFMBlockSink* sink) noexcept override;

@@ -4,6 +4,7 @@
 
 #include "RtLog.h"
 #include "RtResult.h"
+#include "RtTimeValue.h"
 #include "filemanager.h"
 #include "fmfile.h"
 #include "fmfunctor.h"
@@ -24,12 +25,17 @@ int64_t EndOf(const FMBlockEntry& entry) { return entry.posInFile + entry.totalL
 std::vector<bool> FindSharedPlaces(const std::vector<FMBlockEntry>& slots) {
     std::vector<bool> shared(slots.size());
     std::vector<size_t> order;
+    order.reserve(slots.size());
     for (size_t i = 0; i < slots.size(); ++i) {
         if (slots[i].totalLen > 0 && FMIsEntryPossible(slots[i]))
             order.push_back(i);
     }
-    std::sort(order.begin(), order.end(),
-              [&slots](size_t a, size_t b) { return slots[a].posInFile < slots[b].posInFile; });
+    const auto liesBefore = [&slots](size_t a, size_t b) {
+        return slots[a].posInFile < slots[b].posInFile;
+    };
+    // Files that were written from their beginning to their end, which are most, need no sorting.
+    if (!std::is_sorted(order.begin(), order.end(), liesBefore))
+        std::sort(order.begin(), order.end(), liesBefore);
     int64_t furthestEnd = 0;
     size_t furthest = 0;
     for (const size_t i : order) {
@@ -301,6 +307,7 @@ bool CFMFile::RestoreBlocks(const std::vector<FMBlockEntry>& slots) {
     const auto dataLength = static_cast<int64_t>(data.length);
     const std::vector<bool> shared = FindSharedPlaces(slots);
     const std::vector<bool> doubtful = FindDoubtful(slots, shared, dataLength);
+    const uint64_t now = GetTickCountEx();
     uint32_t at = m_infoFile->GetBlockBodyOffset() + FM_INFO_COUNT_SIZE;
     for (size_t i = 0; i < slots.size(); at += FMEntrySize(slots[i++])) {
         if (slots[i].blockID == 0)
@@ -312,7 +319,7 @@ bool CFMFile::RestoreBlocks(const std::vector<FMBlockEntry>& slots) {
             continue;
         }
         const CRtComAutoPtr<CFMBlock> block =
-            CFileManager::Instance()->CreateBlock(this, slots[i].blockID);
+            CFileManager::Instance()->CreateBlock(this, slots[i].blockID, now);
         if (!block) {
             ReleaseBlocks(); // they and the file hold each other
             return false;
