@@ -76,8 +76,9 @@ TEST_P(Starving, AtEveryAllocation) {
             break;
         ASSERT_EQ(trial.Verify(), "done") << "after allocation " << plan.nth;
     }
-    if (STRIDE == 1) // few allocations are those that are coped with for good
+    if (STRIDE == 1) { // few allocations are those that are coped with for good
         EXPECT_GT(coped, 1U);
+    }
     std::cout << coped << " of " << plan.nth / STRIDE << " coped with\n";
 }
 
