@@ -1,13 +1,18 @@
 // The runtime layer: queues and threads, timers, the message block and the byte stream, the log.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <condition_variable>
+#include <set>
 #include <thread>
 
 #include "RtByteStream.h"
+#include "RtSendTicket.h"
 #include "support.h"
 #include "util/filemanager/filemanager.h"
 #include "util/filemanager/fmfunctor.h"
+
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -35,6 +40,28 @@ public:
     }
     int ticks = 0;
     int cancelAt = 0;
+};
+
+// Each thread waits in its first part until the other one has begun one too.
+class Halves final : public IRtParts {
+public:
+    void RunPart(uint32_t begin, uint32_t end) noexcept override {
+        std::unique_lock lock(m_mutex);
+        m_threads.insert(CRtThreadManager::GetThreadSelfId());
+        m_changed.notify_all();
+        if (waitFor > 1)
+            m_changed.wait_for(lock, 60s, [this] { return m_threads.size() >= waitFor; });
+        for (uint32_t i = begin; i < end; ++i)
+            ++done.at(i);
+    }
+    size_t ThreadsWere() const { return m_threads.size(); }
+    std::vector<int> done = std::vector<int>(1000);
+    size_t waitFor = 1;
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::set<uint32_t> m_threads;
 };
 
 std::string Bytes(const CRtMessageChain& chain) {
@@ -84,6 +111,33 @@ TEST(Queue, RunsInOrderAndDisposesOfWhatItCannotTake) {
     EXPECT_EQ(thread->Destory(0), 0);
     EXPECT_EQ(ran, 10);
     EXPECT_EQ(TestEvent::alive, 0);
+}
+
+TEST(Queue, WhoWaitsForAnEventTakesPartsOfItsWork) {
+    CRtThread* thread = nullptr;
+    ASSERT_EQ(
+        CRtThreadManager::Instance()->CreateUserTaskThread(thread, CRtThreadManager::TT_TASK, 0),
+        0);
+    IRtEventQueue* queue = thread->GetEventQueue();
+    for (const auto sleep : {0ms, 20ms}) { // the sender still looks, or sleeps
+        Halves both;
+        both.waitFor = 2;
+        queue->SendEvent(new TestEvent([&] {
+            std::this_thread::sleep_for(sleep);
+            RtRunParts(both, 999, 10);
+            EXPECT_EQ(std::ranges::count(both.done, 1), 999);
+            RtRunParts(both, 999, 500);
+        }));
+        EXPECT_EQ(both.ThreadsWere(), 2U);
+        EXPECT_EQ(std::ranges::count(both.done, 2), 999);
+    }
+    // Neither somebody who waits for a later event, nor anybody where there is but one part.
+    Halves alone;
+    queue->PostEvent(new TestEvent([&] { RtRunParts(alone, 1000, 10); }), 1);
+    queue->SendEvent(new TestEvent([&] { RtRunParts(alone, 1000, 1000); }));
+    EXPECT_EQ(alone.ThreadsWere(), 1U);
+    EXPECT_EQ(std::ranges::count(alone.done, 2), 1000);
+    EXPECT_EQ(thread->Destory(0), 0);
 }
 
 TEST(Queue, PostsToMissingThreadsReleaseWhatTheyHold) {

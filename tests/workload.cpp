@@ -288,7 +288,7 @@ void Workload::FirstRun() {
     Put(A, 2, 9000); // where it was
     Put(A, 3, 400);  // elsewhere
     Remove(A, 4);
-    Make(KEPT, {1500}, FM_FILE_KEPT);
+    Make(KEPT, {1500, 150'000}, FM_FILE_KEPT); // one that is read in parts
     Close(KEPT);
     Make(OLD, {5000});
     Close(OLD);
@@ -358,7 +358,7 @@ void Workload::Run() {
 
 void Workload::RunShort() {
     Start();
-    Make(KEPT, {1500}, FM_FILE_KEPT);
+    Make(KEPT, {1500, 150'000}, FM_FILE_KEPT); // one that is read in parts
     Close(KEPT);
     Make(A, {700});
     EndRun();

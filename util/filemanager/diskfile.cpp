@@ -1,17 +1,47 @@
 #include "diskfile.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "FMInfoCodec.h"
 #include "RtLog.h"
 #include "RtResult.h"
+#include "RtSendTicket.h"
 #include "filemanager.h"
 #include "os/RtOs.h"
 #include "streamkeeper.h"
 
 namespace {
 constexpr char SOURCE[] = "util/filemanager/diskfile";
+
+// A read in parts: to copy them takes far longer than to find them.
+class CReadParts final : public IRtParts {
+public:
+    CReadParts(FILE* stream, uint64_t offset, void* bytes, uint32_t length)
+        : m_stream(stream), m_offset(offset), m_bytes(static_cast<char*>(bytes)), m_length(length) {
+    }
+    RtOs::Transfer Run() {
+        constexpr uint32_t part = 64 * 1024;
+        RtRunParts(*this, m_length, part);
+        return m_result;
+    }
+
+private:
+    void RunPart(uint32_t begin, uint32_t end) noexcept override {
+        const RtOs::Transfer result =
+            RtOs::ReadAt(m_stream, m_offset + begin, m_bytes + begin, end - begin);
+        if (result != RtOs::Transfer::Done)
+            m_result = result;
+    }
+
+    FILE* const m_stream;
+    const uint64_t m_offset;
+    char* const m_bytes;
+    const uint32_t m_length;
+    std::atomic<RtOs::Transfer> m_result{RtOs::Transfer::Done};
+};
+
 } // namespace
 
 CDiskFile::CDiskFile(const CRtString& strFileName, uint32_t flags)
@@ -183,7 +213,7 @@ int CDiskFile::ReaddData(void* lpBuffer, uint64_t dwOffset, const uint32_t& dwLe
         RT_LOG(RT_LOG_ERROR, "CDiskFile::ReaddData. this=" << this);
         return RT_ERROR_IO;
     }
-    const RtOs::Transfer result = RtOs::ReadAt(m_pFile, dwOffset, lpBuffer, dwLength);
+    const RtOs::Transfer result = CReadParts(m_pFile, dwOffset, lpBuffer, dwLength).Run();
     m_isTooShort = result == RtOs::Transfer::Short;
     if (result != RtOs::Transfer::Done)
         return Fail(result, {"CDiskFile::ReaddData. ", "fread", " fileName="}, dwLength, dwOffset);

@@ -24,8 +24,8 @@ private:
     // Links of the queue that holds the event: queuing allocates nothing.
     IRtEvent* m_pPrevious = nullptr;
     IRtEvent* m_pNext = nullptr;
-    CRtEventQueue* m_pQueue = nullptr;         // null once the event has been taken out
-    struct CRtSendTicket* m_pTicket = nullptr; // of the sender that waits, or null
+    CRtEventQueue* m_pQueue = nullptr;        // null once the event has been taken out
+    class CRtSendTicket* m_pTicket = nullptr; // of the sender that waits, or null
 };
 
 /// The priority of an ordinary post. Events run in the order of their posts.

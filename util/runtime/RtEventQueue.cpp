@@ -1,46 +1,17 @@
 #include "RtEventQueue.h"
 
 #include <algorithm>
-#include <thread>
 
 #include "RtResult.h"
+#include "RtSendTicket.h"
 #include "RtTimeValue.h"
 #include "RtTimer.h"
 #include "os/RtLockSoon.h"
-#include "os/RtOs.h"
+#include "os/RtLookFor.h"
 
 namespace {
 thread_local CRtEventQueue* t_current = nullptr;
 }
-
-// Lives on the stack of a sender that waits. When the sender sleeps, it is told under the queue's lock;
-// while it only looks, the flag is the last that is touched of a ticket, which is gone a moment later.
-struct CRtSendTicket {
-    std::condition_variable done;
-    std::atomic<bool> finished{false};
-    bool sleeps = false; // under the queue's lock
-};
-
-namespace {
-
-// Work often follows work, and to put a thread to sleep and wake it takes longer than most work does.
-template <class Condition>
-bool LookFor(Condition isThere) {
-    constexpr std::chrono::microseconds patience(50);
-    constexpr int looks = 100;
-    const auto end = std::chrono::steady_clock::now() + patience;
-    do {
-        for (int i = 0; i < looks; ++i) {
-            if (isThere())
-                return true;
-            RtOs::Pause();
-        }
-        std::this_thread::yield(); // where there is one processor, this is how the other gets on
-    } while (std::chrono::steady_clock::now() < end);
-    return isThere();
-}
-
-} // namespace
 
 IRtEvent::~IRtEvent() = default;
 void IRtEvent::OnDestorySelf() { delete this; }
@@ -83,16 +54,11 @@ int CRtEventQueue::SendEvent(IRtEvent* event) {
         event->OnDestorySelf();
         return RT_OK;
     }
-    CRtSendTicket ticket;
+    CRtSendTicket ticket(m_mutex);
     const int result = Enqueue(event, &ticket);
     if (RT_FAILED(result))
         return result;
-    const auto isFinished = [&ticket] { return ticket.finished.load(std::memory_order_acquire); };
-    if (LookFor(isFinished))
-        return RT_OK;
-    std::unique_lock lock(m_mutex);
-    ticket.sleeps = true;
-    ticket.done.wait(lock, isFinished);
+    ticket.Wait();
     return RT_OK;
 }
 
@@ -166,19 +132,14 @@ bool CRtEventQueue::RunOne() {
         Unlink(event);
     }
     CRtSendTicket* ticket = event->m_pTicket;
-    event->OnEventFire();
-    event->OnDestorySelf();
+    {
+        const CRtSendTicket::CRunning runs(ticket);
+        event->OnEventFire();
+        event->OnDestorySelf();
+    }
     if (ticket)
-        Finish(*ticket);
+        ticket->Finish();
     return true;
-}
-
-void CRtEventQueue::Finish(CRtSendTicket& ticket) {
-    const std::lock_guard lock(m_mutex);
-    const bool sleeps = ticket.sleeps;
-    ticket.finished.store(true, std::memory_order_release);
-    if (sleeps)
-        ticket.done.notify_one();
 }
 
 void CRtEventQueue::Run() {
@@ -191,7 +152,7 @@ void CRtEventQueue::Run() {
 // Answers whether the loop goes on.
 bool CRtEventQueue::WaitForWork() {
     constexpr int64_t longest = 3'600'000; // a wait that cannot overflow; the loop comes back
-    LookFor([this] { return m_count.load(std::memory_order_relaxed) > 0; });
+    RtLookFor([this] { return m_count.load(std::memory_order_relaxed) > 0; });
     std::unique_lock lock(m_mutex);
     for (;;) {
         if (m_quit) {

@@ -52,13 +52,12 @@ public:
     int64_t GetNextDueMs();
 
 private:
-    int Enqueue(IRtEvent* event, struct CRtSendTicket* ticket);
+    int Enqueue(IRtEvent* event, class CRtSendTicket* ticket);
     void WakeOwner();
     void Unlink(IRtEvent* event);
     bool RunOne();
     size_t FireDueTimers();
     bool FireOneTimer(uint64_t now);
-    void Finish(struct CRtSendTicket& ticket);
     bool WaitForWork();
 
     std::mutex m_mutex; // guards everything below but m_running

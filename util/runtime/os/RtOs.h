@@ -134,6 +134,7 @@ enum class Transfer {
     Short, ///< the file ended first
 };
 /// Move exactly `length` bytes at a 64-bit offset from the start of the file, past the stream's position.
+/// Several threads may read one stream at a time.
 Transfer ReadAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length);
 Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t length);
 struct Piece {

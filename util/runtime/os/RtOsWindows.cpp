@@ -277,22 +277,29 @@ bool IsInUse(int error) { return error == IN_USE; }
 
 namespace {
 
-// `move` is a read or a write over the bytes from `done` on; either may move fewer than it is asked for.
-// Through the descriptor: a stream without a buffer moves the last bytes of a record one by one.
+HANDLE HandleOf(FILE* stream) {
+    return reinterpret_cast<HANDLE>(::_get_osfhandle(::_fileno(stream)));
+}
+
+// `move` is ReadFile or WriteFile over the bytes from `done` on; either may move fewer than it is asked
+// for. Past the stream: without a buffer it moves the last bytes of a record one by one. The offset goes
+// with the call, as the handle's own is that of all threads.
 template <class Move>
 Transfer MoveAll(FILE* stream, uint64_t offset, uint32_t length, Move move) {
-    constexpr uint32_t most = INT_MAX;
-    const int file = ::_fileno(stream);
-    if (offset > uint64_t{INT64_MAX} - length ||
-        ::_lseeki64(file, static_cast<int64_t>(offset), SEEK_SET) < 0)
+    const HANDLE file = HandleOf(stream);
+    if (offset > uint64_t{INT64_MAX} - length)
         return Transfer::NoPosition;
     for (uint32_t done = 0; done < length;) {
-        const int moved = move(file, done, std::min(length - done, most));
-        if (moved == 0)
-            return Transfer::Short;
-        if (moved < 0)
+        OVERLAPPED at{};
+        at.Offset = static_cast<DWORD>(offset + done);
+        at.OffsetHigh = static_cast<DWORD>((offset + done) >> 32);
+        DWORD moved = 0;
+        const bool didMove = move(file, done, &moved, &at) != 0;
+        if (!didMove && ::GetLastError() != ERROR_HANDLE_EOF)
             return Transfer::Failed;
-        done += static_cast<uint32_t>(moved);
+        if (!didMove || moved == 0)
+            return Transfer::Short;
+        done += moved;
     }
     return Transfer::Done;
 }
@@ -300,15 +307,17 @@ Transfer MoveAll(FILE* stream, uint64_t offset, uint32_t length, Move move) {
 } // namespace
 
 Transfer ReadAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length) {
-    return MoveAll(stream, offset, length, [&](int file, uint32_t done, uint32_t count) {
-        return ::_read(file, static_cast<char*>(bytes) + done, count);
-    });
+    const auto read = [&](HANDLE file, uint32_t done, DWORD* moved, OVERLAPPED* at) {
+        return ::ReadFile(file, static_cast<char*>(bytes) + done, length - done, moved, at);
+    };
+    return MoveAll(stream, offset, length, read);
 }
 
 Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t length) {
-    return MoveAll(stream, offset, length, [&](int file, uint32_t done, uint32_t count) {
-        return ::_write(file, static_cast<const char*>(bytes) + done, count);
-    });
+    const auto write = [&](HANDLE file, uint32_t done, DWORD* moved, OVERLAPPED* at) {
+        return ::WriteFile(file, static_cast<const char*>(bytes) + done, length - done, moved, at);
+    };
+    return MoveAll(stream, offset, length, write);
 }
 
 namespace {
@@ -350,7 +359,7 @@ bool GetLength(FILE* stream, uint64_t& length) {
 
 bool GetStamp(FILE* stream, FileStamp& stamp) {
     stamp = {};
-    return Stamp(reinterpret_cast<HANDLE>(::_get_osfhandle(::_fileno(stream))), stamp);
+    return Stamp(HandleOf(stream), stamp);
 }
 
 bool GetStamp(const CRtString& path, FileStamp& stamp) {
