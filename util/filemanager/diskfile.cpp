@@ -21,9 +21,11 @@ public:
     CReadParts(FILE* stream, uint64_t offset, void* bytes, uint32_t length)
         : m_stream(stream), m_offset(offset), m_bytes(static_cast<char*>(bytes)), m_length(length) {
     }
+    // Halves, but of a long read less, for the case that the other thread comes late.
     RtOs::Transfer Run() {
-        constexpr uint32_t part = 64 * 1024;
-        RtRunParts(*this, m_length, part);
+        constexpr uint32_t least = 64 * 1024;
+        constexpr uint32_t most = 256 * 1024;
+        RtRunParts(*this, m_length, std::clamp(m_length / 2 + m_length % 2, least, most));
         return m_result;
     }
 
