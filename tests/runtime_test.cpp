@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "RtByteStream.h"
+#include "RtEventQueue.h"
 #include "RtSendTicket.h"
 #include "support.h"
 #include "util/filemanager/filemanager.h"
@@ -51,6 +52,10 @@ public:
         m_changed.notify_all();
         if (waitFor > 1)
             m_changed.wait_for(lock, 60s, [this] { return m_threads.size() >= waitFor; });
+        lock.unlock();
+        if (!CRtEventQueue::Current())
+            std::this_thread::sleep_for(5ms); // the sender ends last, and is waited for
+        lock.lock();
         for (uint32_t i = begin; i < end; ++i)
             ++done.at(i);
     }

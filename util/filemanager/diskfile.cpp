@@ -30,11 +30,14 @@ public:
     }
 
 private:
+    // One failure is enough: on a disk that fails each further try may take its time.
     void RunPart(uint32_t begin, uint32_t end) noexcept override {
+        RtOs::Transfer known = RtOs::Transfer::Done;
+        if (m_result != known)
+            return;
         const RtOs::Transfer result =
             RtOs::ReadAt(m_stream, m_offset + begin, m_bytes + begin, end - begin);
-        if (result != RtOs::Transfer::Done)
-            m_result = result;
+        m_result.compare_exchange_strong(known, result);
     }
 
     FILE* const m_stream;

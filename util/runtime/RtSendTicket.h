@@ -10,7 +10,7 @@
 /// Work over 0 … length - 1 that can be done in parts, at the same time and in any order.
 class IRtParts {
 public:
-    /// Runs on either of the two threads.
+    /// Runs on either of the two threads. Neither runs events nor shares work of its own.
     virtual void RunPart(uint32_t begin, uint32_t end) noexcept = 0;
 
 protected:
