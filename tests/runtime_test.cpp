@@ -8,7 +8,7 @@
 
 #include "RtByteStream.h"
 #include "RtEventQueue.h"
-#include "RtSendTicket.h"
+#include "RtParts.h"
 #include "support.h"
 #include "util/filemanager/filemanager.h"
 #include "util/filemanager/fmfunctor.h"
@@ -46,10 +46,14 @@ public:
 // Each thread waits in its first part until the other one has begun one too.
 class Halves final : public IRtParts {
 public:
-    void RunPart(uint32_t begin, uint32_t end) noexcept override {
+    bool RunPart(uint32_t begin, uint32_t end, bool mayWait) noexcept override {
         std::unique_lock lock(m_mutex);
         m_threads.insert(CRtThreadManager::GetThreadSelfId());
         m_changed.notify_all();
+        if (!mayWait && refuses) {
+            ++refused;
+            return false;
+        }
         if (waitFor > 1)
             m_changed.wait_for(lock, 60s, [this] { return m_threads.size() >= waitFor; });
         lock.unlock();
@@ -58,16 +62,27 @@ public:
         lock.lock();
         for (uint32_t i = begin; i < end; ++i)
             ++done.at(i);
+        return true;
     }
     size_t ThreadsWere() const { return m_threads.size(); }
     std::vector<int> done = std::vector<int>(1000);
     size_t waitFor = 1;
+    bool refuses = false; // what must not wait
+    int refused = 0;
 
 private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::set<uint32_t> m_threads;
 };
+
+CRtThread* MakeThread() {
+    CRtThread* thread = nullptr;
+    EXPECT_EQ(
+        CRtThreadManager::Instance()->CreateUserTaskThread(thread, CRtThreadManager::TT_TASK, 0),
+        0);
+    return thread;
+}
 
 std::string Bytes(const CRtMessageChain& chain) {
     return std::string(chain->FlattenChained().view());
@@ -76,10 +91,7 @@ std::string Bytes(const CRtMessageChain& chain) {
 } // namespace
 
 TEST(Queue, RunsInOrderAndDisposesOfWhatItCannotTake) {
-    CRtThread* thread = nullptr;
-    ASSERT_EQ(
-        CRtThreadManager::Instance()->CreateUserTaskThread(thread, CRtThreadManager::TT_TASK, 0),
-        0);
+    CRtThread* thread = MakeThread();
     IRtEventQueue* queue = thread->GetEventQueue();
     std::vector<int> order;
     for (int i = 0; i < 100; ++i)
@@ -119,10 +131,7 @@ TEST(Queue, RunsInOrderAndDisposesOfWhatItCannotTake) {
 }
 
 TEST(Queue, WhoWaitsForAnEventTakesPartsOfItsWork) {
-    CRtThread* thread = nullptr;
-    ASSERT_EQ(
-        CRtThreadManager::Instance()->CreateUserTaskThread(thread, CRtThreadManager::TT_TASK, 0),
-        0);
+    CRtThread* thread = MakeThread();
     IRtEventQueue* queue = thread->GetEventQueue();
     for (const auto sleep : {0ms, 20ms}) { // the sender still looks, or sleeps
         Halves both;
@@ -136,13 +145,36 @@ TEST(Queue, WhoWaitsForAnEventTakesPartsOfItsWork) {
         EXPECT_EQ(both.ThreadsWere(), 2U);
         EXPECT_EQ(std::ranges::count(both.done, 2), 999);
     }
-    // Neither somebody who waits for a later event, nor anybody where there is but one part.
-    Halves alone;
-    queue->PostEvent(new TestEvent([&] { RtRunParts(alone, 1000, 10); }), 1);
-    queue->SendEvent(new TestEvent([&] { RtRunParts(alone, 1000, 1000); }));
-    EXPECT_EQ(alone.ThreadsWere(), 1U);
-    EXPECT_EQ(std::ranges::count(alone.done, 2), 1000);
+    // Somebody who waits for a later event is not kept by it.
+    Halves earlier;
+    earlier.refuses = true;
+    queue->PostEvent(new TestEvent([&] { RtRunParts(earlier, 1000, 10); }), 1);
+    queue->SendEvent(new TestEvent);
+    EXPECT_LE(earlier.refused, 1);
+    EXPECT_EQ(std::ranges::count(earlier.done, 1), 1000);
     EXPECT_EQ(thread->Destory(0), 0);
+}
+
+TEST(Queue, WhoLooksForEventsTakesPartsThatDoNotKeepIt) {
+    for (const bool refuses : {false, true}) {
+        CRtThread* busy = MakeThread();
+        CRtThread* idle = MakeThread();
+        Halves work;
+        work.waitFor = 2;
+        work.refuses = refuses;
+        std::atomic<bool> over{false};
+        busy->GetEventQueue()->PostEvent(new TestEvent([&] {
+                                             RtRunParts(work, 1000, 10);
+                                             over = true;
+                                         }),
+                                         1);
+        while (!over) // a thread looks for a moment after each event
+            idle->GetEventQueue()->SendEvent(new TestEvent);
+        EXPECT_EQ(work.refused, refuses ? 1 : 0);
+        EXPECT_EQ(std::ranges::count(work.done, 1), 1000);
+        EXPECT_EQ(busy->Destory(0), 0);
+        EXPECT_EQ(idle->Destory(0), 0);
+    }
 }
 
 TEST(Queue, PostsToMissingThreadsReleaseWhatTheyHold) {

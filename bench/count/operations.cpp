@@ -111,6 +111,7 @@ void StoreTogether() {
 void ResidentRead() {
     Blocks blocks;
     blocks.WriteAll();
+    blocks.cache.Drain();
     Counted([&](uint32_t i) {
         CRtMessageBlock* view = nullptr;
         Require(blocks.blocks[i]->ReadData(0, PIECE, view) == 0, "a read failed");

@@ -6,8 +6,8 @@
 
 #include "FMInfoCodec.h"
 #include "RtLog.h"
+#include "RtParts.h"
 #include "RtResult.h"
-#include "RtSendTicket.h"
 #include "filemanager.h"
 #include "os/RtOs.h"
 #include "streamkeeper.h"
@@ -31,13 +31,17 @@ public:
 
 private:
     // One failure is enough: on a disk that fails each further try may take its time.
-    void RunPart(uint32_t begin, uint32_t end) noexcept override {
+    bool RunPart(uint32_t begin, uint32_t end, bool mayWait) noexcept override {
         RtOs::Transfer known = RtOs::Transfer::Done;
         if (m_result != known)
-            return;
+            return true;
+        const uint32_t length = end - begin;
+        if (!mayWait)
+            return RtOs::ReadNowAt(m_stream, m_offset + begin, m_bytes + begin, length);
         const RtOs::Transfer result =
-            RtOs::ReadAt(m_stream, m_offset + begin, m_bytes + begin, end - begin);
+            RtOs::ReadAt(m_stream, m_offset + begin, m_bytes + begin, length);
         m_result.compare_exchange_strong(known, result);
+        return true;
     }
 
     FILE* const m_stream;

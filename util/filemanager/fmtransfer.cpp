@@ -6,6 +6,7 @@
 // back out of the queue any more, finds that it is out of date and changes nothing.
 #include <algorithm>
 #include <array>
+#include <typeinfo>
 
 #include "RtLog.h"
 #include "RtResult.h"
@@ -134,9 +135,11 @@ int CFMStore::OnEventFire() {
 
 bool CFMStore::IsNextTo(const IRtEvent& last, const IRtEvent& next) {
     const auto& before = static_cast<const CFMStore&>(last);
-    const auto* const store = dynamic_cast<const CFMStore*>(&next);
-    return store && store->GetBlock().GetFile() == before.GetBlock().GetFile() &&
-           store->m_pos == before.GetEnd() && store->GetLength() <= SMALL;
+    if (typeid(next) != typeid(CFMStore))
+        return false;
+    const auto& store = static_cast<const CFMStore&>(next);
+    return store.GetBlock().GetFile() == before.GetBlock().GetFile() &&
+           store.m_pos == before.GetEnd() && store.GetLength() <= SMALL;
 }
 
 // Not written anew since, and nothing on disk speaks of the place. Under the transfer mutex.

@@ -5,19 +5,39 @@
 #include <cstring>
 #include <new>
 
-// The count of a shared buffer. The block that was made with it and the bytes follow it in the same
-// allocation, which lives as long as anybody uses one of them.
+// The count of a shared buffer. The block that was made with it, room for a duplicate and the bytes follow
+// it in the same allocation, which lives as long as anybody uses one of them. Most buffers have one
+// duplicate at a time, on its way to the disk or to a reader.
 struct CRtMessageBlock::CRtDataBlock {
     std::atomic<uint32_t> references{1};
+    std::atomic<bool> isRoomTaken{false};
 
     static constexpr size_t FIRST_AT = alignof(CRtMessageBlock);
-    static constexpr size_t BYTES_AT = FIRST_AT + sizeof(CRtMessageBlock);
+    static constexpr size_t ROOM_AT = FIRST_AT + sizeof(CRtMessageBlock);
+    static constexpr size_t BYTES_AT = ROOM_AT + sizeof(CRtMessageBlock);
     // Processors and systems copy large buffers several times as fast when they begin with a line of the
     // processor's cache.
     static constexpr size_t LINE = 64;
     static constexpr uint32_t LARGE = 4096;
 
     void* PlaceOfFirst() { return reinterpret_cast<char*>(this) + FIRST_AT; }
+    void* Room() { return reinterpret_cast<char*>(this) + ROOM_AT; }
+    /// Room for one more block, or null.
+    void* TakeRoom() {
+        const bool isFree = !isRoomTaken.load(std::memory_order_relaxed) &&
+                            !isRoomTaken.exchange(true, std::memory_order_acquire);
+        return isFree ? Room() : nullptr;
+    }
+    void DestroyBlock(CRtMessageBlock* block) {
+        const bool isInRoom = block == Room();
+        if (!isInRoom && block != PlaceOfFirst()) {
+            delete block;
+            return;
+        }
+        block->~CRtMessageBlock();
+        if (isInRoom)
+            isRoomTaken.store(false, std::memory_order_release);
+    }
     void Release() {
         if (references.fetch_sub(1, std::memory_order_acq_rel) == 1) {
             this->~CRtDataBlock();
@@ -84,9 +104,12 @@ CRtMessageChain CRtMessageBlock::DuplicateChained() const {
     CRtMessageBlock** link = nullptr;
     for (const CRtMessageBlock* block = this; block; block = block->m_pNext) {
         const auto size = static_cast<uint32_t>(block->m_pEndPtr - block->m_pBasePtr);
-        auto* copy = new (std::nothrow) CRtMessageBlock(block->m_pData, block->m_pBasePtr, size);
-        if (!copy)
+        void* place = block->m_pData ? block->m_pData->TakeRoom() : nullptr;
+        if (!place)
+            place = ::operator new(sizeof(CRtMessageBlock), std::nothrow);
+        if (!place)
             return nullptr;
+        auto* copy = new (place) CRtMessageBlock(block->m_pData, block->m_pBasePtr, size);
         if (copy->m_pData)
             copy->m_pData->references.fetch_add(1, std::memory_order_relaxed);
         copy->m_pReadPtr = block->m_pReadPtr;
@@ -106,12 +129,12 @@ void CRtMessageBlock::DestroyChained() {
     while (block) {
         CRtMessageBlock* const next = block->m_pNext;
         CRtDataBlock* const data = block->m_pData;
-        if (data && block == data->PlaceOfFirst())
-            block->~CRtMessageBlock();
-        else
-            delete block;
-        if (data)
+        if (data) {
+            data->DestroyBlock(block);
             data->Release();
+        } else {
+            delete block;
+        }
         block = next;
     }
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "RtParts.h"
 #include "RtResult.h"
 #include "RtSendTicket.h"
 #include "RtTimeValue.h"
@@ -149,10 +150,19 @@ void CRtEventQueue::Run() {
     } while (WaitForWork());
 }
 
+// Looks for an event for a while, and lends others a hand meanwhile: answers whether it did.
+bool CRtEventQueue::LookForWork() {
+    const auto hasEvents = [this] { return m_count.load(std::memory_order_relaxed) > 0; };
+    if (!RtLookFor([&] { return hasEvents() || RtOffer::IsOpen(); }) || hasEvents())
+        return false;
+    RtOffer::TakePart(nullptr);
+    return true;
+}
+
 // Answers whether the loop goes on.
 bool CRtEventQueue::WaitForWork() {
     constexpr int64_t longest = 3'600'000; // a wait that cannot overflow; the loop comes back
-    RtLookFor([this] { return m_count.load(std::memory_order_relaxed) > 0; });
+    const bool helped = LookForWork();
     std::unique_lock lock(m_mutex);
     for (;;) {
         if (m_quit) {
@@ -163,6 +173,8 @@ bool CRtEventQueue::WaitForWork() {
             return true;
         if (m_stopped)
             return false;
+        if (helped)
+            return true; // to look again before it sleeps
         lock.unlock();
         const int64_t due = GetNextDueMs(); // reads the clock, which may be the application's
         lock.lock();

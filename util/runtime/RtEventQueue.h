@@ -58,6 +58,7 @@ private:
     bool RunOne();
     size_t FireDueTimers();
     bool FireOneTimer(uint64_t now);
+    bool LookForWork();
     bool WaitForWork();
 
     std::mutex m_mutex; // guards everything below but m_running

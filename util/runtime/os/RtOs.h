@@ -137,6 +137,9 @@ enum class Transfer {
 /// Several threads may read one stream at a time.
 Transfer ReadAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length);
 Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t length);
+/// Reads as ReadAt does if it need not wait for the disk. False when it would have to, when the file ends
+/// first, or where the system has no such call: `bytes` may have been changed.
+bool ReadNowAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length);
 struct Piece {
     const void* bytes;
     uint32_t length;

@@ -319,6 +319,16 @@ Transfer ReadAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length) {
     });
 }
 
+#ifdef RWF_NOWAIT
+bool ReadNowAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length) {
+    const iovec vector{bytes, length};
+    return ::preadv2(::fileno(stream), &vector, 1, static_cast<off_t>(offset), RWF_NOWAIT) ==
+           static_cast<ssize_t>(length);
+}
+#else
+bool ReadNowAt(FILE*, uint64_t, void*, uint32_t) { return false; }
+#endif
+
 Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t length) {
     const int fd = ::fileno(stream);
     return MoveAll(offset, length, [&](uint32_t done, off_t at) {

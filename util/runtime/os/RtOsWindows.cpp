@@ -313,6 +313,8 @@ Transfer ReadAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length) {
     return MoveAll(stream, offset, length, read);
 }
 
+bool ReadNowAt(FILE*, uint64_t, void*, uint32_t) { return false; }
+
 Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t length) {
     const auto write = [&](HANDLE file, uint32_t done, DWORD* moved, OVERLAPPED* at) {
         return ::WriteFile(file, static_cast<const char*>(bytes) + done, length - done, moved, at);
