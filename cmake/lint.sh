@@ -13,7 +13,7 @@ mkdir -p "$stamps"
 
 # The sources of the tool are compiled together: most of the time goes into the headers that they share.
 mapfile -t sources < <(
-    find util -name '*.cpp' ! -name '*Windows.cpp' | sort
+    find util -name '*.cpp' ! -name windows.cpp | sort
     find "$build/tools" -path '*/Unity/unity_*.cxx' | sort)
 if [ "${#sources[@]}" -eq 0 ]; then
     echo "no source file found below $root" >&2
