@@ -20,6 +20,15 @@ cp "$consumer/CMakeLists.txt" "$consumer/consumer.cpp" "$work/consumer/"
 
 "$cmake" --install "$build" --prefix "$prefix" --config "$config" >"$work/install.log"
 
+# What the program has queued is on disk when it has ended.
+runs() {
+    local id
+    id=$(cd "$work" && "$@") && id=${id%$'\r'}
+    [ "$(cat "$work/cache/sdstore/$id.sdd")" = hello ] && [ -s "$work/cache/sdstore/$id.sdi" ] ||
+        { echo "not stored by $*: '$id'" >&2; exit 1; }
+    echo "$id"
+}
+
 echo "== through find_package"
 "$cmake" -S "$work/consumer" -B "$work/build" -G "$generator" -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_BUILD_TYPE=Release \
@@ -27,9 +36,9 @@ echo "== through find_package"
 "$cmake" --build "$work/build"
 if [ -n "$emulator" ]; then # the library is beside the program there
     mv "$work/build/consumer.exe" "$prefix/bin"
-    "$emulator" "$prefix/bin/consumer.exe"
+    runs "$emulator" "$prefix/bin/consumer.exe"
 else
-    "$work/build/consumer"
+    runs "$work/build/consumer"
 fi
 
 echo "== through pkg-config"
@@ -43,10 +52,10 @@ fi
 "$compiler" -std=c++20 "${flags[@]}" "$work/consumer/consumer.cpp" "${libs[@]}" -o "$work/plain"
 if [ -n "$emulator" ]; then
     mv "$work/plain.exe" "$prefix/bin"
-    "$emulator" "$prefix/bin/plain.exe"
+    runs "$emulator" "$prefix/bin/plain.exe"
 else
     libdir=$(pkg-config --variable=libdir filemanager)
-    LD_LIBRARY_PATH=$libdir "$work/plain"
+    LD_LIBRARY_PATH=$libdir runs "$work/plain"
 fi
 
 echo "== every installed header alone"

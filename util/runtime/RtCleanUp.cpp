@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "RtThreadManager.h"
+#include "os/RtOs.h"
 
 namespace {
 
@@ -40,21 +41,17 @@ CRtCleanUpBase::~CRtCleanUpBase() {
 
 void CRtCleanUpBase::CleanUp() { delete this; }
 
-// The library's static objects are made before the program's and destroyed after them, so this is the
-// last thing of the library that runs, also when it is unloaded.
 class CRtProcessEnd {
 public:
-    CRtProcessEnd() = default;
-    CRtProcessEnd(const CRtProcessEnd&) = delete;
-    CRtProcessEnd& operator=(const CRtProcessEnd&) = delete;
-    ~CRtProcessEnd() {
+    static int Run() {
         if (!CRtThreadManager::Instance()->EndAllThreads())
-            return; // a thread that still runs may use any of them
+            return 0; // a thread that still runs may use any of them
         while (CRtCleanUpBase* object = TakeYoungest())
             object->CleanUp();
+        return 0;
     }
 };
 
-namespace {
-CRtProcessEnd g_processEnd;
-}
+// The library's static objects are made before the program's and destroyed after them, so this is the
+// last thing of the library that runs.
+[[maybe_unused]] const bool g_isEnrolled = RtOs::AtProcessEnd(&CRtProcessEnd::Run);

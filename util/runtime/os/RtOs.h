@@ -18,8 +18,8 @@ namespace RtOs {
 // --- Processes, threads, identifiers ------------------------------------------------------------
 
 uint32_t GetProcessId();
-/// Whether a process of that id runs, also one that this user may not ask about. False for 0 and for
-/// numbers that no process can have.
+/// Whether a process of that id runs; on POSIX also one that this user may not ask about. False for 0 and
+/// for numbers that no process can have.
 bool IsProcessAlive(int64_t processId);
 /// Never 0, unique among the running threads of the process.
 uint32_t GetThreadId();
@@ -29,6 +29,9 @@ inline void Pause() {
     __builtin_ia32_pause();
 #endif
 }
+/// Has `work` run at the end of the process, while its threads still run: behind the destructors of what
+/// was made later. Also when the library is unloaded, where it can be.
+bool AtProcessEnd(int (*work)());
 /// 16 bytes of a fresh unique identifier, laid out as the platform's GUID structure; never all zero.
 void CreateGuid(uint8_t (&bytes)[16]);
 
@@ -50,10 +53,12 @@ enum class EntryKind { Missing, File, Directory };
 /// What a path names; a link counts as what it leads to, one that leads nowhere as a file, and so does
 /// what the system does not tell.
 EntryKind GetEntryKind(const CRtString& path);
-/// A directory that only this user may enter. False when it could not be made.
+/// On POSIX only this user may enter it, else whoever may enter the one it lies in. False when it could
+/// not be made.
 bool MakeDirectory(const CRtString& path);
 void SetHidden(const CRtString& path);
-/// The position of the last character that this system takes for a separator, or npos.
+/// The position of the last character that ends a directory's name, or npos: the backslash, and on POSIX,
+/// where a path is not told from the system's own, the slash.
 size_t FindLastSeparator(const CRtString& path);
 /// Removes the directory entry, never what a link leads to. 0, or -1.
 int RemoveFile(const CRtString& path);
@@ -113,7 +118,7 @@ private:
 
 enum OpenFlags : uint32_t {
     OPEN_EXISTING = 0,
-    OPEN_CREATE = 1, ///< a missing file is made, readable by this user only
+    OPEN_CREATE = 1, ///< a missing file is made, on POSIX readable by this user only
     OPEN_ALONE = 2,  ///< while it is open, nobody else who asks for this gets the file, see IsInUse
 };
 /// Opens a binary stream for reading and writing, contents kept, not inherited by child processes and

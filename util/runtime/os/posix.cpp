@@ -65,6 +65,18 @@ uint32_t GetThreadId() {
     return id;
 }
 
+bool AtProcessEnd(int (*work)()) {
+    struct End {
+        explicit End(int (*what)()) : work(what) {}
+        ~End() { work(); }
+        End(const End&) = delete;
+        End& operator=(const End&) = delete;
+        int (*const work)();
+    };
+    static const End end(work);
+    return true;
+}
+
 void CreateGuid(uint8_t (&bytes)[16]) {
     std::random_device source; // the system's generator
     for (size_t i = 0; i < sizeof(bytes); i += sizeof(uint32_t)) {

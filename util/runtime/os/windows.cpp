@@ -8,6 +8,7 @@
 #include <objbase.h>
 #include <share.h>
 #include <shlobj.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <windows.h>
 
@@ -90,6 +91,15 @@ bool IsProcessAlive(int64_t processId) {
 }
 
 uint32_t GetThreadId() { return ::GetCurrentThreadId(); }
+
+// Not with the library's own destructors: those of a DLL run when the system has ended all other threads,
+// whatever they were at. From now on the DLL stays until the process ends.
+bool AtProcessEnd(int (*work)()) {
+    HMODULE self = nullptr;
+    constexpr DWORD flags = GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN;
+    return ::GetModuleHandleExA(flags, reinterpret_cast<const char*>(work), &self) &&
+           ::_onexit(work) != nullptr;
+}
 
 void CreateGuid(uint8_t (&bytes)[16]) {
     GUID guid{};
