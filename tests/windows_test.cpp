@@ -130,6 +130,20 @@ TEST(Windows, ClearingFinishesLaterWhatIsOpenNowAndFollowsNoDirectoryLink) {
     EXPECT_EQ(fs::exists(root), !isJunction); // an emulator without junctions removes no link
 }
 
+TEST(Windows, AStoreDoesNotWaitForADataFileThatIsALinkToNowhere) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    const FMFileInfo info = Description();
+    const fs::path target = cache.dir.path / "target";
+    fs::create_directory(target);
+    MakeDirectoryLink(target, cache.Path(info.fileID, ".sdd"));
+    fs::remove(target);
+    const FileRef file = cache.Create(info);
+    Write(*Cache::Block(*file, 1), "bytes");
+    cache.Settle();
+    EXPECT_EQ(Read(*Cache::Block(*file, 1)), "bytes");
+}
+
 TEST(Windows, TheDefaultRootIsTheFixedDriveWithTheMostRoom) {
     LogCapture log;
     const CRtCallerThread three;

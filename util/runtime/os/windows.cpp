@@ -39,7 +39,8 @@ uint64_t Wide(DWORD high, DWORD low) { return uint64_t{high} << 32 | low; }
 
 bool IsMissing(DWORD error) {
     return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ||
-           error == ERROR_INVALID_NAME || error == ERROR_BAD_NETPATH || error == ERROR_NOT_READY;
+           error == ERROR_INVALID_NAME || error == ERROR_BAD_NETPATH ||
+           error == ERROR_BAD_NET_NAME || error == ERROR_NOT_READY;
 }
 
 // An open file or directory, closed at the end. Arguments are those of CreateFileA.
@@ -252,21 +253,25 @@ int OpenFile(const CRtString& path, int mode, uint32_t flags, int& file) {
     const int sharing = (flags & OPEN_ALONE) ? _SH_DENYWR : _SH_DENYNO;
     const int error = ::_sopen_s(&file, path.c_str(), mode | _O_RDWR | _O_BINARY | _O_NOINHERIT,
                                  sharing, _S_IREAD | _S_IWRITE);
-    return error == EACCES && ::GetLastError() == ERROR_SHARING_VIOLATION ? IN_USE : error;
+    const bool isInUse = error == EACCES && _doserrno == ERROR_SHARING_VIOLATION;
+    return isInUse ? IN_USE : error;
 }
 
 } // namespace
 
 FILE* OpenStream(const CRtString& path, uint32_t flags, int& error, bool& created) {
+    // Somebody may be faster, but not each time: a link that leads nowhere is neither there nor to be made.
+    constexpr int tries = 10;
     int file = -1;
-    do {
+    error = EEXIST;
+    for (int i = 0; i < tries && error == EEXIST; ++i) {
         created = false;
         error = OpenFile(path, 0, flags, file);
         if (error == ENOENT && (flags & OPEN_CREATE)) {
             error = OpenFile(path, _O_CREAT | _O_EXCL, flags, file);
             created = error == 0;
         }
-    } while (error == EEXIST); // somebody was faster
+    }
     if (error != 0)
         return nullptr;
     FILE* stream = ::_fdopen(file, "rb+");
