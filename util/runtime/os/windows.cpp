@@ -319,6 +319,14 @@ Transfer MoveAll(FILE* stream, uint64_t offset, uint32_t length, Move move) {
     return Transfer::Done;
 }
 
+// Left alone the system notes when a file was changed as late as its handle is closed: a stamp taken
+// before would be another one than afterwards, and this process take itself for another one.
+void NoteChange(FILE* stream) {
+    FILETIME now{};
+    ::GetSystemTimeAsFileTime(&now);
+    ::SetFileTime(HandleOf(stream), nullptr, nullptr, &now);
+}
+
 } // namespace
 
 Transfer ReadAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length) {
@@ -334,7 +342,9 @@ Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t leng
     const auto write = [&](HANDLE file, uint32_t done, DWORD* moved, OVERLAPPED* at) {
         return ::WriteFile(file, static_cast<const char*>(bytes) + done, length - done, moved, at);
     };
-    return MoveAll(stream, offset, length, write);
+    const Transfer result = MoveAll(stream, offset, length, write);
+    NoteChange(stream); // also of a write that stopped half way
+    return result;
 }
 
 namespace {
