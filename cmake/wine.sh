@@ -5,7 +5,7 @@ set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 export WINEPREFIX=${FILEMANAGER_WINEPREFIX:-$root/build/windows/wine}
-export WINEARCH=win32 WINEDEBUG=-all
+export WINEARCH=win32 WINEDEBUG=-all LC_ALL=C.UTF-8
 export WINEDLLOVERRIDES='mscoree=;mshtml=;winemenubuilder.exe=d'
 unset DISPLAY
 

@@ -14,6 +14,7 @@
 #include "output.h"
 #include "platform.h"
 #include "progress.h"
+#include "scan.h"
 #include "session.h"
 #include "store.h"
 #include "verbs.h"
@@ -25,9 +26,9 @@ constexpr size_t WINDOW_BLOCKS = 8;
 constexpr uint64_t WINDOW_BYTES = uint64_t{32} << 20;
 
 struct GetOptions {
-    std::string dir;
+    std::filesystem::path dir;
     std::string id;
-    std::string output;
+    std::filesystem::path output;
     bool force = false;
 };
 
@@ -193,9 +194,9 @@ int Get(const GetOptions& options) {
 void AddGet(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<GetOptions>();
     CLI::App* get = app.add_subcommand("get", "Read a file back from the cache.");
-    get->add_option("--dir", options->dir, "directory of the cache")->required();
+    AddPath(*get, "--dir", options->dir, "directory of the cache")->required();
     get->add_option("ID", options->id, "the identifier that put has printed")->required();
-    get->add_option("-o,--output", options->output, "file to write, - for standard output")
+    AddPath(*get, "-o,--output", options->output, "file to write, - for standard output")
         ->required();
     get->add_flag("--force", options->force, "replace the file when it exists");
     get->callback([options, &chosen] { chosen = [options] { return Get(*options); }; });

@@ -16,6 +16,7 @@
 #include "platform.h"
 #include "progress.h"
 #include "putplan.h"
+#include "scan.h"
 #include "session.h"
 #include "sizes.h"
 #include "store.h"
@@ -221,9 +222,9 @@ void AddPut(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<PutOptions>();
     CLI::App* put =
         app.add_subcommand("put", "Store a file in the cache and print its identifier.");
-    put->add_option("--dir", options->dir, "directory of the cache, made when it is missing")
+    AddPath(*put, "--dir", options->dir, "directory of the cache, made when it is missing")
         ->required();
-    put->add_option("FILE", options->file, "the file, at most 1 GiB")->required();
+    AddPath(*put, "FILE", options->file, "the file, at most 1 GiB")->required();
     put->add_option("--block", options->block, "bytes of a block, at most 16M")
         ->capture_default_str();
     put->add_option("--piece", options->piece, "bytes that are handed over at a time")

@@ -18,20 +18,21 @@ constexpr uint32_t BLOCKS_MAX = std::min(FM_INFO_SLOTS_MAX, (FM_INFO_BLOCK_BODY_
 // A larger number of slots in a description reads as none; tables grow beyond it.
 constexpr uint32_t SLOTS_AT_FIRST_MAX = 8192;
 
-uint64_t CheckedLength(const std::string& file) {
+uint64_t CheckedLength(const fs::path& file) {
+    const std::string name = Quoted(file.string());
     std::error_code error;
     const fs::file_status status = fs::status(file, error);
     if (status.type() == fs::file_type::not_found)
-        throw Failure("there is no file " + Quoted(file));
+        throw Failure("there is no file " + name);
     if (fs::is_directory(status))
-        throw Failure(Quoted(file) + " is a directory; put takes one file");
+        throw Failure(name + " is a directory; put takes one file");
     if (fs::status_known(status) && !fs::is_regular_file(status))
-        throw Failure(Quoted(file) + " is not a regular file");
+        throw Failure(name + " is not a regular file");
     const uint64_t length = fs::file_size(file, error);
     if (error)
-        throw Failure("cannot read " + Quoted(file) + ": " + error.message());
+        throw Failure("cannot read " + name + ": " + error.message());
     if (length > CACHED_FILE_MAX)
-        throw Failure(Quoted(file) + " has " + std::to_string(length) +
+        throw Failure(name + " has " + std::to_string(length) +
                       " bytes; a cached file ends at 1 GiB (" + std::to_string(CACHED_FILE_MAX) +
                       " bytes)");
     return length;
@@ -52,18 +53,18 @@ std::string CutName(std::string name) {
 
 PutPlan MakePlan(const PutOptions& options) {
     PutPlan plan;
-    plan.file = options.file;
+    plan.file = options.file.string();
     plan.block = static_cast<uint32_t>(ParseSize("--block", options.block, CACHED_BLOCK_MAX));
     const uint64_t piece = ParseSize("--piece", options.piece, UINT64_MAX);
     plan.piece = static_cast<uint32_t>(std::min<uint64_t>(piece, plan.block));
     plan.length = CheckedLength(options.file);
     if ((plan.length + plan.block - 1) / plan.block > BLOCKS_MAX)
-        throw Failure("--block: too small for " + Quoted(options.file) + ", which may have " +
+        throw Failure("--block: too small for " + Quoted(plan.file) + ", which may have " +
                       std::to_string(BLOCKS_MAX) + " blocks; the smallest that works is " +
                       std::to_string((plan.length + BLOCKS_MAX - 1) / BLOCKS_MAX));
     CoCreateFMFileID(plan.info.fileID);
-    plan.info.name = CRtString(
-        CutName(options.name.empty() ? fs::path(options.file).filename().string() : options.name));
+    plan.info.name =
+        CRtString(CutName(options.name.empty() ? options.file.filename().string() : options.name));
     plan.info.blockBeg = FIRST_BLOCK;
     plan.info.num = std::min(plan.Count(), SLOTS_AT_FIRST_MAX);
     return plan;

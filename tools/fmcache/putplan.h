@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <filesystem>
 #include <string>
 
 #include "FMFileInfo.h"
@@ -11,8 +12,8 @@ constexpr uint32_t FIRST_BLOCK = 1;
 
 /// As the user has given it.
 struct PutOptions {
-    std::string dir;
-    std::string file;
+    std::filesystem::path dir;
+    std::filesystem::path file;
     std::string name;
     std::string block = "256K";
     std::string piece = "16K";

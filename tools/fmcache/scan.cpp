@@ -47,23 +47,32 @@ bool TakeName(std::map<std::string, StoreEntry>& entries, const fs::directory_en
 
 } // namespace
 
+CLI::Option* AddPath(CLI::App& verb, const std::string& name, fs::path& path,
+                     const std::string& help) {
+    // From bytes of no stated encoding the standard library makes other names on some systems.
+    const auto take = [&path](const std::string& text) {
+        path = std::u8string(text.begin(), text.end());
+    };
+    return verb.add_option_function<std::string>(name, take, help);
+}
+
 void AddCacheOptions(CLI::App& verb, StoreOptions& options) {
-    verb.add_option("--dir", options.dir, "directory of the cache")->required();
+    AddPath(verb, "--dir", options.dir, "directory of the cache")->required();
     verb.add_flag("--json", options.json, "write JSON");
 }
 
 void AddLookOptions(CLI::App& verb, StoreOptions& options) {
     CLI::Option_group* where = verb.add_option_group("place", "one of");
-    where->add_option("--dir", options.dir, "directory of the cache, as a server was given it");
-    where->add_option("--store", options.store,
-                      "directory with the .sdd and .sdi files, as DIR/confcache/PID of a client");
+    AddPath(*where, "--dir", options.dir, "directory of the cache, as a server was given it");
+    AddPath(*where, "--store", options.store,
+            "directory with the .sdd and .sdi files, as DIR/confcache/PID of a client");
     where->require_option(1);
     verb.add_flag("--json", options.json, "write JSON");
 }
 
 fs::path LocateStore(const StoreOptions& options) {
     const bool direct = !options.store.empty();
-    fs::path store = direct ? fs::path(options.store) : StoreDir(options.dir);
+    fs::path store = direct ? options.store : StoreDir(options.dir);
     std::error_code error;
     const fs::file_status status = fs::status(store, error);
     if (fs::is_directory(status))
@@ -71,8 +80,9 @@ fs::path LocateStore(const StoreOptions& options) {
     if (status.type() == fs::file_type::none) // it may well be there
         throw Failure("cannot look into " + Quoted(store.string()) + ": " + error.message());
     if (direct)
-        throw Failure("there is no directory " + Quoted(options.store));
-    throw Failure("there is no cache in " + Quoted(options.dir) + HintAtClients(options.dir));
+        throw Failure("there is no directory " + Quoted(options.store.string()));
+    throw Failure("there is no cache in " + Quoted(options.dir.string()) +
+                  HintAtClients(options.dir));
 }
 
 StoreListing ListStore(const fs::path& store) {

@@ -10,15 +10,19 @@
 
 namespace CLI {
 class App;
-}
+class Option;
+} // namespace CLI
 
 /// What every verb on a store takes.
 struct StoreOptions {
-    std::string dir;
-    std::string store;
+    std::filesystem::path dir;
+    std::filesystem::path store;
     bool json = false;
 };
 
+/// Adds an option or argument that is a path, in UTF-8 on every system.
+CLI::Option* AddPath(CLI::App& verb, const std::string& name, std::filesystem::path& path,
+                     const std::string& help);
 /// Adds --dir and --json.
 void AddCacheOptions(CLI::App& verb, StoreOptions& options);
 /// Adds those and --store, for verbs that only look.
