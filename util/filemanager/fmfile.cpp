@@ -294,7 +294,13 @@ int CFMFile::NoteGap(int64_t begin, int64_t end) {
             return result;
     }
     const std::lock_guard lock(m_transferMutex);
-    m_gaps.push_back({begin, end});
+    // On a full disk every store of every tick finds a gap before it: as long as nothing comes to lie in
+    // them they are one.
+    if (!m_isLastGapCounted && begin <= m_gaps.back().end && m_gaps.back().begin <= end)
+        m_gaps.back() = {std::min(begin, m_gaps.back().begin), std::max(end, m_gaps.back().end)};
+    else
+        m_gaps.push_back({begin, end});
+    m_isLastGapCounted = false;
     MarkStoreFailed(); // blocks that are still in memory are stored again
     return RT_OK;
 }
@@ -307,6 +313,11 @@ int CFMFile::InvalidateTable() {
     m_tableEnd = 0;
     m_unbackedFrom = INT64_MAX;
     return RT_OK;
+}
+
+size_t CFMFile::CountGaps() {
+    m_isLastGapCounted = true;
+    return m_gaps.size();
 }
 
 bool CFMFile::IsInGap(size_t since, int64_t pos, int64_t end) const {

@@ -87,7 +87,7 @@ public:
     int PrepareStore(int64_t pos, uint32_t length, uint32_t entryAt);
     /// How often a store has left a gap behind it, and whether the range [pos, end) lies in one that came
     /// since then: its bytes were cut off the data file before. Under the transfer mutex.
-    size_t GetGapCount() const { return m_gaps.size(); }
+    size_t CountGaps();
     bool IsInGap(size_t since, int64_t pos, int64_t end) const;
     /// Another object takes the path over; nothing of this one runs on the read/write thread now.
     void Retire();
@@ -163,8 +163,9 @@ private:
         int64_t begin;
         int64_t end;
     };
-    std::vector<Gap> m_gaps;      // under the transfer mutex
-    size_t m_gapsWhenEncoded = 0; // of these, when the table was encoded
+    std::vector<Gap> m_gaps;        // under the transfer mutex, and so is the next
+    bool m_isLastGapCounted = true; // somebody knows it as the last one, or there is none
+    size_t m_gapsWhenEncoded = 0;   // of these, when the table was encoded
 
     // Information that waits to be written, beside the event that will write it.
     std::atomic<bool> m_infoWaiting{false}; // housekeeping looks at it

@@ -185,7 +185,7 @@ int CFMFile::RemoveLostBytes(CRtMessageChain& table) {
 
 size_t CFMFile::GetGapsNow() {
     const std::lock_guard lock(m_transferMutex);
-    return m_gaps.size();
+    return CountGaps();
 }
 
 bool CFMFile::IsLostSince(size_t gaps, const FMBlockEntry& entry) {

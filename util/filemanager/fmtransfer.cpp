@@ -87,7 +87,7 @@ void CFMBlock::EndStore(int result) {
     if (RT_SUCCEEDED(result)) {
         m_state = BLOCK_STATE_STORED;
         m_origin = {};
-        m_gapsBefore = m_file->GetGapCount();
+        m_gapsBefore = m_file->CountGaps();
         return;
     }
     m_storeFailed.store(true, std::memory_order_release);
