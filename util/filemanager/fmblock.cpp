@@ -100,6 +100,8 @@ bool CFMBlock::FreeMemory() {
     const bool full = 2 * manager->GetMemoryLimit() < manager->GetMemoryInUse();
     if (MsSince(m_lastAccessTime) <= (full ? IDLE_MS_WHEN_FULL : IDLE_MS))
         return true;
+    if (!m_file->GetDiskFile())
+        return true; // nothing would bring them back
     if (const auto lock = m_file->LockTransfer(); IsLost())
         return true; // a tick stores it again
     RT_LOG(RT_LOG_TRACE, "CFMBlock::FreeMemory, fileID=" << FMFileIDToString(GetFileID())
