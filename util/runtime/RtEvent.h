@@ -41,7 +41,8 @@ public:
     /// Results as for PostEvent.
     virtual int SendEvent(IRtEvent* event) = 0;
     /// Takes a posted event back and disposes of it. False when it is no longer in the queue because
-    /// it is about to run. The event must not have run yet: its poster has to know that.
+    /// it is about to run, or when somebody waits for it. The event must not have run yet: its poster has
+    /// to know that.
     virtual bool WithdrawEvent(IRtEvent* event) = 0;
     /// For an event that does the work of those behind it as well: hands the next posted event over, to be
     /// disposed of by whoever takes it, if `isWanted`(last, next) says so; else null. The predicate is

@@ -97,7 +97,7 @@ void CRtEventQueue::WakeOwner() {
 bool CRtEventQueue::WithdrawEvent(IRtEvent* event) {
     {
         const std::unique_lock lock = RtLockSoon(m_mutex);
-        if (event->m_pQueue != this)
+        if (event->m_pQueue != this || event->m_pTicket) // somebody waits for one with a ticket
             return false;
         Unlink(event);
     }
@@ -201,15 +201,20 @@ size_t CRtEventQueue::RunDue() {
 
 bool CRtEventQueue::RunRemaining(std::chrono::milliseconds patience) {
     constexpr std::chrono::milliseconds pause(5);
+    const auto isOver = [end = std::chrono::steady_clock::now() + patience] {
+        return std::chrono::steady_clock::now() >= end;
+    };
     std::unique_lock running(m_running, std::try_to_lock);
-    for (; !running.owns_lock() && patience > pause; patience -= pause) {
+    while (!running.owns_lock() && !isOver()) {
         std::this_thread::sleep_for(pause);
         running.try_lock();
     }
     if (!running.owns_lock())
         return false;
-    while (RunOne()) {
-    }
+    size_t queued =
+        m_count; // what these post runs too, but one that posts itself again would never end
+    while ((queued > 0 || !isOver()) && RunOne())
+        queued -= queued > 0 ? 1 : 0;
     return true;
 }
 

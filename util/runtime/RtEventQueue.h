@@ -40,8 +40,9 @@ public:
     /// Fires the timers that are due and runs the events queued at the time of the call; answers how
     /// many of both. Never waits for work.
     size_t RunDue();
-    /// Runs what is queued on whatever thread calls, for the end of the process. Answers false when
-    /// another thread kept the queue busy for longer than `patience`.
+    /// Runs what is queued on whatever thread calls, for the end of the process, and for as long as
+    /// `patience` what comes meanwhile, which is nothing after Stop. Answers false when another thread
+    /// kept the queue busy for longer than that.
     bool RunRemaining(std::chrono::milliseconds patience);
     /// Refuses everything posted from now on; Run ends once the queue is empty.
     void Stop();
