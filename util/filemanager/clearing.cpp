@@ -24,7 +24,9 @@ void CFileManager::ClearDiskCache() {
 
 void CFileManager::ClearStore() {
     RtOs::DirectoryWalk store(m_dataDir, true); // others are in it by way of a link, too
-    if (store.TakeAlone())
+    if (!store.IsOpen())
+        RtOs::RemoveEmptyDirectory(m_dataDir); // a link that leads nowhere
+    else if (store.TakeAlone())
         RemoveDir(m_dataDir);
     else
         RT_LOG(RT_LOG_WARNING,
@@ -55,10 +57,12 @@ int CFileManager::RemoveDeadDirectories(bool filesToo) {
 // this very one.
 bool CFileManager::RemoveIfDead(RtOs::DirectoryWalk& root, const CRtString& name, bool mayRemove) {
     RtOs::DirectoryWalk directory(root, name);
-    if (IsOtherProcessAlive(name) || !directory.TakeAlone())
+    if (IsOtherProcessAlive(name) || (directory.IsOpen() && !directory.TakeAlone()))
         return false;
-    if (mayRemove)
+    if (mayRemove && directory.IsOpen())
         RemoveTree(root, m_rootDir, name);
+    else if (mayRemove) // what is in it is not known to be nobody's
+        root.RemoveSubdirectory(name);
     return true;
 }
 

@@ -81,8 +81,9 @@ public:
 
     /// False when the path was no directory that could be opened, or a link not to be followed.
     bool IsOpen() const;
-    /// Takes the directory alone, as long as this object lives. False when another process is in it, see
-    /// DirectoryUse. On systems without such a thing nobody ever is. It is walked no more.
+    /// Takes the directory, which is open, alone, as long as this object lives. False when another process
+    /// is in it, see DirectoryUse, or has just removed it. On systems without such a thing nobody ever is.
+    /// It is walked no more.
     bool TakeAlone();
     /// The next entry, in the system's order; false at the end. A link is no directory.
     bool Next(CRtString& name, bool& isDirectory);

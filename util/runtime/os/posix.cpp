@@ -47,6 +47,12 @@ bool LockFile(int fd, int operation) {
     return ::flock(fd, operation | LOCK_NB) == 0 || errno != EWOULDBLOCK;
 }
 
+// One that was removed before the lock came is not what its path names.
+bool LockDirectory(int fd, int operation) {
+    struct stat info {};
+    return LockFile(fd, operation) && (::fstat(fd, &info) != 0 || info.st_nlink > 0);
+}
+
 } // namespace
 
 namespace RtOs {
@@ -179,14 +185,11 @@ DirectoryWalk::~DirectoryWalk() = default;
 
 bool DirectoryWalk::IsOpen() const { return m_state->stream != nullptr; }
 
-bool DirectoryWalk::TakeAlone() { return LockFile(m_state->Handle(), LOCK_EX); }
+bool DirectoryWalk::TakeAlone() { return LockDirectory(m_state->Handle(), LOCK_EX); }
 
 DirectoryUse::DirectoryUse(const CRtString& path)
     : m_handle(::open(NativeWithoutTail(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-    struct stat info {};
-    const bool isMine = LockFile(m_handle, LOCK_SH);
-    const bool isRemoved = isMine && ::fstat(m_handle, &info) == 0 && info.st_nlink == 0;
-    if (isMine && !isRemoved)
+    if (LockDirectory(m_handle, LOCK_SH))
         return;
     m_isRefused = true;
     ::close(m_handle);
