@@ -258,6 +258,7 @@ void Workload::ExpectStoredByTick() {
 // --- The work -----------------------------------------------------------------------------------
 
 void Workload::EndRun() {
+    Settle(); // stores that are to meet the fault have met it
     if (liftEarly && Hits() > 0)
         faults::Lift();
     ExpectStoredByTick();
@@ -421,9 +422,14 @@ std::string Trial::Do(const faults::Plan& plan, const std::function<void(Workloa
                       uint32_t killAfterUs) {
     const auto body = [&] {
         IFileManager::Instance(); // which would not be there for want of memory
+        const size_t handles = CountHandles();
         faults::Begin(dir.path, plan);
-        Workload workload(dir.path, *m_promises);
-        work(workload);
+        {
+            Workload workload(dir.path, *m_promises);
+            work(workload);
+        }
+        faults::Lift();
+        EXPECT_EQ(CountHandles(), handles);
     };
     return faults::InChild(body, killAfterUs);
 }
