@@ -274,12 +274,14 @@ TEST(Block, AStoreThatFailsIsTriedAgainUntilThereIsRoom) {
     Cache cache(0);
     FileRef file = cache.Create();
     FileRef hopeless = cache.Create();
+    FileRef late = cache.Create();
     const FMFileID id = file->GetFileInfo().fileID;
     const FMFileID hopelessID = hopeless->GetFileInfo().fileID;
+    const FMFileID lateID = late->GetFileInfo().fileID;
     LimitFileSize(4096);
     for (uint32_t i = 1; i <= 3; ++i) {
-        Write(*Cache::Block(*file, i), Pattern(i, 2000));
-        Write(*Cache::Block(*hopeless, i), Pattern(i, 2000));
+        for (const FileRef& each : {file, hopeless, late})
+            Write(*Cache::Block(*each, i), Pattern(i, 2000));
     }
     cache.Settle();
     clock.Advance(600'000);
@@ -291,6 +293,7 @@ TEST(Block, AStoreThatFailsIsTriedAgainUntilThereIsRoom) {
     cache.Close(hopeless);
     cache.Settle();
     LimitFileSize(UINT64_MAX);
+    cache.Close(late); // in time, and before any tick
     clock.Advance(60'000);
     cache.Settle();
     clock.Advance(600'000);
@@ -301,7 +304,9 @@ TEST(Block, AStoreThatFailsIsTriedAgainUntilThereIsRoom) {
     cache.Start();
     file = cache.Open(id);
     hopeless = cache.Open(hopelessID);
-    ASSERT_TRUE(file && hopeless);
+    late = cache.Open(lateID);
+    ASSERT_TRUE(file && hopeless && late);
+    EXPECT_EQ(Read(*Cache::Block(*late, 3, 0)), Pattern(3, 2000));
     // A rewrite in place that fails leaves torn bytes: the entry of the former run must go.
     LimitFileSize(500);
     EXPECT_EQ(Write(*Cache::Block(*file, 2), Pattern(22, 2000)), 0);

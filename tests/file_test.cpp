@@ -117,6 +117,7 @@ TEST(DiskFile, MakesReadsExtendsAndRemoves) {
     EXPECT_EQ(ReadFile(path), std::string(6, '\0') + "late");
     EXPECT_EQ(file->ReaddData(bytes, 7, 4), RT_ERROR_IO);
     EXPECT_EQ(file->WriteData("x", 0, 1, 1), 0); // opened afresh, contents kept
+    EXPECT_EQ(log.Count("CDiskFile::Open, filename="), 3U);
     EXPECT_EQ(file->ReaddData(bytes, 6, 4), 0);
     EXPECT_STREQ(bytes, "late");
     const uint64_t far = (uint64_t{1} << 32) + 5;

@@ -143,15 +143,16 @@ TEST(Info, HostileNumbersAreSkippedRefusedOrFailWhenRead) {
                                    {2, 100, -1},
                                    {3, 0xFFFFFFFF, INT64_MAX},
                                    {4, 0xFFFFFFF0, 0},
-                                   {5, 100, 901},
+                                   {5, 0x3FFFF000, 901},
                                    {6, 1, FM_INFO_OFFSET_MAX},
                                    {4000, 10, 0}}));
     ASSERT_TRUE(file);
     EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), Pattern(0, 1000).substr(0, 100));
     for (const uint32_t impossible : {2U, 3U, 6U})
         EXPECT_EQ(Cache::Block(*file, impossible, 0)->GetTotalLen(), 0U);
-    EXPECT_EQ(Read(*Cache::Block(*file, 4, 0)), "error 10001"); // and nobody made 4 GiB for it
+    EXPECT_EQ(Read(*Cache::Block(*file, 4, 0)), "error 10001");
     EXPECT_EQ(Read(*Cache::Block(*file, 5, 0)), "error 10001");
+    EXPECT_EQ(log.Count("CDiskFile::ReaddData. fread Failed."), 0U); // no memory was made for them
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, impossible place, blockID="), 3U);
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, block beyond the data file, blockID="), 2U);
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, block outside the table, blockID=4000"), 1U);

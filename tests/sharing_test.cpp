@@ -1,11 +1,16 @@
 // Several processes in one directory, and files that others cut or remove.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <functional>
+#include <thread>
 
 #include "RtThread.h"
 #include "support.h"
@@ -96,7 +101,10 @@ TEST(Sharing, AFileBelongsToTheServerThatHasItOpen) {
     ASSERT_TRUE(other.IsReady());
 
     Cache cache(dir.path);
+    const size_t handles = CountHandles();
     EXPECT_FALSE(cache.Open(old.fileID));
+    EXPECT_EQ(CountHandles(), handles);
+    EXPECT_FALSE(cache.Open(created.fileID)); // not closed yet: not even tried
     EXPECT_EQ(log.Count("CFileManager::LoadFile, another process has the file, fileID="), 1U);
     FileRef mine = cache.Create(created);
     Write(*Cache::Block(*mine, 1), Pattern(4, 300));
@@ -145,6 +153,54 @@ TEST(Sharing, ClearingLeavesDirectoriesThatOthersAreIn) {
         ASSERT_TRUE(later.IsReady());
         EXPECT_FALSE(fs::exists(used));
     }
+}
+
+// Whoever clears has the directory alone, as this test has.
+TEST(Sharing, AServerWaitsForOneThatClearsAndHoldsWhatLiesThere) {
+    TestClock clock;
+    const TempDir dir;
+    const fs::path store = dir.path / "sdstore";
+    const auto takeAlone = [&store] {
+        const int fd = open(store.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        return std::pair(fd, flock(fd, LOCK_EX | LOCK_NB) == 0);
+    };
+    fs::create_directory(store);
+    const auto [fd, isAlone] = takeAlone();
+    ASSERT_TRUE(isAlone);
+    std::atomic<bool> cleared{false};
+    std::thread clearing([&cleared, held = fd] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        cleared = true;
+        close(held);
+    });
+    Cache cache(dir.path);
+    EXPECT_TRUE(cleared);
+    clearing.join();
+    EXPECT_FALSE(takeAlone().second);
+    fs::rename(store, dir.path / "aside");
+    fs::create_directory(store);
+    clock.Advance(60'000);
+    cache.Settle();
+    EXPECT_FALSE(takeAlone().second);
+}
+
+TEST(Sharing, AFileThatWasChangedWhileItsStreamWasAwayIsWrittenNoMore) {
+    LogCapture log(RT_LOG_WARNING);
+    ASSERT_TRUE(LimitStreams(64)); // the library takes half of them
+    Cache cache;
+    std::vector<FileRef> files;
+    for (uint32_t i = 0; i < 40; ++i) {
+        files.push_back(cache.Create());
+        Write(*Cache::Block(*files.back(), 1), Pattern(i, 100));
+        cache.Settle();
+    }
+    const fs::path path = cache.Path(files[0]->GetFileInfo().fileID, ".sdd");
+    WriteFile(path, Pattern(99, 200));
+    Write(*Cache::Block(*files[0], 2), Pattern(2, 300));
+    cache.Settle();
+    EXPECT_EQ(ReadFile(path), Pattern(99, 200));
+    EXPECT_EQ(Read(*Cache::Block(*files[0], 2)), Pattern(2, 300));
+    EXPECT_EQ(log.Count("another process has changed the file, fileID="), 1U);
 }
 
 TEST(Sharing, BytesThatWereCutOffDoNotComeBackAsZeros) {
