@@ -121,7 +121,8 @@ private:
     }
 
     void WriteOne() {
-        const std::string bytes(1 + Pick(900), 'x');
+        // Now and then one that two threads read.
+        const std::string bytes(Pick(100) == 0 ? 150'000 : 1 + Pick(900), 'x');
         Write(*SomeBlock(), bytes.substr(0, bytes.size() - Pick(2)), 300);
     }
 
