@@ -93,7 +93,7 @@ void CFMBlock::SetData(CRtMessageBlock* aData) {
     m_file->MarkDataInMemory();
 }
 
-bool CFMBlock::FreeMemory() {
+bool CFMBlock::FreeMemory() noexcept {
     if (m_state != BLOCK_STATE_STORED || !m_data)
         return m_data != nullptr;
     CFileManager* manager = CFileManager::Instance();

@@ -51,7 +51,7 @@ public:
     void AddRetrieve(ISDUser* node, uint32_t pri) noexcept override;
     int CancelRetrieve(ISDUser* node) noexcept override;
     const std::list<FMRetrieveItem>& GetRetrieves() override { return m_retrieves; }
-    bool FreeMemory() override;
+    bool FreeMemory() noexcept override;
 
     /// Both on the read/write thread.
     int WriteToFile(CRtMessageBlock* aData);
