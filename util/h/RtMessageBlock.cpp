@@ -12,7 +12,7 @@ struct CRtMessageBlock::CRtDataBlock {
     std::atomic<uint32_t> references{1};
     std::atomic<bool> isRoomTaken{false};
 
-    static constexpr size_t FIRST_AT = alignof(CRtMessageBlock);
+    static constexpr size_t FIRST_AT = 8;
     static constexpr size_t ROOM_AT = FIRST_AT + sizeof(CRtMessageBlock);
     static constexpr size_t BYTES_AT = ROOM_AT + sizeof(CRtMessageBlock);
     // Processors and systems copy large buffers several times as fast when they begin with a line of the
@@ -53,7 +53,8 @@ CRtMessageBlock::CRtMessageBlock(CRtDataBlock* data, char* bytes, uint32_t size)
       m_pEndPtr(bytes + size) {}
 
 CRtMessageChain CRtMessageBlock::Create(uint32_t size) {
-    static_assert(sizeof(CRtDataBlock) <= CRtDataBlock::FIRST_AT);
+    static_assert(sizeof(CRtDataBlock) <= CRtDataBlock::FIRST_AT &&
+                  CRtDataBlock::FIRST_AT % alignof(CRtMessageBlock) == 0);
     const size_t slack = size >= CRtDataBlock::LARGE ? CRtDataBlock::LINE - 1 : 0;
     if (size > SIZE_MAX - CRtDataBlock::BYTES_AT - slack)
         return nullptr;
