@@ -307,10 +307,14 @@ bool GetStamp(const CRtString& path, FileStamp& stamp) {
 
 namespace {
 
+bool IsPlace(uint64_t offset, uint32_t length) {
+    return offset <= static_cast<uint64_t>(std::numeric_limits<off_t>::max()) - length;
+}
+
 // `move` is pread or pwrite over the bytes from `done` on; either may move fewer than it is asked for.
 template <class Move>
 Transfer MoveAll(uint64_t offset, uint32_t length, Move move) {
-    if (offset > static_cast<uint64_t>(std::numeric_limits<off_t>::max()) - length)
+    if (!IsPlace(offset, length))
         return Transfer::NoPosition;
     uint32_t done = 0;
     while (done < length) {
@@ -337,8 +341,10 @@ Transfer ReadAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length) {
 #ifdef RWF_NOWAIT
 bool ReadNowAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length) {
     const iovec vector{bytes, length};
-    return ::preadv2(::fileno(stream), &vector, 1, static_cast<off_t>(offset), RWF_NOWAIT) ==
-           static_cast<ssize_t>(length);
+    // To this call alone the largest offset of all, -1, is a place: the stream's position.
+    return IsPlace(offset, length) &&
+           ::preadv2(::fileno(stream), &vector, 1, static_cast<off_t>(offset), RWF_NOWAIT) ==
+               static_cast<ssize_t>(length);
 }
 #else
 bool ReadNowAt(FILE*, uint64_t, void*, uint32_t) { return false; }
