@@ -8,11 +8,9 @@
 #include "RtEventQueue.h"
 #include "RtResult.h"
 #include "RtThreadManager.h"
-#include "os/RtOs.h"
 
 struct CRtThread::State {
     CRtEventQueue queue;
-    const uint32_t processId = RtOs::GetProcessId();
     std::mutex mutex; // guards what follows
     std::condition_variable changed;
     uint32_t threadId = 0;
@@ -32,8 +30,6 @@ uint32_t CRtThread::GetThreadId() const {
     const std::lock_guard lock(m_state->mutex);
     return m_state->threadId;
 }
-
-bool CRtThread::IsOfThisProcess() const { return m_state->processId == RtOs::GetProcessId(); }
 
 // Returns when the thread runs and its identifier is known.
 int CRtThread::StartOwn() {

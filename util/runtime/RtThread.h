@@ -36,8 +36,6 @@ private:
     void AdoptCurrent();
     void ReleaseCurrent();
     bool End();
-    /// False in a child that was forked, which does not have the thread.
-    bool IsOfThisProcess() const;
     CRtEventQueue& Queue();
 
     struct State;

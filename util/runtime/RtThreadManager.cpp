@@ -1,6 +1,7 @@
 #include "RtThreadManager.h"
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
 #include <future>
 #include <mutex>
@@ -41,6 +42,9 @@ struct CRtThreadManager::State {
     bool ended = false;
     // Threads that have been number 3: kept, so that a late post to one is refused, not a crash.
     std::vector<CRtThread*> formerCallerThreads;
+    // The process that the threads belong to. Looked at without the mutex: in a child that was forked a
+    // thread that is not there any more may hold that for ever.
+    std::atomic<uint32_t> processId{0};
 };
 
 CRtThreadManager::CRtThreadManager() : m_state(std::make_unique<State>()) {}
@@ -59,6 +63,7 @@ int CRtThreadManager::CreateUserTaskThread(CRtThread*& thread, TFlag, int) {
     const std::lock_guard lock(m_state->mutex);
     if (m_state->ended)
         return RT_ERROR_NOT_READY;
+    m_state->processId = RtOs::GetProcessId();
     auto* created = new CRtThread;
     if (const int result = created->StartOwn(); RT_FAILED(result)) {
         delete created;
@@ -74,6 +79,7 @@ CRtThread* CRtThreadManager::GetThread(int number) {
         return nullptr;
     const std::lock_guard lock(m_state->mutex);
     if (!m_state->callerThread && !m_state->ended) {
+        m_state->processId = RtOs::GetProcessId();
         auto* created = new CRtThread;
         if (RT_SUCCEEDED(created->StartOwn()))
             m_state->callerThread = created;
@@ -87,6 +93,7 @@ int CRtThreadManager::AdoptCallerThread(CRtThread*& thread) {
     const std::lock_guard lock(m_state->mutex);
     if (m_state->callerThread || m_state->ended || CRtEventQueue::Current())
         return RT_ERROR_NOT_READY;
+    m_state->processId = RtOs::GetProcessId();
     thread = m_state->callerThread = new CRtThread;
     m_state->callerAdopted = true;
     thread->AdoptCurrent();
@@ -111,17 +118,16 @@ void CRtThreadManager::ForgetThread(CRtThread* thread) {
 // Nothing is lost here. What is queued for number 3 runs first, while threads can still be made for it;
 // then each user thread runs what is queued for it and ends; then number 3 runs what they have posted.
 bool CRtThreadManager::EndAllThreads() {
+    // A child that was forked has none of its parent's threads, and their work is not its own.
+    const uint32_t processId = m_state->processId;
+    if (processId != 0 && processId != RtOs::GetProcessId())
+        return false;
     CRtThread* caller = nullptr;
     std::vector<CRtThread*> userThreads;
     {
         const std::lock_guard lock(m_state->mutex);
         caller = m_state->callerThread;
-        userThreads = m_state->userThreads;
     }
-    // A child that was forked has none of its parent's threads, and their work is not its own.
-    const CRtThread* any = caller || userThreads.empty() ? caller : userThreads.front();
-    if (any && !any->IsOfThisProcess())
-        return false;
     if (caller)
         RunCallerQueue(*caller);
     {
