@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <map>
 
 #include "support.h"
 #include "util/filemanager/filemanager.h"
@@ -21,12 +20,11 @@ constexpr uint32_t NETWORK = 4;
 
 struct Case {
     const char* name;
-    uint32_t sizeAnswered;
-    uint32_t lengthAnswered;
-    std::string list; // each entry ended by a NUL
-    std::map<std::string, Drive> drives;
-    std::string chosen; // empty: the user's own folder
-    std::string warning;
+    std::string list;          // each entry ended by a NUL
+    std::vector<Drive> drives; // from P on
+    std::string chosen;        // empty: the user's own folder
+    std::string warning = "";
+    uint32_t lengthAnswered = static_cast<uint32_t>(list.size());
 };
 
 using namespace std::string_literals;
@@ -34,53 +32,22 @@ const std::string TWO = "P:\\\0Q:\\\0"s;
 const std::string FOUR = TWO + "R:\\\0S:\\\0"s;
 
 const Case CASES[] = {
-    {"FirstOfEqual",
-     17,
-     16,
-     FOUR,
-     {{"P:\\", {FIXED, 5}}, {"Q:\\", {FIXED, 9}}, {"R:\\", {FIXED, 9}}, {"S:\\", {FIXED, 8}}},
-     "Q:\\",
-     ""},
-    {"FixedThatAnswer",
-     17,
-     16,
-     FOUR,
-     {{"P:\\", {NETWORK, 99}},
-      {"Q:\\", {FIXED, UNKNOWN}},
-      {"R:\\", {FIXED, 0}},
-      {"S:\\", {FIXED, 1}}},
-     "S:\\",
-     ""},
-    {"InSixtyFourBits",
-     9,
-     8,
-     TWO,
-     {{"P:\\", {FIXED, 0xFFFFFFFF}}, {"Q:\\", {FIXED, 0x100000001}}},
-     "Q:\\",
-     ""},
-    {"UpToTheLength", 9, 3, TWO, {{"P:\\", {FIXED, 1}}, {"Q:\\", {FIXED, 2}}}, "P:\\", ""},
-    {"UpToAShortEntry",
-     9,
-     8,
-     "P:\\\0Q\0R:\\\0"s,
-     {{"P:\\", {FIXED, 1}}, {"R:\\", {FIXED, 2}}},
-     "P:\\",
-     ""},
-    {"NoneWithRoom",
-     9,
-     8,
-     TWO,
-     {{"P:\\", {FIXED, 0}}, {"Q:\\", {NETWORK, 2}}},
-     "",
-     "lpDSMax is null"},
-    {"NoSize", 0, 8, TWO, {}, "", "GetLogicalDriveStrings len fail"},
-    {"NoList", 9, 0, TWO, {}, "", "GetLogicalDriveStrings real fail"},
+    {"FirstOfEqual", FOUR, {{FIXED, 5}, {FIXED, 9}, {FIXED, 9}, {FIXED, 8}}, "Q:\\"},
+    {"FixedThatAnswer", FOUR, {{NETWORK, 9}, {FIXED, UNKNOWN}, {FIXED, 0}, {FIXED, 1}}, "S:\\"},
+    {"InSixtyFourBits", TWO, {{FIXED, 0xFFFFFFFF}, {FIXED, 0x100000001}}, "Q:\\"},
+    {"UpToTheLength", TWO, {{FIXED, 1}, {FIXED, 2}}, "P:\\", "", 3},
+    {"UpToAShortEntry", "P:\\\0Q\0R:\\\0"s, {{FIXED, 1}, {}, {FIXED, 2}}, "P:\\"},
+    {"NoneWithRoom", TWO, {{FIXED, 0}, {NETWORK, 2}}, "", "lpDSMax is null"},
+    {"NoSize", "", {}, "", "GetLogicalDriveStrings len fail"},
+    {"NoList", TWO, {}, "", "GetLogicalDriveStrings real fail", 0},
 };
 
 const Case* g_now = nullptr;
 
+const Drive& At(const char* root) { return g_now->drives.at(static_cast<size_t>(root[0] - 'P')); }
+
 bool FreeBytes(const char* root, uint64_t& available) {
-    available = g_now->drives.at(root).available;
+    available = At(root).available;
     return available != UNKNOWN;
 }
 
@@ -89,12 +56,13 @@ bool FreeBytes(const char* root, uint64_t& available) {
 // By the mangled names of the os layer's functions; those of the last differ with the type of uint64_t.
 extern "C" {
 uint32_t __wrap__ZN4RtOs15GetDriveStringsEjPc(uint32_t size, char* buffer) {
+    const std::string& list = g_now->list;
     if (size == 0)
-        return g_now->sizeAnswered;
-    std::memcpy(buffer, g_now->list.data(), std::min<size_t>(size, g_now->list.size()));
+        return list.empty() ? 0 : static_cast<uint32_t>(list.size() + 1);
+    std::memcpy(buffer, list.data(), std::min<size_t>(size, list.size()));
     return g_now->lengthAnswered;
 }
-uint32_t __wrap__ZN4RtOs12GetDriveKindEPKc(const char* root) { return g_now->drives.at(root).kind; }
+uint32_t __wrap__ZN4RtOs12GetDriveKindEPKc(const char* root) { return At(root).kind; }
 bool __wrap__ZN4RtOs17GetDriveFreeBytesEPKcRm(const char* root, uint64_t& available) {
     return FreeBytes(root, available);
 }

@@ -1,5 +1,4 @@
-// Stores that are queued when the manager stops and the process ends, in every arrangement of thread 3;
-// starting again and again in one process.
+// Stores that are queued when the manager stops and the process ends, in every arrangement of thread 3.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -34,11 +33,15 @@ FMFileID Fill(const TempDir& dir) {
     return info.fileID;
 }
 
-void FillAndUnInitialize(const TempDir& dir, bool detachFirst) {
-    const FMFileID id = Fill(dir);
-    if (detachFirst)
-        IFileManager::Instance()->DetachFile(id);
+void FillDetachAndUnInitialize(const TempDir& dir) {
+    IFileManager::Instance()->DetachFile(Fill(dir));
     IFileManager::Instance()->UnInitialize();
+}
+
+void FillUnInitializeAndExit(const TempDir& dir) {
+    Fill(dir);
+    IFileManager::Instance()->UnInitialize();
+    std::exit(0);
 }
 
 void ExpectAllThere(const TempDir& dir) {
@@ -57,145 +60,78 @@ void ExpectAllThere(const TempDir& dir) {
     }
 }
 
+// --- How a process ends -------------------------------------------------------------------------
+
+struct Ending {
+    const char* name;
+    void (*end)(const TempDir& dir);
+};
+
+void FromMain(const TempDir& dir) {
+    {
+        CRtCallerThread three;
+        FillDetachAndUnInitialize(dir);
+    }
+    std::exit(0); // as a return from main does
+}
+
+void OnAnOwnThreadThree(const TempDir& dir) {
+    CRtCallerThread three; // never given back
+    RtRunOnCallerThread([&] { FillUnInitializeAndExit(dir); }, false);
+    three.Run();
+}
+
+void FromMainWhileTheRuntimeRunsThreadThree(const TempDir& dir) {
+    RtRunOnCallerThread([&] { FillDetachAndUnInitialize(dir); }, false);
+    std::exit(0);
+}
+
+void OnTheRuntimesThreadThree(const TempDir& dir) {
+    RtRunOnCallerThread([&] { FillUnInitializeAndExit(dir); }, true);
+    std::this_thread::sleep_for(std::chrono::hours(1));
+}
+
+// Closed information still waits in thread 3's queue when the process ends.
+void WithoutUnInitialize(const TempDir& dir) {
+    const CRtCallerThread three; // never given back
+    IFileManager::Instance()->DetachFile(Fill(dir));
+    std::exit(0);
+}
+
+// While the process ends: the read/write thread is gone by then.
+void WithASinkThatAsksAgain(const TempDir& dir) {
+    // Lives until the end, which is after the program's own static objects.
+    static CountingSink* const sink = new CountingSink;
+    static IFMBlock* block = nullptr;
+    sink->then = [](IFMBlock* asked, int) { asked->ReadData(sink); };
+    const CRtCallerThread three;
+    IFileManager* manager = IFileManager::Instance();
+    manager->DetachFile(Fill(dir));
+    IFMFile* file = nullptr;
+    manager->CreateFile(file, Description());
+    file->GetBlock(block, 1, 1);
+    block->ReadData(sink);
+    std::exit(0);
+}
+
+constexpr Ending ENDINGS[] = {
+    {"FromMain", FromMain},
+    {"OnAnOwnThreadThree", OnAnOwnThreadThree},
+    {"FromMainWhileTheRuntimeRunsThreadThree", FromMainWhileTheRuntimeRunsThreadThree},
+    {"OnTheRuntimesThreadThree", OnTheRuntimesThreadThree},
+    {"WithoutUnInitialize", WithoutUnInitialize},
+    {"WithASinkThatAsksAgain", WithASinkThatAsksAgain},
+};
+
+class Exit : public testing::TestWithParam<Ending> {};
+
 } // namespace
 
-TEST(Exit, FromMainWithAnOwnThreadThree) {
+TEST_P(Exit, LeavesAllOnDisk) {
     const SharedDir shared;
-    const TempDir& dir = shared.dir;
-    EXPECT_EXIT(
-        {
-            {
-                CRtCallerThread three;
-                FillAndUnInitialize(dir, true);
-            }
-            std::exit(0); // as a return from main does
-        },
-        testing::ExitedWithCode(0), "");
-    ExpectAllThere(dir);
+    EXPECT_EXIT(GetParam().end(shared.dir), testing::ExitedWithCode(0), "");
+    ExpectAllThere(shared.dir);
 }
 
-TEST(Exit, ThroughExitOnAnOwnThreadThreeThatIsNeverGivenBack) {
-    const SharedDir shared;
-    const TempDir& dir = shared.dir;
-    EXPECT_EXIT(
-        {
-            CRtCallerThread three;
-            RtRunOnCallerThread(
-                [&] {
-                    FillAndUnInitialize(dir, false);
-                    std::exit(0);
-                },
-                false);
-            three.Run();
-        },
-        testing::ExitedWithCode(0), "");
-    ExpectAllThere(dir);
-}
-
-TEST(Exit, ThroughExitFromMainWhileTheRuntimeRunsThreadThree) {
-    const SharedDir shared;
-    const TempDir& dir = shared.dir;
-    EXPECT_EXIT(
-        {
-            RtRunOnCallerThread([&] { FillAndUnInitialize(dir, true); }, false);
-            std::exit(0);
-        },
-        testing::ExitedWithCode(0), "");
-    ExpectAllThere(dir);
-}
-
-TEST(Exit, ThroughExitOnTheRuntimesThreadThree) {
-    const SharedDir shared;
-    const TempDir& dir = shared.dir;
-    EXPECT_EXIT(
-        {
-            RtRunOnCallerThread(
-                [&] {
-                    FillAndUnInitialize(dir, false);
-                    std::exit(0);
-                },
-                true);
-            std::this_thread::sleep_for(std::chrono::hours(1));
-        },
-        testing::ExitedWithCode(0), "");
-    ExpectAllThere(dir);
-}
-
-// Closed information still waits in thread 3's queue when the process ends without UnInitialize.
-TEST(Exit, WithoutUnInitializeWhatWasClosedIsWritten) {
-    const SharedDir shared;
-    const TempDir& dir = shared.dir;
-    EXPECT_EXIT(
-        {
-            const CRtCallerThread three; // never given back
-            IFileManager::Instance()->DetachFile(Fill(dir));
-            std::exit(0);
-        },
-        testing::ExitedWithCode(0), "");
-    ExpectAllThere(dir);
-}
-
-// A sink that asks again while the process ends: the read/write thread is gone by then.
-TEST(Exit, WithASinkThatAsksAgain) {
-    const SharedDir shared;
-    const TempDir& dir = shared.dir;
-    EXPECT_EXIT(
-        {
-            // Lives until the end, which is after the program's own static objects.
-            static CountingSink* const sink = new CountingSink;
-            static IFMBlock* block = nullptr;
-            sink->then = [](IFMBlock* asked, int) { asked->ReadData(sink); };
-            const CRtCallerThread three;
-            IFileManager* manager = IFileManager::Instance();
-            manager->Initialize(CRtString(dir.path.string()), 7, 1);
-            IFMFile* file = nullptr;
-            manager->CreateFile(file, Description());
-            file->GetBlock(block, 1, 1);
-            block->ReadData(sink);
-            std::exit(0);
-        },
-        testing::ExitedWithCode(0), "");
-}
-
-TEST(Again, TenRunsInOneProcessLeaveNothingBehind) {
-    LogCapture log;
-    size_t threads = 0;
-    size_t descriptors = 0;
-    {
-        Cache cache(0);
-        cache.Stop();
-        for (int run = 0; run < 10; ++run) {
-            cache.Start();
-            EXPECT_EQ(cache.manager->Initialize("", 0, 1), 0); // a second call changes nothing
-            FileRef file = cache.Create();
-            const FMFileID id = file->GetFileInfo().fileID;
-            Write(*Cache::Block(*file, 1), Content(1));
-            cache.Close(file);
-            FileRef again = cache.Open(id);
-            FileRef displaced = cache.Create();
-            cache.Create(displaced->GetFileInfo());
-            Write(*Cache::Block(*displaced, 1), Content(2));
-            CountingSink sink;
-            Cache::Block(*again, 1)->ReadData(&sink);
-            again.Reset();
-            displaced.Reset();
-            cache.Stop();
-            cache.Stop();
-            while (cache.thread.RunDue() > 0) {
-            }
-            EXPECT_EQ(sink.results.size(), 1U);
-            const auto nowThreads = CountThreads();
-            const auto nowDescriptors = CountHandles();
-            EXPECT_TRUE(run == 0 || (threads == nowThreads && descriptors == nowDescriptors));
-            threads = nowThreads;
-            descriptors = nowDescriptors;
-        }
-    }
-    EXPECT_EQ(log.Count("CFMBlock::CFMBlock,"), log.Count("CFMBlock::~CFMBlock,"));
-    EXPECT_EQ(log.Count("CFMFile::CFMFile,"), log.Count("CFMFile::~CFMFile,"));
-    EXPECT_EQ(log.Count("CDiskFile::CDiskFile,"), log.Count("CDiskFile::~CDiskFile,"));
-    EXPECT_EQ(log.Count("CFileManager::UnInitialize, End. "), 10U + 1);
-    EXPECT_EQ(log.Count("CFileManager::SetDataDir, data dir="), 1U);
-    EXPECT_EQ(log.Count("CFileManager::UnInitialize, statistics  cache: [memo-Max=67108864 Cur=0]"),
-              1U);
-}
+INSTANTIATE_TEST_SUITE_P(Process, Exit, testing::ValuesIn(ENDINGS),
+                         [](const auto& ending) { return std::string(ending.param.name); });
