@@ -10,25 +10,10 @@
 
 namespace {
 
-size_t Files(const fs::path& path) {
-    const fs::recursive_directory_iterator all(path);
-    return static_cast<size_t>(std::count_if(
-        begin(all), end(all), [](const auto& entry) { return entry.is_regular_file(); }));
-}
-
-std::string InfoFile(const FMFileInfo& info, int64_t createTime) {
-    CRtMessageChain body;
-    FMEncodeFileBody(info, static_cast<uint32_t>(createTime), body);
-    const std::string bytes(body->FlattenChained().view());
-    std::string length(4, '\0');
-    length[0] = static_cast<char>(bytes.size());
-    return "IFSD" + length + bytes + std::string("\2\0\0\0\0\0", 6);
-}
-
 // A cached file of an earlier run.
 FMFileID Leave(const Cache& cache, int64_t createTime, uint32_t flag = 0) {
     const FMFileInfo info = Description(1, flag);
-    WriteFile(cache.Path(info.fileID, ".sdi"), InfoFile(info, createTime));
+    WriteFile(cache.Path(info.fileID, ".sdi"), InfoFile(info, std::string(2, '\0'), createTime));
     WriteFile(cache.Path(info.fileID, ".sdd"), "data");
     return info.fileID;
 }
@@ -85,7 +70,7 @@ TEST(Clearing, OfAServerIsConfinedToItsStore) {
     EXPECT_TRUE(fs::is_empty(cache.dir.path / "sdstore"));
     cache.Stop();
     EXPECT_FALSE(fs::exists(cache.dir.path / "sdstore"));
-    EXPECT_EQ(Files(cache.dir.path), 2U);
+    EXPECT_EQ(CountFiles(cache.dir.path), 2U);
 }
 
 // The paths of a process are fixed by its first run: as a client it must not take a server's root for
@@ -97,7 +82,7 @@ TEST(Clearing, OfAClientAfterAServerLeavesTheServersRootAlone) {
     WriteFile(cache.dir.path / "12" / "of somebody else", "x");
     cache.manager->Initialize(CRtString(cache.dir.path.string()), 0, 0);
     cache.Stop();
-    EXPECT_EQ(Files(cache.dir.path), 1U);
+    EXPECT_EQ(CountFiles(cache.dir.path), 1U);
 }
 
 TEST(HouseKeeping, TakesWhatIsExpiredTemporaryOrUnreadable) {

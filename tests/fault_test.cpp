@@ -125,6 +125,7 @@ TEST(Fault, FullDiskThatGetsSpaceAgain) {
         work.Start();
         work.Make(A, {9000});
         work.Make(B, {700}, 0, 8192); // with a table of 32 KiB
+        work.Make(C, {700});
         work.Settle();
         {
             const LogCapture log;
@@ -136,13 +137,15 @@ TEST(Fault, FullDiskThatGetsSpaceAgain) {
             disk.Fill();
             work.Put(A, 2, 30000);
             work.Put(A, 3, 30000);
+            work.Put(C, 2, 30000);
             work.Settle();
             work.Advance(60'001);
             work.Settle();
-            EXPECT_EQ(log.Count("WriteToFile, WriteData failed"), 4U);
+            EXPECT_EQ(log.Count("WriteToFile, WriteData failed"), 6U);
         }
         work.Check(A);
         disk.Limit(2 << 20);
+        work.Close(C); // its store gets one more try
         work.ExpectStoredByTick();
         work.Stop();
         work.Verify();

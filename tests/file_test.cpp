@@ -7,52 +7,40 @@
 TEST(Registry, CountsUsesAndClosesAtTheLast) {
     LogCapture log;
     Cache cache;
-    IFMFile* raw = nullptr;
-    IFMBlock* block = nullptr;
+    FileRef file;
+    BlockRef block;
     IFileManager& manager = *cache.manager;
     FMFileInfo none = Description();
     none.fileID = FMFileID_None;
-    EXPECT_EQ(manager.CreateFile(raw, none), RT_ERROR_INVALID_ARG);
-    EXPECT_EQ(manager.OpenFile(raw, FMFileID_None, 1), RT_ERROR_INVALID_ARG);
-    EXPECT_EQ(manager.GetBlock(block, FMFileID_None, 1, 1), RT_ERROR_INVALID_ARG);
+    EXPECT_EQ(manager.CreateFile(file.Receive(), none), RT_ERROR_INVALID_ARG);
+    EXPECT_EQ(manager.OpenFile(file.Receive(), FMFileID_None, 1), RT_ERROR_INVALID_ARG);
+    EXPECT_EQ(manager.GetBlock(block.Receive(), FMFileID_None, 1, 1), RT_ERROR_INVALID_ARG);
     EXPECT_EQ(manager.AttachFile(FMFileID_None), RT_ERROR_INVALID_ARG);
     EXPECT_EQ(manager.DetachFile(FMFileID_None), RT_ERROR_INVALID_ARG);
     EXPECT_EQ(log.Count("util/filemanager/filemanager:"), 5U);
-    EXPECT_EQ(log.Count("CFileManager::AttachFile, fildID={00000000-0000-0000-0000-000000000000}"),
-              1U);
-    const FMFileID unknown = Description().fileID;
-    EXPECT_EQ(manager.AttachFile(unknown), RT_ERROR_NOT_FOUND);
-    EXPECT_EQ(manager.DetachFile(unknown), RT_ERROR_NOT_FOUND);
-    EXPECT_EQ(log.Count(" Assert failed: m_id2files.end() != it"), 2U);
-    EXPECT_EQ(manager.GetBlock(block, unknown, 1, 1), RT_ERROR_NOT_FOUND);
 
-    FileRef file = cache.Create();
+    file = cache.Create();
     const FMFileID id = file->GetFileInfo().fileID;
     EXPECT_EQ(manager.AttachFile(id), 0);
     EXPECT_EQ(manager.AttachFile(id), 0);
-    EXPECT_EQ(manager.GetBlock(block, id, 1, 1), 0);
-    Write(*block, "bytes");
-    block->ReleaseReference();
+    Write(*Cache::Block(*file, 1), "bytes");
     EXPECT_EQ(manager.DetachFile(id), 0);
     EXPECT_TRUE(cache.Open(id, 0));
     EXPECT_EQ(manager.DetachFile(id), 0);
     EXPECT_FALSE(cache.Open(id, 0));
-    EXPECT_EQ(manager.GetBlock(block, id, 1, 1), RT_ERROR_NOT_FOUND); // on disk only
     EXPECT_EQ(file->GetBlocks().size(), 0U);
-    EXPECT_EQ(file->GetBlock(block, 1, 1), RT_ERROR_NOT_READY); // closed
+    EXPECT_EQ(file->GetBlock(block.Receive(), 1, 1), RT_ERROR_NOT_READY); // closed
     file = cache.Open(id, 1);
     ASSERT_TRUE(file);
-    EXPECT_TRUE(cache.Open(id, 0));
 
+    const FMFileID unknown = Description().fileID;
     CFileManager& inside = *CFileManager::Instance();
     EXPECT_EQ(inside.IsFileOpen(FMFileIDToString(id)), 1);
     EXPECT_EQ(inside.IsFileOpen("tmp"), 0);
     EXPECT_EQ(inside.GetBlocks(id).size(), 64U);
     EXPECT_EQ(&inside.GetBlocks(unknown), &inside.GetBlocks(FMFileID_None));
-    EXPECT_EQ(inside.RemoveBlock(unknown, 1, block), RT_ERROR_NOT_FOUND);
-    EXPECT_EQ(inside.RemoveBlock(id, 1, block), 0);
-    BlockRef::Adopt(block);
-    EXPECT_EQ(log.Count("util/filemanager/"), 5U + 2 + 1);
+    EXPECT_EQ(inside.RemoveBlock(unknown, 1, block.Receive()), RT_ERROR_NOT_FOUND);
+    EXPECT_EQ(inside.RemoveBlock(id, 1, block.Receive()), 0);
 }
 
 TEST(File, GrowsItsTableAsBlocksAreAskedFor) {
@@ -61,7 +49,6 @@ TEST(File, GrowsItsTableAsBlocksAreAskedFor) {
     FMFileInfo info = Description(100);
     info.num = 8193;
     FileRef file = cache.Create(info);
-    EXPECT_EQ(log.Count(",flag=0,blockbeg=100,num=8193 this="), 1U);
     IFMBlock* block = nullptr;
     const auto get = [&](uint32_t id, int create) {
         const int result = file->GetBlock(block, id, create);
@@ -108,10 +95,7 @@ TEST(DiskFile, MakesReadsExtendsAndRemoves) {
     EXPECT_EQ(file->WriteData(nullptr, 0, 4, 1), RT_ERROR_INVALID_ARG);
     EXPECT_EQ(file->ReaddData(bytes, 0, 0), RT_ERROR_INVALID_ARG);
     EXPECT_FALSE(fs::exists(path));
-    EXPECT_EQ(log.Count(" Assert failed: lpBuffer && dwLength >0"), 1U);
-    EXPECT_EQ(log.Count(" Assert failed: lpBuffer && dwLength>0"), 1U);
     EXPECT_EQ(file->ReaddData(bytes, 0, 4), RT_ERROR_IO);
-    EXPECT_EQ(log.Count("CDiskFile::ReaddData. fread Failed. Error Ret: 0 fileName="), 1U);
     EXPECT_EQ(fs::file_size(path), 0U);
     EXPECT_EQ(file->WriteData("late", 6, 4, 1), 0);
     EXPECT_EQ(ReadFile(path), std::string(6, '\0') + "late");
@@ -126,23 +110,19 @@ TEST(DiskFile, MakesReadsExtendsAndRemoves) {
     EXPECT_EQ(file->ReaddData(bytes, far, 3), 0);
     EXPECT_STREQ(bytes, "fare");
     EXPECT_EQ(file->ReaddData(bytes, UINT64_MAX - 1, 1), RT_ERROR_IO);
-    EXPECT_EQ(log.Count("CDiskFile::ReaddData. fseek Failed. Error Ret: 0 fileName="), 1U);
     EXPECT_EQ(file->RemoveMee(), 0);
     EXPECT_FALSE(fs::exists(path));
     EXPECT_EQ(file->RemoveMee(), 0);
     fs::create_directory(path); // cannot be deleted as a file
     fs::create_directory(path / "in it");
     EXPECT_EQ(file->RemoveMee(), RT_ERROR_IO);
-    EXPECT_EQ(log.Count("CDiskFile::RemoveMee. unlink Failed. Error Ret: -1 Filename="), 1U);
     EXPECT_EQ(file->WriteData("x", 0, 1, 1), RT_ERROR_IO);
-    EXPECT_EQ(log.Count("CDiskFile::Open. fopen Failed. error="), 2U);
-    EXPECT_EQ(log.Count("CDiskFile::WriteData. Can't Open File. this="), 1U);
+
+    EXPECT_EQ(log.Count(" Failed. "), 2U + 1 + 1 + 2); // of fread, fseek, unlink and fopen
 
     const CRtComAutoPtr<CDiskFile> nameless(new CDiskFile(""));
-    EXPECT_EQ(log.Count(" Assert failed: !strFileName.empty()"), 1U);
     EXPECT_EQ(nameless->Open("", 1), RT_ERROR_INVALID_ARG);
     EXPECT_EQ(nameless->ReaddData(bytes, 0, 1), RT_ERROR_IO);
-    EXPECT_EQ(log.Count("CDiskFile::IsOpen. File cann't open, filename= this="), 1U);
     EXPECT_EQ(nameless->RemoveMee(), 0);
 }
 

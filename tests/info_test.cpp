@@ -2,31 +2,10 @@
 // are damaged, foreign or out of date.
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "support.h"
 #include "util/filemanager/filemanager.h"
 
 namespace {
-
-std::string Number(uint64_t value, int bytes) {
-    std::string text;
-    for (int i = 0; i < bytes; ++i)
-        text += static_cast<char>(value >> (8 * i));
-    return text;
-}
-
-std::string Bytes(const CRtMessageChain& chain) {
-    return std::string(chain->FlattenChained().view());
-}
-
-// A whole information file of the given slots.
-std::string InfoFile(const FMFileInfo& info, const std::string& blockBody) {
-    CRtMessageChain body;
-    EXPECT_EQ(FMEncodeFileBody(info, 1'700'000'000, body), 0);
-    return "IFSD" + Number(body->GetChainedLength(), 4) + Bytes(body) +
-           Number(blockBody.size(), 4) + blockBody;
-}
 
 std::string BlockBody(const std::vector<FMBlockEntry>& slots) {
     CRtMessageChain body;
@@ -38,8 +17,10 @@ std::string BlockBody(const std::vector<FMBlockEntry>& slots) {
 } // namespace
 
 TEST(Info, HoldsTheTableAndOnlyWhatIsTrue) {
+    TestClock clock;
     LogCapture log;
     Cache cache;
+    EXPECT_EQ(cache.manager->Initialize("", 0, 1), 0); // a second call changes nothing
     FMFileInfo info = Description(0);
     info.name = "";
     info.num = 4;
@@ -53,13 +34,11 @@ TEST(Info, HoldsTheTableAndOnlyWhatIsTrue) {
         Write(*Cache::Block(*file, id), Pattern(id, 10 + id));
     const CRtMessageChain half = CRtMessageBlock::CreateCopy("half", 4);
     EXPECT_EQ(Cache::Block(*file, 2)->WriteData(8, 0, half.get()), 0);
+    info = file->GetFileInfo();
     cache.Close(file);
     cache.Settle();
-    const std::string body = BlockBody({{}, {1, 11, 10}, {2, 0, 0}, {3, 13, 21}});
     const std::string onDisk = ReadFile(cache.Path(info.fileID, ".sdi"));
-    ASSERT_GE(onDisk.size(), 46U);
-    EXPECT_EQ(onDisk.substr(46), Number(body.size(), 4) + body);
-    EXPECT_EQ(onDisk.substr(0, 8), "IFSD" + Number(38, 4));
+    EXPECT_EQ(onDisk, InfoFile(info, BlockBody({{}, {1, 11, 10}, {2, 0, 0}, {3, 13, 21}})));
     EXPECT_EQ(log.Count("block 0 cannot be saved"), 1U);
 
     // Bytes that an earlier, longer version left behind are ignored, also after another save.
@@ -67,9 +46,8 @@ TEST(Info, HoldsTheTableAndOnlyWhatIsTrue) {
     file = cache.Open(info.fileID);
     ASSERT_TRUE(file);
     EXPECT_EQ(Cache::Block(*file, 2, 0)->GetTotalLen(), 0U);
-    IFMBlock* removed = nullptr;
-    EXPECT_EQ(file->RemoveBlock(3, removed), 0);
-    BlockRef::Adopt(removed);
+    BlockRef removed;
+    EXPECT_EQ(file->RemoveBlock(3, removed.Receive()), 0);
     Write(*Cache::Block(*file, 2), "later");
     cache.Close(file);
     file = cache.Open(info.fileID); // at once: as it will be written
@@ -80,51 +58,6 @@ TEST(Info, HoldsTheTableAndOnlyWhatIsTrue) {
     cache.Settle();
     // Behind the furthest block that was restored.
     EXPECT_EQ(ReadFile(cache.Path(info.fileID, ".sdd")).substr(34), "later");
-}
-
-TEST(Info, EveryFlippedByteAndEveryCutIsTakenCalmly) {
-    LogCapture quiet(RT_LOG_SILENT);
-    Cache cache;
-    FileRef made = cache.Create();
-    const FMFileID id = made->GetFileInfo().fileID;
-    for (uint32_t i = 1; i <= 8; ++i)
-        Write(*Cache::Block(*made, i), Pattern(i, 50 * i));
-    cache.Close(made);
-    cache.Settle();
-    const fs::path path = cache.Path(id, ".sdi");
-    const std::string valid = ReadFile(path);
-    const std::string data = ReadFile(cache.Path(id, ".sdd"));
-    const size_t before = CountHeapBytes();
-    const auto load = [&](const std::string& bytes) {
-        WriteFile(path, bytes);
-        WriteFile(cache.Path(id, ".sdd"), data); // a flipped flag makes the file temporary
-        const FileRef file = cache.Open(id);
-        if (!file)
-            return;
-        const size_t held = CountHeapBytes() - before;
-        ASSERT_LT(held, 200'000 + 64 * bytes.size());
-        const FMFileInfo info = file->GetFileInfo();
-        for (uint32_t slot = 0; slot < info.num; ++slot) {
-            const BlockRef block = Cache::Block(*file, info.blockBeg + slot, 0);
-            if (!block || !block->IsComplete())
-                continue;
-            const std::string read = Read(*block);
-            ASSERT_TRUE(read.starts_with("error 10001") || read.size() <= data.size());
-        }
-        ASSERT_EQ(cache.manager->DetachFile(info.fileID), 0);
-    };
-    for (size_t at = 0; at < valid.size(); at += 1 + SLOWNESS / 4) {
-        for (const int flip : {0x01, 0x80, 0xFF}) {
-            std::string bytes = valid;
-            bytes[at] = static_cast<char>(bytes[at] ^ flip);
-            load(bytes);
-        }
-        load(valid.substr(0, at));
-    }
-    load(valid);
-    made = cache.Open(id);
-    ASSERT_TRUE(made);
-    EXPECT_EQ(Read(*Cache::Block(*made, 8, 0)), Pattern(8, 400));
 }
 
 TEST(Info, HostileNumbersAreSkippedRefusedOrFailWhenRead) {
@@ -155,7 +88,6 @@ TEST(Info, HostileNumbersAreSkippedRefusedOrFailWhenRead) {
     EXPECT_EQ(log.Count("CDiskFile::ReaddData. fread Failed."), 0U); // no memory was made for them
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, impossible place, blockID="), 3U);
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, block beyond the data file, blockID="), 2U);
-    EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, block outside the table, blockID=4000"), 1U);
 
     // Places that belong to nobody, or to two, are not written to.
     file = open(BlockBody({{1, 400, 0}, {2, 0, 300}, {3, 400, 200}, {4, 100, 700}}));
@@ -175,26 +107,21 @@ TEST(Info, HostileNumbersAreSkippedRefusedOrFailWhenRead) {
     EXPECT_TRUE(Cache::Block(*file, 1, 0)->IsComplete());
     EXPECT_FALSE(Cache::Block(*file, 2, 0)->IsComplete());
     EXPECT_FALSE(Cache::Block(*file, 3, 0));
-    EXPECT_EQ(log.Count("CRtByteStreamT::Read, can't read."), 1U + 7);
 
     EXPECT_TRUE(open(std::string(2, '\0') + std::string(FM_INFO_BLOCK_BODY_MAX - 2, 'x')));
     EXPECT_FALSE(open(std::string(FM_INFO_BLOCK_BODY_MAX + 1, '\0')));
-    EXPECT_EQ(log.Count("ReaddBlockInfo first error, ret=0,length=819201 this="), 1U);
     info.num = FM_TABLE_SLOTS_MAX + 1;
     EXPECT_FALSE(open(BlockBody({})));
-    EXPECT_EQ(log.Count("Decode file info error, ret=10008 this="), 1U);
     info.num = FM_TABLE_SLOTS_MAX;
     file = open(BlockBody({}));
     ASSERT_TRUE(file);
     EXPECT_EQ(file->GetBlocks().size(), 8192U); // no more than the file gives reason for
     info.name = CRtString(std::string(2011, 'n'));
     EXPECT_FALSE(open(BlockBody({})));
-    EXPECT_EQ(log.Count("LoadFileInfo, ReaddFileInfo error, ret=10008 this="), 1U);
     WriteFile(cache.Path(info.fileID, ".sdi"), "JFSD and so on and so on");
     EXPECT_FALSE(cache.Open(info.fileID));
-    EXPECT_EQ(log.Count("CInfoFile::ReaddFileInfo. not sdinfo file! readFileHeader=JFSD this="),
-              1U);
-    EXPECT_EQ(log.Count("LoadFileInfo, ReaddFileInfo error, ret=10015 this="), 1U);
+    for (const char* result : {"10008", "10015"})
+        EXPECT_EQ(log.Count("LoadFileInfo, ReaddFileInfo error, ret=" + std::string(result)), 1U);
     FMFileInfo unknown = Description();
     EXPECT_FALSE(cache.Open(unknown.fileID));
     EXPECT_FALSE(fs::exists(cache.Path(unknown.fileID, ".sdi")));
@@ -229,23 +156,6 @@ TEST(Info, TablesAndNamesAtTheEndOfTheFormat) {
     Write(*Cache::Block(*nameless, 1), "x");
     cache.Close(nameless);
     EXPECT_EQ(log.Count("CFMFile::SaveFileInfo, Encode file info error, ret=10001 this="), 1U);
-}
-
-// A crash at any moment of a file's being made anew: the old table is never found over new bytes.
-TEST(Info, AFileMadeAnewDropsTheOldTableBeforeItsFirstByte) {
-    LogCapture quiet(RT_LOG_SILENT);
-    Cache cache;
-    const FMFileInfo info = Description();
-    FileRef file = cache.Create(info);
-    Write(*Cache::Block(*file, 1), Pattern(1, 300));
-    cache.Close(file);
-    cache.Settle();
-    file = cache.Create(info);
-    EXPECT_TRUE(fs::exists(cache.Path(info.fileID, ".sdi"))); // nothing is lost yet
-    Write(*Cache::Block(*file, 1), Pattern(2, 200));
-    CFileManager::Instance()->IsFileOpen(""); // the store has run
-    EXPECT_FALSE(fs::exists(cache.Path(info.fileID, ".sdi")));
-    EXPECT_EQ(ReadFile(cache.Path(info.fileID, ".sdd")), Pattern(2, 200));
 }
 
 TEST(Info, TwoObjectsNeverShareAPath) {

@@ -64,6 +64,8 @@ TEST(Requests, LiveUntilTheyAreCancelled) {
         const FileRef file = cache.Create();
         const BlockRef block = Cache::Block(*file, 1);
         block->AddRetrieve(nullptr, 1);
+        block->SetOwner(nullptr, 1);
+        EXPECT_FALSE(block->HasOwner());
         EXPECT_EQ(block->CancelRetrieve(nullptr), 0);
         for (const auto& [node, priority] : {std::pair(0, 1), {1, 2}, {0, 3}})
             block->AddRetrieve(nodes[static_cast<size_t>(node)].get(),
@@ -80,7 +82,6 @@ TEST(Requests, LiveUntilTheyAreCancelled) {
         EXPECT_EQ(nodes[1]->references, 1);
     }
     EXPECT_EQ(log.Count(" Assert failed: node"), 6U);
-    EXPECT_EQ(log.Count("CFMBlock::CancelRetrieve, fileID="), 4U);
     EXPECT_EQ(log.Count(",blockID=1,node=0.0.0.1,pri=3 this="), 2U);
 }
 
@@ -117,31 +118,6 @@ TEST(Requests, AreAnsweredByKindPriorityAndOwners) {
     EXPECT_EQ(count, 0);
 }
 
-TEST(Owners, OfAClientAreOneListByObject) {
-    const auto nodes = Nodes(2, true, true, 1);
-    LogCapture log;
-    Cache cache(0);
-    const FileRef file = cache.Create();
-    const BlockRef block = Cache::Block(*file, 1);
-    EXPECT_EQ(block->GetOwner(), nullptr);
-    block->SetOwner(nullptr, 1);
-    for (const size_t node : {0, 1, 0})
-        block->SetOwner(nodes[node].get(), 1);
-    EXPECT_EQ(log.Count(",address=3,owner="
-                        "0.0.0.1 own this="),
-              1U);
-    block->SetOwner(nodes[0].get(), 0);
-    EXPECT_EQ(nodes[0]->references, 1);
-    file->CancelRetrieve(nodes[1].get(), 1);
-    EXPECT_TRUE(block->HasOwner());
-    EXPECT_EQ(block->GetOwner(), nodes[0].get());
-    block->SetOwner(nodes[0].get(), 0);
-    block->SetOwner(nodes[0].get(), 0);
-    EXPECT_FALSE(block->HasOwner());
-    EXPECT_EQ(log.Count(",address=0,owner=0.0.0.1 noown this="), 2U);
-    EXPECT_EQ(log.Count(" Assert failed: owner"), 1U);
-}
-
 TEST(Owners, OfAServerArePublicOrBehindAnAddress) {
     const auto publics = Nodes(130, true, true, 7);
     const auto ten = Nodes(34, true, false, 10);
@@ -156,8 +132,6 @@ TEST(Owners, OfAServerArePublicOrBehindAnAddress) {
     };
     own(ten, 1);
     own(five, 1);
-    EXPECT_EQ(log.Count(" net own,IP=10 :32 this="), 1U);
-    EXPECT_EQ(log.Count(" net own,IP="), 32U + 2);
     EXPECT_EQ(ten[32]->references, 0);
     const ISDUser* owner = block->GetOwner(); // the lowest address
     EXPECT_TRUE(owner == five[0].get() || owner == five[1].get());
@@ -167,7 +141,6 @@ TEST(Owners, OfAServerArePublicOrBehindAnAddress) {
 
     own(publics, 1);
     EXPECT_EQ(log.Count(",pubs=128,nets=2,owner="), 1U);
-    EXPECT_EQ(log.Count(" pub ownIP=7,isp2p=1 this="), 128U);
     EXPECT_EQ(Owners(*block, *ten[0], 40).size(), 40U);
     EXPECT_EQ(Owners(*block, *ten[0], 0).size(), 0U);
     std::multiset<uint32_t> seen;
@@ -183,12 +156,9 @@ TEST(Owners, OfAServerArePublicOrBehindAnAddress) {
 
     own(publics, 0);
     own(five, 0);
-    EXPECT_EQ(log.Count(" net noown,IP=5 :0 remove this="), 1U);
     own(five, 0); // no such group: no line
     EXPECT_EQ(log.Count(" net noown,IP=5 :"), 2U);
-    EXPECT_EQ(log.Count(" pub noown,IP=7,isp2p=1 this="), 130U);
     EXPECT_TRUE(block->HasOwner());
     own(ten, 0);
     EXPECT_FALSE(block->HasOwner());
-    EXPECT_EQ(log.Count(" net noown,IP=10 :"), 32U);
 }

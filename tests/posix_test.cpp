@@ -8,36 +8,30 @@
 #include "support.h"
 #include "util/filemanager/filemanager.h"
 
-namespace {
-
-size_t Files(const fs::path& path) {
-    const fs::recursive_directory_iterator all(path);
-    return static_cast<size_t>(std::count_if(
-        begin(all), end(all), [](const auto& entry) { return entry.is_regular_file(); }));
-}
-
-} // namespace
-
-TEST(DataDir, ComesBackWhenItIsRemovedWhileTheSystemRuns) {
-    LogCapture log;
+TEST(DataDir, ComesBackWhenItIsRemovedAndIsFilledAgainFromMemory) {
+    TestClock clock;
+    LogCapture quiet(RT_LOG_SILENT);
     Cache cache(0);
-    const FileRef file = cache.Create();
+    FileRef file = cache.Create();
     const FMFileID id = file->GetFileInfo().fileID;
-    Write(*Cache::Block(*file, 1), "first");
+    for (uint32_t i = 1; i <= 2; ++i)
+        Write(*Cache::Block(*file, i), Pattern(i, 1000));
     cache.Settle();
     const fs::path dataDir = cache.Path(id, "").parent_path();
     EXPECT_EQ(fs::status(dataDir).permissions(), fs::perms(0700));
     EXPECT_EQ(fs::status(cache.Path(id, ".sdd")).permissions(), fs::perms(0600));
-    EXPECT_EQ(dataDir.filename(), std::to_string(getpid()));
     fs::remove_all(dataDir.parent_path());
-    const FileRef other = cache.Create();
-    Write(*Cache::Block(*other, 1), "second");
+    clock.Advance(5000);
+    Write(*Cache::Block(*file, 3), Pattern(3, 1000));
     cache.Settle();
-    EXPECT_EQ(ReadFile(cache.Path(other->GetFileInfo().fileID, ".sdd")), "second");
-    EXPECT_EQ(log.Count("CFileManager::CreateDir. mkdir:"), 4U);
-    EXPECT_EQ(log.Count("CFileManager::SetDataDir, data dir=" + cache.dir.path.string() +
-                        "\\confcache\\" + std::to_string(getpid()) + "\\"),
-              1U);
+    clock.Advance(60'000);
+    cache.Settle();
+    cache.Close(file);
+    cache.Settle();
+    file = cache.Open(id);
+    ASSERT_TRUE(file);
+    for (uint32_t i = 1; i <= 3; ++i)
+        EXPECT_EQ(Read(*Cache::Block(*file, i, 0)), Pattern(i, 1000));
 }
 
 TEST(DataDir, IsMadeWithItsParentsWhateverTheSeparators) {
@@ -58,32 +52,26 @@ TEST(DataDir, IsMadeWithItsParentsWhateverTheSeparators) {
     EXPECT_FALSE(fs::exists(dir.path / "a"));
 }
 
-TEST(DataDir, OfBlanksOnlyIsTheUsersOwn) {
-    const TempDir home;
-    setenv("XDG_CACHE_HOME", home.path.c_str(), 1);
-    LogCapture log;
-    const CRtCallerThread three;
-    IFileManager::Instance()->Initialize("   ", 7, 1);
-    EXPECT_TRUE(fs::is_directory(home.path / "sdstore"));
-    EXPECT_EQ(log.Count("CFileManager::GetMaxDrive, GetLogicalDriveStrings len fail"), 1U);
-    IFileManager::Instance()->UnInitialize();
-}
+class OwnFolder : public testing::TestWithParam<const char*> {};
 
 // The default root is the user's own folder, with everything else that lies there.
-TEST(Clearing, LeavesTheRestOfADefaultRootAlone) {
+TEST_P(OwnFolder, IsTheRootForBlanksAndItsRestIsNotCleared) {
     LogCapture quiet(RT_LOG_SILENT);
     const TempDir home;
+    const fs::path root = home.path / GetParam();
     setenv("HOME", home.path.c_str(), 1);
-    unsetenv("XDG_CACHE_HOME");
+    setenv("XDG_CACHE_HOME", root.filename() == ".cache" ? "" : root.c_str(), 1);
     WriteFile(home.path / "letter", "x");
-    WriteFile(home.path / ".cache" / "12" / "of somebody else", "x");
-    WriteFile(home.path / ".cache" / "sdstore" / "left over", "x");
+    WriteFile(root / "12" / "of somebody else", "x");
+    WriteFile(root / "sdstore" / "left over", "x");
     const CRtCallerThread three;
-    IFileManager::Instance()->Initialize("", 0, 1);
-    EXPECT_TRUE(fs::is_empty(home.path / ".cache" / "sdstore"));
+    IFileManager::Instance()->Initialize("   ", 0, 1);
+    EXPECT_TRUE(fs::is_empty(root / "sdstore"));
     IFileManager::Instance()->UnInitialize();
-    EXPECT_EQ(Files(home.path), 2U);
+    EXPECT_EQ(CountFiles(home.path), 2U);
 }
+
+INSTANTIATE_TEST_SUITE_P(DataDir, OwnFolder, testing::Values(".cache", "elsewhere"));
 
 // What cannot be removed stays, with the directories above it, until it can.
 TEST(Clearing, FinishesLaterWhatItCannotRemoveNow) {
@@ -119,7 +107,7 @@ TEST(Clearing, FollowsNoLinkOutOfTheCache) {
     const TempDir outside;
     for (int i = 0; i < 50; ++i)
         WriteFile(outside.path / std::to_string(i) / "kept", "x");
-    const size_t before = Files(outside.path);
+    const size_t before = CountFiles(outside.path);
     Cache cache(0, 0);
     cache.Stop();
     const fs::path root = cache.dir.path / "confcache";
@@ -152,7 +140,7 @@ TEST(Clearing, FollowsNoLinkOutOfTheCache) {
     cache.Start();
     cache.Stop(); // the next clearing finishes the work
     EXPECT_FALSE(fs::exists(root));
-    EXPECT_EQ(Files(outside.path), before);
+    EXPECT_EQ(CountFiles(outside.path), before);
     // The root itself is a link: nothing beyond it goes, nor does the link while a process works there.
     const IdleProcess other;
     WriteFile(outside.path / std::to_string(other.Id()) / "kept", "x");
@@ -165,7 +153,7 @@ TEST(Clearing, FollowsNoLinkOutOfTheCache) {
     fs::remove_all(outside.path / std::to_string(getpid()));
     CFileManager::RemoveDir(CRtString(root.string() + "\\"));
     EXPECT_FALSE(fs::is_symlink(root)); // the link itself goes
-    EXPECT_EQ(Files(outside.path), before);
+    EXPECT_EQ(CountFiles(outside.path), before);
 }
 
 TEST(HouseKeeping, OfNamesThatLeadElsewhereEndsAndTouchesNothingThere) {

@@ -8,6 +8,7 @@
 #include <sstream>
 #include <thread>
 
+#include "util/filemanager/filemanager.h"
 #include "util/runtime/os/RtOs.h"
 
 namespace {
@@ -58,7 +59,10 @@ std::string LogCapture::Text() const {
 
 Cache::Cache(int server, uint16_t days) : isServer(server), clearDays(days) { Start(); }
 
-Cache::Cache(const fs::path& existing) : dir(existing), isServer(1), clearDays(7) { Start(); }
+Cache::Cache(const fs::path& existing, bool isToStart) : dir(existing), isServer(1), clearDays(7) {
+    if (isToStart)
+        Start();
+}
 
 Cache::~Cache() {
     Stop();
@@ -68,18 +72,18 @@ Cache::~Cache() {
 
 void Cache::Start() { manager->Initialize(CRtString(dir.path.string()), clearDays, isServer); }
 
-void Cache::Settle() {
-    // A load of a block that nobody has waits for the read/write thread's queue.
-    FMFileInfo info = Description();
-    for (int round = 0; round < 3; ++round) {
+// A file made over another one waits for the read/write thread's queue.
+void Cache::Settle(uint32_t rounds) {
+    const FMFileInfo info = Description();
+    while (thread.RunDue() > 0) {
+    }
+    while (rounds-- > 0) {
+        FileRef first, second;
+        manager->CreateFile(first.Receive(), info);
+        manager->CreateFile(second.Receive(), info);
+        manager->DetachFile(info.fileID);
         while (thread.RunDue() > 0) {
         }
-        FileRef first = Create(info);
-        FileRef second = Create(info); // settles its predecessor: waits for the queue
-        first.Reset();
-        manager->DetachFile(info.fileID);
-    }
-    while (thread.RunDue() > 0) {
     }
 }
 
@@ -132,7 +136,7 @@ std::string Read(IFMBlock& block) {
     CRtMessageChain data;
     if (const int result = block.ReadData(0, block.GetTotalLen(), RtReceive(data)); result != 0)
         return "error " + std::to_string(result);
-    return std::string(data->FlattenChained().view());
+    return Bytes(data);
 }
 
 std::string ReadFile(const fs::path& path) {
@@ -147,6 +151,12 @@ void WriteFile(const fs::path& path, const std::string& bytes) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
+size_t CountFiles(const fs::path& path) {
+    const fs::recursive_directory_iterator all(path);
+    return static_cast<size_t>(std::count_if(
+        begin(all), end(all), [](const auto& entry) { return entry.is_regular_file(); }));
+}
+
 FMFileInfo Description(uint32_t blockBeg, uint32_t flag) {
     FMFileInfo info;
     CoCreateFMFileID(info.fileID);
@@ -154,4 +164,21 @@ FMFileInfo Description(uint32_t blockBeg, uint32_t flag) {
     info.blockBeg = blockBeg;
     info.flag = flag;
     return info;
+}
+
+std::string Bytes(const CRtMessageChain& chain) {
+    return std::string(chain->FlattenChained().view());
+}
+
+std::string InfoFile(const FMFileInfo& info, const std::string& blockBody, int64_t createTime) {
+    const auto length = [](size_t bytes) {
+        std::string text;
+        for (int bit = 0; bit < 32; bit += 8)
+            text += static_cast<char>(bytes >> bit);
+        return text;
+    };
+    CRtMessageChain body;
+    EXPECT_EQ(FMEncodeFileBody(info, static_cast<uint32_t>(createTime), body), 0);
+    return "IFSD" + length(body->GetChainedLength()) + Bytes(body) + length(blockBody.size()) +
+           blockBody;
 }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "IFileManager.h"
+#include "RtEventQueue.h"
 #include "RtRuntime.h"
 #include "pattern.h"
 
@@ -67,6 +68,21 @@ public:
     std::function<void(IFMBlock*, int)> then;
 };
 
+// Runs a function; counts what becomes of it.
+class TestEvent final : public IRtEvent {
+public:
+    explicit TestEvent(std::function<void()> work = [] {}) : m_work(std::move(work)) { ++alive; }
+    ~TestEvent() override { --alive; }
+    int OnEventFire() override {
+        m_work();
+        return 0;
+    }
+    inline static std::atomic<int> alive{0};
+
+private:
+    std::function<void()> m_work;
+};
+
 using FileRef = CRtComAutoPtr<IFMFile>;
 using BlockRef = CRtComAutoPtr<IFMBlock>;
 
@@ -74,12 +90,12 @@ using BlockRef = CRtComAutoPtr<IFMBlock>;
 class Cache {
 public:
     explicit Cache(int isServer = 1, uint16_t clearDays = 7);
-    explicit Cache(const fs::path& existing); // a server
+    explicit Cache(const fs::path& existing, bool isToStart = true); // a server
     ~Cache();
     void Start();
     void Stop() { manager->UnInitialize(); }
     // Until both threads have nothing left to do.
-    void Settle();
+    void Settle(uint32_t rounds = 3);
     fs::path Path(const FMFileID& id, const char* extension) const;
 
     FileRef Create(const FMFileInfo& info);
@@ -101,7 +117,13 @@ int Write(IFMBlock& block, const std::string& bytes, uint32_t piece = 1u << 20);
 std::string Read(IFMBlock& block);
 std::string ReadFile(const fs::path& path);
 void WriteFile(const fs::path& path, const std::string& bytes);
+// The regular files in a tree.
+size_t CountFiles(const fs::path& path);
 FMFileInfo Description(uint32_t blockBeg = 1, uint32_t flag = 0);
+std::string Bytes(const CRtMessageChain& chain);
+// A whole information file.
+std::string InfoFile(const FMFileInfo& info, const std::string& blockBody,
+                     int64_t createTime = 1'700'000'000);
 
 // --- What differs between systems: support_posix.cpp, support_windows.cpp ------------------------
 
@@ -126,10 +148,7 @@ extern const char NULL_DEVICE[];
 void SetVariable(const char* name, const std::string& value);
 size_t CountThreads();
 size_t CountHandles();
-// What the program has from its heap.
-size_t CountHeapBytes();
-// Of this process, from now on. False when the system has no such limit.
+// Of this process, from now on.
 bool LimitStreams(uint32_t count);
-bool LimitFileSize(uint64_t bytes);
 // Whether it is a junction, and not a link of the system below an emulator. Windows only.
 bool MakeDirectoryLink(const fs::path& target, const fs::path& link);

@@ -1,4 +1,3 @@
-#include <malloc.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -14,13 +13,6 @@ namespace {
 size_t CountEntries(const char* path) {
     return static_cast<size_t>(
         std::distance(fs::directory_iterator(path), fs::directory_iterator()));
-}
-
-bool Limit(__rlimit_resource resource, uint64_t most) {
-    rlimit limit{};
-    getrlimit(resource, &limit);
-    limit.rlim_cur = std::min<rlim_t>(most, limit.rlim_max);
-    return setrlimit(resource, &limit) == 0;
 }
 
 } // namespace
@@ -53,11 +45,9 @@ size_t CountThreads() { return CountEntries("/proc/self/task"); }
 
 size_t CountHandles() { return CountEntries("/proc/self/fd"); }
 
-size_t CountHeapBytes() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
-
-bool LimitStreams(uint32_t count) { return Limit(RLIMIT_NOFILE, count); }
-
-bool LimitFileSize(uint64_t bytes) {
-    signal(SIGXFSZ, SIG_IGN);
-    return Limit(RLIMIT_FSIZE, bytes);
+bool LimitStreams(uint32_t count) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = count;
+    return setrlimit(RLIMIT_NOFILE, &limit) == 0;
 }

@@ -2,7 +2,6 @@
 #include <windows.h>
 #undef CreateFile // a name of the file manager's, too
 
-#include <malloc.h>
 #include <stdio.h>
 #include <tlhelp32.h>
 
@@ -68,19 +67,9 @@ size_t CountHandles() {
     return count;
 }
 
-size_t CountHeapBytes() {
-    size_t bytes = 0;
-    _HEAPINFO entry{};
-    while (_heapwalk(&entry) == _HEAPOK)
-        bytes += entry._useflag == _USEDENTRY ? entry._size : 0;
-    return bytes;
-}
-
 bool LimitStreams(uint32_t count) {
     return _setmaxstdio(static_cast<int>(count)) == static_cast<int>(count);
 }
-
-bool LimitFileSize(uint64_t) { return false; }
 
 bool MakeDirectoryLink(const fs::path& target, const fs::path& link) {
     const std::string arguments = " \"" + link.string() + "\" \"" + target.string() + "\"";

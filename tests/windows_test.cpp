@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <thread>
-#include <type_traits>
 
 #include "support.h"
 #include "util/filemanager/filemanager.h"
@@ -14,8 +13,11 @@
 #include <windows.h>
 #undef CreateFile
 
-static_assert(std::is_same_v<FMFileID, GUID>);
 static_assert(sizeof(void*) == 4 && sizeof(long) == 4);
+
+// As in support_windows.cpp.
+PROCESS_INFORMATION StartProcess(const std::string& program, std::string line, uint32_t flags);
+std::string OwnProgram();
 
 namespace {
 
@@ -34,14 +36,8 @@ class OtherProcess {
 public:
     OtherProcess(const TempDir& dir, const std::string& testCase) {
         SetVariable(OTHERS_DIR, dir.path.string());
-        char program[MAX_PATH] = {};
-        GetModuleFileNameA(nullptr, program, sizeof(program));
-        std::string line = "other --gtest_also_run_disabled_tests --gtest_filter=" + testCase;
-        STARTUPINFOA start{};
-        start.cb = sizeof(start);
-        if (!CreateProcessA(program, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                            &start, &m_info))
-            throw std::runtime_error("no other process");
+        m_info = StartProcess(
+            OwnProgram(), "other --gtest_also_run_disabled_tests --gtest_filter=" + testCase, 0);
         while (!fs::exists(dir.path / "ready") &&
                WaitForSingleObject(m_info.hProcess, 10) == WAIT_TIMEOUT) {
         }
@@ -49,10 +45,8 @@ public:
     void Kill() {
         TerminateProcess(m_info.hProcess, 1);
         WaitForSingleObject(m_info.hProcess, INFINITE);
-        CloseHandle(m_info.hThread);
         CloseHandle(m_info.hProcess);
     }
-    uint32_t Id() const { return m_info.dwProcessId; }
 
 private:
     PROCESS_INFORMATION m_info{};

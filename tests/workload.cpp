@@ -40,12 +40,6 @@ constexpr int64_t TICK_MS = 60'001;
 
 } // namespace
 
-Workload::Workload(const fs::path& dir, Promises& promises) : m_dir(dir), m_promises(promises) {
-    RtSetLogSink(Ignore, nullptr, RT_LOG_WARNING);
-}
-
-Workload::~Workload() { Stop(); }
-
 std::string Workload::Name(uint32_t file) { return FMFileIDToString(Identifier(file)).c_str(); }
 
 // --- Steps --------------------------------------------------------------------------------------
@@ -57,14 +51,14 @@ void Workload::Start(uint16_t clearDays) {
         m_files[file].closed = false;
     }
     m_hitsBefore = Hits();
-    m_manager->Initialize(CRtString(m_dir.c_str()), clearDays, 1);
+    m_cache.manager->Initialize(CRtString(m_cache.dir.path.c_str()), clearDays, 1);
 }
 
 void Workload::Stop() {
     for (uint32_t file = 0; file < FILES; ++file)
         Close(file, false);
-    m_manager->UnInitialize();
-    m_thread.RunDue();
+    m_cache.manager->UnInitialize();
+    m_cache.thread.RunDue();
     for (uint32_t file = 0; file < FILES; ++file) {
         // A closed file's stores and table may have been what failed, and nobody tried again.
         if (!Calm() || (m_files[file].closed && Hits() > m_hitsBefore))
@@ -93,7 +87,7 @@ void Workload::Make(uint32_t file, std::initializer_list<uint32_t> lengths, uint
     info.num = slots;
     m_files[file].generation = ++m_promises.lastGeneration;
     m_files[file].closed = false;
-    const int result = m_manager->CreateFile(m_files[file].open.Receive(), info);
+    const int result = m_cache.manager->CreateFile(m_files[file].open.Receive(), info);
     EXPECT_TRUE(result == 0 || !Calm()) << "create " << file << ": " << result;
     uint32_t block = 0;
     for (const uint32_t length : lengths)
@@ -105,7 +99,7 @@ bool Workload::Open(uint32_t number) {
     file.changed = false;
     for (Block& block : file.blocks)
         block.written = false;
-    const int result = m_manager->OpenFile(file.open.Receive(), Identifier(number), 1);
+    const int result = m_cache.manager->OpenFile(file.open.Receive(), Identifier(number), 1);
     if (file.closed && Hits() > m_hitsBefore)
         file.blocks = {};
     file.closed = result != 0;
@@ -126,7 +120,7 @@ void Workload::Close(uint32_t number, bool detach) {
             version = 0;
     }
     if (detach)
-        m_manager->DetachFile(Identifier(number));
+        m_cache.manager->DetachFile(Identifier(number));
     file.open.Reset();
     file.closed = detach;
 }
@@ -207,22 +201,7 @@ void Workload::Check(uint32_t number) {
 
 void Workload::Advance(int64_t ms) {
     m_clock.Advance(ms);
-    m_thread.RunDue();
-}
-
-// A file made over another one waits for the read/write thread.
-void Workload::Settle(uint32_t rounds) {
-    FMFileInfo info;
-    info.fileID = Identifier(FILES);
-    while (rounds-- > 0) {
-        FileRef first;
-        FileRef second;
-        m_manager->CreateFile(first.Receive(), info);
-        m_manager->CreateFile(second.Receive(), info);
-        first.Reset();
-        m_manager->DetachFile(info.fileID);
-        m_thread.RunDue();
-    }
+    m_cache.thread.RunDue();
 }
 
 void Workload::Load(uint32_t file, uint32_t id) {
@@ -342,10 +321,10 @@ void Workload::Run() {
     // is the worse order.
     for (uint32_t file = 0; file < FILES; ++file) {
         Forget(file); // a kill between the two steps leaves it nameless
-        const fs::path data = m_dir / "sdstore" / (Name(file) + ".sdd");
+        const fs::path data = m_cache.dir.path / "sdstore" / (Name(file) + ".sdd");
         std::error_code ignored;
-        fs::rename(data, m_dir / "away", ignored);
-        fs::rename(m_dir / "away", data, ignored);
+        fs::rename(data, m_cache.dir.path / "away", ignored);
+        fs::rename(m_cache.dir.path / "away", data, ignored);
     }
     Start(0); // clears, now and at the end
     Make(A, {1000});
@@ -397,7 +376,7 @@ void Workload::ExpectNothingLeft() {
     Start();
     Settle();
     const LogCapture log;
-    m_manager->UnInitialize();
+    m_cache.manager->UnInitialize();
     const std::string text = log.Text();
     int open = 0, files = 0, filesGone = 0, blocks = 0, blocksGone = 0;
     ASSERT_EQ(std::sscanf(text.c_str() + std::min(text.find("[files Cur="), text.size()),
@@ -423,6 +402,7 @@ std::string Trial::Do(const faults::Plan& plan, const std::function<void(Workloa
     const auto body = [&] {
         IFileManager::Instance(); // which would not be there for want of memory
         const size_t handles = CountHandles();
+        RtSetLogSink(Ignore, nullptr, RT_LOG_WARNING);
         faults::Begin(dir.path, plan);
         {
             Workload workload(dir.path, *m_promises);

@@ -32,8 +32,8 @@ struct Promises {
 // Every step expects success as long as there is calm, and true bytes at any time.
 class Workload {
 public:
-    Workload(const fs::path& dir, Promises& promises);
-    ~Workload();
+    Workload(const fs::path& dir, Promises& promises) : m_promises(promises), m_cache(dir, false) {}
+    ~Workload() { Stop(); }
 
     // The fixed work, and the same in small for what is asked for much more often.
     void Run();
@@ -54,8 +54,7 @@ public:
     // What is there is true and as promised, and must stay from now on.
     void Check(uint32_t file);
     void Advance(int64_t ms);
-    // Until both threads have nothing left to do.
-    void Settle(uint32_t rounds = 2);
+    void Settle(uint32_t rounds = 2) { m_cache.Settle(rounds); }
     // A tick, after which every block that was written is on disk and can be loaded again.
     void ExpectStoredByTick();
     // Nothing is known of it any more.
@@ -85,13 +84,11 @@ private:
     void Load(uint32_t file, uint32_t block);
     uint32_t CheckBlock(uint32_t file, uint32_t block, uint32_t& generation);
 
-    const fs::path m_dir;
     Promises& m_promises;
     uint32_t m_hitsBefore = 0; // this run
     std::array<File, FILES> m_files;
     TestClock m_clock;
-    CRtCallerThread m_thread;
-    IFileManager* m_manager = IFileManager::Instance();
+    Cache m_cache;
 };
 
 // Work in a fresh directory and a process of its own; how the process ended, see faults::InChild.
