@@ -171,7 +171,7 @@ std::string Bytes(const CRtMessageChain& chain) {
 }
 
 std::string InfoFile(const FMFileInfo& info, const std::string& blockBody, int64_t createTime) {
-    const auto length = [](size_t bytes) {
+    const auto length = [](uint64_t bytes) {
         std::string text;
         for (int bit = 0; bit < 32; bit += 8)
             text += static_cast<char>(bytes >> bit);
