@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <csignal>
 
+#include "util/filemanager/filemanager.h"
 #include "workload.h"
 
 using namespace faults;
@@ -126,6 +127,7 @@ TEST(Fault, FullDiskThatGetsSpaceAgain) {
         work.Make(A, {9000});
         work.Make(B, {700}, 0, 8192); // with a table of 32 KiB
         work.Make(C, {700});
+        work.Make(OLD, {700});
         work.Settle();
         {
             const LogCapture log;
@@ -138,12 +140,17 @@ TEST(Fault, FullDiskThatGetsSpaceAgain) {
             work.Put(A, 2, 30000);
             work.Put(A, 3, 30000);
             work.Put(C, 2, 30000);
+            work.Put(OLD, 2, 30000);
             work.Settle();
             work.Advance(60'001);
             work.Settle();
-            EXPECT_EQ(log.Count("WriteToFile, WriteData failed"), 6U);
+            EXPECT_EQ(log.Count("WriteToFile, WriteData failed"), 8U);
         }
         work.Check(A);
+        work.Close(OLD);
+        work.Forget(OLD);
+        CFileManager::Instance()->IsFileOpen(
+            ""); // its store has failed for good, its table is to come
         disk.Limit(2 << 20);
         work.Close(C); // its store gets one more try
         work.ExpectStoredByTick();
