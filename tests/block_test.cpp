@@ -1,8 +1,6 @@
 // Blocks: writing, rewriting, both reads, sinks that do as they please, and what lies on disk.
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "support.h"
 #include "util/filemanager/filemanager.h"
 

@@ -6,7 +6,6 @@
 #include <fstream>
 #include <random>
 #include <sstream>
-#include <thread>
 
 #include "util/filemanager/filemanager.h"
 #include "util/runtime/os/RtOs.h"
