@@ -6,6 +6,7 @@
 #include <pwd.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -83,12 +84,22 @@ bool AtProcessEnd(int (*work)()) {
     return true;
 }
 
-void CreateGuid(uint8_t (&bytes)[16]) {
-    std::random_device source; // the system's generator
+namespace {
+
+void FillFromStandardGenerator(uint8_t (&bytes)[16]) {
+    std::random_device source;
     for (size_t i = 0; i < sizeof(bytes); i += sizeof(uint32_t)) {
         const uint32_t word = source();
         std::memcpy(bytes + i, &word, sizeof(word));
     }
+}
+
+} // namespace
+
+void CreateGuid(uint8_t (&bytes)[16]) {
+    // Not by way of the standard library, which may ask the processor: on some that takes 100 microseconds.
+    if (::getentropy(bytes, sizeof(bytes)) != 0)
+        FillFromStandardGenerator(bytes);
     // RFC 4122, section 4.4: version 4 in the top bits of the third field, which the GUID structure
     // keeps as a number in host order; the variant in the top bits of the fourth.
     uint16_t third = 0;
