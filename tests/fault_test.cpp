@@ -149,8 +149,8 @@ TEST(Fault, FullDiskThatGetsSpaceAgain) {
         work.Check(A);
         work.Close(OLD);
         work.Forget(OLD);
-        CFileManager::Instance()->IsFileOpen(
-            ""); // its store has failed for good, its table is to come
+        // Its store has failed for good, its table is to come.
+        CFileManager::Instance()->IsFileOpen("");
         disk.Limit(2 << 20);
         work.Close(C); // its store gets one more try
         work.ExpectStoredByTick();

@@ -26,8 +26,9 @@ class IFMFile;
 class IFMBlockSink {
 public:
     /// On thread number 3. `aResult` 0: the bytes can be read now, IFMBlock::ReadData with a range will
-    /// not wait (unless a sink that was called just before has begun the block anew). Otherwise: 10006 the data file could not be read or ends before the block's end, 10007
-    /// no memory for the bytes, 10015 the block is not complete or has no data file (any more).
+    /// not wait (unless a sink that was called just before has begun the block anew). Otherwise: 10006
+    /// the data file could not be read or ends before the block's end, 10007 no memory for the bytes,
+    /// 10015 the block is not complete or has no data file (any more).
     /// The sink may do anything from here: ask again (it then waits for the next load), cancel another,
     /// remove the block, detach the file, uninitialise the manager. It does not throw. `block` carries no
     /// reference.

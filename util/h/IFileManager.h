@@ -44,7 +44,8 @@ public:
     /// of the system's. A client keeps its files in "confcache" and a directory named after its process
     /// id there, a server in "sdstore", which all server processes on that directory share. The first
     /// call in a process fixes the directory for good; a relative one is looked up anew at every use, so
-    /// that a process that changes its directory should give an absolute one. On POSIX a backslash separates like a slash.
+    /// that a process that changes its directory should give an absolute one. On POSIX a backslash
+    /// separates like a slash.
     /// `clearDays`: the age in days up to which a server keeps files; 0 clears the cache now and at
     /// UnInitialize. `isServer`: non-zero for a server.
     /// Always 0: a directory that cannot be made shows when a block is stored or a file is loaded.

@@ -211,8 +211,8 @@ bool CRtEventQueue::RunRemaining(std::chrono::milliseconds patience) {
     }
     if (!running.owns_lock())
         return false;
-    size_t queued =
-        m_count; // what these post runs too, but one that posts itself again would never end
+    // What these post runs too, but one that posts itself again would never end.
+    size_t queued = m_count;
     while ((queued > 0 || !isOver()) && RunOne())
         queued -= queued > 0 ? 1 : 0;
     return true;

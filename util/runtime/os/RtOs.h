@@ -30,7 +30,8 @@ inline void Pause() {
 #endif
 }
 /// Has `work` run at the end of the process, while its threads still run: behind the destructors of what
-/// was made later. Also when the library is unloaded, where it can be.
+/// was made later. Also when the library is unloaded, where it can be. For one piece of work: a second one
+/// may be ignored.
 bool AtProcessEnd(int (*work)());
 /// 16 bytes of a fresh unique identifier, laid out as the platform's GUID structure; never all zero.
 void CreateGuid(uint8_t (&bytes)[16]);
