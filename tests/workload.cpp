@@ -166,7 +166,7 @@ uint32_t Workload::CheckBlock(uint32_t number, uint32_t id, uint32_t& generation
     if (isComplete)
         block->ReadData(0, block->GetTotalLen(), RtReceive(view));
     if (!view) {
-        EXPECT_TRUE(!isComplete || !Calm() || m_promises.mayBeCleared)
+        EXPECT_TRUE(!isComplete || !Calm() || m_promises.mayLackData)
             << "said to be there " << number << "/" << id;
         EXPECT_TRUE(known.version == 0 || !Calm()) << "lost " << number << "/" << id;
         return 0;
@@ -324,6 +324,7 @@ void Workload::Run() {
     EndRun();
     // Entries are cleared as the directory lists them, here the newest first: the data before the table
     // is the worse order.
+    m_promises.mayLackData = true;
     for (uint32_t file = 0; file < FILES; ++file) {
         Forget(file); // a kill between the two steps leaves it nameless
         const fs::path data = m_cache.dir.path / "sdstore" / (Name(file) + ".sdd");
@@ -331,7 +332,6 @@ void Workload::Run() {
         fs::rename(data, m_cache.dir.path / "away", ignored);
         fs::rename(m_cache.dir.path / "away", data, ignored);
     }
-    m_promises.mayBeCleared = true;
     Start(0); // clears, now and at the end
     Make(A, {1000});
     Settle();

@@ -27,7 +27,7 @@ struct Promises {
     uint32_t version[FILES][BLOCKS];
     uint32_t lastVersion;
     uint32_t lastGeneration; // each creation of a file has its own
-    bool mayBeCleared;       // the data before the table that names it
+    bool mayLackData;        // a table: its data was moved aside, or cleared before it
 };
 
 // Every step expects success as long as there is calm, and true bytes at any time.
