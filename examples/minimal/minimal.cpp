@@ -1,18 +1,57 @@
+// Stores one block in a cache, reads it back and prints it.
 #include <IFileManager.h>
 #include <RtRuntime.h>
 
-int main() {
-    const CRtCallerThread three; // this thread becomes number 3, where every call belongs
-    IFileManager* manager = IFileManager::Instance();
-    manager->Initialize("./example-cache", 7, 1); // as a server that keeps files for a week
+#include <cstdio>
+
+// Returns RT_OK, or the result code of the first operation that fails (RtResult.h lists the codes).
+static int StoreAndReadBack(IFileManager& manager) {
+    // A cached file is a table of blocks under a unique identifier. The first block has number 1.
     FMFileInfo info;
     CoCreateFMFileID(info.fileID);
+    info.name = "greeting";
     info.blockBeg = 1;
-    CRtComAutoPtr<IFMFile> file;
+
+    CRtComAutoPtr<IFMFile> file; // releases its reference at the end of the scope
+    if (const int result = manager.CreateFile(file.Receive(), info); RT_FAILED(result))
+        return result;
+
     CRtComAutoPtr<IFMBlock> block;
-    const bool made = manager->CreateFile(file.Receive(), info) == 0 &&
-                      file->GetBlock(block.Receive(), 1, 1) == 0 && // block 1, to be created
-                      block->WriteData(5, 0, CRtMessageBlock::Wrap("hello", 5).get()) == 0;
-    manager->UnInitialize(); // closes what is open; everything is on disk when it returns
-    return made ? 0 : 1;
+    constexpr int CREATE = 1; // add block 1 to the table if it is missing
+    if (const int result = file->GetBlock(block.Receive(), 1, CREATE); RT_FAILED(result))
+        return result;
+
+    // A block arrives in pieces, each with the block's length and its own position. These two pieces
+    // complete the block, so another thread starts to write it to disk.
+    const CRtMessageChain hello = CRtMessageBlock::Wrap("Hello, ", 7);
+    const CRtMessageChain cache = CRtMessageBlock::Wrap("cache!", 6);
+    constexpr uint32_t LENGTH = 7 + 6;
+    if (const int result = block->WriteData(LENGTH, 0, hello.get()); RT_FAILED(result))
+        return result;
+    if (const int result = block->WriteData(LENGTH, 7, cache.get()); RT_FAILED(result))
+        return result;
+
+    // Reading copies nothing: `bytes` is a view of the block's memory.
+    CRtMessageChain bytes;
+    if (const int result = block->ReadData(0, LENGTH, RtReceive(bytes)); RT_FAILED(result))
+        return result;
+    std::printf("read back: %s\n", bytes->FlattenChained().c_str());
+    return RT_OK;
+}
+
+int main() {
+    // Makes this thread the caller thread, the only one that may use the file manager.
+    const CRtCallerThread callerThread;
+    IFileManager* manager = IFileManager::Instance();
+    if (!callerThread.IsValid() || manager == nullptr)
+        return 1;
+
+    constexpr int SERVER = 1;
+    manager->Initialize("./example-cache", 7, SERVER); // keep files for 7 days
+    const int result = StoreAndReadBack(*manager);
+    manager->UnInitialize(); // closes open files; when it returns, everything is on disk
+
+    if (RT_FAILED(result))
+        std::fprintf(stderr, "minimal: the cache returned result code %d\n", result);
+    return RT_FAILED(result) ? 1 : 0;
 }
