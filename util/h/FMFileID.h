@@ -1,5 +1,5 @@
-// FMFileID: the 128-bit identifier that names a cached file, its text form and its order.
-// All functions here are free of state; any thread may call them.
+/// @addtogroup manager
+/// @{
 #pragma once
 
 #include <cstdint>
@@ -8,27 +8,31 @@
 #include "RtString.h"
 #include "os/RtGuid.h"
 
-/// Another name for the platform's GUID structure, where it has one: the first three fields, Data1 to
-/// Data3, are numbers in host order, the 8 bytes of Data4 stand in printed order. Two are equal when
-/// their bytes are.
+/// The 128-bit identifier of a cached file; the platform's GUID structure. Data1 to Data3 are in host byte
+/// order, the 8 bytes of Data4 in printed order. Two identifiers are equal when their bytes are. The
+/// functions on identifiers are thread-safe.
 using FMFileID = RtGuid;
 static_assert(sizeof(FMFileID) == 16);
 
-/// Names no file. Every operation that takes an identifier refuses it.
+/// The null identifier. Operations that take an identifier refuse it with #RT_ERROR_INVALID_ARG.
 inline constexpr FMFileID FMFileID_None{};
 
-/// The length of an identifier's text.
+/// Length of an identifier's text in characters.
 constexpr uint32_t FMFILEID_TEXT_LENGTH = 38;
 
-/// Fills `id` with a fresh unique value (random, version 4 of RFC 4122), never FMFileID_None.
+/// Creates a random identifier (version 4 of RFC 4122); never #FMFileID_None.
+/// @param[out] id the identifier.
 RT_EXPORT void CoCreateFMFileID(FMFileID& id);
 
-/// The text "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}", upper-case, always 38 characters. It is also the
-/// stem of the names of the file's data file (".sdd") and information file (".sdi").
+/// Returns `{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}` with upper-case digits, always #FMFILEID_TEXT_LENGTH
+/// characters. With `.sdd` and `.sdi` it is the name of the data file and of the information file.
 RT_EXPORT CRtString FMFileIDToString(const FMFileID& id);
 
-/// Reads an identifier's text, digits of either case. Any other text gives FMFileID_None.
+/// Parses that text; digits may be of either case.
+/// @param text the text, braces and hyphens included.
+/// @param[out] id the identifier; #FMFileID_None if `text` has any other form.
 RT_EXPORT void FMFileIDFromString(const CRtString& text, FMFileID& id);
 
-/// The order of the fields as unsigned numbers, which is also the byte order of the texts.
+/// Orders by the fields as unsigned numbers. The texts have the same order byte by byte.
 RT_EXPORT bool operator<(const FMFileID& a, const FMFileID& b);
+/// @}

@@ -1,6 +1,5 @@
-// CRtByteStreamT: values to bytes and back over a message chain. Integers are little-endian whatever
-// the host's order; a string is a 16-bit length and its bytes. A stream never throws: its first failure
-// is kept, every later operation only logs. It lives on the stack of one encoding or decoding.
+/// @addtogroup bytes
+/// @{
 #pragma once
 
 #include <cstdint>
@@ -12,10 +11,11 @@
 #include "RtResult.h"
 #include "RtString.h"
 
-/// The first length that is too long for a string.
+/// The first length, in bytes, that is too long for a string in a byte stream.
 constexpr uint32_t STRING_LEN_MAX = 0x7FFF;
 
-/// An integer's bytes, lowest first, and back.
+/// Convert an integer to bytes in little-endian order and back, whatever the byte order of the host.
+///@{
 template <class T>
 void RtPutLittleEndian(T value, uint8_t (&bytes)[sizeof(T)]) {
     const auto bits = static_cast<std::make_unsigned_t<T>>(value);
@@ -31,16 +31,31 @@ T RtGetLittleEndian(const uint8_t (&bytes)[sizeof(T)]) {
         bits = static_cast<Bits>(bits | (static_cast<Bits>(bytes[i]) << (8 * i)));
     return static_cast<T>(bits);
 }
+///@}
 
+/// Encoder and decoder of values over a message chain. Integers are little-endian; a string is a 16-bit
+/// length and its bytes. The operations return no codes and throw nothing but std::bad_alloc, which reading
+/// a string can: the stream keeps the first failure of each direction, and every later operation in that
+/// direction is a no-op that writes a log line. Made for one encoding or decoding, on one thread.
 class CRtByteStreamT {
 public:
-    /// The chain stays the caller's.
+    /// Works on a chain that remains the caller's and must outlive the stream.
     explicit CRtByteStreamT(CRtMessageBlock& chain) : m_chain(&chain) {}
 
+    /// The first failure of the reads, or of the writes.
+    /// @retval RT_OK
+    /// @retval RT_ERROR_OUT_OF_RANGE the chain has fewer bytes, or less space, than an operation needed.
+    /// @retval RT_ERROR_IO a string of #STRING_LEN_MAX bytes or more.
+    ///@{
     int GetReadResult() const { return m_ResultRead; }
     int GetWriteResult() const { return m_ResultWrite; }
+    ///@}
+    /// True when no operation has failed.
     bool IsGood() const { return m_ResultRead == RT_OK && m_ResultWrite == RT_OK; }
 
+    /// Transfer `length` bytes from or to the chain, whose pointers move. After a failure `bytes` is
+    /// unchanged.
+    ///@{
     CRtByteStreamT& Read(void* bytes, uint32_t length) {
         if (m_ResultRead == RT_OK)
             m_ResultRead = m_chain->Read(bytes, length);
@@ -58,18 +73,26 @@ public:
                                      << m_ResultWrite << " this=" << this);
         return *this;
     }
+    ///@}
 
+    /// Append one value.
+    ///@{
     CRtByteStreamT& operator<<(uint16_t value) { return WriteInteger(value); }
     CRtByteStreamT& operator<<(uint32_t value) { return WriteInteger(value); }
     CRtByteStreamT& operator<<(int64_t value) { return WriteInteger(value); }
     CRtByteStreamT& operator<<(const CRtString& text) {
         return WriteString(text.data(), static_cast<uint32_t>(text.size()));
     }
-    /// The value is left as it was when the read fails.
+    ///@}
+
+    /// Read one value. After a failure the value is unchanged.
+    ///@{
     CRtByteStreamT& operator>>(uint16_t& value) { return ReadInteger(value); }
     CRtByteStreamT& operator>>(uint32_t& value) { return ReadInteger(value); }
     CRtByteStreamT& operator>>(int64_t& value) { return ReadInteger(value); }
+    ///@}
 
+    /// Appends a string of `len` bytes.
     CRtByteStreamT& WriteString(const char* bytes, uint32_t len) {
         if (!RT_CHECK(SOURCE, len < STRING_LEN_MAX, "len < STRING_LEN_MAX")) {
             RT_LOG(RT_LOG_ERROR,
@@ -81,6 +104,7 @@ public:
         return len > 0 ? Write(bytes, len) : *this;
     }
 
+    /// Reads a string. After a failure `text` has unspecified contents.
     CRtByteStreamT& operator>>(CRtString& text) {
         uint16_t len = 0;
         *this >> len;
@@ -119,3 +143,4 @@ private:
     int m_ResultRead = RT_OK;
     int m_ResultWrite = RT_OK;
 };
+/// @}

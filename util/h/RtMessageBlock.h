@@ -1,10 +1,6 @@
-// CRtMessageBlock: a chained buffer of bytes. Each block of a chain has a read pointer, a write pointer
-// and an end over a buffer that duplicates share: a duplicate costs no copy of the bytes, and moves its
-// own two pointers.
-//
-// Ownership: a chain is made with Create, Wrap or DuplicateChained and ended with DestroyChained, once
-// for each; CRtMessageChain does that by itself. Threads: one thread at a time per block; duplicates of
-// one buffer may live on different threads as long as nobody writes the bytes any more.
+/// @defgroup bytes Bytes and references
+/// Message chains, the byte stream, and reference-counted objects.
+/// @{
 #pragma once
 
 #include <cstdint>
@@ -17,20 +13,24 @@
 
 class CRtMessageBlock;
 
+/// Deleter of CRtMessageChain.
 struct RT_EXPORT CRtDestroyChained {
+    /// Calls CRtMessageBlock::DestroyChained.
     void operator()(CRtMessageBlock* chain) const;
 };
-/// Owns a chain.
+/// Owns a chain, or is empty.
 using CRtMessageChain = std::unique_ptr<CRtMessageBlock, CRtDestroyChained>;
 
-/// For an out argument that hands a chain over: block->ReadData(0, length, RtReceive(chain)). The chain
-/// is there from the end of that expression on.
+/// Receives a chain from an out argument: `block->ReadData(0, length, RtReceive(chain))`. The chain is set
+/// at the end of that statement.
 class RtReceive {
 public:
+    /// @param chain receives the chain; what it owned before is destroyed.
     explicit RtReceive(CRtMessageChain& chain) : m_chain(chain) {}
     ~RtReceive() { m_chain.reset(m_pRaw); }
     RtReceive(const RtReceive&) = delete;
     RtReceive& operator=(const RtReceive&) = delete;
+    /// The out argument.
     operator CRtMessageBlock*&() { return m_pRaw; }
 
 private:
@@ -38,25 +38,45 @@ private:
     CRtMessageBlock* m_pRaw = nullptr;
 };
 
+/// A buffer of bytes, or a chain of them.
+///
+/// Each block has a read pointer, a write pointer and an end: the bytes between the first two can be read,
+/// the space up to the end can be written. Duplicates share the buffer and have pointers of their own, so a
+/// duplicate copies no bytes.
+///
+/// Ownership: Create, Wrap, CreateCopy and DuplicateChained return a chain; DestroyChained ends it, once.
+/// CRtMessageChain does so in its destructor.
+///
+/// Threads: one thread at a time for each block. Duplicates of one buffer may be used on different threads
+/// once its bytes are no longer written.
 class RT_EXPORT CRtMessageBlock {
 public:
-    enum : uint32_t { READ_LOCKED = 1, WRITE_LOCKED = 2 };
+    /// Lock flags (LockReading, LockWriting).
+    enum : uint32_t {
+        READ_LOCKED = 1, ///< reading is locked
+        WRITE_LOCKED = 2 ///< writing is locked
+    };
 
-    /// A block with an empty buffer of `size` bytes, which are not cleared. Null when there is no memory.
+    /// Allocates an empty block with space for `size` bytes, uninitialised. Null if out of memory.
     static CRtMessageChain Create(uint32_t size);
-    /// A block that reads `length` bytes of its user's, who keeps them alive and unchanged as long as
-    /// this block or a duplicate is in use. There is no space to write.
+    /// Makes a block over `length` bytes of the caller, without copying them and without space to write.
+    /// The bytes must stay valid and unchanged as long as the block or a duplicate exists. Throws
+    /// std::bad_alloc if the block itself cannot be allocated.
     static CRtMessageChain Wrap(const char* bytes, uint32_t length);
-    /// A block that holds a copy of the bytes. Null when there is no memory.
+    /// Allocates a block with a copy of `length` bytes. Null if out of memory.
     static CRtMessageChain CreateCopy(const char* bytes, uint32_t length);
 
     CRtMessageBlock(const CRtMessageBlock&) = delete;
     CRtMessageBlock& operator=(const CRtMessageBlock&) = delete;
 
-    /// Bytes that can be read from this block alone, and bytes that can still be written to it.
+    /// Readable bytes, and free space in bytes, of this block alone.
+    ///@{
     uint32_t GetTopLevelLength() const { return static_cast<uint32_t>(m_pWritePtr - m_pReadPtr); }
     uint32_t GetTopLevelSpace() const { return static_cast<uint32_t>(m_pEndPtr - m_pWritePtr); }
-    /// Both log a line when the block is locked that way, and answer the pointer all the same.
+    ///@}
+    /// The read and the write pointer. If the block is locked that way, an assertion line is written; the
+    /// pointer is returned all the same.
+    ///@{
     const char* GetTopLevelReadPtr() const {
         RT_CHECK(SOURCE, RT_BIT_DISABLED(m_Flag, READ_LOCKED),
                  "RT_BIT_DISABLED(m_Flag, READ_LOCKED)");
@@ -67,13 +87,21 @@ public:
                  "RT_BIT_DISABLED(m_Flag, WRITE_LOCKED)");
         return m_pWritePtr;
     }
+    ///@}
+    /// Set and clear the locks of this block. A lock prevents nothing: it makes wrong uses visible in the log.
+    ///@{
     void LockReading() { m_Flag |= READ_LOCKED; }
     void UnlockReading() { m_Flag &= ~uint32_t{READ_LOCKED}; }
     void LockWriting() { m_Flag |= WRITE_LOCKED; }
     void UnlockWriting() { m_Flag &= ~uint32_t{WRITE_LOCKED}; }
+    ///@}
 
-    /// Both step this block's pointer: 0, or 10009 with a line and without moving when the step leaves
-    /// the readable bytes or the buffer.
+    /// Move a pointer of this block forward.
+    /// @param aStep number of bytes.
+    /// @retval RT_OK
+    /// @retval RT_ERROR_OUT_OF_RANGE the step is longer than the readable bytes or than the free space. The
+    ///     pointer does not move; an assertion line is written.
+    ///@{
     int AdvanceTopLevelReadPtr(uint32_t aStep) {
         if (!RT_CHECK(SOURCE, aStep <= GetTopLevelLength(), "m_pWritePtr >= m_pReadPtr + aStep"))
             return RT_ERROR_OUT_OF_RANGE;
@@ -86,28 +114,37 @@ public:
         m_pWritePtr += aStep;
         return RT_OK;
     }
-    /// Limits this single block to the bytes from `readPos` up to `readPos` + `length`, counted from
-    /// the start of the buffer. 0, or 10009 without moving when they do not lie in the buffer.
+    ///@}
+    /// Sets both pointers of this block so that exactly a range of its buffer is readable.
+    /// @param readPos start of the range in bytes from the start of the buffer.
+    /// @param length length of the range in bytes.
+    /// @retval RT_OK
+    /// @retval RT_ERROR_OUT_OF_RANGE the range is not inside the buffer. The pointers do not move.
     int SetTopLevelRange(uint32_t readPos, uint32_t length);
 
-    /// The next block of the chain, still owned by the chain, or null.
+    /// The next block of the chain, or null. The chain owns it.
     CRtMessageBlock* GetNext() const { return m_pNext; }
-    /// Adds a chain at the end of this one, which owns it then.
+    /// Adds a chain at the end of this one, and passes it to this one's owner.
     void Append(CRtMessageChain chain);
 
-    /// A chain over the same buffers, with the pointers as they stand here. Null when there is no memory.
+    /// Makes a chain over the same buffers, with the same pointers and locks. Null if out of memory.
     CRtMessageChain DuplicateChained() const;
-    /// Ends this chain; buffers go when their last duplicate does.
+    /// Destroys this chain. A buffer is released with its last duplicate. Call it on the first block only.
     void DestroyChained();
 
-    /// Readable bytes, and free space, of the whole chain.
+    /// Readable bytes, and free space in bytes, of the whole chain.
+    ///@{
     uint64_t GetChainedLength() const;
     uint64_t GetChainedSpace() const;
-    /// Moves bytes out of or into the chain and its pointers with them. 0, or 10009 without moving a
-    /// byte when the chain holds or takes fewer.
+    ///@}
+    /// Copy `length` bytes out of or into the chain, and move its pointers.
+    /// @retval RT_OK
+    /// @retval RT_ERROR_OUT_OF_RANGE the chain has fewer readable bytes, or less space. Nothing is copied.
+    ///@{
     int Read(void* bytes, uint32_t length);
     int Write(const void* bytes, uint32_t length);
-    /// All readable bytes as one string; the pointers stay.
+    ///@}
+    /// Returns a copy of all readable bytes. The pointers do not move.
     CRtString FlattenChained() const;
 
 private:
@@ -125,3 +162,4 @@ private:
     char* m_pEndPtr;
     uint32_t m_Flag = 0;
 };
+/// @}

@@ -1,4 +1,5 @@
-// Counted objects: the interface, the base that counts, and the pointer that holds a reference.
+/// @addtogroup bytes
+/// @{
 #pragma once
 
 #include <atomic>
@@ -8,27 +9,32 @@
 #include "RtExport.h"
 #include "RtLog.h"
 
-/// What every counted interface begins with. Any thread; the counts change atomically.
+/// The base of all reference-counted interfaces. Thread-safe: the counts are atomic.
 class IRtReferenceControl {
 public:
-    /// Both answer the new count. The release that brings it to 0 destroys the object.
+    /// Add or give back one reference. The release of the last one destroys the object, on the calling
+    /// thread.
+    /// @returns the new count.
+    ///@{
     virtual uint32_t AddReference() = 0;
     virtual uint32_t ReleaseReference() = 0;
+    ///@}
 
 protected:
     virtual ~IRtReferenceControl() = default;
 };
 
-/// Counts for a class that is made with new. The count starts at 0: the first holder's reference is the
-/// first.
+/// Reference count for a class whose objects are allocated with `new`. The count starts at 0. Thread-safe.
 class CRtReferenceControl {
 public:
     CRtReferenceControl(const CRtReferenceControl&) = delete;
     CRtReferenceControl& operator=(const CRtReferenceControl&) = delete;
 
+    /// @copydoc IRtReferenceControl::AddReference
     uint32_t AddReference() { return m_count.fetch_add(1, std::memory_order_relaxed) + 1; }
-    /// For a holder of a plain pointer that is told, under a lock, before the object goes: false when the
-    /// last reference is gone already and the destruction cannot be stopped.
+    /// Adds a reference unless the last one has already been released. For a list of plain pointers whose
+    /// objects remove themselves, under the list's lock, in their destructor: false means that the
+    /// destructor is running and waits for that lock.
     bool TryAddReference() {
         uint32_t count = m_count.load(std::memory_order_relaxed);
         while (count != 0) {
@@ -37,6 +43,7 @@ public:
         }
         return false;
     }
+    /// @copydoc IRtReferenceControl::ReleaseReference
     uint32_t ReleaseReference() {
         const uint32_t left = DropReference();
         if (left == 0)
@@ -47,8 +54,9 @@ public:
 protected:
     CRtReferenceControl() = default;
     virtual ~CRtReferenceControl() = default;
+    /// Subtracts one reference without destroying the object.
     uint32_t DropReference() {
-        // What every holder did happens before the destruction.
+        // Acquire and release: everything other holders did is visible to the destructor.
         return m_count.fetch_sub(1, std::memory_order_acq_rel) - 1;
     }
 
@@ -56,11 +64,13 @@ private:
     std::atomic<uint32_t> m_count{0};
 };
 
-/// The base of a class that implements a counted interface, for instance an application's ISDUser:
-/// class CNode final : public CRtCounted<ISDUser> needs nothing else for its count.
+/// Implements the reference count of an interface. An application's node, for example, is a
+/// `class Node final : public CRtCounted<ISDUser>`.
 template <class Interface>
 class CRtCounted : public Interface, public CRtReferenceControl {
 public:
+    /// As in the interface.
+    ///@{
     uint32_t AddReference() override { return CRtReferenceControl::AddReference(); }
     uint32_t ReleaseReference() override {
         const uint32_t left = DropReference();
@@ -68,12 +78,16 @@ public:
             delete this;
         return left;
     }
+    ///@}
 };
 
-/// Holds one reference on a counted object, or none.
+/// Smart pointer to a reference-counted object. It holds one reference, or is null. Dereferencing a null
+/// pointer writes an assertion line, then has undefined behaviour.
 template <class T>
 class CRtComAutoPtr {
 public:
+    /// Null; or one more reference on `object`, which may be null. Copies add a reference, moves do not.
+    ///@{
     CRtComAutoPtr() = default;
     CRtComAutoPtr(T* object) : m_pRawPtr(object) {
         if (m_pRawPtr)
@@ -82,31 +96,37 @@ public:
     CRtComAutoPtr(const CRtComAutoPtr& other) : CRtComAutoPtr(other.m_pRawPtr) {}
     CRtComAutoPtr(CRtComAutoPtr&& other) noexcept
         : m_pRawPtr(std::exchange(other.m_pRawPtr, nullptr)) {}
+    ///@}
     ~CRtComAutoPtr() { Reset(); }
 
+    /// Takes the new reference, then releases the old one.
     CRtComAutoPtr& operator=(CRtComAutoPtr other) noexcept {
         std::swap(m_pRawPtr, other.m_pRawPtr);
         return *this;
     }
 
-    /// Takes over a reference that the caller holds, as out arguments hand one out.
+    /// Takes over a reference that the caller holds; adds none.
     static CRtComAutoPtr Adopt(T* object) {
         CRtComAutoPtr pointer;
         pointer.m_pRawPtr = object;
         return pointer;
     }
-    /// For an out argument, which hands over a reference: what was held is released first.
+    /// Releases the reference and returns the pointer as an out argument:
+    /// `manager->CreateFile(file.Receive(), info)`.
     T*& Receive() {
         Reset();
         return m_pRawPtr;
     }
-    /// Empties the pointer without releasing: the reference passes to the caller.
+    /// Sets the pointer to null and passes its reference to the caller.
     T* Detach() { return std::exchange(m_pRawPtr, nullptr); }
-    /// Emptied before the release, which may run code that looks at this pointer.
+    /// Sets the pointer to null, then releases the reference. In that order, because the destructor of the
+    /// object may use this pointer.
     void Reset() {
         if (T* object = Detach())
             object->ReleaseReference();
     }
+    /// Access to the object; no reference is added.
+    ///@{
     T* Get() const { return m_pRawPtr; }
     explicit operator bool() const { return m_pRawPtr != nullptr; }
     T* operator->() const {
@@ -117,7 +137,9 @@ public:
         RT_CHECK("util/h/RtReferenceControl", m_pRawPtr, "m_pRawPtr");
         return *m_pRawPtr;
     }
+    ///@}
 
 private:
     T* m_pRawPtr = nullptr;
 };
+/// @}

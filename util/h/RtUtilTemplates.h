@@ -1,5 +1,5 @@
-// The holder of a process-wide singleton: made at the first use under the runtime's singleton mutex,
-// destroyed at the clean-up of the process.
+/// @addtogroup runtime
+/// @{
 #pragma once
 
 #include <atomic>
@@ -9,10 +9,12 @@
 #include "RtLog.h"
 #include "RtThreadManager.h"
 
+/// Holder of a singleton of the process. The first use creates the object under the runtime's singleton
+/// mutex; the clean-up at process end destroys it.
 template <class T>
 class CRtSingletonHolder final : public CRtCleanUpBase {
 public:
-    /// Null when the object could not be made.
+    /// Returns the object. Thread-safe. Null if out of memory.
     static T* Instance() {
         if (auto* holder = s_pInstance.load(std::memory_order_acquire))
             return &holder->m_object;
@@ -37,3 +39,4 @@ private:
     T m_object;
     inline static std::atomic<CRtSingletonHolder*> s_pInstance{nullptr};
 };
+/// @}

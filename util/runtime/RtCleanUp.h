@@ -1,19 +1,23 @@
-// Clean-up at process end: first what is still queued for the threads runs, then the enrolled objects
-// are destroyed, the youngest first.
+/// @addtogroup runtime
+/// @{
 #pragma once
 
 #include "RtExport.h"
 
-/// Base of an object made with new that lives until process end. The constructor enrols it.
+/// Base of objects that are allocated with `new` and destroyed at process end. The constructor registers the
+/// object. At process end, everything that is queued on the threads runs first; then the registered objects
+/// are cleaned up, the latest first. If a thread cannot be stopped, the process ends without that.
 class RT_EXPORT CRtCleanUpBase {
 public:
     CRtCleanUpBase(const CRtCleanUpBase&) = delete;
     CRtCleanUpBase& operator=(const CRtCleanUpBase&) = delete;
 
-    /// Called once, at process end, on the thread that ends the process. The default deletes the object.
+    /// Called once, on the thread that ends the process. The default deletes the object.
     virtual void CleanUp();
 
 protected:
+    /// Registers the object; its destructor removes it from the list.
     CRtCleanUpBase();
     virtual ~CRtCleanUpBase();
 };
+/// @}

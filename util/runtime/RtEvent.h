@@ -1,21 +1,24 @@
-// Events and the queue that a thread runs them from: the one means of moving work between threads.
+/// @addtogroup runtime
+/// @{
 #pragma once
 
 #include "RtExport.h"
 
 class CRtEventQueue;
 
-/// A piece of work for another thread. The queue it is handed to owns it from then on, also when it
-/// could not be queued, and disposes of it through OnDestorySelf.
+/// Work for another thread. Posting an event passes it to the queue, even if posting fails; the queue
+/// disposes of it exactly once, with OnDestorySelf.
 class RT_EXPORT IRtEvent {
 public:
+    /// An event that is in no queue.
     IRtEvent() = default;
     IRtEvent(const IRtEvent&) = delete;
     IRtEvent& operator=(const IRtEvent&) = delete;
 
-    /// Runs the work, on the queue's thread. The result goes to nobody but a debugger.
+    /// Does the work, on the queue's thread. It must not throw. The result is ignored.
     virtual int OnEventFire() = 0;
-    /// Called once, after the event has run or instead of it. The default deletes the event.
+    /// Called once, after the event has run or instead of running it: on the queue's thread, or on the
+    /// posting thread if the event could not be queued or was withdrawn. The default deletes the event.
     virtual void OnDestorySelf();
     virtual ~IRtEvent();
 
@@ -28,28 +31,41 @@ private:
     class CRtSendTicket* m_pTicket = nullptr; // of the sender that waits, or null
 };
 
-/// The priority of an ordinary post. Events run in the order of their posts.
+/// The only priority. Events run in the order in which they were posted.
 constexpr int RT_PRIORITY_NORMAL = 1;
 
-/// The queue of a thread. All operations may be called from any thread.
+/// The event queue of a thread. Thread-safe.
 class RT_EXPORT IRtEventQueue {
 public:
-    /// Queues the event and returns at once.
-    /// 0; 10007 for a null event; 10015 when the thread is stopping or gone (the event is disposed of).
+    /// Queues an event and returns.
+    /// @param event the event; the queue owns it.
+    /// @param priority #RT_PRIORITY_NORMAL.
+    /// @retval RT_OK
+    /// @retval RT_ERROR_NULL_OBJECT `event` is null.
+    /// @retval RT_ERROR_NOT_READY the thread is stopping or has stopped. The event has been disposed of.
     virtual int PostEvent(IRtEvent* event, int priority) = 0;
-    /// Queues the event and returns when it has run; on the queue's own thread it runs at once.
-    /// Results as for PostEvent.
+    /// Queues an event and returns when it has run. On the queue's own thread it runs immediately.
+    /// @param event the event; the queue owns it.
+    /// @retval RT_OK
+    /// @retval RT_ERROR_NULL_OBJECT `event` is null.
+    /// @retval RT_ERROR_NOT_READY the thread is stopping or has stopped. The event has been disposed of.
     virtual int SendEvent(IRtEvent* event) = 0;
-    /// Takes a posted event back and disposes of it. False when it is no longer in the queue because
-    /// it is about to run, or when somebody waits for it. The event must not have run yet: its poster has
-    /// to know that.
+    /// Removes a posted event and disposes of it. Precondition: the event has not been disposed of; the
+    /// caller has to know that.
+    /// @returns false if the event is no longer queued because it is about to run, or if it was sent with
+    ///     SendEvent. It is not disposed of then.
     virtual bool WithdrawEvent(IRtEvent* event) = 0;
-    /// For an event that does the work of those behind it as well: hands the next posted event over, to be
-    /// disposed of by whoever takes it, if `isWanted`(last, next) says so; else null. The predicate is
-    /// called under the queue's lock and must not call the queue.
+    /// Takes the next event out of the queue if a predicate accepts it, so that the running event can do the
+    /// work of several. The receiver disposes of it.
+    /// @param isWanted the predicate, called with `last` and the next event, under the queue's lock: it must
+    ///     not call the queue.
+    /// @param last the first argument of the predicate.
+    /// @returns the event; null if the queue is empty, the next event was sent with SendEvent, or the
+    ///     predicate refused it.
     virtual IRtEvent* TakeNextIf(bool (*isWanted)(const IRtEvent& last, const IRtEvent& next),
                                  const IRtEvent& last) = 0;
 
 protected:
     virtual ~IRtEventQueue();
 };
+/// @}

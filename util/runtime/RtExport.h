@@ -1,6 +1,6 @@
-// The export macro: the one place outside os/ that knows how a platform marks what a shared library
-// shows. Everything that is not marked stays hidden. On Windows util/filemanager/filemanager.def names
-// what is shown: a mark on a class would show its private members, too.
+// The export macro. Declarations without it are not visible outside the shared library. Together with
+// os/ the only place that distinguishes platforms. On Windows the list of exported symbols is
+// util/filemanager/filemanager.def: dllexport on a class would export its private members.
 #pragma once
 
 #if defined(_WIN32)

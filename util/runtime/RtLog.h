@@ -1,6 +1,5 @@
-// The log. Every line of the library goes through CRtLog::Instance()->TraceString. Where lines go and
-// which levels are wanted is the application's choice; with no listener for a level the text of its
-// lines is not even composed.
+/// @addtogroup runtime
+/// @{
 #pragma once
 
 #include <atomic>
@@ -11,30 +10,42 @@
 #include "RtSid.h"
 #include "RtString.h"
 
+/// Levels of log lines. The text of a line is composed only if its level is enabled.
 enum RtLogLevel : int {
-    RT_LOG_SILENT = -1,
-    RT_LOG_ERROR = 0,   ///< failures and broken assertions
-    RT_LOG_WARNING = 1, ///< what the library copes with
-    RT_LOG_TRACE = 2,   ///< the ordinary course of things
+    RT_LOG_SILENT = -1, ///< as the maximum level: no lines
+    RT_LOG_ERROR = 0,   ///< failures and assertion lines
+    RT_LOG_WARNING = 1, ///< conditions that the library handles, a failed store for example
+    RT_LOG_TRACE = 2,   ///< normal operation
 };
 
-/// Receives one line without a line end. Any thread may call it, one at a time: calls are serialised.
-/// It must not call RtSetLogSink, the file manager or exit: a line may come from under a lock.
+/// Receives one line. Calls come from any thread, one at a time, and may come from under locks: a sink must
+/// not call RtSetLogSink, the file manager or `exit`.
+///
+/// Arguments: `context` as passed to RtSetLogSink; `level`, an #RtLogLevel; `text`, without a line end, at
+/// most #RT_LOG_BUFFER_SIZE - 1 bytes, valid during the call.
 using RtLogSink = void (*)(void* context, int level, const char* text);
 
-/// Sends lines of levels up to `maxLevel` (an RtLogLevel) to `sink`, from any thread. When it returns,
-/// the former sink is no longer running and will not be called again. A null `sink` stands for the
-/// default, which writes to standard error. Before the first call: the default with RT_LOG_WARNING.
-/// Lines may come as late as process end; a sink whose context dies earlier has to be replaced first.
+/// Replaces the log sink. Any thread. When it returns, the former sink is not running and will not be called
+/// again. Without a call, levels up to #RT_LOG_WARNING go to standard error. Lines come until process end:
+/// replace a sink before its context is destroyed.
+/// @param sink the sink; null: standard error.
+/// @param context passed to the sink.
+/// @param maxLevel lines above this #RtLogLevel are dropped.
 RT_EXPORT void RtSetLogSink(RtLogSink sink, void* context, int maxLevel);
 
+/// The log. Every line of the library goes through TraceString. Thread-safe.
 class RT_EXPORT CRtLog {
 public:
-    /// Composes a line in a buffer of its user's. What does not fit is cut; the text is always
-    /// terminated.
+    /// Composes a line in a buffer of the caller. Text that does not fit is truncated; the result always ends
+    /// with a zero byte. Numbers are decimal, pointers hexadecimal, node identifiers
+    /// `server.type.node.sequence`. A null text appends nothing.
     class RT_EXPORT CRtLogRecorder {
     public:
+        /// @param buffer the buffer.
+        /// @param size its size in bytes, at least 1.
         CRtLogRecorder(char* buffer, size_t size);
+        /// Append one item.
+        ///@{
         CRtLogRecorder& operator<<(const char* text);
         CRtLogRecorder& operator<<(const CRtString& text);
         CRtLogRecorder& operator<<(int16_t value) { return *this << int64_t{value}; }
@@ -45,6 +56,8 @@ public:
         CRtLogRecorder& operator<<(uint64_t value);
         CRtLogRecorder& operator<<(const void* pointer);
         CRtLogRecorder& operator<<(const CTavoSID& sid);
+        ///@}
+        /// The line so far.
         const char* c_str() const { return m_buffer; }
 
     private:
@@ -55,11 +68,16 @@ public:
         size_t m_length = 0;
     };
 
+    /// The log of this process.
     static CRtLog* Instance();
+    /// Whether lines of a level go to the sink.
     static bool IsEnabled(int level) { return level <= s_maxLevel.load(std::memory_order_relaxed); }
-    /// Hands a finished line to the sink. The second argument is reserved and 0.
+    /// Passes a line to the sink, if its level is enabled.
+    /// @param level an #RtLogLevel.
+    /// @param reserved 0.
+    /// @param text the line.
     void TraceString(int level, int reserved, const char* text);
-    /// Writes the line of a broken assertion. Execution goes on.
+    /// Writes an assertion line: `SOURCE:LINE Assert failed: EXPRESSION`, level #RT_LOG_ERROR. Returns.
     static void AssertFailed(const char* source, int line, const char* expression);
 
 private:
@@ -69,8 +87,11 @@ private:
     static std::atomic<int> s_maxLevel;
 };
 
+/// Size of the buffer for one line in bytes.
 constexpr size_t RT_LOG_BUFFER_SIZE = 2048;
 
+/// Writes a line: `RT_LOG(RT_LOG_TRACE, "name, value=" << value)`. `items` is evaluated only if the level is
+/// enabled.
 #define RT_LOG(level, items)                                                                       \
     do {                                                                                           \
         if (CRtLog::IsEnabled(level)) {                                                            \
@@ -81,8 +102,8 @@ constexpr size_t RT_LOG_BUFFER_SIZE = 2048;
         }                                                                                          \
     } while (0)
 
-/// Tests a condition that must hold; a broken one is logged with the given source path and text. Has
-/// the condition's value. The text is given apart from the condition because log readers search for it
-/// letter by letter.
+/// Tests a condition and has its value. If it is false, an assertion line is written. `source` and `text` are
+/// arguments, not taken from the code, because log readers search for fixed texts.
 #define RT_CHECK(source, condition, text)                                                          \
     (static_cast<bool>(condition) || (CRtLog::AssertFailed(source, __LINE__, text), false))
+/// @}

@@ -1,4 +1,5 @@
-// CRtMutexBase: a recursive mutex whose operations answer a result code.
+/// @addtogroup runtime
+/// @{
 #pragma once
 
 #include <mutex>
@@ -6,9 +7,12 @@
 
 #include "RtResult.h"
 
+/// A recursive mutex whose operations return result codes.
 class CRtMutexBase {
 public:
-    /// 0 when the lock is held now.
+    /// Locks the mutex; waits until it is free.
+    /// @retval RT_OK
+    /// @retval RT_ERROR_FAILURE the system refused the lock; it is not held.
     int Lock() {
         try {
             m_mutex.lock();
@@ -17,6 +21,8 @@ public:
         }
         return RT_OK;
     }
+    /// Unlocks the mutex. Precondition: the calling thread holds it.
+    /// @retval RT_OK always.
     int UnLock() {
         m_mutex.unlock();
         return RT_OK;
@@ -25,3 +31,4 @@ public:
 private:
     std::recursive_mutex m_mutex;
 };
+/// @}

@@ -1,14 +1,19 @@
-// The runtime layer for applications: thread number 3, the clock, the log sink.
-//
-// Every call of the file manager's interfaces belongs on thread number 3, and every completion comes
-// there. An application has three ways to have that thread; it chooses one before it initialises the
-// file manager:
-//
-//  1. It does nothing. The runtime starts a thread of its own; the application hands work to it with
-//     RtRunOnCallerThread.
-//  2. It has a thread to spare: it makes a CRtCallerThread there and calls Run.
-//  3. It has a main loop already: it makes a CRtCallerThread there with a wake-up callback that makes
-//     the loop call RunDue, and lets the loop wait no longer than GetNextDueMs.
+/// @defgroup runtime Runtime
+/// The layer below the file manager: threads and event queues, timers, the clock and the log.
+///
+/// **The caller thread.** All operations of the file manager run on one thread, and all its callbacks come
+/// there: the caller thread. The runtime calls it thread number 3, because its thread manager looks threads
+/// up by number and the file manager asks for that one (#RT_CALLER_THREAD). The numbers are the runtime's; no
+/// other has a meaning here.
+///
+/// The application chooses how to provide that thread before it calls IFileManager::Initialize:
+///
+/// - It has no thread to provide: it does nothing. The runtime starts a thread; RtRunOnCallerThread runs work
+///   on it.
+/// - It has a thread to provide: it creates a CRtCallerThread there and calls CRtCallerThread::Run.
+/// - It has a main loop: it creates a CRtCallerThread on the loop's thread, with a wake-up callback that makes
+///   the loop call CRtCallerThread::RunDue. The loop waits no longer than CRtCallerThread::GetNextDueMs.
+/// @{
 #pragma once
 
 #include <cstddef>
@@ -28,34 +33,43 @@
 #include "RtTimeValue.h"
 #include "RtTimer.h"
 
-/// While it lives, the thread that made it is number 3. To be destroyed on that thread, after the file
-/// manager's UnInitialize; what is still queued then runs first.
+/// Makes the current thread the caller thread as long as the object lives. Destroy it on the same thread,
+/// after IFileManager::UnInitialize; the destructor runs what is still queued.
 class RT_EXPORT CRtCallerThread {
 public:
-    /// `wakeUp`, if given, is called from any thread when there is something to run; it only notifies
-    /// (posts to the loop, writes to a pipe) and calls nothing of this layer.
+    /// Check IsValid afterwards.
+    /// @param wakeUp called from any thread, under the queue's lock, when there is something to run. It may
+    ///     only notify the loop (post to it, write to a pipe) and must not call the runtime.
     explicit CRtCallerThread(std::function<void()> wakeUp = {});
     ~CRtCallerThread();
     CRtCallerThread(const CRtCallerThread&) = delete;
     CRtCallerThread& operator=(const CRtCallerThread&) = delete;
 
-    /// False when the process has a number 3 already; the other operations then do nothing.
+    /// False if the process already has a caller thread, the current thread has an event queue of its own,
+    /// or the process is ending. The other operations are then no-ops.
     bool IsValid() const;
-    /// Runs events and timers until Quit, which an event may call.
+    /// Runs events and timers until Quit. On the caller thread.
     void Run();
-    /// Lets Run return. From any thread.
+    /// Makes Run return after the current event. Any thread.
     void Quit();
-    /// Fires the timers that are due and runs the events that were queued when it was called; answers
-    /// how many. Never waits.
+    /// Fires the timers that are due and runs the events that were queued at the time of the call. It does
+    /// not wait for events. On the caller thread.
+    /// @returns how many timers and events ran.
     size_t RunDue();
-    /// Milliseconds until a timer is due, 0 when one is due now, -1 when there is none.
+    /// Milliseconds until the next timer is due; 0 if one is due now, -1 if there is none.
     int64_t GetNextDueMs() const;
 
 private:
     CRtThread* m_pThread = nullptr;
 };
 
-/// Runs `work` on thread number 3: with `wait` the call returns when it has run (at once when this is
-/// that thread), without it is only queued. `work` must not throw.
-/// 0; 10007 for empty work; 10015 without a thread (the work is dropped).
+/// Runs a function on the caller thread. Any thread. If there is no caller thread, the runtime starts one.
+/// @param work the function; it must not throw.
+/// @param wait true: return when it has run; on the caller thread it runs immediately. False: queue it and
+///     return.
+/// @retval RT_OK
+/// @retval RT_ERROR_NULL_OBJECT `work` is empty.
+/// @retval RT_ERROR_NOT_READY the caller thread could not be started, is stopping, or the process is
+///     ending. `work` does not run.
 RT_EXPORT int RtRunOnCallerThread(std::function<void()> work, bool wait);
+/// @}

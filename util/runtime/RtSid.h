@@ -1,29 +1,42 @@
-// CTavoSID: the identifier of a node of a conference, a 16-byte value. The packed word reads, from the
-// top: server (8 bits), type (4), node sequence (12), sequence (8).
+/// @addtogroup nodes
+/// @{
 #pragma once
 
 #include <cstdint>
 
+/// The identifier of a node, a 16-byte value. Its packed word has, from the most significant bit: server
+/// (8 bits), type (4), node sequence (12), sequence (8).
 class CTavoSID {
 public:
+    /// The identifier 0, or one from its three parts.
+    ///@{
     CTavoSID() = default;
     explicit CTavoSID(uint32_t packed, uint32_t second = 0, uint64_t virtualIP = 0)
         : m_packed(packed), m_second(second), m_virtualIP(virtualIP) {}
+    ///@}
 
+    /// The fields of the packed word.
+    ///@{
     uint32_t GetServerId() const { return m_packed >> 24; }
     uint32_t GetType() const { return (m_packed >> 20) & 0xFU; }
     uint32_t GetNodeSequence() const { return (m_packed >> 8) & 0xFFFU; }
     uint32_t GetSequence() const { return m_packed & 0xFFU; }
-    /// The whole packed word.
+    ///@}
+    /// The packed word.
     uint32_t GetHashValue() const { return m_packed; }
+    /// The virtual IP address, which the file manager does not use.
+    ///@{
     uint64_t GetVirtualIP() const { return m_virtualIP; }
     void SetVirtualIP(uint64_t virtualIP) { m_virtualIP = virtualIP; }
-    /// The same identifier with sequence 0: it names the node itself.
+    ///@}
+    /// The same identifier with sequence 0, which identifies the node itself.
     CTavoSID GetNodeId() const { return CTavoSID(m_packed & ~0xFFU, m_second, m_virtualIP); }
 
-    /// Both order by the packed word alone, as an unsigned number.
+    /// Compare the packed words as unsigned numbers; the other parts are ignored.
+    ///@{
     bool operator<(const CTavoSID& other) const { return m_packed < other.m_packed; }
     bool operator>(const CTavoSID& other) const { return m_packed > other.m_packed; }
+    ///@}
 
 private:
     uint32_t m_packed = 0;
@@ -32,3 +45,4 @@ private:
 };
 
 static_assert(sizeof(CTavoSID) == 16);
+/// @}

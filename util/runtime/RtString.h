@@ -1,5 +1,5 @@
-// CRtString: a string of bytes. A value type: copies are independent, no thread may change one that
-// another thread reads. The bytes may hold zeros; Length counts them.
+/// @addtogroup bytes
+/// @{
 #pragma once
 
 #include <cstddef>
@@ -7,28 +7,36 @@
 #include <string_view>
 #include <utility>
 
+/// A string of bytes of any encoding, zeros included; lengths are in bytes. A value type: copies are
+/// independent. Operations that allocate throw std::bad_alloc.
 class CRtString {
 public:
+    /// Empty, or a copy of the text. A null `text` counts as empty.
+    ///@{
     CRtString() = default;
-    /// A null text reads as empty.
     CRtString(const char* text) : m_bytes(text ? text : "") {}
     CRtString(const char* bytes, size_t length) : m_bytes(bytes, length) {}
     explicit CRtString(std::string bytes) : m_bytes(std::move(bytes)) {}
     explicit CRtString(std::string_view bytes) : m_bytes(bytes) {}
+    ///@}
 
+    /// As the members of std::string with these names.
+    ///@{
     const char* c_str() const { return m_bytes.c_str(); }
     const char* data() const { return m_bytes.data(); }
     char* data() { return m_bytes.data(); }
-    /// Length in bytes, without the terminator that c_str adds.
     size_t size() const { return m_bytes.size(); }
     bool empty() const { return m_bytes.empty(); }
     void clear() { m_bytes.clear(); }
-    /// Sizes the string to `length` bytes; bytes added are zero.
     void resize(size_t length) { m_bytes.resize(length); }
     char operator[](size_t index) const { return m_bytes[index]; }
     char back() const { return m_bytes.back(); }
+    ///@}
+    /// The bytes without a copy; valid until the string changes.
     std::string_view view() const { return m_bytes; }
 
+    /// Append.
+    ///@{
     CRtString& operator+=(const CRtString& other) {
         m_bytes += other.m_bytes;
         return *this;
@@ -38,11 +46,16 @@ public:
         return *this;
     }
     friend CRtString operator+(CRtString left, const CRtString& right) { return left += right; }
+    ///@}
+    /// Compare byte by byte.
+    ///@{
     friend bool operator==(const CRtString& left, const CRtString& right) = default;
     friend auto operator<=>(const CRtString& left, const CRtString& right) = default;
+    ///@}
 
+    /// The first `length` bytes, or all if there are fewer.
     CRtString Left(size_t length) const { return CRtString(m_bytes.substr(0, length)); }
-    /// Without the blanks (the space character only) at both ends.
+    /// The string without spaces (only U+0020) at both ends.
     CRtString TrimBlanks() const {
         const size_t first = m_bytes.find_first_not_of(' ');
         if (first == std::string::npos)
@@ -53,3 +66,4 @@ public:
 private:
     std::string m_bytes;
 };
+/// @}

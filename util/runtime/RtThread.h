@@ -1,4 +1,5 @@
-// CRtThread: a thread with an event queue, as handed out by the thread manager.
+/// @addtogroup runtime
+/// @{
 #pragma once
 
 #include <cstdint>
@@ -10,19 +11,27 @@
 
 class CRtEventQueue;
 
+/// A thread with an event queue. CRtThreadManager hands it out.
 class RT_EXPORT CRtThread {
 public:
+    /// The system's identifier of the thread. Any thread.
     uint32_t GetThreadId() const;
+    /// The queue; it lives as long as this object. Any thread.
     IRtEventQueue* GetEventQueue();
 
-    /// The thread takes no more events, runs those that are queued and ends. Returns at once; the time
-    /// is not used. 0.
+    /// Makes the thread end after the events that are queued; its queue accepts no more. Does not wait. Any
+    /// thread.
+    /// @param timeout ignored.
+    /// @retval RT_OK always.
     int Stop(const CRtTimeValue* timeout = nullptr);
-    /// Waits for the end, at most `milliseconds`. 0 when it has ended; 10015 when it still runs, or when
-    /// the calling thread is this one.
+    /// Waits until the thread has ended, for at most `milliseconds`.
+    /// @retval RT_OK it has ended.
+    /// @retval RT_ERROR_NOT_READY it is still running, or the call came from this thread itself.
     int Join(uint32_t milliseconds);
-    /// Stops, waits for the end however long that takes, and destroys the object. The argument is
-    /// reserved and 0. 0; 10015 on this very thread, which cannot outlive itself (nothing happens).
+    /// Stops the thread, waits without a limit until it has ended, and deletes this object.
+    /// @param reserved 0.
+    /// @retval RT_OK
+    /// @retval RT_ERROR_NOT_READY the call came from this thread itself. Nothing has changed.
     int Destory(uint32_t reserved);
 
 private:
@@ -41,3 +50,4 @@ private:
     struct State;
     std::unique_ptr<State> m_state;
 };
+/// @}

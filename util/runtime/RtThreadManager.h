@@ -1,5 +1,5 @@
-// CRtThreadManager: makes threads, knows the numbered one, and holds the mutex under which singletons
-// are made.
+/// @addtogroup runtime
+/// @{
 #pragma once
 
 #include <cstdint>
@@ -9,25 +9,41 @@
 #include "RtMutex.h"
 #include "RtThread.h"
 
-/// The number of the thread on which the file manager's callers work.
+/// The number of the caller thread (RtRuntime.h).
 constexpr int RT_CALLER_THREAD = 3;
 
+/// Starts threads, provides the caller thread, and holds the mutex under which singletons are created.
+/// Thread-safe.
 class RT_EXPORT CRtThreadManager {
 public:
-    enum TFlag : int { TT_NETWORK = 1, TT_TASK = 2 };
+    /// Kinds of threads; they are treated alike.
+    enum TFlag : int {
+        TT_NETWORK = 1, ///< for network input and output
+        TT_TASK = 2     ///< for other work
+    };
 
-    /// Any thread. Lives to the end of the process.
+    /// The manager of this process; never null, never destroyed.
     static CRtThreadManager* Instance();
 
+    /// The mutex under which CRtSingletonHolder creates its object.
     CRtMutexBase* GetSingletonMutex();
-    /// Starts a thread with a queue. It is the caller's, who ends it with Destory; one that is left is
-    /// stopped and waited for at process end. `reserved` is 0.
-    /// 0; 10001 when the system gives no thread (`thread` is null); 10015 at process end.
+
+    /// Starts a thread with an event queue. The caller owns it and ends it with CRtThread::Destory. A thread
+    /// that is left at process end is stopped then, and waited for without a limit.
+    /// @param[out] thread the thread; null on failure.
+    /// @param flag the kind.
+    /// @param reserved 0.
+    /// @retval RT_OK
+    /// @retval RT_ERROR_FAILURE the system could not start a thread.
+    /// @retval RT_ERROR_NOT_READY the process is ending.
     int CreateUserTaskThread(CRtThread*& thread, TFlag flag, int reserved);
-    /// The numbered thread; only RT_CALLER_THREAD has a meaning, others answer null. Unless the
-    /// application has made a thread of its own number 3 (CRtCallerThread), the first request starts
-    /// one. Null at process end.
+
+    /// Returns the caller thread. Unless the application provides it (CRtCallerThread), the first request
+    /// starts it.
+    /// @param number #RT_CALLER_THREAD.
+    /// @returns null for any other number, if the thread could not be started, and at process end.
     CRtThread* GetThread(int number);
+    /// The system's identifier of the current thread.
     static uint32_t GetThreadSelfId();
 
 private:
@@ -48,3 +64,4 @@ private:
     struct State;
     std::unique_ptr<State> m_state;
 };
+/// @}

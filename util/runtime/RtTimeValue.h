@@ -1,43 +1,54 @@
-// Time: seconds and microseconds, the time of day, and the millisecond tick count. Both readings come
-// from one clock that can be replaced, so that a test moves time instead of waiting for it.
+/// @addtogroup runtime
+/// @{
 #pragma once
 
 #include <cstdint>
 
 #include "RtExport.h"
 
+/// A time or a duration in seconds and microseconds.
 class RT_EXPORT CRtTimeValue {
 public:
+    /// Zero, or the sum of both arguments. The parts are normalised: 0 <= microseconds < 1,000,000.
+    ///@{
     CRtTimeValue() = default;
-    /// Normalised: 0 <= microseconds < 1,000,000.
     CRtTimeValue(int64_t seconds, int64_t microseconds);
+    ///@}
 
-    /// The time of day since 1970-01-01 00:00:00 UTC, from the clock in use. Any thread.
+    /// The time since 1970-01-01 00:00:00 UTC from the current clock (RtSetClock). Any thread.
     static CRtTimeValue GetTimeOfDay();
 
+    /// The seconds, the microseconds within the second, and the whole value in milliseconds, rounded down.
+    ///@{
     int64_t GetSec() const { return m_seconds; }
     int64_t GetUsec() const { return m_microseconds; }
     int64_t GetTotalInMs() const { return m_seconds * 1000 + m_microseconds / 1000; }
+    ///@}
 
 private:
     int64_t m_seconds = 0;
     int64_t m_microseconds = 0;
 };
 
-/// What a replacement for the system's clock answers. Any thread may ask at any time.
+/// A replacement for the system's clock, for tests. Any thread may call it at any time, and the calls may
+/// come from under locks: it must not call the library.
 class RT_EXPORT IRtClock {
 public:
+    /// Milliseconds since a fixed moment.
     virtual uint64_t TickCountMs() = 0;
+    /// Time since 1970-01-01 00:00:00 UTC.
     virtual CRtTimeValue TimeOfDay() = 0;
 
 protected:
     virtual ~IRtClock();
 };
 
-/// Replaces the clock of the whole process; null brings the system's back. The clock stays the
-/// caller's and must live until it is replaced. A thread that sleeps until a timer is due notices a
-/// clock that jumped when something is next posted to it.
+/// Replaces the clock of the process. A thread that is waiting for a timer notices the new time when the
+/// next event is posted to it.
+/// @param clock the clock, which remains the caller's and must live until it is replaced; null restores the
+///     system's clock.
 RT_EXPORT void RtSetClock(IRtClock* clock);
 
-/// Milliseconds since some fixed moment, from the clock in use; the system's never goes back.
+/// Milliseconds since a fixed moment, from the current clock. Any thread. The system's clock is monotonic.
 RT_EXPORT uint64_t GetTickCountEx();
+/// @}

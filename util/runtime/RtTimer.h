@@ -1,5 +1,5 @@
-// CRtTimerWrapper: calls its sink at an interval, on the thread that scheduled it, from that thread's
-// queue loop. A thread without a queue schedules on thread number 3.
+/// @addtogroup runtime
+/// @{
 #pragma once
 
 #include <cstdint>
@@ -10,25 +10,36 @@
 class CRtEventQueue;
 class CRtTimerWrapper;
 
+/// Receives a timer's calls.
 class RT_EXPORT CRtTimerWrapperSink {
 public:
+    /// Called from the event loop of the thread that fires. It may cancel, reschedule or destroy the timer.
     virtual void OnTimer(CRtTimerWrapper* timer) = 0;
     virtual ~CRtTimerWrapperSink();
 };
 
+/// A timer. It fires on the thread that scheduled it, from the loop of that thread's event queue; if that
+/// thread has no queue, on the caller thread.
 class RT_EXPORT CRtTimerWrapper {
 public:
+    /// Creates a timer that is not scheduled; the destructor cancels it.
+    ///@{
     CRtTimerWrapper() = default;
     ~CRtTimerWrapper();
+    ///@}
     CRtTimerWrapper(const CRtTimerWrapper&) = delete;
     CRtTimerWrapper& operator=(const CRtTimerWrapper&) = delete;
 
-    /// Fires `count` times, or until it is cancelled when `count` is 0; first after one interval.
-    /// Intervals missed by a busy thread or a clock that jumped are not made up for. A timer that is
-    /// scheduled already starts anew.
-    /// 0; 10008 for a null sink or an interval that is not positive; 10015 without a thread to fire on.
+    /// Starts the timer; one that is running restarts. Intervals that are missed because the thread is busy
+    /// or the clock jumps are skipped.
+    /// @param sink must live until the timer has ended or is cancelled.
+    /// @param interval time between calls, and before the first; at least 1 ms.
+    /// @param count number of calls; 0: until cancelled.
+    /// @retval RT_OK
+    /// @retval RT_ERROR_INVALID_ARG `sink` is null, or `interval` is less than 1 ms.
+    /// @retval RT_ERROR_NOT_READY there is no thread to fire on.
     int Schedule(CRtTimerWrapperSink* sink, const CRtTimeValue& interval, uint32_t count);
-    /// To be called on the thread that fires; a sink may cancel its own timer.
+    /// Stops the timer. Call it on the thread that fires: then the sink is not called any more.
     void Cancel();
 
 private:
@@ -41,3 +52,4 @@ private:
     uint32_t m_left = 0;
     bool m_forever = false;
 };
+/// @}

@@ -1,5 +1,5 @@
-// RtGuid: the platform's GUID structure where there is one, and one of the same layout where there is
-// none. The one header of this folder that callers see.
+/// @addtogroup manager
+/// @{
 #pragma once
 
 #include <cstdint>
@@ -7,8 +7,8 @@
 
 #if defined(_WIN32)
 
-// Declared word for word as the system's own header declares it and under that header's own marks, so
-// that both may be included in either order and there is one type, with one comparison.
+// The same declarations and include guards as in the system's guiddef.h, so that both headers can be
+// included in either order and declare one type with one comparison.
 #if !defined(GUID_DEFINED)
 #define GUID_DEFINED
 typedef struct _GUID {
@@ -30,15 +30,19 @@ inline bool operator!=(const GUID& a, const GUID& b) { return !(a == b); }
 
 #else
 
+/// 128-bit identifier. On Windows another name for the system's `GUID`; elsewhere a structure of the same
+/// layout.
 struct RtGuid {
-    uint32_t Data1;
-    uint16_t Data2;
-    uint16_t Data3;
-    uint8_t Data4[8];
+    uint32_t Data1;   ///< host byte order
+    uint16_t Data2;   ///< host byte order
+    uint16_t Data3;   ///< host byte order
+    uint8_t Data4[8]; ///< printed order
 };
 
+/// True if all bytes are equal.
 inline bool operator==(const RtGuid& a, const RtGuid& b) {
     return std::memcmp(&a, &b, sizeof(RtGuid)) == 0;
 }
 
 #endif
+/// @}
