@@ -21,7 +21,7 @@ enum FMFileFlag : uint32_t {
 /// The description of a cached file: what its creator passes to IFileManager::CreateFile, and what the
 /// information file stores. A plain value; copies are independent.
 struct RT_EXPORT FMFileInfo {
-    uint32_t userValue = 0;          ///< for the application; stored and restored, never interpreted
+    uint32_t userValue = 0;          ///< for the application; stored, never interpreted
     FMFileID fileID = FMFileID_None; ///< must not be #FMFileID_None when a file is created
     /// For the application, in bytes of any encoding. At most 2010 bytes: a load accepts a description of
     /// #FM_INFO_FILE_BODY_MAX bytes, and the other fields take 38. A file with a longer name can be used but

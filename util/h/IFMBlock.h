@@ -54,9 +54,9 @@ struct FMRetrieveItem {
 
 /// How a request can be answered (IFMBlock::GetRetrieveType).
 enum FMRetrieveType : int {
-    FM_RETRIEVE_NOT_YET = 0,        ///< server: the block is not complete and no peer can be named
+    FM_RETRIEVE_NOT_YET = 0,        ///< server: not complete, and no peer can be named
     FM_RETRIEVE_HERE = 1,           ///< this node has the complete block
-    FM_RETRIEVE_PEERS = 2,          ///< server: peers have it; IFMBlock::GetOwners returns addresses
+    FM_RETRIEVE_PEERS = 2,          ///< server: peers have it (IFMBlock::GetOwners)
     FM_RETRIEVE_CLIENT_NOT_YET = 3, ///< client: the block is not complete
 };
 
