@@ -64,7 +64,7 @@ json 0 "len(j['files']) == 6 and all(f['present'] == 5 for f in j['files'])" ls 
 json 0 "j['name'] == 's' and [b['offset'] for b in j['blocks']] == [0, 4096, 8192, 12288, 16384]" show --dir cache "$sound"
 run 0 ls --dir cache --sort age && [ "$(sed -n 2p stdout | cut -c1-38)" = "$kept" ] || fail "the oldest is not the first"
 wide=$("$fmcache" put --dir cache odd --name w --block 4)
-run 0 show --dir cache "$wide" && says '^ +1  #{74}$' && says 'a cell is 6 blocks'
+run 0 show --dir cache "$wide" && says '^ +1  #{74}$' && says '1 cell: 6 blocks'
 [ "$(wc -L <stdout)" -le 80 ] || fail "wider than 80 columns"
 if [ -z "${FILEMANAGER_EMULATED:-}" ] && script -qec true /dev/null >/dev/null 2>&1; then
     on_terminal() { script -qec "$fmcache show --dir cache $sound" /dev/null </dev/null; }
@@ -90,13 +90,13 @@ echo note >cache/sdstore/notes.txt && cp odd cache/sdstore/stray.sdd
 before=$(listing)
 run 1 verify --dir cache
 for line in "block 5 ends at byte 20000, the data file at 17000; loaded, but cannot be read" \
-    "block 3 overlaps block 2 by 3192 bytes" "note: 3192 bytes of the data file belong to no block" \
-    "note: 4096 bytes of the data file belong to no block" "block 4 has an impossible place, .*; loaded without data" \
+    "block 3 overlaps block 2 by 3192 bytes" "note: 3192 bytes of the data file are unreferenced" \
+    "note: 4096 bytes of the data file are unreferenced" "block 4 has an impossible range, .*; loaded without data" \
     "block 77 is outside the table, which has 5 slots from 1; dropped" "block 1 has two entries; the later one" \
     "there is no information file; not loaded; housekeeping removes it" "block table ends early, after 5 slots" \
-    "is not an information file, or is damaged; not loaded; housekeeping" "the description is that of .*; loaded under this name" \
-    "block 1 ends at byte 4096, and there is no data file" "block table that is damaged or missing; not loaded$" \
-    "the name is no identifier" "^notes.txt$" '^20 files verified, 8 sound, 12 damaged, 1 that'; do says "$line"; done
+    "is not an information file, or is damaged; not loaded; housekeeping" "the description is of .*; loaded by this name" \
+    "block 1 ends at byte 4096, and there is no data file" "damaged or missing block table; not loaded$" \
+    "the name is not an identifier" "^notes.txt$" '^20 files verified, 8 sound, 12 damaged, 1 other'; do says "$line"; done
 run 0 verify --dir cache "$hole" # a block without data is no damage
 damaged="$cut $over $far $outside $twice $lost $early $bad $other $data $table"
 for id in $damaged; do run 1 verify --dir cache "$id" && run 0 show --dir cache "$id"; done
@@ -107,7 +107,7 @@ run 0 ls --dir cache
 says "^$lost +- +- .*next run: no information file +\(there is no information file\)$"
 says "^$bad .*next run: unreadable +\(the information file is not"
 json 0 "j['others'][0]['name'] == 'notes.txt'" ls --dir cache
-run 0 housekeep --dir cache --days 7 --dry-run && says '^5 of 20 files would go'
+run 0 housekeep --dir cache --days 7 --dry-run && says '^5 of 20 files would be removed'
 [ "$(listing)" = "$before" ] || fail "looking has changed the cache"
 # --- a copy that cannot be written to, seen by another user
 cp -a cache copy && cp "$fmcache" tool && chmod -R a+rX-w copy && chmod a+rx . tool
@@ -125,7 +125,7 @@ fi
 chmod -R u+w copy
 
 # --- rm, housekeep, clear
-fails 1 'there is no file' rm --dir cache 00000000-0000-4000-8000-000000000001
+fails 1 'no file' rm --dir cache 00000000-0000-4000-8000-000000000001
 run 0 rm --dir cache 00000000-0000-4000-8000-000000000001 --force
 run 0 rm --dir cache "$wide" && says "^removed \\$wide,"
 [ -z "$(find cache -name "$wide*")" ] || fail "rm has left something"
@@ -135,19 +135,19 @@ json 0 "j['removed'] == 0 and not any(f['due'] for f in j['files'])" housekeep -
 gone() { [ -z "$(find cache -name "$1.*")" ] || fail "$1 is still there"; }
 for id in "$old" "$temporary" "$lost" "$bad" stray; do gone "$id"; done
 for id in "$sound" "$grace" "$kept" "$cut" "$table"; do [ -e "cache/sdstore/$id.sdd" ] || fail "$id is gone"; done
-fails 1 "'notes.txt' in .* is no cached file; --force" clear --dir cache
+fails 1 "'notes.txt' in .* is not a cached file; --force" clear --dir cache
 rm cache/sdstore/notes.txt
 json 0 "j['removed'] == 13 and j['files'] == 26" clear --dir cache
 [ -z "$(find cache -name '*.sd?')" ] || fail "clear has left something"
 
 # --- nothing there, and mistakes
 mkdir -p none copy/confcache && mv copy/sdstore copy/confcache/4711
-for verb in ls clear; do fails 1 'there is no cache' $verb --dir none; done
-for verb in show rm; do fails 1 'there is no cache' $verb --dir none "$sound"; done
-fails 1 'there is no cache' housekeep --dir none --days 1
-fails 2 'there is no cache' verify --dir none
-fails 1 "--store 'copy.confcache.4711' looks at a client" ls --dir copy
-fails 2 'there is no file' verify --store copy/confcache/4711 00000000-0000-4000-8000-000000000001
+for verb in ls clear; do fails 1 'no cache in' $verb --dir none; done
+for verb in show rm; do fails 1 'no cache in' $verb --dir none "$sound"; done
+fails 1 'no cache in' housekeep --dir none --days 1
+fails 2 'no cache in' verify --dir none
+fails 1 "--store 'copy.confcache.4711' opens a client" ls --dir copy
+fails 2 'no file' verify --store copy/confcache/4711 00000000-0000-4000-8000-000000000001
 for verb in ls show; do fails 2 'fmcache --help' $verb; done
 fails 2 'fmcache --help' ls --dir cache --store copy
 fails 2 'fmcache --help' housekeep --dir cache --days 0

@@ -84,33 +84,33 @@ rm -f large back cache/sdstore/"$id".*
 # --- what put refuses
 before=$(entries cache)
 truncate -s 1073741825 giant
-fails 1 "there is no file 'absent'" put --dir cache absent
+fails 1 "no such file: 'absent'" put --dir cache absent
 fails 1 'is a directory' put --dir cache cache
 [ "$emulated" ] || fails 1 'is not a regular file' put --dir cache /dev/null
-fails 1 'ends at 1 GiB' put --dir cache giant
-fails 1 'cannot be made' put --dir one/below odd
-fails 1 'names no directory' put --dir '' odd
+fails 1 'limit .* is 1 GiB' put --dir cache giant
+fails 1 'cannot create the directory' put --dir one/below odd
+fails 1 'the path is empty' put --dir '' odd
 fails 1 'at least 1 byte' put --dir cache odd --block 0
 fails 1 'at least 1 byte' put --dir cache odd --piece 0
-fails 1 'at most 16.0 MiB' put --dir cache odd --block 16385K
+fails 1 'limit is 16.0 MiB' put --dir cache odd --block 16385K
 for size in 12x -5 K 1G 99999999999999999999; do
     fails 1 'is not a size' put --dir cache odd --block="$size"
 done
-fails 1 'smallest that works is 2$' put --dir cache many --block 1
+fails 1 'smallest block size is 2$' put --dir cache many --block 1
 fails 2 'FILE is required' put --dir cache
 fails 2 'subcommand is required' --verbose
 mkdir closed && chmod 500 closed
-[ "$(id -u)" -eq 0 ] || fails 1 'cannot be made' put --dir closed odd
+[ "$(id -u)" -eq 0 ] || fails 1 'cannot create the directory' put --dir closed odd
 [ "$(entries cache)" -eq "$before" ] || fail "a refused put has left something"
 
 # --- what get refuses, without a trace
 put odd
 tree=$(ls -AR cache)
-fails 1 'there is no cache' get --dir nowhere "$id" -o out
+fails 1 'no cache in' get --dir nowhere "$id" -o out
 [ ! -e nowhere ] || fail "get has made a directory"
-fails 1 'there is no file' get --dir cache 00000000-0000-4000-8000-000000000001 -o out
+fails 1 'no file .* in the cache' get --dir cache 00000000-0000-4000-8000-000000000001 -o out
 fails 1 'is not an identifier' get --dir cache "${id%\}}" -o out
-fails 1 'exists already; --force' get --dir cache "$id" -o one
+fails 1 'exists; --force' get --dir cache "$id" -o one
 fails 1 'is a directory' get --dir cache "$id" -o cache --force
 [ "$emulated" ] || fails 1 'not a regular file' get --dir cache "$id" -o /dev/null --force
 fails 1 'No such file' get --dir cache "$id" -o nowhere/out
@@ -125,7 +125,7 @@ fails 1 'not complete: block 2 is missing' get --dir cache "$id" -o out
 { head -c 75 good; head -c 4 /dev/zero; tail -c +80 good; } >"$info"
 fails 1 'not complete: block 2 has no bytes' get --dir cache "$id" -o out
 head -c 100 good >"$info"
-fails 1 'block table .* is damaged' get --dir cache "$id" -o out
+fails 1 'damaged or missing block table' get --dir cache "$id" -o out
 cp odd "$info"
 fails 1 'not an information file' get --dir cache "$id" -o out
 cp good "$info"
@@ -136,13 +136,13 @@ no_output damage
 # --- no room
 put odd
 before=$(entries cache)
-[ "$emulated" ] || (ulimit -f 1000; fails 1 'could not be stored: .*limits' put --dir cache odd)
+[ "$emulated" ] || (ulimit -f 1000; fails 1 'cannot store .*limits' put --dir cache odd)
 [ "$emulated" ] || (ulimit -f 100; fails 1 'cannot write .*File too large' get --dir cache "$id" -o out)
 [ "$(entries cache)" -eq "$before" ] || fail "a put without room has left something"
 mkdir tmpfs
 if [ "$(id -u)" -eq 0 ] && mount -t tmpfs -o size=1m none tmpfs 2>/dev/null; then
     mounted=$work/tmpfs
-    fails 1 "not enough space .* needs 1.2 MiB${emulated:+|could not be stored}" put --dir tmpfs odd
+    fails 1 "not enough space .* needs 1.2 MiB${emulated:+|cannot store}" put --dir tmpfs odd
     [ "$(entries tmpfs)" -eq 0 ] || fail "a full disk keeps a part of the file"
     fails 1 'cannot write .*No space left' get --dir cache "$id" -o tmpfs/out
 else

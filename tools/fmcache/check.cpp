@@ -40,7 +40,7 @@ private:
     }
     static uint64_t End(const FMBlockEntry& block) { return Begin(block) + block.totalLen; }
 
-    // False when nothing more can be said.
+    // False if there is no table to check.
     bool CheckFiles();
     void CheckDescription();
     void CheckTable();
@@ -57,8 +57,8 @@ private:
 
 bool Checker::CheckFiles() {
     if (m_entry.id == FMFileID_None)
-        Add("the name is no identifier",
-            m_entry.HasData() ? "never loaded; housekeeping judges it by its information alone"
+        Add("the name is not an identifier",
+            m_entry.HasData() ? "never loaded; housekeeping examines it all the same"
                               : "never loaded");
     const std::string gone = m_entry.HasData() ? "; housekeeping removes it" : "";
     if (!m_entry.HasInfo())
@@ -73,29 +73,30 @@ bool Checker::CheckFiles() {
 void Checker::CheckDescription() {
     const FMFileInfo& info = m_file.info;
     if (!(info.fileID == m_entry.id) && m_check.loads)
-        Add("the description is that of " + ToString(FMFileIDToString(info.fileID)),
-            "loaded under this name, known under the other");
+        Add("the description is of " + ToString(FMFileIDToString(info.fileID)),
+            "loaded by this name, open under the other identifier");
     if (m_file.createTime == 0)
-        Add("there is no creation time", "housekeeping takes the file for as old as can be");
+        Add("there is no creation time", "housekeeping removes the file as too old");
     else if (m_file.createTime > CurrentTime())
-        Note("the creation time lies in the future", "housekeeping counts the file as new");
+        Note("the creation time is in the future", "housekeeping counts the file as new");
     if (info.flag & FM_FILE_TEMPORARY)
         Note("the file is temporary", "removed when it is closed, and by housekeeping");
     if (m_entry.dataLength > CACHED_FILE_MAX)
         Note("the data file has " + FormatSize(m_entry.dataLength),
-             "works, but cached files end at 1 GiB");
+             "works, but exceeds the limit of 1 GiB for a cached file");
 }
 
 void Checker::CheckTable() {
     if (!m_file.whole)
         Add("the block table ends early, after " + Count(m_file.slots.size(), "slot"),
-            "the slots behind are empty, and an entry that is cut has no data");
+            "later slots are empty, and the entry at the cut has no data");
     if (m_file.behindTable > 0)
-        Add("the block table has " + Count(m_file.behindTable, "byte") + " behind its last entry",
+        Add("the block table has " + Count(m_file.behindTable, "byte") + " after its last entry",
             "ignored");
     if (TableSize() < m_file.info.num)
-        Note("the table of " + Count(m_file.info.num, "slot") + " is larger than what is stored",
-             "lowered to " + std::to_string(TableSize()) + "; it grows again when it is used");
+        Note("the table of " + Count(m_file.info.num, "slot") +
+                 " is larger than the file justifies",
+             "loaded with " + std::to_string(TableSize()) + "; the table grows when needed");
 }
 
 void Checker::FindStates() {
@@ -117,7 +118,7 @@ void Checker::FindStates() {
             m_check.states[known->second] = SlotState::Replaced;
             known->second = i;
         } else if (slot != i) {
-            Add(Name(block) + " stands in the slot of block " +
+            Add(Name(block) + " is in the slot of block " +
                     std::to_string(uint64_t{m_file.info.blockBeg} + i),
                 "loaded into its own slot");
         }
@@ -133,7 +134,7 @@ SlotState Checker::StateOf(const FMBlockEntry& block, uint64_t slots) {
         return SlotState::Outside;
     }
     if (!FMIsEntryPossible(block)) {
-        Add(Name(block) + " has an impossible place, offset " + std::to_string(block.posInFile) +
+        Add(Name(block) + " has an impossible range, offset " + std::to_string(block.posInFile) +
                 ", length " + std::to_string(block.totalLen),
             "loaded without data");
         return SlotState::Impossible;
@@ -141,7 +142,8 @@ SlotState Checker::StateOf(const FMBlockEntry& block, uint64_t slots) {
     if (block.totalLen == 0)
         return SlotState::NoData;
     if (block.totalLen > CACHED_BLOCK_MAX)
-        Note(Name(block) + " has " + FormatSize(block.totalLen), "works, but blocks end at 16 MiB");
+        Note(Name(block) + " has " + FormatSize(block.totalLen),
+             "works, but exceeds the limit of 16 MiB for a block");
     if (End(block) > m_entry.dataLength) {
         Add(Name(block) + " ends at byte " + std::to_string(End(block)) +
                 (m_entry.HasData() ? ", the data file at " + std::to_string(m_entry.dataLength)
@@ -152,8 +154,8 @@ SlotState Checker::StateOf(const FMBlockEntry& block, uint64_t slots) {
     return SlotState::Stored;
 }
 
-// In the order of their offsets each block can overlap only with the one that reached furthest so far,
-// or else with none.
+// Sorted by offset, a block overlaps an earlier one exactly if it overlaps the one with the furthest end so
+// far.
 void Checker::CheckRanges() {
     std::vector<const FMBlockEntry*> placed;
     for (size_t i = 0; i < m_check.states.size(); ++i) {
@@ -174,7 +176,7 @@ void Checker::CheckRanges() {
         if (furthest && Begin(*block) < end)
             Add(Name(*block) + " overlaps " + Name(*furthest) + " by " +
                     Count(std::min(end, End(*block)) - Begin(*block), "byte"),
-                "both are loaded; one of them has the other's bytes");
+                "a block whose bytes are in doubt cannot be read");
         const uint64_t from = std::max(end, Begin(*block));
         const uint64_t to = std::min(End(*block), m_entry.dataLength);
         owned += to > from ? to - from : 0;
@@ -186,10 +188,10 @@ void Checker::CheckRanges() {
     CheckUnowned(owned);
 }
 
-// A block that was written again leaves its old place behind, so these are no sign of damage.
+// A rewrite with another length leaves its old range unreferenced, so this is not damage.
 void Checker::CheckUnowned(uint64_t owned) {
     if (const uint64_t unowned = m_entry.dataLength - owned; unowned > 0)
-        Note(Count(unowned, "byte") + " of the data file belong to no block", "ignored");
+        Note(Count(unowned, "byte") + " of the data file are unreferenced", "ignored");
 }
 
 } // namespace
@@ -203,7 +205,7 @@ const char* StateText(SlotState state) {
     case SlotState::NoData:
         return "no data";
     case SlotState::Impossible:
-        return "impossible place";
+        return "impossible range";
     case SlotState::Beyond:
         return "beyond the data file";
     case SlotState::Outside:

@@ -1,4 +1,4 @@
-// An information file against its data file, by the rules that the library loads them with.
+// Checks an information file against its data file, by the rules of the library's loader.
 #pragma once
 
 #include <cstdint>
@@ -10,10 +10,10 @@
 
 enum class SlotState {
     Empty,      ///< no block
-    Stored,     ///< a block with all of its bytes
-    NoData,     ///< a block whose bytes are not stored
-    Impossible, ///< a place that no data file has: loaded without data
-    Beyond,     ///< ends behind the data file: loaded, and fails when it is read
+    Stored,     ///< the data file contains all bytes of the block
+    NoData,     ///< a block without bytes on disk
+    Impossible, ///< an impossible range: loaded without data
+    Beyond,     ///< ends past the data file: loaded, but reading fails
     Outside,    ///< an identifier outside the table: not loaded
     Replaced,   ///< a later entry has the same identifier: not loaded
 };
@@ -22,19 +22,19 @@ const char* StateText(SlotState state);
 struct Finding {
     std::string what;   ///< "block 3 ends at byte 5000, the data file at 4000"
     std::string effect; ///< what the library does with it
-    bool fault = true;  ///< false for what a sound cache may have as well
+    bool fault = true;  ///< false: a note; a sound cache can have it, too
 };
 
 struct Check {
     std::vector<Finding> findings;
-    std::vector<SlotState> states; ///< of the entries, one for one
+    std::vector<SlotState> states; ///< one for each entry
     uint64_t present = 0;          ///< blocks that are Stored
-    uint64_t bytes = 0;            ///< of all blocks that have a place, there or not
-    uint64_t slots = 0;            ///< up to the last one that is taken
+    uint64_t bytes = 0;            ///< of all blocks with a possible range
+    uint64_t slots = 0;            ///< up to the last one with a block
     bool loads = false;            ///< the library would open the file
 
     size_t Faults() const;
 };
 
-/// `file` is what `entry.info` holds.
+/// `file`: the parsed contents of `entry.info`.
 Check CheckFile(const StoreEntry& entry, const InfoFile& file);

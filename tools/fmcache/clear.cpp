@@ -1,4 +1,4 @@
-// clear: removes everything from a store, with the clearing that a server does when it keeps nothing.
+// clear: removes the whole store with the library's own clearing (clearDays 0).
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdint>
@@ -41,7 +41,7 @@ Contents SumUp(const StoreListing& listing) {
     return contents;
 }
 
-// The library clears the directory and not the files that it knows, whatever lies there.
+// The library removes the directory with all its contents, so entries that are not cached files are an error.
 void RequireOwn(const StoreListing& listing, const fs::path& store) {
     std::string name = listing.foreign.empty() ? "" : listing.foreign.front();
     for (const StoreEntry& entry : listing.entries) {
@@ -51,7 +51,7 @@ void RequireOwn(const StoreListing& listing, const fs::path& store) {
     }
     if (!name.empty())
         throw Failure(Quoted(name) + " in " + Quoted(store.string()) +
-                      " is no cached file; --force clears it away too");
+                      " is not a cached file; --force removes it, too");
 }
 
 int Clear(const ClearOptions& options) {
@@ -60,18 +60,18 @@ int Clear(const ClearOptions& options) {
     if (!options.force)
         RequireOwn(before, store);
     if (!CanWriteInto(store))
-        throw Failure("cannot write into " + Quoted(store.string()) + ": " + ErrorText(errno));
+        throw Failure("no write access to " + Quoted(store.string()) + ": " + ErrorText(errno));
     CheckStop();
     { const Session session(options.dir, CLEAR_NOW); }
 
-    // The library tells nobody whether it succeeded, so the directory is asked.
+    // The library reports no result, so the directory is read again.
     std::error_code error;
     const StoreListing after = fs::exists(store, error) ? ListStore(store) : StoreListing();
     const Contents had = SumUp(before);
     const Contents left = SumUp(after);
     if (left.files > 0 || !after.foreign.empty())
         throw Failure(std::to_string(left.files + after.foreign.size()) + " entries of " +
-                      Quoted(store.string()) + " could not be removed, or came meanwhile");
+                      Quoted(store.string()) + " were not removed, or are new");
     if (options.json) {
         Json json;
         json.BeginObject().Member("removed", had.entries).Member("files", had.files);
@@ -87,9 +87,9 @@ int Clear(const ClearOptions& options) {
 
 void AddClear(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<ClearOptions>();
-    CLI::App* clear = app.add_subcommand(
-        "clear", "Remove all files of the cache; the directory of the store goes with them.");
+    CLI::App* clear =
+        app.add_subcommand("clear", "Remove all cached files and the store directory.");
     AddCacheOptions(*clear, *options);
-    clear->add_flag("--force", options->force, "clear away what is no cached file, too");
+    clear->add_flag("--force", options->force, "also remove entries that are not cached files");
     clear->callback([options, &chosen] { chosen = [options] { return Clear(*options); }; });
 }

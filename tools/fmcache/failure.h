@@ -1,4 +1,4 @@
-// How a verb ends without success: it throws one of these, and main makes the line and the status.
+// Exceptions that end a verb; main prints the line and returns the status.
 #pragma once
 
 #include <stdexcept>
@@ -7,7 +7,7 @@
 
 #include "RtString.h"
 
-/// What went wrong, in words for the user: lower case, no line end, no program name.
+/// An error message for the user: lower case, without line end and program name.
 class Failure : public std::runtime_error {
 public:
     explicit Failure(const std::string& text, int status = 1)
@@ -18,10 +18,10 @@ private:
     int m_status; // of the process
 };
 
-/// The user asked to stop.
+/// A stop signal arrived.
 class Interrupted {};
 
-/// The text of an error number of the C library, which std::strerror gives to one thread only.
+/// The text of an errno value. Unlike std::strerror, thread-safe.
 inline std::string ErrorText(int error) { return std::generic_category().message(error); }
 
 inline std::string Quoted(const std::string& text) { return "'" + text + "'"; }

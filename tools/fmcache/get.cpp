@@ -1,4 +1,4 @@
-// get: reads every block of a cached file back and writes the bytes in order.
+// get: loads the blocks of a cached file and writes their bytes in order.
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdint>
@@ -21,7 +21,7 @@
 
 namespace {
 
-// Blocks that are asked for ahead of the one that is written. Large ones need no more company.
+// Bounds for the loads in flight, by number and by bytes.
 constexpr size_t WINDOW_BLOCKS = 8;
 constexpr uint64_t WINDOW_BYTES = uint64_t{32} << 20;
 
@@ -32,7 +32,7 @@ struct GetOptions {
     bool force = false;
 };
 
-// One block on its way into memory.
+// One load in flight.
 class Load final : public IFMBlockSink {
 public:
     Load(CachedFile& file, const FMBlockEntry& entry)
@@ -40,8 +40,8 @@ public:
         if (!m_block || m_block->GetTotalLen() != entry.totalLen)
             throw Failure(Name() + " is missing");
         const int result = m_block->ReadData(this);
-        m_done = m_done || RT_FAILED(result); // it will not be called
-        Require(result, Name() + " cannot be read");
+        m_done = m_done || RT_FAILED(result); // after a failure the sink is not called
+        Require(result, "cannot read " + Name());
     }
     ~Load() override {
         if (!m_done)
@@ -60,7 +60,7 @@ public:
     bool IsDone() const { return m_done; }
     uint32_t Length() const { return m_entry.totalLen; }
     void WriteTo(Output& output) const {
-        Require(m_result, Name() + " cannot be read");
+        Require(m_result, "cannot read " + Name());
         for (const CRtMessageBlock* part = m_view.get(); part; part = part->GetNext())
             output.Write({part->GetTopLevelReadPtr(), part->GetTopLevelLength()});
     }
@@ -106,7 +106,7 @@ private:
 
     bool HasRoomFor(uint32_t length) const {
         if (m_loaded == 0)
-            return true; // one block alone is always possible
+            return true; // a single block may exceed the bounds
         return m_loads.size() < WINDOW_BLOCKS && m_inFlight + length <= WINDOW_BYTES &&
                m_loaded + length <= REOPEN_BYTES;
     }
@@ -133,7 +133,7 @@ private:
         m_loads.pop_front();
     }
 
-    // Blocks keep their bytes until the file is closed.
+    // Loaded blocks stay resident until the file is closed.
     void Release() {
         m_file.Reopen();
         m_loaded = 0;
@@ -144,21 +144,21 @@ private:
     Output& m_output;
     CachedFile m_file;
     Progress m_progress;
-    std::deque<std::unique_ptr<Load>> m_loads; // in the order of the file; gone before the file is
-    size_t m_next = 0;                         // the block to be asked for next
+    std::deque<std::unique_ptr<Load>> m_loads; // in file order; destroyed before m_file
+    size_t m_next = 0;                         // index of the next block to load
     uint64_t m_inFlight = 0;                   // bytes of m_loads
-    uint64_t m_loaded = 0;                     // bytes asked for since the file was opened
+    uint64_t m_loaded = 0;                     // bytes loaded since the file was last opened
 };
 
-// The manager would give a file with holes as willingly, and make a data file that is missing: what
-// cannot be had is told from the information file, before the manager touches anything.
+// The manager would load an incomplete file, and create a missing data file. So the information file is
+// checked before the manager opens anything.
 std::vector<FMBlockEntry> FindBlocks(const StorePaths& paths, const FMFileID& id) {
     const std::string name = ToString(FMFileIDToString(id));
     const InfoFile file = InfoFile::Read(paths.info);
     if (!(file.info.fileID == id))
-        throw Failure(Quoted(paths.info.string()) + " describes another file");
+        throw Failure(Quoted(paths.info.string()) + " contains the description of another file");
     if (file.info.flag & FM_FILE_TEMPORARY)
-        throw Failure(name + " is temporary: the cache would remove it when it is closed");
+        throw Failure(name + " is temporary: reading would remove it from the cache");
     try {
         return file.CompleteBlocks(LengthOf(paths.data));
     } catch (const Failure& failure) {
@@ -166,7 +166,7 @@ std::vector<FMBlockEntry> FindBlocks(const StorePaths& paths, const FMFileID& id
     }
 }
 
-// The manager opens every file for writing, also to read it.
+// The manager opens files for reading and writing, even to load.
 void RequireAccess(const StorePaths& paths, bool withData) {
     for (const auto* path : {&paths.info, withData ? &paths.data : &paths.info}) {
         if (!CanWrite(*path))
@@ -194,10 +194,11 @@ int Get(const GetOptions& options) {
 void AddGet(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<GetOptions>();
     CLI::App* get = app.add_subcommand("get", "Read a file back from the cache.");
-    AddPath(*get, "--dir", options->dir, "directory of the cache")->required();
-    get->add_option("ID", options->id, "the identifier that put has printed")->required();
-    AddPath(*get, "-o,--output", options->output, "file to write, - for standard output")
+    AddPath(*get, "--dir", options->dir, "data directory of the cache")->required();
+    get->add_option("ID", options->id, "identifier that put printed; the braces may be omitted")
         ->required();
-    get->add_flag("--force", options->force, "replace the file when it exists");
+    AddPath(*get, "-o,--output", options->output, "file to write; - is standard output")
+        ->required();
+    get->add_flag("--force", options->force, "overwrite an existing file");
     get->callback([options, &chosen] { chosen = [options] { return Get(*options); }; });
 }

@@ -1,4 +1,4 @@
-// housekeep: removes what is too old, through the library's own housekeeping, or tells what would go.
+// housekeep: runs the library's housekeeping now, or shows what it would remove.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
@@ -41,7 +41,7 @@ struct Judged {
 std::vector<Judged> JudgeAll(const fs::path& store, uint16_t days) {
     const StoreListing listing = ListStore(store);
     const int64_t now = CurrentTime();
-    Progress progress("looking", listing.entries.size(), Progress::Unit::Files);
+    Progress progress("reading", listing.entries.size(), Progress::Unit::Files);
     std::vector<Judged> files;
     for (const StoreEntry& entry : listing.entries) {
         CheckStop();
@@ -52,16 +52,16 @@ std::vector<Judged> JudgeAll(const fs::path& store, uint16_t days) {
     return files;
 }
 
-// The library takes an information file that it may not open for a damaged one, and its file for one
-// to be removed: a run as the wrong user would empty the cache.
+// The library opens information files for reading and writing, and keeps a file whose information it cannot
+// open. A run that would skip files for this reason is refused.
 void RequireAccess(const std::vector<Judged>& files, const fs::path& store) {
     if (!CanWriteInto(store))
-        throw Failure("cannot write into " + Quoted(store.string()) + ": " + ErrorText(errno));
+        throw Failure("no write access to " + Quoted(store.string()) + ": " + ErrorText(errno));
     for (const Judged& file : files) {
         if (file.entry.HasInfo() && file.entry.HasData() && !CanWrite(file.entry.info))
             throw Failure("cannot open " + Quoted(file.entry.info.string()) +
                           " for reading and writing: " + ErrorText(errno) +
-                          "; housekeeping would remove what it cannot read");
+                          "; housekeeping would skip the file");
     }
 }
 
@@ -77,24 +77,24 @@ void Run(const HousekeepOptions& options, std::vector<Judged>& files, const fs::
     }
 }
 
-// What has happened, or would.
+// The ACTION column.
 const char* ActionText(const Judged& file, bool dryRun) {
     if (dryRun)
-        return file.IsDue() ? "goes" : "stays";
+        return file.IsDue() ? "remove" : "keep";
     if (file.gone)
         return "removed";
-    return file.IsDue() ? "NOT REMOVED" : "stays";
+    return file.IsDue() ? "NOT REMOVED" : "kept";
 }
 
 std::string ReasonText(const Keeping& keeping) {
-    return keeping.when == Keeping::When::InDays ? keeping.reason + ", goes " + keeping.Text()
+    return keeping.when == Keeping::When::InDays ? keeping.reason + ", due " + keeping.Text()
                                                  : keeping.reason;
 }
 
 struct Totals {
     uint64_t files = 0;
     uint64_t bytes = 0;
-    uint64_t left = 0; // due, and still there
+    uint64_t left = 0; // due, but not removed
 };
 
 Totals SumUp(const std::vector<Judged>& files, bool dryRun) {
@@ -115,7 +115,7 @@ std::string TextOf(const std::vector<Judged>& files, const Totals& totals, bool 
         table.Add({Printable(file.entry.stem), FormatSize(file.entry.Length()),
                    ActionText(file, dryRun), ReasonText(file.keeping), Printable(file.name)});
     return table.Text() + std::to_string(totals.files) + " of " + Count(files.size(), "file") +
-           (dryRun ? " would go, " : " removed, ") + FormatSize(totals.bytes) + "\n";
+           (dryRun ? " would be removed, " : " removed, ") + FormatSize(totals.bytes) + "\n";
 }
 
 std::string JsonOf(const std::vector<Judged>& files, const Totals& totals, bool dryRun) {
@@ -152,9 +152,10 @@ int Housekeep(const HousekeepOptions& options) {
 void AddHousekeep(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<HousekeepOptions>();
     CLI::App* housekeep = app.add_subcommand(
-        "housekeep", "Remove what is too old, as every server on the cache does once a day.");
+        "housekeep", "Remove files that are too old, as each server on the cache does once a day.");
     AddCacheOptions(*housekeep, *options);
     AddDaysOption(*housekeep, options->days)->required();
-    housekeep->add_flag("--dry-run", options->dryRun, "remove nothing, tell what would go and why");
+    housekeep->add_flag("--dry-run", options->dryRun,
+                        "remove nothing; show what would be removed, and why");
     housekeep->callback([options, &chosen] { chosen = [options] { return Housekeep(*options); }; });
 }

@@ -10,7 +10,8 @@
 
 namespace {
 
-// The time of day is real, as ages are counted with it; the tick count can be moved forward.
+// Advances the tick count, so that the timer fires without a wait. The time of day stays real: ages depend
+// on it.
 class MovableClock final : public IRtClock {
 public:
     MovableClock() { RtSetClock(this); }
@@ -32,12 +33,12 @@ private:
         return static_cast<uint64_t>(
             std::chrono::duration_cast<milliseconds>(time.time_since_epoch()).count());
     }
-    std::atomic<uint64_t> m_ahead{0}; // every thread asks
+    std::atomic<uint64_t> m_ahead{0}; // read on every thread
 };
 
-// Waits until the read/write thread has done what was queued for it. No call says so, but one file that
-// is created over another of the same identifier, which somebody still holds, waits for what that one
-// may have queued. Files without blocks leave no trace on disk.
+// Waits until the read/write thread has run everything queued so far. The interface has no call for this.
+// But CreateFile waits for that queue if an object with the same identifier exists, so each pass creates
+// such a file again while the last one is still referenced. Files without blocks create nothing on disk.
 class Barrier {
 public:
     explicit Barrier(Session& session) : m_session(session) {
@@ -54,7 +55,7 @@ public:
 
     void Pass() {
         IFMFile* file = nullptr;
-        Require(m_session.Manager().CreateFile(file, m_info), "housekeeping cannot be waited for");
+        Require(m_session.Manager().CreateFile(file, m_info), "cannot wait for housekeeping");
         m_file = FileRef::Adopt(file);
     }
 
@@ -66,10 +67,9 @@ private:
 
 } // namespace
 
-// A run is a chain of events on the read/write thread: each looks at one data file and queues the next
-// one behind whatever waits. So each time that the barrier is passed the chain has come one data file
-// further, or was at its end. One time more is for the event that begins it, one for the event that
-// finds nothing left.
+// A run is a chain of events on the read/write thread: each examines one data file and posts the next one.
+// So after each pass of the barrier at least one more data file has been examined. Two more passes are for
+// the first event and for the one that finds no more files.
 void RunHousekeeping(const std::filesystem::path& dir, uint16_t days, uint64_t dataFiles) {
     constexpr uint64_t firstTickMs = 60'001;
     MovableClock clock;
@@ -77,7 +77,7 @@ void RunHousekeeping(const std::filesystem::path& dir, uint16_t days, uint64_t d
     Barrier barrier(session);
     CheckStop();
     clock.Advance(firstTickMs);
-    session.Pump(); // the tick, which queues the first event
+    session.Pump(); // fires the tick, which posts the first event
     Progress progress("housekeeping", dataFiles, Progress::Unit::Files);
     for (uint64_t i = 0; i < dataFiles + 2; ++i) {
         CheckStop();

@@ -1,10 +1,9 @@
-// One run of the library's own housekeeping, now instead of a minute after the start of a server.
+// Runs the library's housekeeping once, immediately.
 #pragma once
 
 #include <cstdint>
 #include <filesystem>
 
-/// Runs it over the cache in `dir`, as a server that keeps files for `days` days, from the first to the
-/// last of `dataFiles` data files. Throws Failure, and Interrupted when the user asks to stop: the
-/// library then leaves the rest for another time.
+/// Examines all `dataFiles` data files of the cache in `dir`, as a server with clearDays `days`. Throws
+/// Failure; on a stop signal Interrupted, and the remaining files are not examined.
 void RunHousekeeping(const std::filesystem::path& dir, uint16_t days, uint64_t dataFiles);

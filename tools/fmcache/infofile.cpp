@@ -11,11 +11,11 @@
 
 namespace {
 
-// A valid file is never longer; of another no more is read.
+// Size of the longest valid file; no more is read.
 constexpr uint32_t INFO_FILE_MAX =
     FM_INFO_BODY_OFFSET + FM_INFO_FILE_BODY_MAX + FM_INFO_LENGTH_SIZE + FM_INFO_BLOCK_BODY_MAX;
 
-// 0, or the system's reason. `length` is that of the file, also when `bytes` are only its beginning.
+// Returns 0 or an errno value. `length` is the length of the file, even if `bytes` is truncated.
 int ReadBytes(const std::filesystem::path& path, std::string& bytes, uint64_t& length) {
     errno = 0;
     std::ifstream in(path, std::ios::binary | std::ios::ate);
@@ -28,11 +28,11 @@ int ReadBytes(const std::filesystem::path& path, std::string& bytes, uint64_t& l
     in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     if (in.bad())
         return errno != 0 ? errno : EIO;
-    bytes.resize(static_cast<size_t>(in.gcount())); // it may have become shorter
+    bytes.resize(static_cast<size_t>(in.gcount())); // the file may have been truncated since
     return 0;
 }
 
-// Takes a length and the body that it announces off the front. False when they are not all there.
+// Removes a length and a body of that length from the front. False if `rest` is too short.
 bool TakeBody(std::string_view& rest, uint32_t most, std::string_view& body) {
     uint8_t prefix[FM_INFO_LENGTH_SIZE] = {};
     if (rest.copy(reinterpret_cast<char*>(prefix), sizeof(prefix)) < sizeof(prefix))
@@ -79,11 +79,11 @@ void InfoFile::Parse(const std::string& bytes) {
     if (FMDecodeFileBody(*Wrap(body), info, createTime) != 0)
         fault = "has a damaged description";
     else if (info.fileID == FMFileID_None)
-        fault = "has a description without identifier";
+        fault = "has a description without an identifier";
     else if (info.num > FM_TABLE_SLOTS_MAX)
         fault = "has a description with an impossible number of slots";
     else if (!TakeBody(rest, FM_INFO_BLOCK_BODY_MAX, body))
-        tableFault = "has a block table that is damaged or missing";
+        tableFault = "has a damaged or missing block table";
     if (!fault.empty() || !tableFault.empty())
         return;
     whole = FMDecodeBlockBody(*Wrap(body), slots);
@@ -116,7 +116,7 @@ std::vector<FMBlockEntry> InfoFile::CompleteBlocks(uint64_t dataLength) const {
             throw Failure(BlockName(id) + " is missing");
         if (block.blockID != id)
             throw Failure("the block table is damaged: it has " + BlockName(block.blockID) +
-                          " in the place of " + BlockName(id));
+                          " in the slot of " + BlockName(id));
         if (block.totalLen == 0)
             throw Failure(BlockName(id) + " has no bytes");
         if (!FMIsEntryPossible(block) ||

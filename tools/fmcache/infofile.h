@@ -1,5 +1,5 @@
-// The information file of a cached file, opened for reading only: looking at a cache through the file
-// manager would open everything for writing, and make what is missing.
+// Parses an information file, opened for reading only. The file manager itself would open it for writing
+// and create missing files.
 #pragma once
 
 #include <cstdint>
@@ -11,25 +11,24 @@
 
 struct InfoFile {
     FMFileInfo info;
-    uint32_t createTime = 0; ///< seconds since 1970; 0 when it was not stored
+    uint32_t createTime = 0; ///< seconds since 1970; 0 if it was not stored
     std::vector<FMBlockEntry> slots;
-    bool whole = false; ///< false when the block table ends early
+    bool whole = false; ///< false if the block table is truncated
 
-    uint64_t length = 0;      ///< of the whole file
-    uint32_t behindTable = 0; ///< bytes of the block body behind its last entry
-    bool readable = false;    ///< false when the system did not let it be read
-    std::string fault;      ///< why the description is of no use, as "has no description"; or empty
-    std::string tableFault; ///< why the block table is of no use; or empty
+    uint64_t length = 0;      ///< of the file in bytes
+    uint32_t behindTable = 0; ///< bytes in the block body after the last entry
+    bool readable = false;    ///< false if the file could not be opened or read
+    std::string fault;        ///< why the description is unusable; or empty
+    std::string tableFault;   ///< why the block table is unusable; or empty
 
-    /// Reads as far as the file is sound, and tells in `fault` and `tableFault` what is not. The library
-    /// loads no file with either.
+    /// Parses as much as possible. The library does not load a file with a `fault` or `tableFault`.
     static InfoFile Look(const std::filesystem::path& path);
 
-    /// Throws Failure when it cannot be read or is no information file.
+    /// As Look, but throws Failure if there is a `fault` or `tableFault`.
     static InfoFile Read(const std::filesystem::path& path);
 
-    /// The blocks of a complete file in order. Throws Failure that names the first block whose bytes
-    /// are not all in a data file of `dataLength` bytes. A file of no bytes has no blocks.
+    /// Returns the blocks of a complete file in order; none for an empty file. Throws Failure with the first
+    /// block whose range is not inside a data file of `dataLength` bytes.
     std::vector<FMBlockEntry> CompleteBlocks(uint64_t dataLength) const;
 
 private:

@@ -1,4 +1,4 @@
-// A JSON text, written from the front to the back.
+// Writer of JSON texts.
 #pragma once
 
 #include <cstdint>
@@ -11,10 +11,10 @@ public:
     Json& EndObject() { return End('}'); }
     Json& BeginArray() { return Begin('['); }
     Json& EndArray() { return End(']'); }
-    /// The key of the member that is written next.
+    /// The key of the next member.
     Json& Key(std::string_view key);
 
-    /// Bytes that are no UTF-8 become replacement characters.
+    /// Invalid UTF-8 becomes replacement characters.
     Json& Value(std::string_view text);
     Json& Value(const char* text) { return Value(std::string_view(text)); }
     Json& Value(bool value) { return Plain(value ? "true" : "false"); }
@@ -26,8 +26,8 @@ public:
     Json& Member(std::string_view key, const T& value) {
         return Key(key).Value(value);
     }
-    /// A name that may be any bytes: those that are no UTF-8 stand beside it once more, as hexadecimal
-    /// digits, in the member `key` + "Bytes".
+    /// A name of any bytes. If it is not valid UTF-8, the member `key` + "Bytes" has its bytes in hexadecimal
+    /// digits as well.
     Json& Name(std::string_view key, std::string_view name);
 
     /// The whole text, with a line end.
@@ -41,5 +41,5 @@ private:
     void Quote(std::string_view text);
 
     std::string m_text;
-    bool m_first = true; // nothing stands before it that a comma would separate
+    bool m_first = true; // the next item needs no comma
 };

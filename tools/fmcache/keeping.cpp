@@ -39,7 +39,8 @@ const char* Keeping::Word() const {
 
 CLI::Option* AddDaysOption(CLI::App& verb, uint16_t& days) {
     return verb
-        .add_option("--days", days, "age in days up to which a server keeps files, 1 to 65535")
+        .add_option("--days", days,
+                    "clearDays of the server: a file is removed at the age of N + 2 days")
         ->check(CLI::Range(1, 65535));
 }
 
@@ -51,11 +52,11 @@ int64_t AgeInDays(const InfoFile& file, int64_t now) {
 
 Keeping JudgeKeeping(const StoreEntry& entry, const InfoFile& file, uint16_t days, int64_t now) {
     using When = Keeping::When;
-    if (!entry.HasData()) // a run goes from data file to data file
+    if (!entry.HasData()) // housekeeping examines data files only
         return {When::Never, 0, "no data file"};
     if (!entry.HasInfo())
         return {When::NextRun, 0, "no information file"};
-    if (!file.readable) // by this user; the server's may be another
+    if (!file.readable) // for this user; the server may run as another one
         return {When::Unknown, 0, file.fault};
     if (!file.fault.empty())
         return {When::NextRun, 0, "unreadable"};
@@ -63,7 +64,7 @@ Keeping JudgeKeeping(const StoreEntry& entry, const InfoFile& file, uint16_t day
         return {When::NextRun, 0, "temporary"};
     if (file.info.flag & FM_FILE_KEPT)
         return {When::Never, 0, "kept"};
-    // The library counts whole days and adds one day of grace.
+    // The library compares the age in full days with clearDays + 1.
     const int64_t lastDay = int64_t{days} + 1;
     const int64_t age = AgeInDays(file, now);
     if (age > lastDay)

@@ -1,4 +1,4 @@
-// What the library's housekeeping will do with a cached file, by its own rules.
+// Predicts what the library's housekeeping will do with a cached file, by the same rules.
 #pragma once
 
 #include <cstdint>
@@ -25,13 +25,13 @@ struct Keeping {
     const char* Word() const;
 };
 
-/// Adds --days, 1 to 65535: with 0 a server keeps nothing at all.
+/// Adds --days, 1 to 65535. With clearDays 0 a server would clear the cache.
 CLI::Option* AddDaysOption(CLI::App& verb, uint16_t& days);
 
 /// Seconds since 1970.
 int64_t CurrentTime();
-/// Whole days since the file was created; 0 for one from the future.
+/// Full days since the file was created; 0 if the creation time is in the future.
 int64_t AgeInDays(const InfoFile& file, int64_t now);
 
-/// `file` is what `entry.info` holds.
+/// `file`: the parsed contents of `entry.info`.
 Keeping JudgeKeeping(const StoreEntry& entry, const InfoFile& file, uint16_t days, int64_t now);

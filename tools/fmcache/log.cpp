@@ -9,7 +9,7 @@ namespace {
 
 struct LogKeeper {
     bool show = false;
-    std::mutex mutex; // lines come from any thread
+    std::mutex mutex; // lines come from all threads
     std::string lastError;
 
     static void Take(void* context, int level, const char* text) {
@@ -23,7 +23,7 @@ struct LogKeeper {
     }
 };
 
-// Lines may come later than static objects live.
+// Never destroyed: lines come until process end, after static objects are destroyed.
 LogKeeper& Keeper() {
     static LogKeeper* keeper = new LogKeeper;
     return *keeper;
@@ -42,6 +42,6 @@ std::string LogCause() {
     const std::lock_guard lock(Keeper().mutex);
     if (Keeper().lastError.empty())
         return "";
-    // The address of the object that has written the line tells a user nothing.
+    // Without the object's address, which means nothing to a user.
     return " (" + Keeper().lastError.substr(0, Keeper().lastError.rfind(" this=")) + ")";
 }

@@ -1,11 +1,11 @@
-// The library's log lines: shown when the user wants them, otherwise kept as the cause of an error.
+// The library's log: shown with --verbose; the last error line is kept for messages.
 #pragma once
 
 #include <string>
 
-/// Takes the lines from now on to the end of the process; `show` writes them to standard error.
+/// Receives the lines until process end. `show`: also write them to standard error.
 void KeepLog(bool show);
 bool IsLogShown();
 
-/// The last line that reported an error, in parentheses and after a blank; empty when there is none.
+/// The last error line in parentheses, after a space; empty if there is none.
 std::string LogCause();

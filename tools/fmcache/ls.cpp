@@ -1,4 +1,4 @@
-// ls: a line for each cached file.
+// ls: one line for each cached file.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdint>
@@ -25,18 +25,18 @@ struct LsOptions : StoreOptions {
     std::string sort = "id";
 };
 
-// What a line says; the block tables of a large store do not stay in memory.
+// The values of one line. Block tables are not kept: a store can have many.
 struct Line {
     StoreEntry entry;
-    bool described = false; // the description could be read
-    std::string trouble;    // why the library does not load it
+    bool described = false; // the description is readable
+    std::string trouble;    // why the library does not load the file; or empty
     std::string name;
     uint32_t flag = 0;
     uint32_t createTime = 0;
     int64_t age = 0;
     uint64_t bytes = 0;
     uint64_t present = 0;
-    uint64_t slots = 0; // up to the last one that is taken
+    uint64_t slots = 0; // up to the last one with a block
     size_t faults = 0;
     Keeping keeping;
 };
@@ -117,7 +117,7 @@ std::string TotalsText(const std::vector<Line>& lines, const StoreListing& listi
     if (damaged > 0)
         text += ", " + std::to_string(damaged) + " damaged";
     if (!listing.foreign.empty())
-        text += ", " + std::to_string(listing.foreign.size()) + " that are no cached files";
+        text += ", " + std::to_string(listing.foreign.size()) + " other entries";
     return text + "\n";
 }
 
@@ -156,7 +156,7 @@ int Ls(const LsOptions& options) {
     const int64_t now = CurrentTime();
     std::vector<Line> lines;
     {
-        Progress progress("looking", listing.entries.size(), Progress::Unit::Files);
+        Progress progress("reading", listing.entries.size(), Progress::Unit::Files);
         for (const StoreEntry& entry : listing.entries) {
             CheckStop();
             lines.push_back(MakeLine(entry, options.days, now));
@@ -172,10 +172,11 @@ int Ls(const LsOptions& options) {
 
 void AddLs(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<LsOptions>();
-    CLI::App* ls = app.add_subcommand("ls", "List the files of the cache.");
+    CLI::App* ls = app.add_subcommand("ls", "List the cached files.");
     AddLookOptions(*ls, *options);
     AddDaysOption(*ls, options->days)->capture_default_str();
-    ls->add_option("--sort", options->sort, "id, name, size (largest first) or age (oldest first)")
+    ls->add_option("--sort", options->sort,
+                   "sort by id, name, size (largest first) or age (oldest first)")
         ->check(CLI::IsMember({"id", "name", "size", "age"}))
         ->capture_default_str();
     ls->callback([options, &chosen] { chosen = [options] { return Ls(*options); }; });

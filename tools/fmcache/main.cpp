@@ -1,4 +1,4 @@
-// fmcache: puts files into a cache of the file manager, gets them back, and looks after the cache.
+// fmcache: stores files in a cache of the file manager, reads them back, and maintains the cache.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cctype>
@@ -17,7 +17,7 @@ namespace {
 
 enum Status : int { STATUS_FAILED = 1, STATUS_USAGE = 2, STATUS_INTERRUPTED = 130 };
 
-// One line, whatever a file is called.
+// Exactly one line: a file name in the text may contain line ends.
 int Complain(std::string text, int status) {
     std::replace(text.begin(), text.end(), '\n', ' ');
     std::fprintf(stderr, "fmcache: %s\n", Printable(text).c_str());
@@ -26,21 +26,22 @@ int Complain(std::string text, int status) {
 
 int ReportUsage(const CLI::ParseError& error) {
     std::string text = error.what();
-    // Sentences begin with a capital, names of arguments keep theirs.
+    // Error lines start in lower case; argument names (FILE, ID) stay as they are.
     if (text.size() > 1 && !std::isupper(static_cast<unsigned char>(text[1])))
         text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
-    text += "; fmcache --help tells more";
+    text += "; see fmcache --help";
     return Complain(text, STATUS_USAGE);
 }
 
 int Run(int argc, char** argv) {
-    CLI::App app{"Keeps files in a block cache on disk and gets them back.", "fmcache"};
+    CLI::App app{"Store files in a block cache on disk, read them back, and maintain the cache.",
+                 "fmcache"};
     Action chosen;
     bool verbose = false;
-    app.add_flag("--verbose", verbose, "show the library's log lines");
+    app.add_flag("--verbose", verbose, "write the library's log lines to standard error");
     app.require_subcommand(1);
-    app.fallthrough();                      // --verbose may follow the verb
-    app.allow_windows_style_options(false); // what begins with a slash is a path on every system
+    app.fallthrough();                      // allows --verbose after the verb
+    app.allow_windows_style_options(false); // an argument with a leading slash is a path
     AddPut(app, chosen);
     AddGet(app, chosen);
     AddLs(app, chosen);
@@ -70,7 +71,7 @@ int main(int argc, char** argv) {
     } catch (const Failure& failure) {
         return Complain(failure.what(), failure.Status());
     } catch (const std::bad_alloc&) {
-        return Complain("not enough memory", STATUS_FAILED);
+        return Complain("out of memory", STATUS_FAILED);
     } catch (const std::exception& error) {
         return Complain(error.what(), STATUS_FAILED);
     }

@@ -10,7 +10,7 @@
 namespace {
 
 constexpr size_t ROWS_MAX = 12;
-constexpr size_t CELLS_MIN = 8; // however narrow the terminal is
+constexpr size_t CELLS_MIN = 8; // also on a narrow terminal
 
 enum Kind : uint8_t { MISSING, SOME, THERE, FAULTY };
 
@@ -28,7 +28,7 @@ Kind KindOf(SlotState state) {
     return state == SlotState::Impossible || state == SlotState::Beyond ? FAULTY : MISSING;
 }
 
-// By the place in the table and not in the information file: what the library will see.
+// By slot of the loaded table, not by position in the information file.
 std::vector<Kind> KindsBySlot(const InfoFile& file, const Check& check) {
     std::vector<Kind> kinds(static_cast<size_t>(check.slots), MISSING); // see FM_TABLE_SLOTS_MAX
     for (size_t i = 0; i < check.states.size(); ++i) {
@@ -40,7 +40,7 @@ std::vector<Kind> KindsBySlot(const InfoFile& file, const Check& check) {
     return kinds;
 }
 
-// A fault is never hidden by its neighbours.
+// A cell with one damaged block is damaged.
 Kind Sum(const Kind* first, const Kind* last) {
     if (std::find(first, last, FAULTY) != last)
         return FAULTY;
@@ -67,12 +67,12 @@ std::string Legend(uint64_t blocksPerCell, bool colour) {
         AppendCells(text, {kind}, colour);
         text += meaning;
     };
-    add(THERE, " there");
+    add(THERE, " stored");
     if (blocksPerCell > 1)
-        add(SOME, " some of them");
+        add(SOME, " partly stored");
     add(MISSING, " missing");
     add(FAULTY, " damaged");
-    return text + "   a cell is " + Count(blocksPerCell, "block") + "\n";
+    return text + "   1 cell: " + Count(blocksPerCell, "block") + "\n";
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// A picture of which blocks of a file are there.
+// A map of the stored, missing and damaged blocks of a file.
 #pragma once
 
 #include <string>
@@ -10,6 +10,6 @@ struct MapStyle {
     bool colour = false;
 };
 
-/// Lines of cells, each for one block or for several that follow one another, and a legend. Empty for a
-/// file without blocks.
+/// Returns lines of cells, each for one or several consecutive blocks, and a legend. Empty if the file has no
+/// blocks.
 std::string DrawMap(const InfoFile& file, const Check& check, const MapStyle& style);

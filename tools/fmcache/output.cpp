@@ -14,7 +14,7 @@ Output::Output(const fs::path& name, bool replace) : m_target(name), m_replace(r
         m_stream = stdout;
         return;
     }
-    // What a link leads to is replaced, not the link.
+    // Replace the target of a symbolic link, not the link.
     std::error_code error;
     if (fs::is_symlink(fs::symlink_status(name, error)) && fs::exists(name, error))
         m_target = fs::canonical(name, error);
@@ -26,7 +26,7 @@ Output::~Output() {
     if (m_temporary.empty())
         return;
     if (m_stream)
-        std::fclose(m_stream); // what it says does not matter any more
+        std::fclose(m_stream); // the file is removed: an error has no effect
     std::error_code ignored;
     fs::remove(m_temporary, ignored);
 }
@@ -37,16 +37,16 @@ void Output::CheckTarget() const {
     if (!fs::exists(status))
         return;
     if (fs::is_directory(status))
-        throw Failure(Quoted(m_target.string()) + " is a directory; -o names a file");
+        throw Failure(Quoted(m_target.string()) + " is a directory; -o takes a file");
     if (!m_replace)
-        throw Failure(Quoted(m_target.string()) + " exists already; --force replaces it");
-    if (!fs::is_regular_file(status)) // a device would be replaced by a file
+        throw Failure(Quoted(m_target.string()) + " exists; --force overwrites it");
+    if (!fs::is_regular_file(status)) // the rename would replace a device by a file
         throw Failure(Quoted(m_target.string()) +
                       " is not a regular file; -o - writes to standard output");
 }
 
-// Beside the target, so that it can be renamed. The name is not derived from the target's, which may
-// be as long as a name can be.
+// In the target's directory, so that a rename works. The name is not derived from the target's, which may
+// already have the maximum length.
 void Output::OpenTemporary() {
     std::random_device source;
     errno = EEXIST;
@@ -62,7 +62,7 @@ void Output::OpenTemporary() {
 }
 
 void Output::Fail(int error) const {
-    CheckStop(); // a write that a signal has cut short is no failure
+    CheckStop(); // a write interrupted by a stop signal is not an error
     const std::string name = m_target == "-" ? "standard output" : Quoted(m_target.string());
     throw Failure("cannot write " + name + ": " + ErrorText(error));
 }
@@ -82,7 +82,7 @@ void Output::Commit() {
     m_stream = nullptr;
     if (std::fclose(stream) != 0)
         Fail(errno);
-    CheckTarget(); // it may have appeared meanwhile
+    CheckTarget(); // the target may have been created since
     std::error_code error;
     fs::rename(m_temporary, m_target, error);
     if (error)

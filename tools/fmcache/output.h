@@ -1,4 +1,4 @@
-// The file that a verb writes: it appears under its name when it is whole, or not at all.
+// An output file that appears under its name when it is complete, or not at all.
 #pragma once
 
 #include <cstdio>
@@ -7,10 +7,9 @@
 
 class Output {
 public:
-    /// `name` "-" stands for standard output. Throws Failure, also when the file exists and `replace` is
-    /// not wanted.
+    /// `name` "-" is standard output. Throws Failure, also if the file exists and `replace` is false.
     Output(const std::filesystem::path& name, bool replace);
-    /// Removes what was written, unless it was committed.
+    /// Removes the temporary file, unless it was committed.
     ~Output();
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
@@ -25,7 +24,7 @@ private:
     [[noreturn]] void Fail(int error) const;
 
     std::filesystem::path m_target;
-    std::filesystem::path m_temporary; // empty for standard output, and once there is none any more
+    std::filesystem::path m_temporary; // empty for standard output and after the rename
     const bool m_replace;
     std::FILE* m_stream = nullptr;
 };

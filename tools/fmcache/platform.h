@@ -1,30 +1,29 @@
-// What the tool needs of the system beyond the standard library.
+// System functions that the standard library does not have.
 #pragma once
 
 #include <cstdio>
 #include <filesystem>
 
-/// Whether standard error is a terminal, where a line can be drawn over.
+/// Whether standard error is a terminal.
 bool IsErrorTerminal();
 
-/// Whether standard output is a terminal, and how many columns it has; 80 when nobody knows.
+/// Whether standard output is a terminal, and its width in columns; 80 if unknown.
 bool IsOutputTerminal();
 unsigned OutputWidth();
 
-/// Whether this process may make files in the directory, or change the file. Both set `errno` when it
-/// may not.
+/// Whether this process may create files in the directory, or write the file. Set `errno` if not.
 bool CanWriteInto(const std::filesystem::path& dir);
 bool CanWrite(const std::filesystem::path& file);
 
-/// A new file to write to; null with `errno` when there is one of that name, or it cannot be made.
+/// Creates a file for writing. Null, with `errno`, if it exists or cannot be created.
 std::FILE* OpenNew(const std::filesystem::path& file);
 
-/// From now on standard output and standard error take bytes as they are.
+/// Switches standard output and standard error to binary mode.
 void PrepareStreams();
 
-/// From now on the signals that ask a program to stop set a mark, and reaching a limit on the size of
-/// files is an error of the write and not the end of the process.
+/// Makes stop signals set a flag for CheckStop, and a file-size limit an error of the write instead of the
+/// end of the process.
 void CatchSignals();
 
-/// Throws Interrupted once the user has asked to stop.
+/// Throws Interrupted after a stop signal.
 void CheckStop();

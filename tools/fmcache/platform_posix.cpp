@@ -33,17 +33,17 @@ bool CanWrite(const std::filesystem::path& file) { return ::access(file.c_str(),
 
 std::FILE* OpenNew(const std::filesystem::path& file) { return std::fopen(file.c_str(), "wbx"); }
 
-void PrepareStreams() {} // as they are here anyway
+void PrepareStreams() {} // POSIX streams are binary
 
 void CatchSignals() {
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
         struct sigaction action {};
         if (::sigaction(number, nullptr, &action) != 0 || action.sa_handler == SIG_IGN)
-            continue; // who started the tool wants it to go on
+            continue; // ignored on purpose by the parent, nohup for example
         action = {};
         action.sa_handler = OnStopSignal;
-        // A second one ends the process at once. No restart: a write to a pipe that nobody reads
-        // must not keep the first from being noticed.
+        // A second signal ends the process. Without SA_RESTART, so that the signal interrupts a write that
+        // blocks on a full pipe.
         action.sa_flags = static_cast<int>(SA_RESETHAND);
         ::sigaction(number, &action, nullptr);
     }

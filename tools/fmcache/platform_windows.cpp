@@ -14,7 +14,7 @@ namespace {
 
 std::atomic<bool> g_stop{false};
 
-// On a thread of the system's. The second one ends the process at once.
+// Called on a thread of the system. A second event ends the process.
 BOOL WINAPI OnStop(DWORD) { return g_stop.exchange(true) ? FALSE : TRUE; }
 
 bool IsTerminal(std::FILE* stream) { return ::_isatty(::_fileno(stream)) != 0; }
@@ -33,7 +33,7 @@ unsigned OutputWidth() {
     return known ? static_cast<unsigned>(info.srWindow.Right - info.srWindow.Left + 1) : usual;
 }
 
-// Whether files can be made is not written in the attributes of a directory: one is made.
+// Directory attributes do not say whether files can be created, so one is created.
 bool CanWriteInto(const std::filesystem::path& dir) {
     const std::string probe = (dir / ".fmcache-probe").string();
     const int file =
@@ -55,7 +55,7 @@ std::FILE* OpenNew(const std::filesystem::path& file) {
 void PrepareStreams() {
     ::_setmode(::_fileno(stdout), _O_BINARY);
     ::_setmode(::_fileno(stderr), _O_BINARY);
-    // A console shows colours when it is asked to.
+    // Enables colours on a console.
     const HANDLE console = ::GetStdHandle(STD_OUTPUT_HANDLE);
     DWORD mode = 0;
     if (::GetConsoleMode(console, &mode))

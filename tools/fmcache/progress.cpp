@@ -9,10 +9,10 @@
 
 namespace {
 constexpr std::chrono::milliseconds DRAW_INTERVAL{100};
-constexpr size_t BAR_WIDTH = 16; // the line stays below 80 columns
+constexpr size_t BAR_WIDTH = 16; // keeps the line below 80 columns
 } // namespace
 
-// Log lines and a line that is drawn over do not share a screen.
+// Disabled with --verbose: log lines would break up the progress line.
 Progress::Progress(std::string verb, uint64_t total, Unit unit)
     : m_verb(std::move(verb)), m_total(total), m_unit(unit),
       m_enabled(IsErrorTerminal() && !IsLogShown()) {}
@@ -41,7 +41,7 @@ void Progress::Draw(Clock::time_point now) {
                        std::string(BAR_WIDTH - std::min(filled, BAR_WIDTH), ' ') + "] " +
                        std::to_string(static_cast<int>(share * 100)) + "%  " + Amounts(seconds);
     const size_t width = line.size();
-    line.resize(std::max(width, m_width), ' '); // covers what a longer line has left
+    line.resize(std::max(width, m_width), ' '); // overwrites the rest of a longer line
     m_width = width;
     std::fprintf(stderr, "\r%s", line.c_str());
     std::fflush(stderr);

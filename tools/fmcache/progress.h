@@ -1,5 +1,4 @@
-// A line on standard error that shows how far a transfer has come. Nothing is written when standard
-// error is no terminal.
+// A progress line on standard error. Nothing is written if standard error is not a terminal.
 #pragma once
 
 #include <chrono>
@@ -10,9 +9,9 @@ class Progress {
 public:
     enum class Unit { Bytes, Files };
 
-    /// `verb` tells what is done, as "storing".
+    /// `verb`: the first word of the line, "storing" for example.
     Progress(std::string verb, uint64_t total, Unit unit = Unit::Bytes);
-    /// Takes the line away.
+    /// Erases the line.
     ~Progress();
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
@@ -30,7 +29,7 @@ private:
     const Unit m_unit;
     const bool m_enabled;
     const Clock::time_point m_start = Clock::now();
-    Clock::time_point m_drawn = m_start; // a transfer that ends at once shows no line
+    Clock::time_point m_drawn = m_start; // so a short transfer shows no line
     uint64_t m_done = 0;
     size_t m_width = 0; // of the line on the screen
 };

@@ -1,5 +1,5 @@
-// put: cuts a file into blocks, hands each to the file manager in pieces, and makes sure that all of
-// them have reached the disk before it says so.
+// put: splits a file into blocks, writes each in pieces, and verifies on disk that all of them were stored
+// before it prints the identifier.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
@@ -42,7 +42,7 @@ public:
         CheckStop();
         throw Failure(std::ferror(m_stream.get())
                           ? "cannot read " + Quoted(m_file) + ": " + ErrorText(errno)
-                          : Quoted(m_file) + " has become shorter while it was read");
+                          : Quoted(m_file) + " became shorter while it was being read");
     }
 
 private:
@@ -50,7 +50,7 @@ private:
     std::unique_ptr<std::FILE, int (*)(std::FILE*)> m_stream;
 };
 
-// What a put that does not end well leaves in the cache is of no use to anybody.
+// Removes both files of the new entry on every path that does not call Keep.
 class NewEntry {
 public:
     explicit NewEntry(StorePaths paths) : m_paths(std::move(paths)) {}
@@ -82,9 +82,9 @@ private:
     if (!error && (space.available < missing || space.available < plan.block))
         throw Failure("not enough space in " + Quoted(store.string()) + " for " +
                       Quoted(plan.file) + ": it needs " + FormatSize(plan.length) +
-                      ", there is room for " + FormatSize(there + space.available));
-    throw Failure(Quoted(plan.file) + " could not be stored: " + what +
-                  "; check the disk, quotas and limits" + LogCause());
+                      ", available are " + FormatSize(there + space.available));
+    throw Failure("cannot store " + Quoted(plan.file) + ": " + what +
+                  "; check the disk, quotas and file-size limits" + LogCause());
 }
 
 // --- The transfer -------------------------------------------------------------------------------
@@ -99,11 +99,11 @@ public:
         m_file.Create(m_plan.info);
         if (m_plan.length == 0)
             return MarkChanged();
-        // Without bytes it tells, from the first saving on, how far the file is to go: one that is never
-        // brought to its end shows as incomplete.
+        // Creating the last block, without bytes, first records the number of blocks: the file of a put
+        // that was killed then shows as incomplete.
         m_file.Block(FIRST_BLOCK + m_plan.Count() - 1, true);
-        // The first block goes to disk alone: a disk that takes nothing shows at once, and from then
-        // on other servers on this directory see a file and not a stray data file.
+        // The first block is settled alone: an unwritable disk fails at once, and from then on the data file
+        // has an information file, so that housekeeping of other servers does not remove it.
         uint64_t most = 0;
         for (uint32_t index = 0; index < m_plan.Count(); ++index) {
             PutBlock(index);
@@ -116,12 +116,12 @@ public:
     }
 
 private:
-    // The information of a file is saved only when something has changed, which creating it is not.
-    // A block that comes and goes is a change, and one without bytes leaves no trace in a data file.
+    // An empty file needs an information file, but the manager writes one only after a change. Removing a
+    // block without bytes counts as one and leaves the data file alone.
     void MarkChanged() {
         m_file.Block(FIRST_BLOCK, true);
         IFMBlock* removed = nullptr;
-        Require(m_file.Get().RemoveBlock(FIRST_BLOCK, removed), "the file cannot be created");
+        Require(m_file.Get().RemoveBlock(FIRST_BLOCK, removed), "cannot create the cached file");
         BlockRef::Adopt(removed);
     }
 
@@ -134,15 +134,15 @@ private:
             m_source.Read(m_piece.data(), size);
             const CRtMessageChain piece = CRtMessageBlock::Wrap(m_piece.data(), size);
             Require(block->WriteData(length, at, piece.get()),
-                    "block " + std::to_string(FIRST_BLOCK + index) + " cannot be written");
+                    "cannot write block " + std::to_string(FIRST_BLOCK + index));
             at += size;
             m_progress.Add(size);
         }
         m_session.Pump();
     }
 
-    // A block whose store has failed comes back without bytes; a disk that took nothing at all does not
-    // even give the file back.
+    // Closes and reopens the file, then checks the blocks up to `end`. A block whose store failed has no
+    // bytes then; if even the table could not be written, reopening fails.
     void Settle(uint32_t end) {
         try {
             m_file.Reopen();
@@ -154,7 +154,7 @@ private:
             if (!block || block->GetTotalLen() != m_plan.LengthOfBlock(m_settled))
                 ThrowNotStored(m_plan, m_paths,
                                "block " + std::to_string(FIRST_BLOCK + m_settled) +
-                                   " did not reach the disk");
+                                   " was not stored");
         }
         m_pending = 0;
     }
@@ -166,28 +166,27 @@ private:
     CachedFile m_file;
     Progress m_progress;
     std::vector<char> m_piece;
-    uint64_t m_pending = 0; // bytes written since the file was opened
-    uint32_t m_settled = 0; // blocks that are on disk
+    uint64_t m_pending = 0; // bytes written since the file was last opened
+    uint32_t m_settled = 0; // blocks known to be stored
 };
 
 void RequireWritable(const fs::path& store) {
     std::error_code error;
     if (!fs::is_directory(store, error))
-        throw Failure("the directory " + Quoted(store.string()) +
-                      " cannot be made; --dir names a directory that can be written to");
+        throw Failure("cannot create the directory " + Quoted(store.string()) + "; check --dir");
     if (!CanWriteInto(store))
-        throw Failure("cannot write into " + Quoted(store.string()) + ": " + ErrorText(errno));
+        throw Failure("no write access to " + Quoted(store.string()) + ": " + ErrorText(errno));
 }
 
-// The manager reports no failed store to anybody but the log, so the disk is asked.
+// The manager reports a failed store only in the log, so the result is read back from disk.
 void RequireStored(const PutPlan& plan, const StorePaths& paths) {
     try {
         const InfoFile stored = InfoFile::Read(paths.info);
         const std::vector<FMBlockEntry> blocks = stored.CompleteBlocks(LengthOf(paths.data));
         if (!(stored.info.fileID == plan.info.fileID))
-            throw Failure("the description is not the file's");
+            throw Failure("the stored description is not the one of this file");
         if (blocks.size() != plan.Count())
-            throw Failure("it has " + std::to_string(blocks.size()) + " blocks and not " +
+            throw Failure("it has " + std::to_string(blocks.size()) + " blocks instead of " +
                           std::to_string(plan.Count()));
         for (uint32_t index = 0; index < blocks.size(); ++index) {
             if (blocks[index].totalLen != plan.LengthOfBlock(index))
@@ -211,7 +210,7 @@ int Put(const PutOptions& options) {
     CheckStop();
     const std::string id = ToString(FMFileIDToString(plan.info.fileID));
     if (std::printf("%s\n", id.c_str()) < 0 || std::fflush(stdout) != 0)
-        throw Failure("the identifier cannot be written to standard output: " + ErrorText(errno));
+        throw Failure("cannot write the identifier to standard output: " + ErrorText(errno));
     entry.Keep();
     return 0;
 }
@@ -222,13 +221,12 @@ void AddPut(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<PutOptions>();
     CLI::App* put =
         app.add_subcommand("put", "Store a file in the cache and print its identifier.");
-    AddPath(*put, "--dir", options->dir, "directory of the cache, made when it is missing")
+    AddPath(*put, "--dir", options->dir, "data directory of the cache; created if missing")
         ->required();
-    AddPath(*put, "FILE", options->file, "the file, at most 1 GiB")->required();
-    put->add_option("--block", options->block, "bytes of a block, at most 16M")
+    AddPath(*put, "FILE", options->file, "file to store, at most 1 GiB")->required();
+    put->add_option("--block", options->block, "block size in bytes, or with K or M; at most 16M")
         ->capture_default_str();
-    put->add_option("--piece", options->piece, "bytes that are handed over at a time")
-        ->capture_default_str();
-    put->add_option("--name", options->name, "name to remember, instead of FILE's");
+    put->add_option("--piece", options->piece, "bytes to write in one call")->capture_default_str();
+    put->add_option("--name", options->name, "name to store instead of the name of FILE");
     put->callback([options, &chosen] { chosen = [options] { return Put(*options); }; });
 }

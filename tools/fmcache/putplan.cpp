@@ -11,11 +11,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A longer name can be saved but not loaded again.
+// The library cannot load a longer name (see FMFileInfo::name).
 constexpr size_t NAME_MAX_BYTES = 2010;
-// The block table is saved in one body: a count, and 16 bytes for each block.
+// The stored block table is limited: 16 bytes for each block, after a count of 2 bytes.
 constexpr uint32_t BLOCKS_MAX = std::min(FM_INFO_SLOTS_MAX, (FM_INFO_BLOCK_BODY_MAX - 2) / 16);
-// A larger number of slots in a description reads as none; tables grow beyond it.
+// CreateFile replaces a larger FMFileInfo::num by its default; the table grows when needed.
 constexpr uint32_t SLOTS_AT_FIRST_MAX = 8192;
 
 uint64_t CheckedLength(const fs::path& file) {
@@ -23,9 +23,9 @@ uint64_t CheckedLength(const fs::path& file) {
     std::error_code error;
     const fs::file_status status = fs::status(file, error);
     if (status.type() == fs::file_type::not_found)
-        throw Failure("there is no file " + name);
+        throw Failure("no such file: " + name);
     if (fs::is_directory(status))
-        throw Failure(name + " is a directory; put takes one file");
+        throw Failure(name + " is a directory; put stores one file");
     if (fs::status_known(status) && !fs::is_regular_file(status))
         throw Failure(name + " is not a regular file");
     const uint64_t length = fs::file_size(file, error);
@@ -33,12 +33,12 @@ uint64_t CheckedLength(const fs::path& file) {
         throw Failure("cannot read " + name + ": " + error.message());
     if (length > CACHED_FILE_MAX)
         throw Failure(name + " has " + std::to_string(length) +
-                      " bytes; a cached file ends at 1 GiB (" + std::to_string(CACHED_FILE_MAX) +
-                      " bytes)");
+                      " bytes; the limit for a cached file is 1 GiB (" +
+                      std::to_string(CACHED_FILE_MAX) + " bytes)");
     return length;
 }
 
-// Not in the middle of a character.
+// Truncates a long name at the boundary of a UTF-8 character.
 std::string CutName(std::string name) {
     if (name.size() <= NAME_MAX_BYTES)
         return name;
@@ -59,8 +59,9 @@ PutPlan MakePlan(const PutOptions& options) {
     plan.piece = static_cast<uint32_t>(std::min<uint64_t>(piece, plan.block));
     plan.length = CheckedLength(options.file);
     if ((plan.length + plan.block - 1) / plan.block > BLOCKS_MAX)
-        throw Failure("--block: too small for " + Quoted(plan.file) + ", which may have " +
-                      std::to_string(BLOCKS_MAX) + " blocks; the smallest that works is " +
+        throw Failure("--block: too small for " + Quoted(plan.file) +
+                      ": a cached file has at most " + std::to_string(BLOCKS_MAX) +
+                      " blocks; the smallest block size is " +
                       std::to_string((plan.length + BLOCKS_MAX - 1) / BLOCKS_MAX));
     CoCreateFMFileID(plan.info.fileID);
     plan.info.name =

@@ -1,4 +1,4 @@
-// What put is to do, as far as it can be known before anything is touched.
+// The checked arguments of put, before it changes anything.
 #pragma once
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 
 constexpr uint32_t FIRST_BLOCK = 1;
 
-/// As the user has given it.
+/// The command line.
 struct PutOptions {
     std::filesystem::path dir;
     std::filesystem::path file;
@@ -32,5 +32,5 @@ struct PutPlan {
     }
 };
 
-/// Looks at the file and chooses an identifier. Throws Failure for what cannot be done.
+/// Checks the arguments and the file, and creates an identifier. Throws Failure.
 PutPlan MakePlan(const PutOptions& options);

@@ -31,9 +31,9 @@ void Remove(const fs::path& path) {
         throw Failure("cannot remove " + Quoted(path.string()) + ": " + error.message());
 }
 
-// None when there is no such file and the user does not mind.
+// Empty if there is no such file and --force was given.
 std::optional<StoreEntry> Find(const RmOptions& options) {
-    const FMFileID id = ParseID(options.id); // what is no identifier is a mistake in any case
+    const FMFileID id = ParseID(options.id); // an invalid identifier is an error even with --force
     const fs::path store = LocateStore(options);
     const StorePaths paths(options.dir, id);
     std::error_code error;
@@ -45,8 +45,8 @@ std::optional<StoreEntry> Find(const RmOptions& options) {
 int Rm(const RmOptions& options) {
     const std::optional<StoreEntry> entry = Find(options);
     if (entry) {
-        // In this order, as the library does: what an interruption leaves is a data file that nobody
-        // believes, and not a description of bytes that are gone.
+        // The order of the library: after an interruption there may be a data file without a table, which
+        // does not load, but never a table without its bytes.
         if (entry->HasInfo())
             Remove(entry->info);
         if (entry->HasData())
@@ -70,9 +70,10 @@ int Rm(const RmOptions& options) {
 void AddRm(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<RmOptions>();
     CLI::App* rm = app.add_subcommand(
-        "rm", "Remove a file. Servers that have it open do not notice until they open it again.");
+        "rm", "Remove one file. A server that has it open does not notice until it reopens it.");
     AddCacheOptions(*rm, *options);
-    rm->add_option("ID", options->id, "the identifier of the file")->required();
-    rm->add_flag("--force", options->force, "no error when there is no such file");
+    rm->add_option("ID", options->id, "identifier of the file; the braces may be omitted")
+        ->required();
+    rm->add_flag("--force", options->force, "succeed if there is no such file");
     rm->callback([options, &chosen] { chosen = [options] { return Rm(*options); }; });
 }

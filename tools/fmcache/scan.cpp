@@ -14,17 +14,17 @@ namespace {
 
 constexpr size_t EXTENSION_LENGTH = 4;
 
-// A client's store is named after its process, so it has to be pointed at.
+// A client's store has its process id as name, so it cannot be derived from --dir.
 std::string HintAtClients(const fs::path& dir) {
     std::error_code error;
     for (const fs::directory_entry& entry : fs::directory_iterator(dir / "confcache", error)) {
         if (entry.is_directory(error))
-            return "; --store " + Quoted(entry.path().string()) + " looks at a client's";
+            return "; --store " + Quoted(entry.path().string()) + " opens a client's";
     }
-    return "; --dir names the directory that was given to put";
+    return "; --dir takes the directory that was passed to put or to a server";
 }
 
-// Takes a directory entry into the file that it belongs to; false when it belongs to none.
+// Adds a directory entry to its cached file. False if the name is not that of a cached file.
 bool TakeName(std::map<std::string, StoreEntry>& entries, const fs::directory_entry& found) {
     const std::string name = found.path().filename().string();
     const bool isInfo = name.ends_with(".sdi");
@@ -38,7 +38,7 @@ bool TakeName(std::map<std::string, StoreEntry>& entries, const fs::directory_en
         entry.stem = stem;
         FMFileIDFromString(CRtString(stem), entry.id);
         if (ToString(FMFileIDToString(entry.id)) != stem)
-            entry.id = FMFileID_None; // other spellings of an identifier are never looked for
+            entry.id = FMFileID_None; // the library opens the canonical spelling only
     }
     (isInfo ? entry.info : entry.data) = found.path();
     (isInfo ? entry.infoLength : entry.dataLength) = LengthOf(found.path());
@@ -49,7 +49,7 @@ bool TakeName(std::map<std::string, StoreEntry>& entries, const fs::directory_en
 
 CLI::Option* AddPath(CLI::App& verb, const std::string& name, fs::path& path,
                      const std::string& help) {
-    // From bytes of no stated encoding the standard library makes other names on some systems.
+    // As UTF-8, explicitly: on Windows a std::string would be converted with the code page.
     const auto take = [&path](const std::string& text) {
         path = std::u8string(text.begin(), text.end());
     };
@@ -57,15 +57,15 @@ CLI::Option* AddPath(CLI::App& verb, const std::string& name, fs::path& path,
 }
 
 void AddCacheOptions(CLI::App& verb, StoreOptions& options) {
-    AddPath(verb, "--dir", options.dir, "directory of the cache")->required();
+    AddPath(verb, "--dir", options.dir, "data directory of the cache")->required();
     verb.add_flag("--json", options.json, "write JSON");
 }
 
 void AddLookOptions(CLI::App& verb, StoreOptions& options) {
-    CLI::Option_group* where = verb.add_option_group("place", "one of");
-    AddPath(*where, "--dir", options.dir, "directory of the cache, as a server was given it");
+    CLI::Option_group* where = verb.add_option_group("place", "exactly one of");
+    AddPath(*where, "--dir", options.dir, "data directory of a server");
     AddPath(*where, "--store", options.store,
-            "directory with the .sdd and .sdi files, as DIR/confcache/PID of a client");
+            "directory with the .sdd and .sdi files, for example DIR/confcache/PID of a client");
     where->require_option(1);
     verb.add_flag("--json", options.json, "write JSON");
 }
@@ -77,12 +77,11 @@ fs::path LocateStore(const StoreOptions& options) {
     const fs::file_status status = fs::status(store, error);
     if (fs::is_directory(status))
         return store;
-    if (status.type() == fs::file_type::none) // it may well be there
-        throw Failure("cannot look into " + Quoted(store.string()) + ": " + error.message());
+    if (status.type() == fs::file_type::none) // no access to a parent: the store may exist
+        throw Failure("cannot read " + Quoted(store.string()) + ": " + error.message());
     if (direct)
-        throw Failure("there is no directory " + Quoted(options.store.string()));
-    throw Failure("there is no cache in " + Quoted(options.dir.string()) +
-                  HintAtClients(options.dir));
+        throw Failure("no such directory: " + Quoted(options.store.string()));
+    throw Failure("no cache in " + Quoted(options.dir.string()) + HintAtClients(options.dir));
 }
 
 StoreListing ListStore(const fs::path& store) {
@@ -114,6 +113,6 @@ StoreEntry FindInStore(const fs::path& store, const std::string& id) {
             TakeName(entries, found);
     }
     if (entries.empty())
-        throw Failure("there is no file " + stem + " in " + Quoted(store.string()));
+        throw Failure("no file " + stem + " in " + Quoted(store.string()));
     return entries.begin()->second;
 }

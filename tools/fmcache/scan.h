@@ -1,4 +1,4 @@
-// The files of a store as a directory listing shows them. Nothing is opened, made or changed here.
+// The cached files of a store, from its directory listing alone. Opens, creates and changes nothing.
 #pragma once
 
 #include <cstdint>
@@ -13,29 +13,29 @@ class App;
 class Option;
 } // namespace CLI
 
-/// What every verb on a store takes.
+/// Options of all verbs on a store.
 struct StoreOptions {
     std::filesystem::path dir;
     std::filesystem::path store;
     bool json = false;
 };
 
-/// Adds an option or argument that is a path, in UTF-8 on every system.
+/// Adds an option or argument that is a path, in UTF-8 on all systems.
 CLI::Option* AddPath(CLI::App& verb, const std::string& name, std::filesystem::path& path,
                      const std::string& help);
 /// Adds --dir and --json.
 void AddCacheOptions(CLI::App& verb, StoreOptions& options);
-/// Adds those and --store, for verbs that only look.
+/// Adds --dir, --store and --json, for read-only verbs.
 void AddLookOptions(CLI::App& verb, StoreOptions& options);
 
-/// The directory with the files. Throws Failure when there is none.
+/// Returns the directory with the files. Throws Failure if it does not exist.
 std::filesystem::path LocateStore(const StoreOptions& options);
 
-/// What goes by one name: an information file, a data file, or both.
+/// Files with the same stem: an information file, a data file, or both.
 struct StoreEntry {
-    std::string stem;            ///< of the names, the identifier's text
-    FMFileID id = FMFileID_None; ///< none when no file that the library knows is called so
-    std::filesystem::path info;  ///< empty when there is none
+    std::string stem;            ///< of the file names: the identifier's text
+    FMFileID id = FMFileID_None; ///< FMFileID_None if the stem is not an identifier
+    std::filesystem::path info;  ///< empty if there is none
     std::filesystem::path data;
     uint64_t infoLength = 0;
     uint64_t dataLength = 0;
@@ -46,12 +46,12 @@ struct StoreEntry {
 };
 
 struct StoreListing {
-    std::vector<StoreEntry> entries;  ///< in the order of their stems
-    std::vector<std::string> foreign; ///< names that no cached file has, sorted
+    std::vector<StoreEntry> entries;  ///< sorted by stem
+    std::vector<std::string> foreign; ///< other names in the directory, sorted
 };
 
 /// Throws Failure.
 StoreListing ListStore(const std::filesystem::path& store);
 
-/// The entry of one identifier as the user wrote it. Throws Failure when there is neither file.
+/// Returns the entry of one identifier, given as text. Throws Failure if it has no file.
 StoreEntry FindInStore(const std::filesystem::path& store, const std::string& id);

@@ -11,17 +11,17 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr int AS_SERVER = 1;
-// How late a request to stop may be noticed.
+// Upper bound for the delay between a stop signal and CheckStop.
 constexpr std::chrono::milliseconds WAIT_AT_MOST{50};
 
 const char* ResultText(int result) {
     switch (result) {
     case RT_ERROR_IO:
-        return "an input or output call failed";
+        return "input/output error";
     case RT_ERROR_NULL_OBJECT:
-        return "not enough memory";
+        return "out of memory";
     case RT_ERROR_INVALID_ARG:
-        return "not a valid request";
+        return "invalid argument";
     case RT_ERROR_NOT_FOUND:
         return "not found";
     case RT_ERROR_NOT_READY:
@@ -31,17 +31,16 @@ const char* ResultText(int result) {
     }
 }
 
-// The manager trims blanks off both ends of the name and reads backslashes as separators.
+// The manager removes spaces at both ends of the path and treats backslashes as separators.
 CRtString DirectoryText(const fs::path& dir) {
-    if (dir.empty()) // to the manager that is a place of the system's
-        throw Failure("--dir names no directory");
+    if (dir.empty()) // the manager would use its default directory
+        throw Failure("--dir: the path is empty");
     std::string text = fs::absolute(dir).string();
     if (fs::path::preferred_separator != '\\' && text.find('\\') != std::string::npos)
-        throw Failure("a cache cannot lie in " + Quoted(dir.string()) +
-                      ": the name has a backslash in it");
+        throw Failure("--dir: a path with a backslash is not supported: " + Quoted(dir.string()));
     while (text.size() > 1 && text.back() == fs::path::preferred_separator)
         text.pop_back();
-    return CRtString(text + "\\"); // a blank at the end is not at the end any more
+    return CRtString(text + "\\"); // protects a space at the end of the name
 }
 
 } // namespace
@@ -60,8 +59,8 @@ Session::Session(const fs::path& dir, uint16_t clearDays)
     const CRtString text = DirectoryText(dir);
     IFileManager* manager = IFileManager::Instance();
     if (!m_thread.IsValid() || !manager)
-        throw Failure("the file manager cannot be started");
-    Require(manager->Initialize(text, clearDays, AS_SERVER), "the file manager cannot be started");
+        throw Failure("cannot start the file manager");
+    Require(manager->Initialize(text, clearDays, AS_SERVER), "cannot start the file manager");
     m_manager = manager;
 }
 
@@ -81,26 +80,26 @@ void Session::WaitAndPump() {
 
 void CachedFile::Create(const FMFileInfo& info) {
     IFMFile* file = nullptr;
-    Require(m_session.Manager().CreateFile(file, info), "the file cannot be created");
+    Require(m_session.Manager().CreateFile(file, info), "cannot create the cached file");
     Attach(FileRef::Adopt(file), info.fileID);
 }
 
 void CachedFile::Load(const FMFileID& id) {
     IFMFile* file = nullptr;
     Require(m_session.Manager().OpenFile(file, id, 1),
-            "the file " + ToString(FMFileIDToString(id)) + " cannot be opened");
+            "cannot open " + ToString(FMFileIDToString(id)));
     Attach(FileRef::Adopt(file), id);
 }
 
 void CachedFile::Attach(FileRef file, const FMFileID& id) {
-    Require(m_session.Manager().AttachFile(id), "the file cannot be kept open");
+    Require(m_session.Manager().AttachFile(id), "cannot attach to the cached file");
     m_file = std::move(file);
     m_id = id;
 }
 
 void CachedFile::Reopen() {
     Close();
-    Load(m_id); // waits for the stores that are queued
+    Load(m_id); // waits for the queued stores
     m_session.Pump();
 }
 
@@ -116,6 +115,6 @@ BlockRef CachedFile::Block(uint32_t id, bool create) {
     const int result = m_file->GetBlock(block, id, create ? 1 : 0);
     if (result == RT_ERROR_NOT_FOUND)
         return {};
-    Require(result, "block " + std::to_string(id) + " cannot be had");
+    Require(result, "cannot open block " + std::to_string(id));
     return BlockRef::Adopt(block);
 }

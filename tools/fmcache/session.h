@@ -1,5 +1,5 @@
-// The file manager as a verb uses it: the main thread is thread number 3, and everything that was
-// opened is closed again however the verb ends.
+// The file manager for one verb: the main thread is the caller thread, and the destructors close everything
+// on every path.
 #pragma once
 
 #include <condition_variable>
@@ -15,46 +15,45 @@
 using FileRef = CRtComAutoPtr<IFMFile>;
 using BlockRef = CRtComAutoPtr<IFMBlock>;
 
-/// A cached file ends there: beyond, the library gives no promise.
+/// The library's intended limits for a cached file and a block.
 constexpr uint64_t CACHED_FILE_MAX = uint64_t{1} << 30;
 constexpr uint64_t CACHED_BLOCK_MAX = uint64_t{1} << 24;
 
-/// The manager keeps the blocks of a file in memory until it is closed, so a transfer closes and opens
-/// its file each time that many bytes have passed.
+/// Blocks of an open file stay resident, so a transfer closes and reopens the file after each 64 MiB to bound
+/// its memory.
 constexpr uint64_t REOPEN_BYTES = uint64_t{64} << 20;
 
-/// Throws Failure unless `result` is success. `what` says what could not be done.
+/// Throws Failure, starting with `what`, if `result` is an error code.
 void Require(int result, const std::string& what);
 
-/// For Session: housekeeping is the user's decision, and nothing else clears.
+/// Largest clearDays: a session of the tool must neither clear nor expire files unless told to.
 constexpr uint16_t CLEAR_DAYS_NEVER = 65535;
 
 class Session {
 public:
-    /// Initialises the manager, as a server, on the cache in `dir`. Makes the directory when it is
-    /// missing: verbs that only look have made sure that it is there. `clearDays` is Initialize's.
-    /// Throws Failure.
+    /// Initialises the manager as a server on the cache in `dir`, and creates a missing directory: verbs that
+    /// must not create it have to check first. `clearDays` is passed to Initialize. Throws Failure.
     explicit Session(const std::filesystem::path& dir, uint16_t clearDays = CLEAR_DAYS_NEVER);
-    /// When it returns everything is on disk, or was given up.
+    /// Calls UnInitialize: afterwards everything is on disk, or its store has failed.
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
     IFileManager& Manager() { return *m_manager; }
-    /// Runs what has come for this thread.
+    /// Runs due timers and queued events of the caller thread.
     void Pump() { m_thread.RunDue(); }
-    /// Waits a moment for something to come, and runs it.
+    /// Waits up to 50 ms for an event, then pumps.
     void WaitAndPump();
 
 private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     bool m_woken = false;
-    CRtCallerThread m_thread; // calls back into what stands above
+    CRtCallerThread m_thread; // declared last: its callback uses the members above
     IFileManager* m_manager = nullptr;
 };
 
-/// One file that is open and attached.
+/// One cached file, open and attached.
 class CachedFile {
 public:
     explicit CachedFile(Session& session) : m_session(session) {}
@@ -65,13 +64,13 @@ public:
     /// These throw Failure.
     void Create(const FMFileInfo& info);
     void Load(const FMFileID& id);
-    /// Brings what was written to disk and gives the memory of the blocks back. Nobody may hold a
-    /// block.
+    /// Closes and loads the file: writes what is pending and releases the memory of its blocks.
+    /// Precondition: no BlockRef of this file exists.
     void Reopen();
     void Close();
 
     IFMFile& Get() { return *m_file; }
-    /// Null when there is no such block, unless it may be created.
+    /// Null if there is no such block and `create` is false.
     BlockRef Block(uint32_t id, bool create);
 
 private:

@@ -1,4 +1,4 @@
-// show: everything that is known about one cached file.
+// show: the description, the block table and a map of one cached file.
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdint>
@@ -124,7 +124,7 @@ std::string Text(const Shown& shown, int64_t now) {
         text += "\n" + BlocksText(shown) + "\n" +
                 DrawMap(shown.file, shown.check, {OutputWidth(), WantsColour()});
     if (const size_t faults = shown.check.Faults(); faults > 0)
-        text += "\n" + Count(faults, "fault") + "; verify tells them\n";
+        text += "\n" + Count(faults, "fault") + "; verify lists them\n";
     return text;
 }
 
@@ -171,10 +171,11 @@ int Show(const ShowOptions& options) {
 
 void AddShow(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<ShowOptions>();
-    CLI::App* show = app.add_subcommand(
-        "show", "Show one file: its description, its blocks, and a map of them.");
+    CLI::App* show =
+        app.add_subcommand("show", "Show the description, the block table and a map of one file.");
     AddLookOptions(*show, *options);
     AddDaysOption(*show, options->days)->capture_default_str();
-    show->add_option("ID", options->id, "the identifier of the file")->required();
+    show->add_option("ID", options->id, "identifier of the file; the braces may be omitted")
+        ->required();
     show->callback([options, &chosen] { chosen = [options] { return Show(*options); }; });
 }

@@ -35,12 +35,12 @@ uint64_t ParseSize(const std::string& option, const std::string& text, uint64_t 
     const std::optional<uint64_t> size = Parse(text);
     if (!size)
         throw Failure(option + ": " + Quoted(text) +
-                      " is not a size; write bytes, or a number with K or M, as in 256K");
+                      " is not a size; expected bytes, or a number with K or M, for example 256K");
     if (*size == 0)
         throw Failure(option + ": must be at least 1 byte");
     if (*size > most)
-        throw Failure(option + ": " + Quoted(text) + " is too large; at most " + FormatSize(most) +
-                      " is possible");
+        throw Failure(option + ": " + Quoted(text) + " is too large; the limit is " +
+                      FormatSize(most));
     return *size;
 }
 
@@ -50,7 +50,7 @@ std::string FormatSize(uint64_t bytes) {
     constexpr std::array<const char*, 3> units{"KiB", "MiB", "GiB"};
     size_t unit = 0;
     double value = static_cast<double>(bytes) / 1024;
-    // What would round up to 1024.0 is shown as 1.0 of the next unit.
+    // Values that would round to 1024.0 are shown as 1.0 of the next unit.
     while (value >= 1023.95 && unit + 1 < units.size()) {
         value /= 1024;
         ++unit;

@@ -1,10 +1,10 @@
-// Sizes as the user writes and reads them.
+// Conversion of sizes to and from text.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
-/// Reads a number of bytes, which K or M may follow. `option` names the place in the error. Throws
+/// Parses a number of bytes, optionally with K (KiB) or M (MiB). `option`: its name, for the error. Throws
 /// Failure for anything else and for sizes outside 1 to `most`.
 uint64_t ParseSize(const std::string& option, const std::string& text, uint64_t most);
 

@@ -5,12 +5,12 @@
 namespace fs = std::filesystem;
 
 FMFileID ParseID(const std::string& text) {
-    // Shells make braces awkward, so they may be left out.
+    // Braces need quoting in shells, so they may be omitted.
     const bool bare = text.size() + 2 == FMFILEID_TEXT_LENGTH;
     FMFileID id;
     FMFileIDFromString(CRtString(bare ? "{" + text + "}" : text), id);
     if (id == FMFileID_None)
-        throw Failure(Quoted(text) + " is not an identifier; put prints them, as "
+        throw Failure(Quoted(text) + " is not an identifier; expected for example "
                                      "{01234567-89AB-CDEF-0123-456789ABCDEF}");
     return id;
 }
@@ -28,11 +28,11 @@ StorePaths::StorePaths(const fs::path& dir, const FMFileID& id) {
 StorePaths FindEntry(const fs::path& dir, const FMFileID& id) {
     std::error_code error;
     if (!fs::is_directory(StoreDir(dir), error))
-        throw Failure("there is no cache in " + Quoted(dir.string()) +
-                      "; --dir names the directory that was given to put");
+        throw Failure("no cache in " + Quoted(dir.string()) +
+                      "; --dir takes the directory that was passed to put or to a server");
     StorePaths paths(dir, id);
     if (!fs::exists(paths.info, error))
-        throw Failure("there is no file " + ToString(FMFileIDToString(id)) + " in the cache " +
+        throw Failure("no file " + ToString(FMFileIDToString(id)) + " in the cache " +
                       Quoted(dir.string()));
     return paths;
 }

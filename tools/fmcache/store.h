@@ -1,4 +1,4 @@
-// Where a cached file lies on disk. Everything here looks only; nothing is made.
+// Paths of cached files. Nothing here creates or changes files.
 #pragma once
 
 #include <cstdint>
@@ -7,10 +7,10 @@
 
 #include "FMFileID.h"
 
-/// Reads an identifier as the user writes it, with or without braces. Throws Failure.
+/// Parses an identifier with or without braces. Throws Failure.
 FMFileID ParseID(const std::string& text);
 
-/// The directory below `dir` that a server keeps its files in.
+/// The directory of the cached files below a server's data directory.
 std::filesystem::path StoreDir(const std::filesystem::path& dir);
 
 /// The two files of one cached file.
@@ -21,9 +21,8 @@ struct StorePaths {
     std::filesystem::path data;
 };
 
-/// The paths of a file that is in the cache. Throws Failure when it is not, or when `dir` holds no
-/// cache.
+/// Returns the paths of a file. Throws Failure if it has no information file or `dir` contains no cache.
 StorePaths FindEntry(const std::filesystem::path& dir, const FMFileID& id);
 
-/// 0 when there is no such file.
+/// Length in bytes; 0 if there is no such file.
 uint64_t LengthOf(const std::filesystem::path& path);

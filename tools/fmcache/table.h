@@ -1,5 +1,5 @@
-// A table with aligned columns. The last column is as long as it likes: names belong there, whose width
-// on a screen nobody knows.
+// A table with aligned columns. The last one is not padded: it is for names, whose display width is
+// unknown.
 #pragma once
 
 #include <string>
@@ -16,7 +16,7 @@ public:
     explicit Table(std::vector<Column> columns) : m_columns(std::move(columns)) {}
     /// One text for each column; all but the last are ASCII.
     void Add(std::vector<std::string> row) { m_rows.push_back(std::move(row)); }
-    /// The lines, the heads first.
+    /// The lines, the header first.
     std::string Text() const;
 
 private:

@@ -15,7 +15,7 @@ bool IsShown(uint32_t character) {
     };
     return !within(0x00, 0x1F) && !within(0x7F, 0x9F) && // controls
            character != 0x061C && !within(0x200E, 0x200F) && !within(0x2028, 0x202E) &&
-           !within(0x2066, 0x2069); // lines and directions
+           !within(0x2066, 0x2069); // line separators and writing directions
 }
 
 } // namespace
@@ -88,5 +88,5 @@ void Print(std::string_view text) {
         return;
     const int error = errno;
     CheckStop();
-    throw Failure("cannot write standard output: " + ErrorText(error));
+    throw Failure("cannot write to standard output: " + ErrorText(error));
 }

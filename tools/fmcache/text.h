@@ -1,23 +1,23 @@
-// Names and paths as they can be shown: what a file is called is anybody's choice, and must neither
-// command a terminal nor break a JSON text.
+// Safe output of names and paths: they can contain any bytes, which must not control a terminal or break
+// JSON.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <string_view>
 
-/// The length in bytes of the character that `text` begins with, and the character; 0 when it is not
-/// valid UTF-8. `text` is not empty.
+/// Decodes the first character of `text`, which must not be empty. Returns its length in bytes; 0 if it is
+/// not valid UTF-8.
 size_t TakeCharacter(std::string_view text, uint32_t& character);
 
 bool IsUtf8(std::string_view text);
 
-/// For a terminal: bytes that are no UTF-8, control characters, and those that change the direction of
-/// writing stand as \xNN.
+/// For a terminal: replaces invalid UTF-8, control characters, and characters that change the writing
+/// direction by \xNN.
 std::string Printable(std::string_view text);
 
 /// "1 block", "2 blocks".
 std::string Count(uint64_t number, const std::string& thing);
 
-/// Writes to standard output, all of it or Failure.
+/// Writes all of `text` to standard output. Throws Failure.
 void Print(std::string_view text);

@@ -7,14 +7,14 @@ namespace CLI {
 class App;
 }
 
-/// The work of a verb; answers the status of the process.
+/// The work of a verb; returns the exit status.
 using Action = std::function<int()>;
 
-// Each adds its verb to the command line. The verb that the user has named puts its work into `chosen`,
-// to be done when the whole line is understood.
+// Each adds its verb to the parser. The selected verb stores its work in `chosen`, to run after the whole
+// command line has been parsed.
 void AddPut(CLI::App& app, Action& chosen);
 void AddGet(CLI::App& app, Action& chosen);
-// For those who look after a cache. The first three look only.
+// Maintenance. The first three are read-only.
 void AddLs(CLI::App& app, Action& chosen);
 void AddShow(CLI::App& app, Action& chosen);
 void AddVerify(CLI::App& app, Action& chosen);

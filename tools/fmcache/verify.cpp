@@ -1,4 +1,4 @@
-// verify: looks for everything in a store that the library would stumble over.
+// verify: checks information files against data files by the rules of the library's loader.
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <memory>
@@ -19,7 +19,7 @@ namespace {
 
 enum Outcome : int { STATUS_SOUND = 0, STATUS_FOUND = 1, STATUS_NOTHING_TO_VERIFY = 2 };
 
-// A damaged table has as many faults as blocks; these are enough to see what it is about.
+// A damaged table can have one fault for each block; the text report shows the first ones.
 constexpr size_t FINDINGS_SHOWN = 20;
 
 struct VerifyOptions : StoreOptions {
@@ -45,13 +45,13 @@ public:
         m_json.EndArray().Key("others").BeginArray();
         for (const std::string& name : foreign) {
             m_json.BeginObject().Name("name", name).EndObject();
-            m_text +=
-                Printable(name) + "\n  fault: no cached file is called so; clearing removes it\n";
+            m_text += Printable(name) +
+                      "\n  fault: not the name of a cached file; clear --force removes it\n";
         }
         m_text += Count(m_files, "file") + " verified, " + std::to_string(m_files - m_faulty) +
                   " sound, " + std::to_string(m_faulty) + " damaged";
         if (!foreign.empty())
-            m_text += ", " + std::to_string(foreign.size()) + " that are no cached files";
+            m_text += ", " + std::to_string(foreign.size()) + " other entries";
         const bool sound = m_faulty == 0 && foreign.empty();
         m_json.EndArray().Member("sound", sound).EndObject();
         Print(m_asJson ? m_json.Text() : m_text + "\n");
@@ -72,7 +72,7 @@ private:
         }
         if (check.findings.size() > FINDINGS_SHOWN)
             m_text += "  and " + std::to_string(check.findings.size() - FINDINGS_SHOWN) +
-                      " more; --json has them all\n";
+                      " more; --json lists all\n";
     }
 
     void AddJson(const StoreEntry& entry, const Check& check) {
@@ -102,7 +102,7 @@ StoreListing ListWanted(const VerifyOptions& options) {
         return {{FindInStore(store, options.id)}, {}};
     StoreListing listing = ListStore(store);
     if (listing.entries.empty() && listing.foreign.empty())
-        throw Failure("there are no files in " + Quoted(store.string()));
+        throw Failure("no cached files in " + Quoted(store.string()));
     return listing;
 }
 
@@ -110,7 +110,8 @@ int Verify(const VerifyOptions& options) {
     StoreListing listing;
     try {
         listing = ListWanted(options);
-    } catch (const Failure& failure) { // scripts tell it from damage
+    } catch (
+        const Failure& failure) { // a status of its own, so that scripts can tell it from damage
         throw Failure(failure.what(), STATUS_NOTHING_TO_VERIFY);
     }
     Report report(options.json);
@@ -132,8 +133,8 @@ void AddVerify(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<VerifyOptions>();
     CLI::App* verify = app.add_subcommand(
         "verify",
-        "Compare information and data files: status 0 sound, 1 damaged, 2 nothing there.");
+        "Check the files for damage. Exit status: 0 sound, 1 damaged, 2 nothing to verify.");
     AddLookOptions(*verify, *options);
-    verify->add_option("ID", options->id, "one file instead of all");
+    verify->add_option("ID", options->id, "identifier of one file to verify; without it, all");
     verify->callback([options, &chosen] { chosen = [options] { return Verify(*options); }; });
 }

@@ -58,7 +58,7 @@ public:
     ///     user's application data folder; on POSIX `$XDG_CACHE_HOME` if absolute, else `.cache` in the
     ///     user's home directory. Without those: get_quillmer_home_dir, else `/opt/quillmer`.
     /// @param clearDays how long a server keeps closed files. Housekeeping runs one minute after the start
-    ///     and then every 24 hours. It removes a file when its age in whole days exceeds `clearDays` + 1.
+    ///     and then every 24 hours. It removes a file at the age of `clearDays` + 2 days.
     ///     With 0, on clients too, the cache is cleared now and in UnInitialize, except what other running
     ///     processes use.
     /// @param isServer non-zero for a server, which keeps up to 512 MiB of blocks in memory before it
