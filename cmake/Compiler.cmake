@@ -35,6 +35,13 @@ if(UNIX AND NOT APPLE AND NOT FILEMANAGER_SANITIZE)
     set(FILEMANAGER_LINKER_REFUSES_UNDEFINED ${FILEMANAGER_HAS_Z_DEFS})
 endif()
 
+set(FILEMANAGER_LINKER_KNOWS_VERSION_SCRIPTS OFF)
+if(UNIX AND NOT APPLE)
+    check_linker_flag(CXX LINKER:--version-script=${CMAKE_CURRENT_LIST_DIR}/visibility.map
+        FILEMANAGER_HAS_VERSION_SCRIPT)
+    set(FILEMANAGER_LINKER_KNOWS_VERSION_SCRIPTS ${FILEMANAGER_HAS_VERSION_SCRIPT})
+endif()
+
 # filemanager_driver(<target>)
 #
 # For what drives the library and is not shipped from this build. Optimizing it,

@@ -4,6 +4,7 @@ option(FILEMANAGER_BUILD_EXAMPLES "Build the examples" ${PROJECT_IS_TOP_LEVEL})
 option(FILEMANAGER_BUILD_TESTS "Build the tests" ${PROJECT_IS_TOP_LEVEL})
 option(FILEMANAGER_BUILD_BENCH "Build the benchmarks" OFF)
 option(FILEMANAGER_BUILD_FUZZ "Build the fuzz targets" OFF)
+option(FILEMANAGER_INSTALL "Install the library with its headers, documents and packages" ${PROJECT_IS_TOP_LEVEL})
 option(FILEMANAGER_WERROR "Treat warnings as errors" ${PROJECT_IS_TOP_LEVEL})
 
 option(FILEMANAGER_QUICK_DRIVERS
@@ -14,4 +15,8 @@ set(FILEMANAGER_SANITIZE "" CACHE STRING
 
 if(PROJECT_IS_TOP_LEVEL AND NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
     set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Build type" FORCE)
+endif()
+
+if(PROJECT_IS_TOP_LEVEL)
+    option(BUILD_SHARED_LIBS "Build a shared library; OFF builds a static one" ON)
 endif()

@@ -20,7 +20,7 @@ enum FMFileFlag : uint32_t {
 
 /// The description of a cached file: what its creator passes to IFileManager::CreateFile, and what the
 /// information file stores. A plain value; copies are independent.
-struct RT_EXPORT FMFileInfo {
+struct FMFileInfo {
     uint32_t userValue = 0;          ///< for the application; stored, never interpreted
     FMFileID fileID = FMFileID_None; ///< must not be #FMFileID_None when a file is created
     /// For the application, in bytes of any encoding. At most 2010 bytes: a load accepts a description of
@@ -42,8 +42,8 @@ struct RT_EXPORT FMFileInfo {
     /// @retval RT_ERROR_FAILURE the chain has no space left or ends early, or the name has #STRING_LEN_MAX
     ///     bytes or more. After a failed decoding the fields are partly changed.
     ///@{
-    int EncodeFileInfo(CRtMessageBlock& chain) const;
-    int DecodeFileInfo(CRtMessageBlock& chain);
+    RT_EXPORT int EncodeFileInfo(CRtMessageBlock& chain) const;
+    RT_EXPORT int DecodeFileInfo(CRtMessageBlock& chain);
     ///@}
 };
 /// @}

@@ -31,6 +31,7 @@
 #include "FMFileID.h"
 #include "FMFileInfo.h"
 #include "FMInfoCodec.h"
+#include "FMVersion.h"
 #include "IFMBlock.h"
 #include "IFMFile.h"
 #include "ISDUser.h"

@@ -19,13 +19,13 @@ struct SDAddress {
 };
 
 /// Address of one owner, as IFMBlock::GetOwners returns it.
-struct RT_EXPORT SDDataAddressItem {
+struct SDDataAddressItem {
     /// Empty address, tag 0, identifier 0. Copies copy all members.
     ///@{
-    SDDataAddressItem();
-    SDDataAddressItem(const SDDataAddressItem& other);
-    SDDataAddressItem& operator=(const SDDataAddressItem& other);
-    ~SDDataAddressItem();
+    RT_EXPORT SDDataAddressItem();
+    RT_EXPORT SDDataAddressItem(const SDDataAddressItem& other);
+    RT_EXPORT SDDataAddressItem& operator=(const SDDataAddressItem& other);
+    RT_EXPORT ~SDDataAddressItem();
     ///@}
 
     SDAddress m_address; ///< ISDUser::GetAddress

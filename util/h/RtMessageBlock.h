@@ -14,9 +14,9 @@
 class CRtMessageBlock;
 
 /// Deleter of CRtMessageChain.
-struct RT_EXPORT CRtDestroyChained {
+struct CRtDestroyChained {
     /// Calls CRtMessageBlock::DestroyChained.
-    void operator()(CRtMessageBlock* chain) const;
+    RT_EXPORT void operator()(CRtMessageBlock* chain) const;
 };
 /// Owns a chain, or is empty.
 using CRtMessageChain = std::unique_ptr<CRtMessageBlock, CRtDestroyChained>;
@@ -49,7 +49,7 @@ private:
 ///
 /// Threads: one thread at a time for each block. Duplicates of one buffer may be used on different threads
 /// once its bytes are no longer written.
-class RT_EXPORT CRtMessageBlock {
+class CRtMessageBlock {
 public:
     /// Lock flags (LockReading, LockWriting).
     enum : uint32_t {
@@ -58,13 +58,13 @@ public:
     };
 
     /// Allocates an empty block with space for `size` bytes, uninitialised. Null if out of memory.
-    static CRtMessageChain Create(uint32_t size);
+    RT_EXPORT static CRtMessageChain Create(uint32_t size);
     /// Makes a block over `length` bytes of the caller, without copying them and without space to write.
     /// The bytes must stay valid and unchanged as long as the block or a duplicate exists. Throws
     /// std::bad_alloc if the block itself cannot be allocated.
-    static CRtMessageChain Wrap(const char* bytes, uint32_t length);
+    RT_EXPORT static CRtMessageChain Wrap(const char* bytes, uint32_t length);
     /// Allocates a block with a copy of `length` bytes. Null if out of memory.
-    static CRtMessageChain CreateCopy(const char* bytes, uint32_t length);
+    RT_EXPORT static CRtMessageChain CreateCopy(const char* bytes, uint32_t length);
 
     CRtMessageBlock(const CRtMessageBlock&) = delete;
     CRtMessageBlock& operator=(const CRtMessageBlock&) = delete;
@@ -120,32 +120,32 @@ public:
     /// @param length length of the range in bytes.
     /// @retval RT_OK
     /// @retval RT_ERROR_OUT_OF_RANGE the range is not inside the buffer. The pointers do not move.
-    int SetTopLevelRange(uint32_t readPos, uint32_t length);
+    RT_EXPORT int SetTopLevelRange(uint32_t readPos, uint32_t length);
 
     /// The next block of the chain, or null. The chain owns it.
     CRtMessageBlock* GetNext() const { return m_pNext; }
     /// Adds a chain at the end of this one, and passes it to this one's owner.
-    void Append(CRtMessageChain chain);
+    RT_EXPORT void Append(CRtMessageChain chain);
 
     /// Makes a chain over the same buffers, with the same pointers and locks. Null if out of memory.
-    CRtMessageChain DuplicateChained() const;
+    RT_EXPORT CRtMessageChain DuplicateChained() const;
     /// Destroys this chain. A buffer is released with its last duplicate. Call it on the first block only.
-    void DestroyChained();
+    RT_EXPORT void DestroyChained();
 
     /// Readable bytes, and free space in bytes, of the whole chain.
     ///@{
-    uint64_t GetChainedLength() const;
-    uint64_t GetChainedSpace() const;
+    RT_EXPORT uint64_t GetChainedLength() const;
+    RT_EXPORT uint64_t GetChainedSpace() const;
     ///@}
     /// Copy `length` bytes out of or into the chain, and move its pointers.
     /// @retval RT_OK
     /// @retval RT_ERROR_OUT_OF_RANGE the chain has fewer readable bytes, or less space. Nothing is copied.
     ///@{
-    int Read(void* bytes, uint32_t length);
-    int Write(const void* bytes, uint32_t length);
+    RT_EXPORT int Read(void* bytes, uint32_t length);
+    RT_EXPORT int Write(const void* bytes, uint32_t length);
     ///@}
     /// Returns a copy of all readable bytes. The pointers do not move.
-    CRtString FlattenChained() const;
+    RT_EXPORT CRtString FlattenChained() const;
 
 private:
     struct CRtDataBlock;

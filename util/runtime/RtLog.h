@@ -34,28 +34,28 @@ using RtLogSink = void (*)(void* context, int level, const char* text);
 RT_EXPORT void RtSetLogSink(RtLogSink sink, void* context, int maxLevel);
 
 /// The log. Every line of the library goes through TraceString. Thread-safe.
-class RT_EXPORT CRtLog {
+class CRtLog {
 public:
     /// Composes a line in a buffer of the caller. Text that does not fit is truncated; the result always ends
     /// with a zero byte. Numbers are decimal, pointers hexadecimal, node identifiers
     /// `server.type.node.sequence`. A null text appends nothing.
-    class RT_EXPORT CRtLogRecorder {
+    class CRtLogRecorder {
     public:
         /// @param buffer the buffer.
         /// @param size its size in bytes, at least 1.
-        CRtLogRecorder(char* buffer, size_t size);
+        RT_EXPORT CRtLogRecorder(char* buffer, size_t size);
         /// Append one item.
         ///@{
-        CRtLogRecorder& operator<<(const char* text);
-        CRtLogRecorder& operator<<(const CRtString& text);
+        RT_EXPORT CRtLogRecorder& operator<<(const char* text);
+        RT_EXPORT CRtLogRecorder& operator<<(const CRtString& text);
         CRtLogRecorder& operator<<(int16_t value) { return *this << int64_t{value}; }
         CRtLogRecorder& operator<<(uint16_t value) { return *this << uint64_t{value}; }
         CRtLogRecorder& operator<<(int32_t value) { return *this << int64_t{value}; }
         CRtLogRecorder& operator<<(uint32_t value) { return *this << uint64_t{value}; }
-        CRtLogRecorder& operator<<(int64_t value);
-        CRtLogRecorder& operator<<(uint64_t value);
-        CRtLogRecorder& operator<<(const void* pointer);
-        CRtLogRecorder& operator<<(const CTavoSID& sid);
+        RT_EXPORT CRtLogRecorder& operator<<(int64_t value);
+        RT_EXPORT CRtLogRecorder& operator<<(uint64_t value);
+        RT_EXPORT CRtLogRecorder& operator<<(const void* pointer);
+        RT_EXPORT CRtLogRecorder& operator<<(const CTavoSID& sid);
         ///@}
         /// The line so far.
         const char* c_str() const { return m_buffer; }
@@ -69,22 +69,22 @@ public:
     };
 
     /// The log of this process.
-    static CRtLog* Instance();
+    RT_EXPORT static CRtLog* Instance();
     /// Whether lines of a level go to the sink.
     static bool IsEnabled(int level) { return level <= s_maxLevel.load(std::memory_order_relaxed); }
     /// Passes a line to the sink, if its level is enabled.
     /// @param level an #RtLogLevel.
     /// @param reserved 0.
     /// @param text the line.
-    void TraceString(int level, int reserved, const char* text);
+    RT_EXPORT void TraceString(int level, int reserved, const char* text);
     /// Writes an assertion line: `SOURCE:LINE Assert failed: EXPRESSION`, level #RT_LOG_ERROR. Returns.
-    static void AssertFailed(const char* source, int line, const char* expression);
+    RT_EXPORT static void AssertFailed(const char* source, int line, const char* expression);
 
 private:
     friend struct CRtLogSlot; // where the listener is kept
     CRtLog() = default;
 
-    static std::atomic<int> s_maxLevel;
+    RT_EXPORT static std::atomic<int> s_maxLevel;
 };
 
 /// Size of the buffer for one line in bytes.

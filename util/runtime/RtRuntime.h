@@ -35,29 +35,29 @@
 
 /// Makes the current thread the caller thread as long as the object lives. Destroy it on the same thread,
 /// after IFileManager::UnInitialize; the destructor runs what is still queued.
-class RT_EXPORT CRtCallerThread {
+class CRtCallerThread {
 public:
     /// Check IsValid afterwards.
     /// @param wakeUp called from any thread, under the queue's lock, when there is something to run. It may
     ///     only notify the loop (post to it, write to a pipe) and must not call the runtime.
-    explicit CRtCallerThread(std::function<void()> wakeUp = {});
-    ~CRtCallerThread();
+    RT_EXPORT explicit CRtCallerThread(std::function<void()> wakeUp = {});
+    RT_EXPORT ~CRtCallerThread();
     CRtCallerThread(const CRtCallerThread&) = delete;
     CRtCallerThread& operator=(const CRtCallerThread&) = delete;
 
     /// False if the process already has a caller thread, the current thread has an event queue of its own,
     /// or the process is ending. The other operations are then no-ops.
-    bool IsValid() const;
+    RT_EXPORT bool IsValid() const;
     /// Runs events and timers until Quit. On the caller thread.
-    void Run();
+    RT_EXPORT void Run();
     /// Makes Run return after the current event. Any thread.
-    void Quit();
+    RT_EXPORT void Quit();
     /// Fires the timers that are due and runs the events that were queued at the time of the call. It does
     /// not wait for events. On the caller thread.
     /// @returns how many timers and events ran.
-    size_t RunDue();
+    RT_EXPORT size_t RunDue();
     /// Milliseconds until the next timer is due; 0 if one is due now, -1 if there is none.
-    int64_t GetNextDueMs() const;
+    RT_EXPORT int64_t GetNextDueMs() const;
 
 private:
     CRtThread* m_pThread = nullptr;

@@ -14,7 +14,7 @@ constexpr int RT_CALLER_THREAD = 3;
 
 /// Starts threads, provides the caller thread, and holds the mutex under which singletons are created.
 /// Thread-safe.
-class RT_EXPORT CRtThreadManager {
+class CRtThreadManager {
 public:
     /// Kinds of threads; they are treated alike.
     enum TFlag : int {
@@ -23,10 +23,10 @@ public:
     };
 
     /// The manager of this process; never null, never destroyed.
-    static CRtThreadManager* Instance();
+    RT_EXPORT static CRtThreadManager* Instance();
 
     /// The mutex under which CRtSingletonHolder creates its object.
-    CRtMutexBase* GetSingletonMutex();
+    RT_EXPORT CRtMutexBase* GetSingletonMutex();
 
     /// Starts a thread with an event queue. The caller owns it and ends it with CRtThread::Destory. A thread
     /// that is left at process end is stopped then, and waited for without a limit.
@@ -36,15 +36,15 @@ public:
     /// @retval RT_OK
     /// @retval RT_ERROR_FAILURE the system could not start a thread.
     /// @retval RT_ERROR_NOT_READY the process is ending.
-    int CreateUserTaskThread(CRtThread*& thread, TFlag flag, int reserved);
+    RT_EXPORT int CreateUserTaskThread(CRtThread*& thread, TFlag flag, int reserved);
 
     /// Returns the caller thread. Unless the application provides it (CRtCallerThread), the first request
     /// starts it.
     /// @param number #RT_CALLER_THREAD.
     /// @returns null for any other number, if the thread could not be started, and at process end.
-    CRtThread* GetThread(int number);
+    RT_EXPORT CRtThread* GetThread(int number);
     /// The system's identifier of the current thread.
-    static uint32_t GetThreadSelfId();
+    RT_EXPORT static uint32_t GetThreadSelfId();
 
 private:
     friend class CRtCallerThread;

@@ -7,16 +7,16 @@
 #include "RtExport.h"
 
 /// A time or a duration in seconds and microseconds.
-class RT_EXPORT CRtTimeValue {
+class CRtTimeValue {
 public:
     /// Zero, or the sum of both arguments. The parts are normalised: 0 <= microseconds < 1,000,000.
     ///@{
     CRtTimeValue() = default;
-    CRtTimeValue(int64_t seconds, int64_t microseconds);
+    RT_EXPORT CRtTimeValue(int64_t seconds, int64_t microseconds);
     ///@}
 
     /// The time since 1970-01-01 00:00:00 UTC from the current clock (RtSetClock). Any thread.
-    static CRtTimeValue GetTimeOfDay();
+    RT_EXPORT static CRtTimeValue GetTimeOfDay();
 
     /// The seconds, the microseconds within the second, and the whole value in milliseconds, rounded down.
     ///@{

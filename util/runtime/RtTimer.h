@@ -20,12 +20,12 @@ public:
 
 /// A timer. It fires on the thread that scheduled it, from the loop of that thread's event queue; if that
 /// thread has no queue, on the caller thread.
-class RT_EXPORT CRtTimerWrapper {
+class CRtTimerWrapper {
 public:
     /// Creates a timer that is not scheduled; the destructor cancels it.
     ///@{
     CRtTimerWrapper() = default;
-    ~CRtTimerWrapper();
+    RT_EXPORT ~CRtTimerWrapper();
     ///@}
     CRtTimerWrapper(const CRtTimerWrapper&) = delete;
     CRtTimerWrapper& operator=(const CRtTimerWrapper&) = delete;
@@ -38,9 +38,9 @@ public:
     /// @retval RT_OK
     /// @retval RT_ERROR_INVALID_ARG `sink` is null, or `interval` is less than 1 ms.
     /// @retval RT_ERROR_NOT_READY there is no thread to fire on.
-    int Schedule(CRtTimerWrapperSink* sink, const CRtTimeValue& interval, uint32_t count);
+    RT_EXPORT int Schedule(CRtTimerWrapperSink* sink, const CRtTimeValue& interval, uint32_t count);
     /// Stops the timer. Call it on the thread that fires: then the sink is not called any more.
-    void Cancel();
+    RT_EXPORT void Cancel();
 
 private:
     friend class CRtEventQueue;
