@@ -1,5 +1,5 @@
-// How cost grows with the work: the time of one operation (which is what the benchmark's time is) and the
-// memory of one object, among few of them and among very many.
+// Scaling: the time of one operation and the memory of one object, for 1 to 1,000,000 objects. The reported
+// time is the time of one operation.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -16,7 +16,7 @@ namespace {
 
 using namespace bench;
 
-// Lets a tick come when the benchmark wants it.
+// Advances only when the benchmark says so; a tick is then due at once.
 class TestClock final : public IRtClock {
 public:
     TestClock() { RtSetClock(this); }
@@ -26,7 +26,7 @@ public:
     std::atomic<uint64_t> now{GetTickCountEx()};
 };
 
-// Does something to all of many objects and reports the time, and the memory, of one.
+// Runs `work`, which handles `count` objects, and reports time and heap bytes per object.
 template <class Work>
 void TimeEach(benchmark::State& state, size_t count, Work work) {
     const uint64_t before = LiveBytes();
@@ -59,7 +59,7 @@ void OverSlots(benchmark::internal::Benchmark* benchmark) {
     for (const int64_t slots : {64, 1000, 8000, 50'000, 1'000'000})
         benchmark->Arg(slots);
 }
-// The information file holds little more.
+// Stops at 50,000 slots: an information file stores at most 65,535.
 void OverStoredSlots(benchmark::internal::Benchmark* benchmark) {
     Once(benchmark);
     for (const int64_t slots : {64, 1000, 8000, 50'000})
@@ -102,7 +102,7 @@ void FindFile(benchmark::State& state) {
         for (const uint32_t i : order) {
             FileRef found;
             open.cache.manager->OpenFile(found.Receive(), open.files[i]->GetFileInfo().fileID, 0);
-            Require(found.Get() == open.files[i].Get(), "not the file that was asked for");
+            Require(found.Get() == open.files[i].Get(), "OpenFile returned another file");
         }
     };
     for (auto _ : state)
@@ -110,14 +110,14 @@ void FindFile(benchmark::State& state) {
 }
 BENCHMARK(FindFile)->Apply(OverFiles);
 
-// Files that have nothing to release.
+// No file has a block to release.
 void TickOverFiles(benchmark::State& state) {
     OpenFiles open(state);
     open.Create();
     TestClock clock;
     const auto tick = [&] {
         clock.now += 60'000;
-        Require(open.cache.thread.RunDue() == 1, "no tick");
+        Require(open.cache.thread.RunDue() == 1, "the tick did not run");
     };
     for (auto _ : state)
         TimeEach(state, open.count, tick);
@@ -142,7 +142,7 @@ BENCHMARK(DetachFile)->Apply(OverFiles);
 
 // --- Slots ---------------------------------------------------------------------------------------
 
-// A table of 131,072 slots or more has the library write a line for each further block; nobody takes it.
+// From 131,072 slots on, the library logs one line for each further block; the benchmark turns the log off.
 struct Table {
     explicit Table(benchmark::State& state, uint32_t flag = FM_FILE_TEMPORARY)
         : slots(static_cast<uint32_t>(state.range(0))), file(cache.Create(0, flag)) {
@@ -160,7 +160,7 @@ struct Table {
     FileRef file;
 };
 
-// The table grows as it goes.
+// The table starts empty, so the time includes its growth.
 void CreateBlock(benchmark::State& state) {
     Table table(state);
     for (auto _ : state)
@@ -174,19 +174,20 @@ void FindBlock(benchmark::State& state) {
     const std::vector<uint32_t> order = Shuffled(table.slots);
     const auto find = [&] {
         for (const uint32_t i : order)
-            Require(BlockAt(*table.file, i)->GetBlockID() == i + 1, "not the block");
+            Require(BlockAt(*table.file, i)->GetBlockID() == i + 1,
+                    "GetBlock returned another block");
     };
     for (auto _ : state)
         TimeEach(state, table.slots, find);
 }
 BENCHMARK(FindBlock)->Apply(OverSlots);
 
-// One byte in memory makes a pass visit every slot of its file.
+// One resident byte is enough to make the pass visit every slot of the file.
 void CollectOverSlots(benchmark::State& state) {
     Table table(state);
     table.Fill();
     const CRtMessageChain byte = CRtMessageBlock::Wrap(BytesOf(0), 1);
-    Require(BlockAt(*table.file, 0)->WriteData(1, 0, byte.get()) == 0, "refused");
+    Require(BlockAt(*table.file, 0)->WriteData(1, 0, byte.get()) == 0, "WriteData failed");
     table.cache.Drain();
     const auto collect = [&] { static_cast<CFMFile*>(table.file.Get())->FreeBlocksMemory(); };
     for (auto _ : state)
@@ -199,19 +200,20 @@ struct StoredTable : Table {
         : Table(state, FM_FILE_KEPT), id(file->GetFileInfo().fileID) {
         const CRtMessageChain byte = CRtMessageBlock::Wrap(BytesOf(0), 1);
         for (uint32_t i = 0; i < slots; ++i)
-            Require(BlockAt(*file, i)->WriteData(1, 0, byte.get()) == 0, "refused");
+            Require(BlockAt(*file, i)->WriteData(1, 0, byte.get()) == 0, "WriteData failed");
         cache.Drain();
     }
     const FMFileID id;
 };
 
-// Closing encodes the table and writes it.
+// Closing a file encodes and writes its table.
 void CloseFile(benchmark::State& state) {
     StoredTable table(state);
     const auto close = [&] { table.cache.Close(table.file); };
     for (auto _ : state)
         TimeEach(state, table.slots, close);
-    Require(table.cache.manager->OpenFile(table.file.Receive(), table.id, 1) == 0, "not stored");
+    Require(table.cache.manager->OpenFile(table.file.Receive(), table.id, 1) == 0,
+            "OpenFile failed");
 }
 BENCHMARK(CloseFile)->Apply(OverStoredSlots);
 
@@ -219,11 +221,12 @@ void LoadFile(benchmark::State& state) {
     StoredTable table(state);
     table.cache.Close(table.file);
     const auto load = [&] {
-        Require(table.cache.manager->OpenFile(table.file.Receive(), table.id, 1) == 0, "no file");
+        Require(table.cache.manager->OpenFile(table.file.Receive(), table.id, 1) == 0,
+                "OpenFile failed");
     };
     for (auto _ : state)
         TimeEach(state, table.slots, load);
-    Require(table.file->GetBlocks()[table.slots - 1]->IsComplete(), "not every block is there");
+    Require(table.file->GetBlocks()[table.slots - 1]->IsComplete(), "a block was not restored");
 }
 BENCHMARK(LoadFile)->Apply(OverStoredSlots);
 
@@ -279,14 +282,15 @@ void GetRetrieveType(benchmark::State& state) {
 }
 BENCHMARK(GetRetrieveType)->Apply(OverRequests);
 
-// Each is looked for from the oldest on. Served in the order of their arrival they are found at once; here
-// they are cancelled in any order.
+// Cancelling searches the list from the oldest request on. A server that answers in arrival order finds its
+// request at the front; this benchmark cancels in random order, the expensive case.
 void CancelRetrieve(benchmark::State& state) {
     Requests requests(state);
     const std::vector<uint32_t> order = Shuffled(requests.count);
     const auto cancel = [&] {
         for (const uint32_t i : order)
-            Require(requests.block->CancelRetrieve(requests.nodes[i].Get()) == 1, "not there");
+            Require(requests.block->CancelRetrieve(requests.nodes[i].Get()) == 1,
+                    "CancelRetrieve found no request");
     };
     for (auto _ : state) {
         requests.Add();

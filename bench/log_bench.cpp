@@ -1,6 +1,6 @@
-// What log lines cost that nobody listens to: finding, attaching and detaching an open file writes two
-// lines of the trace level, once with a listener for errors only and once with one that takes the lines
-// and does nothing.
+// Cost of trace lines. Finding, attaching and detaching an open file logs two lines of the trace level. The
+// benchmark runs once with a sink for errors only, so that both lines are suppressed, and once with a sink
+// that receives and counts them.
 #include <benchmark/benchmark.h>
 
 #include "support.h"
@@ -16,7 +16,7 @@ void OpenAttachDetach(benchmark::State& state) {
     FileRef file = cache.Create(1);
     const FMFileID id = file->GetFileInfo().fileID;
     Require(cache.manager->AttachFile(id) == 0,
-            "the file is not open"); // or the first detach closes it
+            "the file is not open"); // without it the first DetachFile would close the file
     uint64_t lines = 0;
     RtSetLogSink(CountLine, &lines, static_cast<int>(state.range(0)));
     for (auto _ : state) {

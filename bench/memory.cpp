@@ -11,7 +11,7 @@
 
 #include "common.h"
 
-// The C library's own, under the names that stay when a program brings its own malloc.
+// glibc's allocator under its internal names, because this file replaces the public ones.
 extern "C" {
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
@@ -67,13 +67,13 @@ void KeepFreedPages() {
     constexpr int neverTrim = 1 << 30, neverMapABlock = 32 << 20;
     Require(mallopt(M_ARENA_MAX, 1) != 0 && mallopt(M_TRIM_THRESHOLD, neverTrim) != 0 &&
                 mallopt(M_MMAP_THRESHOLD, neverMapABlock) != 0,
-            "malloc takes no advice");
+            "mallopt failed");
 }
 
 void WarmFreeMemory(uint64_t bytes) {
     void* memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE,
                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
-    Require(memory != MAP_FAILED, "no memory to warm");
+    Require(memory != MAP_FAILED, "mmap failed");
     munmap(memory, bytes);
 }
 
@@ -88,14 +88,14 @@ uint64_t PeakResidentBytes() {
         if (uint64_t kibibytes = 0; word == "VmHWM:" && status >> kibibytes)
             return kibibytes * 1024;
     }
-    Require(false, "the system does not tell the peak of memory");
+    Require(false, "/proc/self/status has no VmHWM");
     return 0;
 }
 
 void RestartPeak() {
     std::ofstream refs("/proc/self/clear_refs");
     refs << "5" << std::flush;
-    Require(refs.good(), "the peak of memory cannot be begun anew");
+    Require(refs.good(), "/proc/self/clear_refs cannot be written");
 }
 
 AllocationCount::AllocationCount() {

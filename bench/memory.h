@@ -1,30 +1,31 @@
-// Memory of this process: what malloc hands out, and what is resident.
+// Memory of this process: allocations, live heap bytes, and resident bytes.
 #pragma once
 
 #include <cstdint>
 
 namespace bench {
 
-// Lets malloc keep all memory there ever was, in one arena for all threads, as in a process that has run
-// for a while. Left alone, it keeps the pages of a freed buffer or gives them back, depending on the
-// thread that got the buffer and on what lies above it; and where the first touch of a page is dear, the
-// side of a comparison that has to touch new ones loses, be it ours or another. Before any thread is
-// started, which would get an arena of its own.
+// Makes malloc keep freed pages, in one arena for all threads, as in a process that has run for a while.
+// With the defaults, malloc returns the pages of a freed buffer to the kernel or keeps them, depending on
+// the allocating thread and on the heap's layout. A page fault costs 2 to 3 us on a virtual machine, so the
+// default would decide a comparison by chance. Call it before the first thread starts: a thread gets its own
+// arena.
 void KeepFreedPages();
 
-// Has the system provide that many bytes and takes them back: a virtual machine's host may have taken
-// free pages away, and whoever is given them first would wait for them.
+// Allocates, touches and frees that many bytes. The host of a virtual machine may have reclaimed free guest
+// pages; this call pays for getting them back, outside the measured time.
 void WarmFreeMemory(uint64_t bytes);
 
-// Bytes that malloc has handed out and not got back.
+// Heap bytes that are allocated and not freed.
 uint64_t LiveBytes();
 
-// The most that was resident since the start or RestartPeak.
+// The highest number of resident bytes since the process started or since RestartPeak.
 uint64_t PeakResidentBytes();
 void RestartPeak();
 
-// Counts calls of malloc and its like, operator new among them, in all threads while it lives; one at a
-// time. Meanwhile an allocation costs an atomic addition, else a look at a flag.
+// Counts allocations (malloc, calloc, realloc, aligned variants and operator new) of all threads during its
+// lifetime. At most one object may exist. While it exists, each allocation costs one atomic addition;
+// otherwise one load of a flag.
 class AllocationCount {
 public:
     AllocationCount();

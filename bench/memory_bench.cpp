@@ -1,5 +1,5 @@
-// What a read of a resident block costs and allocates, and that a block's bytes exist once in memory
-// however much waits for the read/write thread.
+// Time and allocations of reading a resident block. Also checks that a block's bytes exist only once in
+// memory, even while its store waits for the read/write thread.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -18,18 +18,19 @@ constexpr uint32_t READ_LEN = 4096;
 
 void ReadAt(IFMBlock& block, uint32_t pos) {
     CRtMessageBlock* view = nullptr;
-    Require(block.ReadData(pos, READ_LEN, view) == 0, "a read failed");
+    Require(block.ReadData(pos, READ_LEN, view) == 0, "ReadData failed");
     benchmark::DoNotOptimize(view);
     view->DestroyChained();
 }
 
 void RequireView(IFMBlock& block, uint32_t pos) {
     CRtMessageBlock* view = nullptr;
-    Require(block.ReadData(pos, READ_LEN, view) == 0, "a read failed");
+    Require(block.ReadData(pos, READ_LEN, view) == 0, "ReadData failed");
     const CRtMessageChain owned(view);
     const char* stored = block.GetData()->GetTopLevelReadPtr();
-    Require(view->GetTopLevelReadPtr() == stored + pos, "the bytes were copied");
-    Require(std::memcmp(stored, BytesOf(0), BLOCK_LEN) == 0, "not what was written");
+    Require(view->GetTopLevelReadPtr() == stored + pos, "the view points to a copy");
+    Require(std::memcmp(stored, BytesOf(0), BLOCK_LEN) == 0,
+            "the block has other bytes than were written");
 }
 
 void ReadResident(benchmark::State& state) {
@@ -56,7 +57,7 @@ void ReadResident(benchmark::State& state) {
 }
 BENCHMARK(ReadResident);
 
-// Keeps the read/write thread busy until told otherwise.
+// Blocks the read/write thread until `end` is counted down.
 class Hold final : public IRtEvent {
 public:
     Hold(std::latch& begun, std::latch& end) : m_begun(begun), m_end(end) {}
@@ -78,28 +79,28 @@ void WriteAll(IFMFile& file, uint32_t shift) {
     for (uint32_t i = 0; i < HELD_BLOCKS; ++i)
         WriteInPieces(*BlockAt(file, i), BytesOf(i + shift));
     for (uint32_t i = 0; i < HELD_BLOCKS; ++i)
-        Require(file.GetBlocks()[i]->IsStorePending(), "a store is not queued");
+        Require(file.GetBlocks()[i]->IsStorePending(), "the store is not queued");
 }
 
 void RequireStored(IFMFile& file, uint32_t shift) {
     std::ifstream in(Cache::DataPath(file), std::ios::binary);
     std::vector<char> bytes(BLOCK_LEN);
     for (uint32_t i = 0; i < HELD_BLOCKS; ++i) {
-        in.seekg(file.GetBlocks()[i]->Describe().posInFile); // a rewrite may have moved it
+        in.seekg(file.GetBlocks()[i]->Describe().posInFile); // a rewrite may change the offset
         in.read(bytes.data(), BLOCK_LEN);
         Require(in && std::memcmp(bytes.data(), BytesOf(i + shift), BLOCK_LEN) == 0,
-                "not what was written last");
+                "the data file has other bytes than were written last");
     }
 }
 
-// Live bytes in relation to the blocks' bytes: 1 and a little for what describes them. The time is that
-// of writing all blocks twice with nobody storing them.
+// Live heap bytes divided by the blocks' bytes: 1.0 plus the objects that describe the blocks. The reported
+// time covers writing all blocks twice while the read/write thread is blocked.
 void BytesInMemory(benchmark::State& state) {
     Cache cache;
     for (auto _ : state) {
         std::latch begun(1), end(1);
         Require(CFileManager::Instance()->PostToReadwrThread(new Hold(begun, end), 0) == 0,
-                "there is no read/write thread");
+                "the read/write thread does not run");
         begun.wait();
         FileRef file;
         const uint64_t before = LiveBytes();

@@ -1,4 +1,4 @@
-// A node as an application has it.
+// A conference node, as an application would implement ISDUser.
 #pragma once
 
 #include "ISDUser.h"

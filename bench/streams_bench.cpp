@@ -1,4 +1,4 @@
-// Stores into more files than the process may have streams, and into few enough.
+// Stores into 100 files, which fit into the limit of open file descriptors, and into 5,000, which do not.
 #include <benchmark/benchmark.h>
 
 #include <sys/resource.h>
@@ -14,12 +14,12 @@ using namespace bench;
 
 constexpr uint32_t SMALL_BLOCK = 4096;
 
-// One store per file, round after round, with room for every stream and without.
+// Each iteration stores one block into each file.
 void StoreIntoManyFiles(benchmark::State& state) {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = 256;
-    Require(setrlimit(RLIMIT_NOFILE, &limit) == 0, "no limit on streams");
+    Require(setrlimit(RLIMIT_NOFILE, &limit) == 0, "setrlimit failed");
     Cache cache;
     std::vector<FileRef> files;
     for (int64_t i = 0; i < state.range(0); ++i)
@@ -27,7 +27,8 @@ void StoreIntoManyFiles(benchmark::State& state) {
     const CRtMessageChain bytes = CRtMessageBlock::Wrap(BytesOf(0), SMALL_BLOCK);
     const auto storeAll = [&] {
         for (const FileRef& file : files)
-            Require(BlockAt(*file, 0)->WriteData(SMALL_BLOCK, 0, bytes.get()) == 0, "refused");
+            Require(BlockAt(*file, 0)->WriteData(SMALL_BLOCK, 0, bytes.get()) == 0,
+                    "WriteData failed");
         cache.Drain();
     };
     storeAll();

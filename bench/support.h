@@ -1,7 +1,7 @@
-// What the benchmarks of single operations share: a cache driven by hand.
+// Fixture of the benchmarks of single operations: a cache whose caller thread is the benchmark's thread.
 //
-// The benchmarks link the library's objects, so that they can wait for the read/write thread without
-// doing anything that an application's stores and loads would not meet.
+// The benchmarks link the library's objects instead of the shared library. Waiting for the read/write thread
+// needs an internal class; the exported ways to wait would add work to the measured time.
 #pragma once
 
 #include <unistd.h>
@@ -19,8 +19,7 @@
 
 namespace bench {
 
-// On the file system that TMPDIR names. One per process, because the first Initialize fixes the
-// manager's directory.
+// Created in TMPDIR. One per process, because the first Initialize fixes the manager's directory.
 class TempDir {
 public:
     static const std::filesystem::path& Path() {
@@ -32,11 +31,11 @@ private:
     TempDir() {
         std::string name =
             (std::filesystem::temp_directory_path() / "filemanager-bench-XXXXXX").string();
-        Require(mkdtemp(name.data()), "no temporary directory");
+        Require(mkdtemp(name.data()), "mkdtemp failed");
         m_path = name;
     }
     ~TempDir() {
-        std::error_code ignored; // nobody is left to be told
+        std::error_code ignored; // the process ends
         std::filesystem::remove_all(m_path, ignored);
     }
     std::filesystem::path m_path;
@@ -45,16 +44,16 @@ private:
 using FileRef = CRtComAutoPtr<IFMFile>;
 using BlockRef = CRtComAutoPtr<IFMBlock>;
 
-// A server's manager from Initialize to UnInitialize; the benchmark's thread is number 3.
+// A server's manager from Initialize to UnInitialize. The benchmark's thread is the caller thread.
 class Cache {
 public:
     Cache() {
         Require(thread.IsValid(), "the process has a caller thread already");
-        KeepFreedPages(); // before the read/write thread starts, which would get an arena of its own
-        // Rewrites are meant here and not worth a warning.
+        KeepFreedPages(); // before Initialize, which starts the read/write thread
+        // Benchmarks rewrite blocks on purpose; do not log the warnings.
         RtSetLogSink(nullptr, nullptr, RT_LOG_ERROR);
         Require(manager->Initialize(CRtString(TempDir::Path().string()), 7, 1) == 0,
-                "the manager does not start");
+                "Initialize failed");
     }
     ~Cache() {
         manager->UnInitialize();
@@ -64,15 +63,15 @@ public:
     Cache(const Cache&) = delete;
     Cache& operator=(const Cache&) = delete;
 
-    // Returns when everything posted to the read/write thread before has run: its queue keeps the
-    // order, so one empty event that is waited for is enough. The caller sleeps meanwhile, where
-    // asking each block would contend for the lock that its store takes.
+    // Returns when everything posted to the read/write thread so far has run. The queue is first-in,
+    // first-out, so one synchronous empty event is enough. Polling the blocks instead would contend for the
+    // lock that each store takes.
     void Drain() {
         Require(CFileManager::Instance()->PostToReadwrThread(new CFMFunctorBase, 1) == 0,
-                "there is no read/write thread");
+                "the read/write thread does not run");
     }
 
-    // Temporary by default: closing the file removes it from disk.
+    // The default flag makes a temporary file: closing it removes it from disk.
     FileRef Create(uint32_t blocks, uint32_t flag = FM_FILE_TEMPORARY) {
         FMFileInfo info;
         CoCreateFMFileID(info.fileID);
@@ -80,10 +79,10 @@ public:
         info.num = blocks;
         info.flag = flag;
         IFMFile* file = nullptr;
-        Require(manager->CreateFile(file, info) == 0, "no file");
+        Require(manager->CreateFile(file, info) == 0, "CreateFile failed");
         return FileRef::Adopt(file);
     }
-    // Both threads are idle afterwards.
+    // Postcondition: both threads are idle.
     void Close(FileRef& file) {
         Require(manager->DetachFile(file->GetFileInfo().fileID) == 0, "the file was not open");
         file.Reset();
@@ -102,14 +101,14 @@ public:
 
 inline BlockRef BlockAt(IFMFile& file, uint32_t index) {
     IFMBlock* block = nullptr;
-    Require(file.GetBlock(block, index + 1, 1) == 0, "no block");
+    Require(file.GetBlock(block, index + 1, 1) == 0, "GetBlock failed");
     return BlockRef::Adopt(block);
 }
 
 inline void WriteInPieces(IFMBlock& block, const char* bytes) {
     for (uint32_t at = 0; at < BLOCK_LEN; at += PIECE_LEN) {
         const CRtMessageChain piece = CRtMessageBlock::Wrap(bytes + at, PIECE_LEN);
-        Require(block.WriteData(BLOCK_LEN, at, piece.get()) == 0, "a piece was refused");
+        Require(block.WriteData(BLOCK_LEN, at, piece.get()) == 0, "WriteData failed");
     }
 }
 

@@ -1,6 +1,6 @@
-// The library as an application has it, with thread number 3 pumped by the benchmark's own loop. Only what
-// waits for its read/write thread reaches behind the exported headers. On a server blocks stay in memory up
-// to 512 MiB and on a client up to 64 MiB, so the workload's limit says which of the two it is.
+// The library, used as an application uses it: the benchmark's thread is the caller thread. Internal headers
+// are needed only for Flush, which waits for the read/write thread. A server keeps up to 512 MiB of blocks
+// resident and a client up to 64 MiB, so Layout::memory decides which of the two runs.
 #include <atomic>
 #include <chrono>
 #include <string>
@@ -25,7 +25,7 @@ constexpr uint64_t LONG_IDLE_MS = 240'001;
 
 using BlockRef = CRtComAutoPtr<IFMBlock>;
 
-// The real one, set forward when minutes are to pass.
+// The real clock plus an offset, which advances when a workload simulates minutes.
 class SkippingClock final : public IRtClock {
 public:
     uint64_t TickCountMs() override {
@@ -33,7 +33,7 @@ public:
         const auto since = steady_clock::now().time_since_epoch();
         return skipped + static_cast<uint64_t>(duration_cast<milliseconds>(since).count());
     }
-    // Stands still, so that housekeeping runs once at most.
+    // Constant, so that housekeeping runs at most once.
     CRtTimeValue TimeOfDay() override { return CRtTimeValue(1'700'000'000, 0); }
     std::atomic<uint64_t> skipped{0};
 };
@@ -43,8 +43,8 @@ FMFileID IdOf(uint32_t file) { return {file + 1, 0, 0, {}}; }
 class FileManager final : public Store {
 public:
     FileManager() {
-        Require(m_thread.IsValid(), "the process has a caller thread already");
-        RtSetLogSink(nullptr, nullptr, RT_LOG_ERROR); // large tables are meant here
+        Require(m_thread.IsValid(), "the process already has a caller thread");
+        RtSetLogSink(nullptr, nullptr, RT_LOG_ERROR); // large tables are intended: no warnings
         for (uint32_t i = 0; i < NODES; ++i)
             m_nodes.emplace_back(new Node(true, i));
     }
@@ -58,7 +58,8 @@ public:
         m_layout = layout;
         m_files.resize(layout.files);
         const int isServer = layout.memory > CLIENT_MEMORY ? 1 : 0;
-        Require(m_manager->Initialize(CRtString(dir.string()), 7, isServer) == 0, "no start");
+        Require(m_manager->Initialize(CRtString(dir.string()), 7, isServer) == 0,
+                "Initialize failed");
     }
     void Close() override {
         m_view.reset();
@@ -69,18 +70,19 @@ public:
 
     void Write(Place place, uint32_t at, const char* bytes, uint32_t length) override {
         const CRtMessageChain piece = CRtMessageBlock::Wrap(bytes, length);
-        Require(BlockAt(place, 1).WriteData(m_layout.blockLen, at, piece.get()) == 0, "refused");
+        Require(BlockAt(place, 1).WriteData(m_layout.blockLen, at, piece.get()) == 0,
+                "WriteData failed");
     }
-    // The queue of the read/write thread keeps the order, so one empty event that is waited for is
-    // enough; an application has that as a part of stopping.
+    // The queue of the read/write thread is first-in, first-out, so one synchronous empty event is enough. An
+    // application gets the same effect from UnInitialize.
     void Flush() override {
         Require(CFileManager::Instance()->PostToReadwrThread(new CFMFunctorBase, 1) == 0,
-                "there is no read/write thread");
+                "the read/write thread does not run");
     }
 
     const char* Read(Place place, uint32_t at, uint32_t length) override {
         CRtMessageBlock* view = nullptr;
-        Require(BlockAt(place, 0).ReadData(at, length, view) == 0, "a read failed");
+        Require(BlockAt(place, 0).ReadData(at, length, view) == 0, "ReadData failed");
         m_view.reset(view);
         return view->GetTopLevelReadPtr();
     }
@@ -88,13 +90,13 @@ public:
         Window(*this, places, visit).Run(window);
         return true;
     }
-    // What the manager's tick does with idle blocks.
+    // The manager's tick does the same with blocks that were idle for four minutes.
     void Release() override {
         m_view.reset();
         Skip(LONG_IDLE_MS);
         for (const File& file : m_files) {
             for (const BlockRef& block : file.blocks)
-                Require(!block || !block->FreeMemory(), "a block stays in memory");
+                Require(!block || !block->FreeMemory(), "a block was not evicted");
         }
         Pump();
     }
@@ -120,7 +122,7 @@ private:
         std::vector<BlockRef> blocks;
     };
 
-    // Keeps a number of blocks in flight and lets the loop return after the last.
+    // Keeps `window` loads in flight and quits the loop after the last one.
     class Window final : public IFMBlockSink {
     public:
         Window(FileManager& store, const std::vector<Place>& places, const Visit& visit)
@@ -134,7 +136,7 @@ private:
         void OnBlockDataReady(IFMBlock* block, int result) override {
             Require(result == 0, "a load failed");
             CRtMessageBlock* view = nullptr;
-            Require(block->ReadData(0, m_store.m_layout.blockLen, view) == 0, "a read failed");
+            Require(block->ReadData(0, m_store.m_layout.blockLen, view) == 0, "ReadData failed");
             const CRtMessageChain owned(view);
             m_visit(m_store.PlaceOf(*block), view->GetTopLevelReadPtr());
             if (m_asked < m_places.size())
@@ -146,7 +148,7 @@ private:
     private:
         void AskNext() {
             const Place place = m_places[m_asked++];
-            Require(m_store.BlockAt(place, 0).ReadData(this) == 0, "a read failed");
+            Require(m_store.BlockAt(place, 0).ReadData(this) == 0, "ReadData failed");
         }
         FileManager& m_store;
         const std::vector<Place>& m_places;
@@ -167,9 +169,11 @@ private:
             info.fileID = IdOf(index);
             info.blockBeg = 1;
             info.num = m_layout.blocks;
-            Require(m_manager->CreateFile(file.file.Receive(), info) == 0, "no file");
+            Require(m_manager->CreateFile(file.file.Receive(), info) == 0,
+                    "the file cannot be opened");
         } else {
-            Require(m_manager->OpenFile(file.file.Receive(), IdOf(index), 1) == 0, "no file");
+            Require(m_manager->OpenFile(file.file.Receive(), IdOf(index), 1) == 0,
+                    "the file cannot be opened");
         }
         file.blocks.resize(m_layout.blocks);
         return file;
@@ -178,7 +182,8 @@ private:
         File& file = OpenFile(place.file, create);
         BlockRef& block = file.blocks[place.block];
         if (!block)
-            Require(file.file->GetBlock(block.Receive(), place.block + 1, create) == 0, "no block");
+            Require(file.file->GetBlock(block.Receive(), place.block + 1, create) == 0,
+                    "GetBlock failed");
         return *block.Get();
     }
     void Skip(uint64_t ms) {

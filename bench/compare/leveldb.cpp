@@ -1,5 +1,5 @@
-// LevelDB as fast as it goes: nothing is synchronised, noise is not compressed, and tables are large.
-// It maps tables that are not compressed, of itself.
+// LevelDB in its fastest configuration: no synchronous writes, no compression (the test bytes are noise), large
+// tables. LevelDB maps uncompressed tables into memory by default.
 #include <leveldb/cache.h>
 #include <leveldb/db.h>
 #include <leveldb/write_batch.h>
@@ -37,7 +37,7 @@ struct LevelDb {
         cache.reset();
     }
     void Write(Batch& batch) { Check(db->Write({}, &batch)); }
-    // Every write has reached the system's file of its log.
+    // Each write has already been passed to the operating system: LevelDB writes its log first.
     void Flush() {}
     Iterator* NewIterator() { return db->NewIterator({}); }
     static void Check(const leveldb::Status& status) {

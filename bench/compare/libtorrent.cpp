@@ -1,7 +1,7 @@
-// libtorrent's disk layer alone, without a session: the portable kind, which reads faster here, and mapped
-// files for small blocks, which these store faster. One thread of its own is its best on two processors, and
-// the pool has room for every file. A block is a piece of a file that is a torrent of its own, and 16 KiB
-// are the most that it takes at once.
+// libtorrent's disk layer without a session. posix_disk_io reads large blocks faster; mmap_disk_io stores
+// blocks below 16 KiB faster, so these use it. One disk thread is fastest on two cores. The file pool is large
+// enough for all files. Each file is a torrent, each block a torrent piece, and one request transfers at most
+// 16 KiB.
 #include <libtorrent/aux_/vector.hpp>
 #include <libtorrent/disk_buffer_holder.hpp>
 #include <libtorrent/disk_interface.hpp>
@@ -55,14 +55,14 @@ public:
 
     void Write(Place place, uint32_t at, const char* bytes, uint32_t length) override {
         const lt::storage_index_t storage = OpenFile(place.file);
-        ++m_underWay;
+        ++m_inFlight;
         m_disk->async_write(storage, RequestFor(place, at, length), bytes, nullptr,
                             [this](const lt::storage_error& error) { End(error); });
         constexpr size_t longQueue = 1024;
         if (at + length < m_layout.blockLen)
             return;
         m_disk->submit_jobs();
-        RunUntil(longQueue); // a longer one costs more for each of its jobs
+        RunUntil(longQueue); // with a longer queue, each job costs more
     }
     void Flush() override {
         m_disk->submit_jobs();
@@ -102,8 +102,8 @@ public:
         Open(m_dir, m_layout);
     }
     void CloseFile(uint32_t file) override {
-        ++m_underWay;
-        m_disk->async_release_files(m_files[file].storage, [this] { --m_underWay; });
+        ++m_inFlight;
+        m_disk->async_release_files(m_files[file].storage, [this] { --m_inFlight; });
         m_disk->submit_jobs();
         RunAll();
         m_files[file] = {};
@@ -111,7 +111,7 @@ public:
 
 private:
     struct File {
-        std::unique_ptr<lt::file_storage> layout; // it is kept by reference
+        std::unique_ptr<lt::file_storage> layout; // libtorrent keeps a reference to it
         lt::storage_holder storage;
     };
 
@@ -138,7 +138,7 @@ private:
         const lt::storage_index_t storage = OpenFile(place.file);
         for (uint32_t from = 0; from < length; from += REQUEST_LEN) {
             const uint32_t part = std::min(REQUEST_LEN, length - from);
-            ++m_underWay;
+            ++m_inFlight;
             m_disk->async_read(
                 storage, RequestFor(place, at + from, part),
                 [this, to = target + from, part, done](const lt::disk_buffer_holder& buffer,
@@ -152,11 +152,11 @@ private:
     }
     void End(const lt::storage_error& error) {
         Require(!error, error.ec.message().c_str());
-        --m_underWay;
+        --m_inFlight;
     }
     void RunAll() { RunUntil(0); }
     void RunUntil(size_t left) {
-        while (m_underWay > left) {
+        while (m_inFlight > left) {
             m_context.restart();
             const auto work = boost::asio::make_work_guard(m_context);
             m_context.run_one();
@@ -171,7 +171,7 @@ private:
     lt::aux::vector<lt::download_priority_t, lt::file_index_t> m_priorities;
     std::unique_ptr<lt::disk_interface> m_disk;
     std::vector<File> m_files;
-    size_t m_underWay = 0;
+    size_t m_inFlight = 0;
     std::vector<char> m_read;
 };
 

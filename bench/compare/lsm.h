@@ -1,4 +1,4 @@
-// What LevelDB and RocksDB have in common, which is their interface.
+// Common to LevelDB and RocksDB, whose interfaces are nearly the same.
 #pragma once
 
 #include <array>
@@ -10,9 +10,9 @@
 
 namespace bench {
 
-/// `Db` opens, writes and flushes. One value for each block, so that it has to be put together before it
-/// is written, but parts can be read without the rest: where nothing was written since, through an
-/// iterator, which shows the value where it lies.
+/// `Db` opens, writes and flushes. Each block is one value, so its pieces are collected before it is written.
+/// Reads use an iterator: it returns a pointer to the value in the mapped table, without a copy. The iterator
+/// is a snapshot, so each commit discards it.
 template <class Db>
 class LsmStore final : public Store {
 public:
@@ -55,7 +55,7 @@ public:
     }
 
 private:
-    // Big-endian, so that keys are in the order of the numbers.
+    // Big-endian, so that the byte order of keys equals their numeric order.
     class Key {
     public:
         explicit Key(Place place) {
@@ -73,7 +73,7 @@ private:
     };
 
     void Commit() {
-        m_iterator.reset(); // it would go on showing what was there before
+        m_iterator.reset(); // a snapshot of the state before this commit
         m_db.Write(m_batch);
         m_batch.Clear();
         m_uncommitted = 0;

@@ -1,6 +1,6 @@
-// One participant in a process of its own, so that what it keeps in memory is its own, and no peer's
-// library is part of another's process. It does a round for every line that it reads, which lets the
-// rounds of all participants be run by turns, and answers with a line of JSON.
+// Runs one participant. Each participant is a separate process, so that its memory can be measured and no
+// other peer's library is loaded. The process runs one round for each line of its standard input and answers
+// with one line of JSON; compare.py uses this to alternate between the participants.
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -27,19 +27,19 @@ void RunRound(Workload& workload, Stage& stage, bool first) {
     std::fflush(stdout);
 }
 
-// A participant may have a stream for every file.
-void RaiseStreamLimit() {
+// A participant may keep a file descriptor open for every file.
+void RaiseDescriptorLimit() {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = limit.rlim_max;
-    Require(setrlimit(RLIMIT_NOFILE, &limit) == 0, "no limit on streams");
+    Require(setrlimit(RLIMIT_NOFILE, &limit) == 0, "setrlimit failed");
 }
 
 int Main(int argc, char** argv) {
     Require(argc == 4, "usage: PARTICIPANT WORKLOAD DIRECTORY SHARE");
     if (keepsFreedPages)
         KeepFreedPages();
-    RaiseStreamLimit();
+    RaiseDescriptorLimit();
     const auto workload =
         MakeWorkload(argv[1], static_cast<uint32_t>(std::strtoul(argv[3], nullptr, 10)));
     Require(workload != nullptr, "there is no such workload");
@@ -48,7 +48,7 @@ int Main(int argc, char** argv) {
     Stage stage{*store, root / "store", root / "old"};
     std::filesystem::create_directories(stage.dir);
     workload->Prepare(stage);
-    sync(); // what was prepared is not written back during somebody's round
+    sync(); // otherwise the kernel writes the prepared files back during a measured round
     std::string line;
     for (bool first = true; std::getline(std::cin, line); first = false)
         RunRound(*workload, stage, first);

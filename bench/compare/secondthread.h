@@ -1,4 +1,4 @@
-// The second thread of the limit: takes ranges of memory and hands each to the system with one call.
+// The second thread of the plain-calls baseline: writes each range of memory with one pwrite.
 #pragma once
 
 #include <unistd.h>
@@ -45,7 +45,7 @@ public:
         if (wake)
             m_posted.notify_one();
     }
-    /// Until no more than that many are left.
+    /// Returns when at most `left` jobs are pending.
     void WaitFor(size_t left) {
         std::unique_lock lock(m_mutex);
         m_written.wait(lock, [&] { return m_left <= left; });

@@ -1,6 +1,6 @@
-// SQLite with a row for each block, as fast as it goes: nothing is synchronised and there is no journal
-// (nobody here could undo a crash of the machine), the file is its alone, large pages for large blocks,
-// and reads come through a map of the file into one buffer.
+// SQLite in its fastest configuration, one row per block: no synchronisation and no journal (no participant
+// survives a power loss), exclusive locking, large pages for large blocks, reads through a memory map of the
+// file into one buffer.
 #include <sqlite3.h>
 
 #include <cstring>

@@ -1,4 +1,4 @@
-// What is written in an afternoon: a map of buffers, and fseek, fwrite, fread on the caller's thread.
+// A straightforward, untuned cache: a map of buffers, and fseek, fwrite and fread on the caller's thread.
 #include <cstring>
 #include <deque>
 #include <map>
@@ -9,7 +9,7 @@
 
 namespace bench {
 
-const bool keepsFreedPages = false; // nor does an afternoon's work think of malloc
+const bool keepsFreedPages = false; // untuned code uses malloc's defaults
 
 namespace {
 
@@ -65,7 +65,7 @@ public:
         if (file.isChanged) {
             FILE* table = std::fopen(TableOf(index).c_str(), "wb");
             for (const auto& entry : file.table)
-                Require(std::fwrite(&entry, sizeof(entry), 1, table) == 1, "no table");
+                Require(std::fwrite(&entry, sizeof(entry), 1, table) == 1, "the table file failed");
             std::fclose(table);
         }
         m_files.erase(index);
@@ -88,7 +88,7 @@ private:
         file.data = std::fopen(PathOf(index).c_str(), "r+b");
         if (!file.data)
             file.data = std::fopen(PathOf(index).c_str(), "w+b");
-        Require(file.data, "no data file");
+        Require(file.data, "fopen failed");
         if (FILE* table = std::fopen(TableOf(index).c_str(), "rb")) {
             for (std::pair<uint32_t, long> entry; std::fread(&entry, sizeof(entry), 1, table) == 1;)
                 file.table.insert(entry);

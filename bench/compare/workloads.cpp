@@ -27,10 +27,11 @@ uint32_t IndexOf(const Layout& layout, Place place) {
 void RequireBytes(const Layout& layout, Place place, const char* bytes, uint32_t at,
                   uint32_t length) {
     Require(std::memcmp(bytes, BytesOf(IndexOf(layout, place)) + at, length) == 0,
-            "not what was written");
+            "the bytes differ from those written");
 }
 
-// One byte of each line of the processor's cache: whoever hands out a mapping has read nothing yet.
+// Reads one byte of each cache line. Without it, a participant that returns a pointer into a memory map would
+// have read nothing.
 void Touch(const char* bytes, uint32_t length) {
     constexpr uint32_t line = 64;
     for (uint32_t at = 0; at < length; at += line)
@@ -60,8 +61,8 @@ void WriteAll(Store& store, const Layout& layout) {
     store.Flush();
 }
 
-// Emptied and put aside: creating files is slow for minutes where many were just removed, and written
-// pages of a file that nobody needs would only keep the disk busy.
+// Truncates the files of the previous round and moves them away. Removing them instead makes file creation slow
+// for minutes afterwards; keeping their bytes would make the kernel write them to the disk during later rounds.
 void PutAside(Stage& stage) {
     if (fs::exists(stage.dir)) {
         for (const auto& entry : fs::recursive_directory_iterator(stage.dir)) {
@@ -83,7 +84,7 @@ void CheckAfterReopening(Stage& stage, const Layout& layout) {
     stage.store.Close();
 }
 
-// Everything into an empty store, until it is the operating system's.
+// Writes all blocks into an empty store; ends when all bytes have been passed to the operating system.
 class WriteWork final : public Workload {
 public:
     using Workload::Workload;
@@ -101,7 +102,7 @@ public:
     }
 };
 
-// All blocks from disk, which is the system's page cache, in another order each time.
+// Reads all blocks from their files, in a new random order each round. The files are in the page cache.
 class ReadWork final : public Workload {
 public:
     ReadWork(const Layout& layout, size_t window) : Workload(layout), m_window(window) {}
@@ -173,7 +174,7 @@ private:
         for (uint32_t i = 0; i < reads; ++i) {
             const uint32_t at = m_places[i % m_places.size()] * READ_LEN;
             const char* bytes = store.Read({0, 0}, at, READ_LEN);
-            Touch(bytes, 1); // a view is to cost no more than that
+            Touch(bytes, 1); // reading all lines would hide the cost of the call
             if (check)
                 RequireBytes(m_layout, {0, 0}, bytes, at, READ_LEN);
         }
@@ -183,7 +184,7 @@ private:
     std::vector<uint32_t> m_places;
 };
 
-// From nothing to the first block of a store that an earlier run has left.
+// Opens an existing store and reads its first block.
 class ReopenWork final : public Workload {
 public:
     using Workload::Workload;
@@ -212,7 +213,7 @@ private:
     static constexpr uint32_t REPETITIONS = 5;
 };
 
-// Files of an open store, one after the other: opened, read from, closed.
+// The store is open. One file after another is opened, its first block read, and the file closed.
 class FilesWork final : public Workload {
 public:
     using Workload::Workload;
@@ -246,8 +247,8 @@ private:
     std::minstd_rand m_random{1};
 };
 
-// Blocks arrive in all files by turns; after each of them pieces of earlier blocks are read, recent ones
-// and any, and nodes come to own blocks or own them no more. Every 16 MiB are a minute.
+// Blocks arrive in all files round-robin. After each block, the workload reads two pieces of the most recent
+// blocks and two of all blocks, adds eight owners and removes one. A simulated minute passes every 16 MiB.
 class MixedWork final : public Workload {
 public:
     using Workload::Workload;
@@ -267,7 +268,7 @@ public:
         }
         stage.store.Flush();
         meter.End();
-        Require(stage.store.HasOwner(PlaceOf(0)), "nobody owns what was announced");
+        Require(stage.store.HasOwner(PlaceOf(0)), "an owner was not recorded");
         stage.store.Close();
         if (check)
             CheckAfterReopening(stage, m_layout);

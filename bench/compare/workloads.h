@@ -1,5 +1,5 @@
-// The works of the comparison. Each is done once unseen, to count and to check every byte, and then
-// round after round by the clock.
+// The workloads of the comparison. The first round of each is not timed: it counts allocations and compares
+// every byte. The following rounds are timed.
 #pragma once
 
 #include <ctime>
@@ -13,11 +13,13 @@
 
 namespace bench {
 
-/// Sums up the timed parts of a round, or counts their allocations: both at once would disturb the time.
+/// Adds up the time of the measured parts of a round, or counts their allocations. Not both in one round,
+/// because counting costs time.
 class Meter {
 public:
     explicit Meter(bool counts) : m_counts(counts) {}
-    /// Before what belongs to the round: the peak of memory begins here.
+    /// Touches free memory, so that the measured part does not wait for the host of a virtual machine, and
+    /// restarts the peak of resident memory.
     void WarmUp(uint64_t bytes);
     void Begin();
     void End();
@@ -28,7 +30,7 @@ public:
 private:
     const bool m_counts;
     double m_seconds = 0;
-    double m_cpuSeconds = 0; // of all threads, in the process and in the system for it
+    double m_cpuSeconds = 0; // user and system time of all threads
     uint64_t m_allocations = 0;
     timespec m_wallBegin{};
     timespec m_cpuBegin{};
@@ -37,8 +39,8 @@ private:
 
 struct Stage {
     Store& store;
-    std::filesystem::path dir; ///< the store's
-    std::filesystem::path old; ///< where emptied files of former rounds lie until the end
+    std::filesystem::path dir; ///< where the participant keeps its files
+    std::filesystem::path old; ///< emptied files of earlier rounds, until the process ends
 };
 
 class Workload {
@@ -46,17 +48,18 @@ public:
     explicit Workload(const Layout& layout) : m_layout(layout) {}
     virtual ~Workload() = default;
     virtual void Prepare(Stage&) {}
-    /// `check` compares every byte and is not by the clock. False: this participant cannot do it.
+    /// With `check`, compares every byte; the time of such a round is not used. Returns false if the
+    /// participant does not support the workload.
     virtual bool Round(Stage& stage, Meter& meter, bool check) = 0;
     const Layout& GetLayout() const { return m_layout; }
-    /// What one unit of the result is: bytes or operations in a round.
+    /// Number of operations in one round.
     virtual double Operations() const { return m_layout.AllBlocks(); }
 
 protected:
     const Layout m_layout;
 };
 
-/// By name; null when there is none. `share` makes the work smaller by that factor.
+/// Returns null if there is no workload of that name. `share` divides the amount of work.
 std::unique_ptr<Workload> MakeWorkload(const std::string& name, uint32_t share);
 
 } // namespace bench

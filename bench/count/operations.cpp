@@ -1,7 +1,7 @@
-// Does one of the central operations a number of times, for a program that counts instructions: those of
-// the caller thread inside Counted, those of the read/write thread inside the library's own function. The
-// read/write thread stands still meanwhile, or the caller thread does, so that nothing depends on which
-// of them is faster.
+// Runs one central operation TIMES times under callgrind, which counts instructions. Operations of the caller
+// thread are counted inside Counted, those of the read/write thread inside a function of the library (count.py
+// has the list). While one thread is counted, the other one is blocked, so that the count does not depend on
+// their relative speed.
 #include <latch>
 #include <vector>
 
@@ -13,21 +13,21 @@ namespace {
 using namespace bench;
 
 constexpr uint32_t TIMES = 200;
-constexpr uint32_t PIECE = 64; // copying is not what is counted
+constexpr uint32_t PIECE = 64; // small: the count is to exclude the copying of bytes
 
-// The counting begins where this begins, and ends with it.
+// callgrind counts while this function runs.
 template <class Work>
 [[gnu::noinline]] void Counted(Work work) {
     for (uint32_t i = 0; i < TIMES; ++i)
         work(i);
 }
 
-// Keeps the read/write thread from running what is posted after it.
+// Blocks the read/write thread until the destructor runs.
 class Hold {
 public:
     Hold() {
         Require(CFileManager::Instance()->PostToReadwrThread(new Event(*this), 0) == 0,
-                "no thread");
+                "the read/write thread does not run");
         m_begun.wait();
     }
     ~Hold() { m_end.count_down(); }
@@ -64,7 +64,7 @@ struct Blocks {
     Blocks& operator=(const Blocks&) = delete;
     void Write(uint32_t index, uint32_t length, uint32_t at) {
         const CRtMessageChain piece = CRtMessageBlock::Wrap(BytesOf(index), PIECE);
-        Require(blocks[index]->WriteData(length, at, piece.get()) == 0, "refused");
+        Require(blocks[index]->WriteData(length, at, piece.get()) == 0, "WriteData failed");
     }
     void WriteAll() {
         for (uint32_t i = 0; i < TIMES; ++i)
@@ -82,7 +82,7 @@ void PieceWrite() {
     Counted([&](uint32_t i) { blocks.Write(0, length, PIECE * (i + 1)); });
 }
 
-void CompletingWrite() {
+void LastPieceWrite() {
     Blocks blocks;
     for (uint32_t i = 0; i < TIMES; ++i)
         blocks.Write(i, 2 * PIECE, 0);
@@ -90,7 +90,7 @@ void CompletingWrite() {
     Counted([&](uint32_t i) { blocks.Write(i, 2 * PIECE, PIECE); });
 }
 
-// Both are counted in CFMStore::OnEventFire.
+// Store and CoalescedStore are counted in CFMStore::OnEventFire.
 void Store() {
     Blocks blocks;
     for (uint32_t i = 0; i < TIMES; ++i) {
@@ -99,7 +99,7 @@ void Store() {
     }
 }
 
-void StoreTogether() {
+void CoalescedStore() {
     Blocks blocks;
     {
         const Hold hold;
@@ -114,7 +114,7 @@ void ResidentRead() {
     blocks.cache.Drain();
     Counted([&](uint32_t i) {
         CRtMessageBlock* view = nullptr;
-        Require(blocks.blocks[i]->ReadData(0, PIECE, view) == 0, "a read failed");
+        Require(blocks.blocks[i]->ReadData(0, PIECE, view) == 0, "ReadData failed");
         view->DestroyChained();
     });
 }
@@ -145,16 +145,16 @@ void Load() {
     clock.now += longIdleMs;
     Sink sink;
     for (const BlockRef& block : blocks.blocks) {
-        Require(!block->FreeMemory(), "a block stays in memory");
-        Require(block->ReadData(&sink) == 0, "a read failed");
+        Require(!block->FreeMemory(), "a block was not evicted");
+        Require(block->ReadData(&sink) == 0, "ReadData failed");
     }
     blocks.cache.Drain();
     while (blocks.cache.thread.RunDue() > 0) {
     }
-    Require(sink.done == TIMES, "not every block was read");
+    Require(sink.done == TIMES, "a load did not finish");
 }
 
-void Posting() {
+void PostEvent() {
     Blocks blocks;
     {
         const Hold hold;
@@ -172,12 +172,12 @@ int main(int argc, char** argv) {
         void (*run)();
     };
     constexpr Operation operations[] = {{"piece_write", PieceWrite},
-                                        {"completing_write", CompletingWrite},
+                                        {"last_piece_write", LastPieceWrite},
                                         {"store", Store},
-                                        {"store_together", StoreTogether},
+                                        {"coalesced_store", CoalescedStore},
                                         {"resident_read", ResidentRead},
                                         {"load", Load},
-                                        {"posting", Posting}};
+                                        {"post_event", PostEvent}};
     for (const Operation& operation : operations) {
         if (argc != 2 || std::string(argv[1]) != operation.name)
             continue;

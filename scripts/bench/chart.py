@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Draws what was measured.
+"""Draws the benchmark results as SVG.
 
 usage: chart.py comparison COMPARISON.json OUTPUT.svg
        chart.py growth GROWTH.json COMPARISON.json OUTPUT.svg
 
-The first file of "growth" is what the growth benchmark writes with --benchmark_out.
+COMPARISON.json is the output of compare.py. GROWTH.json is the --benchmark_out file of growth_bench.
 """
 import json
 import math
@@ -15,117 +15,150 @@ import table
 
 STYLE = """
   text { font: 12px system-ui, sans-serif; fill: #1f2328; }
-  .title { font-weight: 600; font-size: 13px; } .head { font-weight: 600; font-size: 16px; }
-  .small { font-size: 10.5px; fill: #59636e; } .axis { stroke: #c8cfd6; stroke-width: 1; }
-  .bar { fill: #6e7781; } .own { fill: #1a7f5a; } .limit { fill: #c9a227; }
-  .line { fill: none; stroke: #1a7f5a; stroke-width: 2; } .dot { fill: #1a7f5a; }
-  .memory { stroke: #b35900; stroke-dasharray: 5 3; } .memorydot { fill: #b35900; }
+  .title { font-weight: 600; font-size: 13px; } .head { font-weight: 600; font-size: 17px; }
+  .small { font-size: 11px; fill: #59636e; } .bold { font-weight: 600; }
+  .axis { stroke: #d8dee4; stroke-width: 1; } .one { stroke: #c9a227; stroke-width: 2; }
+  .other { fill: #6e7781; stroke: #6e7781; } .own { fill: #1a7f5a; stroke: #1a7f5a; }
+  .plain { fill: #c9a227; stroke: #c9a227; } .stem { stroke-width: 2; }
+  .line { fill: none; stroke: #1a7f5a; stroke-width: 2; }
   @media (prefers-color-scheme: dark) {
-    text { fill: #e6edf3; } .small { fill: #9198a1; } .axis { stroke: #3d444d; }
-    .bar { fill: #9aa4af; } .own { fill: #3fb68b; } .limit { fill: #d9b84a; }
-    .line { stroke: #3fb68b; } .dot { fill: #3fb68b; } .memory { stroke: #f0883e; } .memorydot { fill: #f0883e; }
+    text { fill: #e6edf3; } .small { fill: #9198a1; } .axis { stroke: #3d444d; } .one { stroke: #d9b84a; }
+    .other { fill: #9aa4af; stroke: #9aa4af; } .own { fill: #3fb68b; stroke: #3fb68b; }
+    .plain { fill: #d9b84a; stroke: #d9b84a; } .line { stroke: #3fb68b; }
   }"""
+WIDTH = 860
 
 
 def text(x, y, content, kind="", anchor="start"):
     return f'<text x="{x:.1f}" y="{y:.1f}" class="{kind}" text-anchor="{anchor}">{escape(content)}</text>'
 
 
-def write_svg(path, width, height, parts):
+def line(x1, y1, x2, y2, kind):
+    return f'<line x1="{x1:.1f}" y1="{y1:.1f}" x2="{x2:.1f}" y2="{y2:.1f}" class="{kind}"/>'
+
+
+def dot(x, y, radius, kind):
+    return f'<circle cx="{x:.1f}" cy="{y:.1f}" r="{radius}" class="{kind}"/>'
+
+
+def write_svg(path, height, parts):
     with open(path, "w", encoding="utf-8") as file:
-        file.write(f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width} {height:.0f}" '
-                   f'width="{width}" height="{height:.0f}">\n<style>{STYLE}\n</style>\n')
+        file.write(f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {height:.0f}" '
+                   f'width="{WIDTH}" height="{height:.0f}">\n<style>{STYLE}\n</style>\n')
         file.write("\n".join(parts) + "\n</svg>\n")
 
 
-def decades(low, high):
-    return range(math.floor(math.log10(low)), math.ceil(math.log10(high)) + 1)
-
-
 class LogScale:
-    """Whole decades, from the one below the least to the one above the most, two at the least."""
+    """Maps the range from `low` to `high` logarithmically to `length` pixels from `start`."""
 
-    def __init__(self, values, start, length):
-        self.exponents = decades(min(values), max(values))
-        if len(self.exponents) < 3:
-            self.exponents = range(self.exponents[0], self.exponents[0] + 3)
+    def __init__(self, low, high, start, length):
+        self.low, self.span = math.log10(low), math.log10(high) - math.log10(low)
         self.start, self.length = start, length
 
     def at(self, value):
-        span = max(1, self.exponents[-1] - self.exponents[0])
-        return self.start + (math.log10(value) - self.exponents[0]) / span * self.length
+        return self.start + (math.log10(value) - self.low) / self.span * self.length
 
-
-def short(value):
-    if value >= 1_000_000:
-        return f"{value / 1_000_000:g}M"
-    return f"{value / 1000:g}k" if value >= 1000 else f"{value:g}"
-
-
-def tick(exponent):
-    return short(10.0 ** exponent)
+    def decades(self):
+        """The powers of ten in the range."""
+        first, last = math.ceil(self.low - 1e-9), math.floor(self.low + self.span + 1e-9)
+        return [10.0 ** exponent for exponent in range(first, last + 1)]
 
 
 # --- The comparison ------------------------------------------------------------------------------
 
-WIDTH, LEFT, BARS, ROW = 860, 110, 560, 17
+COLUMN, LEFT, PLOT, ROW = 430, 116, 178, 17
+EXPLANATION = [
+    "The line at 1.0 is the speed of plain calls. A dot to its right is faster, a dot to its left is slower; "
+    "0.5 takes twice as long. Logarithmic axis.",
+    "Every file is in the operating system’s page cache: nothing is read from the disk, and no write waits for it.",
+    "When blocks are read, 1.0 is “plain calls, kept”: each block gets its own memory, as in a cache. "
+    "“plain calls” reuses one buffer."]
+KINDS = {"filemanager": "own", "plaincalls": "plain", "plaincalls_kept": "plain"}
 
 
-def panel(workload, results, top):
-    title, unit, measure, more_is_better = table.ROWS[workload]
-    values = {name: measure(result) for name, result in results.items()}
-    scale = LogScale(values.values(), LEFT, BARS)
-    better = "more is better" if more_is_better else "less is better"
-    parts = [text(12, top + 14, title, "title"),
-             text(WIDTH - 12, top + 14, f"{unit}, {better}", "small", "end")]
-    bottom = top + 24 + ROW * len(values)
-    for exponent in scale.exponents:
-        x = scale.at(10.0 ** exponent)
-        parts.append(f'<line x1="{x:.1f}" y1="{top + 22}" x2="{x:.1f}" y2="{bottom}" class="axis"/>')
-        parts.append(text(x, bottom + 12, tick(exponent), "small", "middle"))
-    order = sorted(values, key=values.get, reverse=more_is_better)
-    for row, name in enumerate(order):
-        y = top + 25 + row * ROW
-        kind = {"filemanager": "own", "limit": "limit", "kept": "limit"}.get(name, "bar")
-        end = scale.at(values[name])
-        parts.append(text(LEFT - 8, y + 11, table.NAMES[name], "", "end"))
-        # Dots and no bars: on a logarithmic axis the length of a bar means nothing.
-        parts.append(f'<line x1="{LEFT}" y1="{y + 7}" x2="{LEFT + BARS}" y2="{y + 7}" class="axis"/>')
-        parts.append(f'<circle cx="{end:.1f}" cy="{y + 7}" r="5" class="{kind}"/>')
-        ratio = table.ratio(workload, results, name)
-        parts.append(text(LEFT + BARS + 12, y + 11, f"{table.number(values[name])}  ({ratio:.2f})", "small"))
-    return parts, bottom + 30
+def ratios_of(workload, results):
+    return {name: table.ratio(workload, results, name) for name in results}
+
+
+def panel(workload, results, everyone, scale, left, top):
+    """One workload: a row for each participant, fastest first. All panels have the same horizontal axis."""
+    row, ratios = table.ROWS[workload], ratios_of(workload, results)
+    value_right, ratio_right = left + COLUMN - 70, left + COLUMN - 18
+    bottom = top + 36 + ROW * len(ratios)
+    parts = [text(left + 12, top + 14, row.title, "title"), text(value_right, top + 30, row.unit, "small", "end"),
+             text(ratio_right, top + 30, "relative", "small", "end")]
+    for decade in scale.decades():
+        x = left + scale.at(decade)
+        parts += [line(x, top + 34, x, bottom, "one" if decade == 1 else "axis"),
+                  text(x, bottom + 13, "1.0" if decade == 1 else f"{decade:g}", "bold" if decade == 1 else "small",
+                       "middle")]
+    for place, name in enumerate(sorted(ratios, key=ratios.get, reverse=True)):
+        y, kind = top + 36 + (place + 0.5) * ROW, KINDS.get(name, "other")
+        weight = "bold" if kind == "own" else ""
+        parts += [text(left + LEFT - 8, y + 4, table.NAMES[name], weight, "end"),
+                  line(left + scale.at(1), y, left + scale.at(ratios[name]), y, f"stem {kind}"),
+                  dot(left + scale.at(ratios[name]), y, 4.5, kind),
+                  text(value_right, y + 4, table.number(row.measure(results[name])), "small", "end"),
+                  text(ratio_right, y + 4, table.ratio_text(ratios[name]), weight, "end")]
+    absent = [table.NAMES[name] for name in everyone if name not in results]
+    if absent:
+        parts += [text(left + 12, bottom + 30, f"{row.absent_because}: " + ", ".join(absent), "small")]
+    return parts
+
+
+def panel_height(results, everyone):
+    return 36 + ROW * len(results) + (42 if len(results) < len(everyone) else 26)
+
+
+def legend(y):
+    parts, x = [], 16
+    for kind, content in (("own", "this library"), ("other", "other stores"),
+                          ("plain", "plain calls: the same work done with pread, pwrite and memcpy only")):
+        parts += [dot(x, y - 4, 4.5, kind), text(x + 10, y, content)]
+        x += 30 + 7 * len(content)
+    return parts
 
 
 def draw_comparison(report, path):
-    parts = [text(12, 24, "The library beside others and beside the limit", "head"),
-             text(12, 42, table.machine_line(report), "small"),
-             text(12, 57, "Logarithmic axes. In brackets: in relation to the limit, 1 is as good and less is worse.", "small")]
-    top = 72.0
-    for workload, results in report["workloads"].items():
-        drawn, top = panel(workload, results, top)
-        parts += drawn
+    workloads = report["workloads"]
+    everyone = [name for name in workloads["write"] if name != "plaincalls_kept"]
+    values = [ratio for workload, results in workloads.items() for ratio in ratios_of(workload, results).values()]
+    scale = LogScale(min(values) / 1.25, max(values) * 1.25, LEFT, PLOT)
+    parts = [text(12, 24, "How fast is the library, compared with plain system calls?", "head"),
+             *(text(12, 44 + 17 * place, content) for place, content in enumerate(EXPLANATION)),
+             *legend(100), text(12, 120, table.machine_line(report), "small")]
+    tops = [134.0, 134.0]
+    for place, (workload, results) in enumerate(workloads.items()):
+        side = place % 2
+        parts += panel(workload, results, everyone, scale, side * COLUMN, tops[side])
+        tops[side] += panel_height(results, everyone) + 10
+        if side == 1:
+            tops = [max(tops)] * 2
     if report["missing"]:
         names = ", ".join(table.NAMES[name] for name in report["missing"])
-        parts.append(text(12, top + 8, f"Left out, not installed: {names}", "small"))
-        top += 20
-    write_svg(path, WIDTH, top, parts)
+        parts.append(text(12, max(tops) + 8, f"Not installed: {names}", "small"))
+        tops = [max(tops) + 20] * 2
+    write_svg(path, max(tops), parts)
 
 
 # --- Growth --------------------------------------------------------------------------------------
 
+# Benchmark: title, what the time is divided by, what the horizontal axis counts, the object whose memory is shown.
 GROWTH = {
-    "CreateFile": ("create a file", "open files"), "FindFile": ("find an open file", "open files"),
-    "TickOverFiles": ("tick, each idle file", "open files"),
-    "DetachFile": ("close a temporary file", "open files"),
-    "CreateBlock": ("create a block", "slots"), "FindBlock": ("find a block", "slots"),
-    "CollectOverSlots": ("collect memory, each slot", "slots"),
-    "CloseFile": ("close a file, each block", "slots"), "LoadFile": ("load a file, each block", "slots"),
-    "AddRetrieve": ("record a request", "requests"), "GetRetrieveType": ("answer a request", "requests"),
-    "CancelRetrieve": ("cancel any request", "requests"),
+    "CreateFile": ("Create a file", "per file", "open files", "file"),
+    "FindFile": ("Find an open file", "per file, random order", "open files", None),
+    "TickOverFiles": ("Run the 60 s timer", "per idle open file", "open files", None),
+    "DetachFile": ("Close a temporary file", "per file", "open files", None),
+    "CreateBlock": ("Create a block", "per block", "blocks of the file", "block"),
+    "FindBlock": ("Find a block", "per block, random order", "blocks of the file", None),
+    "CollectOverSlots": ("Look for blocks to evict", "per block", "blocks of the file", None),
+    "CloseFile": ("Close a file", "per block", "blocks of the file", None),
+    "LoadFile": ("Open a stored file", "per block", "blocks of the file", "block"),
+    "AddRetrieve": ("Record a request", "per request", "requests for the block", "request"),
+    "GetRetrieveType": ("Answer a request", "per request", "requests for the block", None),
+    "CancelRetrieve": ("Cancel a request", "per request, random order", "requests for the block", None),
 }
-COLUMNS, CELL, CELL_HEIGHT = 3, 282, 190
-SMALLEST_OBJECT = 16
+COLUMNS, CELL, CELL_HEIGHT = 3, 282, 208
 
 
 def growth_points(measured):
@@ -139,50 +172,58 @@ def growth_points(measured):
     return points
 
 
-def curve(xs, ys, across, up, kind, dot):
-    path = " ".join(f"{across.at(x):.1f},{up(y):.1f}" for x, y in zip(xs, ys))
-    dots = [f'<circle cx="{across.at(x):.1f}" cy="{up(y):.1f}" r="2.5" class="{dot}"/>' for x, y in zip(xs, ys)]
-    return [f'<polyline points="{path}" class="line {kind}"/>'] + dots
+def short(count):
+    if count >= 1_000_000:
+        return f"{count / 1_000_000:g}M"
+    return f"{count / 1000:g}k" if count >= 1000 else f"{count:g}"
+
+
+def duration(nanoseconds):
+    return f"{nanoseconds / 1000:.3g} µs" if nanoseconds >= 1000 else f"{nanoseconds:.2g} ns" \
+        if nanoseconds < 100 else f"{nanoseconds:.3g} ns"
+
+
+def whole_decades(values):
+    """The powers of ten around the values, at least two decades apart."""
+    low, high = math.floor(math.log10(min(values))), math.ceil(math.log10(max(values)))
+    return 10.0 ** low, 10.0 ** max(high, low + 2)
 
 
 def growth_cell(name, points, left, top):
-    title, of_what = GROWTH[name]
+    title, per, of_what, memory_of = GROWTH[name]
     counts, times, sizes = zip(*sorted(points))
-    # An object that only found room in what malloc had at hand shows no size; few of them do.
-    memory = [(count, size) for count, size in zip(counts, sizes) if size >= 1]
-    has_memory = max(sizes) >= SMALLEST_OBJECT
-    values = list(times) + [size for _, size in memory if has_memory]
-    across, height = LogScale(counts, left + 40, CELL - 64), CELL_HEIGHT - 66
-    upward = LogScale(values, 0, height)
-
-    def up(value):
-        return top + 28 + height - upward.at(value)
-
-    parts = [text(left + 8, top + 14, title, "title")]
-    for exponent in upward.exponents:
-        y = up(10.0 ** exponent)
-        parts.append(f'<line x1="{left + 40}" y1="{y:.1f}" x2="{left + CELL - 24}" y2="{y:.1f}" class="axis"/>')
-        parts.append(text(left + 36, y + 4, tick(exponent), "small", "end"))
-    for count in counts:
-        parts.append(text(across.at(count), top + height + 42, short(count), "small", "middle"))
-    parts.append(text(left + CELL / 2, top + height + 56, of_what, "small", "middle"))
-    parts += curve(counts, times, across, up, "", "dot")
-    if has_memory:
-        parts += curve(*zip(*memory), across, up, "memory", "memorydot")
+    plot_left, plot_right, plot_top, plot_bottom = left + 52, left + CELL - 24, top + 40, top + 150
+    across = LogScale(*whole_decades(counts), plot_left, plot_right - plot_left)
+    upward = LogScale(*whole_decades(times), plot_bottom, plot_top - plot_bottom)
+    parts = [text(left + 8, top + 14, title, "title"), text(left + 8, top + 28, per, "small")]
+    for decade in upward.decades():
+        y = upward.at(decade)
+        parts += [line(plot_left, y, plot_right, y, "axis"),
+                  text(plot_left - 5, y + 4, duration(decade), "small", "end")]
+    where = [(across.at(count), upward.at(time)) for count, time in zip(counts, times)]
+    path = " ".join(f"{x:.1f},{y:.1f}" for x, y in where)
+    parts.append(f'<polyline points="{path}" class="line"/>')
+    for (x, y), count in zip(where, counts):
+        parts += [dot(x, y, 2.5, "own"), text(x, plot_bottom + 14, short(count), "small", "middle")]
+    parts += [text(where[0][0], where[0][1] - 8, duration(times[0]), "", "start"),
+              text(where[-1][0], where[-1][1] - 8, duration(times[-1]), "", "end"),
+              text((plot_left + plot_right) / 2, plot_bottom + 28, of_what, "small", "middle")]
+    if memory_of:
+        parts.append(text(plot_right, top + 28, f"{sizes[-1]:,.0f} bytes per {memory_of}", "small", "end"))
     return parts
 
 
 def draw_growth(measured, report, path):
     points = growth_points(measured)
-    parts = [text(12, 24, "Cost as the work grows", "head"),
-             text(12, 42, table.machine_line(report).split(";", maxsplit=1)[0] + "; medians", "small"),
-             text(12, 57, "Line: nanoseconds of one operation. Dashed: bytes of one object. Both axes are "
-                          "logarithmic; flat is best.", "small")]
+    parts = [text(12, 24, "How does the time of one operation grow with the number of objects?", "head"),
+             text(12, 44, "A flat line means that the cost of one operation does not depend on the number of objects. "
+                          "Both axes are logarithmic."),
+             text(12, 62, table.machine_line(report).split(";", maxsplit=1)[0] + "; medians of 3 runs", "small")]
     shown = [name for name in GROWTH if name in points]
     for place, name in enumerate(shown):
-        left, top = 4 + place % COLUMNS * CELL, 72 + place // COLUMNS * CELL_HEIGHT
+        left, top = 4 + place % COLUMNS * CELL, 78 + place // COLUMNS * CELL_HEIGHT
         parts += growth_cell(name, points[name], left, top)
-    write_svg(path, WIDTH, 72 + math.ceil(len(shown) / COLUMNS) * CELL_HEIGHT, parts)
+    write_svg(path, 78 + math.ceil(len(shown) / COLUMNS) * CELL_HEIGHT, parts)
 
 
 def load(path):

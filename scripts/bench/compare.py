@@ -1,13 +1,13 @@
 #!/usr/bin/env python3
-"""Runs the comparison and writes what it measured as JSON.
+"""Runs the comparison and writes the results as JSON.
 
 usage: compare.py PROGRAMS OUTPUT [--rounds N] [--share N] [--only WORKLOAD,...]
 
-PROGRAMS is the directory of the participants' programs (compare_NAME). For each workload all of them are
-started, and each does the work once to count its allocations and to check every byte. Then the rounds
-begin: one round of each participant by turns, so that whatever else the machine does falls on all of them
-alike. Each begins with the work by nobody's clock, because memory that lay idle while the others had their
-turn may have to be fetched back from the host of a virtual machine. The figures are medians.
+PROGRAMS is the directory of the participants' programs (compare_NAME). For each workload, the script starts
+all participants. Each does the work once, not timed, to count its allocations and to compare every byte. Then
+the participants alternate, one round each, so that other load on the machine affects all of them. Each round
+does the work twice and times the second pass: the host of a virtual machine may have reclaimed memory that
+was idle while the other participants ran. The results are medians of the rounds.
 """
 import argparse
 import datetime
@@ -21,19 +21,20 @@ import subprocess
 import sys
 import tempfile
 
-PARTICIPANTS = ["limit", "kept", "filemanager", "lmdb", "sqlite", "leveldb", "rocksdb", "libtorrent", "stdio"]
+PARTICIPANTS = ["plaincalls", "plaincalls_kept", "filemanager", "lmdb", "sqlite", "leveldb", "rocksdb", "libtorrent",
+                "stdio"]
 PACKAGES = {"lmdb": "liblmdb-dev", "sqlite": "libsqlite3-dev", "leveldb": "libleveldb-dev",
             "rocksdb": "librocksdb-dev", "libtorrent": "libtorrent-rasterbar-dev"}
 WORKLOADS = ["write", "read", "read8", "resident", "reopen", "reopen_small", "files", "small",
              "small_batched", "mixed"]
-# The limit of whoever keeps what it reads, where that makes a difference.
+# Workloads in which it makes a difference whether the baseline keeps the blocks that it reads.
 KEEPING = {"read", "read8"}
-# Those that hand over many blocks at once when told to; the others would only do "small" again.
-BATCHING = {"limit", "lmdb", "sqlite", "leveldb", "rocksdb"}
+# Participants with a call that stores many blocks at once. For the others "small_batched" equals "small".
+BATCHING = {"plaincalls", "lmdb", "sqlite", "leveldb", "rocksdb"}
 
 
 class Child:
-    """A participant's program, which does a round whenever it is told."""
+    """A participant's process, which runs one round per call of round()."""
 
     def __init__(self, program, workload, directory, share):
         self.process = subprocess.Popen([program, workload, directory, str(share)], text=True,
@@ -50,7 +51,7 @@ class Child:
     def end(self):
         self.process.stdin.close()
         if self.process.wait() != 0:
-            sys.exit(f"{self.process.args[0]} failed at its end")
+            sys.exit(f"{self.process.args[0]} failed while it closed its store")
 
 
 def summary(first, rounds):
@@ -80,7 +81,7 @@ def run_workload(workload, programs, rounds, share, directory):
         for name in order:
             children[name].round()
             results[name].append(children[name].round())
-        order.append(order.pop(0))  # nobody is always the first
+        order.append(order.pop(0))  # each round starts with another participant
     for child in children.values():
         child.end()
     return {name: summary(first[name], results[name]) for name in results}
@@ -106,9 +107,10 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("programs", type=pathlib.Path)
     parser.add_argument("output", type=pathlib.Path)
-    parser.add_argument("--rounds", type=int, default=5)
-    parser.add_argument("--share", type=int, default=1, help="do only that part of the work")
-    parser.add_argument("--only", default=",".join(WORKLOADS))
+    parser.add_argument("--rounds", type=int, default=5, help="timed rounds per participant")
+    parser.add_argument("--share", type=int, default=1, choices=range(1, 17), metavar="N",
+                        help="divide the amount of work by N, 1 to 16")
+    parser.add_argument("--only", default=",".join(WORKLOADS), help="comma-separated workloads")
     options = parser.parse_args()
 
     programs = {name: options.programs / f"compare_{name}" for name in PARTICIPANTS}
@@ -117,18 +119,18 @@ def main():
         del programs[name]
     directory = tempfile.mkdtemp(prefix="filemanager-compare-")
     report = {"machine": machine(directory), "rounds": options.rounds,
-              "missing": {name: PACKAGES.get(name, "this tree") for name in missing}, "workloads": {}}
+              "missing": {name: PACKAGES.get(name, "part of this repository") for name in missing}, "workloads": {}}
     try:
         for workload in options.only.split(","):
             print(f"compare: {workload}", file=sys.stderr)
             taking_part = {name: program for name, program in programs.items()
                            if (workload != "small_batched" or name in BATCHING)
-                           and (workload in KEEPING or name != "kept")}
+                           and (workload in KEEPING or name != "plaincalls_kept")}
             report["workloads"][workload] = run_workload(workload, taking_part, options.rounds,
                                                          options.share, directory)
             options.output.write_text(json.dumps(report, indent=1) + "\n", encoding="utf-8")
     finally:
-        shutil.rmtree(directory)  # at the end, as creating files is slow after removing many
+        shutil.rmtree(directory)  # only now: removing many files slows down file creation for minutes
 
 
 if __name__ == "__main__":

@@ -1,24 +1,25 @@
 #!/usr/bin/env python3
-"""Counts the instructions of the central operations and compares them with those that are on record.
+"""Counts the instructions of the central operations and compares them with the recorded counts.
 
 usage: count.py PROGRAM RECORD [update]
 
-Instructions do not depend on what else the machine does: a change that makes an operation cost more shows
-here, whoever runs it. They do depend on the compiler, so another one than the record's is not compared.
+Instruction counts do not depend on the load of the machine, so a change that makes an operation more
+expensive shows on any machine. They depend on the compiler: if its version differs from the one that RECORD
+names, nothing is compared.
 """
 import pathlib
 import subprocess
 import sys
 import tempfile
 
-# Where the counting goes on and off: the program's own function on the caller thread, the library's on
-# the read/write thread.
+# The function in which callgrind counts: one of the program for operations of the caller thread, one of the
+# library for operations of the read/write thread.
 OPERATIONS = {
-    "piece_write": "*Counted*", "completing_write": "*Counted*", "store": "CFMStore::OnEventFire*",
-    "store_together": "CFMStore::OnEventFire*",
-    "resident_read": "*Counted*", "load": "CFMBlock::ReadFromFile*", "posting": "*Counted*",
+    "piece_write": "*Counted*", "last_piece_write": "*Counted*", "store": "CFMStore::OnEventFire*",
+    "coalesced_store": "CFMStore::OnEventFire*",
+    "resident_read": "*Counted*", "load": "CFMBlock::ReadFromFile*", "post_event": "*Counted*",
 }
-BOUND = 1.15  # allocators and locks differ a little from run to run, and a slip that matters is larger
+BOUND = 1.15  # allocators and locks vary by a few percent from run to run
 
 
 def compiler():
@@ -39,7 +40,7 @@ def count(program, operation):
                   if line.startswith("totals:")]
     instructions = int(totals[0].split()[1])
     if instructions == 0:
-        sys.exit(f"count: nothing was counted for {operation}: is {OPERATIONS[operation]} still there?")
+        sys.exit(f"count: no instructions were counted for {operation}: does {OPERATIONS[operation]} still exist?")
     return round(instructions / int(run.stdout))
 
 
@@ -50,21 +51,21 @@ def read_record(path):
 
 
 def write_record(path, counts):
-    lines = [f"# {compiler()}", "# Instructions of one operation in the optimized build with assertions.",
+    lines = [f"# {compiler()}", "# Instructions of one operation; preset plain (optimized, with assertions).",
              "# Written by ./run count update, compared by ./run check."]
     path.write_text("\n".join(lines + [f"{name} {number}" for name, number in counts.items()]) + "\n",
                     encoding="utf-8")
 
 
 def compare(counts, record):
-    slipped = False
+    regressed = False
     for name, number in counts.items():
         change = number / record[name]
-        verdict = "MORE THAN BEFORE" if change > BOUND else "fewer, see ./run count update" \
-            if change < 1 / BOUND else "as before"
-        slipped = slipped or change > BOUND
+        verdict = "MORE THAN RECORDED" if change > BOUND else "fewer: run ./run count update" \
+            if change < 1 / BOUND else "as recorded"
+        regressed = regressed or change > BOUND
         print(f"{name:18}{number:>8,} instructions{change * 100 - 100:>+8.1f} %  {verdict}")
-    return slipped
+    return regressed
 
 
 def main():
@@ -72,14 +73,14 @@ def main():
     if sys.argv[3:] != ["update"]:
         built_with, record = read_record(path)
         if built_with != compiler():
-            print(f"left out: the record is of {built_with}, this is {compiler()}")
+            print(f"count: not compared: recorded with {built_with}, this compiler is {compiler()}")
             return
     counts = {operation: count(program, operation) for operation in OPERATIONS}
     if sys.argv[3:] == ["update"]:
         write_record(path, counts)
         print(path.read_text(encoding="utf-8"), end="")
     elif compare(counts, record):
-        sys.exit("count: an operation costs more than before; if that is meant, ./run count update")
+        sys.exit("count: an operation needs more instructions than recorded; if that is intended: ./run count update")
 
 
 if __name__ == "__main__":

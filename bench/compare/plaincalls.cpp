@@ -1,9 +1,10 @@
-// The least that could do the work: pieces are copied into memory that was there before, a second thread
-// hands each block over with one pwrite, reads from disk go into one buffer that is used again, and
-// reads from memory are a memcpy. It knows beforehand how many blocks there will be and how long each is.
+// The baseline: the same work with plain system calls. Pieces are copied into preallocated, already touched
+// memory; a second thread writes each block, or each batch of blocks, with one pwrite; reads of files are one
+// pread; reads of resident blocks are one memcpy. The number and the length of all blocks are known beforehand.
 //
-// With LIMIT_KEEPS what is read from disk stays in memory, as the blocks of a cache do: each goes where
-// it has a place of its own. The one buffer is in the processor's cache all the time, those places are not.
+// The program is built twice. With KEEP_READ_BLOCKS false, all blocks are read into the same buffer, which
+// therefore stays in the CPU cache. With KEEP_READ_BLOCKS true, each block is read into its own memory, as in a
+// cache that keeps the blocks it has read; that memory is not in the CPU cache.
 #include <fcntl.h>
 #include <sys/mman.h>
 
@@ -21,7 +22,7 @@ const bool keepsFreedPages = true;
 
 namespace {
 
-class Limit final : public Store {
+class PlainCalls final : public Store {
 public:
     void Open(const std::filesystem::path& dir, const Layout& layout) override {
         m_dir = dir;
@@ -50,7 +51,7 @@ public:
             HandOver(place);
     }
     void Flush() override {
-        if (m_written > m_handedOver) // the last blocks of the one file
+        if (m_written > m_handedOver) // an incomplete batch; batched workloads have one file
             HandOver({m_layout.files - 1, m_layout.blocks - 1});
         m_thread.WaitFor(0);
     }
@@ -63,13 +64,13 @@ public:
         }
         const File& file = OpenFile(place.file);
         const off_t from = off_t{place.block} * m_layout.blockLen + at;
-        char* const to = LIMIT_KEEPS ? SlotAt(IndexOf(place) % m_slots) + at : m_buffer.get();
+        char* const to = KEEP_READ_BLOCKS ? SlotAt(IndexOf(place) % m_slots) + at : m_buffer.get();
         Require(pread(file.data, to, length, from) == static_cast<ssize_t>(length), "pread failed");
         return to;
     }
     bool ReadMany(const std::vector<Place>& places, size_t, const Visit& visit) override {
-        for (const Place place :
-             places) // what could be gained by more at once, the system has read ahead
+        // One at a time: all bytes are in the page cache, so there is no disk latency to overlap.
+        for (const Place place : places)
             visit(place, Read(place, 0, m_layout.blockLen));
         return true;
     }
@@ -107,7 +108,8 @@ private:
 
     static void WriteTable(int fd, const std::vector<Entry>& table) {
         const size_t size = table.size() * sizeof(Entry);
-        Require(write(fd, table.data(), size) == static_cast<ssize_t>(size), "no table");
+        Require(write(fd, table.data(), size) == static_cast<ssize_t>(size),
+                "the table file failed");
         close(fd);
     }
     std::string PathOf(uint32_t file) const { return (m_dir / std::to_string(file)).string(); }
@@ -123,11 +125,12 @@ private:
         if (table >= 0) {
             file.table.resize(m_layout.blocks);
             const size_t size = file.table.size() * sizeof(Entry);
-            Require(read(table, file.table.data(), size) == static_cast<ssize_t>(size), "no table");
+            Require(read(table, file.table.data(), size) == static_cast<ssize_t>(size),
+                    "the table file failed");
             close(table);
         }
         file.data = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-        Require(file.data >= 0, "no data file");
+        Require(file.data >= 0, "open failed");
         return file;
     }
     char* SlotAt(uint32_t slot) {
@@ -135,12 +138,12 @@ private:
             void* memory =
                 mmap(nullptr, size_t{m_slots} * m_layout.blockLen, PROT_READ | PROT_WRITE,
                      MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
-            Require(memory != MAP_FAILED, "no memory");
+            Require(memory != MAP_FAILED, "mmap failed");
             m_memory = static_cast<char*>(memory);
         }
         return m_memory + size_t{slot} * m_layout.blockLen;
     }
-    // One that was used before is free once its block is the system's.
+    // Slots are reused round-robin. A slot can be reused when its block has been written.
     void TakeSlot(Place place) {
         if (m_written >= m_slots) {
             m_thread.WaitFor(m_slots / 2);
@@ -161,18 +164,19 @@ private:
     std::filesystem::path m_dir;
     Layout m_layout;
     std::vector<File> m_files;
-    char* m_memory = nullptr; // of all rounds
+    char* m_memory = nullptr; // allocated once, for all rounds
     uint32_t m_slots = 0;
     uint32_t m_written = 0;
     uint32_t m_handedOver = 0;
     std::vector<uint32_t> m_slotOf;
     std::vector<uint32_t> m_blockIn;
-    std::unique_ptr<char, Free> m_buffer; // begins with a page, to which systems copy fastest
+    std::unique_ptr<char, Free>
+        m_buffer; // page-aligned: the kernel copies fastest to such addresses
     SecondThread m_thread;
 };
 
 } // namespace
 
-std::unique_ptr<Store> MakeStore() { return std::make_unique<Limit>(); }
+std::unique_ptr<Store> MakeStore() { return std::make_unique<PlainCalls>(); }
 
 } // namespace bench
