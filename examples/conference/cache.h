@@ -1,4 +1,4 @@
-// The file manager inside an asio loop: all that an application with a loop of its own has to write.
+// The file manager inside an asio loop: everything that an application with its own loop has to write.
 #pragma once
 
 #include <IFileManager.h>
@@ -10,34 +10,35 @@
 #include <stdexcept>
 #include <string>
 
-/// While it lives, the thread that runs the loop is number 3: every handler of the loop may call the
-/// file manager, and every completion comes as a handler of the loop. To be made and destroyed on that
-/// thread; its end stores what is still open.
+/// Makes the thread that runs the loop the caller thread: every handler of the loop may call the file
+/// manager, and every completion arrives as a handler of the loop. Create and destroy it on that thread;
+/// the destructor stores what is still open.
 class Cache {
 public:
+    /// `clearDays` and `isServer` are those of IFileManager::Initialize.
     Cache(asio::io_context& loop, const std::string& dir, uint16_t clearDays, bool isServer)
-        : m_loop(loop), m_timer(loop), m_three([this] { WakeUp(); }),
+        : m_loop(loop), m_timer(loop), m_callerThread([this] { WakeUp(); }),
           m_manager(IFileManager::Instance()) {
-        if (!m_three.IsValid() || !m_manager)
-            throw std::runtime_error("this process cannot have a file manager");
+        if (!m_callerThread.IsValid() || !m_manager)
+            throw std::runtime_error("the file manager cannot be created in this process");
         m_manager->Initialize(CRtString(dir), clearDays, isServer ? 1 : 0);
-        Pump(); // learns when the first timer is due
+        Pump(); // schedules the first timer
     }
 
     ~Cache() { m_manager->UnInitialize(); }
     IFileManager& Manager() { return *m_manager; }
 
 private:
-    // From any thread, and from under a lock of the library: it posts and does nothing else.
+    // Runs on any thread, with a lock of the library held: post and return, never call the library.
     void WakeUp() {
         if (!m_woken.exchange(true))
             asio::post(m_loop, [this] { Pump(); });
     }
 
     void Pump() {
-        m_woken = false; // first: what is queued from now on wakes the loop again
-        m_three.RunDue();
-        const int64_t ms = m_three.GetNextDueMs();
+        m_woken = false; // before RunDue: an event that is queued while it runs posts another Pump
+        m_callerThread.RunDue();
+        const int64_t ms = m_callerThread.GetNextDueMs();
         if (ms < 0)
             return;
         m_timer.expires_after(std::chrono::milliseconds(ms));
@@ -50,6 +51,6 @@ private:
     asio::io_context& m_loop;
     asio::steady_timer m_timer;
     std::atomic<bool> m_woken{false};
-    CRtCallerThread m_three; // calls back into what stands above
+    CRtCallerThread m_callerThread; // its callback uses the members above
     IFileManager* m_manager;
 };

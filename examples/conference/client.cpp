@@ -1,5 +1,5 @@
-// A client collects the file: it asks the server for what it lacks, takes it from there or from the
-// peers that the server names, and serves what it has to other peers.
+// A client collects the file: it requests missing blocks from the server, fetches them from the server
+// or from the peers that the server names, and serves complete blocks to other peers.
 #include <fstream>
 #include <iostream>
 #include <utility>
@@ -15,7 +15,7 @@ constexpr uint32_t FROM_PEERS = 2; // above 1 the server names peers
 class Client final : public Node {
 public:
     Client(asio::io_context& loop, Cache& cache, const Options& options)
-        : Node(loop, cache, options) {
+        : Node(loop, cache, options), m_copy(options.file, std::ios::binary | std::ios::trunc) {
         Listen(0);
     }
 
@@ -23,48 +23,50 @@ private:
     void OnRoleFrame(Link& link, Kind kind, CRtMessageBlock& body) override {
         if (kind == Kind::OFFER)
             return OnOffer(link, body);
-        const uint32_t id = TakeBlockID(body);
+        const uint32_t id = ReadBlockID(body);
         const auto fetch = m_fetches.find(id);
         Check(fetch != m_fetches.end() && fetch->second.from == &link && fetch->second.pos == 0,
-              "an answer to no question");
+              "answer without a request");
         if (kind == Kind::PEERS && fetch->second.pri == FROM_PEERS)
             return OnPeers(link, id, body);
-        Check(kind == Kind::NOT_YET, "a frame that a client does not take");
+        Check(kind == Kind::NOT_YET, "frame kind that a client does not accept");
         CheckEnd(body);
         fetch->second.postponed = true;
         if (&link == m_source)
             return;
         m_fetches.erase(id);
-        Disown(link, id);
-        OnLost(id);
+        RemoveOwner(link, id);
+        OnFetchFailed(id);
     }
 
     void OnOffer(Link& link, CRtMessageBlock& body) {
-        Check(&link == m_source && !std::exchange(link.offered, true), "a file out of place");
-        TakeFile(body);
-        // Everybody's own part comes from the server, and so has each soon something for the others.
+        Check(&link == m_source && !std::exchange(link.offered, true),
+              "unexpected file description");
+        AcceptFile(body);
+        // Each client first requests a different part from the server, so that clients soon have
+        // blocks to exchange.
         for (uint32_t id = 1; id <= m_count; ++id) {
             if (GetBlock(id)->IsComplete())
                 link.Send(Kind::OWN, Pack(id));
-            else if (IsLacking(id))
-                Ask(link, id, id % m_options.clients == m_options.index ? URGENT : FROM_PEERS);
+            else if (IsMissing(id))
+                Request(link, id, id % m_options.clients == m_options.index ? URGENT : FROM_PEERS);
         }
     }
 
     void OnPeers(Link& link, uint32_t id, CRtMessageBlock& body) {
-        Check(&link == m_source, "peers that are not the server's");
+        Check(&link == m_source, "peers named by a node that is not the server");
         uint16_t count = 0;
-        Take(body, count);
+        ReadFields(body, count);
         Check(count <= PEERS_MAX, "too many peers");
         std::vector<Endpoint> addresses(count);
         for (Endpoint& address : addresses) {
             CRtString host;
             uint16_t port = 0;
             std::error_code error;
-            Take(body, host, port);
+            ReadFields(body, host, port);
             address = Endpoint(asio::ip::make_address_v4(host.c_str(), error), port);
-            Check(!error && port != 0, "a malformed address");
-            Check(address.address().is_loopback(), "a peer on another machine");
+            Check(!error && port != 0, "malformed address");
+            Check(address.address().is_loopback(), "address of another machine");
         }
         CheckEnd(body);
         for (const Endpoint& address : addresses) {
@@ -75,7 +77,7 @@ private:
                 GetBlock(id)->SetOwner(peer.member.Get(), 1);
         }
         m_fetches.erase(id);
-        OnLost(id);
+        OnFetchFailed(id);
     }
 
     Link& PeerAt(const Endpoint& address) {
@@ -87,34 +89,35 @@ private:
         return link;
     }
 
-    // From a peer that is known to have it, else from the server, and then at once. Without a server:
-    // when there is one again.
-    void OnLost(uint32_t id) override {
+    // Request the block from a peer that owns it, else from the server as urgent. Without a connection
+    // to the server the block is requested after the next one opens.
+    void OnFetchFailed(uint32_t id) override {
         if (Link* const peer = LinkOf(GetBlock(id)->GetOwner()))
-            Ask(*peer, id, FROM_PEERS);
+            Request(*peer, id, FROM_PEERS);
         else if (m_source)
-            Ask(*m_source, id, URGENT);
+            Request(*m_source, id, URGENT);
     }
 
     void OnComplete(IFMBlock& block) override {
         if (m_source)
             m_source->Send(Kind::OWN, Pack(block.GetBlockID()));
+        Copy(block);
         if (m_have == m_count)
-            WriteOut();
+            std::cout << "complete" << std::endl;
     }
 
-    void WriteOut() {
-        std::ofstream output(m_options.file, std::ios::binary | std::ios::trunc);
-        for (uint32_t id = 1; id <= m_count; ++id) {
-            CRtMessageChain bytes; // waits for the disk if it must
-            Must(GetBlock(id)->ReadData(0, LengthOf(id), RtReceive(bytes)),
-                 "a block cannot be read");
-            output.write(bytes->GetTopLevelReadPtr(), bytes->GetTopLevelLength());
-        }
-        if (!output.flush())
+    // Block by block: writing the whole file at the end would stop the loop for seconds, and peers would
+    // close their connections to a node that does not answer.
+    void Copy(IFMBlock& block) {
+        CRtMessageChain bytes;
+        ThrowIfFailed(block.ReadData(0, block.GetTotalLen(), RtReceive(bytes)), "ReadData failed");
+        m_copy.seekp(static_cast<std::streamoff>(block.GetBlockID() - 1) * BLOCK_LEN);
+        m_copy.write(bytes->GetTopLevelReadPtr(), bytes->GetTopLevelLength());
+        if (!m_copy.flush())
             throw std::runtime_error("cannot write " + m_options.file);
-        std::cout << "complete" << std::endl;
     }
+
+    std::ofstream m_copy;
 };
 
 } // namespace

@@ -1,13 +1,15 @@
-// One node of the demonstration conference. What it prints is for the program that starts it:
+// One node of the demonstration conference. It prints lines for the program that starts it:
 //
-//   port N             where it listens
-//   file ID            server: the file of this conference
-//   progress HAVE COUNT OTHERS PEERS SENT MEMORY
-//                      blocks; bytes from the server (server: from the presenter), from peers, sent,
-//                      and of the cache in memory
-//   complete           client: the file is written
-//   statistics TEXT    the file manager's, at the stop
-//   event TEXT         for people
+//   port N             TCP port on which it listens
+//   file ID            server: identifier of the file of this conference
+//   block ID ORIGIN    a block is complete; ORIGIN is "peer" or "source" (the server; for the server
+//                      itself the presenter)
+//   progress HAVE COUNT SOURCE PEERS SENT MEMORY
+//                      complete blocks and all blocks; bytes received from the source and from peers,
+//                      bytes sent, bytes of resident blocks
+//   complete           client: the copy of the file is written
+//   statistics TEXT    of the file manager, when the node stops
+//   event TEXT         a message for people
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <iostream>
@@ -17,7 +19,7 @@
 
 namespace {
 
-// The file manager logs how it went when it stops; the demonstration shows that line.
+// UnInitialize logs the statistics of the file manager; the demonstration shows that line.
 void ShowStatistics(void*, int level, const char* text) {
     constexpr std::string_view wanted = "CFileManager::UnInitialize, statistics ";
     if (const std::string_view line(text); line.starts_with(wanted))
@@ -34,12 +36,12 @@ void Run(const Options& options) {
     asio::io_context loop;
     asio::signal_set signals(loop, SIGINT, SIGTERM);
     signals.async_wait([&loop](std::error_code, int) { loop.stop(); });
-    // A client begins with an empty cache and leaves none; a server keeps its files for a week.
-    Cache cache(loop, options.dir, isServer ? 7 : 0, isServer);
-    const std::unique_ptr<Node> node = make(loop, cache, options); // goes first, then the cache
+    // Files are kept for seven days on a server and with --keep; 0 clears the cache at start and end.
+    Cache cache(loop, options.dir, isServer || options.keep ? 7 : 0, isServer);
+    const std::unique_ptr<Node> node = make(loop, cache, options); // is destroyed before the cache
     loop.run();
     signals.clear();
-    for (const int second : {SIGINT, SIGTERM}) // must not cut short what is still to be stored
+    for (const int second : {SIGINT, SIGTERM}) // a second signal must not interrupt pending stores
         std::signal(second, SIG_IGN);
     node->ShowProgress();
     RtSetLogSink(&ShowStatistics, nullptr, RT_LOG_TRACE);
@@ -49,18 +51,25 @@ void Run(const Options& options) {
 
 int main(int argc, char** argv) {
     Options options;
-    CLI::App app("One node of a conference: keeps and passes on the blocks of one file.");
-    app.add_option("role", options.role)
+    CLI::App app(
+        "Runs one node of a demonstration conference. The nodes exchange the blocks of one file\n"
+        "over TCP on this machine. The presenter offers the file, the server stores it, and the\n"
+        "clients fetch it from the server and from each other. SIGTERM or SIGINT stops a node.\n"
+        "scripts/demo starts a whole conference.");
+    app.add_option("role", options.role, "the part that this node plays")
         ->required()
         ->check(CLI::IsMember({"server", "presenter", "client"}));
-    app.add_option("--port", options.port, "the server's port")->required();
-    app.add_option("--dir", options.dir, "the directory of the cache")->required();
-    app.add_option("--file", options.file, "presenter: the file; client: where it goes in the end");
-    app.add_option("--id", options.id, "server: the file to open from its store");
-    app.add_option("--index", options.index, "client: its number, from 0");
-    app.add_option("--clients", options.clients, "client: how many there are")
+    app.add_option("--port", options.port, "TCP port of the server")->required();
+    app.add_option("--dir", options.dir, "data directory of the cache")->required();
+    app.add_option("--file", options.file,
+                   "presenter: the file to offer; client: where to write the copy");
+    app.add_option("--id", options.id, "server: identifier of a cached file to open at the start");
+    app.add_option("--index", options.index, "client: its number, counted from 0");
+    app.add_option("--clients", options.clients, "client: number of clients in the conference")
         ->check(CLI::Range(1, 100));
-    app.add_option("--rate", options.rate, "bytes per second that it sends at most, on average");
+    app.add_flag("--keep", options.keep, "client: leave the cache on disk at the end");
+    app.add_option("--rate", options.rate, "highest send rate in bytes per second")
+        ->check(CLI::PositiveNumber);
     CLI11_PARSE(app, argc, argv);
     try {
         Run(options);

@@ -4,6 +4,8 @@
 #include <iostream>
 #include <list>
 #include <ranges>
+#include <utility>
+#include <vector>
 
 using asio::ip::tcp;
 using namespace std::chrono_literals;
@@ -13,66 +15,73 @@ namespace {
 constexpr uint32_t HELLO_MAGIC = 0x434E4643;
 constexpr auto TICK = 20ms;
 constexpr uint32_t TICKS_PER_PROGRESS = 10;
-constexpr uint32_t TICKS_PER_CONNECT = 50; // a node that the server refuses is no burden
-constexpr auto SILENCE_MAX = 3s;
-constexpr size_t IN_TURN = 4;                   // blocks that a link gets at a time
-constexpr uint64_t BACKLOG_WANTED = 256 * 1024; // keeps a connection busy
+constexpr uint32_t TICKS_PER_CONNECT = 50; // 1 s: a node that the server rejects causes little load
+// 10 s. A node that ends closes its connection, so only one that hangs reaches this limit. The unit is
+// the tick, not the clock: a node that was not scheduled for a while, or waited for its disk, first
+// reads what its sockets hold before it blames another node.
+constexpr uint32_t TICKS_WITHOUT_PIECE_MAX = 500;
+constexpr size_t TRANSFERS_INTERLEAVED = 4;     // blocks that a link sends at a time
+constexpr uint64_t BACKLOG_WANTED = 256 * 1024; // bytes; enough to keep a connection busy
+constexpr double BURST_SECONDS = 0.1;           // of the send rate
 
 void CheckInfo(const FMFileInfo& info) {
     Check(!(info.fileID == FMFileID_None) && info.blockBeg == 1 && info.name.size() <= 255,
-          "a file that is none");
-    Check(info.userValue > 0 && info.userValue <= FILE_LEN_MAX, "not a file of 1 byte to 1 GiB");
+          "invalid file description");
+    Check(info.userValue > 0 && info.userValue <= FILE_LEN_MAX,
+          "file length outside 1 byte to 1 GiB");
 }
 
 } // namespace
 
 Node::Node(asio::io_context& loop, Cache& cache, Options options)
     : m_cache(cache), m_options(std::move(options)), m_acceptor(loop), m_ticker(loop) {
-    asio::post(loop, [this] { Tick(); }); // once the role is there
+    asio::post(loop, [this] { Tick(); }); // runs after the constructor of the role
 }
 
-Node::~Node() { LetGo(); }
+Node::~Node() { CloseFile(); }
 
 // --- The file -----------------------------------------------------------------------------------
 
-void Node::TakeFile(CRtMessageBlock& body) {
+void Node::AcceptFile(CRtMessageBlock& body) {
     FMFileInfo info;
-    Check(RT_SUCCEEDED(info.DecodeFileInfo(body)), "a malformed file");
+    Check(RT_SUCCEEDED(info.DecodeFileInfo(body)), "malformed file description");
     CheckEnd(body);
-    info.flag = 0; // how it is kept is this node's own affair
+    info.flag = 0; // each node decides how long it keeps its copy
     if (!m_file)
         Create(info);
-    Check(m_file->GetFileInfo().fileID == info.fileID, "another file than before");
-    Check(m_file->GetFileInfo().userValue == info.userValue, "a file of another length");
+    Check(m_file->GetFileInfo().fileID == info.fileID, "identifier of another file");
+    Check(m_file->GetFileInfo().userValue == info.userValue, "length of another file");
 }
 
 void Node::Create(const FMFileInfo& info) {
     CheckInfo(info);
     FileRef file;
-    Must(m_cache.Manager().CreateFile(file.Receive(), info), "no room for a file");
-    Use(std::move(file));
+    ThrowIfFailed(m_cache.Manager().CreateFile(file.Receive(), info), "CreateFile failed");
+    UseFile(std::move(file));
 }
 
 void Node::SendFile(Link& link) {
     CRtMessageChain body = MakeBuffer(FIELDS_LEN_MAX);
-    Must(m_file->GetFileInfo().EncodeFileInfo(*body), "a file that no frame can hold");
+    ThrowIfFailed(m_file->GetFileInfo().EncodeFileInfo(*body),
+                  "file description too long for a frame");
     link.Send(Kind::OFFER, std::move(body));
 }
 
-void Node::Use(FileRef file) {
+void Node::UseFile(FileRef file) {
     const FMFileInfo& info = file->GetFileInfo();
-    CheckInfo(info); // a stored one can be of any kind
-    Must(m_cache.Manager().AttachFile(info.fileID), "a file that is not open");
+    CheckInfo(info); // the store of the server may hold files of other programs
+    ThrowIfFailed(m_cache.Manager().AttachFile(info.fileID), "AttachFile failed");
     m_file = std::move(file);
     m_count = (info.userValue + BLOCK_LEN - 1) / BLOCK_LEN;
     for (uint32_t id = 1; id <= m_count; ++id) {
         const BlockRef block = GetBlock(id);
-        Check(!block->IsComplete() || block->GetTotalLen() == LengthOf(id), "blocks of no use");
+        Check(!block->IsComplete() || block->GetTotalLen() == LengthOf(id),
+              "stored block of another length");
         m_have += block->IsComplete() ? 1 : 0;
     }
 }
 
-void Node::LetGo() {
+void Node::CloseFile() {
     if (!m_file)
         return;
     for (const auto& [key, link] : m_links) {
@@ -83,8 +92,8 @@ void Node::LetGo() {
     BlockRef block;
     for (uint32_t id = 1; id <= m_count; ++id)
         if (RT_SUCCEEDED(m_file->GetBlock(block.Receive(), id, 0)))
-            block->CancelReadData(this); // a sink has to live until it is called or cancelled
-    m_cache.Manager().DetachFile(m_file->GetFileInfo().fileID); // the last use: closes the file
+            block->CancelReadData(this); // a sink must live until it is called or cancelled
+    m_cache.Manager().DetachFile(m_file->GetFileInfo().fileID); // the last detach closes the file
     m_file.Reset();
     m_fetches.clear();
     m_count = m_have = 0;
@@ -94,16 +103,16 @@ uint32_t Node::LengthOf(uint32_t id) const {
     return std::min(BLOCK_LEN, m_file->GetFileInfo().userValue - (id - 1) * BLOCK_LEN);
 }
 
-uint32_t Node::TakeBlockID(CRtMessageBlock& body) const {
+uint32_t Node::ReadBlockID(CRtMessageBlock& body) const {
     uint32_t id = 0;
-    Take(body, id);
-    Check(id >= 1 && id <= m_count, "a block that the file does not have");
+    ReadFields(body, id);
+    Check(id >= 1 && id <= m_count, "block number outside the file");
     return id;
 }
 
 BlockRef Node::GetBlock(uint32_t id) {
     BlockRef block;
-    Must(m_file->GetBlock(block.Receive(), id, 1), "no room for a block");
+    ThrowIfFailed(m_file->GetBlock(block.Receive(), id, 1), "GetBlock failed");
     return block;
 }
 
@@ -117,7 +126,7 @@ void Node::Listen(uint16_t port) {
     std::cout << "port " << m_listenPort << std::endl;
 }
 
-// Called by the clock, so that an accept that fails, for want of descriptors for instance, cannot spin.
+// Called by the tick, so that an accept that fails with EMFILE cannot spin.
 void Node::Accept() {
     for (std::error_code error; m_links.size() < LINKS_MAX;) {
         tcp::socket socket = m_acceptor.accept(error);
@@ -125,9 +134,10 @@ void Node::Accept() {
             return;
         AddLink(std::move(socket)).Open();
     }
-    // All places are taken: who has been idle the longest makes room for the next one.
+    // LINKS_MAX is reached: close the link that was idle for the longest time.
     const auto used = [](const auto& each) { return each.second->used; };
-    std::ranges::min_element(m_links, {}, used)->second->Close("others wait for its place");
+    std::ranges::min_element(m_links, {}, used)
+        ->second->Close("too many connections, and this one was idle");
 }
 
 Link& Node::AddLink(tcp::socket socket) {
@@ -151,35 +161,36 @@ Link* Node::LinkOf(const ISDUser* member) {
     return nullptr;
 }
 
-// Not IFMFile::CancelRetrieve for the owners too: it tells blocks that the node never owned as well.
-void Node::Disown(Link& link, uint32_t id) {
+// IFMFile::CancelRetrieve could remove the owner from all blocks, but it also notifies blocks that the
+// node never owned.
+void Node::RemoveOwner(Link& link, uint32_t id) {
     if (link.owns.erase(id))
         GetBlock(id)->SetOwner(link.member.Get(), 0);
 }
 
 void Node::OnClosed(Link& link, const std::string& why) {
     const auto ended = m_links.extract(&link);
-    link.transfers.clear(); // an operation under way keeps the link, which need not keep blocks
+    link.transfers.clear(); // a pending operation may keep the link alive; release its blocks now
     if (!why.empty())
-        std::cout << "event a link ends: " << why << std::endl;
+        std::cout << "event connection closed: " << why << std::endl;
     if (m_source == &link)
         m_source = nullptr;
     while (!link.owns.empty())
-        Disown(link, *link.owns.begin());
+        RemoveOwner(link, *link.owns.begin());
     if (m_file && link.member)
         m_file->CancelRetrieve(link.member.Get(), 0);
-    for (const auto& [id, fetch] : std::map(m_fetches)) { // a copy: OnLost asks elsewhere
+    for (const auto& [id, fetch] : std::map(m_fetches)) { // a copy: OnFetchFailed adds fetches
         if (fetch.from == &link) {
             m_fetches.erase(id);
-            OnLost(id);
+            OnFetchFailed(id);
         }
     }
 }
 
-// --- What arrives -------------------------------------------------------------------------------
+// --- Frames -------------------------------------------------------------------------------------
 
 void Node::OnFrame(Link& link, Kind kind, CRtMessageBlock& body) {
-    Check(!link.member == (kind == Kind::HELLO), "no greeting, or a second one");
+    Check(!link.member == (kind == Kind::HELLO), "HELLO missing or repeated");
     if (kind == Kind::HELLO)
         return OnHello(link, body);
     if (kind == Kind::WANT)
@@ -192,67 +203,71 @@ void Node::OnFrame(Link& link, Kind kind, CRtMessageBlock& body) {
 void Node::OnHello(Link& link, CRtMessageBlock& body) {
     uint32_t magic = 0;
     uint16_t port = 0;
-    Take(body, magic, port);
+    ReadFields(body, magic, port);
     CheckEnd(body);
-    Check(magic == HELLO_MAGIC, "a greeting of another kind");
+    Check(magic == HELLO_MAGIC, "HELLO of another protocol");
     link.member = new Member(++m_members, {link.GetAddress(), port});
 }
 
 // --- Fetching -----------------------------------------------------------------------------------
 
-void Node::Ask(Link& link, uint32_t id, uint32_t pri) {
-    m_fetches.insert_or_assign(id, Fetch{&link, pri});
+void Node::Request(Link& link, uint32_t id, uint32_t pri) {
+    m_fetches.insert_or_assign(id, Fetch{&link, pri, m_ticks});
     link.Send(Kind::WANT, Pack(id, pri));
 }
 
 void Node::OnPiece(Link& link, CRtMessageBlock& body) {
-    const uint32_t id = TakeBlockID(body);
+    const uint32_t id = ReadBlockID(body);
     const auto fetch = m_fetches.find(id);
-    Check(fetch != m_fetches.end() && fetch->second.from == &link, "a piece that nobody asked for");
+    Check(fetch != m_fetches.end() && fetch->second.from == &link,
+          "piece of a block that was not requested");
     const BlockRef block = GetBlock(id);
     uint32_t pos = 0;
-    Take(body, pos);
-    Check(pos == fetch->second.pos, "a piece out of order");
+    ReadFields(body, pos);
+    Check(pos == fetch->second.pos, "piece out of order");
     const auto length = static_cast<uint32_t>(body.GetChainedLength());
-    Check(length == std::min(PIECE_LEN, LengthOf(id) - pos), "a piece of another length");
-    // Position 0 begins the block, also one that somebody else left half done.
-    Check(RT_SUCCEEDED(block->WriteData(LengthOf(id), pos, &body)), "a piece that cannot be kept");
+    Check(length == std::min(PIECE_LEN, LengthOf(id) - pos), "piece of wrong length");
+    // Position 0 restarts the block, even if another node sent a part of it before.
+    Check(RT_SUCCEEDED(block->WriteData(LengthOf(id), pos, &body)), "piece rejected by WriteData");
     body.AdvanceTopLevelReadPtr(length);
     fetch->second.pos += length;
     fetch->second.postponed = false;
-    link.heard = link.used = Clock::now();
-    (link.peer.port() ? m_fromPeers : m_fromOthers) += length;
+    link.lastPiece = m_ticks;
+    link.used = Clock::now();
+    const bool isPeer = link.peer.port() != 0;
+    (isPeer ? m_fromPeers : m_fromOthers) += length;
     if (!block->IsComplete())
         return;
-    m_fetches.erase(fetch); // the block is on its way to the disk, and can be read already
+    m_fetches.erase(fetch); // a complete block can be read while its store is pending
     ++m_have;
+    std::cout << "block " << id << (isPeer ? " peer\n" : " source\n");
     OnComplete(*block);
-    Answer(*block);
+    AnswerRequests(*block);
 }
 
 // --- Serving ------------------------------------------------------------------------------------
 
 void Node::OnWant(Link& link, CRtMessageBlock& body) {
-    const uint32_t id = TakeBlockID(body);
+    const uint32_t id = ReadBlockID(body);
     uint32_t pri = 0;
-    Take(body, pri);
+    ReadFields(body, pri);
     CheckEnd(body);
     if (!link.wants.insert(id).second)
-        return; // the answer is on its way
+        return; // already being answered
     const BlockRef block = GetBlock(id);
     block->AddRetrieve(link.member.Get(), pri);
-    if (!AnswerOne(*block, block->GetRetrieves().back()))
+    if (!AnswerRequest(*block, block->GetRetrieves().back()))
         link.Send(Kind::NOT_YET, Pack(id));
 }
 
-void Node::Answer(IFMBlock& block) {
-    // A copy: a request that is answered leaves the block's list.
+void Node::AnswerRequests(IFMBlock& block) {
+    // A copy: AnswerRequest removes requests from the list of the block.
     for (const FMRetrieveItem& retrieve : std::list(block.GetRetrieves()))
-        AnswerOne(block, retrieve);
+        AnswerRequest(block, retrieve);
 }
 
-// Answers whether there was something to give. If not, a server keeps the request.
-bool Node::AnswerOne(IFMBlock& block, FMRetrieveItem retrieve) {
+// Returns whether the request was answered. If it was not, a server keeps it.
+bool Node::AnswerRequest(IFMBlock& block, FMRetrieveItem retrieve) {
     Link& link = *LinkOf(retrieve.m_userNode.Get());
     const int type = Decide(link, block, retrieve);
     if (type == FM_RETRIEVE_NOT_YET)
@@ -267,18 +282,17 @@ bool Node::AnswerOne(IFMBlock& block, FMRetrieveItem retrieve) {
     return type != FM_RETRIEVE_CLIENT_NOT_YET;
 }
 
-// The first few transfers of a link share it, a piece each in turn, as fast as the connection takes them.
+// The first TRANSFERS_INTERLEAVED transfers of a link send one piece each, round-robin, until the
+// connection or the send rate is saturated.
 void Node::SendPieces(Link& link) {
     std::deque<Transfer>& queue = link.transfers;
     while (!queue.empty()) {
-        const std::chrono::duration<double> elapsed = Clock::now() - m_start;
-        if (link.GetBacklog() >= BACKLOG_WANTED ||
-            static_cast<double>(m_sent) > m_options.rate * elapsed.count())
-            return; // goes on when the connection, or the clock, lets it
-        auto first = queue | std::views::take(IN_TURN);
+        if (link.GetBacklog() >= BACKLOG_WANTED || m_sendBudget <= 0)
+            return; // continues in OnSent or in Tick
+        auto first = queue | std::views::take(TRANSFERS_INTERLEAVED);
         const auto next = std::ranges::min_element(first, {}, &Transfer::pos);
-        if (!next->block->IsInMemory()) // from the disk, without waiting: OnBlockDataReady goes on
-            return Must(next->block->ReadData(this), "a block cannot be loaded");
+        if (!next->block->IsInMemory()) // load without waiting; OnBlockDataReady continues
+            return ThrowIfFailed(next->block->ReadData(this), "ReadData failed");
         SendPiece(link, *next);
         if (next->pos < next->block->GetTotalLen())
             continue;
@@ -290,52 +304,69 @@ void Node::SendPieces(Link& link) {
 void Node::SendPiece(Link& link, Transfer& transfer) {
     const BlockRef& block = transfer.block;
     const uint32_t length = std::min(PIECE_LEN, block->GetTotalLen() - transfer.pos);
-    CRtMessageChain view; // of the block's own memory: no byte is copied on the way to the socket
-    Must(block->ReadData(transfer.pos, length, RtReceive(view)), "a block cannot be read");
+    CRtMessageChain
+        view; // shares the buffer of the block: no byte is copied on the way to the socket
+    ThrowIfFailed(block->ReadData(transfer.pos, length, RtReceive(view)), "ReadData failed");
     CRtMessageChain body = Pack(block->GetBlockID(), transfer.pos);
     body->Append(std::move(view));
     link.Send(Kind::PIECE, std::move(body));
     transfer.pos += length;
     m_sent += length;
+    m_sendBudget -= length;
     link.used = Clock::now();
 }
 
-// The library calls; what throws must not pass through it. A product would not end with a damaged disk:
-// it would remove the block from the file and fetch it again.
+// An exception must not pass through the library, so the handler runs from the loop. A product would not
+// end when a load fails: it would remove the block from the file and fetch it again.
 void Node::OnBlockDataReady(IFMBlock*, int aResult) {
     asio::post(m_acceptor.get_executor(), [this, aResult] {
-        Must(aResult, "a block cannot be loaded");
-        for (const auto& [key, link] : m_links)
-            SendPieces(*link);
+        ThrowIfFailed(aResult, "loading a block failed");
+        SendToAll();
     });
 }
 
-// --- The clock ----------------------------------------------------------------------------------
+// --- Tick ---------------------------------------------------------------------------------------
 
 void Node::Tick() {
-    if (m_options.role != "server" && !m_source && m_ticks % TICKS_PER_CONNECT == 0) {
+    if (m_options.role != "server" && !m_source && m_ticks >= m_connectTick && IsReady()) {
+        m_connectTick = m_ticks + TICKS_PER_CONNECT;
         m_source = &Connect({asio::ip::address_v4::loopback(), m_options.port});
         OnSource(*m_source);
     }
     if (m_acceptor.is_open())
         Accept();
-    CloseSilent();
-    for (const auto& [key, link] : m_links)
-        SendPieces(*link);
+    CloseUnresponsive();
+    // Time that was not used does not accumulate: a node that waited must not send a large burst.
+    const Clock::time_point now = Clock::now();
+    const std::chrono::duration<double> elapsed = now - std::exchange(m_budgetTime, now);
+    m_sendBudget += m_options.rate * elapsed.count();
+    m_sendBudget = std::min(m_sendBudget, m_options.rate * BURST_SECONDS);
+    SendToAll();
     OnTick();
     if (m_ticks++ % TICKS_PER_PROGRESS == 0)
         ShowProgress();
     m_ticker.expires_after(TICK);
-    // Nothing cancels it while the loop runs.
+    // The timer is not cancelled while the loop runs.
     m_ticker.async_wait([this](std::error_code) { Tick(); });
 }
 
-// Who was asked for blocks has to send a piece, of whichever, within SILENCE_MAX.
-void Node::CloseSilent() {
-    const auto oldest = Clock::now() - SILENCE_MAX;
-    for (const auto& [id, fetch] : m_fetches)
-        if (!fetch.postponed && std::max(fetch.since, fetch.from->heard) < oldest)
-            fetch.from->Close("a node that is silent");
+// The least recently used link first: a low send rate is then shared by all links.
+void Node::SendToAll() {
+    std::vector<Link*> links;
+    for (const auto& [key, link] : m_links)
+        links.push_back(link.get());
+    std::ranges::sort(links, {}, &Link::used);
+    for (Link* const link : links)
+        SendPieces(*link);
+}
+
+// A node that was asked for blocks must send a piece of any of them within TICKS_WITHOUT_PIECE_MAX.
+void Node::CloseUnresponsive() {
+    for (const auto& [id, fetch] : m_fetches) {
+        const uint64_t last = std::max(fetch.since, fetch.from->lastPiece);
+        if (!fetch.postponed && m_ticks - last > TICKS_WITHOUT_PIECE_MAX)
+            fetch.from->Close("no piece arrived for too long");
+    }
 }
 
 void Node::ShowProgress() {

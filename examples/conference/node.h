@@ -1,5 +1,5 @@
-// What the three roles have in common: links to other nodes, serving blocks to those who want them, and
-// fetching blocks from those who have them. Everything runs on the loop's thread, which is number 3.
+// The base of the three roles: keeps links to other nodes, serves blocks that they request and fetches
+// blocks from them. Everything runs on the loop's thread, which is the caller thread.
 #pragma once
 
 #include <map>
@@ -19,27 +19,28 @@ constexpr size_t LINKS_MAX = 256;
 
 struct Options {
     std::string role;     ///< server, presenter or client
-    std::string dir;      ///< where the cache lies
-    std::string file;     ///< presenter: the file to show; client: where it goes in the end
-    std::string id;       ///< server: the file to open from its store at the start
-    uint16_t port = 0;    ///< the server's
-    uint32_t index = 0;   ///< client: its number, from 0; fixes its share of urgent requests
-    uint32_t clients = 1; ///< client: how many share the file like that
-    double rate = 1e12;   ///< bytes per second, on average since the start, that it sends at most
+    std::string dir;      ///< data directory of the cache
+    std::string file;     ///< presenter: the file to send; client: the copy to write
+    std::string id;       ///< server: the cached file to open at the start
+    uint16_t port = 0;    ///< TCP port of the server
+    uint32_t index = 0;   ///< client: its number, from 0; selects the blocks that it requests first
+    uint32_t clients = 1; ///< client: number of clients, which divide the first requests
+    bool keep = false;    ///< client: leave the cache on disk at the end
+    double rate = 1e12;   ///< highest send rate in bytes per second
 };
 
-/// Another node as the file manager sees it. A value and no more: blocks hold references on it, and the
-/// last one may go on the read/write thread, where a socket could not be closed. A block counts and finds
-/// it by what IsP2P, IsPublic and GetIP answer, so they never change.
+/// Another node as the file manager sees it. It holds values only: blocks keep references to it, and the
+/// last one may be released on the read/write thread, which must not close a socket. A block counts and
+/// finds its owners by IsP2P, IsPublic and GetIP, so these results never change.
 class Member final : public CRtCounted<ISDUser> {
 public:
-    /// `at`: where peers can fetch from it; with port 0 they cannot.
+    /// `at`: the address that peers fetch from; port 0 means that the node does not serve peers.
     Member(uint32_t number, const Endpoint& at)
         : m_sid(number), m_ip(at.address().to_v4().to_uint()),
           m_address(SDAddress{CRtString(at.address().to_string()), at.port()}) {}
     const CTavoSID& GetNodeSID() override { return m_sid; }
     int IsP2P() override { return m_address.m_port != 0; }
-    int IsPublic() override { return 0; } // all are on this machine
+    int IsPublic() override { return 0; } // every node runs on this machine
     uint32_t GetAddressTag() override { return m_sid.GetHashValue(); }
     uint32_t GetIP() override { return m_ip; }
     const SDAddress& GetAddress() override { return m_address; }
@@ -57,13 +58,14 @@ public:
     void ShowProgress();
 
 protected:
-    // What a role adds.
+    // Overridden by the roles.
     virtual void OnRoleFrame(Link& link, Kind kind, CRtMessageBlock& body) = 0;
-    virtual void OnSource(Link&) {} // the server, on its way to be connected
+    virtual bool IsReady() const { return true; } ///< false: do not connect to the server yet
+    virtual void OnSource(Link&) {}               ///< a connection to the server was started
     virtual void OnComplete(IFMBlock&) {}
-    virtual void OnLost(uint32_t) {} // that block will not come from where it was asked for
+    virtual void OnFetchFailed(uint32_t) {} ///< the link that the block was requested from closed
     virtual void OnTick() {}
-    /// Which answer a request gets, an FMRetrieveType. With FM_RETRIEVE_PEERS it has been given.
+    /// The answer to a request, an FMRetrieveType. For FM_RETRIEVE_PEERS the override has sent it.
     virtual int Decide(Link&, IFMBlock& block, const FMRetrieveItem& retrieve) {
         return block.GetRetrieveType(retrieve);
     }
@@ -71,40 +73,42 @@ protected:
     void Listen(uint16_t port);
     Link& Connect(const Endpoint& address);
     Link* LinkOf(const ISDUser* member);
-    void Disown(Link& link, uint32_t id);
-    /// The file of this conference from now on. Its `userValue` is its length in bytes.
-    void Use(FileRef file);
+    void RemoveOwner(Link& link, uint32_t id);
+    /// Sets the file of this conference. Its `userValue` is its length in bytes.
+    void UseFile(FileRef file);
     void Create(const FMFileInfo& info);
-    /// Takes the description of a file: of a new one when there is none yet, else of the same.
-    void TakeFile(CRtMessageBlock& body);
+    /// Reads the description of a file from `body`. Creates the file if the node has none; otherwise the
+    /// description must be that of the current file.
+    void AcceptFile(CRtMessageBlock& body);
     void SendFile(Link& link);
-    /// Ends the use of the file, if there is one.
-    void LetGo();
-    uint32_t TakeBlockID(CRtMessageBlock& body) const;
+    /// Closes the file; a no-op without one.
+    void CloseFile();
+    uint32_t ReadBlockID(CRtMessageBlock& body) const;
     uint32_t LengthOf(uint32_t id) const;
     BlockRef GetBlock(uint32_t id);
-    bool IsLacking(uint32_t id) { return !m_fetches.contains(id) && !GetBlock(id)->IsComplete(); }
-    /// Answers whom it can of those who asked for the block.
-    void Answer(IFMBlock& block);
-    void Ask(Link& link, uint32_t id, uint32_t pri);
+    bool IsMissing(uint32_t id) { return !m_fetches.contains(id) && !GetBlock(id)->IsComplete(); }
+    /// Answers every request for the block that can be answered now.
+    void AnswerRequests(IFMBlock& block);
+    void Request(Link& link, uint32_t id, uint32_t pri);
 
     struct Fetch {
         Link* from;
         uint32_t pri;
-        Clock::time_point since = Clock::now();
-        bool postponed = false; ///< the server has said that it does not have it yet
-        uint32_t pos = 0;       ///< of the next piece
+        uint64_t since;         ///< tick of the request
+        bool postponed = false; ///< the server answered that it does not have the block yet
+        uint32_t pos = 0;       ///< position of the next piece
     };
 
     Cache& m_cache;
     const Options m_options;
     FileRef m_file;
-    uint32_t m_count = 0; ///< blocks of the file, numbered from 1
-    uint32_t m_have = 0;
-    std::map<uint32_t, Fetch> m_fetches; ///< blocks that somebody was asked for
+    uint32_t m_count = 0;                ///< blocks of the file, numbered from 1
+    uint32_t m_have = 0;                 ///< complete blocks
+    std::map<uint32_t, Fetch> m_fetches; ///< blocks that were requested and are incomplete
     std::map<const Link*, std::shared_ptr<Link>> m_links;
     uint64_t m_ticks = 0;
-    Link* m_source = nullptr; ///< the server, on a server the presenter; none while it is away
+    Link* m_source =
+        nullptr; ///< link to the server, on a server to the presenter; null without one
 
 private:
     void OnFrame(Link& link, Kind kind, CRtMessageBlock& body) override;
@@ -117,8 +121,9 @@ private:
     Link& AddLink(asio::ip::tcp::socket socket);
     void Accept();
     void Tick();
-    void CloseSilent();
-    bool AnswerOne(IFMBlock& block, FMRetrieveItem retrieve);
+    void CloseUnresponsive();
+    void SendToAll();
+    bool AnswerRequest(IFMBlock& block, FMRetrieveItem retrieve);
     void SendPieces(Link& link);
     void SendPiece(Link& link, Transfer& transfer);
 
@@ -129,7 +134,10 @@ private:
     uint64_t m_fromPeers = 0;
     uint64_t m_fromOthers = 0;
     uint64_t m_sent = 0;
-    const Clock::time_point m_start = Clock::now();
+    uint64_t m_connectTick = 0; ///< earliest tick of the next attempt to connect to the server
+    double m_sendBudget =
+        0; ///< bytes that `rate` allows now; negative after a piece that exceeds it
+    Clock::time_point m_budgetTime = Clock::now();
 };
 
 std::unique_ptr<Node> MakeServer(asio::io_context& loop, Cache& cache, const Options& options);

@@ -1,4 +1,4 @@
-// The presenter shows a file: it puts it into its own cache, and the server takes it from there.
+// The presenter offers a file: it reads the file into its own cache, and the server fetches it from there.
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -7,37 +7,46 @@
 
 namespace {
 
+constexpr std::chrono::milliseconds READ_TIME_MAX(20); ///< per tick
+
 class Presenter final : public Node {
 public:
     Presenter(asio::io_context& loop, Cache& cache, const Options& options)
-        : Node(loop, cache, options) {
+        : Node(loop, cache, options), m_input(options.file, std::ios::binary) {
         const std::filesystem::path path(options.file);
         const uint64_t length = std::filesystem::file_size(path);
         FMFileInfo info;
         CoCreateFMFileID(info.fileID);
         info.name = CRtString(path.filename().string());
-        info.flag = FM_FILE_TEMPORARY; // this copy is of no use to a later run
+        info.flag = FM_FILE_TEMPORARY; // a later run does not need this copy
         info.userValue = static_cast<uint32_t>(std::min<uint64_t>(length, FILE_LEN_MAX + 1));
         info.blockBeg = 1;
         Create(info);
-        std::ifstream input(path, std::ios::binary);
-        std::string bytes(BLOCK_LEN, '\0');
-        for (; m_have < m_count; ++m_have) {
-            const uint32_t id = m_have + 1;
-            if (!input.read(bytes.data(), LengthOf(id)))
-                throw std::runtime_error("cannot read " + options.file);
-            const CRtMessageChain piece = CRtMessageBlock::Wrap(bytes.data(), LengthOf(id));
-            Must(GetBlock(id)->WriteData(LengthOf(id), 0, piece.get()), "cannot cache the file");
-        }
     }
 
 private:
+    // In steps, so that a large file does not stop the loop.
+    void OnTick() override {
+        const Clock::time_point end = Clock::now() + READ_TIME_MAX;
+        for (std::string bytes(BLOCK_LEN, '\0'); m_have < m_count && Clock::now() < end; ++m_have) {
+            const uint32_t id = m_have + 1;
+            if (!m_input.read(bytes.data(), LengthOf(id)))
+                throw std::runtime_error("cannot read " + m_options.file);
+            const CRtMessageChain piece = CRtMessageBlock::Wrap(bytes.data(), LengthOf(id));
+            ThrowIfFailed(GetBlock(id)->WriteData(LengthOf(id), 0, piece.get()),
+                          "WriteData failed");
+        }
+    }
+
+    bool IsReady() const override { return m_have == m_count; }
     void OnSource(Link& link) override { SendFile(link); }
 
     void OnRoleFrame(Link&, Kind kind, CRtMessageBlock& body) override {
-        Check(kind == Kind::OFFER, "a frame that a presenter does not take");
-        TakeFile(body); // the server tells everybody
+        Check(kind == Kind::OFFER, "frame kind that a presenter does not accept");
+        AcceptFile(body); // the server announces the file to every node
     }
+
+    std::ifstream m_input;
 };
 
 } // namespace

@@ -1,5 +1,5 @@
-// The server keeps the shared store: it takes the file from the presenter and answers the others with
-// bytes, with the addresses of peers, or with "not yet".
+// The server owns the shared store: it fetches the file from the presenter and answers clients with
+// pieces, with the addresses of peers, or with NOT_YET.
 #include <iostream>
 #include <utility>
 
@@ -13,12 +13,12 @@ class Server final : public Node {
 public:
     Server(asio::io_context& loop, Cache& cache, const Options& options)
         : Node(loop, cache, options) {
-        if (!options.id.empty()) { // from the store of an earlier run
+        if (!options.id.empty()) { // stored by an earlier run
             FMFileID id;
             FMFileIDFromString(CRtString(options.id), id);
             FileRef file;
-            Must(m_cache.Manager().OpenFile(file.Receive(), id, 1), "the store does not hold it");
-            Use(std::move(file));
+            ThrowIfFailed(m_cache.Manager().OpenFile(file.Receive(), id, 1), "OpenFile failed");
+            UseFile(std::move(file));
         }
         Listen(options.port);
     }
@@ -27,32 +27,32 @@ private:
     void OnRoleFrame(Link& link, Kind kind, CRtMessageBlock& body) override {
         if (kind == Kind::OFFER)
             return OnOffer(link, body);
-        Check(kind == Kind::OWN, "a frame that a server does not take");
+        Check(kind == Kind::OWN, "frame kind that a server does not accept");
         OnOwn(link, body);
     }
 
     void OnOffer(Link& link, CRtMessageBlock& body) {
-        Check(!m_source, "a second presenter");
-        TakeFile(body);
+        Check(!m_source, "a presenter is connected already");
+        AcceptFile(body);
         std::cout << "file " << FMFileIDToString(m_file->GetFileInfo().fileID).c_str() << std::endl;
         m_source = &link;
         for (uint32_t id = 1; id <= m_count; ++id)
-            OnLost(id);
+            OnFetchFailed(id);
     }
 
     void OnOwn(Link& link, CRtMessageBlock& body) {
-        const uint32_t id = TakeBlockID(body);
+        const uint32_t id = ReadBlockID(body);
         CheckEnd(body);
-        Check(link.member->IsP2P(), "an owner that nobody can reach");
+        Check(link.member->IsP2P(), "owner without a port");
         if (!link.owns.insert(id).second)
-            return; // the file manager would count it twice
+            return; // the file manager would count the owner twice
         const BlockRef block = GetBlock(id);
         block->SetOwner(link.member.Get(), 1);
-        Answer(*block);
+        AnswerRequests(*block);
     }
 
-    // This demonstration wants to show peers at work: the bytes of a new block go to urgent requests
-    // only, and the other requests wait for these clients to own it, or for the next round.
+    // The server sends a new block to urgent requests only. Other requests wait until one of these
+    // clients owns the block, or until the next round, so that most blocks travel between peers.
     int Decide(Link& link, IFMBlock& block, const FMRetrieveItem& retrieve) override {
         int type = block.GetRetrieveType(retrieve);
         if (type == FM_RETRIEVE_PEERS && !NamePeers(link, block, retrieve))
@@ -61,15 +61,16 @@ private:
         return type == FM_RETRIEVE_HERE && waits ? FM_RETRIEVE_NOT_YET : type;
     }
 
-    // A file is told of when something of it has come; until then its presenter may be a stranger.
+    // Announce a file after its first block arrived: a connection that offers a file and sends nothing
+    // must not block the conference.
     void OnTick() override {
         if (!m_source && m_have == 0)
-            LetGo();
+            CloseFile();
         for (const auto& [key, link] : m_links)
             if (m_have > 0 && link->member && !std::exchange(link->offered, true))
                 SendFile(*link);
         for (uint32_t id = 1; IsRound() && id <= m_count; ++id)
-            Answer(*GetBlock(id));
+            AnswerRequests(*GetBlock(id));
     }
 
     static bool NamePeers(Link& link, IFMBlock& block, const FMRetrieveItem& retrieve) {
@@ -84,9 +85,9 @@ private:
         return true;
     }
 
-    void OnLost(uint32_t id) override {
-        if (m_source && IsLacking(id))
-            Ask(*m_source, id, 1);
+    void OnFetchFailed(uint32_t id) override {
+        if (m_source && IsMissing(id))
+            Request(*m_source, id, 1);
     }
 
     bool IsRound() const { return m_ticks % TICKS_PER_ROUND == 0; }

@@ -9,10 +9,11 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr uint32_t HEAD_LEN = 6;
-/// Who does not read what it asked for is not listened to either.
+/// A link with more queued bytes stops reading, so a node that sends requests but does not read the
+/// answers cannot exhaust the memory.
 constexpr uint64_t BACKLOG_MAX = 1024 * 1024;
 
-/// A frame's share of the backlog: about the memory that it takes while it waits.
+/// The share of a frame in the backlog: roughly the memory that it uses while it is queued.
 uint64_t CostOf(const CRtMessageBlock& frame) { return 1024 + frame.GetChainedLength(); }
 
 } // namespace
@@ -23,10 +24,10 @@ void Link::Open(const tcp::endpoint& address) {
                        try {
                            if (error)
                                std::rethrow_exception(error);
-                       } catch (const Fault& fault) {
+                       } catch (const ProtocolError& fault) {
                            self->Close(fault.what());
                        } catch (const std::system_error&) {
-                           self->Close(""); // the other end went; all else is this node's failure
+                           self->Close(""); // the connection broke; other exceptions end this node
                        }
                        self->m_user.OnClosed(*self, self->m_why);
                    });
@@ -42,8 +43,8 @@ asio::awaitable<void> Link::Run(tcp::endpoint address) {
         const CRtMessageChain head = co_await Read(HEAD_LEN);
         uint32_t size = 0;
         uint16_t kind = 0;
-        Take(*head, size, kind);
-        Check(size <= FIELDS_LEN_MAX, "a frame that is too long");
+        ReadFields(*head, size, kind);
+        Check(size <= FIELDS_LEN_MAX, "frame too long");
         const CRtMessageChain body = co_await Read(size);
         m_user.OnFrame(*this, Kind{kind}, *body);
         while (m_backlog > BACKLOG_MAX && m_open) {
@@ -71,7 +72,7 @@ void Link::Send(Kind kind, CRtMessageChain body) {
         Write();
 }
 
-// The first frame. Its buffers, views of a block's memory among them, stay until it is sent.
+// Sends the first queued frame, which keeps its buffers (some share memory of a block) until it is sent.
 void Link::Write() {
     if (m_out.empty() || !m_open)
         return;
