@@ -21,10 +21,12 @@ STYLE = """
   .other { fill: #6e7781; stroke: #6e7781; } .own { fill: #1a7f5a; stroke: #1a7f5a; }
   .plain { fill: #c9a227; stroke: #c9a227; } .stem { stroke-width: 2; }
   .line { fill: none; stroke: #1a7f5a; stroke-width: 2; }
+  .value { paint-order: stroke; stroke: #ffffff; stroke-width: 4; }
   @media (prefers-color-scheme: dark) {
     text { fill: #e6edf3; } .small { fill: #9198a1; } .axis { stroke: #3d444d; } .one { stroke: #d9b84a; }
     .other { fill: #9aa4af; stroke: #9aa4af; } .own { fill: #3fb68b; stroke: #3fb68b; }
     .plain { fill: #d9b84a; stroke: #d9b84a; } .line { stroke: #3fb68b; }
+    .value { stroke: #0d1117; }
   }"""
 WIDTH = 860
 
@@ -179,8 +181,10 @@ def short(count):
 
 
 def duration(nanoseconds):
-    return f"{nanoseconds / 1000:.3g} µs" if nanoseconds >= 1000 else f"{nanoseconds:.2g} ns" \
-        if nanoseconds < 100 else f"{nanoseconds:.3g} ns"
+    for unit, size in (("ms", 1e6), ("µs", 1e3)):
+        if nanoseconds >= size:
+            return f"{nanoseconds / size:.3g} {unit}"
+    return f"{nanoseconds:.3g} ns"
 
 
 def whole_decades(values):
@@ -205,8 +209,8 @@ def growth_cell(name, points, left, top):
     parts.append(f'<polyline points="{path}" class="line"/>')
     for (x, y), count in zip(where, counts):
         parts += [dot(x, y, 2.5, "own"), text(x, plot_bottom + 14, short(count), "small", "middle")]
-    parts += [text(where[0][0], where[0][1] - 8, duration(times[0]), "", "start"),
-              text(where[-1][0], where[-1][1] - 8, duration(times[-1]), "", "end"),
+    parts += [text(where[0][0], where[0][1] - 8, duration(times[0]), "value", "start"),
+              text(where[-1][0], min(where[-1][1], where[-2][1]) - 8, duration(times[-1]), "value", "end"),
               text((plot_left + plot_right) / 2, plot_bottom + 28, of_what, "small", "middle")]
     if memory_of:
         parts.append(text(plot_right, top + 28, f"{sizes[-1]:,.0f} bytes per {memory_of}", "small", "end"))
