@@ -7,6 +7,7 @@
 #include <new>
 #include <string>
 
+#include "FMVersion.h"
 #include "failure.h"
 #include "log.h"
 #include "platform.h"
@@ -39,6 +40,7 @@ int Run(int argc, char** argv) {
     Action chosen;
     bool verbose = false;
     app.add_flag("--verbose", verbose, "write the library's log lines to standard error");
+    app.set_version_flag("--version", "fmcache " FILEMANAGER_VERSION, "print the version and exit");
     app.require_subcommand(1);
     app.fallthrough();                      // allows --verbose after the verb
     app.allow_windows_style_options(false); // an argument with a leading slash is a path
