@@ -14,7 +14,7 @@
 ///   after the file is closed. IFileManager::UnInitialize closes all files and returns when everything is
 ///   on disk; an application that exits without it loses files that are still open.
 /// - **Failed stores.** If a store fails, the log has a line, the block stays readable in memory, and each
-///   tick (60 s) retries the store.
+///   tick of the manager's timer (every 60 s) retries the store.
 /// - **Exceptions.** The operations throw nothing. If there is no memory for a block's bytes or for an
 ///   object that is handed out, the result is #RT_ERROR_NULL_OBJECT unless the operation names another.
 ///   Any other allocation failure calls std::terminate; docs/reliability.md says what is on disk then.
@@ -59,7 +59,8 @@ public:
     ///     user's application data folder; on POSIX `$XDG_CACHE_HOME` if absolute, else `.cache` in the
     ///     user's home directory. Without those: get_quillmer_home_dir, else `/opt/quillmer`.
     /// @param clearDays how long a server keeps closed files. Housekeeping runs one minute after the start
-    ///     and then every 24 hours. It removes a file at the age of `clearDays` + 2 days.
+    ///     and then every 24 hours. It removes a file at the age of `clearDays` + 2 days, unless the file is open or
+    ///     flagged #FM_FILE_KEPT.
     ///     With 0, on clients too, the cache is cleared now and in UnInitialize, except what other running
     ///     processes use.
     /// @param isServer non-zero for a server, which keeps up to 512 MiB of blocks in memory before it

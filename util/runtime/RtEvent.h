@@ -17,8 +17,8 @@ public:
 
     /// Does the work, on the queue's thread. It must not throw. The result is ignored.
     virtual int OnEventFire() = 0;
-    /// Called once, after the event has run or instead of running it: on the queue's thread, or on the
-    /// posting thread if the event could not be queued or was withdrawn. The default deletes the event.
+    /// Called once: on the queue's thread after the event has run, or on the thread of the call that could not
+    /// queue it or has withdrawn it. The default deletes the event.
     virtual void OnDestorySelf();
     virtual ~IRtEvent();
 
