@@ -27,8 +27,8 @@ if(FILEMANAGER_SANITIZE)
     add_link_options(-fsanitize=${FILEMANAGER_SANITIZE})
 endif()
 
-# A shared library with a missing symbol should fail here and not at its caller.
-# Some sanitizer runtimes live in the executable, so those builds go without.
+# A missing symbol fails the link of the library, not the link of its callers. Sanitizer builds are excepted,
+# because some sanitizer runtimes are part of the executable.
 set(FILEMANAGER_LINKER_REFUSES_UNDEFINED OFF)
 if(UNIX AND NOT APPLE AND NOT FILEMANAGER_SANITIZE)
     check_linker_flag(CXX LINKER:-z,defs FILEMANAGER_HAS_Z_DEFS)
@@ -44,9 +44,8 @@ endif()
 
 # filemanager_driver(<target>)
 #
-# For what drives the library and is not shipped from this build. Optimizing it,
-# and above all the templates of its headers under the sanitizers, takes most of
-# the compile time and finds nothing.
+# Compiles a program that uses the library, such as a test, without optimization. Under the sanitizers most
+# of the compile time goes into optimizing the templates that such programs instantiate.
 function(filemanager_driver target)
     if(FILEMANAGER_QUICK_DRIVERS AND NOT MSVC)
         target_compile_options(${target} PRIVATE -O0)
@@ -55,11 +54,9 @@ endfunction()
 
 # filemanager_together(<target>)
 #
-# Headers that take most of the time are read once for all sources of a program, by the compiler and by
-# what looks at its compile commands.
+# Compiles the sources of a program as one unit. Most of the compile time, and of clang-tidy's time, goes into
+# headers that these sources share.
 function(filemanager_together target)
-    if(FILEMANAGER_QUICK_DRIVERS)
-        set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 0
-            UNITY_BUILD_CODE_BEFORE_INCLUDE "// NOLINTNEXTLINE(bugprone-suspicious-include)")
-    endif()
+    set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 0
+        UNITY_BUILD_CODE_BEFORE_INCLUDE "// NOLINTNEXTLINE(bugprone-suspicious-include)")
 endfunction()

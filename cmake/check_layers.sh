@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Checks who includes whom, and that system differences stay in the os layer:
+# Checks which layer includes which, and that code for one system stays in util/runtime/os:
 #
-#   util/runtime        nothing but itself
-#   util/h              itself and util/runtime
-#   util/filemanager    util
-#   tools, examples     their own directory and what is installed
+#   util/runtime        includes itself only
+#   util/h              includes itself and util/runtime
+#   util/filemanager    includes util
+#   tools, examples     include their own directory and exported headers
 #
-# Headers that get installed include only headers that get installed too.
+# Exported headers include exported headers only.
 set -euo pipefail
 
 root=${1:?usage: $0 ROOT}
@@ -18,8 +18,8 @@ complain() {
     failures=$((failures + 1))
 }
 
-# Prints the file of the tree that an include names, or nothing. util/filemanager
-# is searched too: a name found only there is a reach into it, however spelled.
+# Prints the file of the tree that an include names, or nothing. util/filemanager is searched, too, so that an
+# include without a directory cannot reach it unnoticed.
 resolve() {
     local from=$1 name=$2 dir
     for dir in "${from%/*}" util/h util/runtime . util util/filemanager util/runtime/os; do
@@ -32,7 +32,7 @@ resolve() {
 
 layer() {
     case $1 in
-        util/runtime/os/RtGuid.h) echo runtime ;; # a type that callers see
+        util/runtime/os/RtGuid.h) echo runtime ;; # exported
         util/runtime/os/*) echo os ;;
         util/runtime/*) echo runtime ;;
         util/h/*) echo shared ;;
@@ -72,7 +72,7 @@ if [ "$files" -eq 0 ]; then
 fi
 
 while IFS=: read -r file line text; do
-    complain "$file" "$line" "system switch outside util/runtime/os/: $text"
+    complain "$file" "$line" "code for one system outside util/runtime/os/: $text"
 done < <(grep -rnE --include='*.h' --include='*.cpp' \
              '^[[:space:]]*#[[:space:]]*(el)?if.*(_WIN32|_WIN64|__linux__|__unix__|__APPLE__)' \
              util tools examples tests bench fuzz 2>/dev/null |
@@ -82,4 +82,4 @@ if [ "$failures" -gt 0 ]; then
     echo "layers: $failures violations in $files files" >&2
     exit 1
 fi
-echo "layers: $files files, none reaches where it must not"
+echo "layers: $files files include their own and lower layers only"

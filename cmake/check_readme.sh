@@ -55,4 +55,4 @@ if [ "$failures" -gt 0 ]; then
     echo "readme: $failures of $links links are wrong" >&2
     exit 1
 fi
-echo "readme: shows the example that is compiled, $links links lead to what they quote"
+echo "readme: the example is the one that is compiled, $links links are right"

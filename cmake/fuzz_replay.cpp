@@ -1,6 +1,5 @@
-// Runs a fuzz target without a fuzzing engine: first every file given, then made
-// up inputs until the time is over. The inputs follow from their number alone,
-// so the number printed on a failure is enough to see it again with --only.
+// Runs a fuzz target without a fuzzing engine: first the given files, then generated inputs until the time is over.
+// The number of a generated input determines its bytes, so --only with the number that a failure prints repeats it.
 #include <algorithm>
 #include <chrono>
 #include <csignal>
@@ -17,7 +16,7 @@
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-// Only sanitizer runtimes define it.
+// Weak, because only the sanitizer runtimes define it.
 extern "C" void __sanitizer_set_death_callback(void (*callback)()) __attribute__((weak));
 
 namespace {
@@ -26,7 +25,7 @@ using Input = std::vector<std::uint8_t>;
 
 constexpr std::size_t kLongest = 4096;
 
-// What to say about the input in hand when the target dies with it.
+// Describes the current input. Printed if the target crashes.
 char g_current[512] = "before the first input";
 
 void sayCurrent() {
@@ -43,7 +42,7 @@ extern "C" void onAbort(int number) {
 
 void feed(const Input& input, const std::string& name) {
     std::snprintf(g_current, sizeof(g_current), "%s", name.c_str());
-    // A copy of the exact size lets the address sanitizer see one byte too far.
+    // A copy of the exact size, so that the address sanitizer detects a read past its end.
     const Input exact(input);
     LLVMFuzzerTestOneInput(exact.data(), exact.size());
 }
@@ -122,7 +121,7 @@ int main(int argc, char** argv) {
         }
     }
 
-    // A directory lists its files in any order, and made up inputs begin with one of them by its number.
+    // Sorted, because the number of a generated input selects one of the files.
     std::sort(files.begin(), files.end());
     if (&__sanitizer_set_death_callback != nullptr) {
         __sanitizer_set_death_callback(sayCurrent);
@@ -142,7 +141,7 @@ int main(int argc, char** argv) {
     }
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     std::uint64_t number = 0;
-    // The clock is asked after an input, so at least one always runs.
+    // The time is checked after an input, so that at least one runs.
     do {
         feed(makeInput(number, seeds), "--only " + std::to_string(number));
         ++number;

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs a Windows program under Wine, with two drives: C:, in a directory that is made at the first use,
-# and Z:, this tree. Nothing of the machine lies on a drive but this.
+# Runs a Windows program under Wine with two drives: C: is a directory that the first use creates, Z: is this tree.
+# No other file of the machine is on a drive.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)

@@ -30,7 +30,12 @@ TEST_P(Kill, AtEveryOperation) {
     std::cout << plan.nth / STRIDE << " kills\n";
 }
 
-INSTANTIATE_TEST_SUITE_P(Crash, Kill, testing::Values(KILL_BEFORE, KILL_HALFWAY, KILL_AFTER));
+INSTANTIATE_TEST_SUITE_P(Crash, Kill, testing::Values(KILL_BEFORE, KILL_HALFWAY, KILL_AFTER),
+                         [](const auto& kill) {
+                             return kill.param == KILL_BEFORE    ? "Before"
+                                    : kill.param == KILL_HALFWAY ? "Halfway"
+                                                                 : "After";
+                         });
 
 TEST(Crash, AtRandomMoments) {
     std::mt19937 random(20261123);

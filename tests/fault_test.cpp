@@ -23,7 +23,6 @@ struct Fault {
     Action action;
     int error;
 };
-void PrintTo(const Fault& fault, std::ostream* out) { *out << fault.name; }
 
 constexpr Fault FAULTS[] = {
     {"OpenNoDescriptor", OPEN, FAIL, EMFILE}, {"OpenNoPermission", OPEN, FAIL, EACCES},
@@ -37,6 +36,11 @@ constexpr Fault FAULTS[] = {
 enum Lasts { ONCE, UNTIL_THE_RUN_ENDS, TO_THE_END };
 
 class Failing : public testing::TestWithParam<std::tuple<Fault, Lasts>> {};
+
+std::string NameOf(const testing::TestParamInfo<Failing::ParamType>& info) {
+    const char* const lasts[] = {"Once", "UntilTheRunEnds", "ToTheEnd"};
+    return std::string(std::get<0>(info.param).name) + lasts[std::get<1>(info.param)];
+}
 
 } // namespace
 
@@ -59,7 +63,8 @@ TEST_P(Failing, AtEveryOperation) {
 
 INSTANTIATE_TEST_SUITE_P(File, Failing,
                          testing::Combine(testing::ValuesIn(FAULTS),
-                                          testing::Values(ONCE, UNTIL_THE_RUN_ENDS, TO_THE_END)));
+                                          testing::Values(ONCE, UNTIL_THE_RUN_ENDS, TO_THE_END)),
+                         NameOf);
 
 // Where memory is asked for in a way that throws, the process ends through std::terminate.
 class Starving : public testing::TestWithParam<bool> {};
@@ -83,7 +88,8 @@ TEST_P(Starving, AtEveryAllocation) {
     std::cout << coped << " of " << plan.nth / STRIDE << " coped with\n";
 }
 
-INSTANTIATE_TEST_SUITE_P(Memory, Starving, testing::Bool());
+INSTANTIATE_TEST_SUITE_P(Memory, Starving, testing::Bool(),
+                         [](const auto& lasts) { return lasts.param ? "FromThereOn" : "Once"; });
 
 namespace {
 

@@ -71,7 +71,10 @@ TEST_P(OwnFolder, IsTheRootForBlanksAndItsRestIsNotCleared) {
     EXPECT_EQ(CountFiles(home.path), 2U);
 }
 
-INSTANTIATE_TEST_SUITE_P(DataDir, OwnFolder, testing::Values(".cache", "elsewhere"));
+INSTANTIATE_TEST_SUITE_P(DataDir, OwnFolder, testing::Values(".cache", "elsewhere"),
+                         [](const auto& folder) {
+                             return folder.param[0] == '.' ? "InTheHomeDirectory" : "InXdgCacheHome";
+                         });
 
 // What cannot be removed stays, with the directories above it, until it can.
 TEST(Clearing, FinishesLaterWhatItCannotRemoveNow) {
