@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-// Says which file it has let go, whose information waits to be written when main returns.
+// Prints the identifier of a file that it closed; its information file is still queued when main returns.
 static void StoreAndLetGo() {
     IFileManager* manager = IFileManager::Instance();
     manager->Initialize("cache", 7, 1);

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs a build into a temporary prefix and uses it the way a caller does:
-# through the CMake package, through pkg-config, and header by header.
+# Installs a build, shared or static, into a temporary prefix and uses it as a caller does: through the
+# CMake package, through pkg-config, and header by header. The links of installed documents are checked.
 set -euo pipefail
 
 if [ $# -ne 6 ] && [ $# -ne 8 ]; then
@@ -9,18 +9,18 @@ if [ $# -ne 6 ] && [ $# -ne 8 ]; then
 fi
 build=$1 consumer=$2 cmake=$3 generator=$4 compiler=$5 config=$6 toolchain=${7:-} emulator=${8:-}
 
-# An emulator has no drive for what lies elsewhere.
+# The emulator reaches the files of the build directory only.
 if [ -n "$emulator" ]; then work=$(mktemp -d "$build/consumer.XXXXXX"); else work=$(mktemp -d); fi
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
 
-# A copy outside the tree cannot find a header of the tree by accident.
+# A copy outside the source tree finds installed headers only.
 mkdir "$work/consumer"
 cp "$consumer/CMakeLists.txt" "$consumer/consumer.cpp" "$work/consumer/"
 
 "$cmake" --install "$build" --prefix "$prefix" --config "$config" >"$work/install.log"
 
-# What the program has queued is on disk when it has ended.
+# Everything that the program queued must be on disk after it ended.
 runs() {
     local id
     id=$(cd "$work" && "$@") && id=${id%$'\r'}
@@ -34,7 +34,7 @@ echo "== through find_package"
     -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_BUILD_TYPE=Release \
     ${toolchain:+-DCMAKE_TOOLCHAIN_FILE="$toolchain"} >"$work/configure.log"
 "$cmake" --build "$work/build"
-if [ -n "$emulator" ]; then # the library is beside the program there
+if [ -n "$emulator" ]; then # Windows finds the DLL beside the program
     mv "$work/build/consumer.exe" "$prefix/bin"
     runs "$emulator" "$prefix/bin/consumer.exe"
 else
@@ -45,8 +45,10 @@ echo "== through pkg-config"
 pc=$(find "$prefix" -name filemanager.pc)
 export PKG_CONFIG_PATH=${pc%/*}
 read -r -a flags <<<"$(pkg-config --cflags filemanager)"
-read -r -a libs <<<"$(pkg-config --libs filemanager)"
-if [ -n "$emulator" ]; then # all but this library goes into the program there
+static=()
+[ -z "$(find "$prefix" -name 'libfilemanager.a')" ] || static=(--static)
+read -r -a libs <<<"$(pkg-config "${static[@]}" --libs filemanager)"
+if [ -n "$emulator" ]; then # only the DLL is linked dynamically
     libs=(-static -Wl,-Bdynamic "${libs[@]}" -Wl,-Bstatic)
 fi
 "$compiler" -std=c++20 "${flags[@]}" "$work/consumer/consumer.cpp" "${libs[@]}" -o "$work/plain"
@@ -75,3 +77,6 @@ if [ -n "$emulator" ]; then
 else
     env -u LD_LIBRARY_PATH "$prefix/bin/fmcache" --help >/dev/null
 fi
+
+echo "== the installed documents"
+"${BASH_SOURCE[0]%/*}/../../scripts/check_documents.sh" "$prefix/share/doc/filemanager"
