@@ -73,7 +73,8 @@ TEST_P(OwnFolder, IsTheRootForBlanksAndItsRestIsNotCleared) {
 
 INSTANTIATE_TEST_SUITE_P(DataDir, OwnFolder, testing::Values(".cache", "elsewhere"),
                          [](const auto& folder) {
-                             return folder.param[0] == '.' ? "InTheHomeDirectory" : "InXdgCacheHome";
+                             return folder.param[0] == '.' ? "InTheHomeDirectory"
+                                                           : "InXdgCacheHome";
                          });
 
 // What cannot be removed stays, with the directories above it, until it can.

@@ -12,7 +12,8 @@ for header in util/runtime/*.h; do
 done
 [ $# -eq 0 ] || places=("$@")
 
-mapfile -t files < <(find "${places[@]}" -type f ! -name banned-words.txt | sort)
+found=$(find "${places[@]}" -type f ! -name banned-words.txt | sort) # fails if a place is missing
+mapfile -t files <<<"$found"
 perl - "${files[@]}" <<'PERL'
 use strict;
 use warnings;
