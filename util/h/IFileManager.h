@@ -1,26 +1,40 @@
 /// @defgroup manager File manager
-/// The block cache of one process. The application includes this header and RtRuntime.h; this one
-/// includes the other interfaces.
+/// The block cache of one process. The application includes IFileManager.h, which includes the headers of
+/// files, blocks and nodes, and RtRuntime.h.
 ///
-/// A cached file has a 128-bit identifier and consists of blocks with 32-bit identifiers. The caller
-/// writes a block in pieces as they arrive, and reads it back from memory or from disk.
+/// A cached file has a 128-bit identifier and consists of blocks with 32-bit identifiers. The application
+/// writes a block in pieces as they arrive, and reads the block back from memory or from disk. On disk a
+/// cached file is a pair: the data file (`.sdd`) contains the bytes of the blocks, the information file
+/// (`.sdi`) contains the description and the block table.
 ///
-/// - **Threads.** All operations run on the caller thread (RtRuntime.h), and all callbacks come there. Two
-///   exceptions: IFileManager::Instance, and the reference counts of all objects, work on any thread.
+/// - **Threads.** Call all operations on the caller thread (RtRuntime.h); the library does not check it. The
+///   library calls IFMBlockSink and ISDUser on the caller thread, too. Exceptions: IFileManager::Instance and
+///   the reference counts work on any thread, and log lines come from any thread. The *read/write thread*
+///   is a thread of the library that stores and loads blocks.
 /// - **References.** An object returned through an out argument carries one reference for the receiver.
-///   The receiver gives it back with `ReleaseReference`; CRtComAutoPtr does so in its destructor. An out
-///   argument is valid on success only.
-/// - **On disk.** A completed block is stored in the background. The block table that names it is written
-///   after the file is closed. IFileManager::UnInitialize closes all files and returns when everything is
-///   on disk; an application that exits without it loses files that are still open.
-/// - **Failed stores.** If a store fails, the log has a line, the block stays readable in memory, and each
-///   tick of the manager's timer (every 60 s) retries the store.
+///   The receiver gives it back with `ReleaseReference`; CRtComAutoPtr does so in its destructor. If an
+///   operation fails, its out arguments are not valid, except where its description says so.
+/// - **Open and closed.** A file is open until IFileManager::DetachFile or IFileManager::UnInitialize closes
+///   it. Releasing the last reference of the application does not close it.
+/// - **On disk.** When a block is complete, the read/write thread stores its bytes in the data file. The
+///   block table is written after the file has been closed. If the process ends before that, the blocks that
+///   were written since the file was opened are lost. So call IFileManager::UnInitialize before the process
+///   exits.
+/// - **Failed writes.** If a store fails (disk full, for example), the log has a line, the block stays
+///   readable in memory, and each tick retries the store. A tick is a call of the manager's timer, every 60 s
+///   on the caller thread. Closing the file retries once more; then the block is lost. If a block table
+///   cannot be written, it stays pending: each tick and IFileManager::UnInitialize retry it until process
+///   end.
+/// - **Changes by other programs.** If another program removes or truncates a data file, the next store and
+///   the closing of the file notice it. The blocks stored before then count as lost on disk: while the file
+///   is open, the next tick stores again those that are in memory. Reading another one fails with
+///   #RT_ERROR_IO. The block table does not name a lost block.
 /// - **Exceptions.** The operations throw nothing. If there is no memory for a block's bytes or for an
 ///   object that is handed out, the result is #RT_ERROR_NULL_OBJECT unless the operation names another.
 ///   Any other allocation failure calls std::terminate; docs/reliability.md says what is on disk then.
 /// - **Sizes.** The intended limits are 1 GiB for each cached file, 16 MiB for each block, and 131,071 for
-///   the number of open files and for the slots of a block table. Beyond them the library writes an
-///   assertion line to the log and continues. Tables of more than #FM_TABLE_SLOTS_MAX slots are refused.
+///   the number of open files and for the slots of a block table. If one is exceeded, the library writes an
+///   assertion line to the log and continues. A table of more than #FM_TABLE_SLOTS_MAX slots is refused.
 ///
 /// Each operation lists its result codes (RtResult.h).
 /// @{
@@ -40,87 +54,114 @@
 #include "RtResult.h"
 #include "RtString.h"
 
-/// The cache of this process: opens files, counts their users, closes them.
+/// The cache of this process: opens files, counts their users (AttachFile, DetachFile), closes them.
 class RT_EXPORT IFileManager {
 public:
-    /// Returns the manager of this process. The first call creates it; it is destroyed at process end.
-    /// Any thread. Null if it could not be created.
+    /// Returns the manager of this process. The first call creates it; process end destroys it. Any thread.
+    /// @returns null if out of memory, or if the process is ending.
     static IFileManager* Instance();
 
-    /// Starts the manager: derives the directory, clears the cache if `clearDays` is 0, starts the
+    /// Starts the manager: creates the directory, clears the cache if `clearDays` is 0, starts the
     /// read/write thread and the timer. If another process is clearing the same directory, the call waits
-    /// up to 10 s for it. A second call before UnInitialize is a no-op.
-    /// @param dataDir the directory of the cache; spaces at both ends are removed. On POSIX a backslash
-    ///     separates like a slash. The first call in a process fixes the directory: later calls ignore the
-    ///     argument. A relative path is resolved at each use, so an application that changes its working
-    ///     directory passes an absolute one. A client keeps its files in `confcache/PID` below the
-    ///     directory, a server in `sdstore`, which several server processes may share.
-    ///     If it is empty: on Windows the root of the fixed drive with the most free space, else the
+    /// up to 10 s for it and then continues. A second call before UnInitialize is a no-op.
+    /// @param dataDir the directory of the cache. Spaces at both ends are removed. On POSIX a backslash
+    ///     separates like a slash. On Windows the path is in the process's ANSI code page. The first call in
+    ///     a process fixes the directory: later calls ignore the argument. A relative path is resolved at
+    ///     each use, so an application that changes its working directory passes an absolute one.
+    ///     A server keeps its files in `sdstore` below the directory; several server processes may share it.
+    ///     A client keeps its files in `confcache/PID`, where PID is its process id. So a later run of a
+    ///     client does not find them; the next client with `clearDays` 0 removes them.
+    ///     If `dataDir` is empty: on Windows the root of the fixed drive with the most free space, else the
     ///     user's application data folder; on POSIX `$XDG_CACHE_HOME` if absolute, else `.cache` in the
-    ///     user's home directory. Without those: get_quillmer_home_dir, else `/opt/quillmer`.
-    /// @param clearDays how long a server keeps closed files. Housekeeping runs one minute after the start
-    ///     and then every 24 hours. It removes a file at the age of `clearDays` + 2 days, unless the file is open or
-    ///     flagged #FM_FILE_KEPT.
-    ///     With 0, on clients too, the cache is cleared now and in UnInitialize, except what other running
-    ///     processes use.
-    /// @param isServer non-zero for a server, which keeps up to 512 MiB of blocks in memory before it
-    ///     releases idle ones; 0 for a client, which releases idle blocks at each tick.
-    /// @retval RT_OK always. Whether the directory can be written shows when a block is stored.
+    ///     user's home directory. If these do not exist: get_quillmer_home_dir, else `/opt/quillmer`.
+    /// @param clearDays how many days a server keeps a file. Housekeeping, on servers only, runs one minute
+    ///     after the start and then every 24 hours. It removes a file `clearDays` + 2 days after CreateFile
+    ///     created it, unless the file is open in any process or flagged #FM_FILE_KEPT.
+    ///     0, on servers and clients: the cache is cleared now and in UnInitialize. A client removes its own
+    ///     directory in `confcache` and those of processes that have ended. A server removes `sdstore` unless
+    ///     another process uses it.
+    /// @param isServer non-zero for a server: a tick evicts idle blocks only if the blocks in memory exceed
+    ///     512 MiB. 0 for a client: each tick evicts idle blocks.
+    /// @retval RT_OK always. If the directory cannot be created or the read/write thread cannot be started,
+    ///     the log has a line, and every store fails.
     virtual int Initialize(const CRtString& dataDir, uint16_t clearDays, int isServer) = 0;
 
-    /// Closes all files, runs everything queued for the disk, and stops the read/write thread. When it
+    /// Closes all files, runs everything queued for the disk, and stops the read/write thread. When the call
     /// returns, blocks and block tables are on disk, except those whose last attempt failed (the log says
-    /// which). If the disk is slow, it waits without a limit, and logs the files it waits for after 0.5 s
-    /// and then every 10 s. A sink may call it. Before Initialize it is a no-op.
+    /// which), and the library has no file of the cache open. If the disk is slow, the call waits without a
+    /// limit; after 0.5 s and then every 10 s the log says which files it waits for.
+    ///
+    /// A sink may call UnInitialize. The caller thread still calls the sinks of reads that were in flight
+    /// after the call has returned; IFMBlock::CancelReadData prevents that. Before Initialize the call is a
+    /// no-op. Afterwards Initialize may be called again.
     virtual void UnInitialize() = 0;
 
-    /// Opens a new file. Nothing is created on disk until its first block is stored or its table is
-    /// written; older files with the same identifier are removed at that moment. While another process has
-    /// a file with this identifier open, the blocks of the new one stay in memory.
+    /// Opens a new file. The call does not wait for the disk. Nothing is created on disk until the first
+    /// block of the file is stored or its table is written; a data file and an information file of the same
+    /// identifier are removed at that moment. While another process has a file with this identifier open, the
+    /// stores of the new file fail.
     ///
-    /// If a file with this identifier is open in this process, the new file displaces it: OpenFile no
-    /// longer finds the old one, and its blocks are no longer stored or loaded. While an earlier object
-    /// with this identifier exists, the call waits until its queued stores have run.
-    /// @param[out] file the new file, not attached, with one reference for the caller.
+    /// If a file with this identifier is open in this process, the new file displaces it: OpenFile no longer
+    /// finds the displaced file, and what is queued for it still runs on the read/write thread. After that
+    /// the new file takes over the pair of files on disk. Blocks of the displaced file that are in memory
+    /// stay readable. Its other blocks are no longer loaded, and blocks written to it are no longer stored.
+    /// @param[out] file the new file, with one reference for the caller and the attach count 0.
     /// @param fileInfo the description; the file keeps a copy.
     /// @retval RT_OK
     /// @retval RT_ERROR_NULL_OBJECT out of memory.
     /// @retval RT_ERROR_INVALID_ARG `fileInfo.fileID` is #FMFileID_None.
     virtual int CreateFile(IFMFile*& file, const FMFileInfo& fileInfo) = 0;
 
-    /// Returns an open file, or loads one from the cache. A load reads the information file on the calling
-    /// thread, and registers the file under the identifier stored in it. If the file was just closed, the
-    /// load waits for its queued stores and returns it as it was closed.
-    /// @param[out] file the file, with one reference for the caller; null if the file was not found.
+    /// Returns an open file, or loads one from the cache. A load reads the information file on the caller
+    /// thread; the bytes of the blocks stay on disk until they are read. The loaded file is open under the
+    /// identifier stored in its description. If a file with this identifier has been closed just before, the
+    /// load first waits until its queued stores have run and its table is written.
+    ///
+    /// A load restores what a damaged block table still says. An entry with an impossible range
+    /// (FMIsEntryPossible), and entries whose ranges overlap, become blocks without data: their length is 0.
+    /// An entry that ends beyond the data file becomes a complete block, and reading it fails with
+    /// #RT_ERROR_IO.
+    /// @param[out] file the file, with one reference for the caller; null with #RT_ERROR_NOT_FOUND. The
+    ///     attach count does not change; that of a loaded file is 0.
     /// @param fileHandle the identifier.
     /// @param load non-zero: if the file is not open, load it from disk.
     /// @retval RT_OK
     /// @retval RT_ERROR_INVALID_ARG `fileHandle` is #FMFileID_None.
-    /// @retval RT_ERROR_NOT_FOUND not open and `load` is 0; or the load failed because the information file
-    ///     is missing or damaged, another process has the file open, or memory ran out (the log says why).
+    /// @retval RT_ERROR_NOT_FOUND the file is not open and `load` is 0; or the load failed (the log says
+    ///     why): the information file is missing or damaged, another process has the file open, the table of
+    ///     the file as it was closed cannot be written, or out of memory.
     virtual int OpenFile(IFMFile*& file, const FMFileID& fileHandle, int load) = 0;
 
-    /// IFMFile::GetBlock by identifier. Only finds open files; it never loads one.
+    /// Finds an open file and calls IFMFile::GetBlock. It never loads a file.
     /// @param[out] block the block, with one reference for the caller.
     /// @param fileHandle the identifier of the file.
     /// @param blockID the identifier of the block.
     /// @param create non-zero: create a missing block.
-    /// @retval RT_ERROR_INVALID_ARG `fileHandle` is #FMFileID_None.
-    /// @retval RT_ERROR_NOT_FOUND the file is not open.
-    /// @retval others the results of IFMFile::GetBlock.
+    /// @retval RT_OK
+    /// @retval RT_ERROR_NULL_OBJECT with `create`: out of memory.
+    /// @retval RT_ERROR_INVALID_ARG `fileHandle` is #FMFileID_None; or, with `create`, the table cannot
+    ///     contain `blockID` (IFMFile::GetBlock).
+    /// @retval RT_ERROR_NOT_FOUND the file is not open; or, without `create`, it has no such block.
+    /// @retval RT_ERROR_NOT_READY with `create`: the file is being closed.
     virtual int GetBlock(IFMBlock*& block, const FMFileID& fileHandle, uint32_t blockID,
                          int create) = 0;
 
-    /// Counts one more user of an open file.
+    /// Adds 1 to the attach count of an open file: the number of its users.
+    /// @param fileHandle the identifier of the file.
     /// @retval RT_OK
     /// @retval RT_ERROR_INVALID_ARG `fileHandle` is #FMFileID_None.
     /// @retval RT_ERROR_NOT_FOUND the file is not open.
     virtual int AttachFile(const FMFileID& fileHandle) = 0;
 
-    /// Counts one user less. When the count falls to 0 or below, the file is closed: a temporary file is
-    /// removed from disk by the read/write thread; for any other, a changed block table is written on
-    /// the caller thread after the stores of its blocks have run. So one call closes a file that was never
-    /// attached. References to a closed file or to its blocks stay valid, but take no more data.
+    /// Subtracts 1 from the attach count. If the result is 0 or below, the file is closed; so one call closes
+    /// a file that was never attached. The call does not wait for the disk. A temporary file is removed from
+    /// disk by the read/write thread. Of any other file, a changed block table is written on the caller
+    /// thread by a later event, after the stores of its blocks have run.
+    ///
+    /// References to a closed file or to its blocks stay valid, and the blocks that are in memory stay
+    /// readable. Others can be loaded until UnInitialize, unless the file was temporary or another file has
+    /// taken over its pair of files on disk. IFMBlock::WriteData fails with #RT_ERROR_NOT_READY.
+    /// @param fileHandle the identifier of the file.
     /// @retval RT_OK
     /// @retval RT_ERROR_INVALID_ARG `fileHandle` is #FMFileID_None.
     /// @retval RT_ERROR_NOT_FOUND the file is not open.
