@@ -108,7 +108,8 @@ public:
         while (!m_input.IsOver() && m_calls < MOST_CALLS)
             Call();
         m_calls = MOST_CALLS; // sinks that are called from here on call nothing
-        m_cache.PumpUntil([this] { return std::ranges::all_of(m_waits, &Wait::IsOver); });
+        fuzz::Cache::WaitUntilIdle();
+        Require(std::ranges::all_of(m_waits, &Wait::IsOver));
         for (File& file : m_files) {
             if (!file.isUsed)
                 continue;
@@ -156,7 +157,8 @@ private:
         m_waits.clear();
         if (m_isServer || m_displaced)
             Restart(0);
-        m_cache.PumpUntil([this] { return AreNodesFree(); });
+        fuzz::Cache::WaitUntilIdle();
+        Require(AreNodesFree());
         for (const File& file : m_files) {
             if (file.isUsed)
                 fuzz::Cache::RemoveFiles(m_cache.Stem(file.info.fileID));
@@ -216,10 +218,10 @@ private:
     void MoveClock(File&) {
         constexpr uint64_t steps[] = {1'000, 60'001, 130'000, 250'000};
         m_cache.clock.ms += steps[m_input.Below(4)];
-        m_cache.Pump();
+        m_cache.thread.RunDue();
     }
 
-    void Pump(File&) { m_cache.Pump(); }
+    void Pump(File&) { m_cache.thread.RunDue(); }
 
     void Create(File& file) {
         m_displaced |= static_cast<bool>(file.file);

@@ -141,7 +141,7 @@ private:
     void Close() {
         Require(m_cache.manager->DetachFile(m_file->GetFileInfo().fileID) == 0);
         m_file.Reset();
-        m_cache.Pump();
+        fuzz::Cache::WaitUntilIdle();
         m_models.erase(0); // cannot be told from an empty slot
     }
 
@@ -200,7 +200,8 @@ private:
         if (later) {
             Sink sink;
             Require(block->ReadData(&sink) == 0);
-            m_cache.PumpUntil([&sink] { return sink.result.has_value(); });
+            fuzz::Cache::WaitUntilIdle();
+            Require(sink.result.has_value());
             Require(*sink.result != 0 || block->IsInMemory());
         }
         std::string bytes;
@@ -216,7 +217,7 @@ private:
             return;
         if (kind % 8 == 1) { // what is stored and idle is released
             m_cache.clock.ms += 300'000;
-            return m_cache.Pump();
+            return fuzz::Cache::WaitUntilIdle();
         }
         if (kind % 8 == 2) // a new block, or one that is there
             return Write(m_file->GetFileInfo().blockBeg + value, 1 + value * 9);

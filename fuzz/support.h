@@ -132,7 +132,7 @@ public:
     }
     ~Cache() {
         manager->UnInitialize();
-        Pump();
+        WaitUntilIdle();
         std::error_code ignored;
         fs::remove_all(dir, ignored);
     }
@@ -140,34 +140,7 @@ public:
     Cache& operator=(const Cache&) = delete;
 
     void Start(int isServer) { manager->Initialize(CRtString(dir.string()), 7, isServer); }
-    void Pump() {
-        while (thread.RunDue() > 0) {
-        }
-    }
-    /// Until the thread that reads and writes has brought what is waited for; it has to come.
-    template <class Condition>
-    void PumpUntil(Condition condition) {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (!condition()) {
-            if (thread.RunDue() > 0)
-                continue;
-            Require(std::chrono::steady_clock::now() < end);
-            std::this_thread::yield();
-        }
-    }
-    /// Until both threads have nothing left to do: a file that displaces another waits for the other
-    /// thread's queue.
-    void Settle() {
-        FMFileInfo scratch;
-        scratch.fileID = {1, 2, 3, {4}};
-        for (int round = 0; round < 2; ++round) {
-            FileRef first, second;
-            Require(manager->CreateFile(first.Receive(), scratch) == 0);
-            Require(manager->CreateFile(second.Receive(), scratch) == 0);
-            Require(manager->DetachFile(scratch.fileID) == 0);
-            Pump();
-        }
-    }
+    static void WaitUntilIdle() { Require(FMWaitUntilIdle() == 0); }
     /// The path of an identifier's files without their extensions.
     fs::path Stem(const FMFileID& id) const { return m_store / FMFileIDToString(id).c_str(); }
     static void RemoveFiles(const fs::path& stem) {

@@ -36,7 +36,7 @@ TEST(Block, TakesItsPiecesInOrderAndNothingElse) {
     EXPECT_EQ(Read(*block), bytes);
     CRtMessageBlock* view = nullptr;
     EXPECT_EQ(block->ReadData(20, UINT32_MAX - 10, view), RT_ERROR_INVALID_ARG);
-    cache.Settle();
+    FMWaitUntilIdle();
     EXPECT_EQ(log.Count("CDiskFile::WriteData, filename="), 1U);
     EXPECT_EQ(ReadFile(cache.Path(file->GetFileInfo().fileID, ".sdd")), bytes);
 }
@@ -65,9 +65,9 @@ TEST(Block, ARewriteGivesTheOldBytesBackAtOnceAndKeepsViewsOfThem) {
         Write(*block, Pattern(3, 50)); // another length: a new place, behind the second
         go = true;
         go.notify_one();
-        CFileManager::Instance()->IsFileOpen(""); // when everything before has run
+        Cache::RunReadwrQueue(); // when everything before has run
     }
-    cache.Settle();
+    FMWaitUntilIdle();
     EXPECT_EQ(log.Count("CFMBlock::WriteData, rewrite data! m_position=1000,m_totalLen=1000,"
                         "blockLen=1000,dataPos=0 this="),
               2U);
@@ -84,7 +84,7 @@ TEST(Block, LoadsOnceForAllWhoWaitAndTellsThemInOrder) {
     const FileRef file = cache.Create();
     const BlockRef block = Cache::Block(*file, 5);
     Write(*block, Pattern(5, 5000));
-    cache.Settle();
+    FMWaitUntilIdle();
     const auto release = [&] {
         clock.Advance(240'001);
         return block->FreeMemory();
@@ -107,7 +107,7 @@ TEST(Block, LoadsOnceForAllWhoWaitAndTellsThemInOrder) {
         EXPECT_EQ(block->ReadData(sink), 0);
     EXPECT_EQ(block->ReadData(nullptr), RT_ERROR_INVALID_ARG);
     EXPECT_TRUE(order.empty());
-    cache.Settle();
+    FMWaitUntilIdle();
     EXPECT_EQ(order, (std::vector<int>{1, 2}));
     EXPECT_TRUE(c.results.empty());
     EXPECT_EQ(log.Count("CDiskFile::ReaddData, filename="), 1U);
@@ -129,17 +129,17 @@ TEST(Block, ALoadOfFormerBytesIsNotTakenForTheNewOnes) {
     for (const size_t length : {500, 501}) {
         const BlockRef block = Cache::Block(*file, static_cast<uint32_t>(length));
         Write(*block, Pattern(1, 500));
-        cache.Settle();
+        FMWaitUntilIdle();
         clock.Advance(240'001);
         ASSERT_FALSE(block->FreeMemory());
         CountingSink sink;
         EXPECT_EQ(block->ReadData(&sink), 0);
-        CFileManager::Instance()->IsFileOpen(""); // the load has run, its completion is queued
+        Cache::RunReadwrQueue(); // the load has run, its completion is queued
         Write(*block, Pattern(2, length));
-        CFileManager::Instance()->IsFileOpen("");
+        Cache::RunReadwrQueue();
         clock.Advance(240'001);
         ASSERT_FALSE(block->FreeMemory());
-        cache.Settle();
+        FMWaitUntilIdle();
         EXPECT_EQ(sink.results, std::vector<int>{0});
         EXPECT_TRUE(Read(*block) == Pattern(2, length));
     }
@@ -152,7 +152,7 @@ TEST(Block, AReadThatCannotBeServedSaysSo) {
     const BlockRef block = Cache::Block(*file, 1);
     CountingSink sink;
     EXPECT_EQ(block->ReadData(&sink), 0); // nothing written yet
-    cache.Settle();
+    FMWaitUntilIdle();
     EXPECT_EQ(sink.results, std::vector<int>{RT_ERROR_NOT_READY});
     EXPECT_EQ(log.Count("util/filemanager/fmblock:"), 1U);
     EXPECT_EQ(log.Count(" Assert failed: IsComplete()"), 1U);
@@ -162,7 +162,7 @@ TEST(Block, AReadThatCannotBeServedSaysSo) {
     const FileRef anew = cache.Create(file->GetFileInfo());
     Write(*block, Pattern(2, 100));
     Write(*Cache::Block(*anew, 1), Pattern(3, 100));
-    cache.Settle();
+    FMWaitUntilIdle();
     EXPECT_EQ(Read(*block), Pattern(2, 100));
     EXPECT_EQ(ReadFile(cache.Path(file->GetFileInfo().fileID, ".sdd")), Pattern(3, 100));
 }

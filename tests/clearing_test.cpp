@@ -55,7 +55,7 @@ TEST(Clearing, OfAClientLeavesOnlyDirectoriesOfRunningProcesses) {
     other.End();
     cache.Stop(); // what was still waiting to be written does not come back either
     EXPECT_FALSE(fs::exists(root));
-    cache.Settle();
+    FMWaitUntilIdle();
     EXPECT_FALSE(fs::exists(root));
 }
 
@@ -115,9 +115,7 @@ TEST(HouseKeeping, TakesWhatIsExpiredTemporaryOrUnreadable) {
     WriteFile(store / "no identifier.sdd", "unreadable");
     const auto run = [&] {
         clock.Advance(60'000);
-        cache.thread.RunDue();
-        while (CFileManager::Instance()->IsHouseKeepingPosted())
-            std::this_thread::yield();
+        FMWaitUntilIdle();
     };
     run();
     for (const FMFileID& id : kept)

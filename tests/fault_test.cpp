@@ -134,29 +134,29 @@ TEST(Fault, FullDiskThatGetsSpaceAgain) {
         work.Make(B, {700}, 0, 8192); // with a table of 32 KiB
         work.Make(C, {700});
         work.Make(OLD, {700});
-        work.Settle();
+        FMWaitUntilIdle();
         {
             const LogCapture log;
             disk.Fill();
             work.Close(B); // a closed file is not tried again
             work.Forget(B);
-            work.Settle();
+            FMWaitUntilIdle();
             EXPECT_EQ(log.Count("SaveFileInfo_m, WriteBlockInfo error"), 1U);
             disk.Fill();
             work.Put(A, 2, 30000);
             work.Put(A, 3, 30000);
             work.Put(C, 2, 30000);
             work.Put(OLD, 2, 30000);
-            work.Settle();
+            FMWaitUntilIdle();
             work.Advance(60'001);
-            work.Settle();
+            FMWaitUntilIdle();
             EXPECT_EQ(log.Count("WriteToFile, WriteData failed"), 8U);
         }
         work.Check(A);
         work.Close(OLD);
         work.Forget(OLD);
         // Its store has failed for good, its table is to come.
-        CFileManager::Instance()->IsFileOpen("");
+        Cache::RunReadwrQueue();
         disk.Limit(2 << 20);
         work.Close(C); // its store gets one more try
         work.ExpectStoredByTick();

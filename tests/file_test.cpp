@@ -138,7 +138,7 @@ TEST(Streams, RunOutForNobody) {
             files.push_back(cache.Create());
             Write(*Cache::Block(*files.back(), 1), Pattern(i, 500));
         }
-        cache.Settle();
+        FMWaitUntilIdle();
         clock.Advance(600'000);
     };
     const auto readAndReopenAll = [&] {

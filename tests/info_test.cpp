@@ -26,7 +26,7 @@ TEST(Info, HoldsTheTableAndOnlyWhatIsTrue) {
     FileRef file = cache.Create(info);
     file.Reset();
     EXPECT_EQ(cache.manager->DetachFile(info.fileID), 0);
-    cache.Settle();
+    FMWaitUntilIdle();
     EXPECT_FALSE(fs::exists(cache.Path(info.fileID, ".sdi"))); // nothing had changed
     file = cache.Create(info);
     for (const uint32_t id : {0U, 1U, 3U})
@@ -35,7 +35,7 @@ TEST(Info, HoldsTheTableAndOnlyWhatIsTrue) {
     EXPECT_EQ(Cache::Block(*file, 2)->WriteData(8, 0, half.get()), 0);
     info = file->GetFileInfo();
     cache.Close(file);
-    cache.Settle();
+    FMWaitUntilIdle();
     const std::string onDisk = ReadFile(cache.Path(info.fileID, ".sdi"));
     EXPECT_EQ(onDisk, InfoFile(info, BlockBody({{}, {1, 11, 10}, {2, 0, 0}, {3, 13, 21}})));
     EXPECT_EQ(log.Count("block 0 cannot be saved"), 1U);
@@ -55,7 +55,7 @@ TEST(Info, HoldsTheTableAndOnlyWhatIsTrue) {
     EXPECT_EQ(Read(*Cache::Block(*file, 2, 0)), "later");
     EXPECT_FALSE(Cache::Block(*file, 3, 0));
     EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), Pattern(1, 11));
-    cache.Settle();
+    FMWaitUntilIdle();
     // Behind the furthest block that was restored.
     EXPECT_EQ(ReadFile(cache.Path(info.fileID, ".sdd")).substr(34), "later");
 }
@@ -67,7 +67,7 @@ TEST(Info, HostileNumbersAreSkippedRefusedOrFailWhenRead) {
     info.num = 16;
     const auto open = [&](const std::string& blockBody) {
         cache.manager->DetachFile(info.fileID);
-        cache.Settle();
+        FMWaitUntilIdle();
         WriteFile(cache.Path(info.fileID, ".sdi"), InfoFile(info, blockBody));
         WriteFile(cache.Path(info.fileID, ".sdd"), Pattern(0, 1000));
         return cache.Open(info.fileID);
@@ -94,7 +94,7 @@ TEST(Info, HostileNumbersAreSkippedRefusedOrFailWhenRead) {
     ASSERT_TRUE(file);
     for (const uint32_t id : {2U, 3U})
         Write(*Cache::Block(*file, id), Pattern(id, 400));
-    cache.Settle();
+    FMWaitUntilIdle();
     EXPECT_EQ(ReadFile(cache.Path(info.fileID, ".sdd")).substr(0, 800),
               Pattern(0, 1000).substr(0, 800));
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, blocks overlap, blockID="), 3U + 2);
@@ -171,7 +171,7 @@ TEST(Info, TwoObjectsNeverShareAPath) {
     ASSERT_TRUE(second);
     EXPECT_EQ(Write(*kept, Pattern(9, 100)), RT_ERROR_NOT_READY); // its file is closed
     Write(*Cache::Block(*second, 2), Pattern(2, 100));
-    cache.Settle();
+    FMWaitUntilIdle();
     EXPECT_EQ(Read(*kept), Pattern(1, 100));
     EXPECT_EQ(Read(*Cache::Block(*second, 1, 0)), Pattern(1, 100));
     EXPECT_EQ(ReadFile(cache.Path(id, ".sdd")), Pattern(1, 100) + Pattern(2, 100));

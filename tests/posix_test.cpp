@@ -1,12 +1,15 @@
 // What is so on POSIX systems alone: modes and permissions, the user's own directories, links that change
 // places with directories, directories that are removed while they are in use.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <thread>
 
 #include "support.h"
 #include "util/filemanager/filemanager.h"
+#include "util/runtime/os/RtOs.h"
 
 TEST(DataDir, ComesBackWhenItIsRemovedAndIsFilledAgainFromMemory) {
     TestClock clock;
@@ -16,18 +19,18 @@ TEST(DataDir, ComesBackWhenItIsRemovedAndIsFilledAgainFromMemory) {
     const FMFileID id = file->GetFileInfo().fileID;
     for (uint32_t i = 1; i <= 2; ++i)
         Write(*Cache::Block(*file, i), Pattern(i, 1000));
-    cache.Settle();
+    FMWaitUntilIdle();
     const fs::path dataDir = cache.Path(id, "").parent_path();
     EXPECT_EQ(fs::status(dataDir).permissions(), fs::perms(0700));
     EXPECT_EQ(fs::status(cache.Path(id, ".sdd")).permissions(), fs::perms(0600));
     fs::remove_all(dataDir.parent_path());
     clock.Advance(5000);
     Write(*Cache::Block(*file, 3), Pattern(3, 1000));
-    cache.Settle();
+    FMWaitUntilIdle();
     clock.Advance(60'000);
-    cache.Settle();
+    FMWaitUntilIdle();
     cache.Close(file);
-    cache.Settle();
+    FMWaitUntilIdle();
     file = cache.Open(id);
     ASSERT_TRUE(file);
     for (uint32_t i = 1; i <= 3; ++i)
@@ -183,4 +186,68 @@ TEST(HouseKeeping, OfNamesThatLeadElsewhereEndsAndTouchesNothingThere) {
     EXPECT_FALSE(fs::is_symlink(cache.Path(elsewhere, ".sdd")));
     EXPECT_EQ(ReadFile(outside.path / "precious"), "precious");
     EXPECT_FALSE(fs::exists(outside.path / "none"));
+}
+
+TEST(Fingerprint, FileTimesBeyondTheYear2262) {
+    const TempDir dir;
+    const fs::path path = dir.path / "file";
+    WriteFile(path, "bytes");
+    constexpr time_t far = 11'000'000'000; // in the year 2318
+    std::vector<RtOs::FileStamp> stamps;
+    for (const timespec time : {timespec{far, 5}, timespec{far, 6}, timespec{far + 1, 5}}) {
+        const timespec times[] = {time, time};
+        struct stat info {};
+        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+        ASSERT_EQ(stat(path.c_str(), &info), 0);
+        if (info.st_mtim.tv_sec != time.tv_sec || info.st_mtim.tv_nsec != time.tv_nsec)
+            GTEST_SKIP() << "this file system has no such times";
+        ASSERT_TRUE(RtOs::GetStamp(CRtString(path.string()), stamps.emplace_back()));
+    }
+    EXPECT_FALSE(stamps[0] == stamps[1] || stamps[0] == stamps[2] || stamps[1] == stamps[2]);
+}
+
+TEST(Clearing, RemovesATreeDeeperThanTheDescriptorLimit) {
+    LogCapture quiet(RT_LOG_SILENT);
+    const TempDir dir;
+    const TempDir outside;
+    WriteFile(outside.path / "kept", "x");
+    fs::path path = dir.path / "tree";
+    for (int depth = 0; depth < 300; ++depth) {
+        path /= "d";
+        WriteFile(path / "file", "x");
+        fs::create_directory_symlink(outside.path, path / "link");
+        fs::create_directory(path / "empty");
+    }
+    ASSERT_TRUE(LimitStreams(64));
+    CFileManager::RemoveDir(CRtString((dir.path / "tree").string() + "\\"));
+    EXPECT_FALSE(fs::exists(dir.path / "tree"));
+    EXPECT_EQ(CountFiles(outside.path), 1U);
+}
+
+// If a directory is moved out of the tree during the removal, ".." leads out of the tree.
+TEST(DirectoryWalk, DoesNotReturnToAnotherDirectory) {
+    const TempDir dir;
+    const TempDir outside;
+    fs::create_directories(dir.path / "a" / "b");
+    RtOs::DirectoryWalk walk(CRtString(dir.path.string()));
+    ASSERT_TRUE(walk.Enter("a") && walk.Enter("b"));
+    ASSERT_TRUE(walk.Leave() && walk.Enter("b"));
+    fs::rename(dir.path / "a" / "b", outside.path / "b");
+    EXPECT_FALSE(walk.Leave());
+    EXPECT_FALSE(walk.IsOpen());
+}
+
+TEST(Log, NamesOfFoundFilesCannotControlTheTerminal) {
+    TestClock clock;
+    LogCapture log;
+    Cache cache(1, 7);
+    const std::string name = "\x1B[2J\n\xC2\x9BJ\x9B B\xC3\xBCro";
+    WriteFile(cache.dir.path / "sdstore" / (name + ".sdd"), "x");
+    WriteFile(cache.dir.path / "sdstore" / (name + ".sdi"), "\x1B[3J");
+    clock.Advance(60'000);
+    FMWaitUntilIdle(); // housekeeping
+    const std::string text = log.Text();
+    EXPECT_EQ(text.find_first_of("\x1B\x9B"), std::string::npos);
+    EXPECT_GT(log.Count("\\x1B[2J\\x0A\\x9BJ\\x9B B\xC3\xBCro.sdd"), 0U);
+    EXPECT_EQ(log.Count("not sdinfo file! readFileHeader=\\x1B[3J this="), 1U);
 }

@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "RtByteStream.h"
-#include "RtParts.h"
+#include "RtSendTicket.h"
 #include "support.h"
 #include "util/filemanager/filemanager.h"
 #include "util/filemanager/fmfunctor.h"
@@ -26,32 +26,25 @@ public:
     int cancelAt = 0;
 };
 
-// Each thread waits in its first part until the other one has begun one too.
-class Halves final : public IRtParts {
+// Each thread waits in its first part until the other one has started a part too.
+class TwoThreadWork final : public IRtParts {
 public:
-    bool RunPart(uint32_t begin, uint32_t end, bool mayWait) noexcept override {
+    int RunPart(uint32_t part) noexcept override {
         std::unique_lock lock(m_mutex);
         m_threads.insert(CRtThreadManager::GetThreadSelfId());
         m_changed.notify_all();
-        if (!mayWait && refuses) {
-            ++refused;
-            return false;
-        }
-        if (waitFor > 1)
-            m_changed.wait_for(lock, 60s, [this] { return m_threads.size() >= waitFor; });
+        m_changed.wait_for(lock, 60s, [this] { return m_threads.size() == 2; });
         lock.unlock();
         if (!CRtEventQueue::Current())
-            std::this_thread::sleep_for(5ms); // the sender ends last, and is waited for
+            std::this_thread::sleep_for(senderTakes); // the sender ends last: the receiver parks
         lock.lock();
-        for (uint32_t i = begin; i < end; ++i)
-            ++done.at(i);
-        return true;
+        ++runs.at(part);
+        return part == failing ? 5 : 0;
     }
-    size_t ThreadsWere() const { return m_threads.size(); }
-    std::vector<int> done = std::vector<int>(1000);
-    size_t waitFor = 1;
-    bool refuses = false; // what must not wait
-    int refused = 0;
+    int Run(uint32_t count) { return CRtSendTicket::GetRunning()->RunParts(*this, count); }
+    std::vector<int> runs = std::vector<int>(100);
+    uint32_t failing = UINT32_MAX;
+    std::chrono::microseconds senderTakes{5000};
 
 private:
     std::mutex m_mutex;
@@ -109,51 +102,30 @@ TEST(Queue, RunsInOrderAndDisposesOfWhatItCannotTake) {
     EXPECT_EQ(TestEvent::alive, 0);
 }
 
-TEST(Queue, WhoWaitsForAnEventTakesPartsOfItsWork) {
+TEST(Queue, SenderRunsPartsOfTheWorkThatItWaitsFor) {
     CRtThread* thread = MakeThread();
     IRtEventQueue* queue = thread->GetEventQueue();
-    for (const auto sleep : {0ms, 20ms}) { // the sender still looks, or sleeps
-        Halves both;
-        both.waitFor = 2;
+    for (const auto sleep : {0ms, 20ms}) { // the sender spins, or is parked
+        TwoThreadWork work;
         queue->SendEvent(new TestEvent([&] {
             std::this_thread::sleep_for(sleep);
-            RtRunParts(both, 999, 10);
-            EXPECT_EQ(std::ranges::count(both.done, 1), 999);
-            RtRunParts(both, 999, 500);
+            EXPECT_EQ(work.Run(100), 0);
+            EXPECT_EQ(std::ranges::count(work.runs, 1), 100);
+            work.failing = 10;
+            EXPECT_EQ(work.Run(100), 5);
         }));
-        EXPECT_EQ(both.ThreadsWere(), 2U);
-        EXPECT_EQ(std::ranges::count(both.done, 2), 999);
+        EXPECT_LT(std::ranges::count(work.runs, 2), 100); // parts after a failure are skipped
     }
-    // Somebody who waits for a later event is not kept by it.
-    Halves earlier;
-    earlier.refuses = true;
-    queue->PostEvent(new TestEvent([&] { RtRunParts(earlier, 1000, 10); }), 1);
-    queue->SendEvent(new TestEvent);
-    EXPECT_LE(earlier.refused, 1);
-    EXPECT_EQ(std::ranges::count(earlier.done, 1), 1000);
+    for (int i = 0; i < 500; ++i) { // both threads park and wake up, in any order
+        TwoThreadWork work;
+        work.senderTakes = std::chrono::microseconds(i);
+        queue->SendEvent(new TestEvent([&] { work.Run(4); }));
+        EXPECT_EQ(std::ranges::count(work.runs, 1), 4);
+    }
+    queue->SendEvent(new TestEvent([&] { // an event that nobody waits for has no ticket
+        queue->PostEvent(new TestEvent([] { EXPECT_FALSE(CRtSendTicket::GetRunning()); }), 1);
+    }));
     EXPECT_EQ(thread->Destory(0), 0);
-}
-
-TEST(Queue, WhoLooksForEventsTakesPartsThatDoNotKeepIt) {
-    for (const bool refuses : {false, true}) {
-        CRtThread* busy = MakeThread();
-        CRtThread* idle = MakeThread();
-        Halves work;
-        work.waitFor = 2;
-        work.refuses = refuses;
-        std::atomic<bool> over{false};
-        busy->GetEventQueue()->PostEvent(new TestEvent([&] {
-                                             RtRunParts(work, 1000, 10);
-                                             over = true;
-                                         }),
-                                         1);
-        while (!over) // a thread looks for a moment after each event
-            idle->GetEventQueue()->SendEvent(new TestEvent);
-        EXPECT_EQ(work.refused, refuses ? 1 : 0);
-        EXPECT_EQ(std::ranges::count(work.done, 1), 1000);
-        EXPECT_EQ(busy->Destory(0), 0);
-        EXPECT_EQ(idle->Destory(0), 0);
-    }
 }
 
 TEST(Queue, PostsToMissingThreadsReleaseWhatTheyHold) {
@@ -185,6 +157,49 @@ TEST(Queue, PostsToMissingThreadsReleaseWhatTheyHold) {
     EXPECT_TRUE(sink.results.empty());
     EXPECT_EQ(log.Count("CFMBlock::~CFMBlock"), 2U);
     EXPECT_EQ(log.Count("CFMFile::~CFMFile"), 1U);
+}
+
+TEST(WaitUntilIdle, RunsWhatEventsPostToEitherThread) {
+    LogCapture quiet(RT_LOG_SILENT);
+    EXPECT_EQ(FMWaitUntilIdle(), 0); // before Initialize; starts a caller thread of the runtime
+    Cache cache;
+    EXPECT_FALSE(cache.thread.IsValid());
+    CFileManager& manager = *CFileManager::Instance();
+    int hops = 0;
+    std::function<void()> hop = [&] {
+        auto* next = new TestEvent(hop);
+        if (++hops >= 100)
+            delete next;
+        else
+            hops % 3 == 0 ? manager.PostToCallerThread(next, 0)
+                          : manager.PostToReadwrThread(next, 0);
+    };
+    manager.PostToReadwrThread(new TestEvent(hop), 0);
+    EXPECT_EQ(FMWaitUntilIdle(), 0); // from a third thread
+    EXPECT_EQ(hops, 100);
+    hops = 0;
+    RtRunOnCallerThread(
+        [&] {
+            hop();
+            EXPECT_EQ(FMWaitUntilIdle(), 0); // from an event
+        },
+        true);
+    EXPECT_EQ(hops, 100);
+    int result = 0;
+    manager.PostToReadwrThread(new TestEvent([&] { result = FMWaitUntilIdle(); }), 1);
+    EXPECT_EQ(result, RT_ERROR_NOT_READY);
+    // An event that posts itself for ever.
+    std::atomic<bool> stop{false};
+    std::function<void()> again = [&] {
+        if (!stop)
+            manager.PostToReadwrThread(new TestEvent(again), 0);
+    };
+    manager.PostToReadwrThread(new TestEvent(again), 0);
+    EXPECT_EQ(FMWaitUntilIdle(0), RT_ERROR_NOT_READY);
+    EXPECT_EQ(FMWaitUntilIdle(20), RT_ERROR_NOT_READY);
+    stop = true;
+    EXPECT_EQ(FMWaitUntilIdle(), 0);
+    EXPECT_EQ(TestEvent::alive, 0);
 }
 
 TEST(CallerThread, AMainLoopIsWokenAndPumps) {

@@ -65,10 +65,7 @@ FileRef Store(IFileManager& manager, const FMFileInfo& info, uint32_t seed) {
     manager.CreateFile(file.Receive(), info);
     file->GetBlock(block.Receive(), 1, 1);
     Write(*block, Pattern(seed, 5000));
-    FMFileInfo other = Description();
-    FileRef settle;
-    manager.CreateFile(settle.Receive(), other);
-    manager.CreateFile(settle.Receive(), other); // waits for the queue
+    FMWaitUntilIdle();
     return file;
 }
 
@@ -104,7 +101,7 @@ TEST(Sharing, AFileBelongsToTheServerThatHasItOpen) {
     FileRef mine = cache.Create(created);
     Write(*Cache::Block(*mine, 1), Pattern(4, 300));
     clock.Advance(int64_t{100} * 86400 * 1000);
-    cache.Settle(); // housekeeping finds both files old, and leaves them
+    FMWaitUntilIdle(); // housekeeping finds both files old, and leaves them
     EXPECT_EQ(Read(*Cache::Block(*mine, 1)), Pattern(4, 300));
     EXPECT_EQ(ReadFile(cache.Path(created.fileID, ".sdd")), Pattern(3, 5000));
     EXPECT_TRUE(fs::exists(cache.Path(old.fileID, ".sdi")));
@@ -112,7 +109,7 @@ TEST(Sharing, AFileBelongsToTheServerThatHasItOpen) {
     // It was killed: what it had not saved is gone, and what waited here takes its turn.
     other.Kill();
     clock.Advance(60'000);
-    cache.Settle();
+    FMWaitUntilIdle();
     EXPECT_EQ(ReadFile(cache.Path(created.fileID, ".sdd")), Pattern(4, 300));
     FileRef again = cache.Open(old.fileID);
     ASSERT_TRUE(again);
@@ -170,7 +167,7 @@ TEST(Sharing, AServerWaitsForOneThatClearsAndHoldsWhatLiesThere) {
     fs::rename(store, dir.path / "aside");
     fs::create_directory(store);
     clock.Advance(60'000);
-    cache.Settle();
+    FMWaitUntilIdle();
     EXPECT_FALSE(takeAlone().second);
 }
 
@@ -182,12 +179,12 @@ TEST(Sharing, AFileThatWasChangedWhileItsStreamWasAwayIsWrittenNoMore) {
     for (uint32_t i = 0; i < 40; ++i) {
         files.push_back(cache.Create());
         Write(*Cache::Block(*files.back(), 1), Pattern(i, 100));
-        cache.Settle();
+        FMWaitUntilIdle();
     }
     const fs::path path = cache.Path(files[0]->GetFileInfo().fileID, ".sdd");
     WriteFile(path, Pattern(99, 200));
     Write(*Cache::Block(*files[0], 2), Pattern(2, 300));
-    cache.Settle();
+    FMWaitUntilIdle();
     EXPECT_EQ(ReadFile(path), Pattern(99, 200));
     EXPECT_EQ(Read(*Cache::Block(*files[0], 2)), Pattern(2, 300));
     EXPECT_EQ(log.Count("another process has changed the file, fileID="), 1U);
@@ -201,17 +198,17 @@ TEST(Sharing, BytesThatWereCutOffDoNotComeBackAsZeros) {
     for (uint32_t i = 1; i <= 3; ++i)
         Write(*Cache::Block(*file, i), Pattern(i, 1000));
     cache.Close(file);
-    cache.Settle();
+    FMWaitUntilIdle();
     fs::resize_file(cache.Path(id, ".sdd"), 1500);
     file = cache.Open(id);
     ASSERT_TRUE(file);
     EXPECT_EQ(Read(*Cache::Block(*file, 3)), "error 10001");
     CountingSink sink;
     EXPECT_EQ(Cache::Block(*file, 2)->ReadData(&sink), 0);
-    cache.Settle();
+    FMWaitUntilIdle();
     EXPECT_EQ(sink.results, std::vector<int>{RT_ERROR_IO});
     Write(*Cache::Block(*file, 4), Pattern(4, 1000)); // makes the data file long again
-    cache.Settle();
+    FMWaitUntilIdle();
     const auto onDisk = [&](const char* extension) { return ReadFile(cache.Path(id, extension)); };
     const std::string info = onDisk(".sdi"), data = onDisk(".sdd"); // as a crash would leave them
     for (const uint32_t lost : {2U, 3U})

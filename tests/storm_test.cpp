@@ -36,8 +36,7 @@ public:
     void End() {
         m_ending = true;
         m_cache.Stop();
-        while (m_cache.thread.RunDue() > 0) {
-        }
+        FMWaitUntilIdle();
         for (File& file : m_files)
             file.file.Reset();
         for (auto& sink : m_sinks) {
@@ -165,7 +164,7 @@ TEST(Storm, EverySinkIsCalledOrCancelledAndNothingIsLeft) {
     {
         Cache first; // from which on the system has what it keeps
         Write(*Cache::Block(*first.Create(), 1), "bytes");
-        first.Settle();
+        FMWaitUntilIdle();
     }
     const size_t threads = CountThreads();
     const size_t handles = CountHandles();

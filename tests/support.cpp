@@ -65,25 +65,13 @@ Cache::Cache(const fs::path& existing, bool isToStart) : dir(existing), isServer
 
 Cache::~Cache() {
     Stop();
-    while (thread.RunDue() > 0) {
-    }
+    FMWaitUntilIdle();
 }
 
 void Cache::Start() { manager->Initialize(CRtString(dir.path.string()), clearDays, isServer); }
 
-// A file made over another one waits for the read/write thread's queue.
-void Cache::Settle(uint32_t rounds) {
-    const FMFileInfo info = Description();
-    while (thread.RunDue() > 0) {
-    }
-    while (rounds-- > 0) {
-        FileRef first, second;
-        manager->CreateFile(first.Receive(), info);
-        manager->CreateFile(second.Receive(), info);
-        manager->DetachFile(info.fileID);
-        while (thread.RunDue() > 0) {
-        }
-    }
+void Cache::RunReadwrQueue() {
+    EXPECT_EQ(CFileManager::Instance()->PostToReadwrThread(new TestEvent, 1), 0);
 }
 
 fs::path Cache::Path(const FMFileID& id, const char* extension) const {

@@ -94,8 +94,8 @@ public:
     ~Cache();
     void Start();
     void Stop() { manager->UnInitialize(); }
-    // Until both threads have nothing left to do.
-    void Settle(uint32_t rounds = 3);
+    // Runs what is queued for the read/write thread, but not what that posts back.
+    static void RunReadwrQueue();
     fs::path Path(const FMFileID& id, const char* extension) const;
 
     FileRef Create(const FMFileInfo& info);

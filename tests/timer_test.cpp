@@ -39,7 +39,7 @@ TEST(Collection, ReleasesIdleBlocksOfAClientAtEveryTick) {
     Write(*block, Pattern(1, 1000));
     const CRtMessageChain piece = CRtMessageBlock::CreateCopy("half", 4);
     half->WriteData(8, 0, piece.get());
-    cache.Settle();
+    FMWaitUntilIdle();
     Tick(cache, clock, 240'000);
     EXPECT_TRUE(block->IsInMemory());
     clock.Advance(1);
@@ -53,7 +53,7 @@ TEST(Collection, ReleasesIdleBlocksOfAClientAtEveryTick) {
     for (uint32_t id = 3; id < 6; ++id)
         Write(*Cache::Block(*file, id), std::string(big, 'x'));
     EXPECT_EQ(Read(*block), Pattern(1, 1000));
-    cache.Settle();
+    FMWaitUntilIdle();
     Tick(cache, clock, 120'000);
     EXPECT_TRUE(block->IsInMemory());
     EXPECT_EQ(log.Count("CFileManager::MemoyCollect, Max=67108864, Size=150995952"), 1U);
@@ -74,7 +74,7 @@ TEST(Collection, LeavesAServerAloneBelowItsLimit) {
     const BlockRef filler = Cache::Block(*file, 2);
     const CRtMessageChain piece = CRtMessageBlock::CreateCopy("x", 1);
     EXPECT_EQ(filler->WriteData(most - 1, 0, piece.get()), 0);
-    cache.Settle();
+    FMWaitUntilIdle();
     Tick(cache, clock, 600'000);
     EXPECT_TRUE(block->IsInMemory());
     EXPECT_EQ(filler->WriteData(most, 0, piece.get()), 0); // now it is at the limit
@@ -87,7 +87,7 @@ TEST(HouseKeeping, ComesWithTheFirstTickAndThenDaily) {
     LogCapture log;
     Cache cache(1);
     const auto runs = [&] {
-        CFileManager::Instance()->IsFileOpen(""); // waits for the read/write thread
+        FMWaitUntilIdle();
         return log.Count("CFileManager::HouseKeeping_m. Dir:");
     };
     Tick(cache, clock);

@@ -69,7 +69,7 @@ TEST(DISABLED_Other, StoresAndStays) {
         Write(*Cache::Block(*file, 1), Pattern(1, 5000));
         if (id == FINISHED)
             cache.Close(file);
-        cache.Settle();
+        FMWaitUntilIdle();
     }
     StayUntilKilled(dir);
 }
@@ -83,7 +83,7 @@ TEST(Windows, AFileBelongsToOneServerAndSurvivesItsBeingKilled) {
     FileRef mine = cache.Create(Described(OPEN));
     Write(*Cache::Block(*mine, 1), Pattern(4, 300));
     clock.Advance(int64_t{100} * 86400 * 1000);
-    cache.Settle(); // housekeeping finds the open file old, and leaves it
+    FMWaitUntilIdle(); // housekeeping finds the open file old, and leaves it
     EXPECT_TRUE(ReadFile(cache.Path(Described(OPEN).fileID, ".sdd")) == Pattern(1, 5000));
     EXPECT_EQ(Read(*Cache::Block(*mine, 1)), Pattern(4, 300));
     cache.Stop();
@@ -134,7 +134,7 @@ TEST(Windows, AStoreDoesNotWaitForADataFileThatIsALinkToNowhere) {
     fs::remove(target);
     const FileRef file = cache.Create(info);
     Write(*Cache::Block(*file, 1), "bytes");
-    cache.Settle();
+    FMWaitUntilIdle();
     EXPECT_EQ(Read(*Cache::Block(*file, 1)), "bytes");
 }
 
@@ -171,4 +171,18 @@ TEST(Windows, SlashesAreSeparatorsToo) {
     EXPECT_TRUE(fs::is_directory(dir.path / "made" / "sdstore"));
     IFileManager::Instance()->UnInitialize();
     EXPECT_EQ(log.Text(), "");
+}
+
+TEST(Windows, HousekeepingFindsDataFilesInAnyCase) {
+    TestClock clock;
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache(1, 7);
+    const fs::path store = cache.dir.path / "sdstore";
+    for (const char* name : {"one.SDD", "two.Sdd", "three.sdd"})
+        WriteFile(store / name, "unreadable");
+    WriteFile(store / "kept.sddx", "other");
+    clock.Advance(60'000);
+    FMWaitUntilIdle();
+    EXPECT_EQ(CountFiles(store), 1U);
+    EXPECT_TRUE(fs::exists(store / "kept.sddx"));
 }

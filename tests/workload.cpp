@@ -215,16 +215,16 @@ void Workload::Load(uint32_t file, uint32_t id) {
     CountingSink sink;
     const BlockRef block = Cache::Block(*m_files[file].open, id, 0);
     const bool asked = block && block->ReadData(&sink) == 0;
-    Settle();
+    FMWaitUntilIdle();
     EXPECT_EQ(sink.results.size(), asked ? 1U : 0U);
     uint32_t generation = 0;
     CheckBlock(file, id, generation);
 }
 
 void Workload::ExpectStoredByTick() {
-    Settle(); // a store that still fails fails now
+    FMWaitUntilIdle(); // a store that still fails fails now
     Advance(TICK_MS);
-    Settle();
+    FMWaitUntilIdle();
     Advance(4 * TICK_MS); // what is on disk is freed then; a tick too, but the first was enough
     for (uint32_t number = 0; number < FILES; ++number) {
         for (uint32_t id = 1; id < BLOCKS; ++id) {
@@ -242,7 +242,7 @@ void Workload::ExpectStoredByTick() {
 // --- The work -----------------------------------------------------------------------------------
 
 void Workload::EndRun() {
-    Settle(); // stores that are to meet the fault have met it
+    FMWaitUntilIdle(); // stores that are to meet the fault have met it
     if (liftEarly && Hits() > 0)
         faults::Lift();
     ExpectStoredByTick();
@@ -264,13 +264,13 @@ void Workload::KeepHouse() {
             Forget(file);
     }
     Advance(864'000'000);
-    Settle(FILES); // it queues one step after the other
+    FMWaitUntilIdle(); // it queues one step after the other
 }
 
 void Workload::FirstRun() {
     Start();
     Make(A, {700, 9000, 300, 2500});
-    Settle();
+    FMWaitUntilIdle();
     Put(A, 2, 9000); // where it was
     Put(A, 3, 400);  // elsewhere
     Remove(A, 4);
@@ -279,7 +279,7 @@ void Workload::FirstRun() {
     Make(OLD, {5000});
     Close(OLD);
     Make(TEMPORARY, {1200}, FM_FILE_TEMPORARY);
-    Settle();
+    FMWaitUntilIdle();
     Forget(TEMPORARY);
     Close(TEMPORARY);
     Make(B, {800, 3000, 600});
@@ -289,7 +289,7 @@ void Workload::FirstRun() {
     Put(B, 4, 5000);
     Make(C, {900, 4000});
     Close(C);
-    Settle();
+    FMWaitUntilIdle();
     Make(C, {4000, 900}); // over an older cached file
     Make(LARGE, {});
     for (uint32_t id = LARGE_FIRST; id <= LARGE_LAST; id += 2)
@@ -334,7 +334,7 @@ void Workload::Run() {
     }
     Start(0); // clears, now and at the end
     Make(A, {1000});
-    Settle();
+    FMWaitUntilIdle();
     Forget(A);
     Stop();
     Start();
@@ -380,7 +380,7 @@ void Workload::Verify() {
 
 void Workload::ExpectNothingLeft() {
     Start();
-    Settle();
+    FMWaitUntilIdle();
     EXPECT_GT(g_counters.filesCreated, 0);
     EXPECT_EQ(g_counters.filesCreated, g_counters.filesDestroyed);
     EXPECT_GT(g_counters.blocksCreated, 0);

@@ -55,7 +55,6 @@ public:
     // What is there is true and as promised, and must stay from now on.
     void Check(uint32_t file);
     void Advance(int64_t ms);
-    void Settle(uint32_t rounds = 2) { m_cache.Settle(rounds); }
     // A tick, after which every block that was written is on disk and can be loaded again.
     void ExpectStoredByTick();
     // Nothing is known of it any more.

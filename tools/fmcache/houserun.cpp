@@ -36,53 +36,21 @@ private:
     std::atomic<uint64_t> m_ahead{0}; // read on every thread
 };
 
-// Waits until the read/write thread has run everything queued so far. The interface has no call for this.
-// But CreateFile waits for that queue if an object with the same identifier exists, so each pass creates
-// such a file again while the last one is still referenced. Files without blocks create nothing on disk.
-class Barrier {
-public:
-    explicit Barrier(Session& session) : m_session(session) {
-        CoCreateFMFileID(m_info.fileID);
-        m_info.blockBeg = 1;
-        Pass();
-    }
-    ~Barrier() {
-        m_file.Reset();
-        m_session.Manager().DetachFile(m_info.fileID);
-    }
-    Barrier(const Barrier&) = delete;
-    Barrier& operator=(const Barrier&) = delete;
-
-    void Pass() {
-        IFMFile* file = nullptr;
-        Require(m_session.Manager().CreateFile(file, m_info), "cannot wait for housekeeping");
-        m_file = FileRef::Adopt(file);
-    }
-
-private:
-    Session& m_session;
-    FMFileInfo m_info;
-    FileRef m_file;
-};
-
 } // namespace
 
-// A run is a chain of events on the read/write thread: each examines one data file and posts the next one.
-// So after each pass of the barrier at least one more data file has been examined. Two more passes are for
-// the first event and for the one that finds no more files.
+// A run is a chain of events: each one examines one data file and posts the next one. Without a time to
+// wait, FMWaitUntilIdle runs the events that are queued, which is one of this chain.
 void RunHousekeeping(const std::filesystem::path& dir, uint16_t days, uint64_t dataFiles) {
     constexpr uint64_t firstTickMs = 60'001;
     MovableClock clock;
     Session session(dir, days);
-    Barrier barrier(session);
     CheckStop();
     clock.Advance(firstTickMs);
     session.Pump(); // fires the tick, which posts the first event
     Progress progress("housekeeping", dataFiles, Progress::Unit::Files);
-    for (uint64_t i = 0; i < dataFiles + 2; ++i) {
+    uint64_t examined = 0;
+    while (FMWaitUntilIdle(0) == RT_ERROR_NOT_READY) {
         CheckStop();
-        barrier.Pass();
-        session.Pump();
-        progress.Add(i < dataFiles ? 1 : 0);
+        progress.Add(examined++ < dataFiles ? 1 : 0);
     }
 }

@@ -78,15 +78,15 @@ void CFileManager::HouseKeeping_m() {
 }
 
 void CFileManager::ExamineNext_m() {
-    constexpr size_t extensionLength = 4;
+    const CRtString extension = ".sdd";
     CRtString name;
     bool isDirectory = false;
     while (m_houseKeepingWalk->Next(name, isDirectory)) {
-        if (isDirectory || name.size() <= extensionLength || !name.view().ends_with(".sdd"))
+        if (isDirectory || name == extension || !RtOs::HasExtension(name, extension))
             continue;
         if (RtOs::FindLastSeparator(name) != std::string_view::npos)
             continue; // some systems allow it in a name, and it would lead out of the directory
-        ExamineFile(name.Left(name.size() - extensionLength));
+        ExamineFile(name.Left(name.size() - extension.size()));
         // A thread that stops takes no more: the run is given up and begins anew another time.
         if (RT_FAILED(PostToReadwrThread(new CFMFunctor0(this, &CFileManager::ExamineNext_m), 0)))
             EndHouseKeeping();

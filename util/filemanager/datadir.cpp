@@ -25,7 +25,6 @@ CRtString ParentOf(const CRtString& path) {
     return end == std::string_view::npos ? CRtString() : path.Left(end);
 }
 
-// A function of its own: the line's buffer must not lie on the stack once per level of a deep tree.
 void LogRemoveDir(const CRtString& dir) {
     RT_LOG(RT_LOG_TRACE, "CFileManager::RemoveDir. Dir:" << dir);
 }
@@ -34,6 +33,45 @@ CRtString WithBackslash(CRtString dir) {
     if (dir.empty() || dir.back() != '\\')
         dir += '\\';
     return dir;
+}
+
+// Removes the files of the walk's directory; returns the names of its subdirectories.
+std::vector<CRtString> RemoveFiles(RtOs::DirectoryWalk& walk) {
+    std::vector<CRtString> subdirectories;
+    CRtString name;
+    bool isDirectory = false;
+    while (walk.Next(name, isDirectory)) {
+        if (isDirectory)
+            subdirectories.push_back(name);
+        else
+            walk.RemoveFile(name);
+    }
+    return subdirectories;
+}
+
+// Removes everything in the walk's directory. Works through open directories: every removed entry belongs to
+// the tree even if another process renames directories meanwhile. A level of depth costs a list of names,
+// but neither a descriptor nor a stack frame, since another process determines the depth.
+void RemoveContents(RtOs::DirectoryWalk& walk, CRtString path) {
+    std::vector<std::vector<CRtString>> levels{RemoveFiles(walk)}; // names still to be removed
+    for (;;) {
+        if (levels.back().empty()) {
+            levels.pop_back();
+            if (levels.empty() || !walk.Leave())
+                return;
+            path.resize(path.size() - levels.back().back().size() - 1);
+        } else {
+            const CRtString name = levels.back().back() + "\\";
+            LogRemoveDir(path + name);
+            if (walk.Enter(levels.back().back())) {
+                path += name;
+                levels.push_back(RemoveFiles(walk));
+                continue;
+            }
+        }
+        walk.RemoveSubdirectory(levels.back().back());
+        levels.back().pop_back();
+    }
 }
 
 } // namespace
@@ -182,22 +220,9 @@ void CFileManager::RemoveDir(const CRtString& dir) {
     LogRemoveDir(dir);
     {
         RtOs::DirectoryWalk walk(dir);
-        RemoveEntries(walk, WithBackslash(dir));
+        RemoveContents(walk, WithBackslash(dir));
     }
     RtOs::RemoveEmptyDirectory(dir);
-}
-
-// Works through the open directory, so that what is removed lies in the tree whatever happens to the
-// path meanwhile.
-void CFileManager::RemoveEntries(RtOs::DirectoryWalk& walk, const CRtString& base) {
-    CRtString name;
-    bool isDirectory = false;
-    while (walk.Next(name, isDirectory)) {
-        if (isDirectory)
-            RemoveTree(walk, base, name);
-        else
-            walk.RemoveFile(name);
-    }
 }
 
 void CFileManager::RemoveTree(RtOs::DirectoryWalk& parent, const CRtString& base,
@@ -206,7 +231,7 @@ void CFileManager::RemoveTree(RtOs::DirectoryWalk& parent, const CRtString& base
     LogRemoveDir(path);
     {
         RtOs::DirectoryWalk walk(parent, name);
-        RemoveEntries(walk, path);
+        RemoveContents(walk, path);
     }
     parent.RemoveSubdirectory(name);
 }

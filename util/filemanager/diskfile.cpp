@@ -1,13 +1,12 @@
 #include "diskfile.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 
 #include "FMInfoCodec.h"
 #include "RtLog.h"
-#include "RtParts.h"
 #include "RtResult.h"
+#include "RtSendTicket.h"
 #include "filemanager.h"
 #include "os/RtOs.h"
 #include "streamkeeper.h"
@@ -15,40 +14,37 @@
 namespace {
 constexpr char SOURCE[] = "util/filemanager/diskfile";
 
-// A read in parts: to copy them takes far longer than to find them.
+// A read that the waiting sender of the event helps with: copying a large range takes far longer than
+// finding it in the page cache.
 class CReadParts final : public IRtParts {
 public:
     CReadParts(FILE* stream, uint64_t offset, void* bytes, uint32_t length)
-        : m_stream(stream), m_offset(offset), m_bytes(static_cast<char*>(bytes)), m_length(length) {
-    }
-    // Halves, but of a long read less, for the case that the other thread comes late.
+        : m_stream(stream), m_offset(offset), m_bytes(static_cast<char*>(bytes)), m_length(length),
+          m_partLength(std::clamp(length / 2 + length % 2, PART_MIN, PART_MAX)) {}
     RtOs::Transfer Run() {
-        constexpr uint32_t least = 64 * 1024;
-        constexpr uint32_t most = 256 * 1024;
-        RtRunParts(*this, m_length, std::clamp(m_length / 2 + m_length % 2, least, most));
-        return m_result;
+        CRtSendTicket* const ticket = CRtSendTicket::GetRunning();
+        if (!ticket || m_length <= m_partLength)
+            return RtOs::ReadAt(m_stream, m_offset, m_bytes, m_length);
+        const uint32_t count = (m_length - 1) / m_partLength + 1;
+        return static_cast<RtOs::Transfer>(ticket->RunParts(*this, count));
     }
 
 private:
-    // One failure is enough: on a disk that fails each further try may take its time.
-    bool RunPart(uint32_t begin, uint32_t end, bool mayWait) noexcept override {
-        RtOs::Transfer known = RtOs::Transfer::Done;
-        if (m_result != known)
-            return true;
-        const uint32_t length = end - begin;
-        if (!mayWait)
-            return RtOs::ReadNowAt(m_stream, m_offset + begin, m_bytes + begin, length);
-        const RtOs::Transfer result =
-            RtOs::ReadAt(m_stream, m_offset + begin, m_bytes + begin, length);
-        m_result.compare_exchange_strong(known, result);
-        return true;
+    static constexpr uint32_t PART_MIN = 64 * 1024;
+    static constexpr uint32_t PART_MAX = 256 * 1024; // a late helper still finds parts
+
+    int RunPart(uint32_t part) noexcept override {
+        static_assert(static_cast<int>(RtOs::Transfer::Done) == 0);
+        const uint32_t begin = part * m_partLength;
+        const uint32_t length = std::min(m_partLength, m_length - begin);
+        return static_cast<int>(RtOs::ReadAt(m_stream, m_offset + begin, m_bytes + begin, length));
     }
 
     FILE* const m_stream;
     const uint64_t m_offset;
     char* const m_bytes;
     const uint32_t m_length;
-    std::atomic<RtOs::Transfer> m_result{RtOs::Transfer::Done};
+    const uint32_t m_partLength;
 };
 
 } // namespace
@@ -322,7 +318,7 @@ int CInfoFile::ReaddFileInfo(void* buffer, uint32_t* length) {
         return ret;
     if (std::strcmp(magic, FM_INFO_MAGIC) != 0) {
         RT_LOG(RT_LOG_ERROR, "CInfoFile::ReaddFileInfo. not sdinfo file! readFileHeader="
-                                 << magic << " this=" << this);
+                                 << CRtString(magic) << " this=" << this);
         return RT_ERROR_NOT_READY;
     }
     ret = ReaddData(prefix, FM_INFO_LENGTH_OFFSET, sizeof(prefix));

@@ -146,7 +146,6 @@ private:
     /// The tree `name` in an open directory whose path is `base`.
     static void RemoveTree(RtOs::DirectoryWalk& parent, const CRtString& base,
                            const CRtString& name);
-    static void RemoveEntries(RtOs::DirectoryWalk& walk, const CRtString& base);
 
     static std::atomic<CFileManager*> s_alive;
 

@@ -11,7 +11,6 @@
 #include "filemanager.h"
 #include "fmfile.h"
 #include "fmfunctor.h"
-#include "os/RtLockSoon.h"
 #include "streamkeeper.h"
 
 namespace {

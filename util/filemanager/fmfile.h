@@ -11,7 +11,7 @@
 #include "RtReferenceControl.h"
 #include "diskfile.h"
 #include "fmblock.h"
-#include "os/RtLockSoon.h"
+#include "os/RtSpin.h"
 
 constexpr uint32_t cmax_check_blocks = 131072;
 constexpr int64_t cmax_filea_data_len = 1073741824;
@@ -62,7 +62,7 @@ public:
     /// The lock between the two threads over the blocks' place, length, position and store. The caller
     /// thread alone changes those, under it; the read/write thread reads them under it.
     [[nodiscard]] std::unique_lock<std::mutex> LockTransfer() {
-        return RtLockSoon(m_transferMutex);
+        return SpinThenLock(m_transferMutex);
     }
     /// Over the two disk files and what is known of them. Taken before the transfer mutex.
     std::mutex& GetDiskMutex() { return m_diskMutex; }

@@ -170,4 +170,23 @@ public:
 protected:
     virtual ~IFileManager();
 };
+
+/// For FMWaitUntilIdle: no time limit.
+constexpr uint32_t FM_WAIT_FOREVER = 0xFFFFFFFF;
+
+/// Returns when the caller thread and the read/write thread are idle: everything that was queued at the call
+/// has run, and so has everything that these events post to either thread, for instance the completion of a
+/// load or the write of a closed file's block table. Meant for tests and tools.
+///
+/// May be called on any thread but the read/write thread. On the caller thread it runs that thread's events
+/// and due timers. On another thread it waits until the caller thread runs its events. An event or a sink
+/// may call it; the event that is running does not count as queued. Before Initialize and after
+/// UnInitialize only the caller thread counts.
+/// @param milliseconds after this time the function returns even if events keep posting new events. For
+///     what was queued at the call it waits in any case, without a limit if the disk is slow.
+/// @retval RT_OK both threads are idle.
+/// @retval RT_ERROR_NULL_OBJECT the manager could not be created.
+/// @retval RT_ERROR_NOT_READY the time is over, the calling thread is the read/write thread, or one of the
+///     two threads is stopping.
+RT_EXPORT int FMWaitUntilIdle(uint32_t milliseconds = FM_WAIT_FOREVER);
 /// @}

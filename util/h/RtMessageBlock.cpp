@@ -5,41 +5,45 @@
 #include <cstring>
 #include <new>
 
-// The count of a shared buffer. The block that was made with it, room for a duplicate and the bytes follow
-// it in the same allocation, which lives as long as anybody uses one of them. Most buffers have one
-// duplicate at a time, on its way to the disk or to a reader.
+// The header of a shared buffer. One allocation holds the header, the block it was created with, room for a
+// second block, and the bytes; it lives until the last block over the buffer is destroyed. Most buffers have
+// one duplicate at a time, for a store or for a reader: that one is made in the room.
 struct CRtMessageBlock::CRtDataBlock {
+    /// The number of blocks over the buffer, plus ROOM_TAKEN while the room holds one of them.
     std::atomic<uint32_t> references{1};
-    std::atomic<bool> isRoomTaken{false};
+    static constexpr uint32_t ROOM_TAKEN = uint32_t{1} << 31;
 
     static constexpr size_t FIRST_AT = 8;
     static constexpr size_t ROOM_AT = FIRST_AT + sizeof(CRtMessageBlock);
     static constexpr size_t BYTES_AT = ROOM_AT + sizeof(CRtMessageBlock);
-    // Processors and systems copy large buffers several times as fast when they begin with a line of the
-    // processor's cache.
-    static constexpr size_t LINE = 64;
+    // Processors and kernels copy a large buffer several times faster if it starts at a cache line.
+    static constexpr size_t CACHE_LINE = 64;
     static constexpr uint32_t LARGE = 4096;
 
     void* PlaceOfFirst() { return reinterpret_cast<char*>(this) + FIRST_AT; }
     void* Room() { return reinterpret_cast<char*>(this) + ROOM_AT; }
-    /// Room for one more block, or null.
-    void* TakeRoom() {
-        const bool isFree = !isRoomTaken.load(std::memory_order_relaxed) &&
-                            !isRoomTaken.exchange(true, std::memory_order_acquire);
-        return isFree ? Room() : nullptr;
-    }
-    void DestroyBlock(CRtMessageBlock* block) {
-        const bool isInRoom = block == Room();
-        if (!isInRoom && block != PlaceOfFirst()) {
-            delete block;
-            return;
+    /// Memory for one more block, which is counted; null if the allocation failed.
+    void* AddBlock() {
+        uint32_t before = references.load(std::memory_order_relaxed);
+        while ((before & ROOM_TAKEN) == 0) {
+            if (references.compare_exchange_weak(before, (before + 1) | ROOM_TAKEN,
+                                                 std::memory_order_acquire,
+                                                 std::memory_order_relaxed))
+                return Room();
         }
-        block->~CRtMessageBlock();
-        if (isInRoom)
-            isRoomTaken.store(false, std::memory_order_release);
+        void* const place = ::operator new(sizeof(CRtMessageBlock), std::nothrow);
+        if (place)
+            references.fetch_add(1, std::memory_order_relaxed);
+        return place;
     }
-    void Release() {
-        if (references.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    /// Destroys a block over this buffer, and with the last one the buffer.
+    void RemoveBlock(CRtMessageBlock* block) {
+        const uint32_t share = block == Room() ? ROOM_TAKEN + 1 : 1;
+        if (block == Room() || block == PlaceOfFirst())
+            block->~CRtMessageBlock();
+        else
+            delete block;
+        if (references.fetch_sub(share, std::memory_order_acq_rel) == share) {
             this->~CRtDataBlock();
             ::operator delete(this);
         }
@@ -55,7 +59,7 @@ CRtMessageBlock::CRtMessageBlock(CRtDataBlock* data, char* bytes, uint32_t size)
 CRtMessageChain CRtMessageBlock::Create(uint32_t size) {
     static_assert(sizeof(CRtDataBlock) <= CRtDataBlock::FIRST_AT &&
                   CRtDataBlock::FIRST_AT % alignof(CRtMessageBlock) == 0);
-    const size_t slack = size >= CRtDataBlock::LARGE ? CRtDataBlock::LINE - 1 : 0;
+    const size_t slack = size >= CRtDataBlock::LARGE ? CRtDataBlock::CACHE_LINE - 1 : 0;
     if (size > SIZE_MAX - CRtDataBlock::BYTES_AT - slack)
         return nullptr;
     size_t space = slack + size;
@@ -64,14 +68,14 @@ CRtMessageChain CRtMessageBlock::Create(uint32_t size) {
         return nullptr;
     void* bytes = static_cast<char*>(memory) + CRtDataBlock::BYTES_AT;
     if (slack > 0)
-        std::align(CRtDataBlock::LINE, size, bytes, space);
+        std::align(CRtDataBlock::CACHE_LINE, size, bytes, space);
     auto* const data = new (memory) CRtDataBlock;
     return CRtMessageChain(new (data->PlaceOfFirst())
                                CRtMessageBlock(data, static_cast<char*>(bytes), size));
 }
 
 CRtMessageChain CRtMessageBlock::Wrap(const char* bytes, uint32_t length) {
-    // Nothing writes through this pointer: the block has no space.
+    // The block has no space, so nothing writes through this pointer.
     CRtMessageChain block(new CRtMessageBlock(nullptr, const_cast<char*>(bytes), length));
     block->m_pWritePtr = block->m_pEndPtr;
     return block;
@@ -105,14 +109,11 @@ CRtMessageChain CRtMessageBlock::DuplicateChained() const {
     CRtMessageBlock** link = nullptr;
     for (const CRtMessageBlock* block = this; block; block = block->m_pNext) {
         const auto size = static_cast<uint32_t>(block->m_pEndPtr - block->m_pBasePtr);
-        void* place = block->m_pData ? block->m_pData->TakeRoom() : nullptr;
-        if (!place)
-            place = ::operator new(sizeof(CRtMessageBlock), std::nothrow);
+        void* const place = block->m_pData ? block->m_pData->AddBlock()
+                                           : ::operator new(sizeof(CRtMessageBlock), std::nothrow);
         if (!place)
             return nullptr;
         auto* copy = new (place) CRtMessageBlock(block->m_pData, block->m_pBasePtr, size);
-        if (copy->m_pData)
-            copy->m_pData->references.fetch_add(1, std::memory_order_relaxed);
         copy->m_pReadPtr = block->m_pReadPtr;
         copy->m_pWritePtr = block->m_pWritePtr;
         copy->m_Flag = block->m_Flag;
@@ -129,13 +130,10 @@ void CRtMessageBlock::DestroyChained() {
     CRtMessageBlock* block = this;
     while (block) {
         CRtMessageBlock* const next = block->m_pNext;
-        CRtDataBlock* const data = block->m_pData;
-        if (data) {
-            data->DestroyBlock(block);
-            data->Release();
-        } else {
+        if (block->m_pData)
+            block->m_pData->RemoveBlock(block);
+        else
             delete block;
-        }
         block = next;
     }
 }

@@ -1,6 +1,5 @@
 #include "RtCleanUp.h"
 
-#include <mutex>
 #include <vector>
 
 #include "RtThreadManager.h"
@@ -8,35 +7,46 @@
 
 namespace {
 
-struct Enrolled {
-    std::mutex mutex;
-    std::vector<CRtCleanUpBase*> objects;
+// Guards the list. Singletons enrol while their creator holds this mutex, which is recursive.
+class CSingletonLock {
+public:
+    CSingletonLock() : m_isLocked(RT_SUCCEEDED(m_mutex.Lock())) {}
+    ~CSingletonLock() {
+        if (m_isLocked)
+            m_mutex.UnLock();
+    }
+    CSingletonLock(const CSingletonLock&) = delete;
+    CSingletonLock& operator=(const CSingletonLock&) = delete;
+
+private:
+    CRtMutexBase& m_mutex = *CRtThreadManager::Instance()->GetSingletonMutex();
+    const bool m_isLocked;
 };
 
-Enrolled& List() {
-    static Enrolled* list = new Enrolled; // outlives every static object
-    return *list;
+std::vector<CRtCleanUpBase*>& Enrolled() {
+    static auto* objects = new std::vector<CRtCleanUpBase*>; // outlives every static object
+    return *objects;
 }
 
 CRtCleanUpBase* TakeYoungest() {
-    const std::lock_guard lock(List().mutex);
-    if (List().objects.empty())
+    const CSingletonLock lock;
+    if (Enrolled().empty())
         return nullptr;
-    CRtCleanUpBase* object = List().objects.back();
-    List().objects.pop_back();
+    CRtCleanUpBase* object = Enrolled().back();
+    Enrolled().pop_back();
     return object;
 }
 
 } // namespace
 
 CRtCleanUpBase::CRtCleanUpBase() {
-    const std::lock_guard lock(List().mutex);
-    List().objects.push_back(this);
+    const CSingletonLock lock;
+    Enrolled().push_back(this);
 }
 
 CRtCleanUpBase::~CRtCleanUpBase() {
-    const std::lock_guard lock(List().mutex);
-    std::erase(List().objects, this);
+    const CSingletonLock lock;
+    std::erase(Enrolled(), this);
 }
 
 void CRtCleanUpBase::CleanUp() { delete this; }
@@ -45,13 +55,13 @@ class CRtProcessEnd {
 public:
     static int Run() {
         if (!CRtThreadManager::Instance()->EndAllThreads())
-            return 0; // a thread that still runs may use any of them
+            return 0; // a thread that still runs may use the objects
         while (CRtCleanUpBase* object = TakeYoungest())
             object->CleanUp();
         return 0;
     }
 };
 
-// The library's static objects are made before the program's and destroyed after them, so this is the
-// last thing of the library that runs.
+// The library's static objects are constructed before the program's and destroyed after them: this is the
+// last function of the library that runs.
 [[maybe_unused]] const bool g_isEnrolled = RtOs::AtProcessEnd(&CRtProcessEnd::Run);

@@ -2,13 +2,11 @@
 
 #include <algorithm>
 
-#include "RtParts.h"
 #include "RtResult.h"
 #include "RtSendTicket.h"
 #include "RtTimeValue.h"
 #include "RtTimer.h"
-#include "os/RtLockSoon.h"
-#include "os/RtLookFor.h"
+#include "os/RtSpin.h"
 
 namespace {
 thread_local CRtEventQueue* t_current = nullptr;
@@ -24,7 +22,7 @@ CRtEventQueue::~CRtEventQueue() {
     SetOwner(false);
     RunRemaining(std::chrono::milliseconds(0));
     for (CRtTimerWrapper* timer : m_timers)
-        timer->m_pQueue = nullptr; // it may be cancelled later
+        timer->m_pQueue = nullptr; // the timer may be cancelled later
 }
 
 CRtEventQueue* CRtEventQueue::Current() { return t_current; }
@@ -37,7 +35,7 @@ void CRtEventQueue::SetOwner(bool owned) {
 }
 
 void CRtEventQueue::SetWakeUp(std::function<void()> wakeUp) {
-    const std::lock_guard lock(m_mutex);
+    const std::unique_lock lock = SpinThenLock(m_mutex);
     m_wakeUp = std::move(wakeUp);
 }
 
@@ -50,7 +48,7 @@ int CRtEventQueue::PostEvent(IRtEvent* event, int) noexcept {
 int CRtEventQueue::SendEvent(IRtEvent* event) {
     if (!event)
         return RT_ERROR_NULL_OBJECT;
-    if (t_current == this) { // waiting for itself would never end
+    if (t_current == this) { // a thread that waits for itself never wakes up
         event->OnEventFire();
         event->OnDestorySelf();
         return RT_OK;
@@ -64,7 +62,7 @@ int CRtEventQueue::SendEvent(IRtEvent* event) {
 }
 
 int CRtEventQueue::Enqueue(IRtEvent* event, CRtSendTicket* ticket) {
-    std::unique_lock lock = RtLockSoon(m_mutex);
+    std::unique_lock lock = SpinThenLock(m_mutex);
     if (m_stopped) {
         lock.unlock();
         event->OnDestorySelf();
@@ -79,15 +77,15 @@ int CRtEventQueue::Enqueue(IRtEvent* event, CRtSendTicket* ticket) {
     ++m_count;
     if (m_wakeUp)
         m_wakeUp();
-    // After the unlock: an owner that is woken under the lock only goes to sleep again.
-    const bool wake = m_ownerWaits;
+    // Notify after the unlock: an owner that wakes up under the lock parks again.
+    const bool wake = m_ownerParked;
     lock.unlock();
     if (wake)
         m_somethingToDo.notify_one();
     return RT_OK;
 }
 
-// With the lock held.
+// With the mutex locked.
 void CRtEventQueue::WakeOwner() {
     m_somethingToDo.notify_one();
     if (m_wakeUp)
@@ -96,8 +94,9 @@ void CRtEventQueue::WakeOwner() {
 
 bool CRtEventQueue::WithdrawEvent(IRtEvent* event) {
     {
-        const std::unique_lock lock = RtLockSoon(m_mutex);
-        if (event->m_pQueue != this || event->m_pTicket) // somebody waits for one with a ticket
+        const std::unique_lock lock = SpinThenLock(m_mutex);
+        if (event->m_pQueue != this ||
+            event->m_pTicket) // a sender waits for an event with a ticket
             return false;
         Unlink(event);
     }
@@ -107,9 +106,10 @@ bool CRtEventQueue::WithdrawEvent(IRtEvent* event) {
 
 IRtEvent* CRtEventQueue::TakeNextIf(bool (*isWanted)(const IRtEvent& last, const IRtEvent& next),
                                     const IRtEvent& last) {
-    const std::unique_lock lock = RtLockSoon(m_mutex);
+    const std::unique_lock lock = SpinThenLock(m_mutex);
     IRtEvent* const next = m_pFirst;
-    if (!next || next->m_pTicket || !isWanted(last, *next)) // somebody waits for one with a ticket
+    if (!next || next->m_pTicket ||
+        !isWanted(last, *next)) // a sender waits for an event with a ticket
         return nullptr;
     Unlink(next);
     return next;
@@ -126,7 +126,7 @@ bool CRtEventQueue::RunOne() {
     const std::lock_guard running(m_running);
     IRtEvent* event = nullptr;
     {
-        const std::unique_lock lock = RtLockSoon(m_mutex);
+        const std::unique_lock lock = SpinThenLock(m_mutex);
         event = m_pFirst;
         if (!event)
             return false;
@@ -150,20 +150,11 @@ void CRtEventQueue::Run() {
     } while (WaitForWork());
 }
 
-// Looks for an event for a while, and lends others a hand meanwhile: answers whether it did.
-bool CRtEventQueue::LookForWork() {
-    const auto hasEvents = [this] { return m_count.load(std::memory_order_relaxed) > 0; };
-    if (!RtLookFor([&] { return hasEvents() || RtOffer::IsOpen(); }) || hasEvents())
-        return false;
-    RtOffer::TakePart(nullptr);
-    return true;
-}
-
-// Answers whether the loop goes on.
+// Returns false if the loop has to end.
 bool CRtEventQueue::WaitForWork() {
-    constexpr int64_t longest = 3'600'000; // a wait that cannot overflow; the loop comes back
-    const bool helped = LookForWork();
-    std::unique_lock lock(m_mutex);
+    constexpr int64_t longestMs = 3'600'000; // longer waits could overflow; the loop repeats them
+    SpinUntil([this] { return m_count.load(std::memory_order_relaxed) > 0; });
+    std::unique_lock lock = SpinThenLock(m_mutex);
     for (;;) {
         if (m_quit) {
             m_quit = false;
@@ -173,21 +164,20 @@ bool CRtEventQueue::WaitForWork() {
             return true;
         if (m_stopped)
             return false;
-        if (helped)
-            return true; // to look again before it sleeps
         lock.unlock();
-        const int64_t due = GetNextDueMs(); // reads the clock, which may be the application's
-        lock.lock();
+        const int64_t due =
+            GetNextDueMs(); // the clock may be the application's: not under the lock
+        lock = SpinThenLock(m_mutex);
         if (due == 0)
             return true;
         if (m_pFirst || m_stopped || m_quit)
             continue;
-        m_ownerWaits = true;
+        m_ownerParked = true;
         if (due < 0)
             m_somethingToDo.wait(lock);
         else
-            m_somethingToDo.wait_for(lock, std::chrono::milliseconds(std::min(due, longest)));
-        m_ownerWaits = false;
+            m_somethingToDo.wait_for(lock, std::chrono::milliseconds(std::min(due, longestMs)));
+        m_ownerParked = false;
     }
 }
 
@@ -199,9 +189,9 @@ size_t CRtEventQueue::RunDue() {
     return done;
 }
 
-bool CRtEventQueue::RunRemaining(std::chrono::milliseconds patience) {
+bool CRtEventQueue::RunRemaining(std::chrono::milliseconds timeout) {
     constexpr std::chrono::milliseconds pause(5);
-    const auto isOver = [end = std::chrono::steady_clock::now() + patience] {
+    const auto isOver = [end = std::chrono::steady_clock::now() + timeout] {
         return std::chrono::steady_clock::now() >= end;
     };
     std::unique_lock running(m_running, std::try_to_lock);
@@ -211,7 +201,7 @@ bool CRtEventQueue::RunRemaining(std::chrono::milliseconds patience) {
     }
     if (!running.owns_lock())
         return false;
-    // What these post runs too, but one that posts itself again would never end.
+    // Events posted meanwhile run too, within the time limit: an event that reposts itself never ends.
     size_t queued = m_count;
     while ((queued > 0 || !isOver()) && RunOne())
         queued -= queued > 0 ? 1 : 0;
@@ -219,34 +209,35 @@ bool CRtEventQueue::RunRemaining(std::chrono::milliseconds patience) {
 }
 
 void CRtEventQueue::Stop() {
-    const std::lock_guard lock(m_mutex);
+    const std::unique_lock lock = SpinThenLock(m_mutex);
     m_stopped = true;
     WakeOwner();
 }
 
 void CRtEventQueue::Quit() {
-    const std::lock_guard lock(m_mutex);
+    const std::unique_lock lock = SpinThenLock(m_mutex);
     m_quit = true;
     WakeOwner();
 }
 
 void CRtEventQueue::AddTimer(CRtTimerWrapper* timer) {
-    const std::lock_guard lock(m_mutex);
+    const std::unique_lock lock = SpinThenLock(m_mutex);
     m_timers.push_back(timer);
     WakeOwner();
 }
 
 void CRtEventQueue::RemoveTimer(CRtTimerWrapper* timer) {
-    const std::lock_guard lock(m_mutex);
+    const std::unique_lock lock = SpinThenLock(m_mutex);
     std::erase(m_timers, timer);
 }
 
 int64_t CRtEventQueue::GetNextDueMs() {
     const uint64_t now = GetTickCountEx();
-    const std::lock_guard lock(m_mutex);
+    const std::unique_lock lock = SpinThenLock(m_mutex);
     int64_t next = -1;
     for (CRtTimerWrapper* timer : m_timers) {
-        timer->m_dueMs = std::min(timer->m_dueMs, now + timer->m_intervalMs); // a clock set back
+        // If the clock was set back, the timer would not fire for as long as that.
+        timer->m_dueMs = std::min(timer->m_dueMs, now + timer->m_intervalMs);
         const int64_t due = timer->m_dueMs > now ? static_cast<int64_t>(timer->m_dueMs - now) : 0;
         next = next < 0 ? due : std::min(next, due);
     }
@@ -266,7 +257,7 @@ bool CRtEventQueue::FireOneTimer(uint64_t now) {
     CRtTimerWrapper* timer = nullptr;
     CRtTimerWrapperSink* sink = nullptr;
     {
-        const std::lock_guard lock(m_mutex);
+        const std::unique_lock lock = SpinThenLock(m_mutex);
         const auto due = std::find_if(m_timers.begin(), m_timers.end(),
                                       [now](auto* each) { return each->m_dueMs <= now; });
         if (due == m_timers.end())
@@ -277,6 +268,6 @@ bool CRtEventQueue::FireOneTimer(uint64_t now) {
         if (!timer->m_forever && --timer->m_left == 0)
             m_timers.erase(due);
     }
-    sink->OnTimer(timer); // which may cancel, schedule anew or destroy the timer
+    sink->OnTimer(timer); // may cancel, reschedule or destroy the timer
     return true;
 }

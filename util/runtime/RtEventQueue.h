@@ -1,5 +1,5 @@
-// CRtEventQueue: the queue of one thread, its timers, and the loop that runs both. Posting is for any
-// thread; the loop and what it runs belong to the one thread that owns the queue.
+// CRtEventQueue: the event queue of one thread, its timers, and the loop that runs both. Any thread posts;
+// only the owning thread runs the loop.
 #pragma once
 
 #include <atomic>
@@ -28,28 +28,29 @@ public:
     IRtEvent* TakeNextIf(bool (*isWanted)(const IRtEvent& last, const IRtEvent& next),
                          const IRtEvent& last) override;
 
-    /// Makes the calling thread the owner, or no thread.
+    /// True: the calling thread becomes the owner. False: the queue has no owner.
     void SetOwner(bool owned);
-    /// Called, under the queue's lock, when there is something to run that was not there before.
+    /// `wakeUp` is called under the queue's mutex after each post, new timer, Stop and Quit.
     void SetWakeUp(std::function<void()> wakeUp);
 
-    /// Runs events and timers until Stop, then what is still queued, then returns. After Quit it
-    /// returns at once and leaves the rest queued.
+    /// Runs events and timers. After Stop, returns when the queue is empty; after Quit, returns before
+    /// the next event and leaves the others queued.
     void Run();
     void Quit();
-    /// Fires the timers that are due and runs the events queued at the time of the call; answers how
-    /// many of both. Never waits for work.
+    /// Fires the timers that are due and runs the events that were queued at the time of the call.
+    /// Returns the number of both. Never waits.
     size_t RunDue();
-    /// Runs what is queued on whatever thread calls, for the end of the process, and for as long as
-    /// `patience` what comes meanwhile, which is nothing after Stop. Answers false when another thread
-    /// kept the queue busy for longer than that.
-    bool RunRemaining(std::chrono::milliseconds patience);
-    /// Refuses everything posted from now on; Run ends once the queue is empty.
+    /// Whether no event is queued; one that runs does not count.
+    bool IsEmpty() const { return m_count == 0; }
+    /// For the end of the process: runs the queued events on the calling thread, and events that are
+    /// posted meanwhile until `timeout`. False if another thread runs an event for that long.
+    bool RunRemaining(std::chrono::milliseconds timeout);
+    /// From now on every post is refused. Run returns when the queue is empty.
     void Stop();
 
     void AddTimer(CRtTimerWrapper* timer);
     void RemoveTimer(CRtTimerWrapper* timer);
-    /// Milliseconds until a timer is due, 0 when one is, -1 without timers.
+    /// Milliseconds until the next timer is due, 0 if one is due, -1 if there is none.
     int64_t GetNextDueMs();
 
 private:
@@ -59,20 +60,19 @@ private:
     bool RunOne();
     size_t FireDueTimers();
     bool FireOneTimer(uint64_t now);
-    bool LookForWork();
     bool WaitForWork();
 
-    std::mutex m_mutex; // guards everything below but m_running
+    std::mutex m_mutex; // SpinThenLock; guards everything below but m_running
     std::condition_variable m_somethingToDo;
     IRtEvent* m_pFirst = nullptr;
     IRtEvent* m_pLast = nullptr;
-    std::atomic<size_t> m_count{0}; // read without the lock where it is no more than a hint
+    std::atomic<size_t> m_count{0}; // spin loops read it without the mutex
     bool m_stopped = false;
     bool m_quit = false;
-    bool m_ownerWaits = false;
+    bool m_ownerParked = false;
     std::vector<CRtTimerWrapper*> m_timers;
     std::function<void()> m_wakeUp;
-    // Held while events run, so that the end of the process cannot run the queue beside its owner.
-    // Recursive: an event may pump the queue it runs from.
+    // Locked while an event or a timer runs: RunRemaining must not run events concurrently with the
+    // owner. Recursive: an event may call RunDue of its own queue, or exit.
     std::recursive_mutex m_running;
 };

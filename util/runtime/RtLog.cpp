@@ -12,6 +12,28 @@ namespace {
 
 void WriteToStandardError(void*, int, const char* text) { std::fprintf(stderr, "%s\n", text); }
 
+// The length of the UTF-8 sequence that the bytes begin with; 1 if they begin with none, as in other
+// encodings.
+size_t CharacterLength(std::string_view bytes) {
+    const auto first = static_cast<uint8_t>(bytes[0]);
+    if (first < 0xC2 || first > 0xF4)
+        return 1;
+    const size_t length = first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+    const std::string_view rest = bytes.substr(1, length - 1);
+    const bool isComplete = rest.size() == length - 1 && std::ranges::all_of(rest, [](char byte) {
+                                return (static_cast<uint8_t>(byte) & 0xC0U) == 0x80U;
+                            });
+    return isComplete ? length : 1;
+}
+
+// Control characters: U+0000 to U+001F, U+007F to U+009F, as one byte or in UTF-8.
+bool IsControl(std::string_view character) {
+    const auto last = static_cast<uint8_t>(character.back());
+    if (character.size() == 1)
+        return last < 0x20 || (last >= 0x7F && last < 0xA0);
+    return character.size() == 2 && static_cast<uint8_t>(character[0]) == 0xC2 && last < 0xA0;
+}
+
 } // namespace
 
 struct CRtLogSlot {
@@ -74,7 +96,19 @@ CRtLog::CRtLogRecorder& CRtLog::CRtLogRecorder::operator<<(const char* text) {
 }
 
 CRtLog::CRtLogRecorder& CRtLog::CRtLogRecorder::operator<<(const CRtString& text) {
-    Append(text.data(), text.size());
+    const std::string_view bytes = text.view();
+    for (size_t at = 0; at < bytes.size() && m_space > 0;) {
+        const size_t length = CharacterLength(bytes.substr(at));
+        if (!IsControl(bytes.substr(at, length))) {
+            Append(bytes.data() + at, length);
+        } else {
+            char escaped[5];
+            const unsigned code = static_cast<uint8_t>(bytes[at + length - 1]);
+            std::snprintf(escaped, sizeof(escaped), "\\x%02X", code);
+            Append(escaped, sizeof(escaped) - 1);
+        }
+        at += length;
+    }
     return *this;
 }
 

@@ -38,7 +38,9 @@ class CRtLog {
 public:
     /// Composes a line in a buffer of the caller. Text that does not fit is truncated; the result always ends
     /// with a zero byte. Numbers are decimal, pointers hexadecimal, node identifiers
-    /// `server.type.node.sequence`. A null text appends nothing.
+    /// `server.type.node.sequence`. A null text appends nothing. In a CRtString control characters are
+    /// escaped as `\xNN`: it may be a file name or bytes of a file, and a log line must not control the
+    /// terminal that shows it.
     class CRtLogRecorder {
     public:
         /// @param buffer the buffer.

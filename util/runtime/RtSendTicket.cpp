@@ -1,8 +1,6 @@
 #include "RtSendTicket.h"
 
-#include "RtParts.h"
-#include "os/RtLockSoon.h"
-#include "os/RtLookFor.h"
+#include "os/RtSpin.h"
 
 namespace {
 thread_local CRtSendTicket* t_running = nullptr;
@@ -17,33 +15,76 @@ CRtSendTicket::CRunning::CRunning(CRtSendTicket* ticket) : m_outer(t_running) {
 CRtSendTicket::CRunning::~CRunning() { t_running = m_outer; }
 
 void CRtSendTicket::Wait() {
-    const auto isFinished = [this] { return m_finished.load(std::memory_order_acquire); };
-    const auto hasOwnNews = [&] { return isFinished() || RtOffer::IsOpenFor(this); };
+    const auto isChanged = [this] {
+        return m_state.load(std::memory_order_acquire) != State::Waiting;
+    };
     for (;;) {
-        const bool isSoon = RtLookFor([&] { return hasOwnNews() || RtOffer::IsOpen(); });
-        if (isFinished())
+        const bool isSpinEnough = SpinUntil(isChanged);
+        if (m_state.load(std::memory_order_acquire) == State::Finished)
             return;
-        if (isSoon) {
-            RtOffer::TakePart(this);
+        std::unique_lock lock = SpinThenLock(m_mutex);
+        if (!isSpinEnough)
+            ParkUntil(lock, isChanged);
+        if (m_state != State::PartsLeft)
             continue;
-        }
-        std::unique_lock lock(m_mutex);
-        m_sleeps = true;
-        m_news.wait(lock, hasOwnNews);
-        m_sleeps = false;
+        m_state = State::Helping;
+        TakeParts(lock);
+        SetState(State::Waiting);
     }
 }
 
 void CRtSendTicket::Finish() {
-    const std::lock_guard lock(m_mutex);
-    const bool sleeps = m_sleeps;
-    m_finished.store(true, std::memory_order_release);
-    if (sleeps)
-        m_news.notify_one();
+    const std::unique_lock lock = SpinThenLock(m_mutex);
+    SetState(State::Finished);
 }
 
-void CRtSendTicket::TellOfParts() {
-    const std::unique_lock lock = RtLockSoon(m_mutex);
-    if (m_sleeps)
-        m_news.notify_one();
+int CRtSendTicket::RunParts(IRtParts& parts, uint32_t count) {
+    const auto isHelpOver = [this] {
+        return m_state.load(std::memory_order_acquire) != State::Helping;
+    };
+    std::unique_lock lock = SpinThenLock(m_mutex);
+    m_parts = &parts;
+    m_nextPart = 0;
+    m_partCount = count;
+    m_result = 0;
+    SetState(State::PartsLeft);
+    TakeParts(lock);
+    if (m_state == State::PartsLeft)
+        m_state = State::Waiting; // the sender came too late
+    lock.unlock();
+    if (!SpinUntil(isHelpOver)) {
+        lock = SpinThenLock(m_mutex);
+        ParkUntil(lock, isHelpOver);
+    }
+    return m_result;
+}
+
+void CRtSendTicket::TakeParts(std::unique_lock<std::mutex>& lock) {
+    while (m_nextPart < m_partCount) {
+        const uint32_t part = m_nextPart++;
+        lock.unlock();
+        const int result = m_parts->RunPart(part);
+        lock = SpinThenLock(m_mutex);
+        if (result == 0)
+            continue;
+        m_nextPart = m_partCount;
+        if (m_result == 0)
+            m_result = result;
+    }
+}
+
+// With the mutex locked. If the other thread spins, it may destroy the ticket as soon as it sees the state;
+// a parked thread needs the mutex first.
+void CRtSendTicket::SetState(State state) {
+    const bool isOtherParked = m_parked > 0;
+    m_state.store(state, std::memory_order_release);
+    if (isOtherParked)
+        m_changed.notify_one();
+}
+
+template <class Condition>
+void CRtSendTicket::ParkUntil(std::unique_lock<std::mutex>& lock, Condition condition) {
+    ++m_parked;
+    m_changed.wait(lock, condition);
+    --m_parked;
 }

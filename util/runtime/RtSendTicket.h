@@ -1,28 +1,40 @@
-// CRtSendTicket: of a thread that waits until its event has run. While it waits it takes parts of work
-// that is offered. Private to the library.
+// CRtSendTicket: connects the thread that waits in SendEvent with the thread that runs its event. The
+// waiting thread may run a share of that event's work. Private to the library.
 #pragma once
 
 #include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 
-/// Lives on the stack of the sender. `mutex` is the queue's.
+/// Work in parts that are independent of each other, so that two threads may run it.
+class IRtParts {
+public:
+    /// Either thread; posts and sends nothing. If the result is not 0, parts not yet started are skipped.
+    virtual int RunPart(uint32_t part) noexcept = 0;
+
+protected:
+    ~IRtParts() = default;
+};
+
+/// Lives on the stack of the sender. `mutex` is the mutex of the receiving queue.
 class CRtSendTicket {
 public:
     explicit CRtSendTicket(std::mutex& mutex) : m_mutex(mutex) {}
     CRtSendTicket(const CRtSendTicket&) = delete;
     CRtSendTicket& operator=(const CRtSendTicket&) = delete;
 
-    /// The sender: returns when the event has run.
+    /// Sender: returns when the event has run.
     void Wait();
-    /// The receiver, in the end. The ticket may be gone when this returns.
+    /// Receiver: marks the event as run. The sender may destroy the ticket before this returns.
     void Finish();
-    /// The receiver: there are parts to take of the event's work.
-    void TellOfParts();
+    /// Receiver: runs the parts 0 … count - 1 together with the sender, and returns when all have ended.
+    /// The first result that is not 0, else 0.
+    int RunParts(IRtParts& parts, uint32_t count);
 
-    /// The ticket of the event that the calling thread runs, or null.
+    /// The ticket of the event that the calling thread runs, or null if no sender waits for it.
     static CRtSendTicket* GetRunning();
-    /// What the calling thread runs, as long as this lives, is the event of that ticket, or of none.
+    /// Sets the ticket of the event that the calling thread runs, for the lifetime of this object.
     class CRunning {
     public:
         explicit CRunning(CRtSendTicket* ticket);
@@ -35,10 +47,23 @@ public:
     };
 
 private:
-    std::mutex& m_mutex; // guards all that follows
-    // Looked at without the lock. The last that is touched of the ticket when the sender only looks; one
-    // that sleeps is told under the lock.
-    std::atomic<bool> m_finished{false};
-    bool m_sleeps = false;
-    std::condition_variable m_news; // for the sender: finished, or a part to take
+    enum class State {
+        Waiting,   ///< the sender has nothing to do
+        PartsLeft, ///< the sender may take parts
+        Helping,   ///< the sender runs parts
+        Finished,  ///< the event has run
+    };
+    void TakeParts(std::unique_lock<std::mutex>& lock);
+    void SetState(State state);
+    template <class Condition>
+    void ParkUntil(std::unique_lock<std::mutex>& lock, Condition condition);
+
+    std::mutex& m_mutex;                        // guards everything below
+    std::atomic<State> m_state{State::Waiting}; // spin loops read it without the mutex
+    int m_parked = 0; // threads; two at a time only if one of them has been notified already
+    std::condition_variable m_changed;
+    IRtParts* m_parts = nullptr;
+    uint32_t m_nextPart = 0;
+    uint32_t m_partCount = 0;
+    int m_result = 0; // of the parts: the first failure
 };

@@ -1,7 +1,6 @@
 #include "RtThread.h"
 
-#include <condition_variable>
-#include <mutex>
+#include <future>
 #include <system_error>
 #include <thread>
 
@@ -11,14 +10,15 @@
 
 struct CRtThread::State {
     CRtEventQueue queue;
-    std::mutex mutex; // guards what follows
-    std::condition_variable changed;
-    uint32_t threadId = 0;
-    bool ended = false;
-    std::thread thread; // not running for an adopted thread
+    uint32_t threadId = 0;        // constant once the object is handed out
+    std::promise<void> ended;     // set by the thread itself
+    std::future<void> waitForEnd; // of `ended`
+    std::thread thread;           // not joinable if the thread was adopted
 };
 
-CRtThread::CRtThread() : m_state(std::make_unique<State>()) {}
+CRtThread::CRtThread() : m_state(std::make_unique<State>()) {
+    m_state->waitForEnd = m_state->ended.get_future();
+}
 
 CRtThread::~CRtThread() = default;
 
@@ -26,38 +26,29 @@ CRtEventQueue& CRtThread::Queue() { return m_state->queue; }
 
 IRtEventQueue* CRtThread::GetEventQueue() { return &m_state->queue; }
 
-uint32_t CRtThread::GetThreadId() const {
-    const std::lock_guard lock(m_state->mutex);
-    return m_state->threadId;
-}
+uint32_t CRtThread::GetThreadId() const { return m_state->threadId; }
 
 // Returns when the thread runs and its identifier is known.
 int CRtThread::StartOwn() {
     State* state = m_state.get();
+    std::promise<uint32_t> started;
+    std::future<uint32_t> threadId = started.get_future();
     try {
-        state->thread = std::thread([state] {
+        state->thread = std::thread([state, started = std::move(started)]() mutable {
             state->queue.SetOwner(true);
-            {
-                const std::lock_guard lock(state->mutex);
-                state->threadId = CRtThreadManager::GetThreadSelfId();
-                state->changed.notify_all();
-            }
+            started.set_value(CRtThreadManager::GetThreadSelfId());
             state->queue.Run();
-            const std::lock_guard lock(state->mutex);
-            state->ended = true;
-            state->changed.notify_all();
+            state->ended.set_value();
         });
     } catch (const std::system_error&) {
         return RT_ERROR_FAILURE;
     }
-    std::unique_lock lock(state->mutex);
-    state->changed.wait(lock, [state] { return state->threadId != 0; });
+    state->threadId = threadId.get();
     return RT_OK;
 }
 
 void CRtThread::AdoptCurrent() {
     m_state->queue.SetOwner(true);
-    const std::lock_guard lock(m_state->mutex);
     m_state->threadId = CRtThreadManager::GetThreadSelfId();
 }
 
@@ -66,8 +57,7 @@ void CRtThread::ReleaseCurrent() {
     m_state->queue.SetWakeUp({});
     m_state->queue.RunRemaining(std::chrono::milliseconds(0)); // events only: timers never end
     m_state->queue.SetOwner(false);
-    const std::lock_guard lock(m_state->mutex);
-    m_state->ended = true;
+    m_state->ended.set_value();
 }
 
 int CRtThread::Stop(const CRtTimeValue*) {
@@ -78,13 +68,12 @@ int CRtThread::Stop(const CRtTimeValue*) {
 int CRtThread::Join(uint32_t milliseconds) {
     if (GetThreadId() == CRtThreadManager::GetThreadSelfId())
         return RT_ERROR_NOT_READY;
-    std::unique_lock lock(m_state->mutex);
-    const bool ended = m_state->changed.wait_for(lock, std::chrono::milliseconds(milliseconds),
-                                                 [this] { return m_state->ended; });
-    return ended ? RT_OK : RT_ERROR_NOT_READY;
+    const std::chrono::milliseconds timeout(milliseconds);
+    const bool isOver = m_state->waitForEnd.wait_for(timeout) == std::future_status::ready;
+    return isOver ? RT_OK : RT_ERROR_NOT_READY;
 }
 
-// The object stays: posts to it are refused from now on.
+// Keeps the object, so that later posts are refused.
 bool CRtThread::End() {
     if (GetThreadId() == CRtThreadManager::GetThreadSelfId())
         return false;

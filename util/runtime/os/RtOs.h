@@ -61,34 +61,41 @@ void SetHidden(const CRtString& path);
 /// The position of the last character that ends a directory's name, or npos: the backslash, and on POSIX,
 /// where a path is not told from the system's own, the slash.
 size_t FindLastSeparator(const CRtString& path);
-/// Removes the directory entry, never what a link leads to. 0, or -1.
+/// Compares as the file system does: case-insensitively on Windows, byte by byte on POSIX.
+bool HasExtension(const CRtString& name, const CRtString& extension);
+/// Removes the directory entry, never the target of a link. 0, or -1.
 int RemoveFile(const CRtString& path);
 /// Removes an empty directory or a link to one. 0, or -1.
 int RemoveEmptyDirectory(const CRtString& path);
 
-/// A walk over the entries of one directory, "." and ".." left out. A link is never entered. On POSIX
-/// the directory is held open, so that what is removed or entered through it is an entry of this very
-/// directory even while others rename things around it; Windows works by path, and lets nobody rename or
-/// remove the directory meanwhile.
+/// A walk over the entries of one directory, without "." and "..". Links are never entered. On POSIX the walk
+/// holds a descriptor of its directory, whatever the depth: it removes and enters entries of that very
+/// directory even if another process renames directories of the path. Windows works by path, and the open
+/// handles prevent that the directory or one above it in this walk is renamed or removed.
 class DirectoryWalk {
 public:
-    /// A path that is itself a link is opened with `followLast` only.
+    /// If the path itself is a link, it is opened with `followLast` only.
     explicit DirectoryWalk(const CRtString& path, bool followLast = false);
-    /// Enters a subdirectory of `parent`.
+    /// A walk over a subdirectory of `parent`.
     DirectoryWalk(const DirectoryWalk& parent, const CRtString& name);
     ~DirectoryWalk();
     DirectoryWalk(const DirectoryWalk&) = delete;
     DirectoryWalk& operator=(const DirectoryWalk&) = delete;
 
-    /// False when the path was no directory that could be opened, or a link not to be followed.
+    /// False if the path is not a directory, is a link that must not be followed, or cannot be opened.
     bool IsOpen() const;
-    /// Takes the directory, which is open, alone, as long as this object lives. False when another process
-    /// is in it, see DirectoryUse, or has just removed it. On systems without such a thing nobody ever is.
-    /// It is walked no more.
+    /// Takes the exclusive lock on the open directory for the lifetime of this object; ends the walk.
+    /// False if another process holds a lock (DirectoryUse) or has removed the directory. True on systems
+    /// without such locks.
     bool TakeAlone();
-    /// The next entry, in the system's order; false at the end. A link is no directory.
+    /// The next entry, in the system's order; false at the end. A link does not count as a directory.
     bool Next(CRtString& name, bool& isDirectory);
-    /// Both act on an entry of this directory and answer whether it is gone.
+    /// Moves the walk to the first entry of a subdirectory. If that fails, the walk does not move.
+    bool Enter(const CRtString& name);
+    /// Moves the walk back to the first entry of the directory that Enter left. False if the subdirectory
+    /// was moved elsewhere; the walk is then closed.
+    bool Leave();
+    /// Both act on an entry of this directory; true if the entry is removed.
     bool RemoveFile(const CRtString& name);
     bool RemoveSubdirectory(const CRtString& name);
 
@@ -144,9 +151,6 @@ enum class Transfer {
 /// Several threads may read one stream at a time.
 Transfer ReadAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length);
 Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t length);
-/// Reads as ReadAt does if it need not wait for the disk. False when it would have to, when the file ends
-/// first, or where the system has no such call: `bytes` may have been changed.
-bool ReadNowAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length);
 struct Piece {
     const void* bytes;
     uint32_t length;
@@ -158,14 +162,15 @@ Transfer WriteAllAt(FILE* stream, uint64_t offset, std::span<const Piece> pieces
 /// The file's length now. Costs a write less than a stamp does: systems that were asked for a file's
 /// times write the exact time with the next change. False when the system does not tell.
 bool GetLength(FILE* stream, uint64_t& length);
-/// Which file it is, and its age and length: another stamp means another file or other bytes, but for
-/// changes within the few milliseconds that the system's times do not tell apart.
+/// The fingerprint of a file. If it differs, the path names another file or the bytes have changed; changes
+/// within the resolution of the system's file times (a few milliseconds) may go unnoticed.
 struct FileStamp {
     bool exists = false;
     uint64_t device = 0;
     uint64_t node = 0;
     uint64_t length = 0;
-    int64_t changedNs = 0;
+    int64_t changedSeconds = 0; // 64 bits of nanoseconds would overflow in the year 2262
+    uint32_t changedNanoseconds = 0;
     bool operator==(const FileStamp&) const = default;
     bool IsSameFile(const FileStamp& other) const {
         return exists && other.exists && device == other.device && node == other.node;

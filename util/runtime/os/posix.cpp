@@ -1,5 +1,6 @@
 // The POSIX side of the seam.
-#define _FILE_OFFSET_BITS 64 // 64-bit offsets on 32-bit systems too
+#define _FILE_OFFSET_BITS 64 // 64-bit offsets and file times on 32-bit systems too
+#define _TIME_BITS 64
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -154,6 +155,10 @@ void SetHidden(const CRtString&) {} // a leading dot hides here, and the name is
 
 size_t FindLastSeparator(const CRtString& path) { return path.view().find_last_of("\\/"); }
 
+bool HasExtension(const CRtString& name, const CRtString& extension) {
+    return name.view().ends_with(extension.view());
+}
+
 int RemoveFile(const CRtString& path) { return ::unlink(Native(path).c_str()); }
 
 int RemoveEmptyDirectory(const CRtString& path) {
@@ -165,24 +170,45 @@ int RemoveEmptyDirectory(const CRtString& path) {
 }
 
 struct DirectoryWalk::State {
-    State(int parent, const char* name, int follow) {
-        const int fd = ::openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | follow);
-        if (fd < 0)
-            return;
-        stream = ::fdopendir(fd);
-        if (!stream)
-            ::close(fd);
-    }
-    ~State() {
-        if (stream)
-            ::closedir(stream);
-    }
+    struct Identity {
+        dev_t device;
+        ino_t node;
+    };
+
+    State(int parent, const char* name, int follow) { Open(parent, name, follow); }
+    ~State() { Close(); }
     State(const State&) = delete;
     State& operator=(const State&) = delete;
 
+    // Replaces the open directory, if that can be done.
+    bool Open(int parent, const char* name, int follow) {
+        const int fd = ::openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | follow);
+        DIR* const opened = fd < 0 ? nullptr : ::fdopendir(fd);
+        if (!opened) {
+            if (fd >= 0)
+                ::close(fd);
+            return false;
+        }
+        Close();
+        stream = opened;
+        return true;
+    }
+    void Close() {
+        if (stream)
+            ::closedir(stream);
+        stream = nullptr;
+    }
     int Handle() const { return stream ? ::dirfd(stream) : -1; }
+    bool GetIdentity(Identity& identity) const {
+        struct stat info {};
+        if (::fstat(Handle(), &info) != 0)
+            return false;
+        identity = {info.st_dev, info.st_ino};
+        return true;
+    }
 
     DIR* stream = nullptr;
+    std::vector<Identity> outer; // of the directories that Enter left, the outermost first
 };
 
 DirectoryWalk::DirectoryWalk(const CRtString& path, bool followLast)
@@ -229,6 +255,28 @@ bool DirectoryWalk::Next(CRtString& name, bool& isDirectory) {
     return false;
 }
 
+bool DirectoryWalk::Enter(const CRtString& name) {
+    State::Identity own{};
+    if (!m_state->GetIdentity(own) || !m_state->Open(m_state->Handle(), name.c_str(), O_NOFOLLOW))
+        return false;
+    m_state->outer.push_back(own);
+    return true;
+}
+
+// If the subdirectory was moved, ".." names a directory that this walk must not touch.
+bool DirectoryWalk::Leave() {
+    State::Identity found{};
+    if (m_state->outer.empty())
+        return false;
+    const State::Identity expected = m_state->outer.back();
+    m_state->outer.pop_back();
+    if (m_state->Open(m_state->Handle(), "..", O_NOFOLLOW) && m_state->GetIdentity(found) &&
+        found.device == expected.device && found.node == expected.node)
+        return true;
+    m_state->Close();
+    return false;
+}
+
 bool DirectoryWalk::RemoveFile(const CRtString& name) {
     return ::unlinkat(m_state->Handle(), name.c_str(), 0) == 0;
 }
@@ -271,8 +319,12 @@ bool Stamp(int result, const Info& info, FileStamp& stamp) {
     if (result != 0)
         return IsMissing(errno);
     if (S_ISREG(info.st_mode) && info.st_size >= 0)
-        stamp = {true, info.st_dev, info.st_ino, static_cast<uint64_t>(info.st_size),
-                 info.st_mtim.tv_sec * int64_t{1'000'000'000} + info.st_mtim.tv_nsec};
+        stamp = {true,
+                 info.st_dev,
+                 info.st_ino,
+                 static_cast<uint64_t>(info.st_size),
+                 info.st_mtim.tv_sec,
+                 static_cast<uint32_t>(info.st_mtim.tv_nsec)};
     return true;
 }
 
@@ -318,14 +370,10 @@ bool GetStamp(const CRtString& path, FileStamp& stamp) {
 
 namespace {
 
-bool IsPlace(uint64_t offset, uint32_t length) {
-    return offset <= static_cast<uint64_t>(std::numeric_limits<off_t>::max()) - length;
-}
-
 // `move` is pread or pwrite over the bytes from `done` on; either may move fewer than it is asked for.
 template <class Move>
 Transfer MoveAll(uint64_t offset, uint32_t length, Move move) {
-    if (!IsPlace(offset, length))
+    if (offset > static_cast<uint64_t>(std::numeric_limits<off_t>::max()) - length)
         return Transfer::NoPosition;
     uint32_t done = 0;
     while (done < length) {
@@ -348,18 +396,6 @@ Transfer ReadAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length) {
         return ::pread(fd, static_cast<char*>(bytes) + done, length - done, at);
     });
 }
-
-#ifdef RWF_NOWAIT
-bool ReadNowAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length) {
-    const iovec vector{bytes, length};
-    // To this call alone the largest offset of all, -1, is a place: the stream's position.
-    return IsPlace(offset, length) &&
-           ::preadv2(::fileno(stream), &vector, 1, static_cast<off_t>(offset), RWF_NOWAIT) ==
-               static_cast<ssize_t>(length);
-}
-#else
-bool ReadNowAt(FILE*, uint64_t, void*, uint32_t) { return false; }
-#endif
 
 Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t length) {
     const int fd = ::fileno(stream);

@@ -153,6 +153,11 @@ void SetHidden(const CRtString& path) { ::SetFileAttributesA(path.c_str(), FILE_
 
 size_t FindLastSeparator(const CRtString& path) { return path.view().find_last_of('\\'); }
 
+bool HasExtension(const CRtString& name, const CRtString& extension) {
+    return name.size() >= extension.size() &&
+           ::_stricmp(name.c_str() + name.size() - extension.size(), extension.c_str()) == 0;
+}
+
 int RemoveFile(const CRtString& path) { return ::_unlink(path.c_str()); }
 
 // Of a junction or a link to a directory this removes the link itself.
@@ -170,12 +175,15 @@ struct DirectoryWalk::State {
         isOpen = hold.IsOpen() && attributes != INVALID_FILE_ATTRIBUTES &&
                  (followLast ? IsDirectory(attributes) : IsRealDirectory(attributes));
     }
-    ~State() {
-        if (search != -1)
-            ::_findclose(search);
-    }
+    ~State() { EndSearch(); }
     State(const State&) = delete;
     State& operator=(const State&) = delete;
+
+    void EndSearch() {
+        if (search != -1)
+            ::_findclose(search);
+        search = -1;
+    }
 
     const CRtString path;
     const CRtString base;
@@ -191,6 +199,7 @@ struct DirectoryWalk::State {
 
     bool isOpen = false;
     intptr_t search = -1;
+    std::unique_ptr<State> outer; // the directory that Enter left
 };
 
 DirectoryWalk::DirectoryWalk(const CRtString& path, bool followLast)
@@ -232,6 +241,23 @@ bool DirectoryWalk::Next(CRtString& name, bool& isDirectory) {
         return true;
     }
     return false;
+}
+
+bool DirectoryWalk::Enter(const CRtString& name) {
+    auto entered = std::make_unique<State>(m_state->base + name, false);
+    if (!entered->isOpen)
+        return false;
+    entered->outer = std::move(m_state);
+    m_state = std::move(entered);
+    return true;
+}
+
+bool DirectoryWalk::Leave() {
+    if (!m_state->outer)
+        return false;
+    m_state = std::move(m_state->outer); // closes the handle: an open directory cannot be removed
+    m_state->EndSearch();
+    return true;
 }
 
 bool DirectoryWalk::RemoveFile(const CRtString& name) {
@@ -336,8 +362,6 @@ Transfer ReadAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length) {
     return MoveAll(stream, offset, length, read);
 }
 
-bool ReadNowAt(FILE*, uint64_t, void*, uint32_t) { return false; }
-
 Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t length) {
     const auto write = [&](HANDLE file, uint32_t done, DWORD* moved, OVERLAPPED* at) {
         return ::WriteFile(file, static_cast<const char*>(bytes) + done, length - done, moved, at);
@@ -350,17 +374,21 @@ Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t leng
 namespace {
 
 bool Stamp(HANDLE file, FileStamp& stamp) {
+    constexpr uint64_t ticksPerSecond = 10'000'000;
     constexpr uint64_t nanosecondsPerTick = 100;
     BY_HANDLE_FILE_INFORMATION info{};
     if (!::GetFileInformationByHandle(file, &info))
         return false;
     if (IsDirectory(info.dwFileAttributes))
         return true;
-    const FILETIME& changed = info.ftLastWriteTime;
-    stamp = {true, info.dwVolumeSerialNumber, Wide(info.nFileIndexHigh, info.nFileIndexLow),
+    const uint64_t changed =
+        Wide(info.ftLastWriteTime.dwHighDateTime, info.ftLastWriteTime.dwLowDateTime);
+    stamp = {true,
+             info.dwVolumeSerialNumber,
+             Wide(info.nFileIndexHigh, info.nFileIndexLow),
              Wide(info.nFileSizeHigh, info.nFileSizeLow),
-             static_cast<int64_t>(Wide(changed.dwHighDateTime, changed.dwLowDateTime) *
-                                  nanosecondsPerTick)};
+             static_cast<int64_t>(changed / ticksPerSecond),
+             static_cast<uint32_t>(changed % ticksPerSecond * nanosecondsPerTick)};
     return true;
 }
 

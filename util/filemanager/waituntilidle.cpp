@@ -1,0 +1,66 @@
+#include <chrono>
+
+#include "IFileManager.h"
+#include "RtEventQueue.h"
+#include "RtRuntime.h"
+#include "filemanager.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock; // not the application's clock, which may stand still
+
+// Runs behind everything that is queued for the read/write thread. While it runs, nothing else runs there.
+// Lives on the stack of the sender: the wait works without memory.
+class CIdleProbe final : public IRtEvent {
+public:
+    int OnEventFire() override {
+        m_isIdle = CRtEventQueue::Current()->IsEmpty();
+        return RT_OK;
+    }
+    void OnDestorySelf() override {}
+    bool IsIdle() const { return m_isIdle; }
+
+private:
+    bool m_isIdle = false;
+};
+
+// On the caller thread. From the moment of the probe on, only this thread's own events could give the
+// read/write thread work: if there are none either, both threads are idle.
+int PumpUntilIdle(CFileManager& manager, CRtEventQueue& own, uint32_t milliseconds) {
+    const auto start = Clock::now();
+    for (;;) {
+        while (own.RunDue() > 0) {
+        }
+        CIdleProbe probe;
+        const bool hasThread = manager.GetReadwrThreadID() != 0;
+        const int result = hasThread ? manager.PostToReadwrThread(&probe, 1) : RT_OK;
+        if (RT_FAILED(result) || ((!hasThread || probe.IsIdle()) && own.IsEmpty()))
+            return result;
+        if (milliseconds != FM_WAIT_FOREVER &&
+            Clock::now() - start >= std::chrono::milliseconds(milliseconds)) {
+            own.RunDue(); // results of the events that were queued at the call
+            return RT_ERROR_NOT_READY;
+        }
+    }
+}
+
+} // namespace
+
+int FMWaitUntilIdle(uint32_t milliseconds) {
+    CFileManager* const manager = CFileManager::Instance();
+    CRtThread* const caller = CRtThreadManager::Instance()->GetThread(RT_CALLER_THREAD);
+    if (!manager)
+        return RT_ERROR_NULL_OBJECT;
+    const uint32_t self = CRtThreadManager::GetThreadSelfId();
+    if (!caller ||
+        self == manager->GetReadwrThreadID()) // the caller thread would wait for this one
+        return RT_ERROR_NOT_READY;
+    if (self == caller->GetThreadId())
+        return PumpUntilIdle(*manager, *CRtEventQueue::Current(), milliseconds);
+    int result = RT_ERROR_NOT_READY;
+    const auto pump = [&] {
+        result = PumpUntilIdle(*manager, *CRtEventQueue::Current(), milliseconds);
+    };
+    const int sent = RtRunOnCallerThread(pump, true);
+    return RT_FAILED(sent) ? sent : result;
+}
