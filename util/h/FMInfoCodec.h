@@ -1,7 +1,11 @@
 /// @defgroup infofile Information file
-/// Conversion between the two bodies of an information file and memory, and the numbers of the layout. The
-/// library itself uses these functions; they are exported for tools that inspect a cache. None of them
-/// opens a file; all are thread-safe.
+/// The layout of an information file, and functions that encode and decode its two bodies. The library uses
+/// these functions; they are exported for tools that inspect a cache. They open no file and work on any
+/// thread.
+///
+/// The *file body* contains the description (FMFileInfo) and the creation time, the *block body* the block
+/// table. L1 and L2 are the lengths of these bodies in bytes. docs/file-format.md describes the fields of the
+/// bodies.
 ///
 /// ```
 /// 0        4        8               8+L1     12+L1            12+L1+L2
@@ -24,58 +28,60 @@
 constexpr char FM_INFO_MAGIC[] = "IFSD";
 constexpr uint32_t FM_INFO_MAGIC_SIZE = 4;
 ///@}
-/// Offset of L1.
+/// Offset of L1 in bytes.
 constexpr uint32_t FM_INFO_LENGTH_OFFSET = 4;
-/// Offset of the file body.
+/// Offset of the file body in bytes.
 constexpr uint32_t FM_INFO_BODY_OFFSET = 8;
-/// Bytes of L1, and of L2.
+/// Size of L1, and of L2, in bytes.
 constexpr uint32_t FM_INFO_LENGTH_SIZE = 4;
-/// Bytes in the block body: of its slot count, of an empty slot, of a slot with a block.
+/// Sizes in the block body, in bytes: the slot count at its start, an empty slot, and a slot with a block.
 ///@{
 constexpr uint32_t FM_INFO_COUNT_SIZE = 2;
 constexpr uint32_t FM_INFO_EMPTY_SIZE = 4;
 constexpr uint32_t FM_INFO_ENTRY_SIZE = 16;
 ///@}
-/// A load refuses a longer file body (bytes).
+/// Maximum length of a file body in bytes: a load refuses a longer one.
 constexpr uint32_t FM_INFO_FILE_BODY_MAX = 2048;
-/// A load refuses a longer block body (bytes); a save omits the slots beyond it.
+/// Maximum length of a block body in bytes: a load refuses a longer one, and a save omits the slots that
+/// exceed it.
 constexpr uint32_t FM_INFO_BLOCK_BODY_MAX = 819200;
-/// In place of L2: the block body is being written or has been invalidated; it does not load.
+/// Value of L2 while the block body is being written, and after it has been invalidated. A load refuses it.
 constexpr uint32_t FM_INFO_LENGTH_INVALID = 0xFFFFFFFF;
-/// Most slots that a block body can hold: its count has 16 bits.
+/// Maximum number of slots of a block body, whose slot count has 16 bits.
 constexpr uint32_t FM_INFO_SLOTS_MAX = 65535;
-/// Largest possible end of a block in the data file (bytes, 1 TiB).
+/// Largest end of a block's range in the data file, in bytes (1 TiB).
 constexpr int64_t FM_INFO_OFFSET_MAX = int64_t{1} << 40;
-/// Most slots of a block table in memory.
+/// Maximum number of slots of a block table in memory.
 constexpr uint32_t FM_TABLE_SLOTS_MAX = 1'048'576;
 
 /// One stored slot of the block table.
 struct FMBlockEntry {
     uint32_t blockID = 0;  ///< 0: the slot is empty
-    uint32_t totalLen = 0; ///< length in bytes; 0: a block without bytes on disk
-    int64_t posInFile = 0; ///< offset of the bytes in the data file
+    uint32_t totalLen = 0; ///< length in bytes; 0: the block has no bytes on disk
+    int64_t posInFile = 0; ///< offset in the data file, in bytes
     /// Compares all members.
     bool operator==(const FMBlockEntry&) const = default;
 };
 
-/// Returns whether a data file could hold the range of the entry: the offset is not negative, and the end
-/// is not beyond #FM_INFO_OFFSET_MAX.
+/// Returns whether the range of the entry is possible: its offset is not negative, and its end is at most
+/// #FM_INFO_OFFSET_MAX.
 RT_EXPORT bool FMIsEntryPossible(const FMBlockEntry& entry);
 
-/// Returns the bytes that the entry takes in the block body.
+/// Returns the size of the entry in the block body, in bytes.
 inline uint32_t FMEntrySize(const FMBlockEntry& entry) {
     return entry.blockID == 0 ? FM_INFO_EMPTY_SIZE : FM_INFO_ENTRY_SIZE;
 }
 
-/// Convert L1 or L2 to its bytes and back.
+/// Convert L1 or L2 to little-endian bytes and back.
 ///@{
 RT_EXPORT void FMPutLength(uint32_t length, uint8_t (&bytes)[FM_INFO_LENGTH_SIZE]);
 RT_EXPORT uint32_t FMGetLength(const uint8_t (&bytes)[FM_INFO_LENGTH_SIZE]);
 ///@}
 
-/// Returns how many of the `num` slots of a stored description a load allocates. Up to 8192 are taken as
-/// they are. More are limited to the number of slots that an information file of this length could list, so
-/// that a damaged number allocates nothing. The table grows again when it needs the other slots.
+/// Returns how many slots a load allocates for a stored description. If `num` is at most 8192, it is `num`.
+/// If `num` is larger, it is bounded by the number of slots that an information file of this length can
+/// contain, so that a damaged `num` causes no large allocation. IFMFile::GetBlock lets the table grow when
+/// needed.
 /// @param num FMFileInfo::num as it was stored.
 /// @param infoFileLength length of the information file in bytes.
 RT_EXPORT uint32_t FMSlotsToLoad(uint32_t num, uint64_t infoFileLength);
@@ -85,31 +91,33 @@ RT_EXPORT uint32_t FMSlotsToLoad(uint32_t num, uint64_t infoFileLength);
 /// @param createTime creation time in seconds since 1970-01-01 00:00:00 UTC.
 /// @param[out] body the encoded bytes.
 /// @retval RT_OK
-/// @retval RT_ERROR_FAILURE out of memory, or the name has #STRING_LEN_MAX bytes or more.
+/// @retval RT_ERROR_FAILURE out of memory, or the name has #STRING_LEN_MAX bytes or more; `body` is
+///     unchanged.
 RT_EXPORT int FMEncodeFileBody(const FMFileInfo& info, uint32_t createTime, CRtMessageChain& body);
 
 /// Decodes a file body.
-/// @param body the encoded bytes; its read pointer moves.
-/// @param[out] info the description; partly changed after a failure.
+/// @param body the encoded bytes; the read pointer moves.
+/// @param[out] info the description; after a failure some fields may have changed.
 /// @param[in,out] createTime the creation time; unchanged if the body ends before it, which is not a failure.
 /// @retval RT_OK
-/// @retval RT_ERROR_FAILURE the description is truncated or its name too long.
+/// @retval RT_ERROR_FAILURE the body ends before the end of the description, or the length of the name is
+///     #STRING_LEN_MAX or more.
 RT_EXPORT int FMDecodeFileBody(CRtMessageBlock& body, FMFileInfo& info, uint32_t& createTime);
 
 /// Encodes the block body.
 /// @param slots one entry for each slot, in the order of the table.
 /// @param[out] body the encoded bytes.
-/// @param[out] left how many slots at the end were omitted because they exceed #FM_INFO_SLOTS_MAX or
-///     #FM_INFO_BLOCK_BODY_MAX.
+/// @param[out] left the number of slots omitted at the end, because the table exceeds #FM_INFO_SLOTS_MAX
+///     slots or its body #FM_INFO_BLOCK_BODY_MAX bytes.
 /// @retval RT_OK
 /// @retval RT_ERROR_FAILURE out of memory.
 RT_EXPORT int FMEncodeBlockBody(const std::vector<FMBlockEntry>& slots, CRtMessageChain& body,
                                 uint32_t& left);
 
-/// Decodes a block body. Of a truncated body, the complete entries are returned; the entry at the cut keeps
-/// its identifier, with length 0 and offset 0.
-/// @param body the encoded bytes; its read pointer moves.
-/// @param[out] slots the entries are appended, one for each slot.
-/// @returns whether the body was whole.
+/// Decodes a block body. If the body is truncated, the entries before that point are decoded. An entry that
+/// is truncated after its identifier keeps the identifier, and gets length 0 and offset 0.
+/// @param body the encoded bytes; the read pointer moves.
+/// @param[out] slots one entry for each slot is appended.
+/// @returns true if the body contains as many slots as its slot count says; false if it is truncated.
 RT_EXPORT bool FMDecodeBlockBody(CRtMessageBlock& body, std::vector<FMBlockEntry>& slots);
 /// @}
