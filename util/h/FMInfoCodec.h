@@ -40,7 +40,7 @@ constexpr uint32_t FM_INFO_COUNT_SIZE = 2;
 constexpr uint32_t FM_INFO_EMPTY_SIZE = 4;
 constexpr uint32_t FM_INFO_ENTRY_SIZE = 16;
 ///@}
-/// Maximum length of a file body in bytes: a load refuses a longer one.
+/// A load refuses a longer file body (bytes).
 constexpr uint32_t FM_INFO_FILE_BODY_MAX = 2048;
 /// Maximum length of a block body in bytes: a load refuses a longer one, and a save omits the slots that
 /// exceed it.
@@ -79,9 +79,8 @@ RT_EXPORT uint32_t FMGetLength(const uint8_t (&bytes)[FM_INFO_LENGTH_SIZE]);
 ///@}
 
 /// Returns how many slots a load allocates for a stored description. If `num` is at most 8192, it is `num`.
-/// If `num` is larger, it is bounded by the number of slots that an information file of this length can
-/// contain, so that a damaged `num` causes no large allocation. IFMFile::GetBlock lets the table grow when
-/// needed.
+/// If `num` is larger, it is bounded by the larger of 8192 and `infoFileLength` / #FM_INFO_EMPTY_SIZE, so
+/// that a damaged `num` causes no large allocation. IFMFile::GetBlock lets the table grow when needed.
 /// @param num FMFileInfo::num as it was stored.
 /// @param infoFileLength length of the information file in bytes.
 RT_EXPORT uint32_t FMSlotsToLoad(uint32_t num, uint64_t infoFileLength);
@@ -91,8 +90,8 @@ RT_EXPORT uint32_t FMSlotsToLoad(uint32_t num, uint64_t infoFileLength);
 /// @param createTime creation time in seconds since 1970-01-01 00:00:00 UTC.
 /// @param[out] body the encoded bytes.
 /// @retval RT_OK
-/// @retval RT_ERROR_FAILURE out of memory, or the name has #STRING_LEN_MAX bytes or more; `body` is
-///     unchanged.
+/// @retval RT_ERROR_FAILURE out of memory, or the name has #STRING_LEN_MAX bytes or more; do not use
+///     `body` then.
 RT_EXPORT int FMEncodeFileBody(const FMFileInfo& info, uint32_t createTime, CRtMessageChain& body);
 
 /// Decodes a file body.

@@ -26,7 +26,7 @@ public:
     /// @param[out] block the block, with one reference for the caller.
     /// @param blockID the identifier of the block.
     /// @param create non-zero: if there is no such block, create an empty one. If the table is too short for
-    ///     it, the table first grows by 64 slots or as many as the identifier needs.
+    ///     it, the table first grows by at least 64 slots and as many as the identifier needs.
     /// @retval RT_OK
     /// @retval RT_ERROR_NULL_OBJECT with `create`: out of memory.
     /// @retval RT_ERROR_INVALID_ARG with `create`: `blockID` is below FMFileInfo::blockBeg, or needs a table

@@ -11,7 +11,7 @@
 #include "RtResult.h"
 #include "RtString.h"
 
-/// The first length, in bytes, that is too long for a string in a byte stream.
+/// A string in a byte stream must be shorter than this (bytes).
 constexpr uint32_t STRING_LEN_MAX = 0x7FFF;
 
 /// Convert an integer to bytes in little-endian order and back, whatever the byte order of the host.
@@ -33,19 +33,20 @@ T RtGetLittleEndian(const uint8_t (&bytes)[sizeof(T)]) {
 }
 ///@}
 
-/// Encoder and decoder of values over a message chain. Integers are little-endian; a string is a 16-bit
-/// length and its bytes. The operations return no codes and throw nothing but std::bad_alloc, which reading
-/// a string can: the stream keeps the first failure of each direction, and every later operation in that
-/// direction is a no-op that writes a log line. Made for one encoding or decoding, on one thread.
+/// Encodes values into a message chain, and decodes them. Integers are little-endian. A string is a 16-bit
+/// length in bytes and its bytes. The operations return no result codes. If an operation fails, the stream
+/// keeps the result code of that direction (reading or writing), and each later operation in that direction
+/// is a no-op that writes a log line. Reading a string can throw std::bad_alloc; the other operations throw
+/// nothing. Use a stream on one thread at a time.
 class CRtByteStreamT {
 public:
-    /// Works on a chain that remains the caller's and must outlive the stream.
+    /// @param chain the chain to read from or write to. It remains the caller's and must outlive the stream.
     explicit CRtByteStreamT(CRtMessageBlock& chain) : m_chain(&chain) {}
 
-    /// The first failure of the reads, or of the writes.
-    /// @retval RT_OK
+    /// The result of all reads, or of all writes.
+    /// @retval RT_OK none has failed.
     /// @retval RT_ERROR_OUT_OF_RANGE the chain has fewer bytes, or less space, than an operation needed.
-    /// @retval RT_ERROR_IO a string of #STRING_LEN_MAX bytes or more.
+    /// @retval RT_ERROR_IO a string has #STRING_LEN_MAX bytes or more.
     ///@{
     int GetReadResult() const { return m_ResultRead; }
     int GetWriteResult() const { return m_ResultWrite; }
@@ -53,8 +54,8 @@ public:
     /// True when no operation has failed.
     bool IsGood() const { return m_ResultRead == RT_OK && m_ResultWrite == RT_OK; }
 
-    /// Transfer `length` bytes from or to the chain, whose pointers move. After a failure `bytes` is
-    /// unchanged.
+    /// Copy `length` bytes from or to the chain, and move its read or write pointers. If a read fails,
+    /// `bytes` is unchanged.
     ///@{
     CRtByteStreamT& Read(void* bytes, uint32_t length) {
         if (m_ResultRead == RT_OK)
@@ -85,7 +86,7 @@ public:
     }
     ///@}
 
-    /// Read one value. After a failure the value is unchanged.
+    /// Read one value. If the read fails, the value is unchanged.
     ///@{
     CRtByteStreamT& operator>>(uint16_t& value) { return ReadInteger(value); }
     CRtByteStreamT& operator>>(uint32_t& value) { return ReadInteger(value); }
@@ -104,7 +105,7 @@ public:
         return len > 0 ? Write(bytes, len) : *this;
     }
 
-    /// Reads a string. After a failure `text` has unspecified contents.
+    /// Reads a string. If the read fails, the contents of `text` are unspecified.
     CRtByteStreamT& operator>>(CRtString& text) {
         uint16_t len = 0;
         *this >> len;

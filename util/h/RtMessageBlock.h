@@ -21,11 +21,11 @@ struct CRtDestroyChained {
 /// Owns a chain, or is empty.
 using CRtMessageChain = std::unique_ptr<CRtMessageBlock, CRtDestroyChained>;
 
-/// Receives a chain from an out argument: `block->ReadData(0, length, RtReceive(chain))`. The chain is set
-/// at the end of that statement.
+/// Passes a CRtMessageChain as an out argument of type `CRtMessageBlock*&`:
+/// `block->ReadData(0, length, RtReceive(chain))`. `chain` is set at the end of that statement.
 class RtReceive {
 public:
-    /// @param chain receives the chain; what it owned before is destroyed.
+    /// @param chain set by the destructor; the chain that it owned before is destroyed then.
     explicit RtReceive(CRtMessageChain& chain) : m_chain(chain) {}
     ~RtReceive() { m_chain.reset(m_pRaw); }
     RtReceive(const RtReceive&) = delete;
@@ -40,42 +40,43 @@ private:
 
 /// A buffer of bytes, or a chain of them.
 ///
-/// Each block has a read pointer, a write pointer and an end: the bytes between the first two can be read,
-/// the space up to the end can be written. Duplicates share the buffer and have pointers of their own, so a
-/// duplicate copies no bytes.
+/// A message block is not a block of a cached file (IFMBlock). It has a read pointer, a write pointer and an
+/// end. The bytes between the read and the write pointer can be read; the bytes between the write pointer and
+/// the end can be written. A duplicate shares the buffer and has its own pointers, so that no bytes are
+/// copied.
 ///
-/// Ownership: Create, Wrap, CreateCopy and DuplicateChained return a chain; DestroyChained ends it, once.
-/// CRtMessageChain does so in its destructor.
+/// Ownership: Create, Wrap, CreateCopy and DuplicateChained return a new chain. It is destroyed once, by
+/// DestroyChained or by the destructor of CRtMessageChain.
 ///
-/// Threads: one thread at a time for each block. Duplicates of one buffer may be used on different threads
-/// once its bytes are no longer written.
+/// Threads: use a message block on one thread at a time. Its duplicates may be used on other threads at the
+/// same time if no thread writes into the buffer.
 class CRtMessageBlock {
 public:
-    /// Lock flags (LockReading, LockWriting).
+    /// Flags of LockReading and LockWriting.
     enum : uint32_t {
         READ_LOCKED = 1, ///< reading is locked
         WRITE_LOCKED = 2 ///< writing is locked
     };
 
-    /// Allocates an empty block with space for `size` bytes, uninitialised. Null if out of memory.
+    /// Allocates a block with space for `size` bytes; none is readable yet. Null if out of memory.
     RT_EXPORT static CRtMessageChain Create(uint32_t size);
-    /// Makes a block over `length` bytes of the caller, without copying them and without space to write.
-    /// The bytes must stay valid and unchanged as long as the block or a duplicate exists. Throws
-    /// std::bad_alloc if the block itself cannot be allocated.
+    /// Returns a block whose readable bytes are `length` bytes of the caller. They are not copied; the block
+    /// has no space to write. The bytes must stay valid and unchanged as long as the block or a duplicate
+    /// exists. Throws std::bad_alloc if the block itself cannot be allocated.
     RT_EXPORT static CRtMessageChain Wrap(const char* bytes, uint32_t length);
-    /// Allocates a block with a copy of `length` bytes. Null if out of memory.
+    /// Returns a block whose readable bytes are a copy of `length` bytes. Null if out of memory.
     RT_EXPORT static CRtMessageChain CreateCopy(const char* bytes, uint32_t length);
 
     CRtMessageBlock(const CRtMessageBlock&) = delete;
     CRtMessageBlock& operator=(const CRtMessageBlock&) = delete;
 
-    /// Readable bytes, and free space in bytes, of this block alone.
+    /// Number of readable bytes, and free space in bytes, of this block without the rest of the chain.
     ///@{
     uint32_t GetTopLevelLength() const { return static_cast<uint32_t>(m_pWritePtr - m_pReadPtr); }
     uint32_t GetTopLevelSpace() const { return static_cast<uint32_t>(m_pEndPtr - m_pWritePtr); }
     ///@}
-    /// The read and the write pointer. If the block is locked that way, an assertion line is written; the
-    /// pointer is returned all the same.
+    /// The read pointer and the write pointer. If the block is locked for reading or writing, the call writes
+    /// an assertion line to the log and returns the pointer.
     ///@{
     const char* GetTopLevelReadPtr() const {
         RT_CHECK(SOURCE, RT_BIT_DISABLED(m_Flag, READ_LOCKED),
@@ -88,7 +89,8 @@ public:
         return m_pWritePtr;
     }
     ///@}
-    /// Set and clear the locks of this block. A lock prevents nothing: it makes wrong uses visible in the log.
+    /// Set and clear the locks of this block, a debugging aid: a locked block can still be read and written,
+    /// but the log shows it. They synchronize no threads.
     ///@{
     void LockReading() { m_Flag |= READ_LOCKED; }
     void UnlockReading() { m_Flag &= ~uint32_t{READ_LOCKED}; }
@@ -124,20 +126,23 @@ public:
 
     /// The next block of the chain, or null. The chain owns it.
     CRtMessageBlock* GetNext() const { return m_pNext; }
-    /// Adds a chain at the end of this one, and passes it to this one's owner.
+    /// Appends a chain to this one; from then on this chain owns it.
     RT_EXPORT void Append(CRtMessageChain chain);
 
-    /// Makes a chain over the same buffers, with the same pointers and locks. Null if out of memory.
+    /// Returns a new chain that shares the buffers and starts with the same pointers and locks. Null if out
+    /// of memory.
     RT_EXPORT CRtMessageChain DuplicateChained() const;
-    /// Destroys this chain. A buffer is released with its last duplicate. Call it on the first block only.
+    /// Destroys this chain. The last duplicate of a buffer releases it. Call it on the first block of the
+    /// chain only.
     RT_EXPORT void DestroyChained();
 
-    /// Readable bytes, and free space in bytes, of the whole chain.
+    /// Number of readable bytes, and free space in bytes, of the whole chain.
     ///@{
     RT_EXPORT uint64_t GetChainedLength() const;
     RT_EXPORT uint64_t GetChainedSpace() const;
     ///@}
-    /// Copy `length` bytes out of or into the chain, and move its pointers.
+    /// Read copies `length` bytes from the chain and moves its read pointers. Write copies `length` bytes
+    /// into the chain and moves its write pointers.
     /// @retval RT_OK
     /// @retval RT_ERROR_OUT_OF_RANGE the chain has fewer readable bytes, or less space. Nothing is copied.
     ///@{

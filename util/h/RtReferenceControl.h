@@ -12,8 +12,8 @@
 /// The base of all reference-counted interfaces. Thread-safe: the counts are atomic.
 class IRtReferenceControl {
 public:
-    /// Add or give back one reference. The release of the last one destroys the object, on the calling
-    /// thread.
+    /// AddReference adds one reference. ReleaseReference releases one; when it releases the last one, it
+    /// destroys the object on the calling thread.
     /// @returns the new count.
     ///@{
     virtual uint32_t AddReference() = 0;
@@ -32,9 +32,11 @@ public:
 
     /// @copydoc IRtReferenceControl::AddReference
     uint32_t AddReference() { return m_count.fetch_add(1, std::memory_order_relaxed) + 1; }
-    /// Adds a reference unless the last one has already been released. For a list of plain pointers whose
-    /// objects remove themselves, under the list's lock, in their destructor: false means that the
-    /// destructor is running and waits for that lock.
+    /// Adds a reference unless the last one has already been released. It serves lists of plain pointers
+    /// whose objects remove themselves in their destructor, under the lock of the list. Call it under that
+    /// lock.
+    /// @returns false if the last reference has been released: the destructor is running and waits for the
+    ///     lock.
     bool TryAddReference() {
         uint32_t count = m_count.load(std::memory_order_relaxed);
         while (count != 0) {
@@ -64,12 +66,12 @@ private:
     std::atomic<uint32_t> m_count{0};
 };
 
-/// Implements the reference count of an interface. An application's node, for example, is a
-/// `class Node final : public CRtCounted<ISDUser>`.
+/// Implements the reference count of an interface. For example, an application implements its nodes as
+/// `class Node final : public CRtCounted<ISDUser>`. The count starts at 0.
 template <class Interface>
 class CRtCounted : public Interface, public CRtReferenceControl {
 public:
-    /// As in the interface.
+    /// See IRtReferenceControl.
     ///@{
     uint32_t AddReference() override { return CRtReferenceControl::AddReference(); }
     uint32_t ReleaseReference() override {
@@ -86,7 +88,8 @@ public:
 template <class T>
 class CRtComAutoPtr {
 public:
-    /// Null; or one more reference on `object`, which may be null. Copies add a reference, moves do not.
+    /// Without an argument the pointer is null. With `object`, which may be null, it adds a reference.
+    /// Copying adds a reference; moving passes it on.
     ///@{
     CRtComAutoPtr() = default;
     CRtComAutoPtr(T* object) : m_pRawPtr(object) {
@@ -105,19 +108,19 @@ public:
         return *this;
     }
 
-    /// Takes over a reference that the caller holds; adds none.
+    /// Returns a pointer that takes over a reference of the caller; no reference is added.
     static CRtComAutoPtr Adopt(T* object) {
         CRtComAutoPtr pointer;
         pointer.m_pRawPtr = object;
         return pointer;
     }
-    /// Releases the reference and returns the pointer as an out argument:
+    /// Releases the reference, and returns the null pointer as an out argument that receives a reference:
     /// `manager->CreateFile(file.Receive(), info)`.
     T*& Receive() {
         Reset();
         return m_pRawPtr;
     }
-    /// Sets the pointer to null and passes its reference to the caller.
+    /// Sets the pointer to null and returns the object. The caller has to release the reference.
     T* Detach() { return std::exchange(m_pRawPtr, nullptr); }
     /// Sets the pointer to null, then releases the reference. In that order, because the destructor of the
     /// object may use this pointer.

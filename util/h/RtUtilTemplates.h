@@ -9,8 +9,9 @@
 #include "RtLog.h"
 #include "RtThreadManager.h"
 
-/// Holder of a singleton of the process. The first use creates the object under the runtime's singleton
-/// mutex; the clean-up at process end destroys it.
+/// Holder of a singleton of the process. The first call of Instance creates the object, under the runtime's
+/// singleton mutex (CRtThreadManager::GetSingletonMutex). The clean-up at process end destroys it
+/// (CRtCleanUpBase).
 template <class T>
 class CRtSingletonHolder final : public CRtCleanUpBase {
 public:
