@@ -21,8 +21,8 @@ static int StoreAndReadBack(IFileManager& manager) {
     if (const int result = file->GetBlock(block.Receive(), 1, CREATE); RT_FAILED(result))
         return result;
 
-    // A block arrives in pieces, each with the block's length and its own position. These two pieces
-    // complete the block, so another thread starts to write it to disk.
+    // A block arrives in pieces. Each call passes the length of the block and the position of the piece.
+    // The second piece completes the block, so the library's read/write thread stores it on disk.
     const CRtMessageChain hello = CRtMessageBlock::Wrap("Hello, ", 7);
     const CRtMessageChain cache = CRtMessageBlock::Wrap("cache!", 6);
     constexpr uint32_t LENGTH = 7 + 6;
