@@ -8,9 +8,9 @@
 /// (`.sdi`) contains the description and the block table.
 ///
 /// - **Threads.** Call all operations on the caller thread (RtRuntime.h); the library does not check it. The
-///   library calls IFMBlockSink and ISDUser on the caller thread, too. Exceptions: IFileManager::Instance and
-///   the reference counts work on any thread, and log lines come from any thread. The *read/write thread*
-///   is a thread of the library that stores and loads blocks.
+///   library calls IFMBlockSink and ISDUser on the caller thread, too. Exceptions: IFileManager::Instance,
+///   FMWaitUntilIdle and the reference counts work on any thread, and log lines come from any thread. The
+///   *read/write thread* is a thread of the library that stores and loads blocks.
 /// - **References.** An object returned through an out argument carries one reference for the receiver.
 ///   The receiver gives it back with `ReleaseReference`; CRtComAutoPtr does so in its destructor. If an
 ///   operation fails, its out arguments are not valid, except where its description says so.
@@ -174,19 +174,19 @@ protected:
 /// For FMWaitUntilIdle: no time limit.
 constexpr uint32_t FM_WAIT_FOREVER = 0xFFFFFFFF;
 
-/// Returns when the caller thread and the read/write thread are idle: everything that was queued at the call
-/// has run, and so has everything that these events post to either thread, for instance the completion of a
-/// load or the write of a closed file's block table. Meant for tests and tools.
+/// Waits until the caller thread and the read/write thread are idle: all events that were queued at the call
+/// have run, and so have all events that these have posted to either thread, for example the completion of a
+/// load or the write of a closed file's block table. It is meant for tests and tools.
 ///
-/// May be called on any thread but the read/write thread. On the caller thread it runs that thread's events
-/// and due timers. On another thread it waits until the caller thread runs its events. An event or a sink
-/// may call it; the event that is running does not count as queued. Before Initialize and after
-/// UnInitialize only the caller thread counts.
-/// @param milliseconds after this time the function returns even if events keep posting new events. For
-///     what was queued at the call it waits in any case, without a limit if the disk is slow.
+/// Call it on any thread except the read/write thread. On the caller thread it runs the events and due timers
+/// of that thread. On another thread it waits until the caller thread runs them. An event or a sink may call
+/// it; the event that is running does not count as queued. Before IFileManager::Initialize and after
+/// IFileManager::UnInitialize it waits for the caller thread only.
+/// @param milliseconds time limit in ms for events that other events post. The limit does not apply to events
+///     that were queued at the call: if the disk is slow, the function waits for them without a limit.
 /// @retval RT_OK both threads are idle.
 /// @retval RT_ERROR_NULL_OBJECT the manager could not be created.
-/// @retval RT_ERROR_NOT_READY the time is over, the calling thread is the read/write thread, or one of the
-///     two threads is stopping.
+/// @retval RT_ERROR_NOT_READY the time limit was reached, the calling thread is the read/write thread, or one
+///     of the two threads is stopping.
 RT_EXPORT int FMWaitUntilIdle(uint32_t milliseconds = FM_WAIT_FOREVER);
 /// @}

@@ -4,19 +4,20 @@
 
 #include "RtExport.h"
 
-/// Base of objects that are allocated with `new` and destroyed at process end. The constructor registers the
-/// object. At process end, everything that is queued on the threads runs first; then the registered objects
-/// are cleaned up, the latest first. If a thread cannot be stopped, the process ends without that.
+/// Base class of objects that are allocated with `new` and destroyed at process end. The constructor
+/// registers the object. At process end the runtime first runs all events that are queued on its threads, and
+/// stops the threads. Then it calls CleanUp of the registered objects; the last one registered comes first.
+/// If a thread cannot be stopped, the process ends without calling CleanUp. Thread-safe.
 class RT_EXPORT CRtCleanUpBase {
 public:
     CRtCleanUpBase(const CRtCleanUpBase&) = delete;
     CRtCleanUpBase& operator=(const CRtCleanUpBase&) = delete;
 
-    /// Called once, on the thread that ends the process. The default deletes the object.
+    /// Called once, on the thread that ends the process. The default implementation deletes the object.
     virtual void CleanUp();
 
 protected:
-    /// Registers the object; its destructor removes it from the list.
+    /// Registers the object. The destructor removes it from the list.
     CRtCleanUpBase();
     virtual ~CRtCleanUpBase();
 };

@@ -6,8 +6,8 @@
 
 class CRtEventQueue;
 
-/// Work for another thread. Posting an event passes it to the queue, even if posting fails; the queue
-/// disposes of it exactly once, with OnDestorySelf.
+/// Work for another thread. The queue owns an event from the call that posts or sends it, even if that call
+/// fails. It disposes of each event exactly once: it calls OnDestorySelf.
 class RT_EXPORT IRtEvent {
 public:
     /// An event that is in no queue.
@@ -15,10 +15,10 @@ public:
     IRtEvent(const IRtEvent&) = delete;
     IRtEvent& operator=(const IRtEvent&) = delete;
 
-    /// Does the work, on the queue's thread. It must not throw. The result is ignored.
+    /// Does the work, on the thread of the queue. It must not throw. The return value is ignored.
     virtual int OnEventFire() = 0;
-    /// Called once: on the queue's thread after the event has run, or on the thread of the call that could not
-    /// queue it or has withdrawn it. The default deletes the event.
+    /// Called once: on the thread of the queue after the event has run, or on the thread of the call that
+    /// failed to queue the event or withdrew it. The default implementation deletes the event.
     virtual void OnDestorySelf();
     virtual ~IRtEvent();
 
@@ -44,16 +44,18 @@ public:
     /// @retval RT_ERROR_NULL_OBJECT `event` is null.
     /// @retval RT_ERROR_NOT_READY the thread is stopping or has stopped. The event has been disposed of.
     virtual int PostEvent(IRtEvent* event, int priority) = 0;
-    /// Queues an event and returns when it has run. On the queue's own thread it runs immediately.
+    /// Queues an event and returns when it has run and has been disposed of. If the calling thread is the
+    /// thread of the queue, the event runs immediately, before the events that are queued.
     /// @param event the event; the queue owns it.
     /// @retval RT_OK
     /// @retval RT_ERROR_NULL_OBJECT `event` is null.
     /// @retval RT_ERROR_NOT_READY the thread is stopping or has stopped. The event has been disposed of.
     virtual int SendEvent(IRtEvent* event) = 0;
-    /// Removes a posted event and disposes of it. Precondition: the event has not been disposed of; the
-    /// caller has to know that.
-    /// @returns false if the event is no longer queued because it is about to run, or if it was sent with
-    ///     SendEvent. It is not disposed of then.
+    /// Removes an event from the queue and disposes of it. Precondition: the event has not been disposed of
+    /// yet; the caller has to ensure it.
+    /// @param event an event that was posted to this queue.
+    /// @returns true if the event was removed. False if it is about to run, or was sent with SendEvent; then
+    ///     it is not disposed of by this call.
     virtual bool WithdrawEvent(IRtEvent* event) = 0;
     /// Takes the next event out of the queue if a predicate accepts it, so that the running event can do the
     /// work of several. The receiver disposes of it.

@@ -14,29 +14,30 @@
 enum RtLogLevel : int {
     RT_LOG_SILENT = -1, ///< as the maximum level: no lines
     RT_LOG_ERROR = 0,   ///< failures and assertion lines
-    RT_LOG_WARNING = 1, ///< conditions that the library handles, a failed store for example
+    RT_LOG_WARNING = 1, ///< conditions that the library handles, for example a failed store
     RT_LOG_TRACE = 2,   ///< normal operation
 };
 
-/// Receives one line. Calls come from any thread, one at a time, and may come from under locks: a sink must
-/// not call RtSetLogSink, the file manager or `exit`.
+/// A function that receives one log line. The library calls it on any thread, one call at a time, possibly
+/// while it holds locks. So a sink must not call RtSetLogSink, the file manager or `exit`, and must not
+/// throw.
 ///
 /// Arguments: `context` as passed to RtSetLogSink; `level`, an #RtLogLevel; `text`, without a line end, at
 /// most #RT_LOG_BUFFER_SIZE - 1 bytes, valid during the call.
 using RtLogSink = void (*)(void* context, int level, const char* text);
 
-/// Replaces the log sink. Any thread. When it returns, the former sink is not running and will not be called
-/// again. Without a call, levels up to #RT_LOG_WARNING go to standard error. Lines come until process end:
-/// replace a sink before its context is destroyed.
+/// Replaces the log sink. Any thread. When RtSetLogSink returns, the former sink is not running and will not
+/// be called again. Until the first call, lines up to #RT_LOG_WARNING go to standard error. The library
+/// writes lines until process end: replace a sink before its context is destroyed.
 /// @param sink the sink; null: standard error.
 /// @param context passed to the sink.
-/// @param maxLevel lines above this #RtLogLevel are dropped.
+/// @param maxLevel an #RtLogLevel; lines of higher levels are dropped.
 RT_EXPORT void RtSetLogSink(RtLogSink sink, void* context, int maxLevel);
 
-/// The log. Every line of the library goes through TraceString. Thread-safe.
+/// The log of the process. The library passes each line to TraceString. Thread-safe.
 class CRtLog {
 public:
-    /// Composes a line in a buffer of the caller. Text that does not fit is truncated; the result always ends
+    /// Composes a line in a buffer of the caller. Text that does not fit is truncated; the line always ends
     /// with a zero byte. Numbers are decimal, pointers hexadecimal, node identifiers
     /// `server.type.node.sequence`. A null text appends nothing. In a CRtString control characters are
     /// escaped as `\xNN`: it may be a file name or bytes of a file, and a log line must not control the
@@ -72,18 +73,19 @@ public:
 
     /// The log of this process.
     RT_EXPORT static CRtLog* Instance();
-    /// Whether lines of a level go to the sink.
+    /// Returns whether lines of a level are passed to the sink.
     static bool IsEnabled(int level) { return level <= s_maxLevel.load(std::memory_order_relaxed); }
     /// Passes a line to the sink, if its level is enabled.
     /// @param level an #RtLogLevel.
     /// @param reserved 0.
     /// @param text the line.
     RT_EXPORT void TraceString(int level, int reserved, const char* text);
-    /// Writes an assertion line: `SOURCE:LINE Assert failed: EXPRESSION`, level #RT_LOG_ERROR. Returns.
+    /// Writes an assertion line, `SOURCE:LINE Assert failed: EXPRESSION`, at level #RT_LOG_ERROR. It does not
+    /// end the process.
     RT_EXPORT static void AssertFailed(const char* source, int line, const char* expression);
 
 private:
-    friend struct CRtLogSlot; // where the listener is kept
+    friend struct CRtLogSlot; // stores the sink
     CRtLog() = default;
 
     RT_EXPORT static std::atomic<int> s_maxLevel;
@@ -104,8 +106,9 @@ constexpr size_t RT_LOG_BUFFER_SIZE = 2048;
         }                                                                                          \
     } while (0)
 
-/// Tests a condition and has its value. If it is false, an assertion line is written. `source` and `text` are
-/// arguments, not taken from the code, because log readers search for fixed texts.
+/// Evaluates to the value of a condition. If the condition is false, the macro writes an assertion line
+/// (CRtLog::AssertFailed). `source` and `text` are arguments instead of `__FILE__` and the condition, because
+/// programs that search the log expect fixed texts.
 #define RT_CHECK(source, condition, text)                                                          \
     (static_cast<bool>(condition) || (CRtLog::AssertFailed(source, __LINE__, text), false))
 /// @}

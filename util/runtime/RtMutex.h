@@ -12,7 +12,7 @@ class CRtMutexBase {
 public:
     /// Locks the mutex; waits until it is free.
     /// @retval RT_OK
-    /// @retval RT_ERROR_FAILURE the system refused the lock; it is not held.
+    /// @retval RT_ERROR_FAILURE the system reported an error; the mutex is not locked.
     int Lock() {
         try {
             m_mutex.lock();

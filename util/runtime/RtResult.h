@@ -1,13 +1,14 @@
 /// @defgroup results Result codes
-/// An operation that can fail returns an `int`: #RT_OK or one of these codes. The numbers are fixed: log
-/// lines print them after `ret=`. Each operation lists the codes it returns and what they mean there.
+/// An operation that can fail returns an `int`: #RT_OK or one of these codes. The numbers never change; log
+/// lines print them after `ret=`. Each operation lists the codes that it returns and their causes.
 /// @{
 #pragma once
 
 constexpr int RT_OK = 0; ///< success
-/// The operation failed: a record cannot be encoded or decoded, or bytes are still missing after a read.
+/// The operation failed for a reason without a code, for example: a record cannot be encoded or decoded, a
+/// load did not bring the bytes of a block into memory, or a thread cannot be started.
 constexpr int RT_ERROR_FAILURE = 10001;
-/// Objects of this kind do not implement the operation.
+/// This kind of object does not implement the operation, for example IFMBlock::GetOwners on a client.
 constexpr int RT_ERROR_NOT_SUPPORTED = 10004;
 /// An input/output operation failed, or a string is too long for a byte stream.
 constexpr int RT_ERROR_IO = 10006;
@@ -15,12 +16,12 @@ constexpr int RT_ERROR_IO = 10006;
 constexpr int RT_ERROR_NULL_OBJECT = 10007;
 /// An argument is invalid: a null pointer, #FMFileID_None, or a length or position out of range.
 constexpr int RT_ERROR_INVALID_ARG = 10008;
-/// A step would move a read or write pointer out of its buffer.
+/// A message chain has too few readable bytes or too little space for the operation.
 constexpr int RT_ERROR_OUT_OF_RANGE = 10009;
 /// The file or block does not exist.
 constexpr int RT_ERROR_NOT_FOUND = 10011;
-/// The object is not in the required state: no thread or queue, a block that is not complete, a file that
-/// is closed or open elsewhere.
+/// The state of an object does not permit the operation: a thread is not running, a block is not complete, or
+/// a file is closed or open in another process.
 constexpr int RT_ERROR_NOT_READY = 10015;
 
 /// Test a result code.
@@ -29,7 +30,7 @@ constexpr bool RT_SUCCEEDED(int result) { return result == RT_OK; }
 constexpr bool RT_FAILED(int result) { return result != RT_OK; }
 ///@}
 
-/// Test the bits of a mask: any set, none set.
+/// Return whether at least one bit of a mask is set, and whether none is.
 ///@{
 constexpr bool RT_BIT_ENABLED(unsigned flags, unsigned bit) { return (flags & bit) != 0; }
 constexpr bool RT_BIT_DISABLED(unsigned flags, unsigned bit) { return (flags & bit) == 0; }

@@ -4,11 +4,11 @@
 
 #include <cstdint>
 
-/// The identifier of a node, a 16-byte value. Its packed word has, from the most significant bit: server
-/// (8 bits), type (4), node sequence (12), sequence (8).
+/// The identifier of a node, a value of 16 bytes. Its packed word of 32 bits contains, from the most
+/// significant bit: server (8 bits), type (4 bits), node sequence (12 bits), sequence (8 bits).
 class CTavoSID {
 public:
-    /// The identifier 0, or one from its three parts.
+    /// Without arguments the identifier is 0.
     ///@{
     CTavoSID() = default;
     explicit CTavoSID(uint32_t packed, uint32_t second = 0, uint64_t virtualIP = 0)
@@ -29,7 +29,7 @@ public:
     uint64_t GetVirtualIP() const { return m_virtualIP; }
     void SetVirtualIP(uint64_t virtualIP) { m_virtualIP = virtualIP; }
     ///@}
-    /// The same identifier with sequence 0, which identifies the node itself.
+    /// Returns this identifier with sequence 0: the identifier of the node itself.
     CTavoSID GetNodeId() const { return CTavoSID(m_packed & ~0xFFU, m_second, m_virtualIP); }
 
     /// Compare the packed words as unsigned numbers; the other parts are ignored.

@@ -7,11 +7,11 @@
 #include <string_view>
 #include <utility>
 
-/// A string of bytes of any encoding, zeros included; lengths are in bytes. A value type: copies are
-/// independent. Operations that allocate throw std::bad_alloc.
+/// A string of bytes of any encoding; it may contain zero bytes, and lengths are in bytes. A value type:
+/// copies are independent. Operations that allocate memory can throw std::bad_alloc.
 class CRtString {
 public:
-    /// Empty, or a copy of the text. A null `text` counts as empty.
+    /// An empty string, or a copy of the argument. If `text` is null, the string is empty.
     ///@{
     CRtString() = default;
     CRtString(const char* text) : m_bytes(text ? text : "") {}
@@ -20,7 +20,7 @@ public:
     explicit CRtString(std::string_view bytes) : m_bytes(bytes) {}
     ///@}
 
-    /// As the members of std::string with these names.
+    /// These do the same as the members of std::string with the same names.
     ///@{
     const char* c_str() const { return m_bytes.c_str(); }
     const char* data() const { return m_bytes.data(); }
@@ -32,7 +32,7 @@ public:
     char operator[](size_t index) const { return m_bytes[index]; }
     char back() const { return m_bytes.back(); }
     ///@}
-    /// The bytes without a copy; valid until the string changes.
+    /// A view of the bytes, valid until the string changes or is destroyed.
     std::string_view view() const { return m_bytes; }
 
     /// Append.
@@ -53,9 +53,9 @@ public:
     friend auto operator<=>(const CRtString& left, const CRtString& right) = default;
     ///@}
 
-    /// The first `length` bytes, or all if there are fewer.
+    /// Returns the first `length` bytes, or all bytes if the string is shorter.
     CRtString Left(size_t length) const { return CRtString(m_bytes.substr(0, length)); }
-    /// The string without spaces (only U+0020) at both ends.
+    /// Returns a copy without the spaces (U+0020 only) at both ends.
     CRtString TrimBlanks() const {
         const size_t first = m_bytes.find_first_not_of(' ');
         if (first == std::string::npos)

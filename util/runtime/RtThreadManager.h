@@ -16,7 +16,7 @@ constexpr int RT_CALLER_THREAD = 3;
 /// Thread-safe.
 class CRtThreadManager {
 public:
-    /// Kinds of threads; they are treated alike.
+    /// Kinds of threads. The runtime makes no difference between them.
     enum TFlag : int {
         TT_NETWORK = 1, ///< for network input and output
         TT_TASK = 2     ///< for other work
@@ -28,9 +28,9 @@ public:
     /// The mutex under which CRtSingletonHolder creates its object.
     RT_EXPORT CRtMutexBase* GetSingletonMutex();
 
-    /// Starts a thread with an event queue. The caller owns it and ends it with CRtThread::Destory. A thread
-    /// that is left at process end is stopped then, and waited for without a limit.
-    /// @param[out] thread the thread; null on failure.
+    /// Starts a thread with an event queue. The caller owns the thread and ends it with CRtThread::Destory.
+    /// If it does not, process end stops the thread and waits for it without a limit.
+    /// @param[out] thread the thread; null if the call fails.
     /// @param flag the kind.
     /// @param reserved 0.
     /// @retval RT_OK
@@ -38,12 +38,13 @@ public:
     /// @retval RT_ERROR_NOT_READY the process is ending.
     RT_EXPORT int CreateUserTaskThread(CRtThread*& thread, TFlag flag, int reserved);
 
-    /// Returns the caller thread. Unless the application provides it (CRtCallerThread), the first request
+    /// Returns the caller thread. If the application does not provide it (CRtCallerThread), the first call
     /// starts it.
     /// @param number #RT_CALLER_THREAD.
-    /// @returns null for any other number, if the thread could not be started, and at process end.
+    /// @returns the thread. Null if `number` is another one, the thread cannot be started, or the process is
+    ///     ending.
     RT_EXPORT CRtThread* GetThread(int number);
-    /// The system's identifier of the current thread.
+    /// The identifier that the system has given the current thread.
     RT_EXPORT static uint32_t GetThreadSelfId();
 
 private:

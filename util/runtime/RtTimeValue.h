@@ -9,13 +9,14 @@
 /// A time or a duration in seconds and microseconds.
 class CRtTimeValue {
 public:
-    /// Zero, or the sum of both arguments. The parts are normalised: 0 <= microseconds < 1,000,000.
+    /// Without arguments the value is zero, otherwise the sum of both arguments. The constructor normalises
+    /// it: 0 <= microseconds < 1,000,000.
     ///@{
     CRtTimeValue() = default;
     RT_EXPORT CRtTimeValue(int64_t seconds, int64_t microseconds);
     ///@}
 
-    /// The time since 1970-01-01 00:00:00 UTC from the current clock (RtSetClock). Any thread.
+    /// Returns the time since 1970-01-01 00:00:00 UTC, read from the current clock (RtSetClock). Any thread.
     RT_EXPORT static CRtTimeValue GetTimeOfDay();
 
     /// The seconds, the microseconds within the second, and the whole value in milliseconds, rounded down.
@@ -30,8 +31,8 @@ private:
     int64_t m_microseconds = 0;
 };
 
-/// A replacement for the system's clock, for tests. Any thread may call it at any time, and the calls may
-/// come from under locks: it must not call the library.
+/// A replacement for the system's clock, for tests. The library calls it on any thread, possibly while it
+/// holds locks. So a clock must be thread-safe, must not call the library, and must not throw.
 class RT_EXPORT IRtClock {
 public:
     /// Milliseconds since a fixed moment.
@@ -43,12 +44,13 @@ protected:
     virtual ~IRtClock();
 };
 
-/// Replaces the clock of the process. A thread that is waiting for a timer notices the new time when the
-/// next event is posted to it.
-/// @param clock the clock, which remains the caller's and must live until it is replaced; null restores the
+/// Replaces the clock of the process. A thread that waits for a timer reads the new clock when the next event
+/// is posted to it, or when its wait ends.
+/// @param clock the clock. It remains the caller's and must live until it is replaced. Null restores the
 ///     system's clock.
 RT_EXPORT void RtSetClock(IRtClock* clock);
 
-/// Milliseconds since a fixed moment, from the current clock. Any thread. The system's clock is monotonic.
+/// Returns the milliseconds since a fixed moment, read from the current clock. Any thread. Unless RtSetClock
+/// has replaced it, the clock is monotonic.
 RT_EXPORT uint64_t GetTickCountEx();
 /// @}

@@ -30,13 +30,13 @@ inline bool operator!=(const GUID& a, const GUID& b) { return !(a == b); }
 
 #else
 
-/// 128-bit identifier. On Windows another name for the system's `GUID`; elsewhere a structure of the same
-/// layout.
+/// 128-bit identifier. On Windows RtGuid is another name of the system's `GUID`; on other systems it is a
+/// structure with the same layout.
 struct RtGuid {
-    uint32_t Data1;   ///< host byte order
-    uint16_t Data2;   ///< host byte order
-    uint16_t Data3;   ///< host byte order
-    uint8_t Data4[8]; ///< printed order
+    uint32_t Data1;   ///< first group of the text, in host byte order
+    uint16_t Data2;   ///< second group, in host byte order
+    uint16_t Data3;   ///< third group, in host byte order
+    uint8_t Data4[8]; ///< fourth and fifth group, in printed order
 };
 
 /// True if all bytes are equal.
