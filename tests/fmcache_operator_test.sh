@@ -90,11 +90,11 @@ echo note >cache/sdstore/notes.txt && cp odd cache/sdstore/stray.sdd
 before=$(listing)
 run 1 verify --dir cache
 for line in "block 5 ends at byte 20000, the data file at 17000; loaded, but cannot be read" \
-    "block 3 overlaps block 2 by 3192 bytes" "note: 3192 bytes of the data file are unreferenced" \
+    "block 3 overlaps block 2 by 3192 bytes; both are loaded without data" "note: 3192 bytes of the data file are unreferenced" \
     "note: 4096 bytes of the data file are unreferenced" "block 4 has an impossible range, .*; loaded without data" \
-    "block 77 is outside the table, which has 5 slots from 1; dropped" "block 1 has two entries; the later one" \
+    "block 77 is outside the table, which has 5 slots from 1; not loaded" "block 1 has two entries; the later entry" \
     "there is no information file; not loaded; housekeeping removes it" "block table ends early, after 5 slots" \
-    "is not an information file, or is damaged; not loaded; housekeeping" "the description is of .*; loaded by this name" \
+    "is not an information file, or is damaged; not loaded; housekeeping" "the description is that of .*; a load by this name" \
     "block 1 ends at byte 4096, and there is no data file" "damaged or missing block table; not loaded$" \
     "the name is not an identifier" "^notes.txt$" '^20 files verified, 8 sound, 12 damaged, 1 other'; do says "$line"; done
 run 0 verify --dir cache "$hole" # a block without data is no damage
@@ -146,7 +146,7 @@ for verb in ls clear; do fails 1 'no cache in' $verb --dir none; done
 for verb in show rm; do fails 1 'no cache in' $verb --dir none "$sound"; done
 fails 1 'no cache in' housekeep --dir none --days 1
 fails 2 'no cache in' verify --dir none
-fails 1 "--store 'copy.confcache.4711' opens a client" ls --dir copy
+fails 1 "--store 'copy.confcache.4711' opens the store of a client" ls --dir copy
 fails 2 'no file' verify --store copy/confcache/4711 00000000-0000-4000-8000-000000000001
 for verb in ls show; do fails 2 'fmcache --help' $verb; done
 fails 2 'fmcache --help' ls --dir cache --store copy

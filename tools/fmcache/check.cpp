@@ -58,8 +58,7 @@ private:
 bool Checker::CheckFiles() {
     if (m_entry.id == FMFileID_None)
         Add("the name is not an identifier",
-            m_entry.HasData() ? "never loaded; housekeeping examines it all the same"
-                              : "never loaded");
+            m_entry.HasData() ? "not loaded; housekeeping examines it" : "not loaded");
     const std::string gone = m_entry.HasData() ? "; housekeeping removes it" : "";
     if (!m_entry.HasInfo())
         Add("there is no information file", "not loaded" + gone);
@@ -73,30 +72,30 @@ bool Checker::CheckFiles() {
 void Checker::CheckDescription() {
     const FMFileInfo& info = m_file.info;
     if (!(info.fileID == m_entry.id) && m_check.loads)
-        Add("the description is of " + ToString(FMFileIDToString(info.fileID)),
-            "loaded by this name, open under the other identifier");
+        Add("the description is that of " + ToString(FMFileIDToString(info.fileID)),
+            "a load by this name opens the other identifier");
     if (m_file.createTime == 0)
         Add("there is no creation time", "housekeeping removes the file as too old");
     else if (m_file.createTime > CurrentTime())
         Note("the creation time is in the future", "housekeeping counts the file as new");
     if (info.flag & FM_FILE_TEMPORARY)
-        Note("the file is temporary", "removed when it is closed, and by housekeeping");
+        Note("the file is temporary", "closing the file removes it, and so does housekeeping");
     if (m_entry.dataLength > CACHED_FILE_MAX)
         Note("the data file has " + FormatSize(m_entry.dataLength),
-             "works, but exceeds the limit of 1 GiB for a cached file");
+             "can be used, but exceeds the limit of 1 GiB for a cached file");
 }
 
 void Checker::CheckTable() {
     if (!m_file.whole)
         Add("the block table ends early, after " + Count(m_file.slots.size(), "slot"),
-            "later slots are empty, and the entry at the cut has no data");
+            "later slots are loaded empty; a truncated entry is loaded without data");
     if (m_file.behindTable > 0)
         Add("the block table has " + Count(m_file.behindTable, "byte") + " after its last entry",
             "ignored");
     if (TableSize() < m_file.info.num)
-        Note("the table of " + Count(m_file.info.num, "slot") +
-                 " is larger than the file justifies",
-             "loaded with " + std::to_string(TableSize()) + "; the table grows when needed");
+        Note("the description has " + Count(m_file.info.num, "slot") +
+                 ", more than an information file of this length can contain",
+             "loaded with " + Count(TableSize(), "slot") + "; the table grows when needed");
 }
 
 void Checker::FindStates() {
@@ -114,7 +113,7 @@ void Checker::FindStates() {
         m_check.slots = std::max(m_check.slots, uint64_t{slot} + 1);
         const auto [known, isNew] = taken.emplace(block.blockID, i);
         if (!isNew) {
-            Add(Name(block) + " has two entries", "the later one is loaded");
+            Add(Name(block) + " has two entries", "the later entry is loaded");
             m_check.states[known->second] = SlotState::Replaced;
             known->second = i;
         } else if (slot != i) {
@@ -130,7 +129,7 @@ SlotState Checker::StateOf(const FMBlockEntry& block, uint64_t slots) {
     if (block.blockID < first || block.blockID - first >= slots) {
         Add(Name(block) + " is outside the table, which has " + Count(slots, "slot") + " from " +
                 std::to_string(first),
-            "dropped");
+            "not loaded");
         return SlotState::Outside;
     }
     if (!FMIsEntryPossible(block)) {
@@ -143,7 +142,7 @@ SlotState Checker::StateOf(const FMBlockEntry& block, uint64_t slots) {
         return SlotState::NoData;
     if (block.totalLen > CACHED_BLOCK_MAX)
         Note(Name(block) + " has " + FormatSize(block.totalLen),
-             "works, but exceeds the limit of 16 MiB for a block");
+             "can be used, but exceeds the limit of 16 MiB for a block");
     if (End(block) > m_entry.dataLength) {
         Add(Name(block) + " ends at byte " + std::to_string(End(block)) +
                 (m_entry.HasData() ? ", the data file at " + std::to_string(m_entry.dataLength)
@@ -176,7 +175,7 @@ void Checker::CheckRanges() {
         if (furthest && Begin(*block) < end)
             Add(Name(*block) + " overlaps " + Name(*furthest) + " by " +
                     Count(std::min(end, End(*block)) - Begin(*block), "byte"),
-                "a block whose bytes are in doubt cannot be read");
+                "both are loaded without data");
         const uint64_t from = std::max(end, Begin(*block));
         const uint64_t to = std::min(End(*block), m_entry.dataLength);
         owned += to > from ? to - from : 0;

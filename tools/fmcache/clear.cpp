@@ -71,7 +71,8 @@ int Clear(const ClearOptions& options) {
     const Contents left = SumUp(after);
     if (left.files > 0 || !after.foreign.empty())
         throw Failure(std::to_string(left.files + after.foreign.size()) + " entries of " +
-                      Quoted(store.string()) + " were not removed, or are new");
+                      Quoted(store.string()) +
+                      " were not removed, or were created in the meantime");
     if (options.json) {
         Json json;
         json.BeginObject().Member("removed", had.entries).Member("files", had.files);
@@ -88,8 +89,8 @@ int Clear(const ClearOptions& options) {
 void AddClear(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<ClearOptions>();
     CLI::App* clear =
-        app.add_subcommand("clear", "Remove all cached files and the store directory.");
+        app.add_subcommand("clear", "Remove all cached files and their directory, DIR/sdstore.");
     AddCacheOptions(*clear, *options);
-    clear->add_flag("--force", options->force, "also remove entries that are not cached files");
+    clear->add_flag("--force", options->force, "also remove other files in DIR/sdstore");
     clear->callback([options, &chosen] { chosen = [options] { return Clear(*options); }; });
 }

@@ -194,11 +194,15 @@ int Get(const GetOptions& options) {
 void AddGet(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<GetOptions>();
     CLI::App* get = app.add_subcommand("get", "Read a file back from the cache.");
-    AddPath(*get, "--dir", options->dir, "data directory of the cache")->required();
+    AddPath(*get, "--dir", options->dir, "data directory of a server")
+        ->type_name("DIR")
+        ->required();
     get->add_option("ID", options->id, "identifier that put printed; the braces may be omitted")
+        ->type_name("")
         ->required();
     AddPath(*get, "-o,--output", options->output, "file to write; - is standard output")
+        ->type_name("FILE")
         ->required();
-    get->add_flag("--force", options->force, "overwrite an existing file");
+    get->add_flag("--force", options->force, "overwrite FILE if it exists");
     get->callback([options, &chosen] { chosen = [options] { return Get(*options); }; });
 }

@@ -152,7 +152,7 @@ int Housekeep(const HousekeepOptions& options) {
 void AddHousekeep(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<HousekeepOptions>();
     CLI::App* housekeep = app.add_subcommand(
-        "housekeep", "Remove files that are too old, as each server on the cache does once a day.");
+        "housekeep", "Remove expired files, as each server of this cache does every 24 hours.");
     AddCacheOptions(*housekeep, *options);
     AddDaysOption(*housekeep, options->days)->required();
     housekeep->add_flag("--dry-run", options->dryRun,

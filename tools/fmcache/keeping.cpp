@@ -39,9 +39,11 @@ const char* Keeping::Word() const {
 
 CLI::Option* AddDaysOption(CLI::App& verb, uint16_t& days) {
     return verb
-        .add_option("--days", days,
-                    "clearDays of the server: a file is removed at the age of N + 2 days")
-        ->check(CLI::Range(1, 65535));
+        .add_option(
+            "--days", days,
+            "clearDays of the server (1 to 65535): files expire N + 2 days after their creation")
+        ->type_name("N")
+        ->check(CLI::Range(1, 65535).description(""));
 }
 
 int64_t CurrentTime() { return int64_t{std::time(nullptr)}; }

@@ -177,6 +177,7 @@ void AddLs(CLI::App& app, Action& chosen) {
     AddDaysOption(*ls, options->days)->capture_default_str();
     ls->add_option("--sort", options->sort,
                    "sort by id, name, size (largest first) or age (oldest first)")
+        ->type_name("KEY")
         ->check(CLI::IsMember({"id", "name", "size", "age"}))
         ->capture_default_str();
     ls->callback([options, &chosen] { chosen = [options] { return Ls(*options); }; });

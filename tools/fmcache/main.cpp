@@ -37,6 +37,7 @@ int ReportUsage(const CLI::ParseError& error) {
 int Run(int argc, char** argv) {
     CLI::App app{"Store files in a block cache on disk, read them back, and maintain the cache.",
                  "fmcache"};
+    app.set_help_flag("-h,--help", "print this help and exit");
     Action chosen;
     bool verbose = false;
     app.add_flag("--verbose", verbose, "write the library's log lines to standard error");

@@ -184,10 +184,10 @@ void RequireStored(const PutPlan& plan, const StorePaths& paths) {
         const InfoFile stored = InfoFile::Read(paths.info);
         const std::vector<FMBlockEntry> blocks = stored.CompleteBlocks(LengthOf(paths.data));
         if (!(stored.info.fileID == plan.info.fileID))
-            throw Failure("the stored description is not the one of this file");
+            throw Failure("the information file describes another file");
         if (blocks.size() != plan.Count())
-            throw Failure("it has " + std::to_string(blocks.size()) + " blocks instead of " +
-                          std::to_string(plan.Count()));
+            throw Failure("the information file names " + std::to_string(blocks.size()) +
+                          " blocks instead of " + std::to_string(plan.Count()));
         for (uint32_t index = 0; index < blocks.size(); ++index) {
             if (blocks[index].totalLen != plan.LengthOfBlock(index))
                 throw Failure("block " + std::to_string(FIRST_BLOCK + index) + " is incomplete");
@@ -221,12 +221,19 @@ void AddPut(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<PutOptions>();
     CLI::App* put =
         app.add_subcommand("put", "Store a file in the cache and print its identifier.");
-    AddPath(*put, "--dir", options->dir, "data directory of the cache; created if missing")
+    AddPath(*put, "--dir", options->dir, "data directory of a server; created if it does not exist")
+        ->type_name("DIR")
         ->required();
-    AddPath(*put, "FILE", options->file, "file to store, at most 1 GiB")->required();
-    put->add_option("--block", options->block, "block size in bytes, or with K or M; at most 16M")
+    AddPath(*put, "FILE", options->file, "file to store, at most 1 GiB")->type_name("")->required();
+    put->add_option("--block", options->block,
+                    "block size in bytes, or in KiB or MiB with K or M; at most 16M")
+        ->type_name("SIZE")
         ->capture_default_str();
-    put->add_option("--piece", options->piece, "bytes to write in one call")->capture_default_str();
-    put->add_option("--name", options->name, "name to store instead of the name of FILE");
+    put->add_option("--piece", options->piece,
+                    "size of the pieces in which the library receives a block; as --block")
+        ->type_name("SIZE")
+        ->capture_default_str();
+    put->add_option("--name", options->name, "name to store instead of the name of FILE")
+        ->type_name("NAME");
     put->callback([options, &chosen] { chosen = [options] { return Put(*options); }; });
 }

@@ -70,9 +70,10 @@ int Rm(const RmOptions& options) {
 void AddRm(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<RmOptions>();
     CLI::App* rm = app.add_subcommand(
-        "rm", "Remove one file. A server that has it open does not notice until it reopens it.");
+        "rm", "Remove one file. If a server has the file open, it may write the file again.");
     AddCacheOptions(*rm, *options);
     rm->add_option("ID", options->id, "identifier of the file; the braces may be omitted")
+        ->type_name("")
         ->required();
     rm->add_flag("--force", options->force, "succeed if there is no such file");
     rm->callback([options, &chosen] { chosen = [options] { return Rm(*options); }; });

@@ -19,7 +19,7 @@ std::string HintAtClients(const fs::path& dir) {
     std::error_code error;
     for (const fs::directory_entry& entry : fs::directory_iterator(dir / "confcache", error)) {
         if (entry.is_directory(error))
-            return "; --store " + Quoted(entry.path().string()) + " opens a client's";
+            return "; --store " + Quoted(entry.path().string()) + " opens the store of a client";
     }
     return "; --dir takes the directory that was passed to put or to a server";
 }
@@ -57,15 +57,16 @@ CLI::Option* AddPath(CLI::App& verb, const std::string& name, fs::path& path,
 }
 
 void AddCacheOptions(CLI::App& verb, StoreOptions& options) {
-    AddPath(verb, "--dir", options.dir, "data directory of the cache")->required();
+    AddPath(verb, "--dir", options.dir, "data directory of a server")->type_name("DIR")->required();
     verb.add_flag("--json", options.json, "write JSON");
 }
 
 void AddLookOptions(CLI::App& verb, StoreOptions& options) {
-    CLI::Option_group* where = verb.add_option_group("place", "exactly one of");
-    AddPath(*where, "--dir", options.dir, "data directory of a server");
+    CLI::Option_group* where = verb.add_option_group("cache", "the cache to read");
+    AddPath(*where, "--dir", options.dir, "data directory of a server")->type_name("DIR");
     AddPath(*where, "--store", options.store,
-            "directory with the .sdd and .sdi files, for example DIR/confcache/PID of a client");
+            "directory with the .sdd and .sdi files, for example confcache/PID of a client")
+        ->type_name("DIR");
     where->require_option(1);
     verb.add_flag("--json", options.json, "write JSON");
 }

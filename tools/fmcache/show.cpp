@@ -171,11 +171,12 @@ int Show(const ShowOptions& options) {
 
 void AddShow(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<ShowOptions>();
-    CLI::App* show =
-        app.add_subcommand("show", "Show the description, the block table and a map of one file.");
+    CLI::App* show = app.add_subcommand(
+        "show", "Show the description, the block table and a map of the blocks of one file.");
     AddLookOptions(*show, *options);
     AddDaysOption(*show, options->days)->capture_default_str();
     show->add_option("ID", options->id, "identifier of the file; the braces may be omitted")
+        ->type_name("")
         ->required();
     show->callback([options, &chosen] { chosen = [options] { return Show(*options); }; });
 }

@@ -133,8 +133,11 @@ void AddVerify(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<VerifyOptions>();
     CLI::App* verify = app.add_subcommand(
         "verify",
-        "Check the files for damage. Exit status: 0 sound, 1 damaged, 2 nothing to verify.");
+        "Check one or all files for damage. Exit status: 0 sound, 1 damaged, 2 no files.");
     AddLookOptions(*verify, *options);
-    verify->add_option("ID", options->id, "identifier of one file to verify; without it, all");
+    verify
+        ->add_option("ID", options->id,
+                     "identifier of the file to check; without ID all files are checked")
+        ->type_name("");
     verify->callback([options, &chosen] { chosen = [options] { return Verify(*options); }; });
 }
