@@ -56,19 +56,21 @@ int main(int argc, char** argv) {
         "over TCP on this machine. The presenter offers the file, the server stores it, and the\n"
         "clients fetch it from the server and from each other. SIGTERM or SIGINT stops a node.\n"
         "scripts/demo starts a whole conference.");
-    app.add_option("role", options.role, "the part that this node plays")
+    app.add_option("role", options.role, "role of this node")
         ->required()
         ->check(CLI::IsMember({"server", "presenter", "client"}));
-    app.add_option("--port", options.port, "TCP port of the server")->required();
+    app.add_option("--port", options.port, "TCP port of the server; server: 0 selects a free port")
+        ->required();
     app.add_option("--dir", options.dir, "data directory of the cache")->required();
     app.add_option("--file", options.file,
-                   "presenter: the file to offer; client: where to write the copy");
+                   "presenter: file to offer; client: file to write the copy to");
     app.add_option("--id", options.id, "server: identifier of a cached file to open at the start");
-    app.add_option("--index", options.index, "client: its number, counted from 0");
+    app.add_option("--index", options.index, "client: number of this client, counted from 0");
     app.add_option("--clients", options.clients, "client: number of clients in the conference")
         ->check(CLI::Range(1, 100));
     app.add_flag("--keep", options.keep, "client: leave the cache on disk at the end");
-    app.add_option("--rate", options.rate, "highest send rate in bytes per second")
+    app.add_option("--rate", options.rate,
+                   "maximum send rate in bytes per second (default: no limit)")
         ->check(CLI::PositiveNumber);
     CLI11_PARSE(app, argc, argv);
     try {

@@ -365,7 +365,7 @@ void Node::CloseUnresponsive() {
     for (const auto& [id, fetch] : m_fetches) {
         const uint64_t last = std::max(fetch.since, fetch.from->lastPiece);
         if (!fetch.postponed && m_ticks - last > TICKS_WITHOUT_PIECE_MAX)
-            fetch.from->Close("no piece arrived for too long");
+            fetch.from->Close("no requested piece arrived in time");
     }
 }
 
