@@ -12,9 +12,10 @@ class CRtMessageBlock;
 
 /// Bits of FMFileInfo::flag. Other bits are stored and ignored.
 enum FMFileFlag : uint32_t {
-    /// The data file and the information file are removed when the file is closed.
+    /// Closing the file removes the data file and the information file. If the process ends before that,
+    /// housekeeping removes them.
     FM_FILE_TEMPORARY = 1,
-    /// Housekeeping does not remove the file, whatever its age.
+    /// Housekeeping does not remove the file, regardless of its age.
     FM_FILE_KEPT = 4,
 };
 

@@ -1,6 +1,6 @@
 /// @defgroup manager File manager
-/// The block cache of one process. The application includes IFileManager.h, which includes the headers of
-/// files, blocks and nodes, and RtRuntime.h.
+/// The block cache of one process. The application includes RtRuntime.h and IFileManager.h;
+/// IFileManager.h includes the headers of files, blocks and nodes.
 ///
 /// A cached file has a 128-bit identifier and consists of blocks with 32-bit identifiers. The application
 /// writes a block in pieces as they arrive, and reads the block back from memory or from disk. On disk a
@@ -22,9 +22,9 @@
 ///   exits.
 /// - **Failed writes.** If a store fails (disk full, for example), the log has a line, the block stays
 ///   readable in memory, and each tick retries the store. A tick is a call of the manager's timer, every 60 s
-///   on the caller thread. Closing the file retries once more; then the block is lost. If a block table
-///   cannot be written, it stays pending: each tick and IFileManager::UnInitialize retry it until process
-///   end.
+///   on the caller thread. Closing the file retries it once more; if that fails, the block is lost. If a
+///   block table cannot be written, it stays pending: each tick and IFileManager::UnInitialize retry it. It
+///   is dropped at process end only.
 /// - **Changes by other programs.** If another program removes or truncates a data file, the next store and
 ///   the closing of the file notice it. The blocks stored before then count as lost on disk: while the file
 ///   is open, the next tick stores again those that are in memory. Reading another one fails with
@@ -64,6 +64,8 @@ public:
     /// Starts the manager: creates the directory, clears the cache if `clearDays` is 0, starts the
     /// read/write thread and the timer. If another process is clearing the same directory, the call waits
     /// up to 10 s for it and then continues. A second call before UnInitialize is a no-op.
+    ///
+    /// Call Initialize before the other operations, except Instance. Without it nothing is stored or loaded.
     /// @param dataDir the directory of the cache. Spaces at both ends are removed. On POSIX a backslash
     ///     separates like a slash. On Windows the path is in the process's ANSI code page. The first call in
     ///     a process fixes the directory: later calls ignore the argument. A relative path is resolved at
@@ -75,8 +77,10 @@ public:
     ///     user's application data folder; on POSIX `$XDG_CACHE_HOME` if absolute, else `.cache` in the
     ///     user's home directory. If these do not exist: get_quillmer_home_dir, else `/opt/quillmer`.
     /// @param clearDays how many days a server keeps a file. Housekeeping, on servers only, runs one minute
-    ///     after the start and then every 24 hours. It removes a file `clearDays` + 2 days after CreateFile
-    ///     created it, unless the file is open in any process or flagged #FM_FILE_KEPT.
+    ///     after the start and then every 24 hours. The first run that is at least `clearDays` + 2 days
+    ///     after the creation of a file removes the file, unless it is flagged #FM_FILE_KEPT. Each run also
+    ///     removes temporary files and files whose description is missing or damaged. No run removes a file
+    ///     that is open in any process.
     ///     0, on servers and clients: the cache is cleared now and in UnInitialize. A client removes its own
     ///     directory in `confcache` and those of processes that have ended. A server removes `sdstore` unless
     ///     another process uses it.
@@ -91,8 +95,9 @@ public:
     /// which), and the library has no file of the cache open. If the disk is slow, the call waits without a
     /// limit; after 0.5 s and then every 10 s the log says which files it waits for.
     ///
-    /// A sink may call UnInitialize. The caller thread still calls the sinks of reads that were in flight
-    /// after the call has returned; IFMBlock::CancelReadData prevents that. Before Initialize the call is a
+    /// References to files and blocks stay valid, as after DetachFile. If asynchronous reads are in flight,
+    /// their sinks are called after UnInitialize has returned, when the caller thread runs its next events;
+    /// IFMBlock::CancelReadData prevents that. A sink may call UnInitialize. Before Initialize the call is a
     /// no-op. Afterwards Initialize may be called again.
     virtual void UnInitialize() = 0;
 
@@ -154,9 +159,9 @@ public:
     virtual int AttachFile(const FMFileID& fileHandle) = 0;
 
     /// Subtracts 1 from the attach count. If the result is 0 or below, the file is closed; so one call closes
-    /// a file that was never attached. The call does not wait for the disk. A temporary file is removed from
-    /// disk by the read/write thread. Of any other file, a changed block table is written on the caller
-    /// thread by a later event, after the stores of its blocks have run.
+    /// a file that was never attached. The call does not wait for stores. If the file is temporary, the
+    /// read/write thread removes it from disk. Otherwise a later event on the caller thread writes the block
+    /// table if it has changed, after the stores of its blocks have run.
     ///
     /// References to a closed file or to its blocks stay valid, and the blocks that are in memory stay
     /// readable. Others can be loaded until UnInitialize, unless the file was temporary or another file has
