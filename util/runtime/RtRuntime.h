@@ -11,7 +11,9 @@
 /// - **The runtime starts the thread.** The application creates no CRtCallerThread. It passes each call of
 ///   the file manager, Initialize included, to RtRunOnCallerThread.
 /// - **A thread of the application without a loop.** The thread creates a CRtCallerThread and calls
-///   CRtCallerThread::Run.
+///   CRtCallerThread::Run. It may also call the file manager directly, before Run or instead of it. While the
+///   thread runs no events, no sink is called and no timer fires; IFileManager::UnInitialize still stores
+///   everything.
 /// - **A thread of the application with a main loop.** The thread creates a CRtCallerThread with a wake-up
 ///   callback. The callback makes the loop call CRtCallerThread::RunDue. The loop waits for at most
 ///   CRtCallerThread::GetNextDueMs, so that timers fire.

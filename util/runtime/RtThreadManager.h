@@ -53,11 +53,12 @@ private:
     friend class CRtProcessEnd;
 
     CRtThreadManager();
-    ~CRtThreadManager() = delete; // threads may ask for it until the last one has ended
+    ~CRtThreadManager() = delete; // threads may call Instance until the last one has ended
     int AdoptCallerThread(CRtThread*& thread);
     void ReleaseCallerThread(CRtThread* thread);
     void ForgetThread(CRtThread* thread);
-    /// Answers whether every thread has ended; one that has not still uses what it used.
+    /// Returns whether all threads have ended. A thread that has not may still use the objects registered for
+    /// clean-up.
     bool EndAllThreads();
     void RunCallerQueue(CRtThread& caller);
     bool EndCallerThread(CRtThread& caller);
