@@ -81,8 +81,8 @@ void AppendDescription(std::string& text, const Shown& shown, int64_t now) {
     add("user value    ", std::to_string(info.userValue));
     add("table         ", Count(info.num, "slot") + " from block " + std::to_string(info.blockBeg));
     add("blocks        ", std::to_string(shown.check.present) + " of " +
-                              std::to_string(shown.check.slots) + " up to the last, " +
-                              SizeText(true, shown.check.bytes));
+                              std::to_string(shown.check.slots) + " stored, " +
+                              SizeText(true, shown.check.bytes) + " in total");
 }
 
 // Slots without a block are summed up: there can be very many.
