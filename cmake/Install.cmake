@@ -75,16 +75,3 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/minimal ${PROJECT_SOURCE_DIR}/e
     PATTERN conference/CMakeLists.txt EXCLUDE)
 install(FILES ${PROJECT_SOURCE_DIR}/cmake/example_conference.cmake
     DESTINATION ${examples_dir}/conference RENAME CMakeLists.txt COMPONENT development)
-
-if(FILEMANAGER_BUILD_TOOLS)
-    set(completion ${PROJECT_SOURCE_DIR}/tools/fmcache/completion)
-    if(NOT FILEMANAGER_DEBIAN) # Package.cmake installs it compressed
-        install(FILES ${PROJECT_SOURCE_DIR}/docs/fmcache.1
-            DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools OPTIONAL)
-    endif()
-    install(FILES ${completion}/fmcache.bash
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
-        RENAME fmcache COMPONENT tools OPTIONAL)
-    install(FILES ${completion}/_fmcache
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT tools OPTIONAL)
-endif()

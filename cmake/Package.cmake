@@ -8,6 +8,7 @@ set(FILEMANAGER_MAINTAINER "The filemanager developers <maintainers@filemanager.
 find_program(GZIP_PROGRAM gzip REQUIRED)
 set(debian ${PROJECT_BINARY_DIR}/debian)
 string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC) # SOURCE_DATE_EPOCH replaces the time
+string(TIMESTAMP year "%Y" UTC)
 file(WRITE ${debian}/changelog.Debian "filemanager (${PROJECT_VERSION}-1) unstable; urgency=medium
 
   * Package version ${PROJECT_VERSION}; see CHANGELOG.md in libfilemanager-dev.
@@ -15,7 +16,7 @@ file(WRITE ${debian}/changelog.Debian "filemanager (${PROJECT_VERSION}-1) unstab
  -- ${FILEMANAGER_MAINTAINER}  ${date}
 ")
 file(WRITE ${debian}/copyright "Package: filemanager
-Copyright: the owner of the project
+Copyright: ${year} the owner of the project
 
 The owner of the project has not chosen a licence yet. Until then the owner reserves all rights.
 ")
@@ -27,10 +28,8 @@ function(filemanager_compress file result)
 endfunction()
 
 filemanager_compress(${debian}/changelog.Debian ${debian}/changelog.Debian.gz)
-if(EXISTS ${PROJECT_SOURCE_DIR}/docs/fmcache.1)
-    filemanager_compress(${PROJECT_SOURCE_DIR}/docs/fmcache.1 ${debian}/fmcache.1.gz)
-    install(FILES ${debian}/fmcache.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
-endif()
+filemanager_compress(${PROJECT_SOURCE_DIR}/docs/fmcache.1 ${debian}/fmcache.1.gz)
+install(FILES ${debian}/fmcache.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
 while(packages)
     list(POP_FRONT packages component package)
     install(FILES ${debian}/copyright ${debian}/changelog.Debian.gz
@@ -75,5 +74,6 @@ set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "${about}
 This package contains the headers, the CMake and pkg-config
 packages, documents and examples.")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "${about}
-This package contains fmcache, which lists, checks, fills and cleans such caches.")
+This package contains fmcache, which lists, checks, fills
+and cleans such caches.")
 include(CPack)
