@@ -89,8 +89,9 @@ def no_progress(demo, folder):
           f"not the last line:\n{text}")
 
 
-# Chromium runs it in a copy of the page: reports where things are and what colour they should have.
-PROBE = """<pre id="probe" hidden></pre><script>
+# Chromium runs it in a copy of the page: reports where things are and what colour they should have. Lines are hidden,
+# because their smooth edges can have the colour of an area.
+PROBE = """<style>.plot line { visibility: hidden; }</style><pre id="probe" hidden></pre><script>
 const box = e => { const r = e.getBoundingClientRect(); return [r.left, r.top, r.right, r.bottom]; };
 const colour = e => getComputedStyle(e).backgroundColor.match(/[0-9]+/g).slice(0, 3).map(Number);
 const all = (root, what) => [...root.querySelectorAll(what)];
