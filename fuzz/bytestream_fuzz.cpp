@@ -1,5 +1,5 @@
-// Message chains and the byte stream over them, by a program of reads, writes and changes to the chain,
-// against a model: per block of the chain the bytes that can be read, and how many can still be written.
+// Runs a program of reads, writes and changes of a message chain and its byte stream, and compares with a
+// model: for each block of the chain the readable bytes and the free space.
 #include "RtByteStream.h"
 
 #include <list>
@@ -47,7 +47,7 @@ private:
         (this->*steps[input.Below(std::size(steps))])(input);
     }
 
-    // What is large makes a program slow, and is seldom what matters.
+    // Large values make a program slow and seldom find more faults.
     static uint32_t SeldomLarge(Input& input, uint32_t usually, uint32_t limit) {
         return input.Below(input.Below(16) == 0 ? limit : usually);
     }
@@ -73,7 +73,7 @@ private:
             m_chain = std::move(block);
     }
 
-    // What is done to one duplicate does not show in another; the chain goes on as the second one.
+    // A change of one duplicate does not change another; the program continues with the second duplicate.
     void Duplicate(Input&) {
         const CRtMessageChain emptied = m_chain->DuplicateChained();
         m_chain = m_chain->DuplicateChained();
@@ -82,7 +82,7 @@ private:
         Require(emptied->GetChainedLength() == 0);
     }
 
-    // Of one block alone.
+    // Advances the read pointer of a single block.
     void StepPointer(Input& input) {
         size_t at = input.Below(static_cast<uint32_t>(m_parts.size()));
         const uint32_t step = input.Below(300);
@@ -95,7 +95,7 @@ private:
         part.readable.erase(0, fits ? step : 0);
     }
 
-    // The model's half of a write, into the space of the parts in order: all bytes or none.
+    // Model of a write: fills the free space of the parts in order, with all bytes or none.
     bool Put(std::string_view bytes) {
         if (bytes.size() > Space())
             return false;
@@ -108,7 +108,7 @@ private:
         return true;
     }
 
-    // The model's half of a read.
+    // Model of a read.
     bool Get(size_t length, std::string& bytes) {
         if (length > Readable().size())
             return false;
@@ -150,7 +150,7 @@ private:
         const bool there = Get(sizeof(T), bytes);
         Require(stream.IsGood() == there && value == (there ? Number<T>(bytes) : T{77}));
         char none = 0;
-        if (!there) // a stream that failed stays so
+        if (!there) // a failed stream stays failed
             Require(stream.Read(&none, input.Below(2)).GetReadResult() == RT_ERROR_OUT_OF_RANGE);
     }
 
@@ -162,8 +162,7 @@ private:
             return Require(stream.GetWriteResult() == RT_ERROR_IO);
         const std::string length{static_cast<char>(text.size() & 0xFF),
                                  static_cast<char>(text.size() >> 8)};
-        const bool fits =
-            Put(length) && Put(text); // a length that fits stays when its bytes do not
+        const bool fits = Put(length) && Put(text); // the length stays if the text fails
         Require((stream.GetWriteResult() == 0) == fits);
     }
 
@@ -200,7 +199,7 @@ private:
     }
 
     std::vector<Part> m_parts;
-    std::list<std::string> m_wrapped; // outlive the chain, and stay where they are
+    std::list<std::string> m_wrapped; // outlive the chain; their addresses do not change
     CRtMessageChain m_chain;
 };
 

@@ -1,5 +1,5 @@
-// Programs of interface calls, on clients and servers, against a small model of what every block and
-// every stored table must hold. What a sink does from inside its call comes from the same program.
+// Runs programs of interface calls, on clients and servers, and compares with a small model of every block and
+// every stored table. The calls that a sink makes from inside its own call come from the same program.
 #include <array>
 #include <list>
 #include <map>
@@ -34,9 +34,9 @@ private:
     const SDAddress m_address{};
 };
 
-// What a block must be.
+// The expected state of a block.
 struct Model {
-    // What the rules of writing answer, and what a piece that they take changes.
+    // Returns the expected result of a write, and applies an accepted piece.
     int Write(uint32_t blockLen, uint32_t pos, const std::string& piece, bool& changed) {
         const bool rewrite = pos != bytes.size();
         const uint32_t whole = rewrite || length == 0 ? blockLen : length;
@@ -53,8 +53,8 @@ struct Model {
     bool IsComplete() const { return length != 0 && bytes.size() == length; }
 
     uint32_t length = 0;
-    std::string bytes;   // what has been written, from the start
-    uint32_t writes = 0; // that were taken
+    std::string bytes;   // the bytes written so far
+    uint32_t writes = 0; // accepted writes
     bool isLeft = false; // its file was closed or displaced, or it was removed: reads may fail
     std::vector<ISDUser*> requests;
     std::vector<ISDUser*> owners;
@@ -65,7 +65,7 @@ struct Held {
     std::shared_ptr<Model> model = std::make_shared<Model>();
 };
 
-// What a table restores: nothing for a block that was not complete.
+// The blocks that a table restores; no bytes for a block that was not complete.
 using Stored = std::map<uint32_t, std::optional<std::string>>;
 
 struct File {
@@ -76,7 +76,7 @@ struct File {
     bool changed = false;
     std::map<uint32_t, Held> table;
     std::optional<Stored> disk;
-    bool diskIsVague = false; // a file that had changed was displaced before it was saved
+    bool isDiskUnknown = false; // a changed file was displaced before it was saved
 };
 
 void CheckWhole(const Held& held) {
@@ -86,7 +86,7 @@ void CheckWhole(const Held& held) {
     Require(there ? bytes == held.model->bytes : !held.model->IsComplete() || held.model->isLeft);
 }
 
-// Takes the first one out.
+// Removes the first occurrence.
 void Erase(std::vector<ISDUser*>& nodes, ISDUser* node) {
     if (const auto it = std::find(nodes.begin(), nodes.end(), node); it != nodes.end())
         nodes.erase(it);
@@ -98,7 +98,7 @@ public:
         for (uint32_t i = 0; i < FILES; ++i) {
             m_files[i].info.fileID = {i + 1, 0xF022, 0, {}};
             m_files[i].info.blockBeg = FIRST_BLOCK;
-            m_files[i].info.num = 8; // more is made when more is asked for
+            m_files[i].info.num = 8; // the table grows on request
         }
         for (auto& node : m_nodes)
             node = new Node;
@@ -107,7 +107,7 @@ public:
     void Run() {
         while (!m_input.IsOver() && m_calls < MOST_CALLS)
             Call();
-        m_calls = MOST_CALLS; // sinks that are called from here on call nothing
+        m_calls = MOST_CALLS; // sinks make no calls from here on
         fuzz::Cache::WaitUntilIdle();
         Require(std::ranges::all_of(m_waits, &Wait::IsOver));
         for (File& file : m_files) {
@@ -146,11 +146,11 @@ private:
     private:
         Program& m_program;
         const Held m_held;
-        const uint32_t m_writes = m_held.model->writes; // when it was asked
+        const uint32_t m_writes = m_held.model->writes; // at the time of the request
     };
 
-    // Everything of this run goes; a displaced file goes, and may be saved, when the manager stops, not
-    // earlier.
+    // Removes everything of this run. The manager releases a displaced file, and may save it, only when it
+    // stops.
     void End() {
         for (const Wait& wait : m_waits)
             Require(wait.calls == (wait.cancelled ? 0 : 1));
@@ -199,7 +199,7 @@ private:
 
     // --- The manager and its files --------------------------------------------------------------
 
-    // Seldom, for it takes as long as everything else.
+    // Rare, because a stop is slow.
     void Stop(File&) {
         if (const uint32_t kind = m_input.Below(16); kind < 2)
             Restart(static_cast<int>(kind));
@@ -214,7 +214,7 @@ private:
         m_cache.Start(isServer);
     }
 
-    // The tick collects memory, and on a server it looks for old files, of which there are none.
+    // The tick collects memory; on a server it also runs housekeeping, which finds no expired files.
     void MoveClock(File&) {
         constexpr uint64_t steps[] = {1'000, 60'001, 130'000, 250'000};
         m_cache.clock.ms += steps[m_input.Below(4)];
@@ -225,7 +225,7 @@ private:
 
     void Create(File& file) {
         m_displaced |= static_cast<bool>(file.file);
-        file.diskIsVague |= file.changed;
+        file.isDiskUnknown |= file.changed;
         Leave(file);
         file.info.flag = m_input.Below(8) == 0 ? uint32_t{FM_FILE_TEMPORARY} : 0;
         Require(m_cache.manager->CreateFile(file.file.Receive(), file.info) == 0);
@@ -242,12 +242,12 @@ private:
     bool Load(File& file) {
         const int result = m_cache.manager->OpenFile(file.file.Receive(), file.info.fileID, 1);
         Require(result == (file.file ? 0 : RT_ERROR_NOT_FOUND));
-        Require(file.diskIsVague || file.disk.has_value() == static_cast<bool>(file.file));
+        Require(file.isDiskUnknown || file.disk.has_value() == static_cast<bool>(file.file));
         if (file.file)
             Restore(file);
         else
             file.disk.reset();
-        file.diskIsVague = false;
+        file.isDiskUnknown = false;
         return static_cast<bool>(file.file);
     }
 
@@ -264,7 +264,7 @@ private:
             file.table[FIRST_BLOCK + slot] = held;
         }
         const Stored restored = Describe(file);
-        Require(file.diskIsVague || restored == *file.disk);
+        Require(file.isDiskUnknown || restored == *file.disk);
         file.disk = restored;
     }
 
@@ -282,7 +282,7 @@ private:
         if (temporary)
             file.disk.reset();
         if (file.changed || temporary)
-            file.diskIsVague = false;
+            file.isDiskUnknown = false;
         Leave(file);
     }
 
@@ -317,7 +317,7 @@ private:
         return value < 253 ? FIRST_BLOCK - 1 : FIRST_BLOCK + 64 + value;
     }
 
-    // A block of a file that is open then; one without a block when none is to be made.
+    // A block of the file, which is opened if necessary. Empty if the block is absent and not to be created.
     Held Block(File& file) {
         if (!file.file && !Load(file))
             Create(file);
@@ -353,7 +353,7 @@ private:
         file.changed = true;
     }
 
-    // Mostly the next piece; also from the start, from a wrong place, of a wrong length.
+    // Mostly the next piece; sometimes one from the start, from a wrong position or of a wrong length.
     void Write(File& file) {
         const Held held = Block(file);
         if (!held.block)

@@ -1,5 +1,5 @@
-// The two bodies of an information file, from any bytes: decoding takes no more memory than they
-// justify, and what was decoded whole encodes to the same bytes again.
+// Decodes arbitrary bytes as the two bodies of an information file: the memory is bounded by the input length,
+// and a body that was decoded completely encodes to the same bytes.
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -48,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     RtSetLogSink(nullptr, nullptr, RT_LOG_SILENT);
     std::string bytes(reinterpret_cast<const char*>(data), size);
     FileBody(bytes.data(), static_cast<uint32_t>(size));
-    // Tens of thousands of entries that are not there take long, and are no different from hundreds.
+    // Tens of thousands of missing entries are slow and find no more faults than hundreds.
     if (size > 2 && size % 32 != 0)
         bytes[1] = '\0';
     BlockBody(bytes.data(), static_cast<uint32_t>(size));

@@ -1,6 +1,6 @@
-// A cached file of any bytes, opened, read, changed, closed and opened again. The input is the
-// information file, the data file and, at its end, 32 bytes: where the one ends and the other begins, how
-// far the data file goes on as a hole, and what is done to the blocks.
+// Opens, reads, changes, closes and reopens a cached file of arbitrary bytes. The input is the information
+// file, the data file and a tail of 32 bytes, which selects the boundary between the two, the length of a hole
+// at the end of the data file, and the changes of blocks.
 #include <map>
 #include <optional>
 
@@ -13,12 +13,12 @@ using fuzz::Require;
 
 constexpr size_t TAIL = 32;
 constexpr FMFileID PATH_ID{0x10203040, 0x5060, 0x7080, {1, 2, 3, 4, 5, 6, 7, 8}};
-// Blocks that a hole makes large are not read: they are there, and take the memory that they say.
+// Larger blocks, which lie in a hole, are not read: their buffers would be as large as their entries claim.
 constexpr uint32_t LARGEST_READ = 1 << 16;
-// With a longer one a description can be saved but not loaded.
+// A description with a longer name can be saved but not loaded.
 constexpr size_t LONGEST_NAME = 2010;
 
-// What an information file says, by the page that describes it.
+// The content of an information file, decoded as its format page describes.
 struct Description {
     explicit Description(const std::string& bytes) {
         const auto number = [&bytes](size_t at) {
@@ -52,12 +52,12 @@ struct Description {
     bool isSound = false;
 };
 
-// What a block must contain.
+// The expected content of a block.
 struct Model {
     bool complete = false;
     std::string bytes;
     bool mayFail = false; // its entry overlaps another or ends beyond the data file
-    bool isHuge = false;  // a hole makes it so: it takes the memory that it says, and is not read
+    bool isHuge = false;  // larger than LARGEST_READ: not read
 };
 
 class Sink final : public IFMBlockSink {
@@ -93,8 +93,8 @@ public:
     }
 
 private:
-    // Thousands of slots, or of entries that are not there, take the time of dozens of inputs, and are no
-    // different from hundreds.
+    // Thousands of slots or of missing entries take as long as dozens of inputs and find no more faults than
+    // hundreds.
     void MakeTableSmall() {
         const auto clear = [this](size_t at, size_t count) {
             if (m_information.size() >= at + count)
@@ -127,7 +127,7 @@ private:
         fs::resize_file(m_stem.string() + ".sdd", m_dataLength);
     }
 
-    // Opening takes no more memory than the information file justifies.
+    // The memory for opening is bounded by the length of the information file.
     bool Open() {
         const fuzz::MemoryMeter meter;
         const int result = m_cache.manager->OpenFile(m_file.Receive(), PATH_ID, 1);
@@ -142,7 +142,7 @@ private:
         Require(m_cache.manager->DetachFile(m_file->GetFileInfo().fileID) == 0);
         m_file.Reset();
         fuzz::Cache::WaitUntilIdle();
-        m_models.erase(0); // cannot be told from an empty slot
+        m_models.erase(0); // a table cannot distinguish block 0 from an empty slot
     }
 
     void Expect(const Description& description) {
@@ -167,7 +167,7 @@ private:
             model.mayFail |= &other != &entry && other.totalLen > 0 && FMIsEntryPossible(other) &&
                              other.posInFile < end(entry) && entry.posInFile < end(other);
         if (static_cast<uint64_t>(end(entry)) > m_dataLength) {
-            model.mayFail = true; // without bytes: no answer is the right one
+            model.mayFail = true; // restored without data, or its read fails
             return model;
         }
         model.isHuge = entry.totalLen > LARGEST_READ;
@@ -215,11 +215,11 @@ private:
         const uint32_t value = m_tail.Byte();
         if (kind % 8 == 0)
             return;
-        if (kind % 8 == 1) { // what is stored and idle is released
+        if (kind % 8 == 1) { // releases blocks that are stored and idle
             m_cache.clock.ms += 300'000;
             return fuzz::Cache::WaitUntilIdle();
         }
-        if (kind % 8 == 2) // a new block, or one that is there
+        if (kind % 8 == 2) // a new or an existing block
             return Write(m_file->GetFileInfo().blockBeg + value, 1 + value * 9);
         if (m_models.empty())
             return;
@@ -239,7 +239,7 @@ private:
         m_models.erase(id);
     }
 
-    // In two pieces; now and then the second one never comes.
+    // Writes two pieces; sometimes omits the second one.
     void Write(uint32_t id, uint32_t length) {
         BlockRef block = Block(id, 1);
         Require(block || id < m_file->GetFileInfo().blockBeg);

@@ -1,5 +1,5 @@
-// What the fuzz targets share: the end of a run that found a fault, the input as numbers and bytes, a
-// cache of the process in memory where there is such a place, and a meter of live memory.
+// Support for the fuzz targets: the check that ends a run, the input as numbers and bytes, a cache on a memory
+// file system if there is one, and a meter of allocated memory.
 #pragma once
 
 #include <algorithm>
@@ -25,7 +25,7 @@ namespace fs = std::filesystem;
 using FileRef = CRtComAutoPtr<IFMFile>;
 using BlockRef = CRtComAutoPtr<IFMBlock>;
 
-// Of every sanitizer that watches the allocator, GCC's too, which does not install the header.
+// Part of every sanitizer that replaces the allocator. GCC has the functions but does not install their header.
 extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*taken)(const volatile void*,
                                                                        size_t),
                                                          void (*given)(const volatile void*));
@@ -35,22 +35,22 @@ namespace fuzz {
 
 inline fs::path g_dirToRemove;
 
-/// Ends the process when the library broke a promise. The line is the caller's.
+/// Ends the process if the condition is false, with the caller's file and line.
 inline void Require(bool kept, const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
     if (kept)
         return;
-    std::fprintf(stderr, "%s:%d: what must hold does not\n", file, line);
+    std::fprintf(stderr, "%s:%d: requirement violated\n", file, line);
     std::error_code ignored;
     fs::remove_all(g_dirToRemove, ignored);
     std::abort();
 }
 
-/// The input, read from the front. What is missing at its end reads as zeros.
+/// The input, read from the front. Past its end it yields zeros.
 class Input {
 public:
     Input(const uint8_t* data, size_t size) : m_rest(reinterpret_cast<const char*>(data), size) {}
 
-    /// The bytes from `begin` on, which outlive the input.
+    /// Starts at `begin`. Precondition: `bytes` outlives this object.
     Input(const std::string& bytes, size_t begin)
         : m_rest(std::string_view(bytes).substr(std::min(begin, bytes.size()))) {}
 
@@ -72,7 +72,7 @@ private:
     std::string_view m_rest;
 };
 
-/// The bytes of a whole block. False when it cannot be read.
+/// Reads all bytes of a block. False if it cannot be read.
 inline bool ReadWhole(IFMBlock& block, std::string& bytes) {
     CRtMessageChain view;
     if (block.ReadData(0, block.GetTotalLen(), RtReceive(view)) != 0)
@@ -81,7 +81,7 @@ inline bool ReadWhole(IFMBlock& block, std::string& bytes) {
     return true;
 }
 
-/// What all threads allocate while it lives. One at a time.
+/// Measures the allocations of all threads during its lifetime. Only one meter may exist at a time.
 class MemoryMeter {
 public:
     MemoryMeter() {
@@ -117,7 +117,8 @@ public:
     std::atomic<uint64_t> ms{1'000'000};
 };
 
-/// The one cache of the process; the fuzzing thread is number 3. Time stands still unless it is moved.
+/// The cache of the process. The fuzzing thread is the caller thread. The clock advances only if a target sets
+/// it.
 class Cache {
 public:
     static Cache& Instance() {
@@ -141,7 +142,7 @@ public:
 
     void Start(int isServer) { manager->Initialize(CRtString(dir.string()), 7, isServer); }
     static void WaitUntilIdle() { Require(FMWaitUntilIdle() == 0); }
-    /// The path of an identifier's files without their extensions.
+    /// The path of the two files of an identifier, without extension.
     fs::path Stem(const FMFileID& id) const { return m_store / FMFileIDToString(id).c_str(); }
     static void RemoveFiles(const fs::path& stem) {
         fs::remove(stem.string() + ".sdi");
@@ -154,8 +155,7 @@ public:
     IFileManager* const manager = IFileManager::Instance();
 
 private:
-    // In memory where the system has a place for that and the caller names no other: the disk is not
-    // what is looked at.
+    // Uses /dev/shm unless TMPDIR is set: the targets do not test the disk.
     static fs::path MakeDir() {
         const fs::path memory = "/dev/shm";
         std::error_code none;

@@ -1,4 +1,4 @@
-// Blocks: writing, rewriting, both reads, sinks that do as they please, and what lies on disk.
+// Blocks: writes, rewrites, synchronous and asynchronous reads, reentrant sinks, and the data file.
 #include <gtest/gtest.h>
 
 #include "support.h"
@@ -10,7 +10,7 @@ size_t MemoryInUse() { return CFileManager::Instance()->GetMemoryInUse(); }
 
 } // namespace
 
-TEST(Block, TakesItsPiecesInOrderAndNothingElse) {
+TEST(Block, AcceptsPiecesInOrderOnly) {
     TestClock clock;
     LogCapture log;
     Cache cache;
@@ -41,19 +41,19 @@ TEST(Block, TakesItsPiecesInOrderAndNothingElse) {
     EXPECT_EQ(ReadFile(cache.Path(file->GetFileInfo().fileID, ".sdd")), bytes);
 }
 
-TEST(Block, ARewriteGivesTheOldBytesBackAtOnceAndKeepsViewsOfThem) {
+TEST(Block, RewriteReleasesTheOldBufferAtOnceAndLeavesViewsOfItIntact) {
     LogCapture log;
     Cache cache;
     const FileRef file = cache.Create();
     const BlockRef block = Cache::Block(*file, 1);
     const BlockRef second = Cache::Block(*file, 2);
     {
-        std::atomic<bool> go{false}; // what is posted until then stays queued
+        std::atomic<bool> go{false}; // events posted before this is set stay queued
         CFileManager::Instance()->PostToReadwrThread(new TestEvent([&go] { go.wait(false); }), 0);
         Write(*block, Pattern(1, 1000));
         CRtMessageChain owned;
         EXPECT_EQ(block->ReadData(0, 1000, RtReceive(owned)), 0);
-        // Its own bytes, rotated: the chain that comes in ends with the rewrite.
+        // The chain is a view of the block's own bytes, which the rewrite releases.
         const std::string rotated = Pattern(1, 1000).substr(10) + Pattern(1, 10);
         EXPECT_EQ(block->WriteData(1000, 0, block->GetData()), 0);
         EXPECT_EQ(Read(*block), Pattern(1, 1000));
@@ -62,10 +62,10 @@ TEST(Block, ARewriteGivesTheOldBytesBackAtOnceAndKeepsViewsOfThem) {
         EXPECT_EQ(Read(*block), rotated);
         EXPECT_EQ(MemoryInUse(), 1000U);
         Write(*second, Pattern(2, 77));
-        Write(*block, Pattern(3, 50)); // another length: a new place, behind the second
+        Write(*block, Pattern(3, 50)); // another length: a new range, behind the second block
         go = true;
         go.notify_one();
-        Cache::RunReadwrQueue(); // when everything before has run
+        Cache::RunReadwrQueue(); // after all earlier events
     }
     FMWaitUntilIdle();
     EXPECT_EQ(log.Count("CFMBlock::WriteData, rewrite data! m_position=1000,m_totalLen=1000,"
@@ -77,7 +77,7 @@ TEST(Block, ARewriteGivesTheOldBytesBackAtOnceAndKeepsViewsOfThem) {
     EXPECT_EQ(log.Count("CDiskFile::WriteData, filename="), 2U) << "withdrawn stores ran";
 }
 
-TEST(Block, LoadsOnceForAllWhoWaitAndTellsThemInOrder) {
+TEST(Block, OneLoadServesAllWaitingSinksInOrder) {
     TestClock clock;
     LogCapture log;
     Cache cache(0);
@@ -111,17 +111,17 @@ TEST(Block, LoadsOnceForAllWhoWaitAndTellsThemInOrder) {
     EXPECT_EQ(order, (std::vector<int>{1, 2}));
     EXPECT_TRUE(c.results.empty());
     EXPECT_EQ(log.Count("CDiskFile::ReaddData, filename="), 1U);
-    EXPECT_EQ(block->ReadData(&c), 0); // in memory: at once
+    EXPECT_EQ(block->ReadData(&c), 0); // resident: completes at once
     EXPECT_EQ(c.results, std::vector<int>{0});
-    // The load was no access: the bytes go with the next collection.
+    // A load does not count as an access: the next collection releases the bytes.
     EXPECT_FALSE(block->FreeMemory());
     EXPECT_EQ(Read(*block), Pattern(5, 5000));
     EXPECT_TRUE(block->FreeMemory());
     EXPECT_FALSE(release());
 }
 
-// A load that is on its way when the block is written anew must not bring the old bytes back.
-TEST(Block, ALoadOfFormerBytesIsNotTakenForTheNewOnes) {
+// A rewrite makes a load in flight stale.
+TEST(Block, StaleLoadDoesNotReplaceRewrittenBytes) {
     TestClock clock;
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache;
@@ -145,7 +145,7 @@ TEST(Block, ALoadOfFormerBytesIsNotTakenForTheNewOnes) {
     }
 }
 
-TEST(Block, AReadThatCannotBeServedSaysSo) {
+TEST(Block, ReadOfAnEmptyBlockFailsAndADisplacedFileLeavesTheDataFileAlone) {
     LogCapture log;
     Cache cache;
     FileRef file = cache.Create();
@@ -157,11 +157,11 @@ TEST(Block, AReadThatCannotBeServedSaysSo) {
     EXPECT_EQ(log.Count("util/filemanager/fmblock:"), 1U);
     EXPECT_EQ(log.Count(" Assert failed: IsComplete()"), 1U);
 
-    // A file of the same identifier made anew takes the data file over.
+    // A new file with the same identifier takes the data file over.
     Write(*block, Pattern(1, 100));
-    const FileRef anew = cache.Create(file->GetFileInfo());
+    const FileRef successor = cache.Create(file->GetFileInfo());
     Write(*block, Pattern(2, 100));
-    Write(*Cache::Block(*anew, 1), Pattern(3, 100));
+    Write(*Cache::Block(*successor, 1), Pattern(3, 100));
     FMWaitUntilIdle();
     EXPECT_EQ(Read(*block), Pattern(2, 100));
     EXPECT_EQ(ReadFile(cache.Path(file->GetFileInfo().fileID, ".sdd")), Pattern(3, 100));

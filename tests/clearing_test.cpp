@@ -1,4 +1,4 @@
-// Clearing the cache and housekeeping: what goes, what stays, and what is never touched.
+// Clearing the cache and housekeeping: which files are removed, and which are kept.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -10,7 +10,7 @@
 
 namespace {
 
-// A cached file of an earlier run.
+// Creates a cached file of an earlier run.
 FMFileID Leave(const Cache& cache, int64_t createTime, uint32_t flag = 0) {
     const FMFileInfo info = Description(1, flag);
     WriteFile(cache.Path(info.fileID, ".sdi"), InfoFile(info, std::string(2, '\0'), createTime));
@@ -20,7 +20,7 @@ FMFileID Leave(const Cache& cache, int64_t createTime, uint32_t flag = 0) {
 
 } // namespace
 
-TEST(Clearing, OfAClientLeavesOnlyDirectoriesOfRunningProcesses) {
+TEST(Clearing, ClientKeepsOnlyDirectoriesOfRunningProcesses) {
     LogCapture quiet(RT_LOG_SILENT);
     IdleProcess other;
     IdleProcess ended;
@@ -53,17 +53,17 @@ TEST(Clearing, OfAClientLeavesOnlyDirectoriesOfRunningProcesses) {
     Write(*Cache::Block(*file, 1), "bytes");
     cache.Close(file);
     other.End();
-    cache.Stop(); // what was still waiting to be written does not come back either
+    cache.Stop(); // a pending table is not written after the clearing
     EXPECT_FALSE(fs::exists(root));
     FMWaitUntilIdle();
     EXPECT_FALSE(fs::exists(root));
 }
 
-TEST(Clearing, OfAServerIsConfinedToItsStore) {
+TEST(Clearing, ServerClearsNothingOutsideItsStore) {
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache(1, 0);
     cache.Stop();
-    WriteFile(cache.dir.path / "12" / "of somebody else", "x");
+    WriteFile(cache.dir.path / "12" / "foreign file", "x");
     WriteFile(cache.dir.path / "loose", "x");
     WriteFile(cache.dir.path / "sdstore" / "left" / "over", "x");
     cache.Start();
@@ -73,19 +73,19 @@ TEST(Clearing, OfAServerIsConfinedToItsStore) {
     EXPECT_EQ(CountFiles(cache.dir.path), 2U);
 }
 
-// The paths of a process are fixed by its first run: as a client it must not take a server's root for
-// a cache of its own.
-TEST(Clearing, OfAClientAfterAServerLeavesTheServersRootAlone) {
+// The first run fixes the paths of the process. A later run as client must not clear the server's root, which
+// may contain other files.
+TEST(Clearing, ClientRunAfterAServerRunKeepsTheServersRoot) {
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache(1, 7);
     cache.Stop();
-    WriteFile(cache.dir.path / "12" / "of somebody else", "x");
+    WriteFile(cache.dir.path / "12" / "foreign file", "x");
     cache.manager->Initialize(CRtString(cache.dir.path.string()), 0, 0);
     cache.Stop();
     EXPECT_EQ(CountFiles(cache.dir.path), 1U);
 }
 
-TEST(HouseKeeping, TakesWhatIsExpiredTemporaryOrUnreadable) {
+TEST(HouseKeeping, RemovesExpiredTemporaryAndUnreadableFiles) {
     TestClock clock;
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache(1, 7);
@@ -126,7 +126,7 @@ TEST(HouseKeeping, TakesWhatIsExpiredTemporaryOrUnreadable) {
     EXPECT_TRUE(fs::exists(cache.Path(made->GetFileInfo().fileID, ".sdd")));
     EXPECT_TRUE(fs::exists(store / ".sdd") && fs::exists(store / "directory.sdd"));
     EXPECT_FALSE(fs::exists(store / "no identifier.sdd"));
-    // A clock that is set back by a year, and forward again: each is a run, and nothing new goes.
+    // The clock is set back by a year and forward again: each change starts a run, which removes nothing new.
     for (const int64_t jump : {-365 * day, 365 * day}) {
         clock.seconds += jump;
         WriteFile(store / "witness.sdd", "");
@@ -136,7 +136,7 @@ TEST(HouseKeeping, TakesWhatIsExpiredTemporaryOrUnreadable) {
     }
 }
 
-TEST(HouseKeeping, OverThousandsOfFilesHoldsNobodyUpAndTakesNoOpenFile) {
+TEST(HouseKeeping, RunOverThousandsOfFilesDoesNotBlockCallersOrRemoveOpenFiles) {
     TestClock clock;
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache(1, 0);
@@ -156,7 +156,7 @@ TEST(HouseKeeping, OverThousandsOfFilesHoldsNobodyUpAndTakesNoOpenFile) {
     clock.Advance(60'000);
     cache.thread.RunDue();
     std::mt19937 random(3);
-    std::set<std::string> taken; // what the caller opened in time and has not closed
+    std::set<std::string> opened; // expired, but opened in time and not closed
     int64_t longest = 0;
     while (CFileManager::Instance()->IsHouseKeepingPosted()) {
         const FMFileID& id = expired[random() % expired.size()];
@@ -167,9 +167,9 @@ TEST(HouseKeeping, OverThousandsOfFilesHoldsNobodyUpAndTakesNoOpenFile) {
             const std::string stem = FMFileIDToString(id).c_str();
             if (random() % 2 == 0) {
                 cache.Close(file);
-                taken.erase(stem);
+                opened.erase(stem);
             } else {
-                taken.insert(stem);
+                opened.insert(stem);
             }
         }
         const auto took = std::chrono::steady_clock::now() - start;
@@ -182,7 +182,7 @@ TEST(HouseKeeping, OverThousandsOfFilesHoldsNobodyUpAndTakesNoOpenFile) {
         EXPECT_TRUE(fs::exists(cache.Path(file->GetFileInfo().fileID, ".sdd")));
     for (const FMFileID& id : fresh)
         EXPECT_TRUE(fs::exists(cache.Path(id, ".sdd")) && fs::exists(cache.Path(id, ".sdi")));
-    for (const std::string& stem : taken)
+    for (const std::string& stem : opened)
         EXPECT_TRUE(fs::exists(cache.dir.path / "sdstore" / (stem + ".sdd")));
     open.clear();
     cache.Stop();

@@ -1,5 +1,5 @@
-// The choice of the default root among drives that are made up, on every system: the linker puts these
-// functions in the place of the os layer's.
+// The choice of the default root among simulated drives, on every system: the linker replaces the functions of
+// RtOs.h by those of this file.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -12,7 +12,7 @@ namespace {
 
 struct Drive {
     uint32_t kind;
-    uint64_t available; // UNKNOWN: the system does not tell
+    uint64_t available; // UNKNOWN: the system call fails
 };
 constexpr uint64_t UNKNOWN = UINT64_MAX;
 constexpr uint32_t FIXED = RtOs::DRIVE_KIND_FIXED;
@@ -20,9 +20,9 @@ constexpr uint32_t NETWORK = 4;
 
 struct Case {
     const char* name;
-    std::string list;          // each entry ended by a NUL
+    std::string list;          // each entry terminated by a NUL
     std::vector<Drive> drives; // from P on
-    std::string chosen;        // empty: the user's own folder
+    std::string chosen;        // empty: the folder of the user's application data
     std::string warning = "";
     uint32_t lengthAnswered = static_cast<uint32_t>(list.size());
 };
@@ -53,7 +53,7 @@ bool FreeBytes(const char* root, uint64_t& available) {
 
 } // namespace
 
-// By the mangled names of the os layer's functions; those of the last differ with the type of uint64_t.
+// The mangled names of the functions in RtOs.h; the last one has two, because the type of uint64_t differs.
 extern "C" {
 uint32_t __wrap__ZN4RtOs15GetDriveStringsEjPc(uint32_t size, char* buffer) {
     const std::string& list = g_now->list;
@@ -75,11 +75,11 @@ class Drives : public testing::TestWithParam<Case> {};
 
 TEST_P(Drives, DefaultRoot) {
     g_now = &GetParam();
-    const TempDir dir; // where drives have no letters the root is a directory below
+    const TempDir dir; // POSIX has no drive letters: each root is a directory below this one
     fs::current_path(dir.path);
     SetVariable("XDG_CACHE_HOME", dir.path.string());
     LogCapture log;
-    const CRtCallerThread three;
+    const CRtCallerThread callerThread;
     IFileManager::Instance()->Initialize("", 7, 1);
     IFileManager::Instance()->UnInitialize();
     const CRtString dataDir = CFileManager::Instance()->GetDataDir();

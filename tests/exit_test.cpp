@@ -1,4 +1,4 @@
-// Stores that are queued when the manager stops and the process ends, in every arrangement of thread 3.
+// Stores that are pending when the manager stops and the process ends, for each kind of caller thread.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -11,7 +11,7 @@ namespace {
 constexpr uint32_t BLOCKS = 1000;
 constexpr char SHARED_DIR[] = "FILEMANAGER_TEST_DIR";
 
-// The child of a death test may run its test from the beginning: it works in its parent's directory.
+// The child of a death test may run the test from the start: it uses the directory of its parent.
 struct SharedDir {
     SharedDir() { SetVariable(SHARED_DIR, dir.path.string()); }
     const TempDir dir = std::getenv(SHARED_DIR) ? TempDir(std::getenv(SHARED_DIR)) : TempDir();
@@ -19,7 +19,7 @@ struct SharedDir {
 
 std::string Content(uint32_t id) { return Pattern(id, 3000 + id); }
 
-// Leaves BLOCKS stores queued behind each other.
+// Queues BLOCKS stores.
 FMFileID Fill(const TempDir& dir) {
     IFileManager* manager = IFileManager::Instance();
     manager->Initialize(CRtString(dir.path.string()), 7, 1);
@@ -69,42 +69,42 @@ struct Ending {
 
 void FromMain(const TempDir& dir) {
     {
-        CRtCallerThread three;
+        CRtCallerThread callerThread;
         FillDetachAndUnInitialize(dir);
     }
-    std::exit(0); // as a return from main does
+    std::exit(0); // like a return from main
 }
 
-void OnAnOwnThreadThree(const TempDir& dir) {
-    CRtCallerThread three; // never given back
+void OnACallerThreadOfTheProgram(const TempDir& dir) {
+    CRtCallerThread callerThread; // its destructor never runs
     RtRunOnCallerThread([&] { FillUnInitializeAndExit(dir); }, false);
-    three.Run();
+    callerThread.Run();
 }
 
-void FromMainWhileTheRuntimeRunsThreadThree(const TempDir& dir) {
+void FromMainWithACallerThreadOfTheRuntime(const TempDir& dir) {
     RtRunOnCallerThread([&] { FillDetachAndUnInitialize(dir); }, false);
     std::exit(0);
 }
 
-void OnTheRuntimesThreadThree(const TempDir& dir) {
+void OnTheCallerThreadOfTheRuntime(const TempDir& dir) {
     RtRunOnCallerThread([&] { FillUnInitializeAndExit(dir); }, true);
     std::this_thread::sleep_for(std::chrono::hours(1));
 }
 
-// Closed information still waits in thread 3's queue when the process ends.
+// The table of a closed file is pending in the caller thread's queue when the process ends.
 void WithoutUnInitialize(const TempDir& dir) {
-    const CRtCallerThread three; // never given back
+    const CRtCallerThread callerThread; // its destructor never runs
     IFileManager::Instance()->DetachFile(Fill(dir));
     std::exit(0);
 }
 
-// While the process ends: the read/write thread is gone by then.
-void WithASinkThatAsksAgain(const TempDir& dir) {
-    // Lives until the end, which is after the program's own static objects.
+// The sink runs at process end, after the read/write thread has ended.
+void WithASinkThatReadsAgain(const TempDir& dir) {
+    // Never destroyed: the sink is called after the destructors of the program's static objects.
     static CountingSink* const sink = new CountingSink;
     static IFMBlock* block = nullptr;
     sink->then = [](IFMBlock* asked, int) { asked->ReadData(sink); };
-    const CRtCallerThread three;
+    const CRtCallerThread callerThread;
     IFileManager* manager = IFileManager::Instance();
     manager->DetachFile(Fill(dir));
     IFMFile* file = nullptr;
@@ -116,18 +116,18 @@ void WithASinkThatAsksAgain(const TempDir& dir) {
 
 constexpr Ending ENDINGS[] = {
     {"FromMain", FromMain},
-    {"OnAnOwnThreadThree", OnAnOwnThreadThree},
-    {"FromMainWhileTheRuntimeRunsThreadThree", FromMainWhileTheRuntimeRunsThreadThree},
-    {"OnTheRuntimesThreadThree", OnTheRuntimesThreadThree},
+    {"OnACallerThreadOfTheProgram", OnACallerThreadOfTheProgram},
+    {"FromMainWithACallerThreadOfTheRuntime", FromMainWithACallerThreadOfTheRuntime},
+    {"OnTheCallerThreadOfTheRuntime", OnTheCallerThreadOfTheRuntime},
     {"WithoutUnInitialize", WithoutUnInitialize},
-    {"WithASinkThatAsksAgain", WithASinkThatAsksAgain},
+    {"WithASinkThatReadsAgain", WithASinkThatReadsAgain},
 };
 
 class Exit : public testing::TestWithParam<Ending> {};
 
 } // namespace
 
-TEST_P(Exit, LeavesAllOnDisk) {
+TEST_P(Exit, StoresAllPendingBlocks) {
     const SharedDir shared;
     EXPECT_EXIT(GetParam().end(shared.dir), testing::ExitedWithCode(0), "");
     ExpectAllThere(shared.dir);

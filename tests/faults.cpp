@@ -23,9 +23,8 @@ namespace {
 
 using namespace faults;
 
-constexpr int TERMINATED =
-    SIGUSR1; // a signal ends a child at once, whatever a sanitizer does at exits
-constexpr unsigned PATIENCE_SECONDS = 40;
+constexpr int TERMINATED = SIGUSR1; // a signal skips the exit handlers of sanitizers
+constexpr unsigned TIMEOUT_SECONDS = 40;
 
 struct State {
     char root[512];
@@ -33,7 +32,7 @@ struct State {
     std::atomic<Action> action;
     std::atomic<uint32_t> matched;
     std::atomic<uint32_t> hits;
-    const char* firstHit; // children have the same image
+    const char* firstHit; // valid in the parent too: forked children have the same image
 };
 
 State& Shared() {
@@ -42,7 +41,7 @@ State& Shared() {
     return *static_cast<State*>(memory);
 }
 
-std::array<std::atomic<bool>, 65536> g_ours; // by file descriptor
+std::array<std::atomic<bool>, 65536> g_ours; // indexed by file descriptor
 
 bool IsOurs(const char* path) {
     const State& state = Shared();
@@ -57,7 +56,7 @@ bool IsOurs(DIR* walk) { return IsOurs(::dirfd(walk)); }
         ::kill(::getpid(), signal);
 }
 
-// Counts an operation and answers what the plan has for it.
+// Counts an operation and returns its planned action.
 Action Next(uint32_t kind, const char* call) {
     State& state = Shared();
     const Action action = state.action.load();
@@ -68,11 +67,11 @@ Action Next(uint32_t kind, const char* call) {
         return NOTHING;
     if (state.hits++ == 0)
         state.firstHit = call;
-    // As on a disk that has just filled up.
+    // After a half write the calls fail, as on a full disk.
     return action == HALF && number > state.plan.nth ? FAIL : action;
 }
 
-// `whole` and `half` make the call.
+// `whole` and `half` call the real function with all or half of the bytes.
 template <class Result, class Whole, class Half>
 Result Operate(uint32_t kind, const char* call, Result failed, Whole whole, Half half) {
     const Action action = kind == NONE ? NOTHING : Next(kind, call);
@@ -98,17 +97,17 @@ int Opened(int fd, bool ours) {
 
 } // namespace
 
-// --- What the linker puts in the place of the system's calls ------------------------------------
+// --- Replacements of the system calls, inserted by the linker -----------------------------------
 
 #define REAL(result, name, ...)                                                                    \
     extern "C" result __real_##name(__VA_ARGS__);                                                  \
     extern "C" result __wrap_##name(__VA_ARGS__);                                                  \
     extern "C" result __wrap_##name(__VA_ARGS__)
-// One that moves no bytes has no half.
+// A call that transfers no bytes: its half is the whole.
 #define CALL(result, failed, kind, object, name, ...)                                              \
     const auto call = [&] { return __real_##name(__VA_ARGS__); };                                  \
     return Operate<result>(IsOurs(object) ? kind : NONE, #name, failed, call, call)
-// Whatever a close answers, the descriptor is gone.
+// A close releases the descriptor even if it fails.
 #define CLOSE_CALL(name, object)                                                                   \
     const uint32_t kind = IsOurs(object) ? CLOSE : NONE;                                           \
     const auto done = [result = __real_##name(object)] { return result; };                         \
@@ -123,7 +122,7 @@ REAL(int, open64, const char* path, int flags, ...) {
     const bool ours = IsOurs(path);
     return Opened(Operate(ours ? OPEN : NONE, "open", -1, call, call), ours);
 }
-// The library opens directories with it, and makes nothing.
+// The library opens only directories with openat.
 REAL(int, openat64, int parent, const char* path, int flags, ...) {
     const auto call = [&] { return __real_openat64(parent, path, flags); };
     const bool ours = parent == AT_FDCWD ? IsOurs(path) : IsOurs(parent);
@@ -135,7 +134,7 @@ REAL(ssize_t, pwrite64, int fd, const void* bytes, size_t length, off64_t at) {
         [&] { return __real_pwrite64(fd, bytes, length, at); },
         [&] { return __real_pwrite64(fd, bytes, length / 2, at); });
 }
-// Half the bytes here are half the pieces.
+// For a half write: half of the pieces.
 REAL(ssize_t, pwritev64, int fd, const iovec* pieces, int count, off64_t at) {
     return Operate<ssize_t>(
         IsOurs(fd) ? WRITE : NONE, "pwritev", -1,
@@ -176,7 +175,7 @@ REAL(int, mkdir, const char* path, mode_t mode) {
 }
 REAL(int, rmdir, const char* path) { CALL(int, -1, REMOVE_DIR, path, rmdir, path); }
 
-// The other forms of new and delete come down to these, but for over-aligned types.
+// The other forms of new and delete call these, except those for over-aligned types.
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
     const auto call = [size] { return std::malloc(size == 0 ? 1 : size); };
     return Operate<void*>(ALLOCATE, "new", nullptr, call, call);
@@ -214,10 +213,10 @@ std::string InChild(const std::function<void()>& body, uint32_t killAfterUs) {
     std::cout.flush();
     const pid_t child = ::fork();
     if (child == 0) {
-        ::alarm(PATIENCE_SECONDS);
+        ::alarm(TIMEOUT_SECONDS);
         std::set_terminate([] { Die(TERMINATED); });
-        [&body]() noexcept { body(); }();               // nobody is to catch what it throws
-        std::exit(testing::Test::HasFailure() ? 1 : 0); // looks for leaks where a sanitizer does
+        [&body]() noexcept { body(); }();               // an exception reaches std::terminate
+        std::exit(testing::Test::HasFailure() ? 1 : 0); // exit runs the leak check of a sanitizer
     }
     if (killAfterUs > 0) {
         std::this_thread::sleep_for(std::chrono::microseconds(killAfterUs));
@@ -226,7 +225,7 @@ std::string InChild(const std::function<void()>& body, uint32_t killAfterUs) {
     int status = 0;
     if (child < 0 || ::waitpid(child, &status, 0) != child)
         return "no child";
-    Lift(); // what it had planned was for itself
+    Lift(); // the plan was for the child only
     if (const int signal = WTERMSIG(status); WIFSIGNALED(status))
         return signal == SIGKILL      ? "killed"
                : signal == TERMINATED ? "terminated"

@@ -1,7 +1,7 @@
-// Faults, and children to have them in. The system calls that the library's POSIX source makes on
-// paths below one directory are counted, and one of them, or all from one on, can fail, move half of
-// its bytes, take long, or be the last thing that the process does. Allocations can fail in the same
-// way. What is counted and planned lies in memory shared with forked children.
+// Fault injection into forked child processes. Counts the system calls that the library's POSIX source makes on
+// paths below one directory. The n-th call, or all calls from it on, can fail, transfer half of the bytes,
+// stall, or kill the process. Allocations can fail in the same way. The plan and the counters are in memory
+// that is shared with the children.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +21,7 @@ enum Kind : uint32_t {
     REMOVE = 32,
     MAKE_DIR = 64,
     REMOVE_DIR = 128,
-    LOOK = 256, // at an entry's kind and length, at what a directory holds, at who else is there
+    LOOK = 256, // calls that change nothing on disk: openat, readdir, flock, lseek, stat
     ALLOCATE = 512,
     ANY_OPERATION = 511,
 };
@@ -31,25 +31,26 @@ enum Action : int { NOTHING, FAIL, HALF, STALL, KILL_BEFORE, KILL_HALFWAY, KILL_
 struct Plan {
     Action action = NOTHING;
     uint32_t kinds = ANY_OPERATION;
-    uint32_t nth = 1; // counted from 1 among those of `kinds`
+    uint32_t nth = 1; // counted from 1, calls of `kinds` only
     bool forever = false;
-    int error = 0;        // of FAIL, and of what follows HALF
-    uint32_t stallMs = 0; // of STALL
+    int error = 0;        // errno of FAIL, and of the calls after HALF
+    uint32_t stallMs = 0; // duration of STALL
 };
 
-// Counts from 0 and carries out the plan from now on.
+// Resets the counters and starts the plan.
 void Begin(const std::filesystem::path& root, const Plan& plan);
-// The fault has passed; counting goes on.
+// Ends the fault; counting continues.
 void Lift();
 uint32_t Hits();
-// Operations do what they should: no fault has come yet, it has passed, or it only takes its time.
+// True if every operation succeeds: no fault has been injected yet, it has been lifted, or it is a stall.
 bool Calm();
-// The call of the first hit, for messages.
+// The name of the first call with a fault, for messages.
 const char* FirstHit();
 
-// Runs in a process of its own, killed after a time unless that is 0, and answers how it ended: "done",
-// "killed", "terminated" (by std::terminate), "exit 1" after a failed expectation, or what else happened.
-// To be called before anything has failed or started a thread: a sanitizer could not follow.
+// Runs `body` in a forked process, which is killed after `killAfterUs` microseconds unless that is 0. Returns
+// how the process ended: "done", "killed", "terminated" (by std::terminate), "exit 1" after a failed
+// expectation, or a description. Call it before any thread has been started: sanitizers do not support fork
+// after that.
 std::string InChild(const std::function<void()>& body, uint32_t killAfterUs = 0);
 
 } // namespace faults

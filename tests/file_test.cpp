@@ -4,7 +4,7 @@
 #include "support.h"
 #include "util/filemanager/filemanager.h"
 
-TEST(Registry, CountsUsesAndClosesAtTheLast) {
+TEST(Registry, LastDetachClosesTheFile) {
     LogCapture log;
     Cache cache;
     FileRef file;
@@ -43,7 +43,7 @@ TEST(Registry, CountsUsesAndClosesAtTheLast) {
     EXPECT_EQ(inside.RemoveBlock(id, 1, block.Receive()), 0);
 }
 
-TEST(File, GrowsItsTableAsBlocksAreAskedFor) {
+TEST(File, TableGrowsWhenABlockIsRequested) {
     LogCapture log;
     Cache cache;
     FMFileInfo info = Description(100);
@@ -80,13 +80,13 @@ TEST(File, GrowsItsTableAsBlocksAreAskedFor) {
     EXPECT_EQ(file->RemoveBlock(101, block), 0);
     EXPECT_EQ(block, nullptr);
 
-    info = Description(UINT32_MAX - 1); // the identifiers end before the table does
+    info = Description(UINT32_MAX - 1); // the identifiers would overflow within the table
     file = cache.Create(info);
     EXPECT_EQ(get(UINT32_MAX, 1), 0);
     EXPECT_EQ(get(0, 1), RT_ERROR_INVALID_ARG);
 }
 
-TEST(DiskFile, MakesReadsExtendsAndRemoves) {
+TEST(DiskFile, CreatesReadsExtendsAndRemovesItsFile) {
     LogCapture log;
     const Cache cache;
     const fs::path path = cache.dir.path / "a file";
@@ -100,7 +100,7 @@ TEST(DiskFile, MakesReadsExtendsAndRemoves) {
     EXPECT_EQ(file->WriteData("late", 6, 4, 1), 0);
     EXPECT_EQ(ReadFile(path), std::string(6, '\0') + "late");
     EXPECT_EQ(file->ReaddData(bytes, 7, 4), RT_ERROR_IO);
-    EXPECT_EQ(file->WriteData("x", 0, 1, 1), 0); // opened afresh, contents kept
+    EXPECT_EQ(file->WriteData("x", 0, 1, 1), 0); // opened again, contents kept
     EXPECT_EQ(log.Count("CDiskFile::Open, filename="), 3U);
     EXPECT_EQ(file->ReaddData(bytes, 6, 4), 0);
     EXPECT_STREQ(bytes, "late");
@@ -118,7 +118,7 @@ TEST(DiskFile, MakesReadsExtendsAndRemoves) {
     EXPECT_EQ(file->RemoveMee(), RT_ERROR_IO);
     EXPECT_EQ(file->WriteData("x", 0, 1, 1), RT_ERROR_IO);
 
-    EXPECT_EQ(log.Count(" Failed. "), 2U + 1 + 1 + 2); // of fread, fseek, unlink and fopen
+    EXPECT_EQ(log.Count(" Failed. "), 2U + 1 + 1 + 2); // fread, fseek, unlink and fopen
 
     const CRtComAutoPtr<CDiskFile> nameless(new CDiskFile(""));
     EXPECT_EQ(nameless->Open("", 1), RT_ERROR_INVALID_ARG);
@@ -126,8 +126,8 @@ TEST(DiskFile, MakesReadsExtendsAndRemoves) {
     EXPECT_EQ(nameless->RemoveMee(), 0);
 }
 
-// More open files than the process may have streams, and the rest of the process takes nearly all.
-TEST(Streams, RunOutForNobody) {
+// More open files than the limit of streams, most of which the rest of the process uses.
+TEST(Streams, MoreOpenFilesThanStreamsWork) {
     LogCapture log(RT_LOG_WARNING);
     ASSERT_TRUE(LimitStreams(64));
     TestClock clock;

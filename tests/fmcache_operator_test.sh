@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# What the tool does for those who look after a cache, on stores that were made with put and damaged.
+# The verbs for operators of a cache, on stores that put has created and that are then damaged.
 # usage: fmcache_operator_test.sh FMCACHE BUILD_DIR
 set -euo pipefail
 
@@ -17,17 +17,17 @@ run() { # STATUS ARGS...: standard output in stdout
     [ "$status" -eq "$1" ] || fail "status $status instead of $1: ${*:2} ($(cat stdout stderr))"
 }
 says() { grep -qE -- "$1" stdout || fail "no '$1' in: $(cat stdout)"; }
-fails() { # STATUS PATTERN ARGS...: one line of that kind and no output
+fails() { # STATUS PATTERN ARGS...: one matching line on standard error, no output
     run "$1" "${@:3}"
     [ "$(wc -l <stdout).$(wc -l <stderr)" = 0.1 ] || fail "no single error line: ${*:3}"
     grep -qE -- "^fmcache: .*$2" stderr || fail "no '$2' in: $(cat stderr)"
 }
-json() { # STATUS EXPRESSION ARGS...: the output is JSON, and the expression of it, named j, is true
+json() { # STATUS EXPRESSION ARGS...: the output is JSON, and EXPRESSION is true for it, named j
     run "$1" "${@:3}" --json
     python3 -Sc "import json,sys; j=json.load(sys.stdin); sys.exit(not ($2))" <stdout || fail "not so: $2 ($(cat stdout))"
 }
 
-# Files are called by one letter, so that the places in their information files are the same.
+# File names have one letter, so that offsets in all information files are equal.
 put() { "$fmcache" put --dir cache odd --name "$1" --block 4096 "${@:2}"; }
 poke() { printf '%b' "$3" | dd of="cache/sdstore/$1.sdi" bs=1 seek="$2" conv=notrunc status=none; }
 u32() { printf '\\x%02x\\x%02x\\x%02x\\x%02x' $(($1 & 255)) $(($1 >> 8 & 255)) $(($1 >> 16 & 255)) $(($1 >> 24 & 255)); }
@@ -40,12 +40,12 @@ head -c 20000 /dev/urandom >odd # five blocks
 sound=$(put s) old=$(put o) grace=$(put g) kept=$(put k) temporary=$(put t)
 age "$old" 9; age "$grace" 8; age "$kept" 99; poke "$kept" $FLAG '\x04'; poke "$temporary" $FLAG '\x01'
 strange=$(put $'a\e[31m\xffb\n"\xe2\x80\xae')
-if [ -n "${FILEMANAGER_EMULATED:-}" ]; then # what passes an emulator's command line is text
+if [ -n "${FILEMANAGER_EMULATED:-}" ]; then # an emulator's command line passes text only
     rm "cache/sdstore/$strange".* && strange=$(put 'abcdefghijklm')
     poke "$strange" 30 'a\x1b[31m\xffb\x0a"\xe2\x80\xae'
 fi
 
-# --- a sound store
+# --- an undamaged store
 run 0 verify --dir cache && says '^6 files verified, 6 sound, 0 damaged$'
 ! grep -q fault stdout || fail "a fault in: $(cat stdout)"
 run 0 verify --store cache/sdstore "$sound" && says '^1 file verified, 1 sound'
@@ -68,14 +68,14 @@ run 0 show --dir cache "$wide" && says '^ +1  #{74}$' && says '1 cell: 6 blocks'
 [ "$(wc -L <stdout)" -le 80 ] || fail "wider than 80 columns"
 if [ -z "${FILEMANAGER_EMULATED:-}" ] && script -qec true /dev/null >/dev/null 2>&1; then
     on_terminal() { script -qec "$fmcache show --dir cache $sound" /dev/null </dev/null; }
-    # Not in a pipe: a grep that has found it stops reading, which kills the writer.
+    # Not in a pipe: grep -q exits at the first match, and SIGPIPE kills the writer.
     NO_COLOR='' on_terminal >stdout
     grep -q $'\e\[32m#####\e\[0m' stdout || fail "no colour"
     NO_COLOR=1 on_terminal >stdout
     grep -q '  #####' stdout || fail "colour"
 fi
 
-# --- damage, one kind for each file
+# --- one kind of damage for each file
 cut=$(put c) over=$(put v) hole=$(put h) far=$(put f) outside=$(put u) twice=$(put d) lost=$(put l)
 early=$(put e) bad=$(put b) other=$(put x) data=$(put n) table=$(put z)
 truncate -s 17000 "cache/sdstore/$cut.sdd"
@@ -97,7 +97,7 @@ for line in "block 5 ends at byte 20000, the data file at 17000; loaded, but can
     "is not an information file, or is damaged; not loaded; housekeeping" "the description is that of .*; a load by this name" \
     "block 1 ends at byte 4096, and there is no data file" "damaged or missing block table; not loaded$" \
     "the name is not an identifier" "^notes.txt$" '^20 files verified, 8 sound, 12 damaged, 1 other'; do says "$line"; done
-run 0 verify --dir cache "$hole" # a block without data is no damage
+run 0 verify --dir cache "$hole" # a block without data is not damaged
 damaged="$cut $over $far $outside $twice $lost $early $bad $other $data $table"
 for id in $damaged; do run 1 verify --dir cache "$id" && run 0 show --dir cache "$id"; done
 json 1 "{f['id'] for f in j['files'] if any(g['fault'] for g in f['findings'])} == {'stray', *'$damaged'.split()}" verify --dir cache
@@ -109,7 +109,7 @@ says "^$bad .*next run: unreadable +\(the information file is not"
 json 0 "j['others'][0]['name'] == 'notes.txt'" ls --dir cache
 run 0 housekeep --dir cache --days 7 --dry-run && says '^5 of 20 files would be removed'
 [ "$(listing)" = "$before" ] || fail "looking has changed the cache"
-# --- a copy that cannot be written to, seen by another user
+# --- a read-only copy, used by another user
 cp -a cache copy && cp "$fmcache" tool && chmod -R a+rX-w copy && chmod a+rx . tool
 as=()
 [ "$(id -u)" -ne 0 ] || as=(setpriv --reuid=65534 --regid=65534 --clear-groups)
@@ -140,7 +140,7 @@ rm cache/sdstore/notes.txt
 json 0 "j['removed'] == 13 and j['files'] == 26" clear --dir cache
 [ -z "$(find cache -name '*.sd?')" ] || fail "clear has left something"
 
-# --- nothing there, and mistakes
+# --- missing caches and wrong arguments
 mkdir -p none copy/confcache && mv copy/sdstore copy/confcache/4711
 for verb in ls clear; do fails 1 'no cache in' $verb --dir none; done
 for verb in show rm; do fails 1 'no cache in' $verb --dir none "$sound"; done

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The man page and the completions have exactly the verbs and options of the tool's help, and the bash
-# completion finds identifiers.
+# The man page and the completions list exactly the verbs and options of the tool's help. The bash completion
+# completes identifiers.
 # usage: fmcache_pages_test.sh FMCACHE BUILD_DIR
 set -euo pipefail
 
@@ -16,7 +16,7 @@ fail() { echo "FAILED: $*" >&2; exit 1; }
 same() { diff -u "$1" <(sort "$2") || fail "$2: not the options of the help"; }
 options() { "$fmcache" "$@" --help | grep -oE '^ +-[-a-z,]+' | tr -d ' ' | tr ',' '\n'; }
 
-# One line "VERB OPTION" each: the options of a verb, and those that all verbs share.
+# Prints one line "VERB OPTION" for each option of a verb and each common option.
 mapfile -t verbs < <("$fmcache" --help | tr -d '\r' | sed -n '/^Subcommands:/,$s/^  \([a-z]*\)  .*/\1/p')
 mapfile -t shared < <(options)
 for verb in "${verbs[@]}"; do
@@ -26,7 +26,7 @@ done
 sort own.unsorted >own
 sort own.unsorted all.unsorted >all
 
-# The synopsis has the short form alone of -o, --output; the list of options has both.
+# Of -o, --output the synopsis has only the short form; the list of options has both.
 awk '/^\.Sh/ { on = /SYNOPSIS/ } /^\.Nm/ { verb = "" } on && /^\.Cm/ { verb = $2 }
     on && verb { for (i = 1; i < NF; i++) if ($i == "Fl" || $i == ".Fl") print verb, "-" $(i + 1) }' "$page" >man_page
 echo "get --output" >>man_page
@@ -35,7 +35,7 @@ cut -d' ' -f2 all | sort -u | while read -r option; do
     grep -qE -- "^\.It .*\bFl ${option#-}( |$)" "$page" || fail "$option is not in the list of the man page"
 done
 
-# For zsh, the text before the description of each option.
+# In the zsh completion, the text before the description of each option.
 awk '/^    case \$words/ { on = 1 } on && /^        [a-z]+\)$/ { verb = substr($1, 1, length($1) - 1) }
     on && verb && /\[/ { sub(/\[.*/, ""); gsub(/\([^)]*\)|[^-a-z]/, " "); for (i = 1; i <= NF; i++) print verb, $i }' \
     "$zsh" >zsh_completion

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# The tool with real files, each verb in a process of its own.
+# The tool with real files: each verb runs in a separate process.
 # usage: fmcache_test.sh FMCACHE BUILD_DIR
 set -euo pipefail
 
 fmcache=$(realpath "${1:?usage: $0 FMCACHE BUILD_DIR}")
 build=$(realpath "${2:?usage: $0 FMCACHE BUILD_DIR}")
 work=$(mktemp -d "$build/fmcache_test.XXXXXX")
-# An emulator takes no signals, limits or devices of this system's, and says many things in other words.
+# An emulator does not support the signals, limits and devices of the host, and many error texts differ.
 emulated=${FILEMANAGER_EMULATED:-}
 mounted=
 cleanup() {
@@ -19,7 +19,7 @@ cd "$work"
 
 fail() { echo "FAILED: $*" >&2; exit 1; }
 
-# fails STATUS PATTERN ARGS...: that status, nothing on standard output, one line that matches.
+# fails STATUS PATTERN ARGS...: expects the status, no standard output, and one matching line on standard error.
 fails() {
     local wanted=$1 pattern=$2 status=0
     shift 2
@@ -31,7 +31,7 @@ fails() {
     grep -qE -- "$pattern" stderr || fail "no '$pattern' in: $(cat stderr)"
 }
 
-# put ARGS...: the identifier in $id, and not a word more.
+# put ARGS...: expects exactly the identifier on standard output; stores it in $id.
 put() {
     id=$("$fmcache" put --dir cache "$@" 2>stderr) || fail "put $* ($(cat stderr))"
     [[ $id =~ ^\{[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}\}$ ]] || fail "no identifier: '$id'"
@@ -45,7 +45,7 @@ roundtrip() {
 }
 
 entries() { find "$1" -name '*.sd?' | wc -l; }
-# Neither a result nor what it was made of.
+# Expects neither an output file nor a temporary one.
 no_output() { [ -z "$(find . -name '*.part' -o -name out)" ] || fail "half-written output: $1"; }
 within() { # SECONDS COMMAND...: waits until it succeeds
     local end=$((SECONDS + $1))
@@ -53,7 +53,7 @@ within() { # SECONDS COMMAND...: waits until it succeeds
     until "$@" >/dev/null 2>&1; do [ "$SECONDS" -lt "$end" ] || fail "never: $*"; done
 }
 
-# --- files come back as they were
+# --- files are read back unchanged
 : >empty
 printf x >one
 head -c $((4 * 262144)) /dev/urandom >exact
@@ -81,7 +81,7 @@ else
 fi
 rm -f large back cache/sdstore/"$id".*
 
-# --- what put refuses
+# --- inputs that put refuses
 before=$(entries cache)
 truncate -s 1073741825 giant
 fails 1 "no such file: 'absent'" put --dir cache absent
@@ -103,7 +103,7 @@ mkdir closed && chmod 500 closed
 [ "$(id -u)" -eq 0 ] || fails 1 'cannot create the directory' put --dir closed odd
 [ "$(entries cache)" -eq "$before" ] || fail "a refused put has left something"
 
-# --- what get refuses, without a trace
+# --- inputs that get refuses without leaving a file
 put odd
 tree=$(ls -AR cache)
 fails 1 'no cache in' get --dir nowhere "$id" -o out
@@ -117,7 +117,7 @@ fails 1 'No such file' get --dir cache "$id" -o nowhere/out
 [ "$(cat one)" = x ] || fail "a refused get has changed its output"
 [ "$(ls -AR cache)" = "$tree" ] || fail "a refused get has changed the cache"
 
-# --- damage. A block table begins behind 8 bytes, the 38 + 3 of the description and its own 6.
+# --- damage. The first table entry is at offset 8 + 38 + 3 + 6: header, description, name, table header.
 info=cache/sdstore/$id.sdi
 cp "$info" good
 { head -c 49 good; printf '\x46'; head -c 71 good | tail -c +51; head -c 4 /dev/zero; tail -c +88 good; } >"$info"
@@ -133,7 +133,7 @@ truncate -s -1 "cache/sdstore/$id.sdd"
 fails 1 'ends before the end of block 5' get --dir cache "$id" -o out
 no_output damage
 
-# --- no room
+# --- no space
 put odd
 before=$(entries cache)
 [ "$emulated" ] || (ulimit -f 1000; fails 1 'cannot store .*limits' put --dir cache odd)
@@ -151,7 +151,7 @@ fi
 no_output 'no room'
 [ -z "$emulated" ] || { echo "all is well, signals left out"; exit 0; }
 
-# --- stopped by the user
+# --- interrupted by the user
 truncate -s 200M slow
 "$fmcache" put --dir stopped slow --block 64K --piece 16 >stdout 2>stderr &
 within 20 compgen -G 'stopped/sdstore/*.sdd'

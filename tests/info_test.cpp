@@ -1,5 +1,4 @@
-// The information file: what a table and a description become on disk, and what is made of files that
-// are damaged, foreign or out of date.
+// The information file: the encoding of table and description, and loading damaged, foreign or stale files.
 #include <gtest/gtest.h>
 
 #include "support.h"
@@ -16,7 +15,7 @@ std::string BlockBody(const std::vector<FMBlockEntry>& slots) {
 
 } // namespace
 
-TEST(Info, HoldsTheTableAndOnlyWhatIsTrue) {
+TEST(Info, TableNamesOnlyBytesInTheDataFile) {
     TestClock clock;
     LogCapture log;
     Cache cache;
@@ -39,9 +38,9 @@ TEST(Info, HoldsTheTableAndOnlyWhatIsTrue) {
     const std::string onDisk = ReadFile(cache.Path(info.fileID, ".sdi"));
     EXPECT_EQ(onDisk, InfoFile(info, BlockBody({{}, {1, 11, 10}, {2, 0, 0}, {3, 13, 21}})));
     EXPECT_EQ(log.Count("block 0 cannot be saved"), 1U);
-    EXPECT_EQ(cache.manager->Initialize("", 0, 1), 0); // a second call changes nothing
+    EXPECT_EQ(cache.manager->Initialize("", 0, 1), 0); // a second call is a no-op
 
-    // Bytes that an earlier, longer version left behind are ignored, also after another save.
+    // Bytes of an earlier, longer version are ignored, also after another save.
     WriteFile(cache.Path(info.fileID, ".sdi"), onDisk + "left behind");
     file = cache.Open(info.fileID);
     ASSERT_TRUE(file);
@@ -50,17 +49,17 @@ TEST(Info, HoldsTheTableAndOnlyWhatIsTrue) {
     EXPECT_EQ(file->RemoveBlock(3, removed.Receive()), 0);
     Write(*Cache::Block(*file, 2), "later");
     cache.Close(file);
-    file = cache.Open(info.fileID); // at once: as it will be written
+    file = cache.Open(info.fileID); // at once, before the table is written
     ASSERT_TRUE(file);
     EXPECT_EQ(Read(*Cache::Block(*file, 2, 0)), "later");
     EXPECT_FALSE(Cache::Block(*file, 3, 0));
     EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), Pattern(1, 11));
     FMWaitUntilIdle();
-    // Behind the furthest block that was restored.
+    // A new block is placed behind the furthest restored one.
     EXPECT_EQ(ReadFile(cache.Path(info.fileID, ".sdd")).substr(34), "later");
 }
 
-TEST(Info, HostileNumbersAreSkippedRefusedOrFailWhenRead) {
+TEST(Info, ImpossibleNumbersAreSkippedRefusedOrFailWhenRead) {
     LogCapture log;
     Cache cache;
     FMFileInfo info = Description();
@@ -75,31 +74,34 @@ TEST(Info, HostileNumbersAreSkippedRefusedOrFailWhenRead) {
     FileRef file = open(BlockBody({{1, 100, 0},
                                    {2, 100, -1},
                                    {3, 0xFFFFFFFF, INT64_MAX},
-                                   {4, 0xFFFFFFF0, 0},
-                                   {5, 0x3FFFF000, 901},
+                                   {4, 0x3FFFF000, 901},
+                                   {5, 0xFFFFFFF0, 0x40000000},
                                    {6, 1, FM_INFO_OFFSET_MAX},
-                                   {4000, 10, 0}}));
+                                   {4000, 10, 100}}));
     ASSERT_TRUE(file);
     EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), Pattern(0, 1000).substr(0, 100));
     for (const uint32_t impossible : {2U, 3U, 6U})
         EXPECT_EQ(Cache::Block(*file, impossible, 0)->GetTotalLen(), 0U);
     EXPECT_EQ(Read(*Cache::Block(*file, 4, 0)), "error 10001");
     EXPECT_EQ(Read(*Cache::Block(*file, 5, 0)), "error 10001");
-    EXPECT_EQ(log.Count("CDiskFile::ReaddData. fread Failed."), 0U); // no memory was made for them
+    EXPECT_EQ(log.Count("CDiskFile::ReaddData. fread Failed."), 0U); // no buffer was allocated
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, impossible place, blockID="), 3U);
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, block beyond the data file, blockID="), 2U);
 
-    // Places that belong to nobody, or to two, are not written to.
+    // At most one of two overlapping entries is valid: both blocks are restored without data, and no range that
+    // an entry names is overwritten.
     file = open(BlockBody({{1, 400, 0}, {2, 0, 300}, {3, 400, 200}, {4, 100, 700}}));
     ASSERT_TRUE(file);
+    for (const uint32_t overlapping : {1U, 3U})
+        EXPECT_EQ(Cache::Block(*file, overlapping, 0)->GetTotalLen(), 0U);
     for (const uint32_t id : {2U, 3U})
         Write(*Cache::Block(*file, id), Pattern(id, 400));
     FMWaitUntilIdle();
     EXPECT_EQ(ReadFile(cache.Path(info.fileID, ".sdd")).substr(0, 800),
               Pattern(0, 1000).substr(0, 800));
-    EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, blocks overlap, blockID="), 3U + 2);
+    EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, blocks overlap, blockID="), 2U);
 
-    // Entries that are missing are empty slots; one that is cut names no bytes.
+    // Missing entries are empty slots; a truncated entry names no bytes.
     std::string cut = BlockBody({{1, 100, 0}, {2, 100, 100}});
     cut[0] = 9;
     file = open(cut.substr(0, cut.size() - 3));
@@ -115,7 +117,7 @@ TEST(Info, HostileNumbersAreSkippedRefusedOrFailWhenRead) {
     info.num = FM_TABLE_SLOTS_MAX;
     file = open(BlockBody({}));
     ASSERT_TRUE(file);
-    EXPECT_EQ(file->GetBlocks().size(), 8192U); // no more than the file gives reason for
+    EXPECT_EQ(file->GetBlocks().size(), 8192U); // bounded by the length of the file
     info.name = CRtString(std::string(2011, 'n'));
     EXPECT_FALSE(open(BlockBody({})));
     WriteFile(cache.Path(info.fileID, ".sdi"), "JFSD and so on and so on");
@@ -127,7 +129,7 @@ TEST(Info, HostileNumbersAreSkippedRefusedOrFailWhenRead) {
     EXPECT_FALSE(fs::exists(cache.Path(unknown.fileID, ".sdi")));
 }
 
-TEST(Info, TablesAndNamesAtTheEndOfTheFormat) {
+TEST(Info, TablesAndNamesAtTheLimitsOfTheFormat) {
     LogCapture log(RT_LOG_WARNING);
     Cache cache;
     FileRef file = cache.Create();
@@ -177,7 +179,7 @@ TEST(Info, TwoObjectsNeverShareAPath) {
     EXPECT_EQ(ReadFile(cache.Path(id, ".sdd")), Pattern(1, 100) + Pattern(2, 100));
 }
 
-TEST(Info, ATemporaryFileLeavesNothingBehind) {
+TEST(Info, ClosingATemporaryFileRemovesItsFiles) {
     LogCapture log;
     Cache cache;
     FileRef file = cache.Create(1, FM_FILE_TEMPORARY);
@@ -185,7 +187,7 @@ TEST(Info, ATemporaryFileLeavesNothingBehind) {
     const BlockRef block = Cache::Block(*file, 1);
     Write(*block, "bytes");
     cache.Close(file);
-    EXPECT_FALSE(cache.Open(id)); // at once: the removal comes first
+    EXPECT_FALSE(cache.Open(id)); // the queued removal runs first
     EXPECT_FALSE(fs::exists(cache.Path(id, ".sdd")) || fs::exists(cache.Path(id, ".sdi")));
     EXPECT_EQ(log.Count("CFMFile::ClerDiskFile_m, fileID="), 1U);
     file = cache.Create(1, FM_FILE_TEMPORARY);
@@ -197,7 +199,7 @@ TEST(Info, ATemporaryFileLeavesNothingBehind) {
     cache.Start();
 }
 
-TEST(Info, AnotherIdentifierInsideThanOutside) {
+TEST(Info, FileIsRegisteredUnderItsStoredIdentifierNotThatOfItsPath) {
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache;
     FMFileInfo inside = Description();
@@ -212,7 +214,7 @@ TEST(Info, AnotherIdentifierInsideThanOutside) {
     EXPECT_FALSE(cache.Open(outside, 0));
     EXPECT_EQ(Read(*Cache::Block(*cache.Open(outside), 1, 0)), "abc");
 
-    // It displaces an open file of that identifier, which has a path of its own and loses nothing.
+    // The load displaces an open file with the stored identifier, which has another path and keeps its data.
     cache.Stop();
     cache.Start();
     Write(*Cache::Block(*cache.Create(inside), 1), "displaced");

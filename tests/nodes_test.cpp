@@ -1,4 +1,4 @@
-// Requests of other nodes, and the nodes that own a block.
+// Requests of other nodes for a block, and the nodes that own it.
 #include <gtest/gtest.h>
 
 #include <set>
@@ -40,7 +40,7 @@ std::vector<std::unique_ptr<Node>> Nodes(uint32_t count, bool p2p, bool isPublic
     return nodes;
 }
 
-// Who was named, by the number that is the node's identifier and its host.
+// The owners that GetOwners returns, by the number that is a node's identifier and host.
 std::multiset<uint32_t> Owners(IFMBlock& block, ISDUser& requester, uint16_t capacity) {
     std::vector<SDDataAddressItem> items(capacity);
     EXPECT_EQ(block.GetOwners({&requester, 2}, &capacity, items.data()), 0);
@@ -56,7 +56,7 @@ std::multiset<uint32_t> Owners(IFMBlock& block, ISDUser& requester, uint16_t cap
 
 } // namespace
 
-TEST(Requests, LiveUntilTheyAreCancelled) {
+TEST(Requests, KeepTheirNodeAliveUntilCancelled) {
     const auto nodes = Nodes(2, true, true, 1);
     LogCapture log;
     for (const int isServer : {0, 1}) {
@@ -100,7 +100,7 @@ TEST(Requests, AreAnsweredByKindPriorityAndOwners) {
         EXPECT_EQ(block->GetRetrieveType({p2p[0].get(), 2}), FM_RETRIEVE_PEERS);
         EXPECT_EQ(block->GetRetrieveType({p2p[0].get(), 1}), FM_RETRIEVE_HERE);
         EXPECT_EQ(block->GetRetrieveType({p2p[0].get(), 0x80000000}), FM_RETRIEVE_HERE);
-        // The count of peers wraps as 16 bits: one more removal than additions is 65535 peers.
+        // The count of peers has 16 bits and wraps: one more removal than additions gives 65535.
         block->SetOwner(p2p[0].get(), 0);
         EXPECT_EQ(block->GetRetrieveType({p2p[0].get(), 2}), FM_RETRIEVE_HERE);
         block->SetOwner(p2p[0].get(), 0);
@@ -118,7 +118,7 @@ TEST(Requests, AreAnsweredByKindPriorityAndOwners) {
     EXPECT_EQ(count, 0);
 }
 
-TEST(Owners, OfAServerArePublicOrBehindAnAddress) {
+TEST(Owners, ServerListsPublicOwnersAndGroupsOthersByAddress) {
     const auto publics = Nodes(130, true, true, 7);
     const auto ten = Nodes(34, true, false, 10);
     const auto five = Nodes(2, false, false, 5);
@@ -135,9 +135,9 @@ TEST(Owners, OfAServerArePublicOrBehindAnAddress) {
     EXPECT_EQ(ten[32]->references, 0);
     const ISDUser* owner = block->GetOwner(); // the lowest address
     EXPECT_TRUE(owner == five[0].get() || owner == five[1].get());
-    EXPECT_EQ(Owners(*block, *five[0], 3).size(), 0U); // no peer among them
+    EXPECT_EQ(Owners(*block, *five[0], 3).size(), 0U); // none of them is a peer
     EXPECT_EQ(Owners(*block, *ten[0], 50).size(), 32U);
-    EXPECT_EQ(Owners(*block, *publics[0], 50).size(), 0U); // a public one never gets the groups
+    EXPECT_EQ(Owners(*block, *publics[0], 50).size(), 0U); // a public requester gets no groups
 
     own(publics, 1);
     EXPECT_EQ(log.Count(",pubs=128,nets=2,owner="), 1U);
@@ -146,7 +146,7 @@ TEST(Owners, OfAServerArePublicOrBehindAnAddress) {
     std::multiset<uint32_t> seen;
     for (int i = 0; i < 400; ++i)
         seen.merge(Owners(*block, *publics[0], 1));
-    EXPECT_GT(std::set<uint32_t>(seen.begin(), seen.end()).size(), 60U); // starts anywhere
+    EXPECT_GT(std::set<uint32_t>(seen.begin(), seen.end()).size(), 60U); // starts at a random owner
     const auto all = Owners(*block, *publics[0], 200);
     EXPECT_EQ(all.size(), 128U);
     EXPECT_EQ(std::set<uint32_t>(all.begin(), all.end()).size(), 128U);
@@ -156,7 +156,7 @@ TEST(Owners, OfAServerArePublicOrBehindAnAddress) {
 
     own(publics, 0);
     own(five, 0);
-    own(five, 0); // no such group: no line
+    own(five, 0); // a missing group logs nothing
     EXPECT_EQ(log.Count(" net noown,IP=5 :"), 2U);
     EXPECT_TRUE(block->HasOwner());
     own(ten, 0);

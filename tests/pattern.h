@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-/// Bytes that tell where they belong.
+/// Bytes that depend on the seed and the position.
 inline std::string Pattern(uint32_t seed, size_t length) {
     std::string bytes(length, '\0');
     uint32_t state = seed * 2654435761u + 1;

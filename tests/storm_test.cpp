@@ -1,5 +1,5 @@
-// Callbacks and references under way when everything around them is cancelled, released, closed and
-// stopped: every sink is called once or was cancelled, and nothing outlives its last reference.
+// Random calls that cancel, release, close and stop while callbacks and references are pending: every sink is
+// called once or was cancelled, and no object outlives its last reference.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -84,7 +84,7 @@ private:
         Sink& sink = *m_sinks[Pick(SINKS)];
         if (sink.waiting)
             return;
-        if (!sink.block || Pick(2) == 0) // else one of before, perhaps of a closed file
+        if (!sink.block || Pick(2) == 0) // else the previous block, possibly of a closed file
             sink.block = SomeBlock();
         sink.waiting = true; // it may be called before the call returns
         const BlockRef block = sink.block;
@@ -101,7 +101,7 @@ private:
     }
 
     void WriteOne() {
-        // Now and then one that two threads read.
+        // Sometimes a block that two threads read.
         const std::string bytes(Pick(100) == 0 ? 150'000 : 1 + Pick(900), 'x');
         Write(*SomeBlock(), bytes.substr(0, bytes.size() - Pick(2)), 300);
     }
@@ -119,14 +119,14 @@ private:
 
     void Look() { Read(*SomeBlock()); }
 
-    // Not from inside a sink: the thread is running its queue then.
+    // Not from inside a sink, where the thread already runs its queue.
     void Pump() {
         if (m_depth == 0)
             m_cache.thread.RunDue();
     }
 
     void Rarely() {
-        m_clock.Advance(300'000); // idle blocks lose their memory at the next tick
+        m_clock.Advance(300'000); // the next tick releases idle blocks
         if (Pick(20) != 0)
             return;
         m_cache.Stop();
@@ -138,7 +138,7 @@ private:
 
     void FromSink(Sink& sink) {
         if (Pick(3) == 0)
-            sink.block.Reset(); // perhaps the last reference but that of the call
+            sink.block.Reset(); // possibly the last reference except that of the call
         if (m_ending || m_depth >= 3)
             return;
         ++m_depth;
@@ -158,11 +158,11 @@ private:
 
 } // namespace
 
-TEST(Storm, EverySinkIsCalledOrCancelledAndNothingIsLeft) {
+TEST(Storm, EverySinkIsCalledOnceOrCancelledAndEveryObjectIsReleased) {
     TestClock clock;
     LogCapture quiet(RT_LOG_SILENT);
     {
-        Cache first; // from which on the system has what it keeps
+        Cache first; // afterwards the objects that live as long as the process exist
         Write(*Cache::Block(*first.Create(), 1), "bytes");
         FMWaitUntilIdle();
     }

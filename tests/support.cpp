@@ -1,5 +1,7 @@
 #include "support.h"
 
+#include "util/filemanager/filemanager.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -26,7 +28,7 @@ fs::path MakeTempDir() {
 
 TempDir::TempDir() : path(MakeTempDir()) {}
 TempDir::~TempDir() {
-    std::error_code ignored; // a test may have made something that cannot be removed
+    std::error_code ignored; // a test may have created files that cannot be removed
     if (m_mine)
         fs::remove_all(path, ignored);
 }

@@ -1,5 +1,5 @@
-// What the tests share: a cache directory of their own, the hand-cranked thread 3 and clock, the log,
-// blocks with bytes that tell where they belong, and a count of live memory.
+// Test support: a temporary cache directory, a caller thread and a clock that the test controls, log capture,
+// and block contents that identify their block.
 #pragma once
 
 #include <atomic>
@@ -43,7 +43,7 @@ public:
     std::atomic<int64_t> seconds{1'700'000'000};
 };
 
-// Every line while it lives; the text of the level wanted costs nothing otherwise.
+// Captures all log lines during its lifetime. Lines of disabled levels are not composed.
 class LogCapture {
 public:
     explicit LogCapture(int level = RT_LOG_TRACE);
@@ -68,7 +68,7 @@ public:
     std::function<void(IFMBlock*, int)> then;
 };
 
-// Runs a function; counts what becomes of it.
+// An event that calls a function. Counts the instances that exist.
 class TestEvent final : public IRtEvent {
 public:
     explicit TestEvent(std::function<void()> work = [] {}) : m_work(std::move(work)) { ++alive; }
@@ -86,7 +86,7 @@ private:
 using FileRef = CRtComAutoPtr<IFMFile>;
 using BlockRef = CRtComAutoPtr<IFMBlock>;
 
-// The test's thread is number 3 and pumps it by hand.
+// A cache whose caller thread is the thread of the test, which runs the queue explicitly.
 class Cache {
 public:
     explicit Cache(int isServer = 1, uint16_t clearDays = 7);
@@ -94,7 +94,7 @@ public:
     ~Cache();
     void Start();
     void Stop() { manager->UnInitialize(); }
-    // Runs what is queued for the read/write thread, but not what that posts back.
+    // Runs the events queued for the read/write thread, but not the results that they post back.
     static void RunReadwrQueue();
     fs::path Path(const FMFileID& id, const char* extension) const;
 
@@ -117,17 +117,17 @@ int Write(IFMBlock& block, const std::string& bytes, uint32_t piece = 1u << 20);
 std::string Read(IFMBlock& block);
 std::string ReadFile(const fs::path& path);
 void WriteFile(const fs::path& path, const std::string& bytes);
-// The regular files in a tree.
+// The number of regular files in a tree.
 size_t CountFiles(const fs::path& path);
 FMFileInfo Description(uint32_t blockBeg = 1, uint32_t flag = 0);
 std::string Bytes(const CRtMessageChain& chain);
-// A whole information file.
+// The bytes of an information file.
 std::string InfoFile(const FMFileInfo& info, const std::string& blockBody,
                      int64_t createTime = 1'700'000'000);
 
 // --- What differs between systems: support_posix.cpp, support_windows.cpp ------------------------
 
-// Runs, and does nothing, until the end of the scope.
+// A process that is idle until the end of the scope.
 class IdleProcess {
 public:
     IdleProcess();
@@ -138,17 +138,17 @@ public:
     uint32_t Id() const { return m_id; }
 
 private:
-    uint32_t m_id = 0; // 0 when it has ended
+    uint32_t m_id = 0; // 0 after End
     void* m_handle = nullptr;
 };
 
-// How many times longer than elsewhere calls of the system take: what a test repeats it repeats less often.
+// The factor by which system calls are slower than on the fastest system. Tests divide repeat counts by it.
 extern const uint32_t SLOWNESS;
 extern const char NULL_DEVICE[];
 void SetVariable(const char* name, const std::string& value);
 size_t CountThreads();
 size_t CountHandles();
-// Of this process, from now on.
+// Sets the limit of open streams of this process.
 bool LimitStreams(uint32_t count);
-// Whether it is a junction, and not a link of the system below an emulator. Windows only.
+// True for a junction, false for a link of the host system under an emulator. Windows only.
 bool MakeDirectoryLink(const fs::path& target, const fs::path& link);

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Cached files that one system's tool has made are whole to the other's, and can be taken out by it.
+# The tool of each system verifies and reads the cached files that the other system's tool has written.
 # usage: support_both_systems.sh FMCACHE OTHER_FMCACHE BUILD_DIR
 set -euo pipefail
 here=${1:?usage: $0 FMCACHE OTHER_FMCACHE BUILD_DIR} there=${2:?} build=${3:?}
@@ -7,7 +7,7 @@ work=$(mktemp -d "$build/both_systems.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 cd "$work"
 
-# Names beyond ASCII are the same to both, too.
+# Names that are not ASCII are the same on both.
 head -c 3000017 /dev/urandom >Maße
 : >empty
 for pair in "$here|$there" "$there|$here"; do
@@ -19,7 +19,7 @@ for pair in "$here|$there" "$there|$here"; do
         cmp "$file" back
     done
 done
-# The same to both, in every detail.
+# Both tools print the same details.
 for verb in 'ls --dir Büro --json' "show --dir Büro $id --json" 'verify --dir Büro --json'; do
     # shellcheck disable=SC2086  # words
     cmp <("$here" $verb | sed 's/"store": *"[^"]*"//') <("$there" $verb | sed 's/"store": *"[^"]*"//')

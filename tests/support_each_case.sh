@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs each case of a test program in a process of its own, under an emulator.
+# Runs each case of a test program in a separate process, under an emulator.
 # usage: support_each_case.sh EMULATOR PROGRAM
 set -euo pipefail
 emulator=${1:?usage: $0 EMULATOR PROGRAM}

@@ -1,6 +1,6 @@
-// The system's headers come first here, and last in windows_test.cpp: both orders have to work.
+// Tests that windows.h can be included before the library's headers; windows_test.cpp includes it after them.
 #include <windows.h>
-#undef CreateFile // a name of the file manager's, too
+#undef CreateFile // a macro of windows.h
 
 #include <stdio.h>
 #include <tlhelp32.h>
@@ -30,7 +30,7 @@ std::string OwnProgram() {
     return program;
 }
 
-// Another of this kind, which never gets to its first instruction.
+// Starts this program suspended: it never runs.
 IdleProcess::IdleProcess() {
     const PROCESS_INFORMATION info = StartProcess(OwnProgram(), "idle", CREATE_SUSPENDED);
     m_id = info.dwProcessId;
@@ -45,7 +45,7 @@ void IdleProcess::End() {
     CloseHandle(m_handle);
 }
 
-const uint32_t SLOWNESS = 25; // an emulator, as a rule
+const uint32_t SLOWNESS = 25; // usually an emulator
 const char NULL_DEVICE[] = "NUL";
 
 void SetVariable(const char* name, const std::string& value) { _putenv_s(name, value.c_str()); }
@@ -76,7 +76,7 @@ bool MakeDirectoryLink(const fs::path& target, const fs::path& link) {
     std::system(("mklink /J" + arguments + " >NUL 2>NUL").c_str());
     if (fs::exists(link))
         return true;
-    // Wine has no junctions, but shows directory links of the system below it as such.
+    // Wine cannot create junctions, but shows symbolic links of the host system as junctions.
     const auto unixPath = [](const fs::path& path) {
         using Convert = char*(CDECL*)(const wchar_t*);
         const HMODULE kernel = GetModuleHandleA("kernel32.dll");
@@ -87,7 +87,7 @@ bool MakeDirectoryLink(const fs::path& target, const fs::path& link) {
     const HANDLE linking =
         StartProcess("\\\\?\\unix\\bin\\ln", "ln -s " + unixPath(target) + " " + unixPath(link), 0)
             .hProcess;
-    CloseHandle(linking); // which tells nothing of a program of another system
+    CloseHandle(linking); // cannot wait for a program of the host system
     for (int tenths = 0; !fs::exists(link) && tenths < 100; ++tenths)
         Sleep(100);
     return false;

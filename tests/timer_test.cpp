@@ -26,7 +26,7 @@ TEST(Timer, WritesStatisticsEveryThirdTick) {
     EXPECT_EQ(log.Count("statistics  cache: [memo-Max=67108864 Cur=0] [files Cur=0 c-0 d-0] "
                         "[blocks c-0 d-0] [time s-0 g-0 p-0]"),
               3U);
-    EXPECT_EQ(log.Count("HouseKeeping_m"), 0U); // a client has none
+    EXPECT_EQ(log.Count("HouseKeeping_m"), 0U); // a client does no housekeeping
 }
 
 TEST(Collection, ReleasesIdleBlocksOfAClientAtEveryTick) {
@@ -60,10 +60,10 @@ TEST(Collection, ReleasesIdleBlocksOfAClientAtEveryTick) {
     clock.Advance(1);
     EXPECT_FALSE(block->FreeMemory());
     Tick(cache, clock);
-    EXPECT_EQ(CFileManager::Instance()->GetMemoryInUse(), 8U + 2 * big); // enough: below again
+    EXPECT_EQ(CFileManager::Instance()->GetMemoryInUse(), 8U + 2 * big); // below the limit again
 }
 
-TEST(Collection, LeavesAServerAloneBelowItsLimit) {
+TEST(Collection, ReleasesNothingOnAServerBelowItsLimit) {
     TestClock clock;
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache(1);
@@ -77,12 +77,12 @@ TEST(Collection, LeavesAServerAloneBelowItsLimit) {
     FMWaitUntilIdle();
     Tick(cache, clock, 600'000);
     EXPECT_TRUE(block->IsInMemory());
-    EXPECT_EQ(filler->WriteData(most, 0, piece.get()), 0); // now it is at the limit
+    EXPECT_EQ(filler->WriteData(most, 0, piece.get()), 0); // reaches the limit
     Tick(cache, clock);
     EXPECT_FALSE(block->IsInMemory());
 }
 
-TEST(HouseKeeping, ComesWithTheFirstTickAndThenDaily) {
+TEST(HouseKeeping, RunsAtTheFirstTickAndThenDaily) {
     TestClock clock;
     LogCapture log;
     Cache cache(1);

@@ -1,5 +1,5 @@
-// What is so on Windows alone: drives, attributes, directory links, open files that cannot be removed, and
-// processes that share a cache, which are started and not forked there.
+// Windows only: drives, attributes, directory links, open files that cannot be removed, and processes that
+// share a cache, which are started here instead of forked.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -9,7 +9,7 @@
 #include "support.h"
 #include "util/filemanager/filemanager.h"
 
-// Behind the library's headers, and before them in support_windows.cpp.
+// After the library's headers; support_windows.cpp includes it before them.
 #include <windows.h>
 #undef CreateFile
 
@@ -31,7 +31,7 @@ FMFileInfo Described(const char* id) {
     return info;
 }
 
-// This program with one of its disabled cases, until it is killed.
+// Runs a disabled test case of this program in another process until Kill.
 class OtherProcess {
 public:
     OtherProcess(const TempDir& dir, const std::string& testCase) {
@@ -60,7 +60,7 @@ private:
 
 } // namespace
 
-// The other process: has stored and closed one file, and has another one open with its block stored.
+// The other process: stores and closes one file, and keeps a second one open with a stored block.
 TEST(DISABLED_Other, StoresAndStays) {
     const TempDir dir(fs::path(std::getenv(OTHERS_DIR)));
     Cache cache(dir.path);
@@ -74,7 +74,7 @@ TEST(DISABLED_Other, StoresAndStays) {
     StayUntilKilled(dir);
 }
 
-TEST(Windows, AFileBelongsToOneServerAndSurvivesItsBeingKilled) {
+TEST(Windows, ServerLocksItsOpenFilesAndAKillLosesNoStoredFile) {
     TestClock clock;
     LogCapture log(RT_LOG_WARNING);
     const TempDir dir;
@@ -83,7 +83,7 @@ TEST(Windows, AFileBelongsToOneServerAndSurvivesItsBeingKilled) {
     FileRef mine = cache.Create(Described(OPEN));
     Write(*Cache::Block(*mine, 1), Pattern(4, 300));
     clock.Advance(int64_t{100} * 86400 * 1000);
-    FMWaitUntilIdle(); // housekeeping finds the open file old, and leaves it
+    FMWaitUntilIdle(); // housekeeping finds the open file expired and keeps it
     EXPECT_TRUE(ReadFile(cache.Path(Described(OPEN).fileID, ".sdd")) == Pattern(1, 5000));
     EXPECT_EQ(Read(*Cache::Block(*mine, 1)), Pattern(4, 300));
     cache.Stop();
@@ -92,13 +92,13 @@ TEST(Windows, AFileBelongsToOneServerAndSurvivesItsBeingKilled) {
     EXPECT_EQ(log.Count("CFileManager::ClearDiskCache, another process uses the store"), 2U);
     other.Kill();
     cache.Start();
-    EXPECT_FALSE(cache.Open(Described(OPEN).fileID)); // never closed: not there
+    EXPECT_FALSE(cache.Open(Described(OPEN).fileID)); // never closed: has no information file
     const FileRef file = cache.Open(Described(FINISHED).fileID);
     ASSERT_TRUE(file);
     EXPECT_TRUE(Read(*Cache::Block(*file, 1, 0)) == Pattern(1, 5000));
 }
 
-TEST(Windows, ClearingFinishesLaterWhatIsOpenNowAndFollowsNoDirectoryLink) {
+TEST(Windows, LaterClearingRemovesFilesThatWereOpenAndFollowsNoDirectoryLink) {
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache(0, 0);
     EXPECT_TRUE(GetFileAttributesA((cache.dir.path / "confcache").string().c_str()) &
@@ -121,10 +121,10 @@ TEST(Windows, ClearingFinishesLaterWhatIsOpenNowAndFollowsNoDirectoryLink) {
     cache.Stop();
     EXPECT_TRUE(fs::exists(outside.path / "kept"));
     EXPECT_FALSE(fs::exists(root / "0" / "held"));
-    EXPECT_EQ(fs::exists(root), !isJunction); // an emulator without junctions removes no link
+    EXPECT_EQ(fs::exists(root), !isJunction); // the emulator does not remove its own links
 }
 
-TEST(Windows, AStoreDoesNotWaitForADataFileThatIsALinkToNowhere) {
+TEST(Windows, StoreDoesNotHangIfTheDataFileIsADanglingLink) {
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache;
     const FMFileInfo info = Description();
@@ -138,9 +138,9 @@ TEST(Windows, AStoreDoesNotWaitForADataFileThatIsALinkToNowhere) {
     EXPECT_EQ(Read(*Cache::Block(*file, 1)), "bytes");
 }
 
-TEST(Windows, TheDefaultRootIsTheFixedDriveWithTheMostRoom) {
+TEST(Windows, DefaultRootIsTheFixedDriveWithTheMostFreeSpace) {
     LogCapture log;
-    const CRtCallerThread three;
+    const CRtCallerThread callerThread;
     IFileManager::Instance()->Initialize("", 7, 1);
     IFileManager::Instance()->UnInitialize();
     const std::string line = "CFileManager::SetDataDir, data dir=";
@@ -161,11 +161,11 @@ TEST(Windows, TheDefaultRootIsTheFixedDriveWithTheMostRoom) {
     }
 }
 
-// The form with slashes, behind which a backslash is put.
-TEST(Windows, SlashesAreSeparatorsToo) {
+// A root that ends in a slash gets a backslash appended.
+TEST(Windows, SlashesAreAcceptedAsSeparators) {
     LogCapture log(RT_LOG_WARNING);
     const TempDir dir;
-    const CRtCallerThread three;
+    const CRtCallerThread callerThread;
     const std::string path = (dir.path / "made").generic_string() + "/";
     IFileManager::Instance()->Initialize(CRtString(path), 7, 1);
     EXPECT_TRUE(fs::is_directory(dir.path / "made" / "sdstore"));
@@ -173,7 +173,7 @@ TEST(Windows, SlashesAreSeparatorsToo) {
     EXPECT_EQ(log.Text(), "");
 }
 
-TEST(Windows, HousekeepingFindsDataFilesInAnyCase) {
+TEST(Windows, HousekeepingIgnoresTheCaseOfExtensions) {
     TestClock clock;
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache(1, 7);

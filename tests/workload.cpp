@@ -13,7 +13,7 @@ using faults::Hits;
 
 namespace {
 
-// What the bytes of a block begin with; the rest follows from it.
+// The first bytes of a block; they determine the rest.
 struct Stamp {
     uint32_t file, generation, block, version, length;
     bool operator==(const Stamp&) const = default;
@@ -29,11 +29,11 @@ FMFileID Identifier(uint32_t file) {
     return {0x0FA17000U + file, 0x1111, 0x4222, {0x83, 3, 4, 4, 5, 5, 6, 6}};
 }
 
-// Lines are composed, as with the log that a program has by default, and thrown away.
+// Composes log lines, as the default sink does, and discards them.
 void Ignore(void*, int, const char*) {}
 
-// The first half of this table (of 64 slots, every other one of these empty) ends between length and offset
-// of one entry: half written over an older table, it would name old bytes by a new length.
+// The first half of this table (64 slots, half of them empty) ends between length and offset of one entry. A
+// torn write over an older table would give old bytes a new length.
 constexpr uint32_t LARGE_FIRST = 23;
 constexpr uint32_t LARGE_MIDDLE = 31;
 constexpr uint32_t LARGE_LAST = 37;
@@ -62,7 +62,7 @@ void Workload::Stop() {
     m_cache.manager->UnInitialize();
     m_cache.thread.RunDue();
     for (uint32_t file = 0; file < FILES; ++file) {
-        // A closed file's stores and table may have been what failed, and nobody tried again.
+        // The stores and the table of a closed file may have failed without a retry.
         if (!Calm() || (m_files[file].closed && Hits() > m_hitsBefore))
             m_files[file].blocks = {};
         for (uint32_t block = 0; block < BLOCKS; ++block) {
@@ -89,7 +89,10 @@ void Workload::Make(uint32_t file, std::initializer_list<uint32_t> lengths, uint
     info.num = slots;
     m_files[file].generation = ++m_promises.lastGeneration;
     m_files[file].closed = false;
+    const uint32_t hits = Hits();
     const int result = m_cache.manager->CreateFile(m_files[file].open.Receive(), info);
+    if (result == 0 && Hits() > hits) // out of memory: the file may have no disk files
+        return Close(file);
     EXPECT_TRUE(result == 0 || !Calm()) << "create " << file << ": " << result;
     uint32_t block = 0;
     for (const uint32_t length : lengths)
@@ -111,13 +114,13 @@ bool Workload::Open(uint32_t number) {
     return result == 0;
 }
 
-// Without `detach` the file stays open, and only what this object holds of it is given back.
+// Without `detach` the file stays open; only the reference of this object is released.
 void Workload::Close(uint32_t number, bool detach) {
     File& file = m_files[number];
     if (!file.open)
         return;
     if (file.changed) {
-        // Its table is about to be written in place.
+        // The table is about to be overwritten in place.
         for (uint32_t& version : m_promises.version[number])
             version = 0;
     }
@@ -157,7 +160,7 @@ void Workload::Remove(uint32_t number, uint32_t id) {
     file.open->RemoveBlock(id, removed.Receive());
 }
 
-// The version of what is there, 0 when nothing is. All of a file are of one generation.
+// The version of the block, 0 if it is absent. All blocks of a file have the same generation.
 uint32_t Workload::CheckBlock(uint32_t number, uint32_t id, uint32_t& generation) {
     const Block& known = m_files[number].blocks[id];
     CRtMessageChain view;
@@ -222,10 +225,10 @@ void Workload::Load(uint32_t file, uint32_t id) {
 }
 
 void Workload::ExpectStoredByTick() {
-    FMWaitUntilIdle(); // a store that still fails fails now
+    FMWaitUntilIdle(); // pending stores end, possibly with a fault
     Advance(TICK_MS);
     FMWaitUntilIdle();
-    Advance(4 * TICK_MS); // what is on disk is freed then; a tick too, but the first was enough
+    Advance(4 * TICK_MS); // stored blocks become idle; the first tick has retried all stores
     for (uint32_t number = 0; number < FILES; ++number) {
         for (uint32_t id = 1; id < BLOCKS; ++id) {
             const Block& known = m_files[number].blocks[id];
@@ -239,10 +242,10 @@ void Workload::ExpectStoredByTick() {
     }
 }
 
-// --- The work -----------------------------------------------------------------------------------
+// --- The workload -------------------------------------------------------------------------------
 
 void Workload::EndRun() {
-    FMWaitUntilIdle(); // stores that are to meet the fault have met it
+    FMWaitUntilIdle(); // pending stores run before the fault is lifted
     if (liftEarly && Hits() > 0)
         faults::Lift();
     ExpectStoredByTick();
@@ -257,24 +260,24 @@ void Workload::Reopen(std::initializer_list<uint32_t> files) {
     }
 }
 
-// What is ten days old and not open is removed.
+// Runs housekeeping after ten days: removes expired files that are not open.
 void Workload::KeepHouse() {
     for (uint32_t file = 0; file < FILES; ++file) {
         if (file != KEPT && !m_files[file].open)
             Forget(file);
     }
     Advance(864'000'000);
-    FMWaitUntilIdle(); // it queues one step after the other
+    FMWaitUntilIdle(); // each step of housekeeping queues the next one
 }
 
 void Workload::FirstRun() {
     Start();
     Make(A, {700, 9000, 300, 2500});
     FMWaitUntilIdle();
-    Put(A, 2, 9000); // where it was
-    Put(A, 3, 400);  // elsewhere
+    Put(A, 2, 9000); // in place
+    Put(A, 3, 400);  // at a new offset
     Remove(A, 4);
-    Make(KEPT, {1500, 150'000}, FM_FILE_KEPT); // one that is read in parts
+    Make(KEPT, {1500, 150'000}, FM_FILE_KEPT); // a block that is read in parts
     Close(KEPT);
     Make(OLD, {5000});
     Close(OLD);
@@ -284,13 +287,13 @@ void Workload::FirstRun() {
     Close(TEMPORARY);
     Make(B, {800, 3000, 600});
     Close(B);
-    Open(B); // before what waits was written
+    Open(B); // before pending stores are written
     Load(B, 2);
     Put(B, 4, 5000);
     Make(C, {900, 4000});
     Close(C);
     FMWaitUntilIdle();
-    Make(C, {4000, 900}); // over an older cached file
+    Make(C, {4000, 900}); // replaces an older cached file
     Make(LARGE, {});
     for (uint32_t id = LARGE_FIRST; id <= LARGE_LAST; id += 2)
         Put(LARGE, id, id - 1);
@@ -301,7 +304,7 @@ void Workload::SecondRun() {
     Reopen({A, B, C, LARGE});
     KeepHouse();
     Put(LARGE, LARGE_MIDDLE, LARGE_MIDDLE - 7);
-    Put(A, 1, 700); // the first place of a file is not used again
+    Put(A, 1, 700); // the first range of a file is not reused
     Put(A, 2, 9000);
     Put(B, 2, 5000);
     Remove(B, 3);
@@ -310,7 +313,7 @@ void Workload::SecondRun() {
     Open(A);
     Put(A, 5, 2000);
     Make(OLD, {3000});
-    Make(OLD, {200, 3000}); // displaces the one that is open
+    Make(OLD, {200, 3000}); // displaces the open file
     EndRun();
 }
 
@@ -322,17 +325,17 @@ void Workload::Run() {
     Close(B);
     Make(B, {640});
     EndRun();
-    // Entries are cleared as the directory lists them, here the newest first: the data before the table
-    // is the worse order.
+    // Clearing removes entries in directory order, here the newest first. Renaming the data files makes them
+    // the newest: removing the data before the table is the worse case.
     m_promises.mayLackData = true;
     for (uint32_t file = 0; file < FILES; ++file) {
-        Forget(file); // a kill between the two steps leaves it nameless
+        Forget(file); // a kill between the two renames loses the data file
         const fs::path data = m_cache.dir.path / "sdstore" / (Name(file) + ".sdd");
         std::error_code ignored;
         fs::rename(data, m_cache.dir.path / "away", ignored);
         fs::rename(m_cache.dir.path / "away", data, ignored);
     }
-    Start(0); // clears, now and at the end
+    Start(0); // clears at start and at stop
     Make(A, {1000});
     FMWaitUntilIdle();
     Forget(A);
@@ -344,7 +347,7 @@ void Workload::Run() {
 
 void Workload::RunShort() {
     Start();
-    Make(KEPT, {1500, 150'000}, FM_FILE_KEPT); // one that is read in parts
+    Make(KEPT, {1500, 150'000}, FM_FILE_KEPT); // a block that is read in parts
     Close(KEPT);
     Make(A, {700});
     EndRun();
@@ -389,7 +392,7 @@ void Workload::ExpectNothingLeft() {
 
 // --- Trial --------------------------------------------------------------------------------------
 
-// One at a time: the next trial begins with the same memory.
+// One trial at a time: all use the same shared memory.
 Trial::Trial() {
     static void* memory = ::mmap(nullptr, sizeof(Promises), PROT_READ | PROT_WRITE,
                                  MAP_SHARED | MAP_ANONYMOUS, -1, 0);
@@ -399,7 +402,7 @@ Trial::Trial() {
 std::string Trial::Do(const faults::Plan& plan, const std::function<void(Workload&)>& work,
                       uint32_t killAfterUs) {
     const auto body = [&] {
-        IFileManager::Instance(); // which would not be there for want of memory
+        IFileManager::Instance(); // created before the fault: a failed allocation would prevent it
         const size_t handles = CountHandles();
         RtSetLogSink(Ignore, nullptr, RT_LOG_WARNING);
         faults::Begin(dir.path, plan);

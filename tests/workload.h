@@ -1,6 +1,6 @@
-// One fixed piece of work with a cache directory, in several runs of the manager, and a later look at
-// what it left. The bytes of a block tell for which block and by which write they were handed over, so
-// that a process that knows nothing else can tell a true block from torn or foreign bytes.
+// A fixed workload on a cache directory, in several runs of the manager, and its verification by a later
+// process. The bytes of a block identify the block and the write, so that another process can distinguish the
+// bytes of one complete write from torn or foreign bytes.
 #pragma once
 
 #include <array>
@@ -10,8 +10,7 @@
 #include "faults.h"
 #include "support.h"
 
-// Sanitizers make processes slow to begin and to end: there every so many operations are visited, and
-// every single one in the other builds.
+// Sanitizers make process start and end slow: those builds test every STRIDE-th operation only.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr uint32_t STRIDE = 11;
 #else
@@ -19,51 +18,51 @@ constexpr uint32_t STRIDE = 1;
 #endif
 
 enum : uint32_t { A, B, C, KEPT, OLD, TEMPORARY, LARGE, FILES };
-constexpr uint32_t BLOCKS = 64; // identifiers from 1 on
+constexpr uint32_t BLOCKS = 64; // identifiers start at 1
 
-// In memory that outlives a process. For each block the write whose bytes must be found, 0 for none:
-// those that were there when an orderly run ended and were not touched since.
+// In shared memory that outlives a process. For each block the version that must be found, 0 for none: the
+// version that was stored when a run ended without a fault, if the block was not written since.
 struct Promises {
     uint32_t version[FILES][BLOCKS];
     uint32_t lastVersion;
-    uint32_t lastGeneration; // each creation of a file has its own
-    bool mayLackData;        // a table: its data was moved aside, or cleared before it
+    uint32_t lastGeneration; // incremented by each creation of a file
+    bool mayLackData;        // a table may exist without its data file
 };
 
-// Every step expects success as long as there is calm, and true bytes at any time.
+// Every step expects success while faults::Calm(), and bytes of one complete write at any time.
 class Workload {
 public:
     Workload(const fs::path& dir, Promises& promises) : m_promises(promises), m_cache(dir, false) {}
     ~Workload() { Stop(); }
 
-    // The fixed work, and the same in small for what is asked for much more often.
+    // The workload, and a shorter one for operations that are much more frequent.
     void Run();
     void RunShort();
-    bool liftEarly = true; // a fault passes before each run ends, and not after the last
-    // Opens everything, expects it true and as promised, changes each file, and looks again.
+    bool liftEarly = true; // lift the fault before each run of the manager ends, not after the last
+    // Opens all files, checks them against the promises, changes each file, and checks again.
     void Verify();
-    // Every file and every block that was ever made is gone.
+    // Expects that every file and block object was destroyed.
     void ExpectNothingLeft();
 
     void Start(uint16_t clearDays = 7);
     void Stop();
-    // A new file with blocks of these lengths from 1 on.
+    // Creates a file with blocks 1, 2, … of these lengths.
     void Make(uint32_t file, std::initializer_list<uint32_t> lengths, uint32_t flag = 0,
               uint32_t slots = 0);
     void Close(uint32_t file, bool detach = true);
     void Put(uint32_t file, uint32_t block, uint32_t length);
-    // What is there is true and as promised, and must stay from now on.
+    // Expects the blocks of the file as promised. Blocks that are present must stay present.
     void Check(uint32_t file);
     void Advance(int64_t ms);
-    // A tick, after which every block that was written is on disk and can be loaded again.
+    // Runs a tick and expects that every written block is stored and can be loaded.
     void ExpectStoredByTick();
-    // Nothing is known of it any more.
+    // Drops all promises about the file.
     void Forget(uint32_t file);
     static std::string Name(uint32_t file);
 
 private:
     struct Block {
-        uint32_t version = 0; // of the bytes that it must have; 0 when anything true may be there
+        uint32_t version = 0; // that must be found; 0: any complete version, or none
         bool written = false; // since the file was opened
     };
     struct File {
@@ -91,16 +90,16 @@ private:
     Cache m_cache;
 };
 
-// Work in a fresh directory and a process of its own; how the process ended, see faults::InChild.
+// Runs work in a new directory and a child process. Results as for faults::InChild.
 class Trial {
 public:
     Trial();
     std::string Do(const faults::Plan& plan, const std::function<void(Workload&)>& work,
                    uint32_t killAfterUs = 0);
-    // Some of the fixed work, then all that is expected after it.
+    // Runs the workload with a fault, then the expectations after it.
     std::string Run(const faults::Plan& plan, void (Workload::*run)() = &Workload::Run,
                     bool liftEarly = true, uint32_t killAfterUs = 0);
-    // What a process that has ended since has left.
+    // Verifies the files that the previous process has left.
     std::string Verify();
 
     TempDir dir;

@@ -90,7 +90,7 @@ void LastPieceWrite() {
     Counted([&](uint32_t i) { blocks.Write(i, 2 * PIECE, PIECE); });
 }
 
-// Store and CoalescedStore are counted in CFMStore::OnEventFire.
+// Store and CoalescedStore are counted in CFMStoreEvent::OnEventFire.
 void Store() {
     Blocks blocks;
     for (uint32_t i = 0; i < TIMES; ++i) {

@@ -15,8 +15,8 @@ import tempfile
 # The function in which callgrind counts: one of the program for operations of the caller thread, one of the
 # library for operations of the read/write thread.
 OPERATIONS = {
-    "piece_write": "*Counted*", "last_piece_write": "*Counted*", "store": "CFMStore::OnEventFire*",
-    "coalesced_store": "CFMStore::OnEventFire*",
+    "piece_write": "*Counted*", "last_piece_write": "*Counted*", "store": "CFMStoreEvent::OnEventFire*",
+    "coalesced_store": "CFMStoreEvent::OnEventFire*",
     "resident_read": "*Counted*", "load": "CFMBlock::ReadFromFile*", "post_event": "*Counted*",
 }
 BOUND = 1.15  # allocators and locks vary by a few percent from run to run

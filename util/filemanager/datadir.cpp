@@ -1,4 +1,4 @@
-// Where the cache lives on disk, and the small directory operations.
+// The choice of the data directory, its lock, and operations on directories.
 #include <chrono>
 #include <cstdio>
 #include <thread>
@@ -16,7 +16,7 @@ CRtString WithoutBackslash(const CRtString& dir) {
     return !dir.empty() && dir.back() == '\\' ? dir.Left(dir.size() - 1) : dir;
 }
 
-// Without the last name and all separators before it; empty when nothing is left to make.
+// Removes the last name and all separators before it. Empty if the path has no parent to create.
 CRtString ParentOf(const CRtString& path) {
     size_t end = RtOs::FindLastSeparator(path);
     while (end != std::string_view::npos && end > 0 &&
@@ -50,7 +50,7 @@ std::vector<CRtString> RemoveFiles(RtOs::DirectoryWalk& walk) {
 }
 
 // Removes everything in the walk's directory. Works through open directories: every removed entry belongs to
-// the tree even if another process renames directories meanwhile. A level of depth costs a list of names,
+// the tree even if another process renames directories concurrently. A level of depth costs a list of names,
 // but neither a descriptor nor a stack frame, since another process determines the depth.
 void RemoveContents(RtOs::DirectoryWalk& walk, CRtString path) {
     std::vector<std::vector<CRtString>> levels{RemoveFiles(walk)}; // names still to be removed
@@ -101,23 +101,24 @@ int CFileManager::CheckDataDir() {
     return 1;
 }
 
-// Also by every tick: somebody who cleared may have had the directory alone, or have removed it, and
-// another may have been made under its name. False when somebody else has it alone.
+// Every tick renews the shared lock: another process may have held the exclusive lock to clear the cache, and
+// may have removed the directory, so that the path now names another one. False if another process holds the
+// exclusive lock.
 bool CFileManager::UseDataDir() {
     auto use = std::make_unique<RtOs::DirectoryUse>(m_dataDir);
     const bool isRefused = use->IsRefused();
-    const std::lock_guard lock(m_registryMutex);
-    if (use->IsHeld()) // else the one that is held stays
+    const auto lock = m_live.Lock();
+    if (use->IsHeld()) // else keep the previous lock
         m_dataDirUse.swap(use);
     return !isRefused;
 }
 
-// Whoever clears removes what comes into the directory meanwhile, too.
+// A concurrent clear would delete new files, so wait for it.
 void CFileManager::WaitForClearing() {
-    constexpr std::chrono::milliseconds patience(10'000);
+    constexpr std::chrono::milliseconds timeout(10'000);
     constexpr std::chrono::milliseconds pause(10);
     for (auto waited = pause; !UseDataDir(); waited += pause) {
-        if (waited > patience) {
+        if (waited > timeout) {
             RT_LOG(RT_LOG_WARNING,
                    "CFileManager::Initialize, another process clears, dir=" << m_dataDir);
             return;
@@ -128,7 +129,7 @@ void CFileManager::WaitForClearing() {
 }
 
 void CFileManager::EndDirectoryUse() {
-    const std::lock_guard lock(m_registryMutex);
+    const auto lock = m_live.Lock();
     m_dataDirUse.reset();
 }
 
@@ -148,7 +149,7 @@ CRtString CFileManager::GetMaxDrive() {
         RT_LOG(RT_LOG_WARNING, "CFileManager::GetMaxDrive, GetLogicalDriveStrings len fail");
         return {};
     }
-    std::vector<char> drives(size_t{size} + 1); // one more zero: the last entry always ends
+    std::vector<char> drives(size_t{size} + 1); // one more NUL: the last entry is always terminated
     const uint32_t length = RtOs::GetDriveStrings(size, drives.data());
     if (length == 0) {
         RT_LOG(RT_LOG_WARNING, "CFileManager::GetMaxDrive, GetLogicalDriveStrings real fail");

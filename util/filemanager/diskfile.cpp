@@ -7,9 +7,8 @@
 #include "RtLog.h"
 #include "RtResult.h"
 #include "RtSendTicket.h"
-#include "filemanager.h"
+#include "RtTimeValue.h"
 #include "os/RtOs.h"
-#include "streamkeeper.h"
 
 namespace {
 constexpr char SOURCE[] = "util/filemanager/diskfile";
@@ -49,8 +48,8 @@ private:
 
 } // namespace
 
-CDiskFile::CDiskFile(const CRtString& strFileName, uint32_t flags)
-    : m_strFileName(strFileName), m_flags(flags) {
+CDiskFile::CDiskFile(const CRtString& strFileName, uint32_t flags, void (*onMissingDirectory)())
+    : m_strFileName(strFileName), m_flags(flags), m_onMissingDirectory(onMissingDirectory) {
     RT_LOG(RT_LOG_TRACE, "CDiskFile::CDiskFile, filename=" << m_strFileName << " this=" << this);
     RT_CHECK(SOURCE, !strFileName.empty(), "!strFileName.empty()");
 }
@@ -59,6 +58,8 @@ CDiskFile::~CDiskFile() {
     RT_LOG(RT_LOG_TRACE, "CDiskFile::~CDiskFile, filename=" << m_strFileName << " this=" << this);
     Close();
 }
+
+// --- The stream ---------------------------------------------------------------------------------
 
 int CDiskFile::Open(const CRtString& strFileName, int bCreate) {
     RT_LOG(RT_LOG_TRACE, "CDiskFile::Open, filename=" << strFileName << " this=" << this);
@@ -75,21 +76,20 @@ int CDiskFile::Open(const CRtString& strFileName, int bCreate) {
     return result;
 }
 
-// `error`: the system's, when there is no stream.
+// `error`: the system's, if there is no stream.
 int CDiskFile::OpenStream(const CRtString& path, uint32_t flags, int& error) {
     CStreamKeeper& keeper = CStreamKeeper::Instance();
     keeper.MakeRoom();
-    bool created = false;
-    FILE* stream = RtOs::OpenStream(path, m_flags | flags, error, created);
+    bool isCreated = false;
+    FILE* stream = RtOs::OpenStream(path, m_flags | flags, error, isCreated);
     while (!stream && RtOs::IsOutOfStreams(error) && keeper.GiveBack())
-        stream = RtOs::OpenStream(path, m_flags | flags, error, created);
-    m_isInUse = !stream && (RtOs::IsInUse(error) || RtOs::IsOutOfStreams(error));
+        stream = RtOs::OpenStream(path, m_flags | flags, error, isCreated);
     if (!stream)
         return RT_ERROR_IO;
     error = 0;
     m_pFile = stream;
     m_strFileName = path;
-    return NoteOpening(created);
+    return NoteOpening(isCreated);
 }
 
 void CDiskFile::LogOpening(const CRtString& path, int error) const {
@@ -97,35 +97,49 @@ void CDiskFile::LogOpening(const CRtString& path, int error) const {
                                                                  << " this=" << this);
 }
 
-int CDiskFile::NoteOpening(bool created) {
+int CDiskFile::NoteOpening(bool isCreated) {
     RtOs::FileStamp stamp;
     if (!RtOs::GetStamp(m_pFile, stamp)) {
-        Close();
+        std::fclose(m_pFile); // not CloseStream, which would replace m_left by nothing
+        m_pFile = nullptr;
+        RT_LOG(RT_LOG_ERROR,
+               "CDiskFile::Open. fstat Failed. Filename=" << m_strFileName << " this=" << this);
         return RT_ERROR_IO;
     }
-    m_opening = {m_opening.count + 1, created, !(stamp == m_left)};
+    m_opening = {m_opening.count + 1, isCreated, IsForeign(stamp)};
+    m_left = stamp;
+    m_isLeftKnown = false;
     m_knownLength = stamp.length;
-    m_lookedAt = GetTickCountEx();
+    m_checkedAt = GetTickCountEx();
     return RT_OK;
 }
 
-// A stream whose file was removed or replaced would go on working, for nobody. Looked at now and then: a
-// look is a call of the system.
-bool CDiskFile::IsStreamTrue() {
+// If the fingerprint was not determined at close, only identity and length are compared: an unknown fingerprint
+// is not a different one.
+bool CDiskFile::IsForeign(const RtOs::FileStamp& stamp) const {
+    if (m_isLeftKnown)
+        return !(stamp == m_left);
+    return !stamp.IsSameFile(m_left) || stamp.length < m_left.length;
+}
+
+void CDiskFile::CheckPath(bool isDue) {
     constexpr uint64_t intervalMs = 1000;
+    if (!m_pFile)
+        return;
     const uint64_t now = GetTickCountEx();
-    if (now - m_lookedAt < intervalMs)
-        return true;
-    m_lookedAt = now;
+    if (!isDue && now - m_checkedAt < intervalMs)
+        return;
+    m_checkedAt = now;
     RtOs::FileStamp file;
     RtOs::FileStamp own;
     if (!RtOs::GetStamp(m_strFileName, file) || !RtOs::GetStamp(m_pFile, own))
-        return true; // another time
+        return; // unknown is not different
     if (file.IsSameFile(own) && file.length >= m_knownLength)
-        return true;
-    RT_LOG(RT_LOG_WARNING, "CDiskFile::IsOpen, removed or cut by others, filename="
-                               << m_strFileName << " this=" << this);
-    return false;
+        return;
+    RT_LOG(RT_LOG_WARNING,
+           "CDiskFile::CheckPath, removed, replaced or truncated by another process, filename="
+               << m_strFileName << " this=" << this);
+    Close();
 }
 
 bool CDiskFile::TakeExisting() {
@@ -136,7 +150,7 @@ bool CDiskFile::TakeExisting() {
     const int result = OpenStream(m_strFileName, RtOs::OPEN_EXISTING, error);
     if (error != 0 && !RtOs::IsNoSuchFile(error))
         LogOpening(m_strFileName, error);
-    return RT_SUCCEEDED(result) || !m_isInUse;
+    return RT_SUCCEEDED(result) || (!RtOs::IsInUse(error) && !RtOs::IsOutOfStreams(error));
 }
 
 int CDiskFile::Close() {
@@ -148,19 +162,24 @@ int CDiskFile::Close() {
 void CDiskFile::CloseStream() {
     if (!m_pFile)
         return;
-    RtOs::GetStamp(m_pFile, m_left);
-    std::fclose(m_pFile); // every write was flushed: nothing is left that could fail
+    RtOs::FileStamp stamp;
+    m_isLeftKnown = RtOs::GetStamp(m_pFile, stamp);
+    if (m_isLeftKnown)
+        m_left = stamp;
+    else
+        m_left.length = m_knownLength; // of the file that the opening found
+    std::fclose(m_pFile);              // cannot fail: every write was flushed
     m_pFile = nullptr;
 }
 
 int CDiskFile::IsOpen() {
     const CStreamKeeper::CUse use(*this);
-    if (m_pFile && IsStreamTrue())
+    if (m_pFile)
         return 1;
     if (!m_strFileName.empty() && RT_FAILED(Open(m_strFileName, 1))) {
         // The data directory may have been removed while the system runs.
-        if (CFileManager* manager = CFileManager::Instance())
-            manager->CheckDataDir();
+        if (m_onMissingDirectory)
+            m_onMissingDirectory();
         Open(m_strFileName, 1);
     }
     if (m_pFile)
@@ -170,78 +189,94 @@ int CDiskFile::IsOpen() {
     return 0;
 }
 
-void CDiskFile::LogWrite(uint32_t dwLength, uint64_t dwOffset) const {
-    RT_LOG(RT_LOG_TRACE, "CDiskFile::WriteData, filename="
+// --- Transfers ----------------------------------------------------------------------------------
+
+void CDiskFile::LogTransfer(Transfer transfer, uint32_t dwLength, uint64_t dwOffset) const {
+    RT_LOG(RT_LOG_TRACE, (transfer == Transfer::Write ? "CDiskFile::WriteData, filename="
+                                                      : "CDiskFile::ReaddData, filename=")
                              << m_strFileName << " dwLength=" << dwLength << " dwOffset="
                              << static_cast<uint32_t>(dwOffset) << " this=" << this);
 }
 
+int CDiskFile::OpenFor(Transfer transfer) {
+    if (IsOpen())
+        return RT_OK;
+    LogCannotOpen(transfer);
+    return RT_ERROR_IO;
+}
+
+void CDiskFile::LogCannotOpen(Transfer transfer) const {
+    if (transfer == Transfer::Write)
+        RT_LOG(RT_LOG_ERROR, "CDiskFile::WriteData. Can't Open File. this=" << this);
+    else
+        RT_LOG(RT_LOG_ERROR, "CDiskFile::ReaddData. this=" << this);
+}
+
 int CDiskFile::WriteData(const void* lpBuffer, uint64_t dwOffset, uint32_t dwLength, int bFlush) {
-    LogWrite(dwLength, dwOffset);
+    LogTransfer(Transfer::Write, dwLength, dwOffset);
     if (!RT_CHECK(SOURCE, lpBuffer && dwLength > 0, "lpBuffer && dwLength >0"))
         return RT_ERROR_INVALID_ARG;
     const CStreamKeeper::CUse use(*this);
-    if (!IsOpen()) {
-        RT_LOG(RT_LOG_ERROR, "CDiskFile::WriteData. Can't Open File. this=" << this);
-        return RT_ERROR_IO;
-    }
-    const RtOs::Transfer result = RtOs::WriteAt(m_pFile, dwOffset, lpBuffer, dwLength);
-    if (result != RtOs::Transfer::Done)
-        return Fail(result, {"CDiskFile::WriteData. ", "fwrite", " filename="}, dwLength, dwOffset);
-    m_knownLength = std::max(m_knownLength, dwOffset + dwLength);
-    if (bFlush)
-        std::fflush(m_pFile); // streams are unbuffered: what could fail has failed above
-    return RT_OK;
+    int result = OpenFor(Transfer::Write);
+    const RtOs::Piece piece{lpBuffer, dwLength};
+    if (RT_SUCCEEDED(result))
+        result = Put({&piece, 1}, dwOffset);
+    if (RT_SUCCEEDED(result) && bFlush)
+        std::fflush(m_pFile); // cannot fail: the stream is unbuffered
+    return result;
 }
 
-int CDiskFile::WritePieces(std::span<const RtOs::Piece> pieces, uint64_t offset) {
-    const CStreamKeeper::CUse use(*this);
-    if (!IsOpen() || RtOs::WriteAllAt(m_pFile, offset, pieces) != RtOs::Transfer::Done)
-        return RT_ERROR_IO;
-    for (const RtOs::Piece& piece : pieces) {
-        LogWrite(piece.length, offset);
-        offset += piece.length;
+int CDiskFile::Put(std::span<const RtOs::Piece> pieces, uint64_t offset) {
+    uint64_t end = offset;
+    for (const RtOs::Piece& piece : pieces)
+        end += piece.length;
+    if (pieces.size() > 1) {
+        if (RtOs::WriteAllAt(m_pFile, offset, pieces) != RtOs::Transfer::Done)
+            return RT_ERROR_IO;
+    } else {
+        const RtOs::Piece& piece = pieces.front();
+        const auto result = RtOs::WriteAt(m_pFile, offset, piece.bytes, piece.length);
+        if (result != RtOs::Transfer::Done)
+            return Fail(Transfer::Write, result, piece.length, offset);
     }
-    m_knownLength = std::max(m_knownLength, offset);
+    m_knownLength = std::max(m_knownLength, end);
     return RT_OK;
 }
 
 int CDiskFile::ReaddData(void* lpBuffer, uint64_t dwOffset, const uint32_t& dwLength) {
-    RT_LOG(RT_LOG_TRACE, "CDiskFile::ReaddData, filename="
-                             << m_strFileName << " dwLength=" << dwLength << " dwOffset="
-                             << static_cast<uint32_t>(dwOffset) << " this=" << this);
+    LogTransfer(Transfer::Read, dwLength, dwOffset);
     if (!RT_CHECK(SOURCE, lpBuffer && dwLength > 0, "lpBuffer && dwLength>0"))
         return RT_ERROR_INVALID_ARG;
     const CStreamKeeper::CUse use(*this);
     m_isTooShort = false;
-    if (!IsOpen()) {
-        RT_LOG(RT_LOG_ERROR, "CDiskFile::ReaddData. this=" << this);
-        return RT_ERROR_IO;
-    }
-    const RtOs::Transfer result = CReadParts(m_pFile, dwOffset, lpBuffer, dwLength).Run();
-    m_isTooShort = result == RtOs::Transfer::Short;
-    if (result != RtOs::Transfer::Done)
-        return Fail(result, {"CDiskFile::ReaddData. ", "fread", " fileName="}, dwLength, dwOffset);
-    return RT_OK;
+    const int result = OpenFor(Transfer::Read);
+    return RT_SUCCEEDED(result) ? Get(lpBuffer, dwOffset, dwLength) : result;
 }
 
-// Closes the stream, so that the next call starts from a fresh one.
-int CDiskFile::Fail(RtOs::Transfer result, const FailureTexts& texts, uint32_t dwLength,
+int CDiskFile::Get(void* buffer, uint64_t offset, uint32_t length) {
+    const RtOs::Transfer result = CReadParts(m_pFile, offset, buffer, length).Run();
+    m_isTooShort = result == RtOs::Transfer::Short;
+    return result == RtOs::Transfer::Done ? RT_OK : Fail(Transfer::Read, result, length, offset);
+}
+
+// Closes the stream: the next call starts with a new one.
+int CDiskFile::Fail(Transfer transfer, RtOs::Transfer result, uint32_t dwLength,
                     uint64_t dwOffset) {
     Close();
-    const bool positioned = result != RtOs::Transfer::NoPosition;
+    const bool isWrite = transfer == Transfer::Write;
+    const bool isPositioned = result != RtOs::Transfer::NoPosition;
+    const char* const step = !isPositioned ? "fseek" : isWrite ? "fwrite" : "fread";
     const int indicator = result == RtOs::Transfer::Failed ? 1 : 0;
-    RT_LOG(RT_LOG_ERROR, texts.operation << (positioned ? texts.step : "fseek")
-                                         << " Failed. Error Ret: " << indicator << texts.pathKey
-                                         << m_strFileName << " dwLength=" << dwLength
-                                         << " dwOffset=" << static_cast<uint32_t>(dwOffset)
-                                         << " this=" << this);
+    RT_LOG(RT_LOG_ERROR, (isWrite ? "CDiskFile::WriteData. " : "CDiskFile::ReaddData. ")
+                             << step << " Failed. Error Ret: " << indicator
+                             << (isWrite ? " filename=" : " fileName=") << m_strFileName
+                             << " dwLength=" << dwLength << " dwOffset="
+                             << static_cast<uint32_t>(dwOffset) << " this=" << this);
     return RT_ERROR_IO;
 }
 
 int CDiskFile::GetLength(uint64_t& length) {
-    const CStreamKeeper::CUse use(*this);
-    return IsOpen() && RtOs::GetLength(m_pFile, length) ? RT_OK : RT_ERROR_IO;
+    return m_pFile && RtOs::GetLength(m_pFile, length) ? RT_OK : RT_ERROR_IO;
 }
 
 bool CDiskFile::GetStamp(RtOs::FileStamp& stamp) {
@@ -251,9 +286,7 @@ bool CDiskFile::GetStamp(RtOs::FileStamp& stamp) {
 
 bool CDiskFile::Reaches(uint64_t end) {
     const CStreamKeeper::CUse use(*this);
-    if (!IsOpen())
-        return false;
-    if (m_knownLength < end)
+    if (m_knownLength < end && m_pFile)
         RtOs::GetLength(m_pFile, m_knownLength); // else it stays as it is
     return m_knownLength >= end;
 }
@@ -261,7 +294,7 @@ bool CDiskFile::Reaches(uint64_t end) {
 int CDiskFile::RemoveMee() {
     RT_LOG(RT_LOG_TRACE, "CDiskFile::RemoveMee, filename=" << m_strFileName << " this=" << this);
     Close();
-    if (!CFileManager::FileExists(m_strFileName))
+    if (RtOs::GetEntryKind(m_strFileName) == RtOs::EntryKind::Missing)
         return RT_OK;
     if (const int result = RtOs::RemoveFile(m_strFileName); result != 0) {
         RT_LOG(RT_LOG_ERROR, "CDiskFile::RemoveMee. unlink Failed. Error Ret: "
@@ -270,6 +303,8 @@ int CDiskFile::RemoveMee() {
     }
     return RT_OK;
 }
+
+// --- The information file -----------------------------------------------------------------------
 
 int CInfoFile::WriteFileInfo(const void* body, uint32_t length) {
     uint8_t prefix[FM_INFO_LENGTH_SIZE] = {};
@@ -287,7 +322,7 @@ int CInfoFile::WriteFileInfo(const void* body, uint32_t length) {
 int CInfoFile::WriteBlockInfo(const void* body, uint32_t length) {
     if (!RT_CHECK(SOURCE, m_fileInfoLen > 0, "m_fileInfoLen >0"))
         return RT_ERROR_NOT_READY;
-    // The length comes last: a body that is half written, over an older one, is never taken for whole.
+    // Write the length last: a torn body over an older one must not load as complete.
     int ret = Invalidate();
     if (RT_SUCCEEDED(ret))
         ret = WriteData(body, GetBlockBodyOffset(), length, 1);
@@ -304,7 +339,7 @@ int CInfoFile::WriteBlockInfoLength(uint32_t length) {
     return ret;
 }
 
-// One byte, which no crash can halve: the sign of the offset.
+// The sign bit of the offset: one byte, so a crash cannot tear the write.
 int CInfoFile::RevokeEntry(uint32_t at) {
     constexpr uint8_t negative = 0x80;
     return WriteData(&negative, uint64_t{at} + FM_INFO_ENTRY_SIZE - 1, sizeof(negative), 1);

@@ -1,57 +1,81 @@
-// CDiskFile: the only way to the bytes of a file on disk; CInfoFile: the information file over it.
+// CDiskFile: all access to the bytes of a file on disk. CInfoFile: the information file, on top of it.
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
 #include <span>
 
 #include "FMInfoCodec.h"
 #include "RtReferenceControl.h"
 #include "RtString.h"
 #include "os/RtOs.h"
+#include "streamkeeper.h"
 
-/// One path, opened on first use, created when missing, with positioned reads and writes of whole
-/// records. One thread at a time uses an object; which one, its file says. The stream stays open between
-/// calls, unless the process runs short of streams: then the one that was used least recently is closed
-/// and comes back on its next use. It also comes back when its file is found removed, replaced or cut.
-class CDiskFile : public CRtReferenceControl {
+/// A file that is opened on first use and created if missing, with positioned reads and writes of whole
+/// records. One thread at a time uses an object; its owner ensures that. The stream stays open between
+/// calls. If the process runs short of streams, CStreamKeeper closes the least recently used one, and
+/// the next transfer opens it again.
+///
+/// A transfer opens the file if it is not open. It does not check that the path still names that file: an
+/// owner that needs this calls CheckPath once, at the start of an operation.
+class CDiskFile : public CRtReferenceControl, public CKeptStream {
 public:
-    /// With `flags` RtOs::OPEN_ALONE other processes cannot have the file so while the stream is open.
-    explicit CDiskFile(const CRtString& strFileName, uint32_t flags = 0);
+    /// `flags`: with RtOs::OPEN_ALONE other processes cannot open the file the same way while the stream
+    /// is open. `onMissingDirectory` may be null; it runs when the file cannot be opened, before the second
+    /// attempt, and creates the missing directory.
+    explicit CDiskFile(const CRtString& strFileName, uint32_t flags = 0,
+                       void (*onMissingDirectory)() = nullptr);
 
-    /// 0; 10006 the disk failed; 10008 no buffer or length 0.
+    /// RT_OK; RT_ERROR_IO: the file could not be opened, positioned or written; RT_ERROR_INVALID_ARG: null
+    /// buffer or length 0.
     int WriteData(const void* lpBuffer, uint64_t dwOffset, uint32_t dwLength, int bFlush);
-    /// RtOs::PIECES_MAX pieces at most, one behind the other; some may have been written when it fails,
-    /// which it says nowhere: written one by one they will. Results as for WriteData.
-    int WritePieces(std::span<const RtOs::Piece> pieces, uint64_t offset);
-    /// Exactly dwLength bytes or a failure. Results as for WriteData.
+    /// Exactly `dwLength` bytes, or a failure. Results as for WriteData.
     int ReaddData(void* lpBuffer, uint64_t dwOffset, const uint32_t& dwLength);
-    /// Deletes the file, if there is one. 0, 10006.
+    /// Deletes the file, if there is one. RT_OK, RT_ERROR_IO.
     int RemoveMee();
-    /// 0; 10006; 10008 for an empty path.
+    /// RT_OK; RT_ERROR_IO; RT_ERROR_INVALID_ARG for an empty path.
     int Open(const CRtString& strFileName, int bCreate);
-    /// 1 when a stream is open at the end of the call, else 0.
+    /// 1 if a stream is open at the end of the call, else 0.
     int IsOpen();
     int Close();
-    /// The file's length in bytes; makes a missing file as a read would. 0, 10006.
-    int GetLength(uint64_t& length);
-    /// The file that is open, else what the path names, without making it. False when the system does
-    /// not tell.
-    bool GetStamp(RtOs::FileStamp& stamp);
-    /// Whether the file has bytes up to `end`, as far as this stream knows: a file that somebody cuts
-    /// meanwhile shows in the read. Makes a missing file as a read would.
-    bool Reaches(uint64_t end);
-    /// Whether the latest read failed because the file ends before it: another time will not help.
-    bool IsTooShort() const { return m_isTooShort; }
-    /// Opens the file, if there is one. False when another process has it.
-    bool TakeExisting();
-    const CRtString& GetFileName() const { return m_strFileName; }
 
-    /// What the latest opening of the stream found.
+    // --- The steps of a transfer, for operations with checks in between -------------------------------
+    enum class Transfer { Write, Read };
+    /// The entry line of a transfer.
+    void LogTransfer(Transfer transfer, uint32_t dwLength, uint64_t dwOffset) const;
+    /// Opens the file if it is not open. RT_OK, or RT_ERROR_IO with the transfer's line.
+    int OpenFor(Transfer transfer);
+    /// The line of a transfer that could not begin.
+    void LogCannotOpen(Transfer transfer) const;
+    /// Writes adjacent pieces to a file that is open, at most RtOs::PIECES_MAX. Several pieces go out with
+    /// one system call; a failure then logs nothing and may have written some of them. RT_OK, RT_ERROR_IO.
+    int Put(std::span<const RtOs::Piece> pieces, uint64_t offset);
+    /// Reads from a file that is open. RT_OK, RT_ERROR_IO.
+    int Get(void* buffer, uint64_t offset, uint32_t length);
+    /// Closes the stream if the path no longer names its file, or the file is shorter than this object
+    /// left it. Two system calls; without `isDue` at most once per second.
+    void CheckPath(bool isDue);
+    /// Opens the file if it exists. False if another process has it open, or if the process has run out of
+    /// file descriptors.
+    bool TakeExisting();
+
+    /// The length of a file that is open, in bytes. RT_OK, RT_ERROR_IO.
+    int GetLength(uint64_t& length);
+    /// The fingerprint of the open file, else of the file at the path, which is not created. False if the
+    /// system call fails.
+    bool GetStamp(RtOs::FileStamp& stamp);
+    /// Whether an open file has bytes up to `end`. Queries the system only beyond the last known length; a
+    /// read of a file that another process has truncated since fails.
+    bool Reaches(uint64_t end);
+    /// Whether the last read failed because the file ends before it, so that a retry is useless.
+    bool IsTooShort() const { return m_isTooShort; }
+    const CRtString& GetFileName() const final { return m_strFileName; }
+
+    /// State of the file at the last opening of the stream.
     struct Opening {
-        uint32_t count = 0;    ///< streams that were opened so far
-        bool created = false;  ///< there was no file
-        bool stranger = false; ///< there were bytes that this object has neither seen nor written
+        uint32_t count = 0;     ///< streams opened so far
+        bool isCreated = false; ///< the file did not exist
+        bool isForeign =
+            false; ///< not the file, or not the content, that this object left when it closed it
     };
     const Opening& GetOpening() const { return m_opening; }
 
@@ -59,56 +83,44 @@ protected:
     ~CDiskFile() override;
 
 private:
-    friend class CStreamKeeper;
-    struct FailureTexts {
-        const char* operation;
-        const char* step;
-        const char* pathKey;
-    };
-    int Fail(RtOs::Transfer result, const FailureTexts& texts, uint32_t dwLength,
-             uint64_t dwOffset);
+    int Fail(Transfer transfer, RtOs::Transfer result, uint32_t dwLength, uint64_t dwOffset);
     int OpenStream(const CRtString& path, uint32_t flags, int& error);
     void LogOpening(const CRtString& path, int error) const;
-    void LogWrite(uint32_t dwLength, uint64_t dwOffset) const;
-    int NoteOpening(bool created);
-    void CloseStream();
-    bool IsStreamTrue();
+    int NoteOpening(bool isCreated);
+    void CloseStream() final;
+    bool IsForeign(const RtOs::FileStamp& stamp) const;
 
     CRtString m_strFileName;
     const uint32_t m_flags;
-    FILE* m_pFile = nullptr;    // changed by another thread only while the stream is not in use
-    uint64_t m_knownLength = 0; // the file had this many bytes, since the stream was opened
-    RtOs::FileStamp m_left;     // the file, when the stream was closed
-    uint64_t m_lookedAt = 0;    // tick count of the last look at what the path names
-    bool m_isInUse = false;     // by another process, at the latest try to open it
-    bool m_isTooShort = false;  // for the latest read
+    void (*const m_onMissingDirectory)();
+    uint64_t m_knownLength = 0; // the file had this many bytes since the stream was opened
+    RtOs::FileStamp m_left;     // fingerprint of the file when the stream was closed
+    bool m_isLeftKnown = true;  // else only the identity and length in m_left hold
+    uint64_t m_checkedAt = 0;   // tick count of the last CheckPath
+    bool m_isTooShort = false;
     Opening m_opening;
-    uint32_t m_uses = 0; // begun and not ended
-    // The keeper's: links from the least to the most recently used stream, for those not in use.
-    CDiskFile* m_pOlder = nullptr;
-    CDiskFile* m_pNewer = nullptr;
-    bool m_kept = false;
 };
 
-/// The information file: two length-prefixed bodies after four magic bytes. Each operation answers 0,
-/// the failing disk operation's code, or 10015 as said.
+/// The information file: two length-prefixed bodies after four magic bytes. Each operation returns RT_OK,
+/// the failing disk operation's code, or RT_ERROR_NOT_READY where documented.
 class CInfoFile final : public CDiskFile {
 public:
     using CDiskFile::CDiskFile;
 
     int WriteFileInfo(const void* body, uint32_t length);
-    /// 10015 before any file body was written or read: its length places this one.
+    /// RT_ERROR_NOT_READY before a file body was written or read: its length determines the position of the
+    /// block body.
     int WriteBlockInfo(const void* body, uint32_t length);
-    /// `length`: in, the size of the buffer; out, L1. 10008 when L1 is larger; 10015 when the file is no
-    /// information file.
+    /// `length`: in, the size of the buffer; out, L1. RT_ERROR_INVALID_ARG if L1 is larger than the
+    /// buffer; RT_ERROR_NOT_READY if the magic bytes are missing.
     int ReaddFileInfo(void* buffer, uint32_t* length);
-    /// `capacity`: in, the size of the buffer; out, L2. A capacity below L2 only asks for L2.
+    /// `capacity`: in, the size of the buffer; out, L2. A capacity below L2 only queries L2.
     int ReaddBlockInfo(void* buffer, uint32_t* capacity);
 
-    // After a file body was read or written.
-    /// The file loads no more, until a block body is written.
+    // Precondition of the functions below: a file body was read or written.
+    /// Makes the file unloadable until a block body is written.
     int Invalidate();
-    /// The entry at that offset of the file names no bytes any more.
+    /// Makes the entry at offset `at` of the file name no bytes.
     int RevokeEntry(uint32_t at);
     uint32_t GetBlockBodyOffset() const {
         return FM_INFO_BODY_OFFSET + m_fileInfoLen + FM_INFO_LENGTH_SIZE;

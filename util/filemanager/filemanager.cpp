@@ -1,4 +1,4 @@
-// The manager's life, its threads and the registry of open files.
+// The life cycle of the manager, its threads and the registry of open files.
 #include "filemanager.h"
 
 #include <chrono>
@@ -23,7 +23,7 @@ constexpr size_t CLIENT_MEMORY_LIMIT = 67108864;
 
 using CFileManagerHolder = CRtSingletonHolder<CFileManager>;
 
-// Its end, whether it ran or not, is the signal.
+// Destroying the event signals the promise, whether or not it fired.
 class CFMSignal final : public CFMFunctorBase {
 public:
     explicit CFMSignal(std::promise<void> reached) : m_reached(std::move(reached)) {}
@@ -32,7 +32,7 @@ private:
     std::promise<void> m_reached;
 };
 
-// Takes every event, as the queues do: one that cannot be queued is disposed of here.
+// Disposes of an event that has no queue, as a queue does with one that it refuses.
 int Refuse(IRtEvent* event, int result) {
     if (event)
         event->OnDestorySelf();
@@ -45,6 +45,7 @@ int Queue(IRtEventQueue& queue, IRtEvent* event, int sync) {
 
 } // namespace
 
+thread_local bool CFileManager::t_isReadwrThread = false;
 FMCounters g_counters;
 std::atomic<CFileManager*> CFileManager::s_alive{nullptr};
 
@@ -75,8 +76,10 @@ int CFileManager::Initialize(const CRtString& dataDir, uint16_t clearDays, int i
     m_timer.Schedule(this, CRtTimeValue(TICK_SECONDS, 0), 0);
     m_clearDays = clearDays + 1;
     SetDataDir(dataDir);
-    if (m_clearDays == 1)
+    if (m_clearDays == 1) {
+        DropTables();
         ClearDiskCache();
+    }
     CheckDataDir();
     WaitForClearing();
     StartThreads();
@@ -91,6 +94,8 @@ void CFileManager::StartThreads() {
         if (RT_FAILED(ret))
             RT_LOG(RT_LOG_ERROR,
                    "CFileManager::Initialize, Start Local R/W Thread error. ret=" << ret);
+        else // the thread marks itself: FMWaitUntilIdle asks on any thread
+            PostToReadwrThread(new CFMFunctor0(this, &CFileManager::MarkReadwrThread), 0);
     }
     if (!m_pCallerTd)
         m_pCallerTd = CRtThreadManager::Instance()->GetThread(RT_CALLER_THREAD);
@@ -104,7 +109,7 @@ void CFileManager::UnInitialize() noexcept {
     m_timer.Cancel();
     WaitForDisk();
     CloseAllFiles();
-    WaitForDisk(); // for what was tried once more
+    WaitForDisk(); // for the stores that were retried
     StopReadwrThread();
     WriteWaitingInfo();
     m_pCallerTd = nullptr;
@@ -114,15 +119,15 @@ void CFileManager::UnInitialize() noexcept {
     RT_LOG(RT_LOG_TRACE, "CFileManager::UnInitialize, End. ");
 }
 
-// A disk may take its time, and whoever waits for it wants to know what for.
+// The disk may be slow: the log says which files the stop waits for.
 void CFileManager::WaitForDisk() {
-    constexpr std::chrono::milliseconds patience(500);
+    constexpr std::chrono::milliseconds first(500);
     constexpr std::chrono::seconds interval(10);
     std::promise<void> reached;
     std::future<void> isReached = reached.get_future();
     if (!m_pReadwrTd || RT_FAILED(PostToReadwrThread(new CFMSignal(std::move(reached)), 0)))
         return;
-    if (isReached.wait_for(patience) == std::future_status::ready)
+    if (isReached.wait_for(first) == std::future_status::ready)
         return;
     do {
         RT_LOG(RT_LOG_WARNING, "CFileManager::UnInitialize, waiting for the disk, in use:"
@@ -131,18 +136,18 @@ void CFileManager::WaitForDisk() {
 }
 
 void CFileManager::CloseAllFiles() {
-    // A copy: releasing a block runs code of the application's, which may open and detach files.
+    // A copy: releasing a block runs code of the application, which may open and detach files.
     const FileMap files = m_id2files;
     for (const auto& [id, file] : files)
         file->Close(1);
     FileMap emptied;
     {
-        const std::lock_guard lock(m_registryMutex);
+        const auto lock = m_live.Lock();
         m_id2files.swap(emptied);
     }
-    // Those that were displaced were never closed: their blocks and they would hold each other for ever,
-    // and one that still has its path to itself has something to save.
-    for (const FileRef& file : GetLiveFiles(nullptr))
+    // Displaced files were never closed: a file and its blocks reference each other, and a file that still
+    // owns its path has a table to save.
+    for (const FileRef& file : m_live.Get(nullptr))
         file->Close(1);
 }
 
@@ -156,14 +161,21 @@ void CFileManager::StopReadwrThread() {
     m_pReadwrTd = nullptr;
 }
 
-// Files that were closed may still wait to be written; the stores that they speak of have run by now.
+// Closed files may have a pending table; the stores that it names have ended by now.
 void CFileManager::WriteWaitingInfo() {
-    for (const FileRef& file : GetLiveFiles(nullptr)) {
-        if (m_clearDays == 1)
-            file->DropWaitingInfo();
-        else
-            file->SaveWaitingInfo();
+    if (m_clearDays == 1)
+        DropTables();
+    for (const FileRef& file : m_live.Get(nullptr)) {
+        file->SaveFileInfo_m();
+        file->GetEntry().CloseStreams(); // pending events and users may keep the object
     }
+}
+
+// The cache is cleared: no table that waits is written into it afterwards.
+void CFileManager::DropTables() {
+    for (const FileRef& file : m_live.Get(nullptr))
+        file->DropTable();
+    m_live.DropUnsaved();
 }
 
 int CFileManager::PostToReadwrThread(IRtEvent* aFunctor, int sync) {
@@ -184,10 +196,6 @@ int CFileManager::PostToCallerThread(IRtEvent* aFunctor, int sync) {
     return Queue(*m_pCallerTd->GetEventQueue(), aFunctor, sync);
 }
 
-bool CFileManager::WithdrawFromReadwrThread(IRtEvent* aFunctor) {
-    return m_pReadwrTd && m_pReadwrTd->GetEventQueue()->WithdrawEvent(aFunctor);
-}
-
 uint32_t CFileManager::GetReadwrThreadID() { return m_pReadwrTd ? m_pReadwrTd->GetThreadId() : 0; }
 
 int CFileManager::Random(int aMax) {
@@ -196,7 +204,7 @@ int CFileManager::Random(int aMax) {
     return std::rand() % aMax;
 }
 
-CFMBlock* CFileManager::CreateBlock(CFMFile* file, uint32_t blockID, uint64_t now) {
+CFMBlock* CFileManager::CreateBlock(CFMBlockOwner* file, uint32_t blockID, uint64_t now) {
     if (m_isServer)
         return new (std::nothrow) CFMServerBlock(file, blockID, now);
     return new (std::nothrow) CFMClientBlock(file, blockID, now);
@@ -204,35 +212,14 @@ CFMBlock* CFileManager::CreateBlock(CFMFile* file, uint32_t blockID, uint64_t no
 
 // --- Registry -----------------------------------------------------------------------------------
 
-// Marks an identifier as being opened. Waits for housekeeping to finish with that one file first.
-class CFileManager::COpening {
-public:
-    COpening(CFileManager& manager, const FMFileID& id) : m_manager(manager) {
-        std::unique_lock lock(m_manager.m_registryMutex);
-        m_manager.m_claimEnded.wait(
-            lock, [&] { return !m_manager.m_claimed || !(m_manager.m_claimedID == id); });
-        m_manager.m_openingID = id;
-    }
-    ~COpening() {
-        const std::lock_guard lock(m_manager.m_registryMutex);
-        m_manager.m_openingID = FMFileID_None;
-    }
-    COpening(const COpening&) = delete;
-    COpening& operator=(const COpening&) = delete;
-
-private:
-    CFileManager& m_manager;
-};
-
 int CFileManager::CreateFile(IFMFile*& file, const FMFileInfo& fileInfo) noexcept {
     if (!RT_CHECK(SOURCE, !(FMFileID_None == fileInfo.fileID), "FMFileID_None != fileInfo.fileID"))
         return RT_ERROR_INVALID_ARG;
     CheckValid();
-    SettlePredecessors(fileInfo.fileID);
-    const COpening opening(*this, fileInfo.fileID);
     FileRef created(new (std::nothrow) CFMFile(fileInfo));
-    if (!RT_CHECK(SOURCE, created.Get(), "file.Get()") || !created->HasDiskFiles())
+    if (!RT_CHECK(SOURCE, created.Get(), "file.Get()"))
         return RT_ERROR_NULL_OBJECT;
+    DetachPredecessors(fileInfo.fileID);
     RegisterFile(created, fileInfo.fileID);
     file = created.Detach();
     return RT_OK;
@@ -255,83 +242,80 @@ int CFileManager::OpenFile(IFMFile*& file, const FMFileID& fileHandle, int load)
 CFMFile* CFileManager::LoadFile(const CRtString& stem) {
     FMFileID pathID;
     FMFileIDFromString(stem, pathID);
-    SettlePredecessors(pathID);
-    const COpening opening(*this, pathID);
+    // An object that the stored identifier names differently may have the path open.
+    for (const FileRef& file : m_live.Get(&pathID)) {
+        const auto it = m_id2files.find(file->GetFileInfo().fileID);
+        if (it != m_id2files.end() && it->second.Get() == file.Get())
+            return file.Get(); // the registry's reference keeps it
+    }
+    if (!SettlePredecessors(pathID))
+        return nullptr;
+    const CFMLiveFiles::CClaim claim(m_live, pathID, CFMLiveFiles::CClaim::WAIT);
     FileRef file(new (std::nothrow) CFMFile(stem));
-    // Without information there is nothing to load, and a data file that another process is just making
-    // is not taken from it.
+    // Without an information file there is nothing to load. Do not lock the data file then: another process may
+    // be creating it.
     const bool isThere = FileExists(m_dataDir + stem + ".sdi");
-    if (file && isThere && !file->TakeDiskFile()) {
+    if (file && isThere && !file->GetEntry().TakeDataFile()) {
         RT_LOG(RT_LOG_WARNING,
                "CFileManager::LoadFile, another process has the file, fileID=" << stem);
         return nullptr;
     }
     if (file && file->LoadFileInfo() && isThere && file->LoadBlokInfo()) {
+        for (const FileRef& predecessor : m_live.Get(&pathID))
+            predecessor->GetEntry().Detach(); // it has no queued jobs
         RegisterFile(file, file->GetFileInfo().fileID);
-        return file.Get(); // the registry's reference keeps it
+        return file.Get(); // the registry's reference keeps it alive
     }
     return nullptr;
 }
 
-// What an earlier object of the same path has queued runs first, and its information is written: a file
-// that was just closed is found as it was left, and nothing of it runs beside the new object.
-void CFileManager::SettlePredecessors(const FMFileID& pathID) {
-    const std::vector<FileRef> predecessors = GetLiveFiles(&pathID);
-    {
-        const std::lock_guard lock(m_registryMutex);
-        if (!m_liveFiles.contains(pathID)) // one without a reference is being destroyed over there
-            return;
-    }
-    if (m_pReadwrTd)
+// Before a load: waits until the jobs of predecessors on the path have run and their tables are written. False
+// if a table cannot be written: the files on disk are then older than the file that the caller has closed.
+bool CFileManager::SettlePredecessors(const FMFileID& pathID) {
+    if (!m_live.Contains(pathID))
+        return true;
+    if (m_pReadwrTd) // also for a predecessor that is being destroyed there
         PostToReadwrThread(new CFMFunctorBase, 1);
-    for (const FileRef& file : predecessors) {
-        file->SaveWaitingInfo();
-        file->CloseStreams();
+    bool isSettled = true;
+    for (const FileRef& file : m_live.Get(&pathID)) {
+        file->SaveFileInfo_m();
+        file->GetEntry().CloseStreams();
+        isSettled = isSettled && !file->HasUnsavedTable();
+    }
+    if (!isSettled)
+        RT_LOG(RT_LOG_WARNING, "CFileManager::LoadFile, the table of an earlier object could not "
+                               "be written, fileID="
+                                   << FMFileIDToString(pathID));
+    return isSettled;
+}
+
+// A new file takes the path over after the jobs of its predecessors have run. CreateFile does not wait for
+// that: both use the same queue.
+void CFileManager::DetachPredecessors(const FMFileID& pathID) {
+    for (const FileRef& file : m_live.Get(&pathID)) {
+        if (m_pReadwrTd)
+            PostToReadwrThread(new CFMRefFunctor0(file.Get(), &CFMFile::Detach_m), 0);
+        else
+            file->Detach_m();
     }
 }
 
 void CFileManager::RegisterFile(const FileRef& file, const FMFileID& id) {
-    for (const FileRef& predecessor : GetLiveFiles(&file->GetPathID()))
-        predecessor->Retire();
     file->SetRegistered();
     FileRef displaced = file;
-    const std::lock_guard lock(m_registryMutex);
-    m_liveFiles.emplace(file->GetPathID(), file.Get());
+    const auto lock = m_live.Lock();
+    m_live.Add(file->GetPathID(), file.Get());
     std::swap(m_id2files[id], displaced); // released after the lock
 }
 
 void CFileManager::UnregisterFile(const FMFileID& id, const CFMFile* file) {
     FileRef erased;
-    const std::lock_guard lock(m_registryMutex);
+    const auto lock = m_live.Lock();
     const auto it = m_id2files.find(id);
     if (it == m_id2files.end() || it->second.Get() != file)
-        return; // closing it has run code that opened another
+        return; // closing has run application code, which opened another file
     erased = std::move(it->second);
     m_id2files.erase(it);
-}
-
-void CFileManager::ForgetFile(CFMFile* file) {
-    const std::lock_guard lock(m_registryMutex);
-    const auto [first, last] = m_liveFiles.equal_range(file->GetPathID());
-    for (auto it = first; it != last; ++it) {
-        if (it->second == file) {
-            m_liveFiles.erase(it);
-            return;
-        }
-    }
-}
-
-// All of them, or those of one path.
-std::vector<CFileManager::FileRef> CFileManager::GetLiveFiles(const FMFileID* pathID) {
-    std::vector<FileRef> files;
-    const std::lock_guard lock(m_registryMutex);
-    auto [it, last] = pathID ? m_liveFiles.equal_range(*pathID)
-                             : std::pair(m_liveFiles.begin(), m_liveFiles.end());
-    for (; it != last; ++it) {
-        if (it->second->TryAddReference())
-            files.push_back(FileRef::Adopt(it->second));
-    }
-    return files;
 }
 
 int CFileManager::FindFile(const FMFileID& fileHandle, FileRef& file) {
@@ -395,12 +379,12 @@ int CFileManager::IsFileOpen(const CRtString& stem) {
     int answer = 0;
     auto* functor =
         new CFMFunctor2(this, &CFileManager::IsFileOpen_m, id, std::reference_wrapper(answer));
-    PostToReadwrThread(functor, 1); // a posting that fails leaves the answer 0
+    PostToReadwrThread(functor, 1); // if posting fails, the result stays 0
     return answer;
 }
 
 void CFileManager::IsFileOpen_m(const FMFileID& id, int& answer) {
-    const std::lock_guard lock(m_registryMutex);
+    const auto lock = m_live.Lock();
     answer = m_id2files.contains(id) ? 1 : 0;
 }
 
@@ -411,4 +395,40 @@ int CFileManager::CheckValid() {
                    RT_CHECK(SOURCE, m_init, "m_init")
                ? 1
                : 0;
+}
+
+// --- FMHost -------------------------------------------------------------------------------------
+
+int FMHost::PostToReadwrThread(IRtEvent* event, int sync) {
+    return CFileManager::Instance()->PostToReadwrThread(event, sync);
+}
+int FMHost::PostToCallerThread(IRtEvent* event, int sync) {
+    return CFileManager::Instance()->PostToCallerThread(event, sync);
+}
+bool FMHost::IsReadwrThread() {
+    return CRtThreadManager::GetThreadSelfId() == CFileManager::Instance()->GetReadwrThreadID();
+}
+bool FMHost::HasCallerThread() { return CFileManager::Instance()->HasCallerThread(); }
+void FMHost::AddMemory(uint32_t length) { CFileManager::Instance()->AddMemory(length); }
+void FMHost::SubtractMemory(uint32_t length) {
+    if (CFileManager* manager = CFileManager::IfAlive())
+        manager->SubtractMemory(length);
+}
+bool FMHost::IsMemoryFarAboveLimit() {
+    const CFileManager& manager = *CFileManager::Instance();
+    return manager.GetMemoryInUse() > 2 * manager.GetMemoryLimit();
+}
+int FMHost::Random(int max) { return CFileManager::Instance()->Random(max); }
+CFMBlock* FMHost::CreateBlock(CFMBlockOwner* file, uint32_t blockID, uint64_t now) {
+    return CFileManager::Instance()->CreateBlock(file, blockID, now);
+}
+const CRtString& FMHost::GetDataDir() { return CFileManager::Instance()->GetDataDir(); }
+void FMHost::CheckDataDir() { CFileManager::Instance()->CheckDataDir(); }
+int FMHost::GetClearDays() { return CFileManager::Instance()->GetClearDays(); }
+void FMHost::ForgetFile(CFMFile* file) {
+    if (CFileManager* manager = CFileManager::IfAlive())
+        manager->GetLiveFiles().Forget(file->GetPathID(), file);
+}
+void FMHost::KeepUnsaved(CFMFile* file) {
+    CFileManager::Instance()->GetLiveFiles().KeepUnsaved(file);
 }

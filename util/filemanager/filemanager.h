@@ -1,13 +1,10 @@
-// CFileManager: the one file manager of the process, behind IFileManager.
+// CFileManager: the only file manager of the process, implements IFileManager.
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
-#include <vector>
 
 #include "IFileManager.h"
 #include "RtReferenceControl.h"
@@ -15,33 +12,22 @@
 #include "RtTimeValue.h"
 #include "RtTimer.h"
 #include "fmfile.h"
+#include "fmhost.h"
+#include "fmlivefiles.h"
+#include "housekeeping.h"
 #include "os/RtOs.h"
-
-class CFMBlock;
 
 constexpr uint32_t cmax_check_files = 131072;
 
-/// Process-wide counters of the statistics line. Any thread adds, atomically.
-struct FMCounters {
-    std::atomic<uint32_t> filesCreated{0};
-    std::atomic<uint32_t> filesDestroyed{0};
-    std::atomic<uint32_t> blocksCreated{0};
-    std::atomic<uint32_t> blocksDestroyed{0};
-    std::atomic<uint32_t> timeSetOwner{0}; // milliseconds, as the two below
-    std::atomic<uint32_t> timeGetOwner{0};
-    std::atomic<uint32_t> timeGetOwners{0};
-};
-extern FMCounters g_counters;
-
 /// Threads: the operations of IFileManager, the timer and everything they call run on the caller
-/// thread. The members whose names end in _m, and what housekeeping uses, run on the read/write thread.
-/// What both touch says so below.
+/// thread. Members whose names end in _m, and those that housekeeping calls, run on the read/write thread.
+/// Members that both threads use are marked below.
 class CFileManager final : public IFileManager, public CRtTimerWrapperSink {
 public:
     CFileManager();
 
     static CFileManager* Instance();
-    /// Null instead of a new manager, for what is destroyed after the manager at process end.
+    /// Never creates the manager: null at process end, for objects that are destroyed after it.
     static CFileManager* IfAlive() { return s_alive.load(std::memory_order_acquire); }
 
     int Initialize(const CRtString& dataDir, uint16_t clearDays, int isServer) noexcept override;
@@ -63,22 +49,19 @@ public:
     // disposed of in any case. Any thread may post.
     int PostToReadwrThread(IRtEvent* aFunctor, int sync);
     int PostToCallerThread(IRtEvent* aFunctor, int sync);
-    /// Takes a posted event back, if it has not begun; true when it is disposed of.
-    bool WithdrawFromReadwrThread(IRtEvent* aFunctor);
-    /// Null when the thread is gone, as for what the end of the process runs.
-    IRtEventQueue* GetReadwrQueue() { return m_pReadwrTd ? m_pReadwrTd->GetEventQueue() : nullptr; }
+    bool HasCallerThread() const { return m_pCallerTd != nullptr; }
+    /// Any thread.
+    static bool IsOnReadwrThread() { return t_isReadwrThread; }
     uint32_t GetReadwrThreadID();
 
     int Random(int aMax);
-    /// A new block of this process's kind without a reference, or null. Whoever makes a whole
-    /// table of them asks for the time once.
-    CFMBlock* CreateBlock(CFMFile* file, uint32_t blockID, uint64_t now = GetTickCountEx());
+    /// A new block of this process's kind without a reference, or null.
+    CFMBlock* CreateBlock(CFMBlockOwner* file, uint32_t blockID, uint64_t now = GetTickCountEx());
 
     // Registry.
     int IsFileOpen(const CRtString& stem);
     void IsFileOpen_m(const FMFileID& id, int& answer);
-    /// The end of a file that RegisterFile has entered; any thread.
-    void ForgetFile(CFMFile* file);
+    CFMLiveFiles& GetLiveFiles() { return m_live; }
 
     // Data directory. The paths are written once, before the read/write thread starts.
     int CheckDataDir();
@@ -90,11 +73,11 @@ public:
 
     // Clearing and housekeeping.
     static int IsOtherProcessAlive(const CRtString& name);
-    /// Begins a run over the data directory; ExamineNext_m goes on with one file per event, so that
-    /// nobody who waits for the read/write thread waits for the whole run.
+    /// Starts a run over the data directory. ExamineNext_m continues with one file per event, so that other
+    /// events do not wait for the whole run.
     void HouseKeeping_m();
     void ExamineNext_m();
-    bool IsHouseKeepingPosted() const { return m_houseKeepingPosted; }
+    bool IsHouseKeepingPosted() const { return m_houseKeeping.IsRunning(); }
     int GetClearDays() const { return m_clearDays; }
 
     // Bytes of block data in memory; any thread.
@@ -113,23 +96,21 @@ private:
     void WaitForDisk();
     void CloseAllFiles();
     void WriteWaitingInfo();
+    void DropTables();
+    void MarkReadwrThread() { t_isReadwrThread = true; }
 
     CFMFile* LoadFile(const CRtString& stem);
     int FindFile(const FMFileID& fileHandle, FileRef& file);
     int FindAttachable(const FMFileID& fileHandle, FileRef& file);
     void RegisterFile(const FileRef& file, const FMFileID& id);
     void UnregisterFile(const FMFileID& id, const CFMFile* file);
-    std::vector<FileRef> GetLiveFiles(const FMFileID* pathID);
-    void SettlePredecessors(const FMFileID& pathID);
-    bool ClaimForHouseKeeping(const FMFileID& id);
-    /// While it lives, housekeeping leaves the identifier's files alone.
-    class COpening;
+    bool SettlePredecessors(const FMFileID& pathID);
+    void DetachPredecessors(const FMFileID& pathID);
 
     void LogStatistics(const char* occasion);
     void MemoyCollect();
     void RetryFailedStores();
     void CheckHouseKeeping();
-    void EndHouseKeeping();
     void ExamineFile(const CRtString& stem);
 
     void SetDataDir(const CRtString& dataDir);
@@ -148,9 +129,10 @@ private:
                            const CRtString& name);
 
     static std::atomic<CFileManager*> s_alive;
+    static thread_local bool t_isReadwrThread;
 
-    // m_id2files is changed on the caller thread only, under m_registryMutex; that thread reads it
-    // without, others under it.
+    // Only the caller thread changes it, under the lock of m_live, and reads it without the lock. Other threads
+    // read it under the lock.
     FileMap m_id2files;
     const FMBlockTable m_emptyBlocks;
     CRtThread* m_pReadwrTd = nullptr;
@@ -159,26 +141,15 @@ private:
     CRtString m_rootDir;
     CRtString m_dataDir;
     int m_isServer = 0;
-    std::atomic<size_t> m_memoCur{0}; // both threads; as wide as the address, as its limit
+    std::atomic<size_t> m_memoCur{0}; // both threads
     size_t m_memoMax = 64;
     CRtTimerWrapper m_timer;
     int32_t m_statCountdown = 0;
     int32_t m_clearDays = 7;
     std::atomic<uint32_t> m_lastHouseKeeping{0}; // seconds; written on the read/write thread
 
-    bool m_rootIsOurs = false;                     // nothing but the cache lies in m_rootDir
-    std::atomic<bool> m_houseKeepingPosted{false}; // queued or running; both threads
-    std::unique_ptr<RtOs::DirectoryWalk> m_houseKeepingWalk; // read/write thread
-
-    // The small lock between the registry and the read/write thread. Nothing is released, called or
-    // waited for under it but the claim.
-    std::mutex m_registryMutex;
-    std::unique_ptr<RtOs::DirectoryUse> m_dataDirUse; // tells other processes; under the lock
-    std::condition_variable m_claimEnded;
-    // Every file that was registered and still lives, by the identifier that its path spells: a closed
-    // one may have work queued or be held by its users.
-    std::multimap<FMFileID, CFMFile*> m_liveFiles;
-    FMFileID m_openingID = FMFileID_None; // being created or loaded on the caller thread
-    FMFileID m_claimedID = FMFileID_None; // being examined by housekeeping
-    bool m_claimed = false;
+    bool m_rootIsOurs = false; // m_rootDir contains nothing but the cache
+    CHouseKeeping m_houseKeeping;
+    CFMLiveFiles m_live;
+    std::unique_ptr<RtOs::DirectoryUse> m_dataDirUse; // shared lock; guarded by the lock of m_live
 };

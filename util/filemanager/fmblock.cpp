@@ -1,17 +1,16 @@
-// The block: its bytes in memory, writes and reads.
+// The block: its buffer, writes, reads, stores and loads.
 #include "fmblock.h"
 
 #include <algorithm>
+#include <array>
+#include <cassert>
+#include <thread>
+#include <utility>
 
 #include "RtLog.h"
 #include "RtResult.h"
-#include "RtThreadManager.h"
 #include "RtTimeValue.h"
-#include "diskfile.h"
-#include "filemanager.h"
-#include "fmfile.h"
-#include "fmfunctor.h"
-#include "streamkeeper.h"
+#include "fmhost.h"
 
 namespace {
 
@@ -22,15 +21,23 @@ constexpr int64_t IDLE_MS_WHEN_FULL = 120000;
 
 int64_t MsSince(uint64_t tick) { return static_cast<int64_t>(GetTickCountEx() - tick); }
 
+void CheckReadwrThread() {
+    RT_CHECK(SOURCE, FMHost::IsReadwrThread(),
+             "CRtThreadManager::GetThreadSelfId() == "
+             "CFileManager::Instance()->GetReadwrThreadID()");
+}
+
 } // namespace
 
-CFMBlock::CFMBlock(CFMFile* file, uint32_t blockID, uint64_t now)
+CFMBlock::CFMBlock(CFMBlockOwner* file, uint32_t blockID, uint64_t now)
     : m_file(file), m_blockID(blockID), m_lastAccessTime(now) {
     ++g_counters.blocksCreated;
     RT_LOG(RT_LOG_TRACE, "CFMBlock::CFMBlock, blockID=" << m_blockID << " this=" << this);
 }
 
-CFMBlock::~CFMBlock() {
+CFMBlock::~CFMBlock() = default;
+
+void CFMBlock::ReleaseMembers() {
     ++g_counters.blocksDestroyed;
     RT_LOG(RT_LOG_TRACE, "CFMBlock::~CFMBlock, blockID=" << m_blockID << ",readsinks="
                                                          << uint64_t{m_readsinks.size()}
@@ -38,15 +45,30 @@ CFMBlock::~CFMBlock() {
     m_retrieves.clear();
     m_readsinks.clear();
     FreeData();
+    m_owners.clear();
 }
-
-IFMFile* CFMBlock::GetFile() { return m_file.Get(); }
-const FMFileID& CFMBlock::GetFileID() { return m_file->GetFileInfo().fileID; }
 
 bool CFMBlock::IsAlive() {
     if (IsComplete())
         return true;
     return m_position != 0 && MsSince(m_lastAccessTime) < ALIVE_MS;
+}
+
+FMBlockState CFMBlock::GetState() const {
+    switch (m_state.load(std::memory_order_acquire)) {
+    case State::Empty:
+        return BLOCK_STATE_EMPTY;
+    case State::Filling:
+        return BLOCK_STATE_FILLING;
+    case State::Stored:
+        return BLOCK_STATE_STORED;
+    default:
+        return BLOCK_STATE_COMPLETE;
+    }
+}
+
+bool CFMBlock::IsGiven(const void* object, const char* expression) {
+    return RT_CHECK(SOURCE, object, expression);
 }
 
 bool CFMBlock::CheckValid() {
@@ -69,7 +91,7 @@ void CFMBlock::AllocData() {
     m_data = CRtMessageBlock::Create(m_totalLen);
     if (!m_data)
         return;
-    CFileManager::Instance()->AddMemory(m_totalLen);
+    FMHost::AddMemory(m_totalLen);
     m_file->MarkDataInMemory();
 }
 
@@ -77,8 +99,7 @@ void CFMBlock::FreeData() {
     if (!m_data)
         return;
     m_data.reset();
-    if (CFileManager* manager = CFileManager::IfAlive())
-        manager->SubtractMemory(m_totalLen);
+    FMHost::SubtractMemory(m_totalLen);
 }
 
 void CFMBlock::SetData(CRtMessageBlock* aData) {
@@ -88,32 +109,25 @@ void CFMBlock::SetData(CRtMessageBlock* aData) {
     m_data = aData->DuplicateChained();
     if (!m_data)
         return;
-    CFileManager::Instance()->AddMemory(m_totalLen);
+    FMHost::AddMemory(m_totalLen);
     m_file->MarkDataInMemory();
 }
 
 bool CFMBlock::FreeMemory() noexcept {
-    if (m_state != BLOCK_STATE_STORED || !m_data)
+    if (!m_data || !IsStored())
         return m_data != nullptr;
-    CFileManager* manager = CFileManager::Instance();
-    const bool full = 2 * manager->GetMemoryLimit() < manager->GetMemoryInUse();
-    if (MsSince(m_lastAccessTime) <= (full ? IDLE_MS_WHEN_FULL : IDLE_MS))
+    const int64_t limit = FMHost::IsMemoryFarAboveLimit() ? IDLE_MS_WHEN_FULL : IDLE_MS;
+    if (MsSince(m_lastAccessTime) <= limit)
         return true;
-    if (!m_file->GetDiskFile())
-        return true; // nothing would bring them back
-    if (const auto lock = m_file->LockTransfer(); IsLost())
-        return true; // a tick stores it again
+    // If the path belongs to another object, the bytes could not be loaded again. If they are lost on disk, a
+    // tick stores them again.
+    if (!m_file->GetDiskFile() || m_epoch != m_file->GetEntry().GetEpoch())
+        return true;
     RT_LOG(RT_LOG_TRACE, "CFMBlock::FreeMemory, fileID=" << FMFileIDToString(GetFileID())
                                                          << ",blockID=" << m_blockID
                                                          << " this=" << this);
     FreeData();
     return false;
-}
-
-// Its bytes are on disk no more, or may be another block's. Under the transfer mutex.
-bool CFMBlock::IsLost() const {
-    return m_origin.isDoubtful ||
-           m_file->IsInGap(m_gapsBefore, m_posInFile, m_posInFile + m_totalLen);
 }
 
 // --- Writing ------------------------------------------------------------------------------------
@@ -123,46 +137,37 @@ int CFMBlock::WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* da
     CheckValid();
     if (const int result = CheckPiece(blockLen, dataPos, data); RT_FAILED(result))
         return result;
-    const bool rewrite = dataPos != m_position;
-    if (!rewrite && IsComplete())
+    const bool isRewrite = dataPos != m_position;
+    if (!isRewrite && IsComplete())
         return RT_OK; // an empty piece at the end
-    // Nothing would find the bytes any more, and what is queued for the disk has been promised to the
-    // information file.
+    // Nothing would find the bytes any more.
     if (m_file->IsClosed())
         return RT_ERROR_NOT_READY;
 
-    // The caller may hand in a chain of this very block, whose bytes a rewrite ends.
-    const CRtMessageChain kept = rewrite ? data->DuplicateChained() : nullptr;
-    if (rewrite && !kept)
+    // The chain may contain the bytes of this block, which a rewrite releases.
+    const CRtMessageChain kept = isRewrite ? data->DuplicateChained() : nullptr;
+    if (isRewrite && !kept)
         return RT_ERROR_NULL_OBJECT;
-    if (rewrite) // before the lock, as the line goes to the application
-        RT_LOG(RT_LOG_WARNING, "CFMBlock::WriteData, rewrite data! m_position="
-                                   << m_position << ",m_totalLen=" << m_totalLen << ",blockLen="
-                                   << blockLen << ",dataPos=" << dataPos << " this=" << this);
-    if (const int result = BeginPiece(blockLen, rewrite); RT_FAILED(result))
-        return result;
-    uint32_t position = m_position;
-    const CRtMessageBlock* piece = kept ? kept.get() : data;
-    for (; piece; piece = piece->GetNext()) {
+    if (isRewrite)
+        BeginRewrite(blockLen);
+    if (!m_data) {
+        if (const int result = PrepareBuffer(blockLen); RT_FAILED(result))
+            return result;
+    }
+    assert(m_state == State::Filling); // invariant 6
+    for (const CRtMessageBlock* piece = kept ? kept.get() : data; piece; piece = piece->GetNext()) {
         const uint32_t length = piece->GetTopLevelLength();
         m_data->Write(piece->GetTopLevelReadPtr(), length);
-        position += length;
+        m_position += length;
     }
-    if (position == m_totalLen)
-        Complete();
-    else
-        m_position = position;
-    return RT_OK;
-}
-
-// Makes the buffer that the piece goes to, if there is none yet.
-int CFMBlock::BeginPiece(uint32_t blockLen, bool rewrite) {
-    if (!rewrite && m_data)
+    if (m_position < m_totalLen)
         return RT_OK;
-    const auto lock = m_file->LockTransfer();
-    if (rewrite)
-        BeginRewrite(blockLen);
-    return PrepareBuffer(blockLen);
+    if (m_posInFile == 0) {
+        m_file->AllocPosition(m_posInFile, m_totalLen);
+        m_file->MarkInfoChanged();
+    }
+    PostStore();
+    return RT_OK;
 }
 
 // Nothing has been changed yet when a piece is refused.
@@ -184,56 +189,232 @@ int CFMBlock::CheckPiece(uint32_t blockLen, uint32_t dataPos, const CRtMessageBl
 }
 
 void CFMBlock::BeginRewrite(uint32_t blockLen) {
-    WithdrawStore();
+    RT_LOG(RT_LOG_WARNING, "CFMBlock::WriteData, rewrite data! m_position="
+                               << m_position << ",m_totalLen=" << m_totalLen
+                               << ",blockLen=" << blockLen << ",dataPos=0 this=" << this);
+    m_file->MarkInfoChanged(); // the table on disk names superseded bytes
+    CRtMessageChain withdrawn;
+    CFMStores& stores = m_file->GetStores();
+    const auto lock = stores.LockShared();
+    if (m_store)
+        withdrawn = stores.Withdraw(*std::exchange(m_store, nullptr));
     FreeData();
-    m_file->MarkInfoChanged(); // the bytes of the entry that stands are gone for the caller
+    m_serial = stores.NextSerial();
+    m_state.store(State::Filling, std::memory_order_release);
     m_position = 0;
-    if (m_totalLen != blockLen || m_origin.placeIsShared)
-        Forget();
+    if (m_totalLen != blockLen)
+        ForgetLength();
 }
 
-// Which bytes it had, and where.
-void CFMBlock::Forget() {
+void CFMBlock::ForgetLength() {
     m_posInFile = 0;
     m_totalLen = 0;
-    m_origin = {};
 }
 
+// In state Empty or Filling: no job of the read/write thread reads the block.
 int CFMBlock::PrepareBuffer(uint32_t blockLen) {
-    if (m_data)
-        return RT_OK;
     if (m_totalLen == 0) {
         m_totalLen = blockLen;
-        m_posInFile = 0; // a place that was stored with no length belongs to nobody
+        m_posInFile = 0; // a stored entry without length owns no place
         m_file->MarkInfoChanged();
     } else {
         RT_CHECK(SOURCE, m_totalLen == blockLen, "m_totalLen == blockLen");
     }
-    m_state = BLOCK_STATE_FILLING;
-    m_staleLoads = m_loadsUnderWay; // they were asked for bytes that are no more
+    m_state.store(State::Filling, std::memory_order_release);
     AllocData();
     if (RT_CHECK(SOURCE, m_data, "m_data"))
         return RT_OK;
-    Forget(); // the next piece may be of a length that there is memory for
-    m_state = BLOCK_STATE_EMPTY;
+    ForgetLength(); // the next piece may have a length that can be allocated
+    m_state.store(State::Empty, std::memory_order_release);
     return RT_ERROR_NULL_OBJECT;
 }
 
-void CFMBlock::Complete() {
+// --- The store ----------------------------------------------------------------------------------
+
+void CFMBlock::PostStore() {
+    CRtMessageChain bytes = m_data->DuplicateChained();
+    CFMStoreEvent* event = nullptr;
     {
-        const auto lock = m_file->LockTransfer();
-        m_position = m_totalLen;
-        m_state = BLOCK_STATE_COMPLETE;
-        if (m_posInFile == 0) {
-            m_file->AllocPosition(m_posInFile, m_totalLen);
-            m_origin = {}; // what an entry names stays as it is
-            m_file->MarkInfoChanged();
+        CFMStores& stores = m_file->GetStores();
+        const auto lock = stores.LockShared();
+        m_serial = stores.NextSerial();
+        if (bytes) {
+            event = new CFMStoreEvent(this, m_serial, m_posInFile, std::move(bytes));
+            stores.Add(*event);
+            m_store = event;
+            m_state.store(State::Queued, std::memory_order_release);
+        } else {
+            FailStore();
         }
     }
-    PostStore();
+    if (event) // if posting fails, disposing of the event ends the store as failed
+        FMHost::PostToReadwrThread(event, 0);
+}
+
+void CFMBlock::RetryStore() {
+    if (!m_data || !IsComplete())
+        return;
+    bool isWanted = false;
+    {
+        const auto lock = m_file->GetStores().LockShared();
+        isWanted =
+            m_state == State::Failed || (IsOnDisk() && m_epoch != m_file->GetEntry().GetEpoch());
+    }
+    if (isWanted)
+        PostStore();
+}
+
+CFMStoreEvent::~CFMStoreEvent() {
+    if (m_hasRun)
+        return;
+    CRtMessageChain withdrawn;
+    CFMStores& stores = m_block->m_file->GetStores();
+    auto lock = stores.LockShared();
+    while (
+        IsTaken()) { // refused after an earlier event had taken it along: at the end of the process
+        lock.unlock();
+        std::this_thread::yield();
+        lock.lock();
+    }
+    withdrawn = stores.Withdraw(*this);
+    if (withdrawn && m_block->m_serial == GetSerial())
+        m_block->FailStore();
+}
+
+int CFMStoreEvent::OnEventFire() {
+    m_hasRun = true;
+    std::array<CFMStore*, RtOs::PIECES_MAX> taken;
+    CFMStores& stores = m_block->m_file->GetStores();
+    size_t count = 0;
+    {
+        const auto lock = stores.LockShared();
+        count = stores.TakeBatch(*this, taken);
+        for (size_t i = 0; i < count; ++i) {
+            CFMBlock& block = *static_cast<CFMStoreEvent*>(taken[i])->m_block.Get();
+            block.m_store = nullptr;
+            block.m_state.store(CFMBlock::State::Writing, std::memory_order_release);
+        }
+    }
+    const std::span<CFMStore* const> batch(taken.data(), count);
+    if (count > 1 && WriteTogether(batch))
+        return 0;
+    for (CFMStore* store : batch)
+        static_cast<CFMStoreEvent*>(store)->m_block->WriteToFile(store->GetBytes(), *store);
+    return 0;
+}
+
+// False if the stores have to be written one by one.
+bool CFMStoreEvent::WriteTogether(std::span<CFMStore* const> batch) {
+    CheckReadwrThread();
+    std::array<RtOs::Piece, RtOs::PIECES_MAX> pieces;
+    std::ranges::transform(batch, pieces.begin(), [](const CFMStore* store) {
+        return RtOs::Piece{store->GetBytes()->GetTopLevelReadPtr(), store->GetLength()};
+    });
+    CFMBlockOwner& file = *static_cast<CFMStoreEvent*>(batch.front())->m_block->m_file;
+    const CFMDiskEntry::Stored stored =
+        file.GetEntry().Store({pieces.data(), batch.size()}, batch.front()->GetPos());
+    if (RT_FAILED(stored.result))
+        return false;
+    const auto lock = file.GetStores().LockShared();
+    for (CFMStore* store : batch)
+        static_cast<CFMStoreEvent*>(store)->m_block->EndStore(*store, stored);
+    return true;
+}
+
+int CFMBlock::WriteToFile(CRtMessageBlock* aData, CFMStore& store) {
+    CheckReadwrThread();
+    const CFMDiskEntry::Stored stored = StoreBytes(aData, store);
+    const auto lock = m_file->GetStores().LockShared();
+    EndStore(store, stored);
+    return stored.result;
+}
+
+CFMDiskEntry::Stored CFMBlock::StoreBytes(CRtMessageBlock* aData, const CFMStore& store) {
+    CFMDiskEntry::Stored stored{RT_ERROR_NOT_READY, m_file->GetEntry().GetEpoch()};
+    if (!RT_CHECK(SOURCE, m_file && m_file->GetDiskFile(), "m_file.Get() && m_file->GetDiskFile()"))
+        return stored;
+    if (m_state.load(std::memory_order_acquire) <= State::Filling || !aData) {
+        const auto lock = m_file->GetStores().LockShared();
+        if (m_serial != store.GetSerial())
+            return stored; // rewritten since it was taken
+        RT_CHECK(SOURCE, false, "IsComplete() && aData");
+        return stored;
+    }
+    const uint32_t length = aData->GetTopLevelLength();
+    const RtOs::Piece piece{aData->GetTopLevelReadPtr(), length};
+    stored = m_file->GetEntry().Store({&piece, 1}, store.GetPos());
+    if (RT_FAILED(stored.result))
+        RT_LOG(RT_LOG_WARNING, "CFMBlock::WriteToFile, WriteData failed. ret="
+                                   << stored.result << ",pos=" << store.GetPos()
+                                   << ",len=" << length << " this=" << this);
+    return stored;
+}
+
+// Precondition: the lock of the stores is held. A result changes the block only if the serial is current.
+void CFMBlock::EndStore(CFMStore& store, CFMDiskEntry::Stored stored) {
+    const bool isStored = RT_SUCCEEDED(stored.result);
+    const FMBlockEntry entry{m_blockID, isStored ? store.GetLength() : 0,
+                             isStored ? store.GetPos() : 0};
+    if (m_file->GetStores().End(
+            store, entry,
+            stored
+                .epoch)) { // resident blocks of earlier epochs are stored again, and the table has changed
+        m_file->MarkStoreFailed();
+        m_file->MarkInfoChanged();
+    }
+    if (m_serial != store.GetSerial())
+        return;
+    assert(m_state == State::Writing && !m_store); // invariant 4
+    if (!isStored)
+        return FailStore();
+    m_epoch = stored.epoch;
+    m_state.store(State::Stored, std::memory_order_release);
+}
+
+// Precondition: the lock of the stores is held.
+void CFMBlock::FailStore() {
+    m_store = nullptr;
+    m_state.store(State::Failed, std::memory_order_release);
+    m_file->MarkStoreFailed();
+    m_file->MarkInfoChanged(); // the table on disk may name the range
+}
+
+FMBlockEntry CFMBlock::Describe(uint32_t epoch, uint32_t& serial) const {
+    const State state = m_state;
+    serial = state == State::Queued || state == State::Writing ? m_serial : 0;
+    if (!IsOnDisk() || m_epoch != epoch)
+        return {m_blockID, 0, 0};
+    return {m_blockID, m_totalLen, m_posInFile};
+}
+
+void CFMBlock::Restore(const FMBlockEntry& entry, uint32_t epoch) {
+    m_epoch = epoch;
+    m_totalLen = entry.totalLen;
+    m_position = entry.totalLen;
+    m_posInFile = entry.posInFile;
+    if (IsComplete())
+        m_state = State::Restored;
 }
 
 // --- Reading ------------------------------------------------------------------------------------
+
+namespace {
+
+// The load that the caller thread waits for.
+class CFMSyncLoad final : public CFMFunctorBase {
+public:
+    CFMSyncLoad(CFMBlock* block, int& result) : m_block(block), m_result(result) {}
+    int OnEventFire() override {
+        m_result = m_block->ReadFromFile(m_block->GetTotalLen(), 1);
+        return 0;
+    }
+
+private:
+    const CRtComAutoPtr<CFMBlock> m_block;
+    int& m_result;
+};
+
+} // namespace
 
 int CFMBlock::ReadData(uint32_t readPos, uint32_t readLen, CRtMessageBlock*& pData) noexcept {
     CheckValid();
@@ -250,12 +431,11 @@ int CFMBlock::ReadData(uint32_t readPos, uint32_t readLen, CRtMessageBlock*& pDa
         return RT_ERROR_NOT_READY;
     }
     m_lastAccessTime = GetTickCountEx();
-    if (!m_data) {
-        m_syncLoadResult = RT_OK;
-        PostLoad(1); // what came of it shows in m_data
-    }
+    int loaded = RT_OK;
+    if (!m_data)
+        FMHost::PostToReadwrThread(new (std::nothrow) CFMSyncLoad(this, loaded), 1);
     if (!RT_CHECK(SOURCE, m_data, "m_data"))
-        return m_syncLoadResult == RT_ERROR_NULL_OBJECT ? RT_ERROR_NULL_OBJECT : RT_ERROR_FAILURE;
+        return loaded == RT_ERROR_NULL_OBJECT ? RT_ERROR_NULL_OBJECT : RT_ERROR_FAILURE;
     CRtMessageChain view = m_data->DuplicateChained();
     if (!RT_CHECK(SOURCE, view, "pData"))
         return RT_ERROR_FAILURE;
@@ -279,9 +459,9 @@ int CFMBlock::ReadData(IFMBlockSink* sink) noexcept {
     if (IsWaiting(sink))
         return RT_OK;
     m_readsinks.push_back(sink);
-    if (m_readsinks.size() > 1)
-        return RT_OK;
-    const int result = PostLoad(0);
+    if (m_loadSerial != 0)
+        return RT_OK; // its completion serves this sink, or starts the next load
+    const int result = PostLoad();
     if (RT_FAILED(result))
         m_readsinks.clear();
     return result;
@@ -310,11 +490,53 @@ bool CFMBlock::IsWaiting(const IFMBlockSink* sink) const {
     return holds(m_readsinks);
 }
 
-int CFMBlock::PostLoad(int bSync) {
-    const int result = CFileManager::Instance()->PostToReadwrThread(
-        new (std::nothrow) CFMRefFunctor2(this, &CFMBlock::ReadFromFile, m_totalLen, bSync), bSync);
-    if (RT_SUCCEEDED(result) && !bSync)
-        ++m_loadsUnderWay;
+int CFMBlock::PostLoad() {
+    if (!FMHost::HasCallerThread()) // the completion would be refused
+        return RT_ERROR_NOT_READY;
+    const int result = FMHost::PostToReadwrThread(
+        new (std::nothrow) CFMRefFunctor2(this, &CFMBlock::ReadFromFile, m_totalLen, 0), 0);
+    if (RT_SUCCEEDED(result))
+        m_loadSerial = m_serial;
+    return result;
+}
+
+int CFMBlock::ReadFromFile(uint32_t len, int bSync) {
+    CheckReadwrThread();
+    CRtMessageChain buffer;
+    const int result = LoadBytes(len, buffer);
+    if (bSync) { // the caller thread waits for this event
+        if (RT_SUCCEEDED(result))
+            SetData(buffer.get());
+        return result;
+    }
+    FMHost::PostToCallerThread(
+        new CFMRefFunctor2(this, &CFMBlock::OnDataReady, result, buffer.release()), 0);
+    return result;
+}
+
+int CFMBlock::LoadBytes(uint32_t len, CRtMessageChain& buffer) {
+    if (!RT_CHECK(SOURCE, m_file && m_file->GetDiskFile(), "m_file.Get() && m_file->GetDiskFile()"))
+        return RT_ERROR_NOT_READY;
+    State state{};
+    int64_t pos = 0;
+    uint32_t epoch = 0;
+    {
+        const auto lock = m_file->GetStores().LockShared();
+        state = m_state;
+        if (state > State::Filling) {
+            if (len != m_totalLen)
+                return RT_ERROR_NOT_READY; // rewritten with another length since the load was posted
+            pos = m_posInFile;
+            epoch = m_epoch;
+        }
+    }
+    if (!RT_CHECK(SOURCE, state > State::Filling, "IsComplete()"))
+        return RT_ERROR_NOT_READY;
+    const int result = m_file->GetEntry().Load(pos, len, epoch, buffer);
+    if (RT_FAILED(result))
+        RT_LOG(RT_LOG_WARNING, "CFMBlock::ReadFromFile, ReadData failed. ret="
+                                   << result << ",pos=" << pos << ",len=" << len
+                                   << " this=" << this);
     return result;
 }
 
@@ -322,30 +544,27 @@ void CFMBlock::OnDataReady(int aResult, CRtMessageBlock* aData) {
     RT_LOG(RT_LOG_TRACE, "CFMBlock::OnDataReady, aResult=" << aResult << ",m_readsinks="
                                                            << uint64_t{m_readsinks.size()}
                                                            << " this=" << this);
-    if (m_loadsUnderWay > 0)
-        --m_loadsUnderWay;
-    const bool stale = m_staleLoads > 0;
-    if (stale)
-        --m_staleLoads;
-    if (!stale && RT_SUCCEEDED(aResult)) {
+    const bool isStale = std::exchange(m_loadSerial, 0) != m_serial;
+    if (!isStale && RT_SUCCEEDED(aResult)) {
         SetData(aData);
         if (!m_data)
             aResult = RT_ERROR_FAILURE;
     }
     if (m_data && IsComplete())
-        return CallSinks(RT_OK); // however the bytes came here
-    // A stale load brought the bytes of before a rewrite, which nobody wants: the block as it is now is
-    // loaded, unless a later load is on its way.
-    if (!stale || !IsComplete())
-        return CallSinks(stale ? RT_ERROR_NOT_READY : aResult);
-    if (m_readsinks.empty() || m_loadsUnderWay > m_staleLoads)
+        return CallSinks(RT_OK); // loaded or rewritten
+    if (!isStale)
+        return CallSinks(aResult);
+    // The load is stale: the block was rewritten and released since. Load its current bytes.
+    if (!IsComplete())
+        return CallSinks(RT_ERROR_NOT_READY);
+    if (m_readsinks.empty())
         return;
-    if (const int result = PostLoad(0); RT_FAILED(result))
+    if (const int result = PostLoad(); RT_FAILED(result))
         CallSinks(result);
 }
 
-// The sinks that wait now, first come first served. One that asks again from inside its call waits for
-// the next load; one that is cancelled meanwhile is not called.
+// Calls the waiting sinks in the order of their requests. A sink that requests a read from inside its call
+// waits for the next load. A sink that is cancelled before its turn is not called.
 void CFMBlock::CallSinks(int result) {
     const CRtComAutoPtr<CFMBlock> self(this);
     CallRound round{{}, m_calling};

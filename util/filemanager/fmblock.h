@@ -1,4 +1,20 @@
-// CFMBlock: one block of a cached file, behind IFMBlock, in its two kinds.
+// CFMBlock: one block of a cached file, implements IFMBlock; CFMClientBlock and CFMServerBlock derive from it.
+//
+// The state of a block, m_state. The number below each state is its value in the interface IFMBlock.
+//
+//              piece            last piece          taken            written
+//    Empty ──────────► Filling ──────────► Queued ──────────► Writing ──────────► Stored
+//      0                  1                   2                   2                  3
+//                                             ▲         failed    │
+//                                             └──────── Failed ◄──┘       Restored: complete in a table
+//                                               tick      2                   2     that was loaded
+//
+//  - A rewrite leads from any state to Filling: new buffer, new serial, the pending store withdrawn.
+//  - Stored and Restored: the bytes are on disk as long as m_epoch is the disk entry's epoch; otherwise
+//    they are lost there. If they are resident, the next tick queues them again.
+//  - Stored: the buffer is released when the block has been idle (FreeMemory). A read loads it again; at
+//    most one load is in flight (m_loadSerial). A load whose serial is no longer the block's is stale: its
+//    result is dropped, and if sinks wait, the next load starts.
 #pragma once
 
 #include <atomic>
@@ -11,34 +27,36 @@
 #include "FMInfoCodec.h"
 #include "IFMBlock.h"
 #include "RtReferenceControl.h"
+#include "fmblockowner.h"
+#include "fmfunctor.h"
 
-class CFMFile;
-class CFMStore;
-class IRtEvent;
+class CFMStoreEvent;
 
 constexpr uint32_t cmax_check_owners = 8192;
 constexpr uint32_t cmax_block_data_len = 16777216;
+constexpr int64_t cmax_filea_data_len = 1073741824;
 
 enum FMBlockState : uint32_t {
     BLOCK_STATE_EMPTY = 0,
     BLOCK_STATE_FILLING = 1,
-    BLOCK_STATE_COMPLETE = 2, ///< all bytes are here, or were when the file was loaded
+    BLOCK_STATE_COMPLETE = 2, ///< all bytes were written, or a table was loaded
     BLOCK_STATE_STORED = 3,   ///< the bytes in memory, if any, are the bytes on disk
 };
 
-/// Threads: the caller thread, except WriteToFile and ReadFromFile. What the read/write thread reads
-/// (length, position, place, store) the caller thread changes under the file's transfer mutex. The last
-/// reference may be released on either thread.
+/// Threads: the caller thread, except WriteToFile and ReadFromFile. Members that the read/write thread uses are
+/// marked "shared": the caller thread changes them under the lock of the file's CFMStores, unless the state is
+/// Empty or Filling, in which the read/write thread does not read them. The last reference may be
+/// released on either thread.
 class CFMBlock : public CRtCounted<IFMBlock> {
 public:
-    CFMBlock(CFMFile* file, uint32_t blockID, uint64_t now);
+    CFMBlock(CFMBlockOwner* file, uint32_t blockID, uint64_t now);
 
     int WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* data) noexcept override;
     int ReadData(IFMBlockSink* sink) noexcept override;
     int ReadData(uint32_t readPos, uint32_t readLen, CRtMessageBlock*& pData) noexcept override;
     int CancelReadData(IFMBlockSink* sink) noexcept override;
-    IFMFile* GetFile() override;
-    const FMFileID& GetFileID() override;
+    IFMFile* GetFile() override { return m_file.Get(); }
+    const FMFileID& GetFileID() override { return m_file->GetFileInfo().fileID; }
     uint32_t GetBlockID() override { return m_blockID; }
     uint32_t GetTotalLen() override { return m_totalLen; }
     uint32_t GetPosition() override { return m_position; }
@@ -53,91 +71,105 @@ public:
     const std::list<FMRetrieveItem>& GetRetrieves() override { return m_retrieves; }
     bool FreeMemory() noexcept override;
 
-    /// Both on the read/write thread.
-    int WriteToFile(CRtMessageBlock* aData);
-    /// The stores of neighbours at once. False when they have to be run one by one, because one of them
-    /// is out of date, has an entry on disk or the write failed.
-    static bool WriteTogether(std::span<CFMStore* const> stores);
+    // --- Read/write thread ------------------------------------------------------------------------
+    /// Writes `aData`, the bytes of `store`, and ends the store. RT_OK; RT_ERROR_NOT_READY: superseded,
+    /// incomplete, or no data file; else the disk entry's result.
+    int WriteToFile(CRtMessageBlock* aData, CFMStore& store);
     int ReadFromFile(uint32_t len, int bSync);
-    void OnDataReady(int aResult, CRtMessageBlock* aData);
 
-    /// What the file's table says of this block: length and place only of bytes that are, or are going
-    /// to be, on disk.
-    FMBlockEntry Describe();
-    /// Takes what a stored entry says. Before anybody else sees the block.
-    struct Origin {
-        uint32_t entryAt;   ///< where the entry lies in the information file
-        bool placeIsShared; ///< a damaged table names the range for another block too
-        bool isDoubtful;    ///< and that one has its bytes there as well
-    };
-    void Restore(const FMBlockEntry& entry, const Origin& origin);
-    bool IsStorePending();
-    bool IsStored() const { return m_state == BLOCK_STATE_STORED; }
-    bool IsStoreFailed() const { return m_storeFailed.load(std::memory_order_acquire); }
-    /// Posts the store of a complete block again whose store has failed.
+    // --- Caller thread ----------------------------------------------------------------------------
+    void OnDataReady(int aResult, CRtMessageBlock* aData);
+    /// The table entry of this block; length and offset only if the bytes are in the data file. `serial`: the
+    /// pending or running store, else 0. Precondition: the lock of the stores is held.
+    FMBlockEntry Describe(uint32_t epoch, uint32_t& serial) const;
+    /// Restores the block from a table entry, before another thread has access to the block.
+    void Restore(const FMBlockEntry& entry, uint32_t epoch);
+    /// The end of its range in the data file, if the bytes are on disk; else 0.
+    int64_t GetStoredEnd(uint32_t epoch) const {
+        return IsOnDisk() && m_epoch == epoch ? m_posInFile + m_totalLen : 0;
+    }
+    /// Queues the store again if it has failed, or if the bytes are resident but lost on disk.
     void RetryStore();
+    /// For GetRetrieveType and the tests.
+    FMBlockState GetState() const;
+    bool IsStored() const { return GetState() == BLOCK_STATE_STORED; }
 
 protected:
     ~CFMBlock() override;
+    /// Releases everything but the file, in the prescribed order. The destructors of the derived classes call
+    /// it, so that their own members are released after it.
+    void ReleaseMembers();
+    /// False if a pointer argument is null; logs the failed assertion.
+    static bool IsGiven(const void* object, const char* expression);
 
 private:
-    // Sinks that one completion is calling. A sink may cause another completion from inside its call.
+    friend class CFMStoreEvent;
+    enum class State : uint32_t { Empty, Filling, Queued, Writing, Stored, Failed, Restored };
+    /// The sinks that one completion has still to call. Nests: a sink may cause another completion.
     struct CallRound {
         std::list<IFMBlockSink*> sinks;
         CallRound* outer;
     };
 
     bool CheckValid();
-    bool IsLost() const;
     void AllocData();
     void FreeData();
     void SetData(CRtMessageBlock* aData);
     int CheckPiece(uint32_t blockLen, uint32_t dataPos, const CRtMessageBlock* data);
-    int BeginPiece(uint32_t blockLen, bool rewrite);
     void BeginRewrite(uint32_t blockLen);
-    void Forget();
     int PrepareBuffer(uint32_t blockLen);
-    void Complete();
+    void ForgetLength();
     void PostStore();
-    void WithdrawStore();
-    void EndStore(int result);
-    bool IsStoreOf(const CFMStore& store) const;
-    int PostLoad(int bSync);
+    CFMDiskEntry::Stored StoreBytes(CRtMessageBlock* aData, const CFMStore& store);
+    void EndStore(CFMStore& store, CFMDiskEntry::Stored stored);
+    void FailStore();
+    bool IsOnDisk() const {
+        const State state = m_state.load(std::memory_order_acquire);
+        return state == State::Stored || state == State::Restored;
+    }
+    int PostLoad();
     int LoadBytes(uint32_t len, CRtMessageChain& buffer);
     bool IsWaiting(const IFMBlockSink* sink) const;
     void CallSinks(int result);
 
-    CRtComAutoPtr<CFMFile> m_file;
+    CRtComAutoPtr<CFMBlockOwner> m_file;
     const uint32_t m_blockID;
-    uint32_t m_totalLen = 0; // under the transfer mutex
-    // Under the transfer mutex where it begins or ends: in between nobody else asks.
-    std::atomic<uint32_t> m_position{0};
+    uint32_t m_totalLen = 0; // shared
+    uint32_t m_position = 0;
     std::list<FMRetrieveItem> m_retrieves;
-    CRtMessageChain m_data;
+    CRtMessageChain m_data; // the read/write thread uses it only while the caller thread waits
     uint64_t m_lastAccessTime;
-    int64_t m_posInFile = 0; // under the transfer mutex
-    Origin m_origin{};       // under the transfer mutex
-    size_t m_gapsBefore = 0; // the file's, when the bytes on disk were written; under the mutex
-    std::atomic<uint32_t> m_state{BLOCK_STATE_EMPTY};
+    int64_t m_posInFile = 0; // shared
+    std::atomic<State> m_state{
+        State::Empty}; // shared; changed under the lock once the block is complete
     std::list<IFMBlockSink*> m_readsinks;
-
-    // The store that stands for the bytes in memory, from its posting to its end; under the transfer
-    // mutex. A store whose bytes are not these is out of date.
-    const char* m_storeBytes = nullptr;
-    IRtEvent* m_storeEvent = nullptr; // while it is queued
-    std::atomic<bool> m_storeFailed{false};
-
-    // Loads for sinks that have not come back, and how many of the oldest were asked for before the
-    // present bytes were begun. Completions come in the order of their loads.
-    uint32_t m_loadsUnderWay = 0;
-    uint32_t m_staleLoads = 0;
-    int m_syncLoadResult = 0; // written by the load that the caller thread waits for
+    uint32_t m_serial = 1; // of the bytes: changes with each rewrite and each posted store; shared
+    uint32_t m_epoch = 0;  // of the disk entry, in which the bytes on disk were stored; shared
+    CFMStoreEvent* m_store = nullptr; // in state Queued: the pending store; shared
+    uint32_t m_loadSerial = 0; // of the bytes that the load in flight was posted for; 0: none
     CallRound* m_calling = nullptr;
 
 protected:
-    // Last, so that the owners go before the file.
+    // Last, so that the owners are released before the file.
     std::vector<CRtComAutoPtr<ISDUser>> m_owners;
     uint16_t m_p2pOwnerCount = 0; // wraps
+};
+
+/// The event of a store, posted once for each completed block. It writes the block together with adjacent
+/// pending blocks; the events of those blocks are then no-ops.
+class CFMStoreEvent final : public CFMFunctorBase, public CFMStore {
+public:
+    CFMStoreEvent(CFMBlock* block, uint32_t serial, int64_t pos, CRtMessageChain bytes)
+        : CFMStore(serial, pos, std::move(bytes)), m_block(block) {}
+    /// If the event has not fired, the store ends as failed.
+    ~CFMStoreEvent() override;
+    int OnEventFire() override;
+
+private:
+    static bool WriteTogether(std::span<CFMStore* const> batch);
+
+    const CRtComAutoPtr<CFMBlock> m_block;
+    bool m_hasRun = false;
 };
 
 class CFMClientBlock final : public CFMBlock {
@@ -150,7 +182,7 @@ public:
     int GetRetrieveType(const FMRetrieveItem& retrieve) override;
 
 private:
-    ~CFMClientBlock() override = default;
+    ~CFMClientBlock() override { ReleaseMembers(); }
 };
 
 class CFMServerBlock final : public CFMBlock {
@@ -167,7 +199,7 @@ public:
 private:
     using OwnerList = std::vector<CRtComAutoPtr<ISDUser>>;
 
-    ~CFMServerBlock() override = default;
+    ~CFMServerBlock() override { ReleaseMembers(); }
     void AddPublicOwner(ISDUser* owner);
     void AddNetOwner(ISDUser* owner);
     void RemovePublicOwner(ISDUser* owner);

@@ -17,7 +17,7 @@ int HexDigit(char digit) {
     return -1;
 }
 
-// Where the digits of the 16 bytes, in printed order, stand between the braces and hyphens.
+// The position of each byte's digits in the text, in printed order.
 constexpr char PATTERN[] = "{HHHHHHHH-HHHH-HHHH-HHHH-HHHHHHHHHHHH}";
 static_assert(sizeof(PATTERN) - 1 == FMFILEID_TEXT_LENGTH);
 

@@ -1,7 +1,7 @@
-// Event functors: a member function of an object, to be run on another thread. Made with new by whoever
-// posts them and disposed of by the queue. The plain kinds serve the manager, which outlives every
-// event; the counted kinds hold a reference on their file or block, so that it lives until the work has
-// run. The member function's result goes nowhere.
+// Event functors: call a member function of an object on another thread. The poster allocates them with new;
+// the queue disposes of them. CFMFunctor* hold a plain pointer to the manager, which outlives every event.
+// CFMRefFunctor* hold a reference to their file or block and keep it alive until the call has returned. The
+// result of the member function is discarded.
 #pragma once
 
 #include "RtEvent.h"
@@ -13,7 +13,7 @@ public:
     int OnEventFire() override { return 0; }
 };
 
-/// A stored argument of a counted functor.
+/// A stored argument of a CFMRefFunctor.
 template <class T>
 class CFMArgument {
 public:
@@ -24,7 +24,7 @@ private:
     T m_value;
 };
 
-/// A chain is taken over: the member function borrows it, the functor ends it, whether it ran or not.
+/// The functor owns the chain and destroys it, whether or not it fired; the member function borrows it.
 template <>
 class CFMArgument<CRtMessageBlock*> {
 public:
@@ -49,7 +49,7 @@ private:
     R (T::*m_member)();
 };
 
-/// Calls with references to its two copies. An answer comes back through a std::reference_wrapper.
+/// Passes references to its two copies. A std::reference_wrapper returns a value to the sender.
 template <class T, class R, class P1, class P2, class A, class B>
 class CFMFunctor2 final : public CFMFunctorBase {
 public:

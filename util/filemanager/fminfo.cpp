@@ -1,29 +1,21 @@
-// The file object's information store: saving at the close, loading before the file is opened.
+// The information file of a file object: saved at close, loaded at open.
 #include <algorithm>
-#include <map>
 
 #include "RtLog.h"
 #include "RtResult.h"
 #include "RtTimeValue.h"
-#include "filemanager.h"
 #include "fmfile.h"
 #include "fmfunctor.h"
+#include "fmhost.h"
 #include "os/RtOs.h"
 
 namespace {
 
-int WriteBody(CInfoFile& file, int (CInfoFile::*write)(const void*, uint32_t),
-              const CRtMessageBlock& body) {
-    const CRtString bytes = body.FlattenChained();
-    return (file.*write)(bytes.data(), static_cast<uint32_t>(bytes.size()));
-}
-
 int64_t EndOf(const FMBlockEntry& entry) { return entry.posInFile + entry.totalLen; }
 
-// Which entries name bytes that another names too: writing one of them in place would change the other,
-// and at most one of them is true.
-std::vector<bool> FindSharedPlaces(const std::vector<FMBlockEntry>& slots) {
-    std::vector<bool> shared(slots.size());
+// Entries whose ranges overlap: at most one of them is valid.
+std::vector<bool> FindOverlaps(const std::vector<FMBlockEntry>& slots) {
+    std::vector<bool> overlaps(slots.size());
     std::vector<size_t> order;
     order.reserve(slots.size());
     for (size_t i = 0; i < slots.size(); ++i) {
@@ -33,24 +25,26 @@ std::vector<bool> FindSharedPlaces(const std::vector<FMBlockEntry>& slots) {
     const auto liesBefore = [&slots](size_t a, size_t b) {
         return slots[a].posInFile < slots[b].posInFile;
     };
-    // Files that were written from their beginning to their end, which are most, need no sorting.
+    // Most files are written sequentially: their entries are already sorted.
     if (!std::is_sorted(order.begin(), order.end(), liesBefore))
         std::sort(order.begin(), order.end(), liesBefore);
     int64_t furthestEnd = 0;
     size_t furthest = 0;
     for (const size_t i : order) {
         if (slots[i].posInFile < furthestEnd)
-            shared[i] = shared[furthest] = true;
+            overlaps[i] = overlaps[furthest] = true;
         const int64_t end = EndOf(slots[i]);
         if (end > furthestEnd) {
             furthestEnd = end;
             furthest = i;
         }
     }
-    return shared;
+    return overlaps;
 }
 
 } // namespace
+
+// --- Saving -------------------------------------------------------------------------------------
 
 int CFMFile::SaveFileInfo() {
     if (!(m_fileFlag.load() & FLAG_INFO_CHANGED))
@@ -63,196 +57,137 @@ int CFMFile::SaveFileInfo() {
                "CFMFile::SaveFileInfo, Encode file info error, ret=" << ret << " this=" << this);
         return 0;
     }
-    CRtMessageChain blockBody;
-    uint32_t left = 0;
-    if (RT_FAILED(FMEncodeBlockBody(DescribeBlocks(), blockBody, left))) {
-        m_unsettled.clear();
-        RT_LOG(RT_LOG_ERROR, "CFMFile::SaveFileInfo, Encode block info error  this=" << this);
-        return 0;
-    }
-    if (left > 0)
-        RT_LOG(RT_LOG_WARNING, "CFMFile::SaveFileInfo, table too large to save, slots left out="
-                                   << left << " this=" << this);
     m_fileFlag.fetch_and(~uint32_t{FLAG_INFO_CHANGED});
-    PostInfo(std::move(fileBody), std::move(blockBody));
+    auto table = std::make_unique<FMTable>();
+    table->fileBody = fileBody->FlattenChained();
+    table->slots.resize(m_blocks.size());
+    PostTable(DescribeBlocks(std::move(table)));
     return 1;
 }
 
-std::vector<FMBlockEntry> CFMFile::DescribeBlocks() {
-    std::vector<FMBlockEntry> slots(m_blocks.size());
-    do { // again when a gap was left meanwhile: which blocks were stored into it, and when, is not known
-        m_unsettled.clear();
-        m_gapsWhenEncoded = GetGapsNow();
-        for (size_t i = 0; i < m_blocks.size(); ++i) {
-            if (m_blocks[i])
-                slots[i] = DescribeBlock(*m_blocks[i]);
+// Under one lock: a store that ends later finds the pending table and adds its entry. Returns whether no
+// store is pending.
+bool CFMFile::DescribeBlocks(std::unique_ptr<FMTable> table) {
+    const auto lock = m_stores.LockShared();
+    table->epoch = m_entry->GetEpoch();
+    for (uint32_t i = 0; i < m_blocks.size(); ++i) {
+        if (!m_blocks[i])
+            continue;
+        if (m_blocks[i]->GetBlockID() == 0) {
+            RT_LOG(RT_LOG_WARNING, "CFMFile::SaveFileInfo, block 0 cannot be saved this=" << this);
+            continue;
         }
-    } while (GetGapsNow() > m_gapsWhenEncoded);
-    return slots;
-}
-
-FMBlockEntry CFMFile::DescribeBlock(CFMBlock& block) {
-    if (block.GetBlockID() == 0) {
-        RT_LOG(RT_LOG_WARNING, "CFMFile::SaveFileInfo, block 0 cannot be saved this=" << this);
-        return {};
+        uint32_t serial = 0;
+        table->slots[i] = m_blocks[i]->Describe(table->epoch, serial);
+        if (serial != 0)
+            table->awaited.push_back({serial, i});
     }
-    // Asked first: what is over by now has shown its result to Describe.
-    if (block.IsStorePending())
-        m_unsettled.emplace_back(&block);
-    return block.Describe();
+    m_stores.SetTable(std::move(table));
+    return m_stores.IsIdle();
 }
 
-// The information is written on the caller thread, after the stores whose blocks it names: it goes by
-// way of the read/write thread's queue when some have not run. The bodies stay here too, so that it can
-// be written before its event comes.
-void CFMFile::PostInfo(CRtMessageChain fileBody, CRtMessageChain blockBody) {
-    m_waitingFileBody = std::move(fileBody);
-    m_waitingBlockBody = std::move(blockBody);
-    m_infoWaiting.store(true, std::memory_order_release);
-    CRtMessageBlock* file = m_waitingFileBody.get();
-    CRtMessageBlock* block = m_waitingBlockBody.get();
-    if (m_pendingStores.load(std::memory_order_acquire) == 0)
-        return PostInfo_m(file, block);
-    CFileManager::Instance()->PostToReadwrThread(
-        new CFMRefFunctor2(this, &CFMFile::PostInfo_m, file->DuplicateChained().release(),
-                           block->DuplicateChained().release()),
-        0);
+// The caller thread writes the table, after the stores of the blocks that it names. If a store is pending, or
+// files of a predecessor have not been removed, the request passes through the read/write thread's queue first.
+void CFMFile::PostTable(bool isIdle) {
+    if (isIdle && !m_entry->IsOverPredecessor())
+        FMHost::PostToCallerThread(new CFMRefFunctor0(this, &CFMFile::SaveFileInfo_m), 0);
+    else
+        FMHost::PostToReadwrThread(new CFMRefFunctor0(this, &CFMFile::PostTable_m), 0);
 }
 
-// Information that cannot be posted, for want of a thread or of memory, stays waiting: UnInitialize
-// writes it.
-void CFMFile::PostInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody) {
-    CRtMessageChain file = fileBody ? fileBody->DuplicateChained() : nullptr;
-    CRtMessageChain block = blockBody ? blockBody->DuplicateChained() : nullptr;
-    if (file && block)
-        CFileManager::Instance()->PostToCallerThread(
-            new CFMRefFunctor2(this, &CFMFile::SaveFileInfo_m, file.release(), block.release()), 0);
+void CFMFile::PostTable_m() {
+    m_entry->DiscardPredecessor();
+    FMHost::PostToCallerThread(new CFMRefFunctor0(this, &CFMFile::SaveFileInfo_m), 0);
 }
 
-void CFMFile::SaveFileInfo_m(CRtMessageBlock* fileBody, CRtMessageBlock* blockBody) noexcept {
-    if (!IsInfoWaiting())
-        return;                         // written or dropped before its turn came
-    std::unique_lock lock(m_diskMutex); // a block that somebody holds may be read meanwhile
-    if (fileBody) {
-        int ret = m_retired.load() ? RT_ERROR_NOT_READY : HoldFiles();
-        const bool isMine = RT_SUCCEEDED(ret);
-        if (RT_SUCCEEDED(ret))
-            ret = WriteBody(*m_infoFile, &CInfoFile::WriteFileInfo, *fileBody);
-        if (RT_FAILED(ret)) {
-            RT_LOG(RT_LOG_ERROR,
-                   "CFMFile::SaveFileInfo_m, WriteFileInfo error, ret=" << ret << " this=" << this);
-            if (isMine)
-                NoteOwnChange();
-            lock.unlock();
-            EndWaiting();
-            return;
-        }
-    }
-    if (blockBody) {
-        CRtMessageChain table = blockBody->DuplicateChained();
-        int ret = table ? RemoveLostBytes(table) : RT_ERROR_NULL_OBJECT;
-        if (RT_SUCCEEDED(ret))
-            ret = WriteBody(*m_infoFile, &CInfoFile::WriteBlockInfo, *table);
-        if (RT_FAILED(ret))
-            RT_LOG(RT_LOG_ERROR, "CFMFile::SaveFileInfo_m, WriteBlockInfo error, ret="
-                                     << ret << " this=" << this);
-    }
-    NoteOwnChange();
-    lock.unlock(); // the last reference on a block runs code of the application's
-    EndWaiting();
+void CFMFile::SaveFileInfo_m() noexcept {
+    if (!WriteTable())
+        FMHost::KeepUnsaved(this);
 }
 
-// The stores of the blocks that were pending when the table was encoded have run since: some have failed,
-// and some have left a gap where others' bytes were cut off. 0, or 10001 when there is no memory.
-int CFMFile::RemoveLostBytes(CRtMessageChain& table) {
-    if (m_unsettled.empty() && GetGapsNow() == m_gapsWhenEncoded)
-        return RT_OK; // closed after its stores have run, as most files are
-    std::vector<FMBlockEntry> slots;
-    FMDecodeBlockBody(*table, slots);
-    std::map<uint32_t, CFMBlock*> unsettled;
-    for (const auto& block : m_unsettled)
-        unsettled[block->GetBlockID()] = block.Get();
-    for (FMBlockEntry& entry : slots) {
-        const auto it = unsettled.find(entry.blockID);
-        const bool lost = it != unsettled.end() ? it->second->Describe().totalLen == 0
-                                                : IsLostSince(m_gapsWhenEncoded, entry);
-        if (lost)
-            entry = {entry.blockID, 0, 0};
-    }
-    uint32_t left = 0;
-    return FMEncodeBlockBody(slots, table, left);
+// False if the table could not be written: it stays pending.
+bool CFMFile::WriteTable() {
+    const CFMDiskEntry::TableWritten written = m_entry->WriteTable(m_stores);
+    if (RT_FAILED(written.description))
+        RT_LOG(RT_LOG_ERROR, "CFMFile::SaveFileInfo_m, WriteFileInfo error, ret="
+                                 << written.description << " this=" << this);
+    else if (written.table == RT_ERROR_FAILURE)
+        RT_LOG(RT_LOG_ERROR, "CFMFile::SaveFileInfo, Encode block info error  this=" << this);
+    else if (RT_FAILED(written.table))
+        RT_LOG(RT_LOG_ERROR, "CFMFile::SaveFileInfo_m, WriteBlockInfo error, ret="
+                                 << written.table << " this=" << this);
+    else if (written.left > 0)
+        RT_LOG(RT_LOG_WARNING, "CFMFile::SaveFileInfo, table too large to save, slots left out="
+                                   << written.left << " this=" << this);
+    return written.IsOver();
 }
 
-size_t CFMFile::GetGapsNow() {
-    const std::lock_guard lock(m_transferMutex);
-    return CountGaps();
+bool CFMFile::HasUnsavedTable() {
+    const auto lock = m_stores.LockShared();
+    return m_stores.GetTable() != nullptr;
 }
 
-bool CFMFile::IsLostSince(size_t gaps, const FMBlockEntry& entry) {
-    const std::lock_guard lock(m_transferMutex);
-    return entry.totalLen > 0 && IsInGap(gaps, entry.posInFile, EndOf(entry));
+void CFMFile::DropTable() {
+    std::unique_ptr<FMTable> dropped;
+    const auto lock = m_stores.LockShared();
+    dropped = m_stores.TakeTable();
 }
 
-void CFMFile::EndWaiting() {
-    m_waitingFileBody.reset();
-    m_waitingBlockBody.reset();
-    m_infoWaiting.store(false, std::memory_order_release);
-    std::vector<CRtComAutoPtr<CFMBlock>> settled;
-    settled.swap(m_unsettled);
-}
+// --- Loading ------------------------------------------------------------------------------------
 
-void CFMFile::SaveWaitingInfo() {
-    if (IsInfoWaiting())
-        SaveFileInfo_m(m_waitingFileBody.get(), m_waitingBlockBody.get());
-}
+int CFMFile::LoadFileInfo() { return LoadInfo() == Info::Loaded ? 1 : 0; }
 
-void CFMFile::DropWaitingInfo() {
-    if (IsInfoWaiting())
-        EndWaiting();
-}
-
-int CFMFile::LoadFileInfo() {
+CFMFile::Info CFMFile::LoadInfo() {
     char buffer[FM_INFO_FILE_BODY_MAX] = {};
     uint32_t length = sizeof(buffer);
     int ret = RT_ERROR_NOT_READY;
-    // A read would make it, while another process may be just making it, too.
-    if (m_infoFile)
-        ret = CFileManager::FileExists(m_infoFile->GetFileName())
+    if (m_infoFile) // a read would create it, in a race with another process
+        ret = RtOs::GetEntryKind(m_infoFile->GetFileName()) != RtOs::EntryKind::Missing
                   ? m_infoFile->ReaddFileInfo(buffer, &length)
                   : RT_ERROR_IO;
     if (RT_FAILED(ret)) {
-        // What is no file, but a link or a pipe, can be read on no other day.
-        RtOs::FileStamp info;
-        const bool isNone =
-            m_infoFile && RtOs::GetStamp(m_infoFile->GetFileName(), info) && !info.exists;
-        m_isInfoWithheld = ret == RT_ERROR_IO && !m_infoFile->IsTooShort() && !isNone;
         RT_LOG(RT_LOG_ERROR,
                "CFMFile::LoadFileInfo, ReaddFileInfo error, ret=" << ret << " this=" << this);
-        return 0;
+        return ExplainFailure(ret);
     }
     const CRtMessageChain body = CRtMessageBlock::Wrap(buffer, length);
-    ret = body ? FMDecodeFileBody(*body, m_fileInfo, m_createTime) : RT_ERROR_NULL_OBJECT;
-    if (RT_SUCCEEDED(ret) &&
-        (m_fileInfo.num > FM_TABLE_SLOTS_MAX || m_fileInfo.fileID == FMFileID_None))
-        ret = RT_ERROR_INVALID_ARG;
-    if (RT_SUCCEEDED(ret))
-        ret = LimitTable();
+    ret = body ? DecodeInfo(*body) : RT_ERROR_NULL_OBJECT;
     if (RT_FAILED(ret)) {
-        m_isInfoWithheld = ret == RT_ERROR_IO || ret == RT_ERROR_NULL_OBJECT;
         RT_LOG(RT_LOG_ERROR,
                "CFMFile::LoadFileInfo, Decode file info error, ret=" << ret << " this=" << this);
-        return 0;
+        return ret == RT_ERROR_IO || ret == RT_ERROR_NULL_OBJECT ? Info::Unreadable : Info::Damaged;
     }
     m_blocks.resize(m_fileInfo.num);
-    return 1;
+    return Info::Loaded;
 }
 
-// A damaged number makes nobody allocate for it.
+CFMFile::Info CFMFile::ExplainFailure(int ret) {
+    if (!m_infoFile)
+        return Info::Unreadable;
+    // A permanent failure: a link or a pipe on the path never becomes readable.
+    RtOs::FileStamp info;
+    const bool isNoFile = RtOs::GetStamp(m_infoFile->GetFileName(), info) && !info.exists;
+    const bool isTransient = ret == RT_ERROR_IO && !m_infoFile->IsTooShort() && !isNoFile;
+    return isTransient ? Info::Unreadable : Info::Damaged;
+}
+
+// Rejects descriptions that the library could not save and load again.
+int CFMFile::DecodeInfo(CRtMessageBlock& body) {
+    const int ret = FMDecodeFileBody(body, m_fileInfo, m_createTime);
+    if (RT_FAILED(ret))
+        return ret;
+    if (m_fileInfo.num > FM_TABLE_SLOTS_MAX || m_fileInfo.fileID == FMFileID_None ||
+        FM_INFO_FILE_BODY_FIXED + m_fileInfo.name.size() > FM_INFO_FILE_BODY_MAX)
+        return RT_ERROR_INVALID_ARG;
+    return LimitTable();
+}
+
+// Bound `num` by the length of the file before a table is allocated for it.
 int CFMFile::LimitTable() {
-    uint64_t length = 0;
-    if (const int result = m_infoFile->GetLength(length); RT_FAILED(result))
-        return result;
-    const uint32_t slots = FMSlotsToLoad(m_fileInfo.num, length);
+    RtOs::FileStamp info;
+    if (!m_infoFile->GetStamp(info))
+        return RT_ERROR_IO;
+    const uint32_t slots = FMSlotsToLoad(m_fileInfo.num, info.length);
     if (slots < m_fileInfo.num)
         RT_LOG(RT_LOG_WARNING, "CFMFile::LoadFileInfo, table larger than its file, num="
                                    << m_fileInfo.num << ",slots=" << slots << " this=" << this);
@@ -283,73 +218,56 @@ int CFMFile::LoadBlokInfo() {
     RT_LOG(RT_LOG_TRACE,
            "CFMFile::LoadBlokInfo, ReaddBlockInfo result: length=" << length << " this=" << this);
     std::vector<FMBlockEntry> slots;
-    FMDecodeBlockBody(*body, slots); // a body that ends early has said so
+    FMDecodeBlockBody(*body, slots); // a body that ends early has logged it
     return RestoreBlocks(slots) ? 1 : 0;
 }
 
-// Which of those that share their bytes share them with a block that could be read, too.
-std::vector<bool> CFMFile::FindDoubtful(std::vector<FMBlockEntry> slots,
-                                        const std::vector<bool>& shared, int64_t dataLength) {
-    if (std::find(shared.begin(), shared.end(), true) == shared.end())
-        return shared;
-    for (FMBlockEntry& entry : slots) {
-        if (!IsBlockidOK(entry.blockID) || !FMIsEntryPossible(entry) || EndOf(entry) > dataLength)
-            entry.totalLen = 0;
-    }
-    return FindSharedPlaces(slots);
-}
-
-// False when there is no memory for a block: saved again, the table would be without it.
+// False if a block cannot be allocated: a later save would write the table without it.
 bool CFMFile::RestoreBlocks(const std::vector<FMBlockEntry>& slots) {
     RtOs::FileStamp data;
     if (!m_diskFile || !m_diskFile->GetStamp(data))
         return false;
     const auto dataLength = static_cast<int64_t>(data.length);
-    const std::vector<bool> shared = FindSharedPlaces(slots);
-    const std::vector<bool> doubtful = FindDoubtful(slots, shared, dataLength);
+    const std::vector<bool> overlaps = FindOverlaps(slots);
     const uint64_t now = GetTickCountEx();
-    uint32_t at = m_infoFile->GetBlockBodyOffset() + FM_INFO_COUNT_SIZE;
-    for (size_t i = 0; i < slots.size(); at += FMEntrySize(slots[i++])) {
-        if (slots[i].blockID == 0)
+    int64_t tableEnd = 0;
+    for (size_t i = 0; i < slots.size(); ++i) {
+        const FMBlockEntry& entry = slots[i];
+        if (entry.blockID == 0)
             continue;
-        if (!IsBlockidOK(slots[i].blockID)) {
-            LogEntry("block outside the table", slots[i]);
-            if (FMIsEntryPossible(slots[i]) && EndOf(slots[i]) <= cmax_filea_data_len)
-                m_position = std::max(m_position, EndOf(slots[i])); // the table may grow to it
+        if (entry.totalLen > 0 && FMIsEntryPossible(entry)) {
+            tableEnd = std::max(tableEnd, EndOf(entry));
+            // New blocks are placed behind every range that an entry names, including entries outside the
+            // table, because the table may grow. Entries beyond the maximum file length are ignored.
+            if (EndOf(entry) <= std::max(dataLength, cmax_filea_data_len))
+                m_position = std::max(m_position, EndOf(entry));
+        }
+        if (!IsBlockidOK(entry.blockID)) {
+            LogEntry("block outside the table", entry);
             continue;
         }
-        const CRtComAutoPtr<CFMBlock> block =
-            CFileManager::Instance()->CreateBlock(this, slots[i].blockID, now);
+        const CRtComAutoPtr<CFMBlock> block = FMHost::CreateBlock(this, entry.blockID, now);
         if (!block) {
-            ReleaseBlocks(); // they and the file hold each other
+            ReleaseBlocks(); // breaks the reference cycle of file and blocks
             return false;
         }
-        m_blocks[slots[i].blockID - m_fileInfo.blockBeg] = block;
-        RestorePlace(*block, slots[i], {at, shared[i], doubtful[i]}, dataLength);
+        m_blocks[entry.blockID - m_fileInfo.blockBeg] = block;
+        RestorePlace(*block, entry, overlaps[i], dataLength);
     }
-    m_tableEnd = m_position;
-    NoteOwnChange();
+    m_entry->NoteTable(tableEnd, dataLength);
     return true;
 }
 
-void CFMFile::RestorePlace(CFMBlock& block, const FMBlockEntry& entry, CFMBlock::Origin origin,
+void CFMFile::RestorePlace(CFMBlock& block, const FMBlockEntry& entry, bool overlaps,
                            int64_t dataLength) {
     if (!FMIsEntryPossible(entry))
         return LogEntry("impossible place", entry);
-    if (origin.placeIsShared)
-        LogEntry("blocks overlap", entry);
-    const int64_t end = EndOf(entry);
-    const bool isMissing = entry.totalLen > 0 && end > dataLength;
-    if (isMissing)
+    if (overlaps)
+        return LogEntry("blocks overlap", entry);
+    const bool isBeyond = entry.totalLen > 0 && EndOf(entry) > dataLength;
+    if (isBeyond)
         LogEntry("block beyond the data file", entry);
-    // Where no cached file ends nothing was cut off. New blocks do not go there, and what comes to lie
-    // there one day is not this block's.
-    if (isMissing && end > cmax_filea_data_len) {
-        origin.isDoubtful = true;
-        m_unbackedFrom = std::min(m_unbackedFrom, entry.posInFile);
-    } else if (entry.totalLen > 0)
-        m_position = std::max(m_position, end);
-    block.Restore(entry, origin);
+    block.Restore(entry, isBeyond ? 0 : m_entry->GetEpoch()); // no epoch 0: reading it fails
 }
 
 void CFMFile::LogEntry(const char* what, const FMBlockEntry& entry) {

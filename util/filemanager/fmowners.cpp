@@ -1,21 +1,20 @@
-// The block's requests of other nodes and the nodes that own it.
+// The requests of other nodes for a block, and the nodes that own the block.
 #include <algorithm>
 
 #include "RtLog.h"
 #include "RtResult.h"
 #include "RtTimeValue.h"
-#include "filemanager.h"
 #include "fmblock.h"
+#include "fmhost.h"
 
 namespace {
 
-constexpr char SOURCE[] = "util/filemanager/fmblock";
 constexpr size_t MAX_PUBLIC_OWNERS = 128;
 constexpr size_t MAX_GROUP_OWNERS = 32;
 
 using OwnerList = std::vector<CRtComAutoPtr<ISDUser>>;
 
-// Adds the milliseconds of its life to a statistics counter.
+// Adds the milliseconds of its lifetime to a statistics counter.
 class CTimeCount {
 public:
     explicit CTimeCount(std::atomic<uint32_t>& counter) : m_counter(counter) {}
@@ -39,7 +38,7 @@ void RemoveOwner(OwnerList& owners, const ISDUser* owner) {
 }
 
 ISDUser* PickOwner(const OwnerList& owners) {
-    const int index = CFileManager::Instance()->Random(static_cast<int>(owners.size()));
+    const int index = FMHost::Random(static_cast<int>(owners.size()));
     return owners[static_cast<size_t>(index)].Get();
 }
 
@@ -54,7 +53,7 @@ SDDataAddressItem::~SDDataAddressItem() = default;
 
 void CFMBlock::AddRetrieve(ISDUser* node, uint32_t pri) noexcept {
     CheckValid();
-    if (!RT_CHECK(SOURCE, node, "node"))
+    if (!IsGiven(node, "node"))
         return;
     m_retrieves.push_back({node, pri});
     RT_LOG(RT_LOG_TRACE, "CFMBlock::AddRetrieve, fileID=" << FMFileIDToString(GetFileID())
@@ -64,14 +63,14 @@ void CFMBlock::AddRetrieve(ISDUser* node, uint32_t pri) noexcept {
 }
 
 int CFMBlock::CancelRetrieve(ISDUser* node) noexcept {
-    if (!RT_CHECK(SOURCE, node, "node"))
+    if (!IsGiven(node, "node"))
         return 0;
     const auto it = std::find_if(m_retrieves.begin(), m_retrieves.end(), [node](const auto& each) {
         return each.m_userNode.Get() == node;
     });
     if (it == m_retrieves.end())
         return 0;
-    const FMRetrieveItem removed = *it; // keeps the node until its line is written
+    const FMRetrieveItem removed = *it; // keeps the node alive until the log line is written
     m_retrieves.erase(it);
     RT_LOG(RT_LOG_TRACE, "CFMBlock::CancelRetrieve, fileID="
                              << FMFileIDToString(GetFileID()) << ",blockID=" << m_blockID
@@ -99,9 +98,9 @@ int CFMBlock::GetOwners(const FMRetrieveItem&, uint16_t* count, SDDataAddressIte
 
 void CFMClientBlock::SetOwner(ISDUser* owner, int bOwn) noexcept {
     const CTimeCount time(g_counters.timeSetOwner);
-    if (!RT_CHECK(SOURCE, owner, "owner"))
+    if (!IsGiven(owner, "owner"))
         return;
-    const CRtComAutoPtr<ISDUser> kept(owner); // until its line is written
+    const CRtComAutoPtr<ISDUser> kept(owner); // the log line below reads it
     if (bOwn)
         m_owners.emplace_back(owner);
     else
@@ -118,9 +117,9 @@ ISDUser* CFMClientBlock::GetOwner() { return m_owners.empty() ? nullptr : PickOw
 
 void CFMServerBlock::SetOwner(ISDUser* owner, int bOwn) noexcept {
     const CTimeCount time(g_counters.timeSetOwner);
-    if (!RT_CHECK(SOURCE, owner, "owner"))
+    if (!IsGiven(owner, "owner"))
         return;
-    const CRtComAutoPtr<ISDUser> kept(owner); // until its line is written
+    const CRtComAutoPtr<ISDUser> kept(owner); // the log line below reads it
     if (owner->IsP2P())
         m_p2pOwnerCount = static_cast<uint16_t>(m_p2pOwnerCount + (bOwn ? 1 : -1));
     if (owner->IsPublic())
@@ -188,7 +187,7 @@ ISDUser* CFMServerBlock::GetOwner() {
 
 int CFMServerBlock::GetOwners(const FMRetrieveItem& retrieve, uint16_t* count,
                               SDDataAddressItem* items) noexcept {
-    if (!RT_CHECK(SOURCE, retrieve.m_userNode.Get(), "retrieve.m_userNode.Get()"))
+    if (!IsGiven(retrieve.m_userNode.Get(), "retrieve.m_userNode.Get()"))
         return RT_ERROR_INVALID_ARG;
     const CTimeCount time(g_counters.timeGetOwners);
     const uint16_t capacity = *count;
@@ -204,14 +203,13 @@ int CFMServerBlock::GetOwners(const FMRetrieveItem& retrieve, uint16_t* count,
     return RT_OK;
 }
 
-// Starts anywhere, so that requesters spread over the owners.
+// Starts at a random owner, so that the requests spread over all owners.
 uint16_t CFMServerBlock::FillItems(const OwnerList& owners, uint16_t capacity,
                                    SDDataAddressItem* items) {
     if (capacity == 0 || owners.empty())
         return 0;
     const auto size = owners.size();
-    const auto start =
-        static_cast<size_t>(CFileManager::Instance()->Random(static_cast<int>(size)));
+    const auto start = static_cast<size_t>(FMHost::Random(static_cast<int>(size)));
     uint16_t filled = 0;
     for (size_t looked = 0; looked < size && filled < capacity; ++looked) {
         ISDUser& owner = *owners[(start + looked) % size];

@@ -1,26 +1,85 @@
-// CFMStore: the event that stores a block. Stores of neighbours that wait one behind the other are written
-// with one call of the system: for small blocks the call costs more than the bytes.
+// CFMStore: one store that was posted to the read/write thread. CFMStores: the stores of one file that have not
+// ended, and the table that waits for them.
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <mutex>
+#include <span>
 
-#include "fmblock.h"
-#include "fmfunctor.h"
+#include "FMInfoCodec.h"
+#include "RtMessageBlock.h"
+#include "fmtable.h"
+#include "os/RtSpin.h"
 
-class CFMStore final : public CFMRefFunctor1<CFMBlock, int> {
+/// A store is identified by its serial. It is pending from its posting until the read/write thread takes
+/// it, a rewrite withdraws it, or its event is disposed of without having fired.
+class CFMStore {
 public:
-    /// `pos`: where in the data file the bytes go, as long as the block is not written anew.
-    CFMStore(CFMBlock* block, int64_t pos, CRtMessageChain bytes);
-    int OnEventFire() override;
+    CFMStore(uint32_t serial, int64_t pos, CRtMessageChain bytes)
+        : m_serial(serial), m_pos(pos), m_length(bytes->GetTopLevelLength()),
+          m_bytes(std::move(bytes)) {}
+    CFMStore(const CFMStore&) = delete;
+    CFMStore& operator=(const CFMStore&) = delete;
 
-    CFMBlock& GetBlock() const { return *m_target.Get(); }
-    const char* GetStart() const { return m_chain.Get()->GetTopLevelReadPtr(); }
-    uint32_t GetLength() const { return m_chain.Get()->GetTopLevelLength(); }
+    uint32_t GetSerial() const { return m_serial; }
     int64_t GetPos() const { return m_pos; }
-    int64_t GetEnd() const { return m_pos + GetLength(); }
+    uint32_t GetLength() const { return m_length; }
+    int64_t GetEnd() const { return m_pos + m_length; }
+    /// Null after it was withdrawn.
+    CRtMessageBlock* GetBytes() const { return m_bytes.get(); }
+
+protected:
+    ~CFMStore() = default;
+    /// It is being written. With the lock of the stores held.
+    bool IsTaken() const { return m_isTaken; }
 
 private:
-    static bool IsNextTo(const IRtEvent& last, const IRtEvent& next);
-
+    friend class CFMStores;
+    const uint32_t m_serial;
     const int64_t m_pos;
+    const uint32_t m_length;
+    CRtMessageChain m_bytes;
+    // Links of the pending list, in the order of posting.
+    bool m_isPending = false;
+    bool m_isTaken = false;
+    CFMStore* m_pPrevious = nullptr;
+    CFMStore* m_pNext = nullptr;
+};
+
+/// Shared by both threads: everything here, and the fields of a block that both threads use, are read and
+/// changed under its lock, which is never held during a disk operation.
+class CFMStores {
+public:
+    using Lock = std::unique_lock<std::mutex>;
+    [[nodiscard]] Lock LockShared() { return SpinThenLock(m_mutex); }
+
+    // --- With the lock held -----------------------------------------------------------------------
+    uint32_t NextSerial() { return ++m_serial == 0 ? ++m_serial : m_serial; }
+    void Add(CFMStore& store);
+    /// Withdraws a pending store: its event becomes a no-op. Returns its bytes, which the caller releases
+    /// after the lock; null if the store is not pending.
+    CRtMessageChain Withdraw(CFMStore& store);
+    /// Takes the store and the pending stores of the ranges that follow it, for one write. Empty if the store
+    /// is no longer pending: withdrawn, or written by an earlier event.
+    size_t TakeBatch(CFMStore& first, std::span<CFMStore*> batch);
+    /// Ends a store that was taken. `entry`: the stored range, empty if the store failed. Returns whether the
+    /// disk entry has begun a new epoch since the previous store ended.
+    [[nodiscard]] bool End(CFMStore& store, const FMBlockEntry& entry, uint32_t epoch);
+    /// No store is pending or running.
+    bool IsIdle() const { return !m_pFirst && m_running == 0; }
+    FMTable* GetTable() { return m_table.get(); }
+    void SetTable(std::unique_ptr<FMTable> table) { m_table = std::move(table); }
+    std::unique_ptr<FMTable> TakeTable() { return std::move(m_table); }
+
+private:
+    void Unlink(CFMStore& store);
+
+    std::mutex m_mutex;
+    CFMStore* m_pFirst = nullptr;
+    CFMStore* m_pLast = nullptr;
+    uint32_t m_running = 0;
+    uint32_t m_epoch = FM_FIRST_EPOCH; // of the last store that ended
+    uint32_t m_serial = 1;             // that of a block before its first store
+    std::unique_ptr<FMTable> m_table;  // pending
 };

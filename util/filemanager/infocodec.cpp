@@ -7,17 +7,15 @@
 
 namespace {
 
-// A table of at most this size is taken from any description.
+// Tables of up to this many slots are allocated even if the information file is shorter.
 constexpr uint32_t SLOTS_WITHOUT_PROOF = 8192;
-// The fields of a description around its name, and the creation time.
-constexpr uint32_t FILE_BODY_FIXED_SIZE = 38;
 
 CRtByteStreamT& operator<<(CRtByteStreamT& stream, const FMFileID& id) {
     return (stream << uint32_t{id.Data1} << id.Data2 << id.Data3).Write(id.Data4, sizeof(id.Data4));
 }
 
 CRtByteStreamT& operator>>(CRtByteStreamT& stream, FMFileID& id) {
-    uint32_t first = 0; // some platforms' GUID has another type of the same width
+    uint32_t first = 0; // on Windows, Data1 is unsigned long, not uint32_t
     stream >> first >> id.Data2 >> id.Data3;
     id.Data1 = first;
     return stream.Read(id.Data4, sizeof(id.Data4));
@@ -56,7 +54,8 @@ uint32_t FMSlotsToLoad(uint32_t num, uint64_t infoFileLength) {
 }
 
 int FMEncodeFileBody(const FMFileInfo& info, uint32_t createTime, CRtMessageChain& body) {
-    body = CRtMessageBlock::Create(FILE_BODY_FIXED_SIZE + static_cast<uint32_t>(info.name.size()));
+    body =
+        CRtMessageBlock::Create(FM_INFO_FILE_BODY_FIXED + static_cast<uint32_t>(info.name.size()));
     if (!body)
         return RT_ERROR_FAILURE;
     const int result = info.EncodeFileInfo(*body);
@@ -98,7 +97,7 @@ bool FMDecodeBlockBody(CRtMessageBlock& body, std::vector<FMBlockEntry>& slots) 
     CRtByteStreamT stream(body);
     uint16_t count = 0;
     stream >> count;
-    for (uint32_t i = 0; i < count; ++i) {
+    for (uint32_t i = 0; i < count && stream.IsGood(); ++i) {
         FMBlockEntry entry;
         stream >> entry.blockID;
         if (entry.blockID != 0)
@@ -106,8 +105,11 @@ bool FMDecodeBlockBody(CRtMessageBlock& body, std::vector<FMBlockEntry>& slots) 
         if (stream.IsGood())
             slots.push_back(entry);
         else if (entry.blockID != 0)
-            // Offset 0 with a length would name another block's bytes.
+            // A length with the default offset 0 would name the bytes of another block.
             slots.push_back({entry.blockID, 0, 0});
     }
+    if (!stream.IsGood())
+        RT_LOG(RT_LOG_WARNING, "FMDecodeBlockBody, the table ends early, slots="
+                                   << uint32_t{count} << ",read=" << uint64_t{slots.size()});
     return stream.IsGood();
 }

@@ -1,14 +1,12 @@
 #include "streamkeeper.h"
 
 #include <algorithm>
-#include <cstdio>
 
-#include "diskfile.h"
 #include "os/RtOs.h"
 
 namespace {
 
-// The rest of the process has streams and sockets of its own: it keeps the larger half.
+// Leave half of the limit to the application's own files and sockets.
 uint32_t Limit() {
     constexpr uint32_t most = 4096;
     return std::clamp(RtOs::GetStreamLimit() / 2, 4U, most);
@@ -21,42 +19,42 @@ CStreamKeeper& CStreamKeeper::Instance() {
     return *keeper;
 }
 
-// One thread at a time uses a file: it alone counts the uses inside another.
-CStreamKeeper::CUse::CUse(CDiskFile& file) : m_file(file) {
-    if (m_file.m_uses++ == 0)
-        Instance().BeginUse(m_file);
+// One thread at a time uses a stream, so the count needs no lock.
+CStreamKeeper::CUse::CUse(CKeptStream& stream) : m_stream(stream) {
+    if (m_stream.m_uses++ == 0)
+        Instance().BeginUse(m_stream);
 }
 
 CStreamKeeper::CUse::~CUse() {
-    if (--m_file.m_uses == 0)
-        Instance().EndUse(m_file);
+    if (--m_stream.m_uses == 0)
+        Instance().EndUse(m_stream);
 }
 
-void CStreamKeeper::BeginUse(CDiskFile& file) {
+void CStreamKeeper::BeginUse(CKeptStream& stream) {
     const std::lock_guard lock(m_mutex);
-    m_inUse.push_back(&file);
-    if (file.m_kept)
-        Unlink(file);
+    m_inUse.push_back(&stream);
+    if (stream.m_kept)
+        Unlink(stream);
 }
 
-void CStreamKeeper::EndUse(CDiskFile& file) {
+void CStreamKeeper::EndUse(CKeptStream& stream) {
     const std::lock_guard lock(m_mutex);
-    std::erase(m_inUse, &file);
-    if (file.m_pFile)
-        Link(file);
+    std::erase(m_inUse, &stream);
+    if (stream.m_pFile)
+        Link(stream);
 }
 
 CRtString CStreamKeeper::GetNamesInUse() {
     const std::lock_guard lock(m_mutex);
     CRtString names;
-    for (const CDiskFile* file : m_inUse)
+    for (const CKeptStream* file : m_inUse)
         names += " " + file->GetFileName();
     return names;
 }
 
 void CStreamKeeper::MakeRoom() {
     const std::lock_guard lock(m_mutex);
-    if (m_open >= m_limit) // it may have been raised; where it was lowered, the system refuses one
+    if (m_open >= m_limit) // it may have been raised; if it was lowered, the next open fails
         m_limit = Limit();
     while (m_open >= m_limit && CloseOldest()) {
     }
@@ -73,7 +71,7 @@ bool CStreamKeeper::GiveBack() {
 }
 
 bool CStreamKeeper::CloseOldest() {
-    CDiskFile* file = m_pOldest;
+    CKeptStream* file = m_pOldest;
     if (!file)
         return false;
     Unlink(*file);
@@ -81,18 +79,18 @@ bool CStreamKeeper::CloseOldest() {
     return true;
 }
 
-void CStreamKeeper::Link(CDiskFile& file) {
-    file.m_kept = true;
-    file.m_pOlder = m_pNewest;
-    file.m_pNewer = nullptr;
-    (m_pNewest ? m_pNewest->m_pNewer : m_pOldest) = &file;
-    m_pNewest = &file;
+void CStreamKeeper::Link(CKeptStream& stream) {
+    stream.m_kept = true;
+    stream.m_pOlder = m_pNewest;
+    stream.m_pNewer = nullptr;
+    (m_pNewest ? m_pNewest->m_pNewer : m_pOldest) = &stream;
+    m_pNewest = &stream;
     ++m_open;
 }
 
-void CStreamKeeper::Unlink(CDiskFile& file) {
-    file.m_kept = false;
-    (file.m_pOlder ? file.m_pOlder->m_pNewer : m_pOldest) = file.m_pNewer;
-    (file.m_pNewer ? file.m_pNewer->m_pOlder : m_pNewest) = file.m_pOlder;
+void CStreamKeeper::Unlink(CKeptStream& stream) {
+    stream.m_kept = false;
+    (stream.m_pOlder ? stream.m_pOlder->m_pNewer : m_pOldest) = stream.m_pNewer;
+    (stream.m_pNewer ? stream.m_pNewer->m_pOlder : m_pNewest) = stream.m_pOlder;
     --m_open;
 }

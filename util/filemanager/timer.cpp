@@ -2,6 +2,7 @@
 #include <cstdio>
 
 #include "RtLog.h"
+#include "RtResult.h"
 #include "RtTimeValue.h"
 #include "filemanager.h"
 #include "fmfunctor.h"
@@ -21,6 +22,7 @@ void CFileManager::OnTimer(CRtTimerWrapper* timer) noexcept {
     --m_statCountdown;
     UseDataDir();
     RetryFailedStores();
+    m_live.SaveUnsaved();
     MemoyCollect();
     if (m_isServer)
         CheckHouseKeeping();
@@ -30,7 +32,7 @@ void CFileManager::LogStatistics(const char* occasion) {
     if (CRtLog::IsEnabled(RT_LOG_TRACE))
         RT_LOG(RT_LOG_TRACE, occasion << GetStatistics());
     else
-        CheckValid(); // has lines of its own, of another level
+        CheckValid(); // it logs at other levels than RT_LOG_TRACE
 }
 
 CRtString CFileManager::GetStatistics() {
@@ -68,8 +70,39 @@ void CFileManager::CheckHouseKeeping() {
     const auto now = static_cast<uint32_t>(CRtTimeValue::GetTimeOfDay().GetSec());
     if (now - m_lastHouseKeeping.load() < SECONDS_PER_DAY)
         return;
-    if (m_houseKeepingPosted.exchange(true))
+    if (!m_houseKeeping.Begin())
         return;
     if (RT_FAILED(PostToReadwrThread(new CFMFunctor0(this, &CFileManager::HouseKeeping_m), 0)))
-        m_houseKeepingPosted = false;
+        m_houseKeeping.End();
+}
+
+// --- Housekeeping, on the read/write thread -----------------------------------------------------
+
+void CFileManager::HouseKeeping_m() {
+    RT_LOG(RT_LOG_TRACE, "CFileManager::HouseKeeping_m. Dir:" << m_dataDir);
+    m_houseKeeping.Open(m_dataDir);
+    ExamineNext_m();
+}
+
+void CFileManager::ExamineNext_m() {
+    CRtString stem;
+    if (!m_houseKeeping.Next(stem)) {
+        m_lastHouseKeeping = static_cast<uint32_t>(CRtTimeValue::GetTimeOfDay().GetSec());
+        return m_houseKeeping.End();
+    }
+    ExamineFile(stem);
+    // Posting fails while the thread stops: the run is abandoned and the next one starts over.
+    if (RT_FAILED(PostToReadwrThread(new CFMFunctor0(this, &CFileManager::ExamineNext_m), 0)))
+        m_houseKeeping.End();
+}
+
+void CFileManager::ExamineFile(const CRtString& stem) {
+    FMFileID id;
+    FMFileIDFromString(stem, id);
+    const CFMLiveFiles::CClaim claim(m_live, id, CFMLiveFiles::CClaim::IF_FREE);
+    if (IsFileOpen(stem) || !claim.IsHeld())
+        return;
+    const FileRef file(new (std::nothrow) CFMFile(stem));
+    if (file && file->GetDiskFile() && file->GetEntry().TakeDataFile() && file->IsHouseKeeping())
+        file->ClerDiskFile_m();
 }

@@ -7,10 +7,10 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock; // not the application's clock, which may stand still
+using Clock = std::chrono::steady_clock; // the application's clock may not advance
 
-// Runs behind everything that is queued for the read/write thread. While it runs, nothing else runs there.
-// Lives on the stack of the sender: the wait works without memory.
+// Runs after everything that is queued for the read/write thread, which is idle while it runs. Lives on the
+// stack of the sender: the wait needs no allocation.
 class CIdleProbe final : public IRtEvent {
 public:
     int OnEventFire() override {
@@ -24,13 +24,12 @@ private:
     bool m_isIdle = false;
 };
 
-// On the caller thread. From the moment of the probe on, only this thread's own events could give the
-// read/write thread work: if there are none either, both threads are idle.
+// On the caller thread. After the probe, only events of this thread can post to the read/write thread: if there
+// are none either, both threads are idle.
 int PumpUntilIdle(CFileManager& manager, CRtEventQueue& own, uint32_t milliseconds) {
     const auto start = Clock::now();
     for (;;) {
-        while (own.RunDue() > 0) {
-        }
+        own.RunDue();
         CIdleProbe probe;
         const bool hasThread = manager.GetReadwrThreadID() != 0;
         const int result = hasThread ? manager.PostToReadwrThread(&probe, 1) : RT_OK;
@@ -53,7 +52,7 @@ int FMWaitUntilIdle(uint32_t milliseconds) {
         return RT_ERROR_NULL_OBJECT;
     const uint32_t self = CRtThreadManager::GetThreadSelfId();
     if (!caller ||
-        self == manager->GetReadwrThreadID()) // the caller thread would wait for this one
+        CFileManager::IsOnReadwrThread()) // deadlock: the caller thread would wait for this one
         return RT_ERROR_NOT_READY;
     if (self == caller->GetThreadId())
         return PumpUntilIdle(*manager, *CRtEventQueue::Current(), milliseconds);

@@ -40,7 +40,9 @@ constexpr uint32_t FM_INFO_COUNT_SIZE = 2;
 constexpr uint32_t FM_INFO_EMPTY_SIZE = 4;
 constexpr uint32_t FM_INFO_ENTRY_SIZE = 16;
 ///@}
-/// A load refuses a longer file body (bytes).
+/// Bytes of a file body besides its name.
+constexpr uint32_t FM_INFO_FILE_BODY_FIXED = 38;
+/// A load refuses a longer file body (bytes), and a description that would be longer when it is saved.
 constexpr uint32_t FM_INFO_FILE_BODY_MAX = 2048;
 /// Maximum length of a block body in bytes: a load refuses a longer one, and a save omits the slots that
 /// exceed it.

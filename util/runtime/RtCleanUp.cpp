@@ -7,20 +7,16 @@
 
 namespace {
 
-// Guards the list. Singletons enrol while their creator holds this mutex, which is recursive.
+// Guards the list. Recursive: a singleton registers while its creator holds this mutex.
 class CSingletonLock {
 public:
-    CSingletonLock() : m_isLocked(RT_SUCCEEDED(m_mutex.Lock())) {}
-    ~CSingletonLock() {
-        if (m_isLocked)
-            m_mutex.UnLock();
-    }
+    CSingletonLock() { m_mutex.Lock(); }
+    ~CSingletonLock() { m_mutex.UnLock(); }
     CSingletonLock(const CSingletonLock&) = delete;
     CSingletonLock& operator=(const CSingletonLock&) = delete;
 
 private:
     CRtMutexBase& m_mutex = *CRtThreadManager::Instance()->GetSingletonMutex();
-    const bool m_isLocked;
 };
 
 std::vector<CRtCleanUpBase*>& Enrolled() {
@@ -55,13 +51,13 @@ class CRtProcessEnd {
 public:
     static int Run() {
         if (!CRtThreadManager::Instance()->EndAllThreads())
-            return 0; // a thread that still runs may use the objects
+            return 0; // a running thread may still use the objects
         while (CRtCleanUpBase* object = TakeYoungest())
             object->CleanUp();
         return 0;
     }
 };
 
-// The library's static objects are constructed before the program's and destroyed after them: this is the
-// last function of the library that runs.
+// The static objects of the library are constructed before those of the program and destroyed after them, so
+// this is the last function of the library that runs.
 [[maybe_unused]] const bool g_isEnrolled = RtOs::AtProcessEnd(&CRtProcessEnd::Run);

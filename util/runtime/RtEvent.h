@@ -24,10 +24,7 @@ public:
 
 private:
     friend class CRtEventQueue;
-    // Links of the queue that holds the event: queuing allocates nothing.
-    IRtEvent* m_pPrevious = nullptr;
-    IRtEvent* m_pNext = nullptr;
-    CRtEventQueue* m_pQueue = nullptr;        // null once the event has been taken out
+    IRtEvent* m_pNext = nullptr; // intrusive link of the queue: posting allocates nothing
     class CRtSendTicket* m_pTicket = nullptr; // of the sender that waits, or null
 };
 
@@ -51,21 +48,6 @@ public:
     /// @retval RT_ERROR_NULL_OBJECT `event` is null.
     /// @retval RT_ERROR_NOT_READY the thread is stopping or has stopped. The event has been disposed of.
     virtual int SendEvent(IRtEvent* event) = 0;
-    /// Removes an event from the queue and disposes of it. Precondition: the event has not been disposed of
-    /// yet; the caller has to ensure it.
-    /// @param event an event that was posted to this queue.
-    /// @returns true if the event was removed. False if it is about to run, or was sent with SendEvent; then
-    ///     it is not disposed of by this call.
-    virtual bool WithdrawEvent(IRtEvent* event) = 0;
-    /// Takes the next event out of the queue if a predicate accepts it, so that the running event can do the
-    /// work of several. The receiver disposes of it.
-    /// @param isWanted the predicate, called with `last` and the next event, under the queue's lock: it must
-    ///     not call the queue.
-    /// @param last the first argument of the predicate.
-    /// @returns the event; null if the queue is empty, the next event was sent with SendEvent, or the
-    ///     predicate refused it.
-    virtual IRtEvent* TakeNextIf(bool (*isWanted)(const IRtEvent& last, const IRtEvent& next),
-                                 const IRtEvent& last) = 0;
 
 protected:
     virtual ~IRtEventQueue();

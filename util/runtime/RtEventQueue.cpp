@@ -48,7 +48,7 @@ int CRtEventQueue::PostEvent(IRtEvent* event, int) noexcept {
 int CRtEventQueue::SendEvent(IRtEvent* event) {
     if (!event)
         return RT_ERROR_NULL_OBJECT;
-    if (t_current == this) { // a thread that waits for itself never wakes up
+    if (t_current == this) { // waiting for its own queue would be a deadlock
         event->OnEventFire();
         event->OnDestorySelf();
         return RT_OK;
@@ -69,8 +69,6 @@ int CRtEventQueue::Enqueue(IRtEvent* event, CRtSendTicket* ticket) {
         return RT_ERROR_NOT_READY;
     }
     event->m_pTicket = ticket;
-    event->m_pQueue = this;
-    event->m_pPrevious = m_pLast;
     event->m_pNext = nullptr;
     (m_pLast ? m_pLast->m_pNext : m_pFirst) = event;
     m_pLast = event;
@@ -85,53 +83,30 @@ int CRtEventQueue::Enqueue(IRtEvent* event, CRtSendTicket* ticket) {
     return RT_OK;
 }
 
-// With the mutex locked.
+// Precondition: the mutex is locked.
 void CRtEventQueue::WakeOwner() {
     m_somethingToDo.notify_one();
     if (m_wakeUp)
         m_wakeUp();
 }
 
-bool CRtEventQueue::WithdrawEvent(IRtEvent* event) {
-    {
-        const std::unique_lock lock = SpinThenLock(m_mutex);
-        if (event->m_pQueue != this ||
-            event->m_pTicket) // a sender waits for an event with a ticket
-            return false;
-        Unlink(event);
-    }
-    event->OnDestorySelf();
-    return true;
-}
-
-IRtEvent* CRtEventQueue::TakeNextIf(bool (*isWanted)(const IRtEvent& last, const IRtEvent& next),
-                                    const IRtEvent& last) {
+IRtEvent* CRtEventQueue::TakeFirst() {
     const std::unique_lock lock = SpinThenLock(m_mutex);
-    IRtEvent* const next = m_pFirst;
-    if (!next || next->m_pTicket ||
-        !isWanted(last, *next)) // a sender waits for an event with a ticket
+    IRtEvent* const event = m_pFirst;
+    if (!event)
         return nullptr;
-    Unlink(next);
-    return next;
-}
-
-void CRtEventQueue::Unlink(IRtEvent* event) {
-    (event->m_pPrevious ? event->m_pPrevious->m_pNext : m_pFirst) = event->m_pNext;
-    (event->m_pNext ? event->m_pNext->m_pPrevious : m_pLast) = event->m_pPrevious;
-    event->m_pQueue = nullptr;
+    m_pFirst = event->m_pNext;
+    if (!m_pFirst)
+        m_pLast = nullptr;
     --m_count;
+    return event;
 }
 
 bool CRtEventQueue::RunOne() {
     const std::lock_guard running(m_running);
-    IRtEvent* event = nullptr;
-    {
-        const std::unique_lock lock = SpinThenLock(m_mutex);
-        event = m_pFirst;
-        if (!event)
-            return false;
-        Unlink(event);
-    }
+    IRtEvent* const event = TakeFirst();
+    if (!event)
+        return false;
     CRtSendTicket* ticket = event->m_pTicket;
     {
         const CRtSendTicket::CRunning runs(ticket);
@@ -152,7 +127,7 @@ void CRtEventQueue::Run() {
 
 // Returns false if the loop has to end.
 bool CRtEventQueue::WaitForWork() {
-    constexpr int64_t longestMs = 3'600'000; // longer waits could overflow; the loop repeats them
+    constexpr int64_t longestMs = 3'600'000; // a longer wait could overflow; the loop waits again
     SpinUntil([this] { return m_count.load(std::memory_order_relaxed) > 0; });
     std::unique_lock lock = SpinThenLock(m_mutex);
     for (;;) {
@@ -165,8 +140,7 @@ bool CRtEventQueue::WaitForWork() {
         if (m_stopped)
             return false;
         lock.unlock();
-        const int64_t due =
-            GetNextDueMs(); // the clock may be the application's: not under the lock
+        const int64_t due = GetNextDueMs(); // may call an application's clock: not under the lock
         lock = SpinThenLock(m_mutex);
         if (due == 0)
             return true;
@@ -201,7 +175,7 @@ bool CRtEventQueue::RunRemaining(std::chrono::milliseconds timeout) {
     }
     if (!running.owns_lock())
         return false;
-    // Events posted meanwhile run too, within the time limit: an event that reposts itself never ends.
+    // Events that these events post run too. The time limit stops an event that always posts itself.
     size_t queued = m_count;
     while ((queued > 0 || !isOver()) && RunOne())
         queued -= queued > 0 ? 1 : 0;
@@ -236,7 +210,7 @@ int64_t CRtEventQueue::GetNextDueMs() {
     const std::unique_lock lock = SpinThenLock(m_mutex);
     int64_t next = -1;
     for (CRtTimerWrapper* timer : m_timers) {
-        // If the clock was set back, the timer would not fire for as long as that.
+        // If the clock was set back, the timer would not fire until the clock has caught up.
         timer->m_dueMs = std::min(timer->m_dueMs, now + timer->m_intervalMs);
         const int64_t due = timer->m_dueMs > now ? static_cast<int64_t>(timer->m_dueMs - now) : 0;
         next = next < 0 ? due : std::min(next, due);

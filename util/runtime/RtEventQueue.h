@@ -24,9 +24,6 @@ public:
 
     int PostEvent(IRtEvent* event, int priority) noexcept override;
     int SendEvent(IRtEvent* event) override;
-    bool WithdrawEvent(IRtEvent* event) override;
-    IRtEvent* TakeNextIf(bool (*isWanted)(const IRtEvent& last, const IRtEvent& next),
-                         const IRtEvent& last) override;
 
     /// True: the calling thread becomes the owner. False: the queue has no owner.
     void SetOwner(bool owned);
@@ -42,8 +39,8 @@ public:
     size_t RunDue();
     /// Whether no event is queued; one that runs does not count.
     bool IsEmpty() const { return m_count == 0; }
-    /// For the end of the process: runs the queued events on the calling thread, and events that are
-    /// posted meanwhile until `timeout`. False if another thread runs an event for that long.
+    /// For the end of the process: runs the queued events on the calling thread, and until `timeout` events
+    /// that are posted during the call. False if another thread runs an event for that long.
     bool RunRemaining(std::chrono::milliseconds timeout);
     /// From now on every post is refused. Run returns when the queue is empty.
     void Stop();
@@ -56,7 +53,7 @@ public:
 private:
     int Enqueue(IRtEvent* event, class CRtSendTicket* ticket);
     void WakeOwner();
-    void Unlink(IRtEvent* event);
+    IRtEvent* TakeFirst();
     bool RunOne();
     size_t FireDueTimers();
     bool FireOneTimer(uint64_t now);

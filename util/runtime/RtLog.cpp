@@ -12,7 +12,7 @@ namespace {
 
 void WriteToStandardError(void*, int, const char* text) { std::fprintf(stderr, "%s\n", text); }
 
-// The length of the UTF-8 sequence that the bytes begin with; 1 if they begin with none, as in other
+// The length of the UTF-8 sequence at the start of the bytes; 1 if they are not valid UTF-8, as in other
 // encodings.
 size_t CharacterLength(std::string_view bytes) {
     const auto first = static_cast<uint8_t>(bytes[0]);
@@ -26,7 +26,7 @@ size_t CharacterLength(std::string_view bytes) {
     return isComplete ? length : 1;
 }
 
-// Control characters: U+0000 to U+001F, U+007F to U+009F, as one byte or in UTF-8.
+// Control characters: U+0000 to U+001F and U+007F to U+009F, as a single byte or in UTF-8.
 bool IsControl(std::string_view character) {
     const auto last = static_cast<uint8_t>(character.back());
     if (character.size() == 1)
@@ -37,7 +37,7 @@ bool IsControl(std::string_view character) {
 } // namespace
 
 struct CRtLogSlot {
-    // Never destroyed: lines are written until the very end of the process.
+    // Never destroyed: destructors of static objects write log lines too.
     static CRtLogSlot& Instance() {
         static CRtLogSlot* slot = new CRtLogSlot;
         return *slot;
@@ -68,7 +68,7 @@ void CRtLog::TraceString(int level, int, const char* text) {
         return;
     CRtLogSlot& slot = CRtLogSlot::Instance();
     const std::lock_guard lock(slot.mutex);
-    if (IsEnabled(level)) // the listener may have changed while this thread waited
+    if (IsEnabled(level)) // the listener may have changed during the wait
         slot.sink(slot.context, level, text);
 }
 

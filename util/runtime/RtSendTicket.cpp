@@ -50,7 +50,7 @@ int CRtSendTicket::RunParts(IRtParts& parts, uint32_t count) {
     SetState(State::PartsLeft);
     TakeParts(lock);
     if (m_state == State::PartsLeft)
-        m_state = State::Waiting; // the sender came too late
+        m_state = State::Waiting; // the sender has taken no part
     lock.unlock();
     if (!SpinUntil(isHelpOver)) {
         lock = SpinThenLock(m_mutex);
@@ -73,8 +73,8 @@ void CRtSendTicket::TakeParts(std::unique_lock<std::mutex>& lock) {
     }
 }
 
-// With the mutex locked. If the other thread spins, it may destroy the ticket as soon as it sees the state;
-// a parked thread needs the mutex first.
+// Precondition: the mutex is locked. If the other thread spins, it may destroy the ticket as soon as it sees
+// the state; a parked thread needs the mutex first.
 void CRtSendTicket::SetState(State state) {
     const bool isOtherParked = m_parked > 0;
     m_state.store(state, std::memory_order_release);

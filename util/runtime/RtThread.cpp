@@ -10,7 +10,7 @@
 
 struct CRtThread::State {
     CRtEventQueue queue;
-    uint32_t threadId = 0;        // constant once the object is handed out
+    uint32_t threadId = 0;        // constant once the object is published
     std::promise<void> ended;     // set by the thread itself
     std::future<void> waitForEnd; // of `ended`
     std::thread thread;           // not joinable if the thread was adopted
@@ -28,7 +28,7 @@ IRtEventQueue* CRtThread::GetEventQueue() { return &m_state->queue; }
 
 uint32_t CRtThread::GetThreadId() const { return m_state->threadId; }
 
-// Returns when the thread runs and its identifier is known.
+// Returns when the thread runs and has stored its identifier.
 int CRtThread::StartOwn() {
     State* state = m_state.get();
     std::promise<uint32_t> started;

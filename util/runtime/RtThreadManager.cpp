@@ -16,8 +16,8 @@
 
 namespace {
 
-// How long the end of the process waits for application code that keeps thread number 3 busy.
-constexpr uint32_t END_PATIENCE_MS = 10'000;
+// At process end: the longest wait for an application event that keeps the caller thread busy.
+constexpr uint32_t END_TIMEOUT_MS = 10'000;
 
 class CRtWorkEvent final : public IRtEvent {
 public:
@@ -35,15 +35,15 @@ private:
 
 struct CRtThreadManager::State {
     CRtMutexBase singletonMutex;
-    std::mutex mutex; // guards what follows
+    std::mutex mutex; // guards the members below, except processId
     std::vector<CRtThread*> userThreads;
     CRtThread* callerThread = nullptr;
     bool callerAdopted = false;
     bool ended = false;
-    // Threads that have been number 3: kept, so that a late post to one is refused, not a crash.
+    // Former caller threads: their objects are kept, so that a late post is refused and does not crash.
     std::vector<CRtThread*> formerCallerThreads;
-    // The process that the threads belong to. Looked at without the mutex: in a child that was forked a
-    // thread that is not there any more may hold that for ever.
+    // The process that started the threads. Read without the mutex: in a forked child, the mutex may be locked
+    // by a thread that exists in the parent only.
     std::atomic<uint32_t> processId{0};
 };
 
@@ -115,10 +115,10 @@ void CRtThreadManager::ForgetThread(CRtThread* thread) {
         m_state->callerThread = nullptr;
 }
 
-// Nothing is lost here. What is queued for number 3 runs first, while threads can still be made for it;
-// then each user thread runs what is queued for it and ends; then number 3 runs what they have posted.
+// Runs every queued event. First the caller thread's, while they can still start threads; then each user
+// thread runs its queue and ends; then the caller thread runs what the user threads have posted.
 bool CRtThreadManager::EndAllThreads() {
-    // A child that was forked has none of its parent's threads, and their work is not its own.
+    // A forked child has none of its parent's threads; the queued events are the parent's work.
     const uint32_t processId = m_state->processId;
     if (processId != 0 && processId != RtOs::GetProcessId())
         return false;
@@ -138,31 +138,31 @@ bool CRtThreadManager::EndAllThreads() {
     }
     bool allEnded = true;
     for (CRtThread* thread : userThreads)
-        allEnded = thread->End() && allEnded; // kept: number 3 may still post to it
+        allEnded = thread->End() && allEnded; // not deleted: the caller thread may still post to it
     return (!caller || EndCallerThread(*caller)) && allEnded;
 }
 
-// What is queued now, wherever the thread is: on a loop of its own, or here.
+// Runs the events that are queued now: on the thread's own loop if it has one, else on the calling thread.
 void CRtThreadManager::RunCallerQueue(CRtThread& caller) {
-    const std::chrono::milliseconds patience(END_PATIENCE_MS);
+    const std::chrono::milliseconds timeout(END_TIMEOUT_MS);
     const bool ownLoop =
         !m_state->callerAdopted && caller.GetThreadId() != CRtThreadManager::GetThreadSelfId();
     if (!ownLoop) {
-        caller.Queue().RunRemaining(patience);
+        caller.Queue().RunRemaining(timeout);
         return;
     }
     const auto reached = std::make_shared<std::promise<void>>();
     std::future<void> future = reached->get_future();
     caller.Queue().PostEvent(new CRtWorkEvent([reached] { reached->set_value(); }),
                              RT_PRIORITY_NORMAL);
-    future.wait_for(patience);
+    future.wait_for(timeout);
 }
 
 bool CRtThreadManager::EndCallerThread(CRtThread& caller) {
     caller.Stop();
-    if (!m_state->callerAdopted && RT_SUCCEEDED(caller.Join(END_PATIENCE_MS)))
+    if (!m_state->callerAdopted && RT_SUCCEEDED(caller.Join(END_TIMEOUT_MS)))
         return caller.End();
-    if (caller.Queue().RunRemaining(std::chrono::milliseconds(END_PATIENCE_MS)))
+    if (caller.Queue().RunRemaining(std::chrono::milliseconds(END_TIMEOUT_MS)))
         return true;
     RT_LOG(RT_LOG_ERROR, "CRtThreadManager::EndCallerThread, thread 3 is busy, its queue is lost");
     return false;

@@ -1,4 +1,4 @@
-// Spin-waits, for what another thread finishes within microseconds. Parking a thread and waking it up
+// Spin-waits for results that another thread produces within microseconds: parking a thread and waking it up
 // takes longer than most events of the library run. Private to the library.
 #pragma once
 

@@ -1,4 +1,4 @@
-// The POSIX side of the seam.
+// The POSIX implementation of RtOs.h.
 #define _FILE_OFFSET_BITS 64 // 64-bit offsets and file times on 32-bit systems too
 #define _TIME_BITS 64
 
@@ -34,7 +34,7 @@ std::string Native(const CRtString& path) {
     return native;
 }
 
-// lstat and rmdir would follow a link whose path ends in a separator.
+// If the path ends in a separator, lstat and rmdir follow a link.
 std::string NativeWithoutTail(const CRtString& path) {
     std::string native = Native(path);
     while (native.size() > 1 && native.back() == '/')
@@ -44,12 +44,12 @@ std::string NativeWithoutTail(const CRtString& path) {
 
 bool IsMissing(int error) { return error == ENOENT || error == ENOTDIR; }
 
-// A system or file system that has no such locks refuses nobody.
+// If the system or the file system does not support locks, the lock counts as granted.
 bool LockFile(int fd, int operation) {
     return ::flock(fd, operation | LOCK_NB) == 0 || errno != EWOULDBLOCK;
 }
 
-// One that was removed before the lock came is not what its path names.
+// A directory that was removed before the lock was granted is not the one that its path names.
 bool LockDirectory(int fd, int operation) {
     struct stat info {};
     return LockFile(fd, operation) && (::fstat(fd, &info) != 0 || info.st_nlink > 0);
@@ -98,11 +98,11 @@ void FillFromStandardGenerator(uint8_t (&bytes)[16]) {
 } // namespace
 
 void CreateGuid(uint8_t (&bytes)[16]) {
-    // Not by way of the standard library, which may ask the processor: on some that takes 100 microseconds.
+    // std::random_device may use a processor instruction that takes 100 microseconds on some CPUs.
     if (::getentropy(bytes, sizeof(bytes)) != 0)
         FillFromStandardGenerator(bytes);
-    // RFC 4122, section 4.4: version 4 in the top bits of the third field, which the GUID structure
-    // keeps as a number in host order; the variant in the top bits of the fourth.
+    // RFC 4122, section 4.4: version 4 in the top bits of the third field, which the GUID structure stores
+    // in host byte order; the variant in the top bits of the fourth field.
     uint16_t third = 0;
     std::memcpy(&third, bytes + 6, sizeof(third));
     third = static_cast<uint16_t>((third & 0x0FFFU) | 0x4000U);
@@ -115,7 +115,7 @@ uint32_t GetDriveKind(const char*) { return 0; }
 bool GetDriveFreeBytes(const char*, uint64_t&) { return false; }
 
 bool GetUserDataDir(CRtString& directory) {
-    // XDG base directories: a relative value is to be ignored.
+    // XDG Base Directory Specification: ignore relative values.
     if (const char* cache = std::getenv("XDG_CACHE_HOME"); cache && cache[0] == '/') {
         std::string path(cache);
         std::replace(path.begin(), path.end(), '/', '\\');
@@ -151,7 +151,7 @@ EntryKind GetEntryKind(const CRtString& path) {
 
 bool MakeDirectory(const CRtString& path) { return ::mkdir(Native(path).c_str(), 0700) == 0; }
 
-void SetHidden(const CRtString&) {} // a leading dot hides here, and the name is given
+void SetHidden(const CRtString&) {} // needs a leading dot, but the names are fixed
 
 size_t FindLastSeparator(const CRtString& path) { return path.view().find_last_of("\\/"); }
 
@@ -180,7 +180,7 @@ struct DirectoryWalk::State {
     State(const State&) = delete;
     State& operator=(const State&) = delete;
 
-    // Replaces the open directory, if that can be done.
+    // If the open fails, the previous directory stays open.
     bool Open(int parent, const char* name, int follow) {
         const int fd = ::openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | follow);
         DIR* const opened = fd < 0 ? nullptr : ::fdopendir(fd);
@@ -208,7 +208,7 @@ struct DirectoryWalk::State {
     }
 
     DIR* stream = nullptr;
-    std::vector<Identity> outer; // of the directories that Enter left, the outermost first
+    std::vector<Identity> outer; // the parents of the open directory, the outermost first
 };
 
 DirectoryWalk::DirectoryWalk(const CRtString& path, bool followLast)
@@ -288,7 +288,7 @@ bool DirectoryWalk::RemoveSubdirectory(const CRtString& name) {
 namespace {
 
 int OpenFile(const char* path, uint32_t flags, bool& created) {
-    // Beyond a link lies somebody else's file. One that leads nowhere could be neither opened nor made.
+    // O_NOFOLLOW: the target of a link is outside the cache. A dangling link can be neither opened nor created.
     constexpr int mode = O_RDWR | O_CLOEXEC | O_NOFOLLOW;
     for (;;) {
         created = false;
@@ -296,7 +296,7 @@ int OpenFile(const char* path, uint32_t flags, bool& created) {
         if (fd < 0 && errno == ENOENT && (flags & OPEN_CREATE)) {
             fd = ::open(path, mode | O_CREAT | O_EXCL, 0600);
             if (fd < 0 && errno == EEXIST)
-                continue; // somebody was faster
+                continue; // another process has created the file
             created = fd >= 0;
         }
         if (fd < 0 || !(flags & OPEN_ALONE))
@@ -307,7 +307,7 @@ int OpenFile(const char* path, uint32_t flags, bool& created) {
             return fd;
         ::close(fd);
         if (mine)
-            continue; // it was removed between the two calls
+            continue; // removed between open and flock
         errno = EWOULDBLOCK;
         return -1;
     }
@@ -347,7 +347,7 @@ bool IsNoSuchFile(int error) { return IsMissing(error); }
 bool IsOutOfStreams(int error) { return error == EMFILE || error == ENFILE; }
 bool IsInUse(int error) { return error == EWOULDBLOCK; }
 
-// The position is nobody's: every transfer says where it goes.
+// May move the position of the stream: every transfer passes its own offset.
 bool GetLength(FILE* stream, uint64_t& length) {
     const off_t end = ::lseek(::fileno(stream), 0, SEEK_END);
     if (end < 0)
@@ -370,7 +370,7 @@ bool GetStamp(const CRtString& path, FileStamp& stamp) {
 
 namespace {
 
-// `move` is pread or pwrite over the bytes from `done` on; either may move fewer than it is asked for.
+// `move` is pread or pwrite of the bytes from `done` on; both may transfer fewer bytes than requested.
 template <class Move>
 Transfer MoveAll(uint64_t offset, uint32_t length, Move move) {
     if (offset > static_cast<uint64_t>(std::numeric_limits<off_t>::max()) - length)

@@ -1,5 +1,5 @@
-// The Windows side of the seam. Paths go to the system as they are: both separators are its own.
-#include "RtOs.h" // before the system's macros, some of which have the same names
+// The Windows implementation of RtOs.h. Windows accepts both separators, so paths are passed unchanged.
+#include "RtOs.h" // before windows.h, which defines macros with names used there
 
 #include <direct.h>
 #include <errno.h>
@@ -19,7 +19,7 @@
 
 namespace {
 
-// The attribute of a search is as wide as the system's, and a junction is a directory that is a link.
+// True for junctions too.
 bool IsLink(DWORD attributes) { return (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0; }
 bool IsDirectory(DWORD attributes) { return (attributes & _A_SUBDIR) != 0; }
 bool IsRealDirectory(DWORD attributes) { return IsDirectory(attributes) && !IsLink(attributes); }
@@ -28,7 +28,7 @@ bool IsDots(const char* name) {
     return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
 }
 
-// A separator at the end would show what a link leads to. That of a drive's root stays.
+// A trailing separator makes the system follow a link. The one of a drive's root is kept.
 CRtString WithoutTail(CRtString path) {
     while (path.size() > 1 && path.back() == '\\' && path[path.size() - 2] != ':')
         path.resize(path.size() - 1);
@@ -43,7 +43,7 @@ bool IsMissing(DWORD error) {
            error == ERROR_BAD_NET_NAME || error == ERROR_NOT_READY;
 }
 
-// An open file or directory, closed at the end. Arguments are those of CreateFileA.
+// RAII handle of an open file or directory. The arguments are those of CreateFileA.
 class Handle {
 public:
     Handle(const CRtString& path, DWORD access, DWORD sharing, DWORD flags = 0) {
@@ -79,12 +79,12 @@ uint32_t GetProcessId() { return ::GetCurrentProcessId(); }
 bool IsProcessAlive(int64_t processId) {
     if (processId <= 0 || processId > int64_t{UINT32_MAX})
         return false;
-    // One that cannot be opened counts as ended; DirectoryUse protects what it works in all the same.
+    // A process that cannot be opened counts as ended. DirectoryUse still protects its directory.
     const HANDLE process =
         ::OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, static_cast<DWORD>(processId));
     if (!process)
         return false;
-    // One that has ended can be opened as long as somebody else has it open.
+    // A process that has ended can be opened as long as another process holds a handle to it.
     DWORD exitCode = 0;
     const bool ended = ::GetExitCodeProcess(process, &exitCode) && exitCode != STILL_ACTIVE;
     ::CloseHandle(process);
@@ -93,8 +93,8 @@ bool IsProcessAlive(int64_t processId) {
 
 uint32_t GetThreadId() { return ::GetCurrentThreadId(); }
 
-// Not with the library's own destructors: those of a DLL run when the system has ended all other threads,
-// whatever they were at. From now on the DLL stays until the process ends.
+// Destructors of static objects of a DLL run after the system has terminated all other threads, which is too
+// late. This call also pins the DLL until the process ends.
 bool AtProcessEnd(int (*work)()) {
     HMODULE self = nullptr;
     constexpr DWORD flags = GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN;
@@ -104,7 +104,7 @@ bool AtProcessEnd(int (*work)()) {
 
 void CreateGuid(uint8_t (&bytes)[16]) {
     GUID guid{};
-    ::CoCreateGuid(&guid); // fails only where the process could not run at all
+    ::CoCreateGuid(&guid); // cannot fail in a working process
     std::memcpy(bytes, &guid, sizeof(bytes));
 }
 
@@ -139,7 +139,7 @@ EntryKind GetEntryKind(const CRtString& path) {
         ::_findclose(search);
         attributes = entry.attrib;
     } else {
-        // A root is no entry of any directory, so that no search finds it.
+        // FindFirstFile does not find a drive's root: it is no entry of a directory.
         attributes = ::GetFileAttributesA(path.c_str());
     }
     if (attributes == INVALID_FILE_ATTRIBUTES)
@@ -160,17 +160,17 @@ bool HasExtension(const CRtString& name, const CRtString& extension) {
 
 int RemoveFile(const CRtString& path) { return ::_unlink(path.c_str()); }
 
-// Of a junction or a link to a directory this removes the link itself.
+// If the path is a junction or a link to a directory, _rmdir removes the link itself.
 int RemoveEmptyDirectory(const CRtString& path) { return ::_rmdir(WithoutTail(path).c_str()); }
 
-// The directory is held open, so that it can neither be renamed nor removed, nor another take its place,
-// while the walk names its entries by their paths.
+// An open handle prevents other processes from renaming, removing or replacing the directory. The walk can
+// therefore name the entries by their paths.
 struct DirectoryWalk::State {
     State(const CRtString& directory, bool followLast)
         : path(WithoutTail(directory)), base(path + (path.view().ends_with('\\') ? "" : "\\")),
           hold(path, FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE,
                followLast ? 0 : FILE_FLAG_OPEN_REPARSE_POINT) {
-        // By the path, which leads to nothing else from now on.
+        // From here on the open handle ensures that the path names this directory.
         const DWORD attributes = ::GetFileAttributesA(path.c_str());
         isOpen = hold.IsOpen() && attributes != INVALID_FILE_ATTRIBUTES &&
                  (followLast ? IsDirectory(attributes) : IsRealDirectory(attributes));
@@ -189,7 +189,7 @@ struct DirectoryWalk::State {
     const CRtString base;
     Handle hold;
     __finddata64_t entry{};
-    // Begun by the first step: a search may keep the directory from being removed.
+    // The first step opens the search: an open search can prevent the removal of the directory.
     bool Step() {
         if (search != -1)
             return ::_findnext64(search, &entry) == 0;
@@ -199,7 +199,7 @@ struct DirectoryWalk::State {
 
     bool isOpen = false;
     intptr_t search = -1;
-    std::unique_ptr<State> outer; // the directory that Enter left
+    std::unique_ptr<State> outer; // the parent, which Leave returns to
 };
 
 DirectoryWalk::DirectoryWalk(const CRtString& path, bool followLast)
@@ -212,8 +212,8 @@ DirectoryWalk::~DirectoryWalk() = default;
 
 bool DirectoryWalk::IsOpen() const { return m_state->isOpen; }
 
-// Held so that nobody can have it open for making entries in it, as DirectoryUse has, and that it can be
-// removed: it is gone when this object is.
+// Exclusive lock: the sharing mode conflicts with the access that DirectoryUse opens with, but permits removal.
+// The directory disappears when this handle is closed.
 bool DirectoryWalk::TakeAlone() {
     m_state->hold.Close();
     m_state->hold.Open(m_state->path, FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_DELETE,
@@ -221,7 +221,7 @@ bool DirectoryWalk::TakeAlone() {
     return m_state->hold.IsOpen() || ::GetLastError() != ERROR_SHARING_VIOLATION;
 }
 
-// As long as it is held, nobody can remove or rename the directory.
+// Without FILE_SHARE_DELETE, no process can remove or rename the directory while the handle is open.
 DirectoryUse::DirectoryUse(const CRtString& path)
     : m_handle(static_cast<int>(reinterpret_cast<intptr_t>( // no handle needs more than 32 bits
           Handle(WithoutTail(path), FILE_ADD_FILE, FILE_SHARE_READ | FILE_SHARE_WRITE).Release()))),
@@ -262,7 +262,7 @@ bool DirectoryWalk::Leave() {
 
 bool DirectoryWalk::RemoveFile(const CRtString& name) {
     const CRtString path = m_state->base + name;
-    return ::_unlink(path.c_str()) == 0 || ::_rmdir(path.c_str()) == 0; // a link to a directory
+    return ::_unlink(path.c_str()) == 0 || ::_rmdir(path.c_str()) == 0; // for a link to a directory
 }
 
 bool DirectoryWalk::RemoveSubdirectory(const CRtString& name) {
@@ -271,11 +271,11 @@ bool DirectoryWalk::RemoveSubdirectory(const CRtString& name) {
 
 namespace {
 
-// A number of our own for what the runtime library reports as a want of permission.
+// Replaces the runtime library's EACCES for a sharing violation, so that IsInUse can tell the two apart.
 constexpr int IN_USE = EBUSY;
 
 int OpenFile(const CRtString& path, int mode, uint32_t flags, int& file) {
-    // Whoever else wants to write is refused.
+    // _SH_DENYWR: every other open for writing fails.
     const int sharing = (flags & OPEN_ALONE) ? _SH_DENYWR : _SH_DENYNO;
     const int error = ::_sopen_s(&file, path.c_str(), mode | _O_RDWR | _O_BINARY | _O_NOINHERIT,
                                  sharing, _S_IREAD | _S_IWRITE);
@@ -286,7 +286,8 @@ int OpenFile(const CRtString& path, int mode, uint32_t flags, int& file) {
 } // namespace
 
 FILE* OpenStream(const CRtString& path, uint32_t flags, int& error, bool& created) {
-    // Somebody may be faster, but not each time: a link that leads nowhere is neither there nor to be made.
+    // Another process may create or remove the file in between. Bounded: a dangling link can neither be opened
+    // nor created, so that both attempts always fail.
     constexpr int tries = 10;
     int file = -1;
     error = EEXIST;
@@ -302,7 +303,7 @@ FILE* OpenStream(const CRtString& path, uint32_t flags, int& error, bool& create
         return nullptr;
     FILE* stream = ::_fdopen(file, "rb+");
     if (!stream) {
-        error = EMFILE; // nothing else is wanting, and not every runtime library says so
+        error = EMFILE; // the only cause, and some runtime libraries leave errno unset
         ::_close(file);
         if (created)
             ::_unlink(path.c_str());
@@ -322,9 +323,9 @@ HANDLE HandleOf(FILE* stream) {
     return reinterpret_cast<HANDLE>(::_get_osfhandle(::_fileno(stream)));
 }
 
-// `move` is ReadFile or WriteFile over the bytes from `done` on; either may move fewer than it is asked
-// for. Past the stream: without a buffer it moves the last bytes of a record one by one. The offset goes
-// with the call, as the handle's own is that of all threads.
+// `move` is ReadFile or WriteFile of the bytes from `done` on; both may transfer fewer bytes than requested.
+// Not fread or fwrite: unbuffered, they transfer the last bytes of a record one by one. Each call passes its
+// offset, because all threads share the position of the handle.
 template <class Move>
 Transfer MoveAll(FILE* stream, uint64_t offset, uint32_t length, Move move) {
     const HANDLE file = HandleOf(stream);
@@ -345,8 +346,8 @@ Transfer MoveAll(FILE* stream, uint64_t offset, uint32_t length, Move move) {
     return Transfer::Done;
 }
 
-// Left alone the system notes when a file was changed as late as its handle is closed: a stamp taken
-// before would be another one than afterwards, and this process take itself for another one.
+// By default the system may update the time of the last change only when the handle is closed. The fingerprint
+// would then change after this process took it, as if another process had written to the file.
 void NoteChange(FILE* stream) {
     FILETIME now{};
     ::GetSystemTimeAsFileTime(&now);
@@ -367,7 +368,7 @@ Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t leng
         return ::WriteFile(file, static_cast<const char*>(bytes) + done, length - done, moved, at);
     };
     const Transfer result = MoveAll(stream, offset, length, write);
-    NoteChange(stream); // also of a write that stopped half way
+    NoteChange(stream); // a failed write may have changed the file too
     return result;
 }
 

@@ -1,0 +1,57 @@
+// FMHost: the interface of blocks and files to the manager, so that they do not depend on CFileManager.
+// Implemented in filemanager.cpp.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "RtEvent.h"
+#include "RtString.h"
+#include "RtTimeValue.h"
+
+class CFMBlock;
+class CFMBlockOwner;
+class CFMFile;
+
+/// Process-wide counters of the statistics line. Any thread adds, atomically.
+struct FMCounters {
+    std::atomic<uint32_t> filesCreated{0};
+    std::atomic<uint32_t> filesDestroyed{0};
+    std::atomic<uint32_t> blocksCreated{0};
+    std::atomic<uint32_t> blocksDestroyed{0};
+    std::atomic<uint32_t> timeSetOwner{0}; // milliseconds, as the two below
+    std::atomic<uint32_t> timeGetOwner{0};
+    std::atomic<uint32_t> timeGetOwners{0};
+};
+extern FMCounters g_counters;
+
+namespace FMHost {
+
+/// Post or send (`sync` non-zero) an event. It is disposed of in any case. RT_OK or the queue's result;
+/// RT_ERROR_NULL_OBJECT: no event; RT_ERROR_NOT_READY: no thread.
+int PostToReadwrThread(IRtEvent* event, int sync);
+int PostToCallerThread(IRtEvent* event, int sync);
+bool IsReadwrThread();
+bool HasCallerThread();
+
+/// Bytes of block data in memory. Any thread; the subtraction also after the manager is gone.
+void AddMemory(uint32_t length);
+void SubtractMemory(uint32_t length);
+/// More than twice the limit.
+bool IsMemoryFarAboveLimit();
+
+int Random(int max);
+/// A new block of this process's kind, without a reference, or null.
+CFMBlock* CreateBlock(CFMBlockOwner* file, uint32_t blockID, uint64_t now);
+
+const CRtString& GetDataDir();
+void CheckDataDir();
+int GetClearDays();
+
+/// The file is being destroyed. Any thread, also after the manager is gone.
+void ForgetFile(CFMFile* file);
+/// The table of the file could not be written: it stays pending; a later tick or UnInitialize retries it.
+void KeepUnsaved(CFMFile* file);
+
+} // namespace FMHost
