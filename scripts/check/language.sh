@@ -6,14 +6,10 @@ cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 
 # To check another directory, add its name here.
 places=(README.md CHANGELOG.md CONTRIBUTING.md CMakeLists.txt CMakePresets.json run .ci docs tools examples scripts
-    bench cmake tests/CMakeLists.txt util/h/*.h)
-for header in util/runtime/*.h; do
-    case $header in *RtEventQueue.h | *RtParts.h | *RtSendTicket.h) ;; *) places+=("$header") ;; esac
-done
+    bench cmake util tests fuzz)
 [ $# -eq 0 ] || places=("$@")
 
-found=$(find "${places[@]}" -type f ! -name banned-words.txt | sort) # fails if a place is missing
-mapfile -t files <<<"$found"
+mapfile -t files < <(find "${places[@]}" -type f ! -name banned-words.txt | sort)
 perl - "${files[@]}" <<'PERL'
 use strict;
 use warnings;

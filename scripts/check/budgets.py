@@ -1,0 +1,84 @@
+#!/usr/bin/env python3
+"""Prints what an engineer has to keep in mind of the library, with its budget, and fails if it grows.
+
+usage: budgets.py [ROOT]
+
+Counted by simple patterns over util/: data members of the three central classes (those of their bases
+included), mutexes, atomics, include cycles among the components of util/filemanager (a component is a header
+and the source of the same name), lines.
+"""
+import pathlib
+import re
+import sys
+
+ROOT = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else ".")
+CLASSES = {"CFMBlock": ("fmblock.h", 17), "CFMFile": ("fmfile.h", 16), "CFileManager": ("filemanager.h", 20)}
+MUTEXES, ATOMICS, LINES = 8, 24, 7000
+# Where the budget is not reached yet: the figure that must not grow.
+REACHED = {"mutexes in util/": 9, "lines of util/": 9100}
+
+
+def sources():
+    return sorted(path for path in (ROOT / "util").rglob("*") if path.suffix in (".h", ".cpp"))
+
+
+def without_comments(text):
+    return re.sub(r"//[^\n]*|/\*.*?\*/", "", text, flags=re.S)
+
+
+def body_of(name, text):
+    """The text between the braces of a class, without nested braces."""
+    start = re.search(rf"\bclass (?:\w+ )?{name}\b[^;{{]*{{", text).end()
+    depth, end = 1, start
+    while depth:
+        depth += {"{": 1, "}": -1}.get(text[end], 0)
+        end += 1
+    body = text[start:end - 1]
+    while re.search(r"{[^{}]*}", body):
+        body = re.sub(r"{[^{}]*}", ";", body)
+    return body
+
+
+def members(name, header):
+    body = body_of(name, without_comments((ROOT / "util/filemanager" / header).read_text("utf-8")))
+    return len(re.findall(r"(?m)\bm_\w+\s*(?:=[^;]*)?;", body))
+
+
+def cycles():
+    folder = ROOT / "util/filemanager"
+    includes = {}
+    for path in folder.iterdir():
+        if path.suffix in (".h", ".cpp"):
+            names = re.findall(r'#include "(?:\w+/)*(\w+)\.h"', path.read_text("utf-8"))
+            includes.setdefault(path.stem, set()).update(
+                each for each in names if (folder / f"{each}.h").exists() and each != path.stem)
+
+    def reaches(start, goal, seen):
+        for each in includes.get(start, ()):
+            if each == goal or (each not in seen and reaches(each, goal, seen | {each})):
+                return True
+            seen = seen | {each}
+        return False
+    return sorted(name for name in includes if reaches(name, name, set()))
+
+
+def main():
+    text = "\n".join(without_comments(path.read_text("utf-8")) for path in sources())
+    rows = [(f"data members of {name}", members(name, header), limit)
+            for name, (header, limit) in CLASSES.items()]
+    rows.append(("mutexes in util/", len(re.findall(r"\bstd::(?:recursive_)?mutex\s+\w+\s*;", text)), MUTEXES))
+    rows.append(("atomics in util/", len(re.findall(r"\bstd::atomic(?:<[^;{}()]*>|_flag)\s+\w+\s*[{;=]", text)), ATOMICS))
+    in_cycles = cycles()
+    rows.append(("components of util/filemanager in an include cycle", len(in_cycles), 0))
+    rows.append(("lines of util/", sum(len(path.read_text("utf-8").splitlines()) for path in sources()), LINES))
+    over = 0
+    for what, count, limit in rows:
+        over += count > REACHED.get(what, limit)
+        print(f"{what:52} {count:6} of {limit:5}{'  over budget' if count > limit else ''}")
+    if in_cycles:
+        print("in a cycle: " + ", ".join(in_cycles))
+    sys.exit(1 if over else 0)
+
+
+if __name__ == "__main__":
+    main()
