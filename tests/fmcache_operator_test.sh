@@ -102,6 +102,7 @@ damaged="$cut $over $far $outside $twice $lost $early $bad $other $data $table"
 for id in $damaged; do run 1 verify --dir cache "$id" && run 0 show --dir cache "$id"; done
 json 1 "{f['id'] for f in j['files'] if any(g['fault'] for g in f['findings'])} == {'stray', *'$damaged'.split()}" verify --dir cache
 json 0 "j['present'] == 4 and j['blocks'][4]['state'] == 'beyond the data file'" show --dir cache "$cut"
+json 0 "j['present'] == 3 and j['blocks'][2]['state'] == 'overlaps another block'" show --dir cache "$over"
 run 0 show --dir cache "$cut" && says '^1  ####!$'
 run 0 ls --dir cache
 says "^$lost +- +- .*next run: no information file +\(there is no information file\)$"

@@ -156,34 +156,41 @@ SlotState Checker::StateOf(const FMBlockEntry& block, uint64_t slots) {
 // Sorted by offset, a block overlaps an earlier one exactly if it overlaps the one with the furthest end so
 // far.
 void Checker::CheckRanges() {
-    std::vector<const FMBlockEntry*> placed;
+    std::vector<size_t> placed;
     for (size_t i = 0; i < m_check.states.size(); ++i) {
         const SlotState state = m_check.states[i];
         if (state != SlotState::Stored && state != SlotState::Beyond)
             continue;
-        m_check.present += state == SlotState::Stored ? 1 : 0;
         m_check.bytes += m_file.slots[i].totalLen;
-        placed.push_back(&m_file.slots[i]);
+        placed.push_back(i);
     }
-    std::sort(placed.begin(), placed.end(), [](const FMBlockEntry* a, const FMBlockEntry* b) {
-        return a->posInFile != b->posInFile ? a->posInFile < b->posInFile : a->blockID < b->blockID;
+    std::sort(placed.begin(), placed.end(), [this](size_t a, size_t b) {
+        const FMBlockEntry& first = m_file.slots[a];
+        const FMBlockEntry& second = m_file.slots[b];
+        return first.posInFile != second.posInFile ? first.posInFile < second.posInFile
+                                                   : first.blockID < second.blockID;
     });
-    const FMBlockEntry* furthest = nullptr;
+    size_t furthest = 0;
     uint64_t end = 0;
     uint64_t owned = 0; // bytes of the data file
-    for (const FMBlockEntry* block : placed) {
-        if (furthest && Begin(*block) < end)
-            Add(Name(*block) + " overlaps " + Name(*furthest) + " by " +
-                    Count(std::min(end, End(*block)) - Begin(*block), "byte"),
+    for (const size_t i : placed) {
+        const FMBlockEntry& block = m_file.slots[i];
+        if (Begin(block) < end) {
+            Add(Name(block) + " overlaps " + Name(m_file.slots[furthest]) + " by " +
+                    Count(std::min(end, End(block)) - Begin(block), "byte"),
                 "both are loaded without data");
-        const uint64_t from = std::max(end, Begin(*block));
-        const uint64_t to = std::min(End(*block), m_entry.dataLength);
+            m_check.states[i] = m_check.states[furthest] = SlotState::Overlaps;
+        }
+        const uint64_t from = std::max(end, Begin(block));
+        const uint64_t to = std::min(End(block), m_entry.dataLength);
         owned += to > from ? to - from : 0;
-        if (!furthest || End(*block) > end) {
-            furthest = block;
-            end = End(*block);
+        if (End(block) > end) {
+            furthest = i;
+            end = End(block);
         }
     }
+    m_check.present = static_cast<uint64_t>(
+        std::count(m_check.states.begin(), m_check.states.end(), SlotState::Stored));
     CheckUnowned(owned);
 }
 
@@ -207,6 +214,8 @@ const char* StateText(SlotState state) {
         return "impossible range";
     case SlotState::Beyond:
         return "beyond the data file";
+    case SlotState::Overlaps:
+        return "overlaps another block";
     case SlotState::Outside:
         return "outside the table";
     case SlotState::Replaced:

@@ -14,6 +14,7 @@ enum class SlotState {
     NoData,     ///< a block without bytes on disk
     Impossible, ///< an impossible range: loaded without data
     Beyond,     ///< ends past the data file: loaded, but reading fails
+    Overlaps,   ///< shares bytes with another entry: loaded without data
     Outside,    ///< an identifier outside the table: not loaded
     Replaced,   ///< a later entry has the same identifier: not loaded
 };

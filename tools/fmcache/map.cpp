@@ -25,7 +25,9 @@ constexpr char PLAIN[] = "\033[0m";
 Kind KindOf(SlotState state) {
     if (state == SlotState::Stored)
         return THERE;
-    return state == SlotState::Impossible || state == SlotState::Beyond ? FAULTY : MISSING;
+    const bool isFaulty = state == SlotState::Impossible || state == SlotState::Beyond ||
+                          state == SlotState::Overlaps;
+    return isFaulty ? FAULTY : MISSING;
 }
 
 // By slot of the loaded table, not by position in the information file.

@@ -415,8 +415,8 @@ void FMHost::SubtractMemory(uint32_t length) {
         manager->SubtractMemory(length);
 }
 bool FMHost::IsMemoryFarAboveLimit() {
-    const CFileManager& manager = *CFileManager::Instance();
-    return manager.GetMemoryInUse() > 2 * manager.GetMemoryLimit();
+    const CFileManager* manager = CFileManager::IfAlive();
+    return manager && manager->GetMemoryInUse() > 2 * manager->GetMemoryLimit();
 }
 int FMHost::Random(int max) { return CFileManager::Instance()->Random(max); }
 CFMBlock* FMHost::CreateBlock(CFMBlockOwner* file, uint32_t blockID, uint64_t now) {
