@@ -10,88 +10,9 @@
 
 namespace {
 
-// Each call of the clock advances it by two seconds, so that every check that is due once per second is due. A
-// chosen call runs an action.
-class SteppingClock final : public IRtClock {
-public:
-    SteppingClock() { RtSetClock(this); }
-    ~SteppingClock() override { RtSetClock(nullptr); }
-    uint64_t TickCountMs() override {
-        if (m_left > 0 && --m_left == 0)
-            m_action();
-        return m_tick += 2000;
-    }
-    CRtTimeValue TimeOfDay() override { return CRtTimeValue(1'700'000'000, 0); }
-    void Arm(int calls, std::function<void()> action) {
-        m_action = std::move(action);
-        m_left = calls;
-    }
-    bool HasFired() const { return m_left == 0; }
-    void Advance(uint64_t ms) { m_tick += ms; }
-
-private:
-    std::atomic<uint64_t> m_tick{1'000'000};
-    std::atomic<int> m_left{-1};
-    std::function<void()> m_action;
-};
-
 size_t At(const std::string& text, const std::string& part) { return text.find(part); }
 
 } // namespace
-
-TEST(Core, ReplacedDataFileNeverYieldsForeignBytes) {
-    LogCapture quiet(RT_LOG_SILENT);
-    SteppingClock clock;
-    Cache cache;
-    bool fired = true;
-    for (int look = 1; fired; ++look) {
-        const FileRef file = cache.Create();
-        const FMFileID id = file->GetFileInfo().fileID;
-        const BlockRef block = Cache::Block(*file, 1);
-        Write(*block, Pattern(1, 5000));
-        FMWaitUntilIdle();
-        clock.Advance(240'001);
-        ASSERT_FALSE(block->FreeMemory());
-        const fs::path foreign = cache.dir.path / "foreign";
-        WriteFile(foreign, Pattern(2, 5000));
-        clock.Arm(look, [&] { fs::rename(foreign, cache.Path(id, ".sdd")); });
-        const std::string bytes = Read(*block);
-        fired = clock.HasFired();
-        clock.Arm(-1, {});
-        EXPECT_TRUE(bytes == Pattern(1, 5000) || bytes.starts_with("error")) << "at look " << look;
-    }
-}
-
-TEST(Core, CloseStoresResidentBlocksAgainAfterTheirFilesWereRemovedOrTruncated) {
-    TestClock clock;
-    LogCapture quiet(RT_LOG_SILENT);
-    Cache cache;
-    for (const bool isLoaded : {false, true}) {
-        for (const bool isRemoved : {true, false}) {
-            FileRef file = cache.Create();
-            const FMFileID id = file->GetFileInfo().fileID;
-            for (const uint32_t block : {1U, 2U})
-                Write(*Cache::Block(*file, block), Pattern(block, 1000));
-            FMWaitUntilIdle();
-            if (isLoaded) { // the blocks are resident, and nothing has changed since the last close
-                cache.Close(file);
-                file = cache.Open(id);
-                for (const uint32_t block : {1U, 2U})
-                    Read(*Cache::Block(*file, block, 0));
-            }
-            if (isRemoved)
-                fs::remove_all(cache.Path(id, "").parent_path());
-            else
-                fs::resize_file(cache.Path(id, ".sdd"), 1500);
-            cache.Close(file);
-            FMWaitUntilIdle();
-            file = cache.Open(id);
-            ASSERT_TRUE(file);
-            for (const uint32_t block : {1U, 2U})
-                EXPECT_EQ(Read(*Cache::Block(*file, block, 0)), Pattern(block, 1000));
-        }
-    }
-}
 
 TEST(Core, AStaleFirstLoadOfALoadedBlockIsDropped) {
     LogCapture log;
@@ -253,45 +174,6 @@ TEST(Core, BlockLogsItsDestructorLineBeforeItReleasesItsOwners) {
     }
     cache.Close(file);
     EXPECT_EQ(lines, 1U);
-}
-
-TEST(Core, AReadOfTruncatedBytesLeavesTheRestReadable) {
-    TestClock clock;
-    LogCapture quiet(RT_LOG_SILENT);
-    Cache cache;
-    FileRef file = cache.Create();
-    const FMFileID id = file->GetFileInfo().fileID;
-    for (const uint32_t block : {1U, 2U})
-        Write(*Cache::Block(*file, block), Pattern(block, 1000));
-    cache.Close(file);
-    file = cache.Open(id);
-    fs::resize_file(cache.Path(id, ".sdd"), 1999);
-    for (int i = 0; i < 2; ++i)
-        EXPECT_EQ(Read(*Cache::Block(*file, 2, 0)), "error 10001");
-    cache.Close(file);
-    FMWaitUntilIdle();
-    file = cache.Open(id);
-    ASSERT_TRUE(file);
-    EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), Pattern(1, 1000));
-}
-
-TEST(Core, AnInformationFileThatWasReplacedWhileOpenIsWrittenInItsPlace) {
-    LogCapture quiet(RT_LOG_SILENT);
-    Cache cache;
-    FileRef file = cache.Create();
-    const FMFileID id = file->GetFileInfo().fileID;
-    Write(*Cache::Block(*file, 1), Pattern(1, 1000));
-    cache.Close(file);
-    file = cache.Open(id);
-    const fs::path info = cache.Path(id, ".sdi");
-    fs::remove(info);
-    Write(*Cache::Block(*file, 2), Pattern(2, 1000));
-    cache.Close(file);
-    FMWaitUntilIdle();
-    file = cache.Open(id);
-    ASSERT_TRUE(file);
-    for (const uint32_t block : {1U, 2U})
-        EXPECT_EQ(Read(*Cache::Block(*file, block, 0)), Pattern(block, 1000));
 }
 
 TEST(Core, WaitUntilIdleKeepsItsTimeLimit) {
