@@ -79,14 +79,16 @@ void WriteAll(IFMFile& file, uint32_t shift) {
     for (uint32_t i = 0; i < HELD_BLOCKS; ++i)
         WriteInPieces(*BlockAt(file, i), BytesOf(i + shift));
     for (uint32_t i = 0; i < HELD_BLOCKS; ++i)
-        Require(file.GetBlocks()[i]->IsStorePending(), "the store is not queued");
+        Require(!file.GetBlocks()[i]->IsStored(), "the store is not queued");
 }
 
 void RequireStored(IFMFile& file, uint32_t shift) {
+    const uint32_t epoch = static_cast<CFMFile&>(file).GetEntry().GetEpoch();
     std::ifstream in(Cache::DataPath(file), std::ios::binary);
     std::vector<char> bytes(BLOCK_LEN);
     for (uint32_t i = 0; i < HELD_BLOCKS; ++i) {
-        in.seekg(file.GetBlocks()[i]->Describe().posInFile); // a rewrite may change the offset
+        in.seekg(file.GetBlocks()[i]->GetStoredEnd(epoch) -
+                 file.GetBlocks()[i]->GetTotalLen()); // a rewrite may change the offset
         in.read(bytes.data(), BLOCK_LEN);
         Require(in && std::memcmp(bytes.data(), BytesOf(i + shift), BLOCK_LEN) == 0,
                 "the data file has other bytes than were written last");
