@@ -270,8 +270,8 @@ CFMStoreEvent::~CFMStoreEvent() {
     CRtMessageChain withdrawn;
     CFMStores& stores = m_block->m_file->GetStores();
     auto lock = stores.LockShared();
-    while (
-        IsTaken()) { // refused after an earlier event had taken it along: at the end of the process
+    // At the end of the process, a post may be refused after an earlier event has taken the store along.
+    while (IsTaken()) {
         lock.unlock();
         std::this_thread::yield();
         lock.lock();
@@ -355,10 +355,8 @@ void CFMBlock::EndStore(CFMStore& store, CFMDiskEntry::Stored stored) {
     const bool isStored = RT_SUCCEEDED(stored.result);
     const FMBlockEntry entry{m_blockID, isStored ? store.GetLength() : 0,
                              isStored ? store.GetPos() : 0};
-    if (m_file->GetStores().End(
-            store, entry,
-            stored
-                .epoch)) { // resident blocks of earlier epochs are stored again, and the table has changed
+    // In a new epoch, resident blocks of earlier ones are stored again, and the table has changed.
+    if (m_file->GetStores().End(store, entry, stored.epoch)) {
         m_file->MarkStoreFailed();
         m_file->MarkInfoChanged();
     }

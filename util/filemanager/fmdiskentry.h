@@ -55,7 +55,8 @@ public:
         }
     };
     /// Writes the information file. If bytes are missing from the data file, a new epoch begins first, and
-    /// the entries of `table` lose their bytes.
+    /// the entries of the table lose their bytes. Takes the pending table from `stores`, and puts it back if it
+    /// could not be written. A no-op if there is none.
     TableWritten WriteTable(CFMStores& stores);
     /// Removes both files, the information file first, and detaches. A no-op if another process has locked
     /// the data file.
@@ -79,8 +80,8 @@ public:
     void NoteTable(int64_t tableEnd, int64_t dataLength);
 
     uint32_t GetEpoch() const { return m_epoch.load(std::memory_order_acquire); }
-    /// Called when the caller thread finds the data file missing: begins a new epoch; the next operation
-    /// examines the path.
+    /// Called when the caller thread finds the data file missing or truncated: begins a new epoch; the next
+    /// operation examines the path.
     void LoseData() { m_epoch.fetch_add(1, std::memory_order_acq_rel); }
 
 private:

@@ -115,7 +115,7 @@ uint32_t GetDriveKind(const char*) { return 0; }
 bool GetDriveFreeBytes(const char*, uint64_t&) { return false; }
 
 bool GetUserDataDir(CRtString& directory) {
-    // XDG Base Directory Specification: ignore relative values.
+    // The XDG base directories are absolute paths: a relative value is invalid and ignored.
     if (const char* cache = std::getenv("XDG_CACHE_HOME"); cache && cache[0] == '/') {
         std::string path(cache);
         std::replace(path.begin(), path.end(), '/', '\\');
