@@ -23,6 +23,8 @@ option(FILEMANAGER_WERROR "Treat warnings as errors" ${top_level})
 option(FILEMANAGER_QUICK_DRIVERS
     "Compile the tests and the tool without optimization, independently of the library" OFF)
 
+option(FILEMANAGER_PRECOMPILE "Precompile the headers of the standard library" OFF)
+
 set(FILEMANAGER_SANITIZE "" CACHE STRING
     "Comma-separated sanitizers for all targets, for example address,undefined or thread")
 

@@ -9,6 +9,8 @@ cd "$root"
 
 stamps=$build/lint
 mkdir -p "$stamps"
+# Clang cannot read the headers that the compiler has precompiled.
+sed -E 's# -Winvalid-pch -include [^ ]*/cmake_pch\.hxx##' "$build/compile_commands.json" >"$stamps/compile_commands.json"
 
 # The tool is compiled as one unit: most of the time goes into headers that its sources share.
 mapfile -t sources < <(
@@ -20,7 +22,7 @@ if [ "${#sources[@]}" -eq 0 ]; then
 fi
 
 common=$({ clang-tidy --version
-           cat .clang-tidy "$build/compile_commands.json"
+           cat .clang-tidy "$stamps/compile_commands.json"
            find util tools \( -name '*.h' -o -path 'tools/*.cpp' \) -print0 | sort -z | xargs -0 -r cat
          } | sha256sum | cut -d' ' -f1)
 
@@ -31,7 +33,7 @@ lint_one() {
     key=$({ echo "$common $source"; cat "$source"; } | sha256sum | cut -d' ' -f1)
     [ ! -e "$stamps/$key" ] || return 0
     log=$(mktemp)
-    if clang-tidy -p "$build" --quiet "${shallow[@]/#/--extra-arg=}" "$source" >"$log" 2>&1; then
+    if clang-tidy -p "$stamps" --quiet "${shallow[@]/#/--extra-arg=}" "$source" >"$log" 2>&1; then
         : >"$stamps/$key"
         rm -f "$log"
     else

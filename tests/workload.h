@@ -11,8 +11,8 @@
 #include "support.h"
 
 // Sanitizers make process start and end slow: those builds test every STRIDE-th operation only.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr uint32_t STRIDE = 11;
+#ifdef FILEMANAGER_SANITIZED
+constexpr uint32_t STRIDE = 17;
 #else
 constexpr uint32_t STRIDE = 1;
 #endif

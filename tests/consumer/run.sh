@@ -62,16 +62,18 @@ fi
 
 # A static library comes with the same headers, and the test of it builds no tool.
 if [ ${#static[@]} -eq 0 ]; then
-    echo "== every installed header alone"
-    includedir=$(pkg-config --variable=includedir filemanager)
-    found=0
-    for header in "$includedir"/*.h; do
-        found=$((found + 1))
-        printf '#include <%s>\n#include <%s>\n' "${header##*/}" "${header##*/}" |
-            "$compiler" -std=c++20 -Wall -Wextra -Wpedantic -Werror "${flags[@]}" \
-                -fsyntax-only -x c++ - || { echo "not usable alone: ${header##*/}" >&2; exit 1; }
-    done
-    echo "$found headers"
+    if [ -z "$emulator" ]; then # the headers are the same for every system
+        echo "== every installed header alone"
+        includedir=$(pkg-config --variable=includedir filemanager)
+        found=0
+        for header in "$includedir"/*.h; do
+            found=$((found + 1))
+            printf '#include <%s>\n#include <%s>\n' "${header##*/}" "${header##*/}" |
+                "$compiler" -std=c++20 -Wall -Wextra -Wpedantic -Werror "${flags[@]}" \
+                    -fsyntax-only -x c++ - || { echo "not usable alone: ${header##*/}" >&2; exit 1; }
+        done
+        echo "$found headers"
+    fi
 
     echo "== the installed tool starts without help from the environment"
     if [ -n "$emulator" ]; then

@@ -6,7 +6,7 @@ set -euo pipefail
 root=${1:?usage: $0 ROOT BUILD_DIR CMAKE GENERATOR COMPILER} build=$2/static cmake=$3 generator=$4 compiler=$5
 mkdir -p "$build"
 "$cmake" -S "$root" -B "$build" -G "$generator" -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_BUILD_TYPE=Debug \
-    -DCMAKE_CXX_FLAGS_DEBUG=-O0 -DBUILD_SHARED_LIBS=OFF -DFILEMANAGER_BUILD_TOOLS=OFF \
+    -DCMAKE_CXX_FLAGS_DEBUG=-O0 -DFILEMANAGER_PRECOMPILE=ON -DBUILD_SHARED_LIBS=OFF -DFILEMANAGER_BUILD_TOOLS=OFF \
     -DFILEMANAGER_BUILD_EXAMPLES=OFF -DFILEMANAGER_BUILD_TESTS=OFF >"$build/configure.log"
 "$cmake" --build "$build"
 "${BASH_SOURCE[0]%/*}/run.sh" "$build" "$root/tests/consumer" "$cmake" "$generator" "$compiler" Debug
