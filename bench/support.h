@@ -63,12 +63,13 @@ public:
     Cache(const Cache&) = delete;
     Cache& operator=(const Cache&) = delete;
 
-    // Returns when everything posted to the read/write thread so far has run. The queue is first-in,
-    // first-out, so one synchronous empty event is enough. Polling the blocks instead would contend for the
-    // lock that each store takes.
+    // Returns when every load and store posted to the read/write thread so far has run: each lane is first-in,
+    // first-out. Polling the blocks instead would contend for the lock that each store takes.
     void Drain() {
-        Require(CFileManager::Instance()->PostToReadwrThread(new CFMFunctorBase, 1) == 0,
-                "the read/write thread does not run");
+        for (const int priority : {RT_PRIORITY_HIGH, RT_PRIORITY_NORMAL})
+            Require(CFileManager::Instance()->PostToReadwrThread(new CFMFunctorBase, 1, priority) ==
+                        0,
+                    "the read/write thread does not run");
     }
 
     // The default flag makes a temporary file: closing it removes it from disk.

@@ -25,11 +25,15 @@ struct Fault {
 };
 
 constexpr Fault FAULTS[] = {
-    {"OpenNoDescriptor", OPEN, FAIL, EMFILE}, {"OpenNoPermission", OPEN, FAIL, EACCES},
-    {"ReadError", READ, FAIL, EIO},           {"WriteFull", WRITE, FAIL, ENOSPC},
-    {"WriteHalf", WRITE, HALF, EIO},          {"FlushError", FLUSH, FAIL, EIO},
-    {"CloseError", CLOSE, FAIL, EIO},         {"RemoveNoPermission", REMOVE, FAIL, EACCES},
-    {"MakeDirFull", MAKE_DIR, FAIL, ENOSPC},  {"RemoveDirError", REMOVE_DIR, FAIL, EIO},
+    {"OpenNoDescriptor", OPEN, FAIL, EMFILE},
+    {"OpenNoPermission", OPEN, FAIL, EACCES},
+    {"ReadError", READ, FAIL, EIO},
+    {"WriteFull", WRITE, FAIL, ENOSPC},
+    {"WriteHalf", WRITE, HALF, EIO},
+    {"CloseError", CLOSE, FAIL, EIO},
+    {"RemoveNoPermission", REMOVE, FAIL, EACCES},
+    {"MakeDirFull", MAKE_DIR, FAIL, ENOSPC},
+    {"RemoveDirError", REMOVE_DIR, FAIL, EIO},
     {"LookError", LOOK, FAIL, EIO},
 };
 
@@ -166,6 +170,32 @@ TEST(Fault, StoresAndTablesArePendingUntilAFullDiskHasSpaceAgain) {
         work.Verify();
     };
     EXPECT_EQ(trial.Do({}, fill), "done");
+}
+
+// docs/benchmarks.md lists the calls.
+TEST(Fault, OpeningReadingAndClosingASmallFileTakesElevenCallsAndFewAllocations) {
+    Trial trial;
+    const auto count = [&trial](uint32_t kinds) {
+        Cache cache(trial.dir.path);
+        FileRef file = cache.Create();
+        const FMFileID id = file->GetFileInfo().fileID;
+        Write(*Cache::Block(*file, 1), Pattern(1, 4096));
+        cache.Close(file);
+        FMWaitUntilIdle();
+        Begin(trial.dir.path, {.action = STALL, .kinds = kinds, .forever = true}); // counts
+        file = cache.Open(id);
+        CRtMessageBlock* bytes = nullptr;
+        Cache::Block(*file, 1, 0)->ReadData(0, 4096, bytes);
+        bytes->DestroyChained();
+        cache.Close(file);
+        const uint32_t hits = Hits();
+        Lift();
+        std::cout << hits << (kinds == ALLOCATE ? " allocations\n" : " calls\n");
+        EXPECT_GT(hits, 0U);
+        EXPECT_LE(hits, kinds == ALLOCATE ? 25U : 11U);
+    };
+    EXPECT_EQ(InChild([&] { count(ANY_OPERATION); }), "done");
+    EXPECT_EQ(InChild([&] { count(ALLOCATE); }), "done");
 }
 
 TEST(Fault, UnknownFingerprintDoesNotCountAsChanged) {

@@ -48,7 +48,6 @@ bool IsOurs(const char* path) {
     return state.root[0] != '\0' && std::strncmp(path, state.root, std::strlen(state.root)) == 0;
 }
 bool IsOurs(int fd) { return fd >= 0 && g_ours[static_cast<size_t>(fd)]; }
-bool IsOurs(FILE* stream) { return stream && IsOurs(::fileno(stream)); }
 bool IsOurs(DIR* walk) { return IsOurs(::dirfd(walk)); }
 
 [[noreturn]] void Die(int signal) {
@@ -144,9 +143,6 @@ REAL(ssize_t, pwritev64, int fd, const iovec* pieces, int count, off64_t at) {
 REAL(ssize_t, pread64, int fd, void* bytes, size_t length, off64_t at) {
     CALL(ssize_t, -1, READ, fd, pread64, fd, bytes, length, at);
 }
-REAL(FILE*, fdopen, int fd, const char* mode) { CALL(FILE*, nullptr, OPEN, fd, fdopen, fd, mode); }
-REAL(int, fflush, FILE* stream) { CALL(int, EOF, FLUSH, stream, fflush, stream); }
-REAL(int, fclose, FILE* stream) { CLOSE_CALL(fclose, stream); }
 REAL(int, close, int fd) { CLOSE_CALL(close, fd); }
 REAL(int, closedir, DIR* walk) { CLOSE_CALL(closedir, walk); }
 REAL(DIR*, fdopendir, int fd) { CALL(DIR*, nullptr, LOOK, fd, fdopendir, fd); }

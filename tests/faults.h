@@ -16,7 +16,6 @@ enum Kind : uint32_t {
     OPEN = 1,
     READ = 2,
     WRITE = 4,
-    FLUSH = 8,
     CLOSE = 16,
     REMOVE = 32,
     MAKE_DIR = 64,

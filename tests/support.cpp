@@ -73,7 +73,8 @@ Cache::~Cache() {
 void Cache::Start() { manager->Initialize(CRtString(dir.path.string()), clearDays, isServer); }
 
 void Cache::RunReadwrQueue() {
-    EXPECT_EQ(CFileManager::Instance()->PostToReadwrThread(new TestEvent, 1), 0);
+    for (const int priority : {RT_PRIORITY_HIGH, RT_PRIORITY_NORMAL})
+        EXPECT_EQ(CFileManager::Instance()->PostToReadwrThread(new TestEvent, 1, priority), 0);
 }
 
 fs::path Cache::Path(const FMFileID& id, const char* extension) const {

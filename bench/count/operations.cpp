@@ -30,7 +30,10 @@ public:
                 "the read/write thread does not run");
         m_begun.wait();
     }
-    ~Hold() { m_end.count_down(); }
+    ~Hold() {
+        m_end.count_down();
+        m_left.wait(); // the event uses this object until then
+    }
     Hold(const Hold&) = delete;
     Hold& operator=(const Hold&) = delete;
 
@@ -41,6 +44,7 @@ private:
         int OnEventFire() override {
             m_hold.m_begun.count_down();
             m_hold.m_end.wait();
+            m_hold.m_left.count_down();
             return 0;
         }
 
@@ -49,6 +53,7 @@ private:
     };
     std::latch m_begun{1};
     std::latch m_end{1};
+    std::latch m_left{1};
 };
 
 struct Blocks {

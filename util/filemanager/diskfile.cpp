@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "FMInfoCodec.h"
 #include "RtLog.h"
@@ -17,13 +18,13 @@ constexpr char SOURCE[] = "util/filemanager/diskfile";
 // finding it in the page cache.
 class CReadParts final : public IRtParts {
 public:
-    CReadParts(FILE* stream, uint64_t offset, void* bytes, uint32_t length)
-        : m_stream(stream), m_offset(offset), m_bytes(static_cast<char*>(bytes)), m_length(length),
+    CReadParts(int file, uint64_t offset, void* bytes, uint32_t length)
+        : m_file(file), m_offset(offset), m_bytes(static_cast<char*>(bytes)), m_length(length),
           m_partLength(std::clamp(length / 2 + length % 2, PART_MIN, PART_MAX)) {}
     RtOs::Transfer Run() {
         CRtSendTicket* const ticket = CRtSendTicket::GetRunning();
         if (!ticket || m_length <= m_partLength)
-            return RtOs::ReadAt(m_stream, m_offset, m_bytes, m_length);
+            return RtOs::ReadAt(m_file, m_offset, m_bytes, m_length);
         const uint32_t count = (m_length - 1) / m_partLength + 1;
         return static_cast<RtOs::Transfer>(ticket->RunParts(*this, count));
     }
@@ -36,33 +37,40 @@ private:
         static_assert(static_cast<int>(RtOs::Transfer::Done) == 0);
         const uint32_t begin = part * m_partLength;
         const uint32_t length = std::min(m_partLength, m_length - begin);
-        return static_cast<int>(RtOs::ReadAt(m_stream, m_offset + begin, m_bytes + begin, length));
+        return static_cast<int>(RtOs::ReadAt(m_file, m_offset + begin, m_bytes + begin, length));
     }
 
-    FILE* const m_stream;
+    const int m_file;
     const uint64_t m_offset;
     char* const m_bytes;
     const uint32_t m_length;
     const uint32_t m_partLength;
 };
 
+bool IsPieceValid(const RtOs::Piece& piece) { return piece.bytes && piece.length > 0; }
+
 } // namespace
 
-CDiskFile::CDiskFile(const CRtString& strFileName, uint32_t flags, void (*onMissingDirectory)())
-    : m_strFileName(strFileName), m_flags(flags), m_onMissingDirectory(onMissingDirectory) {
+CDiskFile::CDiskFile(CRtString strFileName, uint32_t flags, void (*onMissingDirectory)())
+    : m_strFileName(std::move(strFileName)), m_flags(flags),
+      m_onMissingDirectory(onMissingDirectory) {
     RT_LOG(RT_LOG_TRACE, "CDiskFile::CDiskFile, filename=" << m_strFileName << " this=" << this);
-    RT_CHECK(SOURCE, !strFileName.empty(), "!strFileName.empty()");
+    RT_CHECK(SOURCE, !m_strFileName.empty(), "!strFileName.empty()");
 }
 
 CDiskFile::~CDiskFile() {
     RT_LOG(RT_LOG_TRACE, "CDiskFile::~CDiskFile, filename=" << m_strFileName << " this=" << this);
-    Close();
+    const CStreamKeeper::CUse use(*this);
+    if (HasStream()) { // no fingerprint: this object does not open the file again
+        RtOs::CloseFile(m_file);
+        m_file = RtOs::NO_FILE;
+    }
 }
 
 // --- The stream ---------------------------------------------------------------------------------
 
 int CDiskFile::Open(const CRtString& strFileName, int bCreate) {
-    RT_LOG(RT_LOG_TRACE, "CDiskFile::Open, filename=" << strFileName << " this=" << this);
+    LogOpen(strFileName);
     if (strFileName.empty()) {
         RT_LOG(RT_LOG_ERROR, "CDiskFile::Open. FileName is Empty. this=" << this);
         return RT_ERROR_INVALID_ARG;
@@ -76,42 +84,36 @@ int CDiskFile::Open(const CRtString& strFileName, int bCreate) {
     return result;
 }
 
-// `error`: the system's, if there is no stream.
+void CDiskFile::LogOpen(const CRtString& path) const {
+    RT_LOG(RT_LOG_TRACE, "CDiskFile::Open, filename=" << path << " this=" << this);
+}
+
+// `error`: the system's, if the file could not be opened.
 int CDiskFile::OpenStream(const CRtString& path, uint32_t flags, int& error) {
     CStreamKeeper& keeper = CStreamKeeper::Instance();
     keeper.MakeRoom();
     bool isCreated = false;
-    FILE* stream = RtOs::OpenStream(path, m_flags | flags, error, isCreated);
-    while (!stream && RtOs::IsOutOfStreams(error) && keeper.GiveBack())
-        stream = RtOs::OpenStream(path, m_flags | flags, error, isCreated);
-    if (!stream)
+    RtOs::FileStamp stamp;
+    int file = RtOs::OpenFile(path, m_flags | flags, error, isCreated, stamp);
+    while (file == RtOs::NO_FILE && RtOs::IsOutOfStreams(error) && keeper.GiveBack())
+        file = RtOs::OpenFile(path, m_flags | flags, error, isCreated, stamp);
+    if (file == RtOs::NO_FILE)
         return RT_ERROR_IO;
     error = 0;
-    m_pFile = stream;
-    m_strFileName = path;
-    return NoteOpening(isCreated);
-}
-
-void CDiskFile::LogOpening(const CRtString& path, int error) const {
-    RT_LOG(RT_LOG_ERROR, "CDiskFile::Open. fopen Failed. error=" << error << " Filename=" << path
-                                                                 << " this=" << this);
-}
-
-int CDiskFile::NoteOpening(bool isCreated) {
-    RtOs::FileStamp stamp;
-    if (!RtOs::GetStamp(m_pFile, stamp)) {
-        std::fclose(m_pFile); // not CloseStream, which would replace m_left by nothing
-        m_pFile = nullptr;
-        RT_LOG(RT_LOG_ERROR,
-               "CDiskFile::Open. fstat Failed. Filename=" << m_strFileName << " this=" << this);
-        return RT_ERROR_IO;
-    }
+    m_file = file;
+    if (&path != &m_strFileName)
+        m_strFileName = path;
     m_opening = {m_opening.count + 1, isCreated, IsForeign(stamp)};
     m_left = stamp;
     m_isLeftKnown = false;
     m_knownLength = stamp.length;
     m_checkedAt = GetTickCountEx();
     return RT_OK;
+}
+
+void CDiskFile::LogOpening(const CRtString& path, int error) const {
+    RT_LOG(RT_LOG_ERROR, "CDiskFile::Open. fopen Failed. error=" << error << " Filename=" << path
+                                                                 << " this=" << this);
 }
 
 // If the fingerprint was not determined at close, only identity and length are compared: an unknown fingerprint
@@ -124,7 +126,7 @@ bool CDiskFile::IsForeign(const RtOs::FileStamp& stamp) const {
 
 void CDiskFile::CheckPath(bool isDue) {
     constexpr uint64_t intervalMs = 1000;
-    if (!m_pFile)
+    if (!HasStream())
         return;
     const uint64_t now = GetTickCountEx();
     if (!isDue && now - m_checkedAt < intervalMs)
@@ -132,7 +134,7 @@ void CDiskFile::CheckPath(bool isDue) {
     m_checkedAt = now;
     RtOs::FileStamp file;
     RtOs::FileStamp own;
-    if (!RtOs::GetStamp(m_strFileName, file) || !RtOs::GetStamp(m_pFile, own))
+    if (!RtOs::GetStamp(m_strFileName, file) || !RtOs::GetStamp(m_file, own))
         return; // unknown is not different
     if (file.IsSameFile(own) && file.length >= m_knownLength)
         return;
@@ -144,7 +146,7 @@ void CDiskFile::CheckPath(bool isDue) {
 
 bool CDiskFile::TakeExisting() {
     const CStreamKeeper::CUse use(*this);
-    if (m_pFile)
+    if (HasStream())
         return true;
     int error = 0;
     const int result = OpenStream(m_strFileName, RtOs::OPEN_EXISTING, error);
@@ -160,21 +162,21 @@ int CDiskFile::Close() {
 }
 
 void CDiskFile::CloseStream() {
-    if (!m_pFile)
+    if (!HasStream())
         return;
     RtOs::FileStamp stamp;
-    m_isLeftKnown = RtOs::GetStamp(m_pFile, stamp);
+    m_isLeftKnown = RtOs::GetStamp(m_file, stamp);
     if (m_isLeftKnown)
         m_left = stamp;
     else
         m_left.length = m_knownLength; // of the file that the opening found
-    std::fclose(m_pFile);              // cannot fail: every write was flushed
-    m_pFile = nullptr;
+    RtOs::CloseFile(m_file);
+    m_file = RtOs::NO_FILE;
 }
 
 int CDiskFile::IsOpen() {
     const CStreamKeeper::CUse use(*this);
-    if (m_pFile)
+    if (HasStream())
         return 1;
     if (!m_strFileName.empty() && RT_FAILED(Open(m_strFileName, 1))) {
         // The data directory may have been removed while the system runs.
@@ -182,7 +184,7 @@ int CDiskFile::IsOpen() {
             m_onMissingDirectory();
         Open(m_strFileName, 1);
     }
-    if (m_pFile)
+    if (HasStream())
         return 1;
     RT_LOG(RT_LOG_ERROR,
            "CDiskFile::IsOpen. File cann't open, filename=" << m_strFileName << " this=" << this);
@@ -212,18 +214,14 @@ void CDiskFile::LogCannotOpen(Transfer transfer) const {
         RT_LOG(RT_LOG_ERROR, "CDiskFile::ReaddData. this=" << this);
 }
 
-int CDiskFile::WriteData(const void* lpBuffer, uint64_t dwOffset, uint32_t dwLength, int bFlush) {
+int CDiskFile::WriteData(const void* lpBuffer, uint64_t dwOffset, uint32_t dwLength, int) {
     LogTransfer(Transfer::Write, dwLength, dwOffset);
     if (!RT_CHECK(SOURCE, lpBuffer && dwLength > 0, "lpBuffer && dwLength >0"))
         return RT_ERROR_INVALID_ARG;
     const CStreamKeeper::CUse use(*this);
-    int result = OpenFor(Transfer::Write);
+    const int result = OpenFor(Transfer::Write);
     const RtOs::Piece piece{lpBuffer, dwLength};
-    if (RT_SUCCEEDED(result))
-        result = Put({&piece, 1}, dwOffset);
-    if (RT_SUCCEEDED(result) && bFlush)
-        std::fflush(m_pFile); // cannot fail: the stream is unbuffered
-    return result;
+    return RT_SUCCEEDED(result) ? Put({&piece, 1}, dwOffset) : result;
 }
 
 int CDiskFile::Put(std::span<const RtOs::Piece> pieces, uint64_t offset) {
@@ -231,11 +229,11 @@ int CDiskFile::Put(std::span<const RtOs::Piece> pieces, uint64_t offset) {
     for (const RtOs::Piece& piece : pieces)
         end += piece.length;
     if (pieces.size() > 1) {
-        if (RtOs::WriteAllAt(m_pFile, offset, pieces) != RtOs::Transfer::Done)
+        if (RtOs::WriteAllAt(m_file, offset, pieces) != RtOs::Transfer::Done)
             return RT_ERROR_IO;
     } else {
         const RtOs::Piece& piece = pieces.front();
-        const auto result = RtOs::WriteAt(m_pFile, offset, piece.bytes, piece.length);
+        const auto result = RtOs::WriteAt(m_file, offset, piece.bytes, piece.length);
         if (result != RtOs::Transfer::Done)
             return Fail(Transfer::Write, result, piece.length, offset);
     }
@@ -253,8 +251,12 @@ int CDiskFile::ReaddData(void* lpBuffer, uint64_t dwOffset, const uint32_t& dwLe
     return RT_SUCCEEDED(result) ? Get(lpBuffer, dwOffset, dwLength) : result;
 }
 
+bool CDiskFile::ReadQuietly(void* buffer, uint32_t length) const {
+    return length > 0 && RtOs::ReadAt(m_file, 0, buffer, length) == RtOs::Transfer::Done;
+}
+
 int CDiskFile::Get(void* buffer, uint64_t offset, uint32_t length) {
-    const RtOs::Transfer result = CReadParts(m_pFile, offset, buffer, length).Run();
+    const RtOs::Transfer result = CReadParts(m_file, offset, buffer, length).Run();
     m_isTooShort = result == RtOs::Transfer::Short;
     return result == RtOs::Transfer::Done ? RT_OK : Fail(Transfer::Read, result, length, offset);
 }
@@ -276,18 +278,21 @@ int CDiskFile::Fail(Transfer transfer, RtOs::Transfer result, uint32_t dwLength,
 }
 
 int CDiskFile::GetLength(uint64_t& length) {
-    return m_pFile && RtOs::GetLength(m_pFile, length) ? RT_OK : RT_ERROR_IO;
+    return HasStream() && RtOs::GetLength(m_file, length) ? RT_OK : RT_ERROR_IO;
 }
 
-bool CDiskFile::GetStamp(RtOs::FileStamp& stamp) {
+bool CDiskFile::GetOpeningStamp(RtOs::FileStamp& stamp) {
     const CStreamKeeper::CUse use(*this);
-    return m_pFile ? RtOs::GetStamp(m_pFile, stamp) : RtOs::GetStamp(m_strFileName, stamp);
+    if (!HasStream())
+        return RtOs::GetStamp(m_strFileName, stamp);
+    stamp = m_left;
+    return true;
 }
 
 bool CDiskFile::Reaches(uint64_t end) {
     const CStreamKeeper::CUse use(*this);
-    if (m_knownLength < end && m_pFile)
-        RtOs::GetLength(m_pFile, m_knownLength); // else it stays as it is
+    if (m_knownLength < end && HasStream())
+        RtOs::GetLength(m_file, m_knownLength); // else it stays as it is
     return m_knownLength >= end;
 }
 
@@ -306,14 +311,40 @@ int CDiskFile::RemoveMee() {
 
 // --- The information file -----------------------------------------------------------------------
 
+// Writes adjacent pieces with one system call if possible: on a slow disk the caller thread waits for each call.
+// The log lines are those of one WriteData for each piece. `failed`: the piece that could not be written.
+int CInfoFile::WritePieces(std::span<const RtOs::Piece> pieces, uint64_t offset, size_t& failed) {
+    const CStreamKeeper::CUse use(*this);
+    DropReadAhead();
+    failed = 0;
+    LogTransfer(Transfer::Write, pieces[0].length, offset);
+    int ret = OpenFor(Transfer::Write);
+    if (RT_FAILED(ret))
+        return ret;
+    const bool isWritten =
+        std::ranges::all_of(pieces, IsPieceValid) && RT_SUCCEEDED(Put(pieces, offset));
+    for (failed = 0; failed < pieces.size(); ++failed) {
+        const RtOs::Piece& piece = pieces[failed];
+        if (failed > 0)
+            LogTransfer(Transfer::Write, piece.length, offset);
+        if (!RT_CHECK(SOURCE, IsPieceValid(piece), "lpBuffer && dwLength >0"))
+            return RT_ERROR_INVALID_ARG;
+        if (!isWritten)
+            ret = Put({&piece, 1}, offset);
+        if (RT_FAILED(ret))
+            return ret;
+        offset += piece.length;
+    }
+    return RT_OK;
+}
+
 int CInfoFile::WriteFileInfo(const void* body, uint32_t length) {
     uint8_t prefix[FM_INFO_LENGTH_SIZE] = {};
     FMPutLength(length, prefix);
-    int ret = WriteData(FM_INFO_MAGIC, 0, FM_INFO_MAGIC_SIZE, 0);
-    if (RT_SUCCEEDED(ret))
-        ret = WriteData(prefix, FM_INFO_LENGTH_OFFSET, sizeof(prefix), 0);
-    if (RT_SUCCEEDED(ret))
-        ret = WriteData(body, FM_INFO_BODY_OFFSET, length, 1);
+    const RtOs::Piece pieces[] = {
+        {FM_INFO_MAGIC, FM_INFO_MAGIC_SIZE}, {prefix, sizeof(prefix)}, {body, length}};
+    size_t failed = 0;
+    const int ret = WritePieces(pieces, 0, failed);
     if (RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
         m_fileInfoLen = length;
     return ret;
@@ -323,15 +354,21 @@ int CInfoFile::WriteBlockInfo(const void* body, uint32_t length) {
     if (!RT_CHECK(SOURCE, m_fileInfoLen > 0, "m_fileInfoLen >0"))
         return RT_ERROR_NOT_READY;
     // Write the length last: a torn body over an older one must not load as complete.
-    int ret = Invalidate();
+    uint8_t prefix[FM_INFO_LENGTH_SIZE] = {};
+    FMPutLength(FM_INFO_LENGTH_INVALID, prefix);
+    const RtOs::Piece pieces[] = {{prefix, sizeof(prefix)}, {body, length}};
+    size_t failed = 0;
+    const int ret = WritePieces(pieces, GetBlockBodyOffset() - sizeof(prefix), failed);
     if (RT_SUCCEEDED(ret))
-        ret = WriteData(body, GetBlockBodyOffset(), length, 1);
-    return RT_SUCCEEDED(ret) ? WriteBlockInfoLength(length) : ret;
+        return WriteBlockInfoLength(length);
+    RT_CHECK(SOURCE, failed > 0, "RT_SUCCEEDED(ret)"); // of the body, no line
+    return ret;
 }
 
 int CInfoFile::Invalidate() { return WriteBlockInfoLength(FM_INFO_LENGTH_INVALID); }
 
 int CInfoFile::WriteBlockInfoLength(uint32_t length) {
+    DropReadAhead();
     uint8_t prefix[FM_INFO_LENGTH_SIZE] = {};
     FMPutLength(length, prefix);
     const int ret = WriteData(prefix, GetBlockBodyOffset() - sizeof(prefix), sizeof(prefix), 1);
@@ -342,13 +379,38 @@ int CInfoFile::WriteBlockInfoLength(uint32_t length) {
 // The sign bit of the offset: one byte, so a crash cannot tear the write.
 int CInfoFile::RevokeEntry(uint32_t at) {
     constexpr uint8_t negative = 0x80;
+    DropReadAhead();
     return WriteData(&negative, uint64_t{at} + FM_INFO_ENTRY_SIZE - 1, sizeof(negative), 1);
+}
+
+bool CInfoFile::ReadAhead(uint32_t most) {
+    const CStreamKeeper::CUse use(*this);
+    DropReadAhead();
+    int error = 0;
+    m_isOpenedAhead =
+        !HasStream() && RT_SUCCEEDED(OpenStream(GetFileName(), RtOs::OPEN_EXISTING, error));
+    if (!HasStream())
+        return !RtOs::IsNoSuchFile(error); // the first read logs another failure
+    m_ahead.resize(static_cast<size_t>(std::min<uint64_t>(GetKnownLength(), most)));
+    if (!ReadQuietly(m_ahead.data(), static_cast<uint32_t>(m_ahead.size())))
+        DropReadAhead(); // each part is read when it is needed
+    return true;
+}
+
+int CInfoFile::ReadPart(void* buffer, uint64_t offset, uint32_t length) {
+    if (length == 0 || offset + length > m_ahead.size())
+        return ReaddData(buffer, offset, length);
+    LogTransfer(Transfer::Read, length, offset);
+    if (std::exchange(m_isOpenedAhead, false))
+        LogOpen(GetFileName());
+    std::memcpy(buffer, m_ahead.data() + offset, length);
+    return RT_OK;
 }
 
 int CInfoFile::ReaddFileInfo(void* buffer, uint32_t* length) {
     char magic[16] = {};
     uint8_t prefix[FM_INFO_LENGTH_SIZE] = {};
-    int ret = ReaddData(magic, 0, FM_INFO_MAGIC_SIZE);
+    int ret = ReadPart(magic, 0, FM_INFO_MAGIC_SIZE);
     if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
         return ret;
     if (std::strcmp(magic, FM_INFO_MAGIC) != 0) {
@@ -356,14 +418,14 @@ int CInfoFile::ReaddFileInfo(void* buffer, uint32_t* length) {
                                  << CRtString(magic) << " this=" << this);
         return RT_ERROR_NOT_READY;
     }
-    ret = ReaddData(prefix, FM_INFO_LENGTH_OFFSET, sizeof(prefix));
+    ret = ReadPart(prefix, FM_INFO_LENGTH_OFFSET, sizeof(prefix));
     if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
         return ret;
     const uint32_t capacity = *length;
     *length = FMGetLength(prefix);
     if (*length > capacity)
         return RT_ERROR_INVALID_ARG;
-    ret = ReaddData(buffer, FM_INFO_BODY_OFFSET, *length);
+    ret = ReadPart(buffer, FM_INFO_BODY_OFFSET, *length);
     if (RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
         m_fileInfoLen = *length;
     return ret;
@@ -372,12 +434,12 @@ int CInfoFile::ReaddFileInfo(void* buffer, uint32_t* length) {
 int CInfoFile::ReaddBlockInfo(void* buffer, uint32_t* capacity) {
     const uint64_t offset = uint64_t{FM_INFO_BODY_OFFSET} + m_fileInfoLen;
     uint8_t prefix[FM_INFO_LENGTH_SIZE] = {};
-    int ret = ReaddData(prefix, offset, sizeof(prefix));
+    int ret = ReadPart(prefix, offset, sizeof(prefix));
     if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
         return ret;
     const uint32_t length = FMGetLength(prefix);
     if (*capacity >= length) {
-        ret = ReaddData(buffer, offset + sizeof(prefix), length);
+        ret = ReadPart(buffer, offset + sizeof(prefix), length);
         if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
             return ret;
     }

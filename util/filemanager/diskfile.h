@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
 
 #include "FMInfoCodec.h"
 #include "RtReferenceControl.h"
@@ -22,7 +23,7 @@ public:
     /// `flags`: with RtOs::OPEN_ALONE other processes cannot open the file the same way while the stream
     /// is open. `onMissingDirectory` may be null; it runs when the file cannot be opened, before the second
     /// attempt, and creates the missing directory.
-    explicit CDiskFile(const CRtString& strFileName, uint32_t flags = 0,
+    explicit CDiskFile(CRtString strFileName, uint32_t flags = 0,
                        void (*onMissingDirectory)() = nullptr);
 
     /// RT_OK; RT_ERROR_IO: the file could not be opened, positioned or written; RT_ERROR_INVALID_ARG: null
@@ -60,9 +61,12 @@ public:
 
     /// The length of a file that is open, in bytes. RT_OK, RT_ERROR_IO.
     int GetLength(uint64_t& length);
-    /// The fingerprint of the open file, else of the file at the path, which is not created. False if the
-    /// system call fails.
-    bool GetStamp(RtOs::FileStamp& stamp);
+    /// The length of the file as of the last opening, or more if this object has written since; 0 if it was
+    /// never opened. No system call.
+    uint64_t GetKnownLength() const { return m_knownLength; }
+    /// The fingerprint as of the last opening if the file is open, without a system call; else that of the
+    /// file at the path. False if the system call fails.
+    bool GetOpeningStamp(RtOs::FileStamp& stamp);
     /// Whether an open file has bytes up to `end`. Queries the system only beyond the last known length; a
     /// read of a file that another process has truncated since fails.
     bool Reaches(uint64_t end);
@@ -81,12 +85,15 @@ public:
 
 protected:
     ~CDiskFile() override;
+    int OpenStream(const CRtString& path, uint32_t flags, int& error);
+    /// The entry line of Open.
+    void LogOpen(const CRtString& path) const;
+    /// Reads the beginning of the file, which is open, without a log line.
+    bool ReadQuietly(void* buffer, uint32_t length) const;
 
 private:
     int Fail(Transfer transfer, RtOs::Transfer result, uint32_t dwLength, uint64_t dwOffset);
-    int OpenStream(const CRtString& path, uint32_t flags, int& error);
     void LogOpening(const CRtString& path, int error) const;
-    int NoteOpening(bool isCreated);
     void CloseStream() final;
     bool IsForeign(const RtOs::FileStamp& stamp) const;
 
@@ -106,6 +113,12 @@ private:
 class CInfoFile final : public CDiskFile {
 public:
     using CDiskFile::CDiskFile;
+
+    /// Opens the file, if it exists, and reads its first `most` bytes with one system call. Until DropReadAhead
+    /// or a write, the operations that read take their bytes from there. For the load of a file that no other
+    /// process changes. False if there is no file.
+    bool ReadAhead(uint32_t most);
+    void DropReadAhead() { m_ahead = {}; }
 
     int WriteFileInfo(const void* body, uint32_t length);
     /// RT_ERROR_NOT_READY before a file body was written or read: its length determines the position of the
@@ -128,7 +141,11 @@ public:
 
 private:
     ~CInfoFile() override = default;
+    int WritePieces(std::span<const RtOs::Piece> pieces, uint64_t offset, size_t& failed);
     int WriteBlockInfoLength(uint32_t length);
+    int ReadPart(void* buffer, uint64_t offset, uint32_t length);
 
-    uint32_t m_fileInfoLen = 0; // L1 as last written or read
+    uint32_t m_fileInfoLen = 0;   // L1 as last written or read
+    std::string m_ahead;          // the first bytes of the file, while it is loaded
+    bool m_isOpenedAhead = false; // ReadAhead has opened the file, and no line says so yet
 };

@@ -6,6 +6,7 @@
 #include <ctime>
 #include <future>
 
+#include "RtEventQueue.h"
 #include "RtLog.h"
 #include "RtResult.h"
 #include "RtThreadManager.h"
@@ -23,13 +24,14 @@ constexpr size_t CLIENT_MEMORY_LIMIT = 67108864;
 
 using CFileManagerHolder = CRtSingletonHolder<CFileManager>;
 
-// Destroying the event signals the promise, whether or not it fired.
+// Destroying the last event that holds the promise signals it, whether or not the events fired.
 class CFMSignal final : public CFMFunctorBase {
 public:
-    explicit CFMSignal(std::promise<void> reached) : m_reached(std::move(reached)) {}
+    explicit CFMSignal(std::shared_ptr<std::promise<void>> reached)
+        : m_reached(std::move(reached)) {}
 
 private:
-    std::promise<void> m_reached;
+    const std::shared_ptr<std::promise<void>> m_reached;
 };
 
 // Disposes of an event that has no queue, as a queue does with one that it refuses.
@@ -37,10 +39,6 @@ int Refuse(IRtEvent* event, int result) {
     if (event)
         event->OnDestorySelf();
     return result;
-}
-
-int Queue(IRtEventQueue& queue, IRtEvent* event, int sync) {
-    return sync ? queue.SendEvent(event) : queue.PostEvent(event, RT_PRIORITY_NORMAL);
 }
 
 } // namespace
@@ -95,7 +93,8 @@ void CFileManager::StartThreads() {
             RT_LOG(RT_LOG_ERROR,
                    "CFileManager::Initialize, Start Local R/W Thread error. ret=" << ret);
         else // the thread marks itself: FMWaitUntilIdle asks on any thread
-            PostToReadwrThread(new CFMFunctor0(this, &CFileManager::MarkReadwrThread), 0);
+            PostToReadwrThread(new CFMFunctor0(this, &CFileManager::MarkReadwrThread), 0,
+                               RT_PRIORITY_HIGH);
     }
     if (!m_pCallerTd)
         m_pCallerTd = CRtThreadManager::Instance()->GetThread(RT_CALLER_THREAD);
@@ -123,10 +122,13 @@ void CFileManager::UnInitialize() noexcept {
 void CFileManager::WaitForDisk() {
     constexpr std::chrono::milliseconds first(500);
     constexpr std::chrono::seconds interval(10);
-    std::promise<void> reached;
-    std::future<void> isReached = reached.get_future();
-    if (!m_pReadwrTd || RT_FAILED(PostToReadwrThread(new CFMSignal(std::move(reached)), 0)))
+    if (!m_pReadwrTd)
         return;
+    auto reached = std::make_shared<std::promise<void>>();
+    const std::future<void> isReached = reached->get_future();
+    for (const int priority : {RT_PRIORITY_HIGH, RT_PRIORITY_NORMAL}) // behind loads and stores
+        PostToReadwrThread(new CFMSignal(reached), 0, priority);
+    reached.reset();
     if (isReached.wait_for(first) == std::future_status::ready)
         return;
     do {
@@ -178,13 +180,14 @@ void CFileManager::DropTables() {
     m_live.DropUnsaved();
 }
 
-int CFileManager::PostToReadwrThread(IRtEvent* aFunctor, int sync) {
+int CFileManager::PostToReadwrThread(IRtEvent* aFunctor, int sync, int priority) {
     if (!RT_CHECK(SOURCE, aFunctor, "aFunctor"))
         return RT_ERROR_NULL_OBJECT;
     if (!RT_CHECK(SOURCE, m_pReadwrTd && m_pReadwrTd->GetEventQueue(),
                   "m_pReadwrTd && m_pReadwrTd->GetEventQueue()"))
         return Refuse(aFunctor, RT_ERROR_NOT_READY);
-    return Queue(*m_pReadwrTd->GetEventQueue(), aFunctor, sync);
+    auto& queue = static_cast<CRtEventQueue&>(*m_pReadwrTd->GetEventQueue());
+    return sync ? queue.SendEvent(aFunctor, priority) : queue.PostEvent(aFunctor, priority);
 }
 
 int CFileManager::PostToCallerThread(IRtEvent* aFunctor, int sync) {
@@ -193,7 +196,8 @@ int CFileManager::PostToCallerThread(IRtEvent* aFunctor, int sync) {
     if (!RT_CHECK(SOURCE, m_pCallerTd && m_pCallerTd->GetEventQueue(),
                   "m_pCallerTd && m_pCallerTd->GetEventQueue()"))
         return Refuse(aFunctor, RT_ERROR_NOT_READY);
-    return Queue(*m_pCallerTd->GetEventQueue(), aFunctor, sync);
+    IRtEventQueue& queue = *m_pCallerTd->GetEventQueue();
+    return sync ? queue.SendEvent(aFunctor) : queue.PostEvent(aFunctor, RT_PRIORITY_NORMAL);
 }
 
 uint32_t CFileManager::GetReadwrThreadID() { return m_pReadwrTd ? m_pReadwrTd->GetThreadId() : 0; }
@@ -254,8 +258,8 @@ CFMFile* CFileManager::LoadFile(const CRtString& stem) {
     FileRef file(new (std::nothrow) CFMFile(stem));
     // Without an information file there is nothing to load. Do not lock the data file then: another process may
     // be creating it.
-    const bool isThere = FileExists(m_dataDir + stem + ".sdi");
-    if (file && isThere && !file->GetEntry().TakeDataFile()) {
+    const bool isThere = file && FileExists(file->GetInfoPath());
+    if (isThere && !file->GetEntry().TakeDataFile()) {
         RT_LOG(RT_LOG_WARNING,
                "CFileManager::LoadFile, another process has the file, fileID=" << stem);
         return nullptr;
@@ -274,8 +278,12 @@ CFMFile* CFileManager::LoadFile(const CRtString& stem) {
 bool CFileManager::SettlePredecessors(const FMFileID& pathID) {
     if (!m_live.Contains(pathID))
         return true;
-    if (m_pReadwrTd) // also for a predecessor that is being destroyed there
-        PostToReadwrThread(new CFMFunctorBase, 1);
+    // Behind its stores, and behind loads of its blocks: they would open the data file again. Also for a
+    // predecessor that is being destroyed there.
+    for (const int priority : {RT_PRIORITY_HIGH, RT_PRIORITY_NORMAL}) {
+        if (m_pReadwrTd)
+            PostToReadwrThread(new CFMFunctorBase, 1, priority);
+    }
     bool isSettled = true;
     for (const FileRef& file : m_live.Get(&pathID)) {
         file->SaveFileInfo_m();
@@ -289,8 +297,8 @@ bool CFileManager::SettlePredecessors(const FMFileID& pathID) {
     return isSettled;
 }
 
-// A new file takes the path over after the jobs of its predecessors have run. CreateFile does not wait for
-// that: both use the same queue.
+// A new file takes the path over after the stores of its predecessors have run. CreateFile does not wait for
+// that: both use the same lane.
 void CFileManager::DetachPredecessors(const FMFileID& pathID) {
     for (const FileRef& file : m_live.Get(&pathID)) {
         if (m_pReadwrTd)
@@ -388,6 +396,11 @@ void CFileManager::IsFileOpen_m(const FMFileID& id, int& answer) {
     answer = m_id2files.contains(id) ? 1 : 0;
 }
 
+size_t CFileManager::CountOpenFiles() {
+    const auto lock = m_live.Lock();
+    return m_id2files.size();
+}
+
 int CFileManager::CheckValid() {
     return RT_CHECK(SOURCE, m_id2files.size() < cmax_check_files,
                     "m_id2files.size() < cmax_check_files") &&
@@ -402,6 +415,9 @@ int CFileManager::CheckValid() {
 int FMHost::PostToReadwrThread(IRtEvent* event, int sync) {
     return CFileManager::Instance()->PostToReadwrThread(event, sync);
 }
+int FMHost::PostLoad(IRtEvent* event) {
+    return CFileManager::Instance()->PostToReadwrThread(event, 0, RT_PRIORITY_HIGH);
+}
 int FMHost::PostToCallerThread(IRtEvent* event, int sync) {
     return CFileManager::Instance()->PostToCallerThread(event, sync);
 }
@@ -413,6 +429,10 @@ void FMHost::AddMemory(uint32_t length) { CFileManager::Instance()->AddMemory(le
 void FMHost::SubtractMemory(uint32_t length) {
     if (CFileManager* manager = CFileManager::IfAlive())
         manager->SubtractMemory(length);
+}
+void FMHost::CheckHighWaterMark() {
+    if (CFileManager* manager = CFileManager::IfAlive())
+        manager->GetHighWaterMark().Check();
 }
 bool FMHost::IsMemoryFarAboveLimit() {
     const CFileManager* manager = CFileManager::IfAlive();

@@ -14,6 +14,7 @@
 #include "fmfile.h"
 #include "fmhost.h"
 #include "fmlivefiles.h"
+#include "highwatermark.h"
 #include "housekeeping.h"
 #include "os/RtOs.h"
 
@@ -47,7 +48,12 @@ public:
 
     // Work for the two threads. 0 or the queue's result; 10007 no event; 10015 no thread. The event is
     // disposed of in any case. Any thread may post.
-    int PostToReadwrThread(IRtEvent* aFunctor, int sync);
+    int PostToReadwrThread(IRtEvent* aFunctor, int sync) {
+        return PostToReadwrThread(aFunctor, sync, sync ? RT_PRIORITY_HIGH : RT_PRIORITY_NORMAL);
+    }
+    /// `priority`: loads and what a sender waits for are high, stores, removals and barriers normal,
+    /// housekeeping low.
+    int PostToReadwrThread(IRtEvent* aFunctor, int sync, int priority);
     int PostToCallerThread(IRtEvent* aFunctor, int sync);
     bool HasCallerThread() const { return m_pCallerTd != nullptr; }
     /// Any thread.
@@ -84,7 +90,10 @@ public:
     void AddMemory(uint32_t length) { m_memoCur.fetch_add(length, std::memory_order_relaxed); }
     void SubtractMemory(uint32_t length) { m_memoCur.fetch_sub(length, std::memory_order_relaxed); }
     size_t GetMemoryInUse() const { return m_memoCur.load(std::memory_order_relaxed); }
-    size_t GetMemoryLimit() const { return m_memoMax; }
+    size_t GetMemoryLimit() const { return m_memoMax.load(std::memory_order_relaxed); }
+    /// Files in the registry; any thread.
+    size_t CountOpenFiles();
+    CHighWaterMark& GetHighWaterMark() { return m_highWaterMark; }
 
 private:
     using FileMap = std::map<FMFileID, CRtComAutoPtr<CFMFile>>;
@@ -141,8 +150,8 @@ private:
     CRtString m_rootDir;
     CRtString m_dataDir;
     int m_isServer = 0;
-    std::atomic<size_t> m_memoCur{0}; // both threads
-    size_t m_memoMax = 64;
+    std::atomic<size_t> m_memoCur{0};  // both threads
+    std::atomic<size_t> m_memoMax{64}; // written by the caller thread
     CRtTimerWrapper m_timer;
     int32_t m_statCountdown = 0;
     int32_t m_clearDays = 7;
@@ -151,5 +160,6 @@ private:
     bool m_rootIsOurs = false; // m_rootDir contains nothing but the cache
     CHouseKeeping m_houseKeeping;
     CFMLiveFiles m_live;
+    CHighWaterMark m_highWaterMark;
     std::unique_ptr<RtOs::DirectoryUse> m_dataDirUse; // shared lock; guarded by the lock of m_live
 };

@@ -45,6 +45,7 @@ void CFMBlock::ReleaseMembers() {
     m_retrieves.clear();
     m_readsinks.clear();
     FreeData();
+    SetState(State::Empty);
     m_owners.clear();
 }
 
@@ -85,6 +86,44 @@ bool CFMBlock::CheckValid() {
 
 // --- Memory -------------------------------------------------------------------------------------
 
+// The state as the statistics count it: pending, stored, failed, or not at all.
+CFMStatistics::Counter CFMBlock::CounterOf(State state) {
+    switch (state) {
+    case State::Queued:
+    case State::Writing:
+        return CFMStatistics::PendingBlocks;
+    case State::Stored:
+    case State::Restored:
+        return CFMStatistics::StoredBlocks;
+    case State::Failed:
+        return CFMStatistics::FailedBlocks;
+    default:
+        return CFMStatistics::COUNTERS;
+    }
+}
+
+bool CFMBlock::IsUnstored(CFMStatistics::Counter state) {
+    return state == CFMStatistics::PendingBlocks || state == CFMStatistics::FailedBlocks;
+}
+
+void CFMBlock::SetState(State state) {
+    const CFMStatistics::Counter before = CounterOf(m_state.load(std::memory_order_relaxed));
+    const CFMStatistics::Counter after = CounterOf(state);
+    m_state.store(state, std::memory_order_release);
+    if (before == after)
+        return;
+    g_statistics.SubtractBlock(before, m_totalLen);
+    g_statistics.AddBlock(after, m_totalLen);
+    const bool wasUnstored = IsUnstored(before);
+    if (wasUnstored == IsUnstored(after))
+        return;
+    if (wasUnstored)
+        g_statistics.SubtractUnstored(m_totalLen);
+    else
+        g_statistics.AddUnstored(m_totalLen);
+    FMHost::CheckHighWaterMark();
+}
+
 void CFMBlock::AllocData() {
     if (!RT_CHECK(SOURCE, !m_data, "!m_data"))
         return;
@@ -92,6 +131,7 @@ void CFMBlock::AllocData() {
     if (!m_data)
         return;
     FMHost::AddMemory(m_totalLen);
+    g_statistics.Add(CFMStatistics::ResidentBlocks);
     m_file->MarkDataInMemory();
 }
 
@@ -100,6 +140,7 @@ void CFMBlock::FreeData() {
         return;
     m_data.reset();
     FMHost::SubtractMemory(m_totalLen);
+    g_statistics.Subtract(CFMStatistics::ResidentBlocks);
 }
 
 void CFMBlock::SetData(CRtMessageBlock* aData) {
@@ -110,6 +151,7 @@ void CFMBlock::SetData(CRtMessageBlock* aData) {
     if (!m_data)
         return;
     FMHost::AddMemory(m_totalLen);
+    g_statistics.Add(CFMStatistics::ResidentBlocks);
     m_file->MarkDataInMemory();
 }
 
@@ -200,7 +242,7 @@ void CFMBlock::BeginRewrite(uint32_t blockLen) {
         withdrawn = stores.Withdraw(*std::exchange(m_store, nullptr));
     FreeData();
     m_serial = stores.NextSerial();
-    m_state.store(State::Filling, std::memory_order_release);
+    SetState(State::Filling);
     m_position = 0;
     if (m_totalLen != blockLen)
         ForgetLength();
@@ -220,12 +262,12 @@ int CFMBlock::PrepareBuffer(uint32_t blockLen) {
     } else {
         RT_CHECK(SOURCE, m_totalLen == blockLen, "m_totalLen == blockLen");
     }
-    m_state.store(State::Filling, std::memory_order_release);
+    SetState(State::Filling);
     AllocData();
     if (RT_CHECK(SOURCE, m_data, "m_data"))
         return RT_OK;
     ForgetLength(); // the next piece may have a length that can be allocated
-    m_state.store(State::Empty, std::memory_order_release);
+    SetState(State::Empty);
     return RT_ERROR_NULL_OBJECT;
 }
 
@@ -242,7 +284,7 @@ void CFMBlock::PostStore() {
             event = new CFMStoreEvent(this, m_serial, m_posInFile, std::move(bytes));
             stores.Add(*event);
             m_store = event;
-            m_state.store(State::Queued, std::memory_order_release);
+            SetState(State::Queued);
         } else {
             FailStore();
         }
@@ -260,8 +302,10 @@ void CFMBlock::RetryStore() {
         isWanted =
             m_state == State::Failed || (IsOnDisk() && m_epoch != m_file->GetEntry().GetEpoch());
     }
-    if (isWanted)
-        PostStore();
+    if (!isWanted)
+        return;
+    g_statistics.Add(CFMStatistics::StoreRetries);
+    PostStore();
 }
 
 CFMStoreEvent::~CFMStoreEvent() {
@@ -292,15 +336,28 @@ int CFMStoreEvent::OnEventFire() {
         for (size_t i = 0; i < count; ++i) {
             CFMBlock& block = *static_cast<CFMStoreEvent*>(taken[i])->m_block.Get();
             block.m_store = nullptr;
-            block.m_state.store(CFMBlock::State::Writing, std::memory_order_release);
+            block.SetState(CFMBlock::State::Writing);
         }
     }
     const std::span<CFMStore* const> batch(taken.data(), count);
+    const auto now = CFMStatistics::Clock::now();
+    for (const CFMStore* store : batch)
+        g_statistics.Record(CFMStatistics::StoreWait,
+                            now - static_cast<const CFMStoreEvent*>(store)->m_posted);
     if (count > 1 && WriteTogether(batch))
         return 0;
     for (CFMStore* store : batch)
         static_cast<CFMStoreEvent*>(store)->m_block->WriteToFile(store->GetBytes(), *store);
     return 0;
+}
+
+// Writes adjacent pieces, and records the time that this takes.
+static CFMDiskEntry::Stored Write(CFMDiskEntry& entry, std::span<const RtOs::Piece> pieces,
+                                  int64_t pos) {
+    const auto begun = CFMStatistics::Clock::now();
+    const CFMDiskEntry::Stored stored = entry.Store(pieces, pos);
+    g_statistics.Record(CFMStatistics::StoreDisk, CFMStatistics::Clock::now() - begun);
+    return stored;
 }
 
 // False if the stores have to be written one by one.
@@ -312,9 +369,10 @@ bool CFMStoreEvent::WriteTogether(std::span<CFMStore* const> batch) {
     });
     CFMBlockOwner& file = *static_cast<CFMStoreEvent*>(batch.front())->m_block->m_file;
     const CFMDiskEntry::Stored stored =
-        file.GetEntry().Store({pieces.data(), batch.size()}, batch.front()->GetPos());
+        Write(file.GetEntry(), {pieces.data(), batch.size()}, batch.front()->GetPos());
     if (RT_FAILED(stored.result))
         return false;
+    g_statistics.Add(CFMStatistics::StoreBatches);
     const auto lock = file.GetStores().LockShared();
     for (CFMStore* store : batch)
         static_cast<CFMStoreEvent*>(store)->m_block->EndStore(*store, stored);
@@ -342,7 +400,7 @@ CFMDiskEntry::Stored CFMBlock::StoreBytes(CRtMessageBlock* aData, const CFMStore
     }
     const uint32_t length = aData->GetTopLevelLength();
     const RtOs::Piece piece{aData->GetTopLevelReadPtr(), length};
-    stored = m_file->GetEntry().Store({&piece, 1}, store.GetPos());
+    stored = Write(m_file->GetEntry(), {&piece, 1}, store.GetPos());
     if (RT_FAILED(stored.result))
         RT_LOG(RT_LOG_WARNING, "CFMBlock::WriteToFile, WriteData failed. ret="
                                    << stored.result << ",pos=" << store.GetPos()
@@ -360,19 +418,25 @@ void CFMBlock::EndStore(CFMStore& store, CFMDiskEntry::Stored stored) {
         m_file->MarkStoreFailed();
         m_file->MarkInfoChanged();
     }
+    if (isStored) {
+        g_statistics.Add(CFMStatistics::Stores);
+        g_statistics.Add(CFMStatistics::StoreBytes, store.GetLength());
+    } else if (stored.result != RT_ERROR_NOT_READY) {
+        g_statistics.Add(CFMStatistics::StoreFailures);
+    }
     if (m_serial != store.GetSerial())
         return;
     assert(m_state == State::Writing && !m_store); // invariant 4
     if (!isStored)
         return FailStore();
     m_epoch = stored.epoch;
-    m_state.store(State::Stored, std::memory_order_release);
+    SetState(State::Stored);
 }
 
 // Precondition: the lock of the stores is held.
 void CFMBlock::FailStore() {
     m_store = nullptr;
-    m_state.store(State::Failed, std::memory_order_release);
+    SetState(State::Failed);
     m_file->MarkStoreFailed();
     m_file->MarkInfoChanged(); // the table on disk may name the range
 }
@@ -391,28 +455,38 @@ void CFMBlock::Restore(const FMBlockEntry& entry, uint32_t epoch) {
     m_position = entry.totalLen;
     m_posInFile = entry.posInFile;
     if (IsComplete())
-        m_state = State::Restored;
+        SetState(State::Restored);
 }
 
 // --- Reading ------------------------------------------------------------------------------------
 
 namespace {
 
-// The load that the caller thread waits for.
+// The load that the caller thread waits for. Lives on its stack.
 class CFMSyncLoad final : public CFMFunctorBase {
 public:
-    CFMSyncLoad(CFMBlock* block, int& result) : m_block(block), m_result(result) {}
+    explicit CFMSyncLoad(CFMBlock& block) : m_block(block) {}
     int OnEventFire() override {
-        m_result = m_block->ReadFromFile(m_block->GetTotalLen(), 1);
+        g_statistics.Record(CFMStatistics::LoadWait, CFMStatistics::Clock::now() - m_posted);
+        m_result = m_block.ReadFromFile(m_block.GetTotalLen(), 1);
         return 0;
     }
+    void OnDestorySelf() override {}
+    int GetResult() const { return m_result; }
 
 private:
-    const CRtComAutoPtr<CFMBlock> m_block;
-    int& m_result;
+    CFMBlock& m_block;
+    const CFMStatistics::Clock::time_point m_posted = CFMStatistics::Clock::now();
+    int m_result = RT_OK;
 };
 
 } // namespace
+
+int CFMBlock::LoadAndWait() {
+    CFMSyncLoad load(*this);
+    FMHost::PostToReadwrThread(&load, 1);
+    return load.GetResult();
+}
 
 int CFMBlock::ReadData(uint32_t readPos, uint32_t readLen, CRtMessageBlock*& pData) noexcept {
     CheckValid();
@@ -429,9 +503,8 @@ int CFMBlock::ReadData(uint32_t readPos, uint32_t readLen, CRtMessageBlock*& pDa
         return RT_ERROR_NOT_READY;
     }
     m_lastAccessTime = GetTickCountEx();
-    int loaded = RT_OK;
-    if (!m_data)
-        FMHost::PostToReadwrThread(new (std::nothrow) CFMSyncLoad(this, loaded), 1);
+    g_statistics.Add(m_data ? CFMStatistics::ReadHits : CFMStatistics::ReadMisses);
+    const int loaded = m_data ? RT_OK : LoadAndWait();
     if (!RT_CHECK(SOURCE, m_data, "m_data"))
         return loaded == RT_ERROR_NULL_OBJECT ? RT_ERROR_NULL_OBJECT : RT_ERROR_FAILURE;
     CRtMessageChain view = m_data->DuplicateChained();
@@ -449,6 +522,7 @@ int CFMBlock::ReadData(IFMBlockSink* sink) noexcept {
     if (!RT_CHECK(SOURCE, sink, "sink"))
         return RT_ERROR_INVALID_ARG;
     CheckValid();
+    g_statistics.Add(m_data ? CFMStatistics::ReadHits : CFMStatistics::ReadMisses);
     if (m_data) {
         const CRtComAutoPtr<CFMBlock> self(this); // the sink may drop the last other reference
         sink->OnBlockDataReady(this, RT_OK);
@@ -457,7 +531,7 @@ int CFMBlock::ReadData(IFMBlockSink* sink) noexcept {
     if (IsWaiting(sink))
         return RT_OK;
     m_readsinks.push_back(sink);
-    if (m_loadSerial != 0)
+    if (JoinLoad())
         return RT_OK; // its completion serves this sink, or starts the next load
     const int result = PostLoad();
     if (RT_FAILED(result))
@@ -474,7 +548,16 @@ int CFMBlock::CancelReadData(IFMBlockSink* sink) noexcept {
     m_readsinks.remove(sink);
     for (CallRound* round = m_calling; round; round = round->outer)
         round->sinks.remove(sink);
+    if (m_readsinks.empty()) {
+        const auto lock = m_file->GetStores().LockShared();
+        WithdrawLoad();
+    }
     return RT_OK;
+}
+
+void CFMBlock::WithdrawLoad() {
+    if (m_load.state == Load::State::Posted)
+        m_load.state = Load::State::Withdrawn;
 }
 
 bool CFMBlock::IsWaiting(const IFMBlockSink* sink) const {
@@ -491,17 +574,41 @@ bool CFMBlock::IsWaiting(const IFMBlockSink* sink) const {
 int CFMBlock::PostLoad() {
     if (!FMHost::HasCallerThread()) // the completion would be refused
         return RT_ERROR_NOT_READY;
-    const int result = FMHost::PostToReadwrThread(
-        new (std::nothrow) CFMRefFunctor2(this, &CFMBlock::ReadFromFile, m_totalLen, 0), 0);
-    if (RT_SUCCEEDED(result))
-        m_loadSerial = m_serial;
+    m_load = {Load::State::Posted, 0,
+              CFMStatistics::Clock::now()}; // no load is in flight: no other thread uses it
+    const int result = FMHost::PostLoad(
+        new (std::nothrow) CFMRefFunctor2(this, &CFMBlock::ReadFromFile, m_totalLen, 0));
+    if (RT_FAILED(result))
+        m_load = {};
     return result;
+}
+
+// Whether a load is in flight. If it was withdrawn, it is wanted again.
+bool CFMBlock::JoinLoad() {
+    const auto lock = m_file->GetStores().LockShared();
+    if (m_load.state == Load::State::Withdrawn)
+        m_load.state = Load::State::Posted;
+    else if (m_load.state == Load::State::Skipped)
+        m_load.state = Load::State::Begun; // stale: its completion starts the next load
+    return m_load.state != Load::State::None;
+}
+
+// Precondition: the lock of the stores is held. False if nothing is to be read: the load was withdrawn, the
+// block is released with its event, or the block was rewritten and is resident.
+bool CFMBlock::BeginLoad() {
+    const bool isWanted = m_load.state == Load::State::Posted && !IsLastReference();
+    m_load.state = isWanted ? Load::State::Begun : Load::State::Skipped;
+    m_load.serial = isWanted && IsOnDisk() ? m_serial : 0;
+    if (!isWanted || (m_load.serial == 0 && m_state > State::Filling))
+        return false;
+    g_statistics.Record(CFMStatistics::LoadWait, CFMStatistics::Clock::now() - m_load.posted);
+    return true;
 }
 
 int CFMBlock::ReadFromFile(uint32_t len, int bSync) {
     CheckReadwrThread();
     CRtMessageChain buffer;
-    const int result = LoadBytes(len, buffer);
+    const int result = LoadBytes(len, bSync, buffer);
     if (bSync) { // the caller thread waits for this event
         if (RT_SUCCEEDED(result))
             SetData(buffer.get());
@@ -512,26 +619,35 @@ int CFMBlock::ReadFromFile(uint32_t len, int bSync) {
     return result;
 }
 
-int CFMBlock::LoadBytes(uint32_t len, CRtMessageChain& buffer) {
-    if (!RT_CHECK(SOURCE, m_file && m_file->GetDiskFile(), "m_file.Get() && m_file->GetDiskFile()"))
-        return RT_ERROR_NOT_READY;
+int CFMBlock::LoadBytes(uint32_t len, int bSync, CRtMessageChain& buffer) {
     State state{};
     int64_t pos = 0;
     uint32_t epoch = 0;
     {
         const auto lock = m_file->GetStores().LockShared();
+        if (!bSync && !BeginLoad())
+            return RT_ERROR_NOT_READY;
         state = m_state;
         if (state > State::Filling) {
-            if (len != m_totalLen)
-                return RT_ERROR_NOT_READY; // rewritten with another length since the load was posted
+            if (len != m_totalLen) { // rewritten with another length since the load was posted
+                m_load.serial = 0;
+                return RT_ERROR_NOT_READY;
+            }
             pos = m_posInFile;
             epoch = m_epoch;
         }
     }
+    if (!RT_CHECK(SOURCE, m_file && m_file->GetDiskFile(), "m_file.Get() && m_file->GetDiskFile()"))
+        return RT_ERROR_NOT_READY;
     if (!RT_CHECK(SOURCE, state > State::Filling, "IsComplete()"))
         return RT_ERROR_NOT_READY;
+    const auto begun = CFMStatistics::Clock::now();
     const int result = m_file->GetEntry().Load(pos, len, epoch, buffer);
-    if (RT_FAILED(result))
+    g_statistics.Record(CFMStatistics::LoadDisk, CFMStatistics::Clock::now() - begun);
+    g_statistics.Add(RT_SUCCEEDED(result) ? CFMStatistics::Loads : CFMStatistics::LoadFailures);
+    if (RT_SUCCEEDED(result))
+        g_statistics.Add(CFMStatistics::LoadBytes, len);
+    else
         RT_LOG(RT_LOG_WARNING, "CFMBlock::ReadFromFile, ReadData failed. ret="
                                    << result << ",pos=" << pos << ",len=" << len
                                    << " this=" << this);
@@ -542,8 +658,11 @@ void CFMBlock::OnDataReady(int aResult, CRtMessageBlock* aData) {
     RT_LOG(RT_LOG_TRACE, "CFMBlock::OnDataReady, aResult=" << aResult << ",m_readsinks="
                                                            << uint64_t{m_readsinks.size()}
                                                            << " this=" << this);
-    const bool isStale = std::exchange(m_loadSerial, 0) != m_serial;
-    if (!isStale && RT_SUCCEEDED(aResult)) {
+    // The load has ended: no other thread uses m_load.
+    const Load load = std::exchange(m_load, {});
+    const bool isSkipped = load.state == Load::State::Skipped;
+    const bool isStale = load.serial != m_serial && !isSkipped;
+    if (!isStale && RT_SUCCEEDED(aResult)) { // a skipped load has failed
         SetData(aData);
         if (!m_data)
             aResult = RT_ERROR_FAILURE;
@@ -552,7 +671,7 @@ void CFMBlock::OnDataReady(int aResult, CRtMessageBlock* aData) {
         return CallSinks(RT_OK); // loaded or rewritten
     if (!isStale)
         return CallSinks(aResult);
-    // The load is stale: the block was rewritten and released since. Load its current bytes.
+    // The load is stale: load the current bytes.
     if (!IsComplete())
         return CallSinks(RT_ERROR_NOT_READY);
     if (m_readsinks.empty())

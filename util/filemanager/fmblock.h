@@ -12,9 +12,13 @@
 //  - A rewrite leads from any state to Filling: new buffer, new serial, the pending store withdrawn.
 //  - Stored and Restored: the bytes are on disk as long as m_epoch is the disk entry's epoch; otherwise
 //    they are lost there. If they are resident, the next tick queues them again.
-//  - Stored: the buffer is released when the block has been idle (FreeMemory). A read loads it again; at
-//    most one load is in flight (m_loadSerial). A load whose serial is no longer the block's is stale: its
-//    result is dropped, and if sinks wait, the next load starts.
+//  - Stored: the buffer is released when the block has been idle (FreeMemory). A read loads it again.
+//
+// At most one asynchronous load is in flight (m_load). It is posted, then it begins on the read/write thread,
+// and its completion ends it on the caller thread. Until it has begun it can be withdrawn, and a new request
+// revokes the withdrawal. A withdrawn load reads nothing, and nor does one that finds a rewritten block, which
+// is resident. If the serial of the bytes that a load has read is no longer the block's, it is stale: its
+// result is dropped, and if sinks wait, the next load starts.
 #pragma once
 
 #include <atomic>
@@ -29,6 +33,7 @@
 #include "RtReferenceControl.h"
 #include "fmblockowner.h"
 #include "fmfunctor.h"
+#include "statistics.h"
 
 class CFMStoreEvent;
 
@@ -90,6 +95,9 @@ public:
     }
     /// Queues the store again if it has failed, or if the bytes are resident but lost on disk.
     void RetryStore();
+    /// A load that has not begun reads nothing, unless another read is requested before. Precondition: the
+    /// lock of the stores is held.
+    void WithdrawLoad();
     /// For GetRetrieveType and the tests.
     FMBlockState GetState() const;
     bool IsStored() const { return GetState() == BLOCK_STATE_STORED; }
@@ -105,6 +113,18 @@ protected:
 private:
     friend class CFMStoreEvent;
     enum class State : uint32_t { Empty, Filling, Queued, Writing, Stored, Failed, Restored };
+    struct Load {
+        enum class State : uint8_t {
+            None,
+            Posted,
+            Withdrawn,
+            Begun,
+            Skipped, ///< it was withdrawn when it began: it reads nothing
+        };
+        State state = State::None;
+        uint32_t serial = 0; ///< in state Begun: of the bytes that it reads; 0: it reads none
+        CFMStatistics::Clock::time_point posted;
+    };
     /// The sinks that one completion has still to call. Nests: a sink may cause another completion.
     struct CallRound {
         std::list<IFMBlockSink*> sinks;
@@ -119,6 +139,9 @@ private:
     void BeginRewrite(uint32_t blockLen);
     int PrepareBuffer(uint32_t blockLen);
     void ForgetLength();
+    void SetState(State state);
+    static CFMStatistics::Counter CounterOf(State state);
+    static bool IsUnstored(CFMStatistics::Counter state);
     void PostStore();
     CFMDiskEntry::Stored StoreBytes(CRtMessageBlock* aData, const CFMStore& store);
     void EndStore(CFMStore& store, CFMDiskEntry::Stored stored);
@@ -127,8 +150,11 @@ private:
         const State state = m_state.load(std::memory_order_acquire);
         return state == State::Stored || state == State::Restored;
     }
+    int LoadAndWait();
     int PostLoad();
-    int LoadBytes(uint32_t len, CRtMessageChain& buffer);
+    bool JoinLoad();
+    bool BeginLoad();
+    int LoadBytes(uint32_t len, int bSync, CRtMessageChain& buffer);
     bool IsWaiting(const IFMBlockSink* sink) const;
     void CallSinks(int result);
 
@@ -146,7 +172,7 @@ private:
     uint32_t m_serial = 1; // of the bytes: changes with each rewrite and each posted store; shared
     uint32_t m_epoch = 0;  // of the disk entry, in which the bytes on disk were stored; shared
     CFMStoreEvent* m_store = nullptr; // in state Queued: the pending store; shared
-    uint32_t m_loadSerial = 0; // of the bytes that the load in flight was posted for; 0: none
+    Load m_load;                      // the asynchronous load in flight; shared
     CallRound* m_calling = nullptr;
 
 protected:
@@ -169,6 +195,7 @@ private:
     static bool WriteTogether(std::span<CFMStore* const> batch);
 
     const CRtComAutoPtr<CFMBlock> m_block;
+    const CFMStatistics::Clock::time_point m_posted = CFMStatistics::Clock::now();
     bool m_hasRun = false;
 };
 

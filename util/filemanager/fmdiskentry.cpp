@@ -212,7 +212,7 @@ bool CFMDiskEntry::TakeDataFile() {
 void CFMDiskEntry::NoteTable(int64_t tableEnd, int64_t dataLength) {
     m_tableEnd = tableEnd;
     m_dataEnd = dataLength;
-    NoteInfo();
+    m_isInfoKnown = m_pInfo->GetOpeningStamp(m_infoStamp);
 }
 
 CFMDiskEntry::TableWritten CFMDiskEntry::WriteTable(CFMStores& stores) {

@@ -2,6 +2,7 @@
 #include "fmfile.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "RtLog.h"
 #include "RtResult.h"
@@ -45,11 +46,12 @@ CFMFile::CFMFile(const CRtString& stem) {
 }
 
 void CFMFile::MakeDiskFiles(const CRtString& stem, bool overPredecessor) {
-    const CRtString path = FMHost::GetDataDir() + stem;
-    m_diskFile =
-        new (std::nothrow) CDiskFile(path + ".sdd", RtOs::OPEN_ALONE, &FMHost::CheckDataDir);
+    CRtString data = FMHost::GetDataDir() + stem;
+    CRtString info = data;
+    m_diskFile = new (std::nothrow)
+        CDiskFile(std::move(data += ".sdd"), RtOs::OPEN_ALONE, &FMHost::CheckDataDir);
     RT_CHECK(SOURCE, m_diskFile, "m_diskFile");
-    m_infoFile = new (std::nothrow) CInfoFile(path + ".sdi", 0, &FMHost::CheckDataDir);
+    m_infoFile = new (std::nothrow) CInfoFile(std::move(info += ".sdi"), 0, &FMHost::CheckDataDir);
     RT_CHECK(SOURCE, m_infoFile, "m_infoFile");
     m_entry.emplace(m_diskFile.Get(), m_infoFile.Get(), overPredecessor);
 }
@@ -189,6 +191,13 @@ void CFMFile::Close(int sync) {
             SaveFileInfo();
     }
     m_closed = true;
+    {
+        const auto lock = m_stores.LockShared();
+        for (const auto& block : m_blocks) {
+            if (block)
+                block->WithdrawLoad();
+        }
+    }
     ReleaseBlocks();
 }
 
@@ -227,7 +236,8 @@ void CFMFile::Detach_m() {
 
 int CFMFile::IsHouseKeeping() {
     // A transient failure (EMFILE) does not prove that the file has expired: a later run examines it again.
-    if (const Info info = LoadInfo(); info != Info::Loaded)
+    if (const Info info = LoadInfo(FM_INFO_BODY_OFFSET + FM_INFO_FILE_BODY_MAX);
+        info != Info::Loaded)
         return info == Info::Damaged ? 1 : 0;
     if (m_fileInfo.flag & FM_FILE_TEMPORARY)
         return 1;

@@ -49,6 +49,8 @@ public:
     int SaveFileInfo();
     /// Writes the pending table, if there is one. If that fails, ticks and UnInitialize retry it.
     void SaveFileInfo_m() noexcept;
+    /// The path of the information file; empty if there is none.
+    CRtString GetInfoPath() const { return m_infoFile ? m_infoFile->GetFileName() : CRtString(); }
     int LoadFileInfo();
     int LoadBlokInfo();
     bool HasUnsavedTable();
@@ -86,10 +88,10 @@ private:
     void PostTable(bool isIdle);
     void PostTable_m();
     bool WriteTable();
-    Info LoadInfo();
+    Info LoadInfo(uint32_t readAhead);
     Info ExplainFailure(int ret);
     int DecodeInfo(CRtMessageBlock& body);
-    int LimitTable();
+    void LimitTable();
     bool RestoreBlocks(const std::vector<FMBlockEntry>& slots);
     void RestorePlace(CFMBlock& block, const FMBlockEntry& entry, bool overlaps,
                       int64_t dataLength);

@@ -31,6 +31,8 @@ namespace FMHost {
 /// Post or send (`sync` non-zero) an event. It is disposed of in any case. RT_OK or the queue's result;
 /// RT_ERROR_NULL_OBJECT: no event; RT_ERROR_NOT_READY: no thread.
 int PostToReadwrThread(IRtEvent* event, int sync);
+/// Posts a load to the read/write thread: it runs before pending stores. Results as above.
+int PostLoad(IRtEvent* event);
 int PostToCallerThread(IRtEvent* event, int sync);
 bool IsReadwrThread();
 bool HasCallerThread();
@@ -38,6 +40,8 @@ bool HasCallerThread();
 /// Bytes of block data in memory. Any thread; the subtraction also after the manager is gone.
 void AddMemory(uint32_t length);
 void SubtractMemory(uint32_t length);
+/// The bytes that wait to be stored have changed. Any thread.
+void CheckHighWaterMark();
 /// More than twice the limit.
 bool IsMemoryFarAboveLimit();
 

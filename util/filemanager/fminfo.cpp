@@ -13,21 +13,35 @@ namespace {
 
 int64_t EndOf(const FMBlockEntry& entry) { return entry.posInFile + entry.totalLen; }
 
-// Entries whose ranges overlap: at most one of them is valid.
+bool NamesBytes(const FMBlockEntry& entry) {
+    return entry.totalLen > 0 && FMIsEntryPossible(entry);
+}
+
+// Most files are written sequentially: each entry begins where an earlier one ends, or behind it.
+bool IsInOrder(const std::vector<FMBlockEntry>& slots) {
+    int64_t end = 0;
+    for (const FMBlockEntry& entry : slots) {
+        if (!NamesBytes(entry))
+            continue;
+        if (entry.posInFile < end)
+            return false;
+        end = EndOf(entry);
+    }
+    return true;
+}
+
+// Entries whose ranges overlap: at most one of them is valid. Empty if there are none.
 std::vector<bool> FindOverlaps(const std::vector<FMBlockEntry>& slots) {
+    if (IsInOrder(slots))
+        return {};
     std::vector<bool> overlaps(slots.size());
     std::vector<size_t> order;
     order.reserve(slots.size());
     for (size_t i = 0; i < slots.size(); ++i) {
-        if (slots[i].totalLen > 0 && FMIsEntryPossible(slots[i]))
+        if (NamesBytes(slots[i]))
             order.push_back(i);
     }
-    const auto liesBefore = [&slots](size_t a, size_t b) {
-        return slots[a].posInFile < slots[b].posInFile;
-    };
-    // Most files are written sequentially: their entries are already sorted.
-    if (!std::is_sorted(order.begin(), order.end(), liesBefore))
-        std::sort(order.begin(), order.end(), liesBefore);
+    std::ranges::sort(order, {}, [&slots](size_t i) { return slots[i].posInFile; });
     int64_t furthestEnd = 0;
     size_t furthest = 0;
     for (const size_t i : order) {
@@ -135,16 +149,18 @@ void CFMFile::DropTable() {
 
 // --- Loading ------------------------------------------------------------------------------------
 
-int CFMFile::LoadFileInfo() { return LoadInfo() == Info::Loaded ? 1 : 0; }
+int CFMFile::LoadFileInfo() {
+    constexpr uint32_t readAhead = 64 * 1024; // the tables of most files are smaller
+    return LoadInfo(readAhead) == Info::Loaded ? 1 : 0;
+}
 
-CFMFile::Info CFMFile::LoadInfo() {
+CFMFile::Info CFMFile::LoadInfo(uint32_t readAhead) {
     char buffer[FM_INFO_FILE_BODY_MAX] = {};
     uint32_t length = sizeof(buffer);
     int ret = RT_ERROR_NOT_READY;
-    if (m_infoFile) // a read would create it, in a race with another process
-        ret = RtOs::GetEntryKind(m_infoFile->GetFileName()) != RtOs::EntryKind::Missing
-                  ? m_infoFile->ReaddFileInfo(buffer, &length)
-                  : RT_ERROR_IO;
+    if (m_infoFile) // a read would create a missing file, in a race with another process
+        ret = m_infoFile->ReadAhead(readAhead) ? m_infoFile->ReaddFileInfo(buffer, &length)
+                                               : RT_ERROR_IO;
     if (RT_FAILED(ret)) {
         RT_LOG(RT_LOG_ERROR,
                "CFMFile::LoadFileInfo, ReaddFileInfo error, ret=" << ret << " this=" << this);
@@ -179,20 +195,17 @@ int CFMFile::DecodeInfo(CRtMessageBlock& body) {
     if (m_fileInfo.num > FM_TABLE_SLOTS_MAX || m_fileInfo.fileID == FMFileID_None ||
         FM_INFO_FILE_BODY_FIXED + m_fileInfo.name.size() > FM_INFO_FILE_BODY_MAX)
         return RT_ERROR_INVALID_ARG;
-    return LimitTable();
+    LimitTable();
+    return RT_OK;
 }
 
 // Bound `num` by the length of the file before a table is allocated for it.
-int CFMFile::LimitTable() {
-    RtOs::FileStamp info;
-    if (!m_infoFile->GetStamp(info))
-        return RT_ERROR_IO;
-    const uint32_t slots = FMSlotsToLoad(m_fileInfo.num, info.length);
+void CFMFile::LimitTable() {
+    const uint32_t slots = FMSlotsToLoad(m_fileInfo.num, m_infoFile->GetKnownLength());
     if (slots < m_fileInfo.num)
         RT_LOG(RT_LOG_WARNING, "CFMFile::LoadFileInfo, table larger than its file, num="
                                    << m_fileInfo.num << ",slots=" << slots << " this=" << this);
     m_fileInfo.num = slots;
-    return RT_OK;
 }
 
 int CFMFile::LoadBlokInfo() {
@@ -215,6 +228,7 @@ int CFMFile::LoadBlokInfo() {
         return 0;
     }
     body->AdvanceTopLevelWritePtr(length);
+    m_infoFile->DropReadAhead();
     RT_LOG(RT_LOG_TRACE,
            "CFMFile::LoadBlokInfo, ReaddBlockInfo result: length=" << length << " this=" << this);
     std::vector<FMBlockEntry> slots;
@@ -224,8 +238,10 @@ int CFMFile::LoadBlokInfo() {
 
 // False if a block cannot be allocated: a later save would write the table without it.
 bool CFMFile::RestoreBlocks(const std::vector<FMBlockEntry>& slots) {
+    if (!m_diskFile)
+        return false;
     RtOs::FileStamp data;
-    if (!m_diskFile || !m_diskFile->GetStamp(data))
+    if (!m_diskFile->GetOpeningStamp(data))
         return false;
     const auto dataLength = static_cast<int64_t>(data.length);
     const std::vector<bool> overlaps = FindOverlaps(slots);
@@ -235,7 +251,7 @@ bool CFMFile::RestoreBlocks(const std::vector<FMBlockEntry>& slots) {
         const FMBlockEntry& entry = slots[i];
         if (entry.blockID == 0)
             continue;
-        if (entry.totalLen > 0 && FMIsEntryPossible(entry)) {
+        if (NamesBytes(entry)) {
             tableEnd = std::max(tableEnd, EndOf(entry));
             // New blocks are placed behind every range that an entry names, including entries outside the
             // table, because the table may grow. Entries beyond the maximum file length are ignored.
@@ -252,7 +268,7 @@ bool CFMFile::RestoreBlocks(const std::vector<FMBlockEntry>& slots) {
             return false;
         }
         m_blocks[entry.blockID - m_fileInfo.blockBeg] = block;
-        RestorePlace(*block, entry, overlaps[i], dataLength);
+        RestorePlace(*block, entry, !overlaps.empty() && overlaps[i], dataLength);
     }
     m_entry->NoteTable(tableEnd, dataLength);
     return true;

@@ -6,6 +6,8 @@ namespace {
 
 // Larger writes gain nothing from batching.
 constexpr uint32_t MAX_COALESCED_STORE = 64 * 1024;
+// Pending stores that are examined for adjacent ranges: other stores may lie between them in the list.
+constexpr int MAX_SCANNED = 128;
 
 } // namespace
 
@@ -29,18 +31,29 @@ CRtMessageChain CFMStores::Withdraw(CFMStore& store) {
     return std::move(store.m_bytes);
 }
 
+// Returns the store behind it.
+CFMStore* CFMStores::Take(CFMStore& store) {
+    CFMStore* const next = store.m_pNext;
+    Unlink(store);
+    store.m_isTaken = true;
+    return next;
+}
+
 size_t CFMStores::TakeBatch(CFMStore& first, std::span<CFMStore*> batch) {
-    size_t count = 0;
-    CFMStore* store = first.m_isPending ? &first : nullptr;
-    while (store) {
-        CFMStore* const next = store->m_pNext;
-        Unlink(*store);
-        store->m_isTaken = true;
-        batch[count++] = store;
-        const bool fits = next && count < batch.size() && next->m_pos == store->GetEnd() &&
-                          store->m_length <= MAX_COALESCED_STORE &&
-                          next->m_length <= MAX_COALESCED_STORE;
-        store = fits ? next : nullptr;
+    if (!first.m_isPending)
+        return 0;
+    CFMStore* next = Take(first);
+    batch[0] = &first;
+    size_t count = 1;
+    if (first.m_length > MAX_COALESCED_STORE)
+        next = nullptr;
+    for (int scanned = 0; next && count < batch.size() && scanned < MAX_SCANNED; ++scanned) {
+        CFMStore& store = *next;
+        const bool fits =
+            store.m_pos == batch[count - 1]->GetEnd() && store.m_length <= MAX_COALESCED_STORE;
+        next = fits ? Take(store) : store.m_pNext;
+        if (fits)
+            batch[count++] = &store;
     }
     m_running += static_cast<uint32_t>(count);
     return count;

@@ -74,6 +74,7 @@ public:
 
 private:
     void Unlink(CFMStore& store);
+    CFMStore* Take(CFMStore& store);
 
     std::mutex m_mutex;
     CFMStore* m_pFirst = nullptr;

@@ -97,6 +97,8 @@ bool FMDecodeBlockBody(CRtMessageBlock& body, std::vector<FMBlockEntry>& slots) 
     CRtByteStreamT stream(body);
     uint16_t count = 0;
     stream >> count;
+    slots.reserve(static_cast<size_t>(
+        std::min<uint64_t>(count, body.GetChainedLength() / FM_INFO_EMPTY_SIZE)));
     for (uint32_t i = 0; i < count && stream.IsGood(); ++i) {
         FMBlockEntry entry;
         stream >> entry.blockID;

@@ -40,7 +40,7 @@ void CStreamKeeper::BeginUse(CKeptStream& stream) {
 void CStreamKeeper::EndUse(CKeptStream& stream) {
     const std::lock_guard lock(m_mutex);
     std::erase(m_inUse, &stream);
-    if (stream.m_pFile)
+    if (stream.HasStream())
         Link(stream);
 }
 

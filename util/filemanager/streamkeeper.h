@@ -2,18 +2,18 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
 #include <mutex>
 #include <vector>
 
 #include "RtString.h"
+#include "os/RtOs.h"
 
 /// A stream that the keeper may close while no use of it is in progress. One thread at a time uses it.
 class CKeptStream {
 public:
     CKeptStream(const CKeptStream&) = delete;
     CKeptStream& operator=(const CKeptStream&) = delete;
-    bool HasStream() const { return m_pFile != nullptr; }
+    bool HasStream() const { return m_file != RtOs::NO_FILE; }
     virtual const CRtString& GetFileName() const = 0;
 
 protected:
@@ -21,7 +21,8 @@ protected:
     ~CKeptStream() = default;
     virtual void CloseStream() = 0;
 
-    FILE* m_pFile = nullptr; // closed by another thread only while no use is in progress
+    int m_file =
+        RtOs::NO_FILE; // descriptor; closed by another thread only while no use is in progress
 
 private:
     friend class CStreamKeeper;

@@ -42,7 +42,7 @@ CRtString CFileManager::GetStatistics() {
     std::snprintf(text, sizeof(text),
                   " cache: [memo-Max=%d Cur=%d] [files Cur=%d c-%d d-%d] [blocks c-%d d-%d] "
                   "[time s-%d g-%d p-%d]",
-                  number(m_memoMax), number(GetMemoryInUse()), number(m_id2files.size()),
+                  number(GetMemoryLimit()), number(GetMemoryInUse()), number(m_id2files.size()),
                   number(g_counters.filesCreated.load()), number(g_counters.filesDestroyed.load()),
                   number(g_counters.blocksCreated.load()),
                   number(g_counters.blocksDestroyed.load()), number(g_counters.timeSetOwner.load()),
@@ -56,13 +56,13 @@ void CFileManager::RetryFailedStores() {
 }
 
 void CFileManager::MemoyCollect() {
-    if (m_isServer && GetMemoryInUse() < m_memoMax)
+    if (m_isServer && GetMemoryInUse() < GetMemoryLimit())
         return;
     for (const auto& [id, file] : m_id2files)
         file->FreeBlocksMemory();
-    if (GetMemoryInUse() > m_memoMax)
+    if (GetMemoryInUse() > GetMemoryLimit())
         RT_LOG(RT_LOG_WARNING,
-               "CFileManager::MemoyCollect, Max=" << uint64_t{m_memoMax}
+               "CFileManager::MemoyCollect, Max=" << uint64_t{GetMemoryLimit()}
                                                   << ", Size=" << uint64_t{GetMemoryInUse()});
 }
 
@@ -72,7 +72,8 @@ void CFileManager::CheckHouseKeeping() {
         return;
     if (!m_houseKeeping.Begin())
         return;
-    if (RT_FAILED(PostToReadwrThread(new CFMFunctor0(this, &CFileManager::HouseKeeping_m), 0)))
+    if (RT_FAILED(PostToReadwrThread(new CFMFunctor0(this, &CFileManager::HouseKeeping_m), 0,
+                                     RT_PRIORITY_LOW)))
         m_houseKeeping.End();
 }
 
@@ -92,7 +93,8 @@ void CFileManager::ExamineNext_m() {
     }
     ExamineFile(stem);
     // Posting fails while the thread stops: the run is abandoned and the next one starts over.
-    if (RT_FAILED(PostToReadwrThread(new CFMFunctor0(this, &CFileManager::ExamineNext_m), 0)))
+    if (RT_FAILED(PostToReadwrThread(new CFMFunctor0(this, &CFileManager::ExamineNext_m), 0,
+                                     RT_PRIORITY_LOW)))
         m_houseKeeping.End();
 }
 

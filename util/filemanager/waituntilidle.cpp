@@ -14,7 +14,7 @@ using Clock = std::chrono::steady_clock; // the application's clock may not adva
 class CIdleProbe final : public IRtEvent {
 public:
     int OnEventFire() override {
-        m_isIdle = CRtEventQueue::Current()->IsEmpty();
+        m_isIdle = CRtEventQueue::Current()->GetCount() == 0;
         return RT_OK;
     }
     void OnDestorySelf() override {}
@@ -32,8 +32,12 @@ int PumpUntilIdle(CFileManager& manager, CRtEventQueue& own, uint32_t millisecon
         own.RunDue();
         CIdleProbe probe;
         const bool hasThread = manager.GetReadwrThreadID() != 0;
-        const int result = hasThread ? manager.PostToReadwrThread(&probe, 1) : RT_OK;
-        if (RT_FAILED(result) || ((!hasThread || probe.IsIdle()) && own.IsEmpty()))
+        int result = RT_OK; // low comes last: an event of this lane may overtake the others
+        for (const int priority : {RT_PRIORITY_HIGH, RT_PRIORITY_NORMAL, RT_PRIORITY_LOW}) {
+            if (hasThread && RT_SUCCEEDED(result))
+                result = manager.PostToReadwrThread(&probe, 1, priority);
+        }
+        if (RT_FAILED(result) || ((!hasThread || probe.IsIdle()) && own.GetCount() == 0))
             return result;
         if (milliseconds != FM_WAIT_FOREVER &&
             Clock::now() - start >= std::chrono::milliseconds(milliseconds)) {

@@ -43,7 +43,8 @@ public:
     ///     - #RT_ERROR_IO the data file cannot be opened or read, ends before the end of the block, or was
     ///       removed or truncated by another program.
     ///     - #RT_ERROR_NULL_OBJECT out of memory for the bytes.
-    ///     - #RT_ERROR_NOT_READY the block is not complete; the read/write thread has stopped; or the file no
+    ///     - #RT_ERROR_NOT_READY the block is not complete; the read/write thread has stopped; the file was
+    ///       closed, or the last reference to the block released, before the load began; or the file no
     ///       longer has its data file, because a new file with the same identifier has displaced it, it was
     ///       temporary and is closed, or another process has changed its files.
     virtual void OnBlockDataReady(IFMBlock* block, int aResult) = 0;
@@ -91,9 +92,9 @@ public:
     virtual int WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* data) = 0;
 
     /// Asynchronous read: makes the bytes resident, then calls the sink. If the block has a buffer already,
-    /// the sink is called before ReadData returns. Otherwise the read/write thread loads the bytes. Several
-    /// sinks share one load. A sink that is already waiting does not wait twice. The call does not
-    /// postpone eviction.
+    /// the sink is called before ReadData returns. Otherwise the read/write thread loads the bytes, before
+    /// the stores that are queued. Several sinks share one load. A sink that is already waiting does not wait
+    /// twice. The call does not postpone eviction.
     /// @param sink called once, unless it is cancelled first.
     /// @retval RT_OK the sink has been or will be called. If the load fails, or the block is empty, the sink
     ///     receives the result code.
@@ -104,8 +105,9 @@ public:
     virtual int ReadData(IFMBlockSink* sink) = 0;
 
     /// Synchronous read: returns a view of the range. No byte is copied: the view shares the block's
-    /// buffer. If the bytes are not resident, the call waits for the read/write thread, which first runs
-    /// everything queued before and then loads the block. The call postpones eviction.
+    /// buffer. If the bytes are not resident, the call waits until the read/write thread has loaded them:
+    /// after the loads that are queued, and before the stores that are queued, except one in 8 loads. The
+    /// call postpones eviction.
     /// @param readPos start of the range in bytes from the start of the block.
     /// @param readLen length of the range in bytes.
     /// @param[out] pData the view. The caller owns it and destroys it with CRtMessageBlock::DestroyChained;
@@ -119,8 +121,8 @@ public:
     /// @retval RT_ERROR_NOT_READY the range is inside the block, but the block is not complete.
     virtual int ReadData(uint32_t readPos, uint32_t readLen, CRtMessageBlock*& pData) = 0;
 
-    /// Cancels an asynchronous read: the sink will not be called. A load in flight continues. The caller may
-    /// destroy the sink after the call.
+    /// Cancels an asynchronous read: the sink will not be called. If no other sink waits, a load that has not
+    /// begun reads nothing; a load that has begun continues. The caller may destroy the sink after the call.
     /// @param sink the sink.
     /// @retval RT_OK also if the sink was not waiting.
     /// @retval RT_ERROR_INVALID_ARG `sink` is null.

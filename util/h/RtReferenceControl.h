@@ -56,6 +56,8 @@ public:
 protected:
     CRtReferenceControl() = default;
     virtual ~CRtReferenceControl() = default;
+    /// Whether the calling code holds the only reference: then no other thread can add one.
+    bool IsLastReference() const { return m_count.load(std::memory_order_acquire) == 1; }
     /// Subtracts one reference without destroying the object.
     uint32_t DropReference() {
         // Acquire and release: everything other holders did is visible to the destructor.

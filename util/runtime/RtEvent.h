@@ -28,15 +28,20 @@ private:
     class CRtSendTicket* m_pTicket = nullptr; // of the sender that waits, or null
 };
 
-/// The only priority. Events run in the order in which they were posted.
-constexpr int RT_PRIORITY_NORMAL = 1;
+/// Priorities of events. Events of the same priority run in the order in which they were posted.
+///@{
+constexpr int RT_PRIORITY_HIGH = 0;   ///< before all others; after 8 of them, one normal event runs
+constexpr int RT_PRIORITY_NORMAL = 1; ///< the priority of SendEvent
+constexpr int RT_PRIORITY_LOW =
+    2; ///< when no other event is queued, and at least one event per second
+///@}
 
 /// The event queue of a thread. Thread-safe.
 class RT_EXPORT IRtEventQueue {
 public:
     /// Queues an event and returns.
     /// @param event the event; the queue owns it.
-    /// @param priority #RT_PRIORITY_NORMAL.
+    /// @param priority one of the priorities above.
     /// @retval RT_OK
     /// @retval RT_ERROR_NULL_OBJECT `event` is null.
     /// @retval RT_ERROR_NOT_READY the thread is stopping or has stopped. The event has been disposed of.

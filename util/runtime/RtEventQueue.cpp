@@ -39,13 +39,13 @@ void CRtEventQueue::SetWakeUp(std::function<void()> wakeUp) {
     m_wakeUp = std::move(wakeUp);
 }
 
-int CRtEventQueue::PostEvent(IRtEvent* event, int) noexcept {
+int CRtEventQueue::PostEvent(IRtEvent* event, int priority) noexcept {
     if (!event)
         return RT_ERROR_NULL_OBJECT;
-    return Enqueue(event, nullptr);
+    return Enqueue(event, priority, nullptr);
 }
 
-int CRtEventQueue::SendEvent(IRtEvent* event) {
+int CRtEventQueue::SendEvent(IRtEvent* event, int priority) {
     if (!event)
         return RT_ERROR_NULL_OBJECT;
     if (t_current == this) { // waiting for its own queue would be a deadlock
@@ -54,14 +54,14 @@ int CRtEventQueue::SendEvent(IRtEvent* event) {
         return RT_OK;
     }
     CRtSendTicket ticket(m_mutex);
-    const int result = Enqueue(event, &ticket);
+    const int result = Enqueue(event, priority, &ticket);
     if (RT_FAILED(result))
         return result;
     ticket.Wait();
     return RT_OK;
 }
 
-int CRtEventQueue::Enqueue(IRtEvent* event, CRtSendTicket* ticket) {
+int CRtEventQueue::Enqueue(IRtEvent* event, int priority, CRtSendTicket* ticket) {
     std::unique_lock lock = SpinThenLock(m_mutex);
     if (m_stopped) {
         lock.unlock();
@@ -70,8 +70,10 @@ int CRtEventQueue::Enqueue(IRtEvent* event, CRtSendTicket* ticket) {
     }
     event->m_pTicket = ticket;
     event->m_pNext = nullptr;
-    (m_pLast ? m_pLast->m_pNext : m_pFirst) = event;
-    m_pLast = event;
+    Lane& lane =
+        m_lanes[static_cast<size_t>(std::clamp(priority, RT_PRIORITY_HIGH, RT_PRIORITY_LOW))];
+    (lane.last ? lane.last->m_pNext : lane.first) = event;
+    lane.last = event;
     ++m_count;
     if (m_wakeUp)
         m_wakeUp();
@@ -90,21 +92,42 @@ void CRtEventQueue::WakeOwner() {
         m_wakeUp();
 }
 
-IRtEvent* CRtEventQueue::TakeFirst() {
+// Precondition: the mutex is locked and an event is queued.
+int CRtEventQueue::ChooseLane(uint64_t now) {
+    const auto hasEvent = [this](int priority) {
+        return m_lanes[static_cast<size_t>(priority)].first != nullptr;
+    };
+    if (hasEvent(RT_PRIORITY_LOW) && now - m_lowRanMs >= LOW_INTERVAL_MS)
+        return RT_PRIORITY_LOW;
+    if (hasEvent(RT_PRIORITY_NORMAL) &&
+        (m_highInARow >= HIGH_IN_A_ROW || !hasEvent(RT_PRIORITY_HIGH)))
+        return RT_PRIORITY_NORMAL;
+    return hasEvent(RT_PRIORITY_HIGH) ? RT_PRIORITY_HIGH : RT_PRIORITY_LOW;
+}
+
+IRtEvent* CRtEventQueue::TakeNext(uint64_t now) {
     const std::unique_lock lock = SpinThenLock(m_mutex);
-    IRtEvent* const event = m_pFirst;
-    if (!event)
+    if (m_count == 0)
         return nullptr;
-    m_pFirst = event->m_pNext;
-    if (!m_pFirst)
-        m_pLast = nullptr;
+    const int priority = ChooseLane(now);
+    if (priority == RT_PRIORITY_HIGH)
+        m_highInARow = std::min(m_highInARow + 1, HIGH_IN_A_ROW);
+    else if (priority == RT_PRIORITY_NORMAL)
+        m_highInARow = 0;
+    else
+        m_lowRanMs = now;
+    Lane& lane = m_lanes[static_cast<size_t>(priority)];
+    IRtEvent* const event = lane.first;
+    lane.first = event->m_pNext;
+    if (!lane.first)
+        lane.last = nullptr;
     --m_count;
     return event;
 }
 
-bool CRtEventQueue::RunOne() {
+bool CRtEventQueue::RunOne(uint64_t now) {
     const std::lock_guard running(m_running);
-    IRtEvent* const event = TakeFirst();
+    IRtEvent* const event = TakeNext(now);
     if (!event)
         return false;
     CRtSendTicket* ticket = event->m_pTicket;
@@ -120,8 +143,9 @@ bool CRtEventQueue::RunOne() {
 
 void CRtEventQueue::Run() {
     do {
-        FireDueTimers();
-        RunOne();
+        const uint64_t now = GetTickCountEx();
+        FireDueTimers(now);
+        RunOne(now);
     } while (WaitForWork());
 }
 
@@ -135,7 +159,7 @@ bool CRtEventQueue::WaitForWork() {
             m_quit = false;
             return false;
         }
-        if (m_pFirst)
+        if (m_count > 0)
             return true;
         if (m_stopped)
             return false;
@@ -144,7 +168,7 @@ bool CRtEventQueue::WaitForWork() {
         lock = SpinThenLock(m_mutex);
         if (due == 0)
             return true;
-        if (m_pFirst || m_stopped || m_quit)
+        if (m_count > 0 || m_stopped || m_quit)
             continue;
         m_ownerParked = true;
         if (due < 0)
@@ -156,9 +180,10 @@ bool CRtEventQueue::WaitForWork() {
 }
 
 size_t CRtEventQueue::RunDue() {
+    const uint64_t now = GetTickCountEx();
     size_t events = m_count;
-    size_t done = FireDueTimers();
-    while (events-- > 0 && RunOne())
+    size_t done = FireDueTimers(now);
+    while (events-- > 0 && RunOne(now))
         ++done;
     return done;
 }
@@ -176,8 +201,9 @@ bool CRtEventQueue::RunRemaining(std::chrono::milliseconds timeout) {
     if (!running.owns_lock())
         return false;
     // Events that these events post run too. The time limit stops an event that always posts itself.
+    const uint64_t now = GetTickCountEx();
     size_t queued = m_count;
-    while ((queued > 0 || !isOver()) && RunOne())
+    while ((queued > 0 || !isOver()) && RunOne(now))
         queued -= queued > 0 ? 1 : 0;
     return true;
 }
@@ -218,8 +244,7 @@ int64_t CRtEventQueue::GetNextDueMs() {
     return next;
 }
 
-size_t CRtEventQueue::FireDueTimers() {
-    const uint64_t now = GetTickCountEx();
+size_t CRtEventQueue::FireDueTimers(uint64_t now) {
     size_t fired = 0;
     while (FireOneTimer(now))
         ++fired;

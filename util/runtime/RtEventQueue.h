@@ -1,7 +1,14 @@
 // CRtEventQueue: the event queue of one thread, its timers, and the loop that runs both. Any thread posts;
 // only the owning thread runs the loop.
+//
+// The queue has one lane per priority. Events within a lane run in the order of their posts. Between lanes:
+//
+//  - An event of the high lane runs before the others. After HIGH_IN_A_ROW of them one event of the normal
+//    lane runs, so that the normal lane does not starve.
+//  - An event of the low lane runs when the other lanes are empty, and once per LOW_INTERVAL_MS in any case.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -23,7 +30,8 @@ public:
     static CRtEventQueue* Current();
 
     int PostEvent(IRtEvent* event, int priority) noexcept override;
-    int SendEvent(IRtEvent* event) override;
+    int SendEvent(IRtEvent* event) override { return SendEvent(event, RT_PRIORITY_NORMAL); }
+    int SendEvent(IRtEvent* event, int priority);
 
     /// True: the calling thread becomes the owner. False: the queue has no owner.
     void SetOwner(bool owned);
@@ -37,8 +45,8 @@ public:
     /// Fires the timers that are due and runs the events that were queued at the time of the call.
     /// Returns the number of both. Never waits.
     size_t RunDue();
-    /// Whether no event is queued; one that runs does not count.
-    bool IsEmpty() const { return m_count == 0; }
+    /// The number of queued events; one that runs does not count.
+    size_t GetCount() const { return m_count; }
     /// For the end of the process: runs the queued events on the calling thread, and until `timeout` events
     /// that are posted during the call. False if another thread runs an event for that long.
     bool RunRemaining(std::chrono::milliseconds timeout);
@@ -51,19 +59,29 @@ public:
     int64_t GetNextDueMs();
 
 private:
-    int Enqueue(IRtEvent* event, class CRtSendTicket* ticket);
+    static constexpr int HIGH_IN_A_ROW = 8;
+    static constexpr uint64_t LOW_INTERVAL_MS = 1000;
+    struct Lane {
+        IRtEvent* first = nullptr;
+        IRtEvent* last = nullptr;
+    };
+    static constexpr size_t LANES = RT_PRIORITY_LOW + 1;
+
+    int Enqueue(IRtEvent* event, int priority, class CRtSendTicket* ticket);
     void WakeOwner();
-    IRtEvent* TakeFirst();
-    bool RunOne();
-    size_t FireDueTimers();
+    int ChooseLane(uint64_t now);
+    IRtEvent* TakeNext(uint64_t now);
+    bool RunOne(uint64_t now);
+    size_t FireDueTimers(uint64_t now);
     bool FireOneTimer(uint64_t now);
     bool WaitForWork();
 
     std::mutex m_mutex; // SpinThenLock; guards everything below but m_running
     std::condition_variable m_somethingToDo;
-    IRtEvent* m_pFirst = nullptr;
-    IRtEvent* m_pLast = nullptr;
-    std::atomic<size_t> m_count{0}; // spin loops read it without the mutex
+    std::array<Lane, LANES> m_lanes;
+    int m_highInARow = 0;           // events of the high lane since one of the normal lane ran
+    uint64_t m_lowRanMs = 0;        // tick count when an event of the low lane last ran
+    std::atomic<size_t> m_count{0}; // of all lanes; spin loops read it without the mutex
     bool m_stopped = false;
     bool m_quit = false;
     bool m_ownerParked = false;

@@ -6,7 +6,6 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
 #include <memory>
 #include <span>
 #include <string>
@@ -122,45 +121,8 @@ private:
     bool m_isRefused = false;
 };
 
-// --- Streams ------------------------------------------------------------------------------------
+// --- Files --------------------------------------------------------------------------------------
 
-enum OpenFlags : uint32_t {
-    OPEN_EXISTING = 0,
-    OPEN_CREATE = 1, ///< creates a missing file, on POSIX with mode 0600
-    OPEN_ALONE = 2,  ///< exclusive lock: a second open with this flag fails, see IsInUse
-};
-/// Opens a binary stream for reading and writing. Never truncates the file. Child processes do not inherit the
-/// stream. It is unbuffered: other streams on the same file see each write at once. On POSIX, a link at the
-/// path is not followed. On failure returns null and sets `error` to the system's error number. `created`: this
-/// call has created the file.
-FILE* OpenStream(const CRtString& path, uint32_t flags, int& error, bool& created);
-/// Whether that error number means that the path names no file.
-bool IsNoSuchFile(int error);
-/// Whether that error number means that another process or stream holds the exclusive lock.
-bool IsInUse(int error);
-/// Whether that error number means that the process or the system has run out of file descriptors.
-bool IsOutOfStreams(int error);
-enum class Transfer {
-    Done,
-    NoPosition, ///< the offset is out of the file system's range
-    Failed,
-    Short, ///< end of file before `length` bytes
-};
-/// Transfer exactly `length` bytes at `offset`; the position of the stream is not used. Several threads may
-/// read one stream concurrently.
-Transfer ReadAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length);
-Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t length);
-struct Piece {
-    const void* bytes;
-    uint32_t length;
-};
-constexpr size_t PIECES_MAX = 64;
-/// Writes up to PIECES_MAX pieces contiguously, with one system call if the system has one for it. If the
-/// result is not Done, some of the bytes may have been written.
-Transfer WriteAllAt(FILE* stream, uint64_t offset, std::span<const Piece> pieces);
-/// The current length of the file. Makes the next write cheaper than GetStamp does: after a query of the file
-/// times, some systems record an exact time with the next change. False on failure.
-bool GetLength(FILE* stream, uint64_t& length);
 /// The fingerprint of a file. If it differs, the path names another file or the bytes have changed; changes
 /// within the resolution of the system's file times (a few milliseconds) may go unnoticed.
 struct FileStamp {
@@ -175,10 +137,48 @@ struct FileStamp {
         return exists && other.exists && device == other.device && node == other.node;
     }
 };
+enum OpenFlags : uint32_t {
+    OPEN_EXISTING = 0,
+    OPEN_CREATE = 1, ///< creates a missing file, on POSIX with mode 0600
+    OPEN_ALONE = 2,  ///< exclusive lock: a second open with this flag fails, see IsInUse
+};
+/// Opens a file for reading and writing and returns its descriptor. Never truncates the file. Child processes do
+/// not inherit the descriptor. On POSIX, a link at the path is not followed. On failure returns NO_FILE and sets
+/// `error` to the system's error number. `created`: this call has created the file. `stamp`: its fingerprint.
+constexpr int NO_FILE = -1;
+int OpenFile(const CRtString& path, uint32_t flags, int& error, bool& created, FileStamp& stamp);
+void CloseFile(int file);
+/// Whether that error number means that the path names no file.
+bool IsNoSuchFile(int error);
+/// Whether that error number means that another descriptor holds the exclusive lock.
+bool IsInUse(int error);
+/// Whether that error number means that the process or the system has run out of file descriptors.
+bool IsOutOfStreams(int error);
+enum class Transfer {
+    Done,
+    NoPosition, ///< the offset is out of the file system's range
+    Failed,
+    Short, ///< end of file before `length` bytes
+};
+/// Transfer exactly `length` bytes at `offset`; the position of the descriptor is not used. Several threads may
+/// read one file concurrently.
+Transfer ReadAt(int file, uint64_t offset, void* bytes, uint32_t length);
+Transfer WriteAt(int file, uint64_t offset, const void* bytes, uint32_t length);
+struct Piece {
+    const void* bytes;
+    uint32_t length;
+};
+constexpr size_t PIECES_MAX = 64;
+/// Writes up to PIECES_MAX pieces contiguously, with one system call if the system has one for it. If the
+/// result is not Done, some of the bytes may have been written.
+Transfer WriteAllAt(int file, uint64_t offset, std::span<const Piece> pieces);
+/// The current length of the file. Makes the next write cheaper than GetStamp does: after a query of the file
+/// times, some systems record an exact time with the next change. False on failure.
+bool GetLength(int file, uint64_t& length);
 /// If there is no regular file, `exists` is false. Returns false if the fingerprint cannot be determined.
-bool GetStamp(FILE* stream, FileStamp& stamp);
+bool GetStamp(int file, FileStamp& stamp);
 bool GetStamp(const CRtString& path, FileStamp& stamp);
-/// The number of streams that the process may have open at a time, by the current limit.
+/// The number of files that the process may have open at a time, by the current limit.
 uint32_t GetStreamLimit();
 
 } // namespace RtOs

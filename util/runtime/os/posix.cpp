@@ -28,15 +28,31 @@
 
 namespace {
 
-std::string Native(const CRtString& path) {
-    std::string native(path.view());
-    std::replace(native.begin(), native.end(), '\\', '/');
-    return native;
-}
+// A path with the separators of the system; a usual one fits on the stack.
+class Native {
+public:
+    explicit Native(const CRtString& path) {
+        char* to = m_short.data();
+        if (path.size() >= m_short.size()) {
+            m_long.resize(path.size());
+            to = m_long.data();
+        }
+        std::replace_copy(path.c_str(), path.c_str() + path.size() + 1, to, '\\', '/');
+        m_path = to;
+    }
+    Native(const Native&) = delete;
+    Native& operator=(const Native&) = delete;
+    const char* c_str() const { return m_path; }
+
+private:
+    std::array<char, 512> m_short;
+    std::string m_long;
+    const char* m_path;
+};
 
 // If the path ends in a separator, lstat and rmdir follow a link.
 std::string NativeWithoutTail(const CRtString& path) {
-    std::string native = Native(path);
+    std::string native = Native(path).c_str();
     while (native.size() > 1 && native.back() == '/')
         native.pop_back();
     return native;
@@ -141,7 +157,7 @@ bool GetUserDataDir(CRtString& directory) {
 }
 
 EntryKind GetEntryKind(const CRtString& path) {
-    const std::string native = Native(path);
+    const Native native(path);
     struct stat info {};
     if (::stat(native.c_str(), &info) == 0)
         return S_ISDIR(info.st_mode) ? EntryKind::Directory : EntryKind::File;
@@ -287,32 +303,6 @@ bool DirectoryWalk::RemoveSubdirectory(const CRtString& name) {
 
 namespace {
 
-int OpenFile(const char* path, uint32_t flags, bool& created) {
-    // O_NOFOLLOW: the target of a link is outside the cache. A dangling link can be neither opened nor created.
-    constexpr int mode = O_RDWR | O_CLOEXEC | O_NOFOLLOW;
-    for (;;) {
-        created = false;
-        int fd = ::open(path, mode);
-        if (fd < 0 && errno == ENOENT && (flags & OPEN_CREATE)) {
-            fd = ::open(path, mode | O_CREAT | O_EXCL, 0600);
-            if (fd < 0 && errno == EEXIST)
-                continue; // another process has created the file
-            created = fd >= 0;
-        }
-        if (fd < 0 || !(flags & OPEN_ALONE))
-            return fd;
-        const bool mine = LockFile(fd, LOCK_EX);
-        struct stat info {};
-        if (mine && (::fstat(fd, &info) != 0 || info.st_nlink > 0))
-            return fd;
-        ::close(fd);
-        if (mine)
-            continue; // removed between open and flock
-        errno = EWOULDBLOCK;
-        return -1;
-    }
-}
-
 template <class Info>
 bool Stamp(int result, const Info& info, FileStamp& stamp) {
     stamp = {};
@@ -328,37 +318,61 @@ bool Stamp(int result, const Info& info, FileStamp& stamp) {
     return true;
 }
 
+int OpenOrCreate(const char* path, uint32_t flags, bool& created) {
+    // O_NOFOLLOW: the target of a link is outside the cache. A dangling link can be neither opened nor created.
+    constexpr int mode = O_RDWR | O_CLOEXEC | O_NOFOLLOW;
+    for (;;) {
+        created = false;
+        int fd = ::open(path, mode);
+        if (fd >= 0 || errno != ENOENT || !(flags & OPEN_CREATE))
+            return fd;
+        fd = ::open(path, mode | O_CREAT | O_EXCL, 0600);
+        created = fd >= 0;
+        if (created || errno != EEXIST) // else another process has created the file
+            return fd;
+    }
+}
+
 } // namespace
 
-FILE* OpenStream(const CRtString& path, uint32_t flags, int& error, bool& created) {
-    const int fd = OpenFile(Native(path).c_str(), flags, created);
-    FILE* stream = fd < 0 ? nullptr : ::fdopen(fd, "rb+");
-    if (!stream) {
-        error = errno;
+int OpenFile(const CRtString& path, uint32_t flags, int& error, bool& created, FileStamp& stamp) {
+    const Native native(path);
+    for (;;) {
+        const int fd = OpenOrCreate(native.c_str(), flags, created);
+        error = fd < 0 ? errno : 0;
+        if (fd >= 0 && (flags & OPEN_ALONE) && !LockFile(fd, LOCK_EX))
+            error = EWOULDBLOCK;
+        struct stat info {};
+        if (error == 0 && ::fstat(fd, &info) != 0)
+            error = errno;
+        const bool isRemoved = error == 0 && (flags & OPEN_ALONE) && info.st_nlink == 0;
+        if (error == 0 && !isRemoved && Stamp(0, info, stamp))
+            return fd;
         if (fd >= 0)
             ::close(fd);
-        return nullptr;
+        if (!isRemoved) // else it was removed between open and flock
+            return NO_FILE;
     }
-    std::setvbuf(stream, nullptr, _IONBF, 0);
-    return stream;
 }
+
+void CloseFile(int file) { ::close(file); }
 
 bool IsNoSuchFile(int error) { return IsMissing(error); }
 bool IsOutOfStreams(int error) { return error == EMFILE || error == ENFILE; }
 bool IsInUse(int error) { return error == EWOULDBLOCK; }
 
-// May move the position of the stream: every transfer passes its own offset.
-bool GetLength(FILE* stream, uint64_t& length) {
-    const off_t end = ::lseek(::fileno(stream), 0, SEEK_END);
+// May move the position of the descriptor: every transfer passes its own offset.
+bool GetLength(int file, uint64_t& length) {
+    const off_t end = ::lseek(file, 0, SEEK_END);
     if (end < 0)
         return false;
     length = static_cast<uint64_t>(end);
     return true;
 }
 
-bool GetStamp(FILE* stream, FileStamp& stamp) {
+bool GetStamp(int file, FileStamp& stamp) {
     struct stat info {};
-    const int result = ::fstat(::fileno(stream), &info);
+    const int result = ::fstat(file, &info);
     return Stamp(result, info, stamp);
 }
 
@@ -390,21 +404,19 @@ Transfer MoveAll(uint64_t offset, uint32_t length, Move move) {
 
 } // namespace
 
-Transfer ReadAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length) {
-    const int fd = ::fileno(stream);
+Transfer ReadAt(int file, uint64_t offset, void* bytes, uint32_t length) {
     return MoveAll(offset, length, [&](uint32_t done, off_t at) {
-        return ::pread(fd, static_cast<char*>(bytes) + done, length - done, at);
+        return ::pread(file, static_cast<char*>(bytes) + done, length - done, at);
     });
 }
 
-Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t length) {
-    const int fd = ::fileno(stream);
+Transfer WriteAt(int file, uint64_t offset, const void* bytes, uint32_t length) {
     return MoveAll(offset, length, [&](uint32_t done, off_t at) {
-        return ::pwrite(fd, static_cast<const char*>(bytes) + done, length - done, at);
+        return ::pwrite(file, static_cast<const char*>(bytes) + done, length - done, at);
     });
 }
 
-Transfer WriteAllAt(FILE* stream, uint64_t offset, std::span<const Piece> pieces) {
+Transfer WriteAllAt(int file, uint64_t offset, std::span<const Piece> pieces) {
     static_assert(PIECES_MAX <= IOV_MAX);
     std::array<iovec, PIECES_MAX> vectors;
     if (pieces.size() > vectors.size())
@@ -416,7 +428,7 @@ Transfer WriteAllAt(FILE* stream, uint64_t offset, std::span<const Piece> pieces
     }
     ssize_t moved = -1;
     do
-        moved = ::pwritev(::fileno(stream), vectors.data(), static_cast<int>(pieces.size()),
+        moved = ::pwritev(file, vectors.data(), static_cast<int>(pieces.size()),
                           static_cast<off_t>(offset));
     while (moved < 0 && errno == EINTR);
     if (moved < 0)

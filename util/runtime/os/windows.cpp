@@ -271,108 +271,7 @@ bool DirectoryWalk::RemoveSubdirectory(const CRtString& name) {
 
 namespace {
 
-// Replaces the runtime library's EACCES for a sharing violation, so that IsInUse can tell the two apart.
-constexpr int IN_USE = EBUSY;
-
-int OpenFile(const CRtString& path, int mode, uint32_t flags, int& file) {
-    // _SH_DENYWR: every other open for writing fails.
-    const int sharing = (flags & OPEN_ALONE) ? _SH_DENYWR : _SH_DENYNO;
-    const int error = ::_sopen_s(&file, path.c_str(), mode | _O_RDWR | _O_BINARY | _O_NOINHERIT,
-                                 sharing, _S_IREAD | _S_IWRITE);
-    const bool isInUse = error == EACCES && _doserrno == ERROR_SHARING_VIOLATION;
-    return isInUse ? IN_USE : error;
-}
-
-} // namespace
-
-FILE* OpenStream(const CRtString& path, uint32_t flags, int& error, bool& created) {
-    // Another process may create or remove the file in between. Bounded: a dangling link can neither be opened
-    // nor created, so that both attempts always fail.
-    constexpr int tries = 10;
-    int file = -1;
-    error = EEXIST;
-    for (int i = 0; i < tries && error == EEXIST; ++i) {
-        created = false;
-        error = OpenFile(path, 0, flags, file);
-        if (error == ENOENT && (flags & OPEN_CREATE)) {
-            error = OpenFile(path, _O_CREAT | _O_EXCL, flags, file);
-            created = error == 0;
-        }
-    }
-    if (error != 0)
-        return nullptr;
-    FILE* stream = ::_fdopen(file, "rb+");
-    if (!stream) {
-        error = EMFILE; // the only cause, and some runtime libraries leave errno unset
-        ::_close(file);
-        if (created)
-            ::_unlink(path.c_str());
-        return nullptr;
-    }
-    std::setvbuf(stream, nullptr, _IONBF, 0);
-    return stream;
-}
-
-bool IsNoSuchFile(int error) { return error == ENOENT; }
-bool IsOutOfStreams(int error) { return error == EMFILE || error == ENFILE; }
-bool IsInUse(int error) { return error == IN_USE; }
-
-namespace {
-
-HANDLE HandleOf(FILE* stream) {
-    return reinterpret_cast<HANDLE>(::_get_osfhandle(::_fileno(stream)));
-}
-
-// `move` is ReadFile or WriteFile of the bytes from `done` on; both may transfer fewer bytes than requested.
-// Not fread or fwrite: unbuffered, they transfer the last bytes of a record one by one. Each call passes its
-// offset, because all threads share the position of the handle.
-template <class Move>
-Transfer MoveAll(FILE* stream, uint64_t offset, uint32_t length, Move move) {
-    const HANDLE file = HandleOf(stream);
-    if (offset > uint64_t{INT64_MAX} - length)
-        return Transfer::NoPosition;
-    for (uint32_t done = 0; done < length;) {
-        OVERLAPPED at{};
-        at.Offset = static_cast<DWORD>(offset + done);
-        at.OffsetHigh = static_cast<DWORD>((offset + done) >> 32);
-        DWORD moved = 0;
-        const bool didMove = move(file, done, &moved, &at) != 0;
-        if (!didMove && ::GetLastError() != ERROR_HANDLE_EOF)
-            return Transfer::Failed;
-        if (!didMove || moved == 0)
-            return Transfer::Short;
-        done += moved;
-    }
-    return Transfer::Done;
-}
-
-// By default the system may update the time of the last change only when the handle is closed. The fingerprint
-// would then change after this process took it, as if another process had written to the file.
-void NoteChange(FILE* stream) {
-    FILETIME now{};
-    ::GetSystemTimeAsFileTime(&now);
-    ::SetFileTime(HandleOf(stream), nullptr, nullptr, &now);
-}
-
-} // namespace
-
-Transfer ReadAt(FILE* stream, uint64_t offset, void* bytes, uint32_t length) {
-    const auto read = [&](HANDLE file, uint32_t done, DWORD* moved, OVERLAPPED* at) {
-        return ::ReadFile(file, static_cast<char*>(bytes) + done, length - done, moved, at);
-    };
-    return MoveAll(stream, offset, length, read);
-}
-
-Transfer WriteAt(FILE* stream, uint64_t offset, const void* bytes, uint32_t length) {
-    const auto write = [&](HANDLE file, uint32_t done, DWORD* moved, OVERLAPPED* at) {
-        return ::WriteFile(file, static_cast<const char*>(bytes) + done, length - done, moved, at);
-    };
-    const Transfer result = MoveAll(stream, offset, length, write);
-    NoteChange(stream); // a failed write may have changed the file too
-    return result;
-}
-
-namespace {
+HANDLE HandleOf(int file) { return reinterpret_cast<HANDLE>(::_get_osfhandle(file)); }
 
 bool Stamp(HANDLE file, FileStamp& stamp) {
     constexpr uint64_t ticksPerSecond = 10'000'000;
@@ -395,27 +294,126 @@ bool Stamp(HANDLE file, FileStamp& stamp) {
 
 } // namespace
 
-Transfer WriteAllAt(FILE* stream, uint64_t offset, std::span<const Piece> pieces) {
+namespace {
+
+// Replaces the runtime library's EACCES for a sharing violation, so that IsInUse can tell the two apart.
+constexpr int IN_USE = EBUSY;
+
+int Open(const CRtString& path, int mode, uint32_t flags, int& file) {
+    // _SH_DENYWR: every other open for writing fails.
+    const int sharing = (flags & OPEN_ALONE) ? _SH_DENYWR : _SH_DENYNO;
+    const int error = ::_sopen_s(&file, path.c_str(), mode | _O_RDWR | _O_BINARY | _O_NOINHERIT,
+                                 sharing, _S_IREAD | _S_IWRITE);
+    const bool isInUse = error == EACCES && _doserrno == ERROR_SHARING_VIOLATION;
+    return isInUse ? IN_USE : error;
+}
+
+} // namespace
+
+int OpenFile(const CRtString& path, uint32_t flags, int& error, bool& created, FileStamp& stamp) {
+    // Another process may create or remove the file in between. Bounded: a dangling link can neither be opened
+    // nor created, so that both attempts always fail.
+    constexpr int tries = 10;
+    int file = NO_FILE;
+    error = EEXIST;
+    for (int i = 0; i < tries && error == EEXIST; ++i) {
+        created = false;
+        error = Open(path, 0, flags, file);
+        if (error == ENOENT && (flags & OPEN_CREATE)) {
+            error = Open(path, _O_CREAT | _O_EXCL, flags, file);
+            created = error == 0;
+        }
+    }
+    if (error != 0)
+        return NO_FILE;
+    if (GetStamp(file, stamp))
+        return file;
+    error = EIO;
+    CloseFile(file);
+    if (created)
+        ::_unlink(path.c_str());
+    return NO_FILE;
+}
+
+void CloseFile(int file) { ::_close(file); }
+
+bool IsNoSuchFile(int error) { return error == ENOENT; }
+bool IsOutOfStreams(int error) { return error == EMFILE || error == ENFILE; }
+bool IsInUse(int error) { return error == IN_USE; }
+
+namespace {
+
+// `move` is ReadFile or WriteFile of the bytes from `done` on; both may transfer fewer bytes than requested.
+// Not fread or fwrite: unbuffered, they transfer the last bytes of a record one by one. Each call passes its
+// offset, because all threads share the position of the handle.
+template <class Move>
+Transfer MoveAll(int descriptor, uint64_t offset, uint32_t length, Move move) {
+    const HANDLE file = HandleOf(descriptor);
+    if (offset > uint64_t{INT64_MAX} - length)
+        return Transfer::NoPosition;
+    for (uint32_t done = 0; done < length;) {
+        OVERLAPPED at{};
+        at.Offset = static_cast<DWORD>(offset + done);
+        at.OffsetHigh = static_cast<DWORD>((offset + done) >> 32);
+        DWORD moved = 0;
+        const bool didMove = move(file, done, &moved, &at) != 0;
+        if (!didMove && ::GetLastError() != ERROR_HANDLE_EOF)
+            return Transfer::Failed;
+        if (!didMove || moved == 0)
+            return Transfer::Short;
+        done += moved;
+    }
+    return Transfer::Done;
+}
+
+// By default the system may update the time of the last change only when the handle is closed. The fingerprint
+// would then change after this process took it, as if another process had written to the file.
+void NoteChange(int file) {
+    FILETIME now{};
+    ::GetSystemTimeAsFileTime(&now);
+    ::SetFileTime(HandleOf(file), nullptr, nullptr, &now);
+}
+
+} // namespace
+
+Transfer ReadAt(int file, uint64_t offset, void* bytes, uint32_t length) {
+    const auto read = [&](HANDLE handle, uint32_t done, DWORD* moved, OVERLAPPED* at) {
+        return ::ReadFile(handle, static_cast<char*>(bytes) + done, length - done, moved, at);
+    };
+    return MoveAll(file, offset, length, read);
+}
+
+Transfer WriteAt(int file, uint64_t offset, const void* bytes, uint32_t length) {
+    const auto write = [&](HANDLE handle, uint32_t done, DWORD* moved, OVERLAPPED* at) {
+        return ::WriteFile(handle, static_cast<const char*>(bytes) + done, length - done, moved,
+                           at);
+    };
+    const Transfer result = MoveAll(file, offset, length, write);
+    NoteChange(file); // a failed write may have changed the file too
+    return result;
+}
+
+Transfer WriteAllAt(int file, uint64_t offset, std::span<const Piece> pieces) {
     Transfer result = Transfer::Done;
     for (const Piece& piece : pieces) {
         if (result == Transfer::Done)
-            result = WriteAt(stream, offset, piece.bytes, piece.length);
+            result = WriteAt(file, offset, piece.bytes, piece.length);
         offset += piece.length;
     }
     return result;
 }
 
-bool GetLength(FILE* stream, uint64_t& length) {
-    const int64_t now = ::_filelengthi64(::_fileno(stream));
+bool GetLength(int file, uint64_t& length) {
+    const int64_t now = ::_filelengthi64(file);
     if (now < 0)
         return false;
     length = static_cast<uint64_t>(now);
     return true;
 }
 
-bool GetStamp(FILE* stream, FileStamp& stamp) {
+bool GetStamp(int file, FileStamp& stamp) {
     stamp = {};
-    return Stamp(HandleOf(stream), stamp);
+    return Stamp(HandleOf(file), stamp);
 }
 
 bool GetStamp(const CRtString& path, FileStamp& stamp) {
