@@ -7,6 +7,7 @@ BINS = 120  # most steps of a lane
 BIN_SECONDS = 0.25  # shortest step; nodes report five times in a second
 CELLS = 480  # most cells of a block map
 SOURCE, PEERS, SENT = 2, 3, 4  # positions in a node's totals
+EDGE_LABELS = 6  # most labels below a histogram, about
 
 STYLE = """
 :root { color-scheme: light dark; --page: #ffffff; --card: #f5f7f9; --text: #17202a; --soft: #56616d;
@@ -47,11 +48,17 @@ p { margin: 0 0 .8rem; max-width: 46rem; }
 .axis b { position: absolute; top: 1.3rem; width: 100%; text-align: center; font-weight: 400; }
 .source { fill: var(--source); background: var(--source); }
 .peer { fill: var(--peers); background: var(--peers); }
+.loads { fill: var(--source); background: var(--source); }
+.stores { fill: var(--peers); background: var(--peers); }
 .sent, .stored { fill: var(--sent); background: var(--sent); }
 .grid { stroke: var(--line); } .zero { stroke: var(--soft); } .mark { stroke: var(--mark); stroke-width: 2; }
 .grid, .zero, .mark, .ok { vector-effect: non-scaling-stroke; }
 line.ok { stroke: var(--soft); stroke-dasharray: 3 3; }
 .down { fill: var(--down); }
+.pair { display: grid; grid-template-columns: repeat(auto-fit, minmax(min(22rem, 100%), 1fr)); gap: .7rem 2rem; }
+.histogram { display: grid; grid-template-columns: 3.2rem 1fr; }
+.histogram .caption { grid-column: 2; font-size: .875rem; }
+.histogram .axis { grid-column: 2; height: 1.6rem; margin: 0; white-space: nowrap; }
 .map { display: grid; grid-template-columns: repeat(auto-fill, 11px); gap: 2px; }
 .map i { height: 11px; border-radius: 2px; }
 .missing { border: 1px solid var(--soft); }
@@ -190,6 +197,56 @@ def legend(entries):
         f'<li><i class="{name}"></i>{text}</li>' for name, text in entries) + "</ul>"
 
 
+def duration(us):
+    for limit, unit in ((1000, "µs"), (1000, "ms"), (math.inf, "s")):
+        if us < limit:
+            return f"{us:.1f}".removesuffix(".0") + f" {unit}" if us < 10 else f"{us:.0f} {unit}"
+        us /= limit
+
+
+def interval(bucket, last):
+    """The durations that a bucket counts; see FMHistogram."""
+    if bucket == 0:
+        return f"below {duration(1)}"
+    low, high = duration(2 ** (bucket - 1)), duration(2 ** bucket)
+    return f"{low} or longer" if bucket == last else f"{low} to {high}"
+
+
+def histogram(title, loads, stores, first, end):
+    """Two bars per bucket, for the buckets from `first` to `end` - 1."""
+    high, step = nice(max(loads + stores)), 1000 / (end - first)
+    bars = []
+    for side, name, counts in ((0.08, "loads", loads), (0.5, "stores", stores)):
+        for bucket in range(first, end):
+            if counts[bucket] > 0:
+                height = max(1, 100 * counts[bucket] / high)  # one operation of many stays visible
+                bars.append(f'<rect class="{name}" x="{(bucket - first + side) * step:.1f}" width="{0.42 * step:.1f}" '
+                            f'y="{100 - height:.1f}" height="{height:.1f}"><title>'
+                            f'{interval(bucket, len(counts) - 1)}, {name}: {counts[bucket]}</title></rect>')
+    every = math.ceil((end - first) / EDGE_LABELS)
+    axis = "".join(f'<span style="left:{(edge - first) * step / 10:.1f}%">{duration(2 ** (edge - 1)) if edge else 0}'
+                   '</span>' for edge in range(first, end, every))
+    caption = f"{sum(loads)} loads, {sum(stores)} stores"
+    return (f'<div class="histogram"><div class="caption"><b>{title}</b> <span class="soft">{caption}</span></div>'
+            f'<div class="scale"><span style="top:7%">{high:g}</span><span style="top:93%">0</span></div>'
+            f'<svg class="plot" viewBox="0 0 1000 100" preserveAspectRatio="none" role="img" '
+            f'aria-label="{title}: {caption}">{"".join(bars)}</svg>'
+            f'<div class="axis">{axis}</div></div>')
+
+
+def latencies(runs):
+    """Two histograms for the server of each run, all with the same horizontal scale."""
+    servers = [(run["title"], node["histograms"]) for run in runs for node in run["nodes"]
+               if node["role"] == "server" and any(map(any, node["histograms"].values()))]
+    used = [bucket for _, each in servers for counts in each.values()
+            for bucket, count in enumerate(counts) if count > 0]
+    return "".join(
+        f'<h3>{escape(title)}</h3><div class="pair">' +
+        "".join(histogram(what, each[f"load_{key}"], each[f"store_{key}"], min(used), max(used) + 1)
+                for what, key in (("Wait in the queue", "wait"), ("Time on the disk", "disk"))) + "</div>"
+        for title, each in servers)
+
+
 def block_map(cache):
     blocks = {number: (state, origin) for number, state, origin in cache["blocks"]}
     per_cell = max(1, math.ceil(cache["slots"] / CELLS))
@@ -244,6 +301,12 @@ and from each other.{rough} All copies are identical to the file.</p>
 {legend((("source", "received from the presenter or the server"), ("peer", "received from peers"),
          ("sent", "sent")))}
 {"".join(map(lanes, report["runs"]))}
+<h2>Latency of the server's disk</h2>
+<p class="soft">Loads and stores of the server by duration: the wait in the queue of the read/write thread, and the
+time on the disk. Each step of the horizontal scale doubles the duration. The vertical scale is the number of loads
+or stores.</p>
+{legend((("loads", "loads"), ("stores", "stores")))}
+{latencies(report["runs"])}
 <h2>Caches on disk</h2>
 <p class="soft">The blocks that each cache holds after the conference, as <code>fmcache show</code> reports
 them, coloured by origin.</p>

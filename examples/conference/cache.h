@@ -6,9 +6,10 @@
 
 #include <asio.hpp>
 #include <atomic>
-#include <chrono>
 #include <stdexcept>
 #include <string>
+
+#include "turns.h"
 
 /// Makes the thread that runs the loop the caller thread: every handler of the loop may call the file
 /// manager, and every completion arrives as a handler of the loop. Create and destroy it on that thread;
@@ -36,6 +37,7 @@ private:
     }
 
     void Pump() {
+        Turns::Begin();
         m_woken = false; // before RunDue: an event that is queued while it runs posts another Pump
         m_callerThread.RunDue();
         const int64_t ms = m_callerThread.GetNextDueMs();

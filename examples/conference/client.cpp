@@ -15,7 +15,8 @@ constexpr uint32_t FROM_PEERS = 2; // above 1 the server names peers
 class Client final : public Node {
 public:
     Client(asio::io_context& loop, Cache& cache, const Options& options)
-        : Node(loop, cache, options), m_copy(options.file, std::ios::binary | std::ios::trunc) {
+        : Node(loop, cache, options), m_loop(loop),
+          m_copy(options.file, std::ios::binary | std::ios::trunc) {
         Listen(0);
     }
 
@@ -102,22 +103,33 @@ private:
         if (m_source)
             m_source->Send(Kind::OWN, Pack(block.GetBlockID()));
         Copy(block);
-        if (m_have == m_count)
-            std::cout << "complete" << std::endl;
     }
 
-    // Block by block: writing the whole file at the end would stop the loop for seconds, and peers would
-    // close their connections to a node that does not answer.
+    // On another thread, because a write may wait for the disk. The view shares the buffer of the block, and
+    // remains valid if the block is evicted.
     void Copy(IFMBlock& block) {
         CRtMessageChain bytes;
         ThrowIfFailed(block.ReadData(0, block.GetTotalLen(), RtReceive(bytes)), "ReadData failed");
-        m_copy.seekp(static_cast<std::streamoff>(block.GetBlockID() - 1) * BLOCK_LEN);
-        m_copy.write(bytes->GetTopLevelReadPtr(), bytes->GetTopLevelLength());
-        if (!m_copy.flush())
-            throw std::runtime_error("cannot write " + m_options.file);
+        asio::post(m_writer, [this, id = block.GetBlockID(), bytes = std::move(bytes)] {
+            m_copy.seekp(static_cast<std::streamoff>(id - 1) * BLOCK_LEN);
+            m_copy.write(bytes->GetTopLevelReadPtr(), bytes->GetTopLevelLength());
+            const bool isWritten = m_copy.flush().good();
+            asio::post(m_loop, [this, isWritten] { OnCopied(isWritten); });
+        });
     }
 
-    std::ofstream m_copy;
+    void OnCopied(bool isWritten) {
+        Turns::Begin();
+        if (!isWritten)
+            throw std::runtime_error("cannot write " + m_options.file);
+        if (++m_copied == m_count)
+            std::cout << "complete" << std::endl;
+    }
+
+    asio::io_context& m_loop;
+    uint32_t m_copied = 0; // blocks
+    std::ofstream m_copy;  // m_writer uses it
+    asio::thread_pool m_writer{1};
 };
 
 } // namespace

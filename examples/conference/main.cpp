@@ -1,15 +1,21 @@
 // One node of the demonstration conference. It prints lines for the program that starts it:
 //
 //   port N             TCP port on which it listens
+//   metrics URL        server: where it answers with the figures of its file manager
 //   file ID            server: identifier of the file of this conference
 //   block ID ORIGIN    a block is complete; ORIGIN is "peer" or "source" (the server; for the server
 //                      itself the presenter)
 //   progress HAVE COUNT SOURCE PEERS SENT MEMORY
 //                      complete blocks and all blocks; bytes received from the source and from peers,
 //                      bytes sent, bytes of resident blocks
+//   turn US            the longest turn of the event loop until now, in microseconds
 //   complete           client: the copy of the file is written
 //   statistics TEXT    of the file manager, when the node stops
+//   histogram NAME COUNT...
+//                      after the node has stopped: an FMHistogram of FMStatistics, by bucket
 //   event TEXT         a message for people
+#include <FMStatistics.h>
+
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <iostream>
@@ -39,12 +45,29 @@ void Run(const Options& options) {
     // Files are kept for seven days on a server and with --keep; 0 clears the cache at start and end.
     Cache cache(loop, options.dir, isServer || options.keep ? 7 : 0, isServer);
     const std::unique_ptr<Node> node = make(loop, cache, options); // is destroyed before the cache
-    loop.run();
+    Turns::Run(loop);
     signals.clear();
     for (const int second : {SIGINT, SIGTERM}) // a second signal must not interrupt pending stores
         std::signal(second, SIG_IGN);
     node->ShowProgress();
     RtSetLogSink(&ShowStatistics, nullptr, RT_LOG_TRACE);
+}
+
+void ShowHistogram(const char* name, const FMHistogram& histogram) {
+    std::cout << "histogram " << name;
+    for (const uint64_t count : histogram.counts)
+        std::cout << ' ' << count;
+    std::cout << std::endl;
+}
+
+// After UnInitialize, so that the stores that it has waited for are included.
+void ShowHistograms() {
+    FMStatistics statistics;
+    FMGetStatistics(statistics);
+    ShowHistogram("load_wait", statistics.loadWait);
+    ShowHistogram("load_disk", statistics.loadDisk);
+    ShowHistogram("store_wait", statistics.storeWait);
+    ShowHistogram("store_disk", statistics.storeDisk);
 }
 
 } // namespace
@@ -68,6 +91,8 @@ int main(int argc, char** argv) {
     app.add_option("--index", options.index, "client: number of this client, counted from 0");
     app.add_option("--clients", options.clients, "client: number of clients in the conference")
         ->check(CLI::Range(1, 100));
+    app.add_option("--metrics", options.metrics,
+                   "server: TCP port on which it answers GET /metrics (default: a free port)");
     app.add_flag("--keep", options.keep, "client: leave the cache on disk at the end");
     app.add_option("--rate", options.rate,
                    "maximum send rate in bytes per second (default: no limit)")
@@ -75,6 +100,7 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
     try {
         Run(options);
+        ShowHistograms();
     } catch (const std::exception& error) {
         std::cerr << "conference: " << error.what() << std::endl;
         return 1;

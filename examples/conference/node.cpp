@@ -320,6 +320,7 @@ void Node::SendPiece(Link& link, Transfer& transfer) {
 // end when a load fails: it would remove the block from the file and fetch it again.
 void Node::OnBlockDataReady(IFMBlock*, int aResult) {
     asio::post(m_acceptor.get_executor(), [this, aResult] {
+        Turns::Begin();
         ThrowIfFailed(aResult, "loading a block failed");
         SendToAll();
     });
@@ -328,6 +329,7 @@ void Node::OnBlockDataReady(IFMBlock*, int aResult) {
 // --- Tick ---------------------------------------------------------------------------------------
 
 void Node::Tick() {
+    Turns::Begin();
     if (m_options.role != "server" && !m_source && m_ticks >= m_connectTick && IsReady()) {
         m_connectTick = m_ticks + TICKS_PER_CONNECT;
         m_source = &Connect({asio::ip::address_v4::loopback(), m_options.port});
@@ -375,5 +377,6 @@ void Node::ShowProgress() {
         if (const BlockRef block = GetBlock(id); block->IsInMemory())
             memory += block->GetTotalLen();
     std::cout << "progress " << m_have << ' ' << m_count << ' ' << m_fromOthers << ' '
-              << m_fromPeers << ' ' << m_sent << ' ' << memory << std::endl;
+              << m_fromPeers << ' ' << m_sent << ' ' << memory << "\nturn "
+              << Turns::GetLongest().count() << std::endl;
 }

@@ -23,6 +23,7 @@ struct Options {
     std::string file;     ///< presenter: the file to send; client: the copy to write
     std::string id;       ///< server: the cached file to open at the start
     uint16_t port = 0;    ///< TCP port of the server
+    uint16_t metrics = 0; ///< server: TCP port for GET /metrics; 0 selects a free port
     uint32_t index = 0;   ///< client: its number, from 0; selects the blocks that it requests first
     uint32_t clients = 1; ///< client: number of clients, which divide the first requests
     bool keep = false;    ///< client: leave the cache on disk at the end

@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr std::chrono::milliseconds READ_TIME_MAX(20); ///< per tick
+constexpr std::chrono::milliseconds READ_TIME_MAX(5); ///< per tick
 
 class Presenter final : public Node {
 public:

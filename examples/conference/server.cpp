@@ -1,18 +1,22 @@
 // The server owns the shared store: it fetches the file from the presenter and answers clients with
 // pieces, with the addresses of peers, or with NOT_YET.
+#include <FMStatistics.h>
+
 #include <iostream>
 #include <utility>
 
+#include "metrics.h"
 #include "node.h"
 
 namespace {
 
 constexpr uint64_t TICKS_PER_ROUND = 25;
+constexpr uint64_t PENDING_MAX = 64 * 1024 * 1024; // bytes that wait to be stored
 
 class Server final : public Node {
 public:
     Server(asio::io_context& loop, Cache& cache, const Options& options)
-        : Node(loop, cache, options) {
+        : Node(loop, cache, options), m_metrics(loop, options.metrics) {
         if (!options.id.empty()) { // stored by an earlier run
             FMFileID id;
             FMFileIDFromString(CRtString(options.id), id);
@@ -20,8 +24,12 @@ public:
             ThrowIfFailed(m_cache.Manager().OpenFile(file.Receive(), id, 1), "OpenFile failed");
             UseFile(std::move(file));
         }
+        ThrowIfFailed(FMSetHighWaterMark(PENDING_MAX, [this](bool isAbove) { Throttle(isAbove); }),
+                      "FMSetHighWaterMark failed");
+        std::cout << "metrics http://127.0.0.1:" << m_metrics.GetPort() << "/metrics" << std::endl;
         Listen(options.port);
     }
+    ~Server() override { FMSetHighWaterMark(0, {}); }
 
 private:
     void OnRoleFrame(Link& link, Kind kind, CRtMessageBlock& body) override {
@@ -36,8 +44,20 @@ private:
         AcceptFile(body);
         std::cout << "file " << FMFileIDToString(m_file->GetFileInfo().fileID).c_str() << std::endl;
         m_source = &link;
+        link.isPaused = m_isThrottled;
         for (uint32_t id = 1; id <= m_count; ++id)
             OnFetchFailed(id);
+    }
+
+    // The disk is slower than the presenter. While the server does not read, the pieces stay in the buffers of
+    // the connection, and the presenter stops sending.
+    void Throttle(bool isAbove) {
+        m_isThrottled = isAbove;
+        if (m_source)
+            m_source->isPaused = isAbove;
+        std::cout << "event " << (isAbove ? "stopped" : "resumed")
+                  << " reading from the presenter, bytes that wait to be stored: "
+                  << FMGetUnstoredBytes() << std::endl;
     }
 
     void OnOwn(Link& link, CRtMessageBlock& body) {
@@ -71,6 +91,8 @@ private:
                 SendFile(*link);
         for (uint32_t id = 1; IsRound() && id <= m_count; ++id)
             AnswerRequests(*GetBlock(id));
+        if (m_source && m_isThrottled)
+            m_source->lastPiece = m_ticks; // the presenter must not count as unresponsive
     }
 
     static bool NamePeers(Link& link, IFMBlock& block, const FMRetrieveItem& retrieve) {
@@ -91,6 +113,9 @@ private:
     }
 
     bool IsRound() const { return m_ticks % TICKS_PER_ROUND == 0; }
+
+    Metrics m_metrics;
+    bool m_isThrottled = false;
 };
 
 } // namespace

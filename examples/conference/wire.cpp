@@ -21,6 +21,7 @@ uint64_t CostOf(const CRtMessageBlock& frame) { return 1024 + frame.GetChainedLe
 void Link::Open(const tcp::endpoint& address) {
     asio::co_spawn(m_socket.get_executor(), Run(address),
                    [self = shared_from_this()](const std::exception_ptr& error) {
+                       Turns::Begin();
                        try {
                            if (error)
                                std::rethrow_exception(error);
@@ -47,7 +48,7 @@ asio::awaitable<void> Link::Run(tcp::endpoint address) {
         Check(size <= FIELDS_LEN_MAX, "frame too long");
         const CRtMessageChain body = co_await Read(size);
         m_user.OnFrame(*this, Kind{kind}, *body);
-        while (m_backlog > BACKLOG_MAX && m_open) {
+        while ((m_backlog > BACKLOG_MAX || isPaused) && m_open) {
             asio::steady_timer pause(m_socket.get_executor(), 10ms);
             co_await pause.async_wait(use_awaitable);
         }
@@ -58,6 +59,7 @@ asio::awaitable<CRtMessageChain> Link::Read(uint32_t size) {
     CRtMessageChain bytes = MakeBuffer(size);
     co_await asio::async_read(m_socket, asio::buffer(bytes->GetTopLevelWritePtr(), size),
                               use_awaitable);
+    Turns::Begin();
     bytes->AdvanceTopLevelWritePtr(size);
     co_return bytes;
 }
@@ -81,6 +83,7 @@ void Link::Write() {
         buffers.emplace_back(each->GetTopLevelReadPtr(), each->GetTopLevelLength());
     asio::async_write(m_socket, buffers,
                       [self = shared_from_this()](std::error_code error, size_t) {
+                          Turns::Begin();
                           if (error || !self->m_open)
                               return self->Close("");
                           self->m_backlog -= CostOf(*self->m_out.front());

@@ -10,14 +10,13 @@
 #include <RtByteStream.h>
 
 #include <asio.hpp>
-#include <chrono>
 #include <deque>
 #include <memory>
 #include <set>
 #include <stdexcept>
 #include <string>
 
-using Clock = std::chrono::steady_clock;
+#include "turns.h"
 
 enum class Kind : uint16_t {
     HELLO = 1,   ///< magic, port for peers or 0: the first frame of the node that connects
@@ -121,6 +120,7 @@ public:
     std::set<uint32_t> owns;  ///< blocks on which it is recorded as owner
     std::deque<Transfer> transfers;
     bool offered = false;                  ///< the OFFER of the server was sent
+    bool isPaused = false;                 ///< the link stops reading after the current frame
     uint64_t lastPiece = 0;                ///< tick of the last received piece
     Clock::time_point used = Clock::now(); ///< time of the last piece in either direction
 
