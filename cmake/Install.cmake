@@ -65,7 +65,7 @@ install(FILES ${PROJECT_BINARY_DIR}/package/filemanager.pc
 
 file(GLOB documents CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}
     ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
-    ${PROJECT_SOURCE_DIR}/docs/*.md ${PROJECT_SOURCE_DIR}/docs/*.svg)
+    ${PROJECT_SOURCE_DIR}/docs/*.md ${PROJECT_SOURCE_DIR}/docs/*.svg ${PROJECT_SOURCE_DIR}/docs/*.yml)
 filemanager_install_documents(${documents})
 
 # The conference example has targets of this tree in its CMakeLists.txt; the installed copy has its own.
