@@ -1,8 +1,9 @@
-// The library, used as an application uses it: the benchmark's thread is the caller thread. Internal headers
-// are needed only for Flush, which waits for the read/write thread. A server keeps up to 512 MiB of blocks
-// resident and a client up to 64 MiB, so Layout::memory decides which of the two runs.
+// The library, used as an application uses it: the benchmark's thread is the caller thread. A server keeps up
+// to 512 MiB of blocks resident and a client up to 64 MiB, so Layout::memory decides which of the two runs.
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <string>
 
 #include "../common.h"
@@ -10,8 +11,6 @@
 #include "IFileManager.h"
 #include "RtRuntime.h"
 #include "store.h"
-#include "util/filemanager/filemanager.h"
-#include "util/filemanager/fmfunctor.h"
 
 namespace bench {
 
@@ -73,11 +72,9 @@ public:
         Require(BlockAt(place, 1).WriteData(m_layout.blockLen, at, piece.get()) == 0,
                 "WriteData failed");
     }
-    // The queue of the read/write thread is first-in, first-out, so one synchronous empty event is enough. An
-    // application gets the same effect from UnInitialize.
+    // An application gets the same effect from UnInitialize.
     void Flush() override {
-        Require(CFileManager::Instance()->PostToReadwrThread(new CFMFunctorBase, 1) == 0,
-                "the read/write thread does not run");
+        Require(FMWaitUntilIdle(FM_WAIT_FOREVER) == 0, "the read/write thread does not run");
     }
 
     const char* Read(Place place, uint32_t at, uint32_t length) override {
@@ -89,6 +86,17 @@ public:
     bool ReadMany(const std::vector<Place>& places, size_t window, const Visit& visit) override {
         Window(*this, places, visit).Run(window);
         return true;
+    }
+    void BeginRead(Place place, uint32_t length, const Done& done) override {
+        auto* const sink = new Single(length, done);
+        Require(BlockAt(place, 0).ReadData(sink) == 0, "ReadData failed");
+    }
+    void WaitUntil(Clock::time_point time) override {
+        for (bool woken = true; woken; m_woken = false) {
+            m_thread.RunDue();
+            std::unique_lock lock(m_mutex);
+            woken = m_wake.wait_until(lock, time, [this] { return m_woken; });
+        }
     }
     // The manager's tick does the same with blocks that were idle for four minutes.
     void Release() override {
@@ -157,6 +165,24 @@ private:
         size_t m_done = 0;
     };
 
+    // One read; destroys itself when it is complete.
+    class Single final : public IFMBlockSink {
+    public:
+        Single(uint32_t length, const Done& done) : m_length(length), m_done(done) {}
+        void OnBlockDataReady(IFMBlock* block, int result) override {
+            const std::unique_ptr<Single> self(this);
+            Require(result == 0, "a load failed");
+            CRtMessageBlock* view = nullptr;
+            Require(block->ReadData(0, m_length, view) == 0, "ReadData failed");
+            const CRtMessageChain owned(view);
+            m_done(view->GetTopLevelReadPtr());
+        }
+
+    private:
+        const uint32_t m_length;
+        const Done m_done;
+    };
+
     static Place PlaceOf(IFMBlock& block) {
         return {block.GetFileID().Data1 - 1, block.GetBlockID() - 1};
     }
@@ -195,8 +221,17 @@ private:
         }
     }
 
+    void Wake() {
+        const std::lock_guard lock(m_mutex);
+        m_woken = true;
+        m_wake.notify_one();
+    }
+
     SkippingClock m_clock;
-    CRtCallerThread m_thread;
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    bool m_woken = false; // an event was queued since WaitUntil has run all events
+    CRtCallerThread m_thread{[this] { Wake(); }};
     IFileManager* const m_manager = IFileManager::Instance();
     std::vector<CRtComAutoPtr<Node>> m_nodes;
     Layout m_layout;

@@ -97,6 +97,25 @@ public:
         RunAll();
         return true;
     }
+    void BeginRead(Place place, uint32_t length, const Done& done) override {
+        const auto buffer = std::make_shared<std::vector<char>>(length);
+        const auto left = std::make_shared<uint32_t>(length / REQUEST_LEN);
+        Post(place, 0, length, buffer->data(), [buffer, left, done] {
+            if (--*left == 0)
+                done(buffer->data());
+        });
+        m_disk->submit_jobs();
+    }
+    void WaitUntil(Clock::time_point time) override {
+        m_context.restart();
+        m_context.poll();
+        while (m_inFlight > 0 && Clock::now() < time) {
+            m_context.restart();
+            const auto work = boost::asio::make_work_guard(m_context);
+            m_context.run_one_until(time);
+        }
+        Store::WaitUntil(time);
+    }
     void Release() override {
         Close();
         Open(m_dir, m_layout);

@@ -14,16 +14,35 @@
 namespace bench {
 namespace {
 
+// The highest resident memory, in bytes, since this process had done nothing yet.
+uint64_t g_memoryAtStart = 0;
+
+void PrintLatencies(const Workload& workload) {
+    const char* separator = "";
+    for (const auto& [kind, latencies] : workload.GetLatencies()) {
+        std::printf("%s\"%s\": [", separator, kind.c_str());
+        separator = ", ";
+        for (size_t i = 0; i < latencies.size(); ++i)
+            std::printf("%s%.1f", i > 0 ? ", " : "", latencies[i]);
+        std::printf("]");
+    }
+}
+
 void RunRound(Workload& workload, Stage& stage, bool first) {
     Meter meter(first);
     RestartPeak();
     const bool can = workload.Round(stage, meter, first);
+    const uint64_t peak = PeakResidentBytes();
     std::printf("{\"can\": %s, \"seconds\": %.9f, \"cpu\": %.9f, \"peak\": %llu, "
-                "\"allocations\": %llu, \"operations\": %.0f, \"bytes\": %llu}\n",
+                "\"allocations\": %llu, \"operations\": %.0f, \"bytes\": %llu, "
+                "\"growth\": %llu, \"latencies\": {",
                 can ? "true" : "false", meter.Seconds(), meter.CpuSeconds(),
-                static_cast<unsigned long long>(PeakResidentBytes()),
+                static_cast<unsigned long long>(peak),
                 static_cast<unsigned long long>(meter.Allocations()), workload.Operations(),
-                static_cast<unsigned long long>(workload.GetLayout().Bytes()));
+                static_cast<unsigned long long>(workload.Bytes()),
+                static_cast<unsigned long long>(std::max(peak, g_memoryAtStart) - g_memoryAtStart));
+    PrintLatencies(workload);
+    std::printf("}}\n");
     std::fflush(stdout);
 }
 
@@ -40,6 +59,8 @@ int Main(int argc, char** argv) {
     if (keepsFreedPages)
         KeepFreedPages();
     RaiseDescriptorLimit();
+    RestartPeak();
+    g_memoryAtStart = PeakResidentBytes();
     const auto workload =
         MakeWorkload(argv[1], static_cast<uint32_t>(std::strtoul(argv[3], nullptr, 10)));
     Require(workload != nullptr, "there is no such workload");

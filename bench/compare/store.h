@@ -2,6 +2,7 @@
 // piece by piece, and read them back.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -33,7 +34,9 @@ struct Place {
 /// The workloads write one block at a time, its pieces in ascending order, and read complete blocks only.
 class Store {
 public:
+    using Clock = std::chrono::steady_clock;
     using Visit = std::function<void(Place, const char*)>;
+    using Done = std::function<void(const char*)>;
 
     virtual ~Store() = default;
 
@@ -51,6 +54,11 @@ public:
     /// Reads whole blocks with `window` of them in flight. Returns false if the participant has no
     /// asynchronous read.
     virtual bool ReadMany(const std::vector<Place>& places, size_t window, const Visit& visit);
+    /// Requests a whole block of that length. `done` gets the bytes during this call or during WaitUntil. The
+    /// default implementation reads synchronously.
+    virtual void BeginRead(Place place, uint32_t length, const Done& done);
+    /// The event loop of the application: runs completions until that time, and at least those that are due.
+    virtual void WaitUntil(Clock::time_point time);
     /// Postcondition: no block is resident. The next read of each block reads the file (the page cache).
     virtual void Release() = 0;
     /// The workload has finished with the file for now.

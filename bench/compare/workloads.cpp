@@ -24,26 +24,6 @@ uint32_t IndexOf(const Layout& layout, Place place) {
     return place.file * layout.blocks + place.block;
 }
 
-void RequireBytes(const Layout& layout, Place place, const char* bytes, uint32_t at,
-                  uint32_t length) {
-    Require(std::memcmp(bytes, BytesOf(IndexOf(layout, place)) + at, length) == 0,
-            "the bytes differ from those written");
-}
-
-// Reads one byte of each cache line. Without it, a participant that returns a pointer into a memory map would
-// have read nothing.
-void Touch(const char* bytes, uint32_t length) {
-    constexpr uint32_t line = 64;
-    for (uint32_t at = 0; at < length; at += line)
-        static_cast<void>(*static_cast<const volatile char*>(bytes + at));
-}
-
-void WriteBlock(Store& store, const Layout& layout, Place place) {
-    const char* bytes = BytesOf(IndexOf(layout, place));
-    for (uint32_t at = 0; at < layout.blockLen; at += layout.pieceLen)
-        store.Write(place, at, bytes + at, std::min(layout.pieceLen, layout.blockLen - at));
-}
-
 std::vector<Place> AllPlaces(const Layout& layout) {
     std::vector<Place> places;
     for (uint32_t file = 0; file < layout.files; ++file) {
@@ -304,6 +284,28 @@ private:
 
 } // namespace
 
+void RequireBytes(const Layout& layout, Place place, const char* bytes, uint32_t at,
+                  uint32_t length) {
+    Require(std::memcmp(bytes, BytesOf(IndexOf(layout, place)) + at, length) == 0,
+            "the bytes differ from those written");
+}
+
+void Touch(const char* bytes, uint32_t length) {
+    constexpr uint32_t line = 64;
+    for (uint32_t at = 0; at < length; at += line)
+        static_cast<void>(*static_cast<const volatile char*>(bytes + at));
+}
+
+void WritePiece(Store& store, const Layout& layout, Place place, uint32_t at) {
+    store.Write(place, at, BytesOf(IndexOf(layout, place)) + at,
+                std::min(layout.pieceLen, layout.blockLen - at));
+}
+
+void WriteBlock(Store& store, const Layout& layout, Place place) {
+    for (uint32_t at = 0; at < layout.blockLen; at += layout.pieceLen)
+        WritePiece(store, layout, place, at);
+}
+
 void Meter::WarmUp(uint64_t bytes) {
     WarmFreeMemory(bytes);
     RestartPeak();
@@ -358,7 +360,7 @@ std::unique_ptr<Workload> MakeWorkload(const std::string& name, uint32_t share) 
         return std::make_unique<WriteWork>(batched);
     if (name == "mixed")
         return std::make_unique<MixedWork>(mixed);
-    return nullptr;
+    return MakeLatencyWorkload(name, share);
 }
 
 } // namespace bench

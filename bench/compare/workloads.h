@@ -4,9 +4,11 @@
 
 #include <ctime>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "../memory.h"
 #include "store.h"
@@ -54,12 +56,27 @@ public:
     const Layout& GetLayout() const { return m_layout; }
     /// Number of operations in one round.
     virtual double Operations() const { return m_layout.AllBlocks(); }
+    /// Number of bytes written and read in one round.
+    virtual uint64_t Bytes() const { return m_layout.Bytes(); }
+    /// The latencies of one round in us, by kind.
+    using Latencies = std::map<std::string, std::vector<double>>;
+    const Latencies& GetLatencies() const { return m_latencies; }
 
 protected:
     const Layout m_layout;
+    Latencies m_latencies;
 };
 
 /// Returns null if there is no workload of that name. `share` divides the amount of work.
 std::unique_ptr<Workload> MakeWorkload(const std::string& name, uint32_t share);
+std::unique_ptr<Workload> MakeLatencyWorkload(const std::string& name, uint32_t share);
+
+void RequireBytes(const Layout& layout, Place place, const char* bytes, uint32_t at,
+                  uint32_t length);
+/// Reads one byte of each cache line. Without it, a participant that returns a pointer into a memory map would
+/// have read nothing.
+void Touch(const char* bytes, uint32_t length);
+void WritePiece(Store& store, const Layout& layout, Place place, uint32_t at);
+void WriteBlock(Store& store, const Layout& layout, Place place);
 
 } // namespace bench

@@ -8,10 +8,15 @@ all participants. Each does the work once, not timed, to count its allocations a
 the participants alternate, one round each, so that other load on the machine affects all of them. Each round
 does the work twice and times the second pass: the host of a virtual machine may have reclaimed memory that
 was idle while the other participants ran. The results are medians of the rounds.
+
+The workloads of LATENCY measure the latency of each operation. For these, a first process of each participant
+stores the files that are read later, at full speed; a second one runs the rounds, each timed once, with every
+write delayed by bench/slowdisk. The results are percentiles of the latencies of all rounds.
 """
 import argparse
 import datetime
 import json
+import math
 import os
 import pathlib
 import platform
@@ -27,6 +32,9 @@ PACKAGES = {"lmdb": "liblmdb-dev", "sqlite": "libsqlite3-dev", "leveldb": "lible
             "rocksdb": "librocksdb-dev", "libtorrent": "libtorrent-rasterbar-dev"}
 WORKLOADS = ["write", "read", "read8", "resident", "reopen", "reopen_small", "files", "small",
              "small_batched", "mixed"]
+LATENCY = {"tail": 0, "tail_slow": 2000, "behind": 10000}  # delay of each write in us
+# Participants whose stores wait in a queue. For the others, no read is behind stores.
+QUEUEING = {"plaincalls", "filemanager"}
 # Workloads in which it makes a difference whether the baseline keeps the blocks that it reads.
 KEEPING = {"read", "read8"}
 # Participants with a call that stores many blocks at once. For the others "small_batched" equals "small".
@@ -36,9 +44,10 @@ BATCHING = {"plaincalls", "lmdb", "sqlite", "leveldb", "rocksdb"}
 class Child:
     """A participant's process, which runs one round per call of round()."""
 
-    def __init__(self, program, workload, directory, share):
+    def __init__(self, program, workload, directory, share, variables=None):
         self.process = subprocess.Popen([program, workload, directory, str(share)], text=True,
-                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                        env={**os.environ, **(variables or {})})
 
     def round(self):
         self.process.stdin.write("round\n")
@@ -65,6 +74,51 @@ def summary(first, rounds):
         "operations": first["operations"],
         "bytes": first["bytes"],
     }
+
+
+def percentiles(latencies):
+    """In us, by nearest rank."""
+    ordered = sorted(latencies)
+    result = {name: ordered[math.ceil(share * len(ordered)) - 1]
+              for name, share in (("p50", 0.5), ("p99", 0.99), ("p99.9", 0.999))}
+    return {**result, "max": ordered[-1], "count": len(ordered)}
+
+
+def latency_summary(rounds):
+    kinds = {kind for each in rounds for kind in each["latencies"]}
+    pooled = {kind: [us for each in rounds for us in each["latencies"].get(kind, [])] for kind in kinds}
+    return {
+        "latencies": {kind: percentiles(pooled[kind]) for kind in sorted(kinds)},
+        "cpu_per_gib": sum(each["cpu"] for each in rounds) / sum(each["bytes"] for each in rounds) * (1 << 30),
+        "growth": max(each["growth"] for each in rounds),
+    }
+
+
+def run_latency(workload, programs, rounds, share, directory, slow_disk):
+    children = {}
+    delay = LATENCY[workload]
+    variables = {"SLOW_DISK_US": str(delay), "LD_PRELOAD": str(slow_disk)} if delay else {}
+    for name, program in programs.items():
+        arguments = [program, workload, os.path.join(directory, workload, name), share]
+        Child(*arguments).end()
+        children[name] = Child(*arguments, variables)
+        children[name].round()
+    results = {name: [] for name in children}
+    order = list(children)
+    for _ in range(rounds):
+        for name in order:
+            results[name].append(children[name].round())
+        order.append(order.pop(0))
+    for child in children.values():
+        child.end()
+    return {name: latency_summary(results[name]) for name in results}
+
+
+def takes_part(name, workload):
+    if name == "plaincalls_kept":
+        return workload in KEEPING
+    return ((workload != "small_batched" or name in BATCHING)
+            and (workload != "behind" or name in QUEUEING))
 
 
 def run_workload(workload, programs, rounds, share, directory):
@@ -110,7 +164,7 @@ def main():
     parser.add_argument("--rounds", type=int, default=5, help="timed rounds per participant")
     parser.add_argument("--share", type=int, default=1, choices=range(1, 17), metavar="N",
                         help="divide the amount of work by N, 1 to 16")
-    parser.add_argument("--only", default=",".join(WORKLOADS), help="comma-separated workloads")
+    parser.add_argument("--only", default=",".join([*WORKLOADS, *LATENCY]), help="comma-separated workloads")
     options = parser.parse_args()
 
     programs = {name: options.programs / f"compare_{name}" for name in PARTICIPANTS}
@@ -119,15 +173,21 @@ def main():
         del programs[name]
     directory = tempfile.mkdtemp(prefix="filemanager-compare-")
     report = {"machine": machine(directory), "rounds": options.rounds,
-              "missing": {name: PACKAGES.get(name, "part of this repository") for name in missing}, "workloads": {}}
+              "missing": {name: PACKAGES.get(name, "part of this repository") for name in missing},
+              "workloads": {}, "latency": {}}
     try:
         for workload in options.only.split(","):
             print(f"compare: {workload}", file=sys.stderr)
-            taking_part = {name: program for name, program in programs.items()
-                           if (workload != "small_batched" or name in BATCHING)
-                           and (workload in KEEPING or name != "plaincalls_kept")}
-            report["workloads"][workload] = run_workload(workload, taking_part, options.rounds,
-                                                         options.share, directory)
+            arguments = [workload,
+                         {name: program for name, program in programs.items() if takes_part(name, workload)},
+                         options.rounds, options.share, directory]
+            if workload in LATENCY:
+                slow_disk = options.programs.resolve().parent / "slowdisk" / "libslowdisk.so"
+                if not slow_disk.exists():  # the loader would start the participants without it
+                    sys.exit(f"{slow_disk} is missing")
+                report["latency"][workload] = run_latency(*arguments, slow_disk)
+            else:
+                report["workloads"][workload] = run_workload(*arguments)
             options.output.write_text(json.dumps(report, indent=1) + "\n", encoding="utf-8")
     finally:
         shutil.rmtree(directory)  # only now: removing many files slows down file creation for minutes

@@ -4,6 +4,7 @@
 usage: table.py COMPARISON.json
 """
 import json
+import statistics
 import sys
 from typing import Callable, NamedTuple, Optional
 
@@ -53,6 +54,13 @@ ROWS = {
                          absent_because="No call for many blocks"),
     "mixed": Row("Write, read, change owners; 64 MiB of memory", "operations/s", per_second, True),
 }
+LATENCY_TITLES = {
+    "tail": "Tail latency: 100 MiB/s in pieces of 16 KiB, 400 reads/s of 256 KiB",
+    "tail_slow": "Tail latency, every write delayed by 2 ms: 64 MiB/s in pieces of 16 KiB, 256 reads/s of 256 KiB",
+    "behind": "One read of 256 KiB behind 64 stores, every write delayed by 10 ms",
+}
+# Participants that keep complete blocks in memory even if the disk is idle: a kill of the process loses them.
+LOSING = {"rocksdb": "no write-ahead log: a kill of the process loses up to 64 MiB"}
 NAMES = {"plaincalls": "plain calls", "plaincalls_kept": "plain calls, kept", "filemanager": "this library",
          "lmdb": "LMDB", "sqlite": "SQLite", "leveldb": "LevelDB", "rocksdb": "RocksDB", "libtorrent": "libtorrent",
          "stdio": "naive stdio"}
@@ -94,12 +102,65 @@ def print_workload(workload, results):
         print(f"  goal for this library: at least {row.goal} of {NAMES[row.baseline]}; {reached}")
 
 
+def mark(name):
+    return NAMES[name] + (" *" if name in LOSING else "")
+
+
+def print_latency(workload, results):
+    kinds = ["drain", "read"] if workload == "behind" else ["read", "piece"]
+    points = ["p50", "p99", "p99.9", "max"]
+    print(f"\n{LATENCY_TITLES[workload]}; us from the time when the operation was due")
+    print(f"  {'':14}" + "".join(f"{f'{kind} {point}':>12}" for kind in kinds for point in points)
+          + f"{'not sent':>10}{'CPU s/GiB':>11}{'peak MiB':>10}")
+    for name, result in results.items():
+        latencies = result["latencies"]
+        unsent = latencies.get("unsent", {"count": 0})["count"] / sum(latencies[kind]["count"] for kind in kinds)
+        print(f"  {mark(name):14}"
+              + "".join(f"{number(latencies[kind][point]):>12}" for kind in kinds for point in points)
+              + f"{unsent:>10.0%}{result['cpu_per_gib']:>11.2f}{result['growth'] / MIB:>10.0f}")
+    idle = [result["latencies"]["loop"] for result in results.values()]
+    print("  the loop alone, median of the participants: "
+          + ", ".join(f"{point} {number(statistics.median(each[point] for each in idle))}" for point in points))
+    for name in LOSING.keys() & results.keys():
+        print(f"  * not compared: {LOSING[name]}")
+    for line in latency_goals(workload, results):
+        print(f"  this library: {line}")
+
+
+def verdict(goal, reached, note=""):
+    return f"{goal}; {'reached' if reached else 'NOT reached'}{note}"
+
+
+def latency_goals(workload, results):
+    """One line per goal, and one for the baseline. Participants that lose data are not compared."""
+    own = results.get("filemanager", {}).get("latencies")
+    if not own:
+        return
+    if workload == "behind":
+        for point, limit in (("p50", 12_000), ("p99", 25_000)):
+            yield verdict(f"goal: read {point} at most {limit:,}", own["read"][point] <= limit)
+        return
+    yield verdict("goal: piece p99.9 below 100", own["piece"]["p99.9"] < 100,
+                  f"; of the calls alone, without the delay of the loop: {number(own['call']['p99.9'])}")
+    for point in ("p99", "p99.9"):
+        others = {name: own["read"][point] / result["latencies"]["read"][point]
+                  for name, result in results.items() if name != "filemanager"}
+        faster = [f"{NAMES[name]} ({speed:.2f} times as fast)" for name, speed in others.items()
+                  if speed > 1 and name not in LOSING and name != "plaincalls"]
+        yield verdict(f"goal: read {point} not above that of another store", not faster,
+                      f"; faster: {', '.join(faster)}" if faster else "")
+        if "plaincalls" in others:
+            yield f"read {point} is {others['plaincalls']:.2f} times that of plain calls; no goal"
+
+
 def main():
     with open(sys.argv[1], encoding="utf-8") as file:
         report = json.load(file)
     print(machine_line(report))
     for workload, results in report["workloads"].items():
         print_workload(workload, results)
+    for workload, results in report["latency"].items():
+        print_latency(workload, results)
     for name, package in report["missing"].items():
         print(f"\nleft out: {NAMES[name]}, package {package} is not installed")
 
