@@ -95,7 +95,7 @@ CRtString FMFormatStatistics(const FMStatistics& statistics) {
     const auto appendValues = [&](const auto& metrics, const char* type) {
         for (const Metric& metric : metrics) {
             AppendHead(text, metric.name, metric.help, type);
-            text = text + metric.name + " " + std::to_string(statistics.*metric.value) + "\n";
+            text += metric.name + (" " + std::to_string(statistics.*metric.value) + "\n");
         }
     };
     appendValues(GAUGES, "gauge");
