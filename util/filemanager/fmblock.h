@@ -1,6 +1,6 @@
 // CFMBlock: one block of a cached file, implements IFMBlock; CFMClientBlock and CFMServerBlock derive from it.
 //
-// The state of a block, m_state. The number below each state is its value in the interface IFMBlock.
+// The state of a block, m_state. The number below each state is its FMBlockState.
 //
 //              piece            last piece          taken            written
 //    Empty ──────────► Filling ──────────► Queued ──────────► Writing ──────────► Stored
@@ -98,7 +98,6 @@ public:
     /// A load that has not begun reads nothing, unless another read is requested before. Precondition: the
     /// lock of the stores is held.
     void WithdrawLoad();
-    /// For GetRetrieveType and the tests.
     FMBlockState GetState() const;
     bool IsStored() const { return GetState() == BLOCK_STATE_STORED; }
 

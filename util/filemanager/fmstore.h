@@ -26,12 +26,12 @@ public:
     int64_t GetPos() const { return m_pos; }
     uint32_t GetLength() const { return m_length; }
     int64_t GetEnd() const { return m_pos + m_length; }
-    /// Null after it was withdrawn.
+    /// Null after the store was withdrawn.
     CRtMessageBlock* GetBytes() const { return m_bytes.get(); }
 
 protected:
     ~CFMStore() = default;
-    /// It is being written. With the lock of the stores held.
+    /// The store is being written. Precondition: the lock of the stores is held.
     bool IsTaken() const { return m_isTaken; }
 
 private:
@@ -47,8 +47,8 @@ private:
     CFMStore* m_pNext = nullptr;
 };
 
-/// Shared by both threads: everything here, and the fields of a block that both threads use, are read and
-/// changed under its lock, which is never held during a disk operation.
+/// Shared by both threads. Its lock guards all members, and the fields of a block that both threads use. The
+/// lock is never held during a disk operation.
 class CFMStores {
 public:
     using Lock = std::unique_lock<std::mutex>;
@@ -60,8 +60,8 @@ public:
     /// Withdraws a pending store: its event becomes a no-op. Returns its bytes, which the caller releases
     /// after the lock; null if the store is not pending.
     CRtMessageChain Withdraw(CFMStore& store);
-    /// Takes the store and the pending stores of the ranges that follow it, for one write. Empty if the store
-    /// is no longer pending: withdrawn, or written by an earlier event.
+    /// Takes `first`, and pending stores whose ranges continue its range, for one write. Returns their number:
+    /// 0 if `first` is no longer pending, because it was withdrawn or written by an earlier event.
     size_t TakeBatch(CFMStore& first, std::span<CFMStore*> batch);
     /// Ends a store that was taken. `entry`: the stored range, empty if the store failed. Returns whether the
     /// disk entry has begun a new epoch since the previous store ended.
@@ -81,6 +81,6 @@ private:
     CFMStore* m_pLast = nullptr;
     uint32_t m_running = 0;
     uint32_t m_epoch = FM_FIRST_EPOCH; // of the last store that ended
-    uint32_t m_serial = 1;             // that of a block before its first store
+    uint32_t m_serial = 1;             // the last one used; 1: blocks before their first store
     std::unique_ptr<FMTable> m_table;  // pending
 };

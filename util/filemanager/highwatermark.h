@@ -1,4 +1,5 @@
-// CHighWaterMark: tells the application when too many bytes wait to be stored.
+// CHighWaterMark: notifies the application when the unstored bytes exceed a mark, and when they have dropped
+// below half of it.
 #pragma once
 
 #include <atomic>

@@ -1,4 +1,4 @@
-// CFMStatistics: the counters behind FMStatistics.
+// CFMStatistics: the atomic counters from which FMGetStatistics fills FMStatistics.
 #pragma once
 
 #include <array>
@@ -9,20 +9,21 @@
 
 #include "FMStatistics.h"
 
-/// Any thread. Counting is one atomic addition without ordering.
+/// Any thread. Counting is one relaxed atomic addition.
 class CFMStatistics {
 public:
-    using Clock = std::chrono::steady_clock; // the application's clock may be set
+    using Clock = std::chrono::steady_clock; // the application's clock may be set back
 
     enum Counter : uint8_t {
         ResidentBlocks,
-        PendingBlocks, // the bytes of these three states follow the blocks
+        PendingBlocks, // for each of the three states: blocks, then their bytes (ChangeBlock)
         PendingBytes,
         StoredBlocks,
         StoredBytes,
         FailedBlocks,
         FailedBytes,
-        UnstoredBytes, // one counter, so that a failure does not look like a decrease
+        // Pending + failed. A sum of their counters would drop while a block changes from one to the other.
+        UnstoredBytes,
         ReadHits,
         ReadMisses,
         Loads,
@@ -33,7 +34,7 @@ public:
         StoreFailures,
         StoreRetries,
         StoreBatches,
-        COUNTERS, // also: none
+        COUNTERS, // also the state of a block that no counter counts
     };
     enum Histogram : uint8_t { LoadWait, LoadDisk, StoreWait, StoreDisk, HISTOGRAMS };
 
@@ -43,15 +44,15 @@ public:
     void Subtract(Counter counter, uint64_t count = 1) {
         m_counts[counter].fetch_sub(count, std::memory_order_relaxed);
     }
-    /// A block of `length` bytes enters or leaves a state. `state`: its counter of blocks, or COUNTERS.
+    /// A block of `length` bytes enters or leaves a state. `state`: the state's counter of blocks, or COUNTERS.
     ///@{
     void AddBlock(Counter state, uint64_t length) { ChangeBlock(state, 1, length); }
     void SubtractBlock(Counter state, uint64_t length) {
         ChangeBlock(state, ~uint64_t{0}, 0 - length);
     }
     ///@}
-    /// Pending and failed bytes. Sequentially consistent, because the high-water mark compares them with its own
-    /// state.
+    /// Pending + failed bytes. Sequentially consistent, because CHighWaterMark compares this counter with its own
+    /// atomic state.
     ///@{
     void AddUnstored(uint64_t bytes) { m_counts[UnstoredBytes].fetch_add(bytes); }
     void SubtractUnstored(uint64_t bytes) { m_counts[UnstoredBytes].fetch_sub(bytes); }

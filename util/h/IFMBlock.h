@@ -92,9 +92,9 @@ public:
     virtual int WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* data) = 0;
 
     /// Asynchronous read: makes the bytes resident, then calls the sink. If the block has a buffer already,
-    /// the sink is called before ReadData returns. Otherwise the read/write thread loads the bytes, before
-    /// the stores that are queued. Several sinks share one load. A sink that is already waiting does not wait
-    /// twice. The call does not postpone eviction.
+    /// the sink is called before ReadData returns. Otherwise the read/write thread loads the bytes: before
+    /// the stores that are queued, but after every 8 loads it runs one store. Several sinks share one load. A
+    /// sink that is already waiting does not wait twice. The call does not postpone eviction.
     /// @param sink called once, unless it is cancelled first.
     /// @retval RT_OK the sink has been or will be called. If the load fails, or the block is empty, the sink
     ///     receives the result code.
@@ -106,8 +106,8 @@ public:
 
     /// Synchronous read: returns a view of the range. No byte is copied: the view shares the block's
     /// buffer. If the bytes are not resident, the call waits until the read/write thread has loaded them:
-    /// after the loads that are queued, and before the stores that are queued, except one in 8 loads. The
-    /// call postpones eviction.
+    /// after the loads that are queued, and before the stores that are queued, but after every 8 loads it
+    /// runs one store. The call postpones eviction.
     /// @param readPos start of the range in bytes from the start of the block.
     /// @param readLen length of the range in bytes.
     /// @param[out] pData the view. The caller owns it and destroys it with CRtMessageBlock::DestroyChained;

@@ -9,8 +9,9 @@
 ///
 /// - **Threads.** Call all operations on the caller thread (RtRuntime.h); the library does not check it. The
 ///   library calls IFMBlockSink and ISDUser on the caller thread, too. Exceptions: IFileManager::Instance,
-///   FMWaitUntilIdle, the statistics and the reference counts work on any thread, and log lines come from
-///   any thread. The *read/write thread* is a thread of the library that stores and loads blocks.
+///   FMWaitUntilIdle, FMGetStatistics, FMFormatStatistics, FMGetUnstoredBytes and the reference counts work
+///   on any thread, and log lines come from any thread. The *read/write thread* is a thread of the library
+///   that stores and loads blocks.
 /// - **References.** An object returned through an out argument carries one reference for the receiver.
 ///   The receiver gives it back with `ReleaseReference`; CRtComAutoPtr does so in its destructor. If an
 ///   operation fails, its out arguments are not valid, except where its description says so.
@@ -162,7 +163,7 @@ public:
     /// a file that was never attached. The call does not wait for stores. If the file is temporary, the
     /// read/write thread removes it from disk. Otherwise a later event on the caller thread writes the block
     /// table if it has changed, after the stores of its blocks have run. Loads that have not begun read
-    /// nothing: their sinks are called with #RT_ERROR_NOT_READY.
+    /// nothing, and their sinks are called with #RT_ERROR_NOT_READY.
     ///
     /// References to a closed file or to its blocks stay valid, and the blocks that are in memory stay
     /// readable. Others can be loaded until UnInitialize, unless the file was temporary or another file has

@@ -3,8 +3,8 @@
 //
 // The queue has one lane per priority. Events within a lane run in the order of their posts. Between lanes:
 //
-//  - An event of the high lane runs before the others. After HIGH_IN_A_ROW of them one event of the normal
-//    lane runs, so that the normal lane does not starve.
+//  - Events of the high lane run first. After HIGH_IN_A_ROW of them, one event of the normal lane runs, so
+//    that the normal lane does not starve.
 //  - An event of the low lane runs when the other lanes are empty, and once per LOW_INTERVAL_MS in any case.
 #pragma once
 
@@ -47,8 +47,8 @@ public:
     size_t RunDue();
     /// The number of queued events; one that runs does not count.
     size_t GetCount() const { return m_count; }
-    /// For the end of the process: runs the queued events on the calling thread, and until `timeout` events
-    /// that are posted during the call. False if another thread runs an event for that long.
+    /// For the end of the process: runs the queued events on the calling thread. Until `timeout` has passed,
+    /// it also runs events that are posted during the call. False if another thread runs an event for that long.
     bool RunRemaining(std::chrono::milliseconds timeout);
     /// From now on every post is refused. Run returns when the queue is empty.
     void Stop();
@@ -79,7 +79,7 @@ private:
     std::mutex m_mutex; // SpinThenLock; guards everything below but m_running
     std::condition_variable m_somethingToDo;
     std::array<Lane, LANES> m_lanes;
-    int m_highInARow = 0;           // events of the high lane since one of the normal lane ran
+    int m_highInARow = 0;           // events of the high lane since the last one of the normal lane
     uint64_t m_lowRanMs = 0;        // tick count when an event of the low lane last ran
     std::atomic<size_t> m_count{0}; // of all lanes; spin loops read it without the mutex
     bool m_stopped = false;
