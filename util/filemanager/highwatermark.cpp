@@ -23,9 +23,9 @@ void CHighWaterMark::Compare() {
         const uint64_t unstored = g_statistics.GetUnstored();
         bool isAbove = m_isAbove;
         const bool isCrossed = isAbove ? unstored < mark - mark / 2 : unstored > mark;
-        if (mark == 0 || !isCrossed)
-            return;
-        if (m_isAbove.compare_exchange_strong(isAbove, !isAbove) && FMHost::HasCallerThread())
+        if (mark == 0 || !isCrossed || !FMHost::HasCallerThread())
+            return; // without a thread to report to, the next change compares again
+        if (m_isAbove.compare_exchange_strong(isAbove, !isAbove))
             FMHost::PostToCallerThread(new CFMFunctor0(this, &CHighWaterMark::Report), 0);
     }
 }

@@ -17,7 +17,7 @@
 /// and more.
 struct FMHistogram {
     static constexpr size_t BUCKETS = 28; ///< number of buckets
-    std::array<uint64_t, BUCKETS> counts{};
+    std::array<uint64_t, BUCKETS> counts{}; ///< number of durations in each bucket
     uint64_t sumUs = 0; ///< sum of all durations in us
 };
 

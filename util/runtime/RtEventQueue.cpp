@@ -97,7 +97,7 @@ int CRtEventQueue::ChooseLane(uint64_t now) {
     const auto hasEvent = [this](int priority) {
         return m_lanes[static_cast<size_t>(priority)].first != nullptr;
     };
-    if (hasEvent(RT_PRIORITY_LOW) && now - m_lowRanMs >= LOW_INTERVAL_MS)
+    if (hasEvent(RT_PRIORITY_LOW) && !m_wasLow && now - m_lowRanMs >= LOW_INTERVAL_MS)
         return RT_PRIORITY_LOW;
     if (hasEvent(RT_PRIORITY_NORMAL) &&
         (m_highInARow >= HIGH_IN_A_ROW || !hasEvent(RT_PRIORITY_HIGH)))
@@ -110,6 +110,7 @@ IRtEvent* CRtEventQueue::TakeNext(uint64_t now) {
     if (m_count == 0)
         return nullptr;
     const int priority = ChooseLane(now);
+    m_wasLow = priority == RT_PRIORITY_LOW;
     if (priority == RT_PRIORITY_HIGH)
         m_highInARow = std::min(m_highInARow + 1, HIGH_IN_A_ROW);
     else if (priority == RT_PRIORITY_NORMAL)

@@ -79,7 +79,8 @@ private:
     std::mutex m_mutex; // SpinThenLock; guards everything below but m_running
     std::condition_variable m_somethingToDo;
     std::array<Lane, LANES> m_lanes;
-    int m_highInARow = 0;           // events of the high lane since the last one of the normal lane
+    int m_highInARow = 0;  // events of the high lane since the last one of the normal lane
+    bool m_wasLow = false; // the last event: one of the low lane may take longer than its interval
     uint64_t m_lowRanMs = 0;        // tick count when an event of the low lane last ran
     std::atomic<size_t> m_count{0}; // of all lanes; spin loops read it without the mutex
     bool m_stopped = false;
