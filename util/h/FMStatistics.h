@@ -16,9 +16,9 @@
 /// 2^(i-1) us and less than 2^i us. The last bucket has no upper limit: it counts durations of 2^26 us (67 s)
 /// and more.
 struct FMHistogram {
-    static constexpr size_t BUCKETS = 28; ///< number of buckets
+    static constexpr size_t BUCKETS = 28;   ///< number of buckets
     std::array<uint64_t, BUCKETS> counts{}; ///< number of durations in each bucket
-    uint64_t sumUs = 0; ///< sum of all durations in us
+    uint64_t sumUs = 0;                     ///< sum of all durations in us
 };
 
 /// Figures of the whole process. Counters and histograms count from the start of the process and survive
