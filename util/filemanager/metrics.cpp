@@ -95,7 +95,10 @@ CRtString FMFormatStatistics(const FMStatistics& statistics) {
     const auto appendValues = [&](const auto& metrics, const char* type) {
         for (const Metric& metric : metrics) {
             AppendHead(text, metric.name, metric.help, type);
-            text += metric.name + (" " + std::to_string(statistics.*metric.value) + "\n");
+            text += metric.name;
+            text += ' ';
+            text += std::to_string(statistics.*metric.value);
+            text += '\n';
         }
     };
     appendValues(GAUGES, "gauge");
