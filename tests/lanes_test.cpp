@@ -2,7 +2,6 @@
 // still holds. Withdrawn loads, the high-water mark, and the statistics.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <future>
 #include <thread>
@@ -32,11 +31,9 @@ public:
                 std::this_thread::yield();
         });
     }
-    ~Gate() { Open(); }
-    void Open() {
-        if (!std::exchange(m_isOpen, true))
-            m_open.set_value();
-    }
+    ~Gate() { m_open.set_value(); }
+    Gate(const Gate&) = delete;
+    Gate& operator=(const Gate&) = delete;
 
 private:
     static void Post(std::function<void()> work) {
@@ -45,7 +42,6 @@ private:
     }
 
     std::promise<void> m_open;
-    bool m_isOpen = false;
 };
 
 FMStatistics Figures() {
@@ -235,8 +231,8 @@ TEST(Lanes, OpeningAClosedFileWaitsForItsStores) {
     constexpr uint32_t blocks = 300;
     FileRef file = cache.Create();
     const FMFileID id = file->GetFileInfo().fileID;
-    const Gate gate(blocks +
-                    2); // the stores, the request for the table, the first event of the barrier
+    // The stores, the request for the table, the first event of the barrier.
+    const Gate gate(blocks + 2);
     for (uint32_t block = 1; block <= blocks; ++block)
         Write(*Cache::Block(*file, block), Pattern(block, 70'000));
     cache.Close(file);

@@ -8,13 +8,14 @@
 
 namespace {
 
+template <class Value>
 struct Metric {
     const char* name;
     const char* help;
-    uint64_t FMStatistics::*value;
+    Value FMStatistics::*value;
 };
 
-constexpr Metric GAUGES[] = {
+constexpr Metric<uint64_t> GAUGES[] = {
     {"filemanager_memory_bytes", "Block data in memory.", &FMStatistics::memoryBytes},
     {"filemanager_memory_limit_bytes", "Block data in memory above which idle blocks are released.",
      &FMStatistics::memoryLimitBytes},
@@ -34,7 +35,7 @@ constexpr Metric GAUGES[] = {
      &FMStatistics::failedBytes},
 };
 
-constexpr Metric COUNTERS[] = {
+constexpr Metric<uint64_t> COUNTERS[] = {
     {"filemanager_read_hits_total", "Reads served from memory.", &FMStatistics::readHits},
     {"filemanager_read_misses_total", "Reads that needed a load from disk.",
      &FMStatistics::readMisses},
@@ -50,13 +51,7 @@ constexpr Metric COUNTERS[] = {
      &FMStatistics::storeBatches},
 };
 
-struct HistogramMetric {
-    const char* name;
-    const char* help;
-    FMHistogram FMStatistics::*value;
-};
-
-constexpr HistogramMetric HISTOGRAMS[] = {
+constexpr Metric<FMHistogram> HISTOGRAMS[] = {
     {"filemanager_load_wait_seconds", "Time between the posting and the start of a load.",
      &FMStatistics::loadWait},
     {"filemanager_load_disk_seconds", "Duration of a load.", &FMStatistics::loadDisk},
@@ -93,7 +88,7 @@ void AppendHistogram(std::string& text, const std::string& name, const FMHistogr
 CRtString FMFormatStatistics(const FMStatistics& statistics) {
     std::string text;
     const auto appendValues = [&](const auto& metrics, const char* type) {
-        for (const Metric& metric : metrics) {
+        for (const auto& metric : metrics) {
             AppendHead(text, metric.name, metric.help, type);
             text += metric.name;
             text += ' ';
@@ -103,7 +98,7 @@ CRtString FMFormatStatistics(const FMStatistics& statistics) {
     };
     appendValues(GAUGES, "gauge");
     appendValues(COUNTERS, "counter");
-    for (const HistogramMetric& metric : HISTOGRAMS) {
+    for (const auto& metric : HISTOGRAMS) {
         AppendHead(text, metric.name, metric.help, "histogram");
         AppendHistogram(text, metric.name, statistics.*metric.value);
     }
