@@ -10,7 +10,9 @@
 #include <chrono>
 #include <cstdlib>
 #include <functional>
+#include <mutex>
 #include <thread>
+#include <utility>
 
 #include "RtThread.h"
 #include "support.h"
@@ -71,27 +73,37 @@ FileRef Store(IFileManager& manager, const FMFileInfo& info, uint32_t seed) {
 }
 
 // Each call of the clock advances it by two seconds, so that every check that is due once per second is due. A
-// chosen call runs an action.
+// chosen call runs an action, on the thread that looks.
 class SteppingClock final : public IRtClock {
 public:
     SteppingClock() { RtSetClock(this); }
     ~SteppingClock() override { RtSetClock(nullptr); }
     uint64_t TickCountMs() override {
+        const std::lock_guard lock(m_mutex);
         if (m_left > 0 && --m_left == 0)
             m_action();
         return m_tick += 2000;
     }
     CRtTimeValue TimeOfDay() override { return CRtTimeValue(1'700'000'000, 0); }
     void Arm(int calls, std::function<void()> action) {
+        const std::lock_guard lock(m_mutex);
         m_action = std::move(action);
         m_left = calls;
     }
-    bool HasFired() const { return m_left == 0; }
-    void Advance(uint64_t ms) { m_tick += ms; }
+    // Disarms the clock; true if the action has run.
+    bool Disarm() {
+        const std::lock_guard lock(m_mutex);
+        return std::exchange(m_left, -1) == 0;
+    }
+    void Advance(uint64_t ms) {
+        const std::lock_guard lock(m_mutex);
+        m_tick += ms;
+    }
 
 private:
-    std::atomic<uint64_t> m_tick{1'000'000};
-    std::atomic<int> m_left{-1};
+    std::mutex m_mutex;
+    uint64_t m_tick = 1'000'000;
+    int m_left = -1;
     std::function<void()> m_action;
 };
 
@@ -281,8 +293,7 @@ TEST(Sharing, ReplacedDataFileNeverYieldsForeignBytes) {
         WriteFile(foreign, Pattern(2, 5000));
         clock.Arm(look, [&] { fs::rename(foreign, cache.Path(id, ".sdd")); });
         const std::string bytes = Read(*block);
-        fired = clock.HasFired();
-        clock.Arm(-1, {});
+        fired = clock.Disarm();
         EXPECT_TRUE(bytes == Pattern(1, 5000) || bytes.starts_with("error")) << "at look " << look;
     }
 }
