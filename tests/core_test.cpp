@@ -84,7 +84,7 @@ TEST(Core, TruncatedTableWritesThreeLogLines) {
     EXPECT_FALSE(Cache::Block(*file, 1, 0)->IsComplete());
     EXPECT_EQ(log.Count("CRtByteStreamT::Read, can't read."),
               2U); // the length and the offset of one entry
-    EXPECT_EQ(log.Count("FMDecodeBlockBody, the table ends early, slots=65535,read=1"), 1U);
+    EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, the table ends early, slots=1,fileID={"), 1U);
 }
 
 TEST(Core, CreatingAFileDoesNotWaitForItsPredecessor) {

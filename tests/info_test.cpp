@@ -37,7 +37,7 @@ TEST(Info, TableNamesOnlyBytesInTheDataFile) {
     FMWaitUntilIdle();
     const std::string onDisk = ReadFile(cache.Path(info.fileID, ".sdi"));
     EXPECT_EQ(onDisk, InfoFile(info, BlockBody({{}, {1, 11, 10}, {2, 0, 0}, {3, 13, 21}})));
-    EXPECT_EQ(log.Count("block 0 cannot be saved"), 1U);
+    EXPECT_EQ(log.Count("CFMFile::SaveFileInfo, block 0 cannot be saved, fileID={"), 1U);
     EXPECT_EQ(cache.manager->Initialize("", 0, 1), 0); // a second call is a no-op
 
     // Bytes of an earlier, longer version are ignored, also after another save.

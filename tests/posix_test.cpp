@@ -2,7 +2,9 @@
 // and directories that are removed while in use.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/ptrace.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <thread>
@@ -250,4 +252,22 @@ TEST(Log, NamesOfFoundFilesCannotControlTheTerminal) {
     EXPECT_EQ(text.find_first_of("\x1B\x9B"), std::string::npos);
     EXPECT_GT(log.Count("\\x1B[2J\\x0A\\x9BJ\\x9B B\xC3\xBCro.sdd"), 0U);
     EXPECT_EQ(log.Count("not sdinfo file! readFileHeader=\\x1B[3J this="), 1U);
+}
+
+TEST(Mistakes, AMistakeStopsTheProcessInItsDebugger) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) { // this test is its debugger
+        LogCapture quiet(RT_LOG_SILENT);
+        ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+        FileRef file;
+        IFileManager::Instance()->CreateFile(file.Receive(), Description());
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSTOPPED(status) && WSTOPSIG(status) == SIGTRAP) << status;
+    ptrace(PTRACE_CONT, child, nullptr, nullptr);
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }

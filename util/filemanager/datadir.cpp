@@ -7,6 +7,7 @@
 #include "RtHome.h"
 #include "RtLog.h"
 #include "filemanager.h"
+#include "mistakes.h"
 
 namespace {
 
@@ -99,6 +100,25 @@ int CFileManager::CheckDataDir() {
     }
     UseDataDir();
     return 1;
+}
+
+// CreateDir has logged each attempt. The outermost directory that cannot be created tells the cause.
+void CFileManager::ReportMissingDataDir() {
+    const auto isThere = [](const CRtString& path) {
+        return RtOs::GetEntryKind(path) == RtOs::EntryKind::Directory;
+    };
+    CRtString path = WithoutBackslash(m_dataDir);
+    if (isThere(path))
+        return;
+    for (CRtString parent = ParentOf(path); !parent.empty() && !isThere(parent);
+         parent = ParentOf(path))
+        path = parent;
+    if (RtOs::MakeDirectory(path))
+        return; // another process has removed it: the next store creates the rest
+    FM_REPORT_MISTAKE("IFileManager::Initialize, mistake: the data directory "
+                      << m_dataDir << " cannot be created, so blocks stay in memory only: " << path
+                      << ": " << RtOs::GetErrorText(RtOs::GetErrno())
+                      << ". Pass a directory that this process may create.");
 }
 
 // Every tick renews the shared lock: another process may have held the exclusive lock to clear the cache, and

@@ -264,6 +264,7 @@ int CDiskFile::Get(void* buffer, uint64_t offset, uint32_t length) {
 // Closes the stream: the next call starts with a new one.
 int CDiskFile::Fail(Transfer transfer, RtOs::Transfer result, uint32_t dwLength,
                     uint64_t dwOffset) {
+    const int error = RtOs::GetErrno();
     Close();
     const bool isWrite = transfer == Transfer::Write;
     const bool isPositioned = result != RtOs::Transfer::NoPosition;
@@ -274,7 +275,15 @@ int CDiskFile::Fail(Transfer transfer, RtOs::Transfer result, uint32_t dwLength,
                              << (isWrite ? " filename=" : " fileName=") << m_strFileName
                              << " dwLength=" << dwLength << " dwOffset="
                              << static_cast<uint32_t>(dwOffset) << " this=" << this);
+    if (isWrite) // another thread may have read a part: its error is unknown here
+        LogSystemError(error);
     return RT_ERROR_IO;
+}
+
+void CDiskFile::LogSystemError(int error) const {
+    RT_LOG(RT_LOG_ERROR, "CDiskFile::WriteData, system error " << RtOs::GetErrorText(error)
+                                                               << ", filename=" << m_strFileName
+                                                               << " this=" << this);
 }
 
 int CDiskFile::GetLength(uint64_t& length) {

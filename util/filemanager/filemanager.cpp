@@ -13,6 +13,7 @@
 #include "RtUtilTemplates.h"
 #include "fmblock.h"
 #include "fmfunctor.h"
+#include "mistakes.h"
 #include "streamkeeper.h"
 
 namespace {
@@ -60,6 +61,7 @@ CFileManager::CFileManager() {
 
 CFileManager::~CFileManager() {
     RT_LOG(RT_LOG_TRACE, "CFileManager::~CFileManager");
+    ReportUnsaved("process end", "Call IFileManager::UnInitialize before the process ends.");
     s_alive.store(nullptr, std::memory_order_release);
 }
 
@@ -81,6 +83,9 @@ int CFileManager::Initialize(const CRtString& dataDir, uint16_t clearDays, int i
     CheckDataDir();
     WaitForClearing();
     StartThreads();
+    CFMMistakes::Reset();
+    CFMMistakes::CheckThread("IFileManager::Initialize");
+    ReportMissingDataDir();
     m_init = 1;
     return RT_OK;
 }
@@ -103,6 +108,7 @@ void CFileManager::StartThreads() {
 void CFileManager::UnInitialize() noexcept {
     if (!m_init)
         return;
+    CFMMistakes::CheckThread("IFileManager::UnInitialize");
     LogStatistics("CFileManager::UnInitialize, statistics ");
     m_init = 0;
     m_timer.Cancel();
@@ -111,6 +117,9 @@ void CFileManager::UnInitialize() noexcept {
     WaitForDisk(); // for the stores that were retried
     StopReadwrThread();
     WriteWaitingInfo();
+    ReportUnsaved("IFileManager::UnInitialize", "The lines above name the errors of the disk. "
+                                                "Before the process ends, remove the cause and "
+                                                "call Initialize and UnInitialize again.");
     m_pCallerTd = nullptr;
     if (m_clearDays == 1)
         ClearDiskCache();
@@ -173,6 +182,29 @@ void CFileManager::WriteWaitingInfo() {
     }
 }
 
+// `call`: where the process stands.
+void CFileManager::ReportUnsaved(const char* call, const char* remedy) {
+    constexpr size_t identifiersInLine = 40; // a longer line would be truncated
+    if (m_clearDays == 1)
+        return; // the cache is cleared
+    std::vector<CRtString> lines;
+    size_t count = 0;
+    for (const FileRef& file : m_live.Get(nullptr)) {
+        if (!file->IsUnsaved())
+            continue;
+        if (count++ % identifiersInLine == 0)
+            lines.emplace_back();
+        lines.back() += CRtString(" ") + FMFileIDToString(file->GetFileInfo().fileID);
+    }
+    for (size_t i = 0; i < lines.size(); ++i) {
+        if (i == 0)
+            FM_REPORT_MISTAKE(call << ", mistake: " << uint64_t{count} << " files in " << m_dataDir
+                                   << " were not saved. " << remedy << " fileID=" << lines[i]);
+        else
+            RT_LOG(RT_LOG_ERROR, call << ", not saved: fileID=" << lines[i]);
+    }
+}
+
 // The cache is cleared: no table that waits is written into it afterwards.
 void CFileManager::DropTables() {
     for (const FileRef& file : m_live.Get(nullptr))
@@ -202,6 +234,10 @@ int CFileManager::PostToCallerThread(IRtEvent* aFunctor, int sync) {
 
 uint32_t CFileManager::GetReadwrThreadID() { return m_pReadwrTd ? m_pReadwrTd->GetThreadId() : 0; }
 
+bool CFileManager::IsReadwrThreadIdle() const {
+    return !m_pReadwrTd || static_cast<CRtEventQueue&>(*m_pReadwrTd->GetEventQueue()).IsIdle();
+}
+
 int CFileManager::Random(int aMax) {
     if (!RT_CHECK(SOURCE, aMax, "aMax"))
         return 0;
@@ -217,19 +253,41 @@ CFMBlock* CFileManager::CreateBlock(CFMBlockOwner* file, uint32_t blockID, uint6
 // --- Registry -----------------------------------------------------------------------------------
 
 int CFileManager::CreateFile(IFMFile*& file, const FMFileInfo& fileInfo) noexcept {
+    CFMMistakes::CheckThread("IFileManager::CreateFile");
     if (!RT_CHECK(SOURCE, !(FMFileID_None == fileInfo.fileID), "FMFileID_None != fileInfo.fileID"))
         return RT_ERROR_INVALID_ARG;
     CheckValid();
     FileRef created(new (std::nothrow) CFMFile(fileInfo));
     if (!RT_CHECK(SOURCE, created.Get(), "file.Get()"))
         return RT_ERROR_NULL_OBJECT;
+    CheckNewFile(*created);
     DetachPredecessors(fileInfo.fileID);
     RegisterFile(created, fileInfo.fileID);
     file = created.Detach();
     return RT_OK;
 }
 
+void CFileManager::CheckNewFile(CFMFile& file) {
+    if (!m_init)
+        ReportNotInitialized("IFileManager::CreateFile",
+                             "the blocks of the file stay in memory only");
+    constexpr uint32_t longest = FM_INFO_FILE_BODY_MAX - FM_INFO_FILE_BODY_FIXED;
+    if (const size_t length = file.GetFileInfo().name.size(); length > longest)
+        FM_REPORT_MISTAKE("IFileManager::CreateFile, mistake: the name has "
+                          << uint64_t{length}
+                          << " bytes, so the file cannot be loaded again. Use at most " << longest
+                          << " bytes. " << file.GetLogName());
+}
+
+void CFileManager::ReportNotInitialized(const char* call, const char* effect) {
+    if (CFMMistakes::IsFirst(FMMistake::NotInitialized))
+        FM_REPORT_MISTAKE(
+            call << ", mistake: the manager is not initialized, so " << effect
+                 << ". Call IFileManager::Initialize first. Further calls are not reported.");
+}
+
 int CFileManager::OpenFile(IFMFile*& file, const FMFileID& fileHandle, int load) noexcept {
+    CFMMistakes::CheckThread("IFileManager::OpenFile");
     if (!RT_CHECK(SOURCE, !(FMFileID_None == fileHandle), "FMFileID_None != fileHandle"))
         return RT_ERROR_INVALID_ARG;
     file = nullptr;
@@ -244,6 +302,10 @@ int CFileManager::OpenFile(IFMFile*& file, const FMFileID& fileHandle, int load)
 }
 
 CFMFile* CFileManager::LoadFile(const CRtString& stem) {
+    if (!m_init)
+        ReportNotInitialized("IFileManager::OpenFile", "its blocks cannot be read");
+    if (m_dataDir.empty())
+        return nullptr;
     FMFileID pathID;
     FMFileIDFromString(stem, pathID);
     // An object that the stored identifier names differently may have the path open.
@@ -261,7 +323,7 @@ CFMFile* CFileManager::LoadFile(const CRtString& stem) {
     const bool isThere = file && FileExists(file->GetInfoPath());
     if (isThere && !file->GetEntry().TakeDataFile()) {
         RT_LOG(RT_LOG_WARNING,
-               "CFileManager::LoadFile, another process has the file, fileID=" << stem);
+               "CFileManager::LoadFile, another process has the file, " << file->GetLogName());
         return nullptr;
     }
     if (file && file->LoadFileInfo() && isThere && file->LoadBlokInfo()) {
@@ -288,12 +350,13 @@ bool CFileManager::SettlePredecessors(const FMFileID& pathID) {
     for (const FileRef& file : m_live.Get(&pathID)) {
         file->SaveFileInfo_m();
         file->GetEntry().CloseStreams();
-        isSettled = isSettled && !file->HasUnsavedTable();
-    }
-    if (!isSettled)
+        if (!file->HasUnsavedTable())
+            continue;
+        isSettled = false;
         RT_LOG(RT_LOG_WARNING, "CFileManager::LoadFile, the table of an earlier object could not "
-                               "be written, fileID="
-                                   << FMFileIDToString(pathID));
+                               "be written, "
+                                   << file->GetLogName());
+    }
     return isSettled;
 }
 
@@ -338,6 +401,7 @@ int CFileManager::FindFile(const FMFileID& fileHandle, FileRef& file) {
 
 int CFileManager::GetBlock(IFMBlock*& block, const FMFileID& fileHandle, uint32_t blockID,
                            int create) noexcept {
+    CFMMistakes::CheckThread("IFileManager::GetBlock");
     FileRef file;
     const int result = FindFile(fileHandle, file);
     return RT_FAILED(result) ? result : file->GetBlock(block, blockID, create);
@@ -362,6 +426,7 @@ int CFileManager::FindAttachable(const FMFileID& fileHandle, FileRef& file) {
 }
 
 int CFileManager::AttachFile(const FMFileID& fileHandle) noexcept {
+    CFMMistakes::CheckThread("IFileManager::AttachFile");
     RT_LOG(RT_LOG_TRACE, "CFileManager::AttachFile, fildID=" << FMFileIDToString(fileHandle));
     FileRef file;
     const int result = FindAttachable(fileHandle, file);
@@ -371,6 +436,7 @@ int CFileManager::AttachFile(const FMFileID& fileHandle) noexcept {
 }
 
 int CFileManager::DetachFile(const FMFileID& fileHandle) noexcept {
+    CFMMistakes::CheckThread("IFileManager::DetachFile");
     RT_LOG(RT_LOG_TRACE, "CFileManager::DetachFile, fildID=" << FMFileIDToString(fileHandle));
     FileRef file;
     const int result = FindAttachable(fileHandle, file);

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 
+#include "FMDurability.h"
 #include "IFileManager.h"
 #include "RtReferenceControl.h"
 #include "RtThread.h"
@@ -46,8 +47,8 @@ public:
 
     void OnTimer(CRtTimerWrapper* timer) noexcept override;
 
-    // Work for the two threads. 0 or the queue's result; 10007 no event; 10015 no thread. The event is
-    // disposed of in any case. Any thread may post.
+    // Work for the two threads. The queue's result; RT_ERROR_NULL_OBJECT: no event; RT_ERROR_NOT_READY: no
+    // thread. The event is disposed of in any case. Any thread may post.
     int PostToReadwrThread(IRtEvent* aFunctor, int sync) {
         return PostToReadwrThread(aFunctor, sync, sync ? RT_PRIORITY_HIGH : RT_PRIORITY_NORMAL);
     }
@@ -93,6 +94,10 @@ public:
     size_t GetMemoryLimit() const { return m_memoMax.load(std::memory_order_relaxed); }
     /// Files in the registry; any thread.
     size_t CountOpenFiles();
+    /// Writes the tables of all files. Precondition: the stores have ended.
+    int SaveAll(std::vector<FMUnsavedBlock>& unsaved);
+    /// Nothing is queued for the read/write thread, and no event runs there; also if there is no such thread.
+    bool IsReadwrThreadIdle() const;
     CHighWaterMark& GetHighWaterMark() { return m_highWaterMark; }
 
 private:
@@ -105,6 +110,7 @@ private:
     void WaitForDisk();
     void CloseAllFiles();
     void WriteWaitingInfo();
+    void ReportUnsaved(const char* call, const char* remedy);
     void DropTables();
     void MarkReadwrThread() { t_isReadwrThread = true; }
 
@@ -122,7 +128,10 @@ private:
     void CheckHouseKeeping();
     void ExamineFile(const CRtString& stem);
 
+    void CheckNewFile(CFMFile& file);
+    void ReportNotInitialized(const char* call, const char* effect);
     void SetDataDir(const CRtString& dataDir);
+    void ReportMissingDataDir();
     CRtString GetDefaultDataDir();
     static CRtString GetMaxDrive();
     static CRtString GetDefaultDir();

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cassert>
+#include <string>
 #include <thread>
 #include <utility>
 
@@ -11,6 +12,7 @@
 #include "RtResult.h"
 #include "RtTimeValue.h"
 #include "fmhost.h"
+#include "mistakes.h"
 
 namespace {
 
@@ -49,8 +51,36 @@ void CFMBlock::ReleaseMembers() {
     m_owners.clear();
 }
 
+// --- Queries ------------------------------------------------------------------------------------
+
+uint32_t CFMBlock::GetTotalLen() {
+    CFMMistakes::CheckThread("IFMBlock::GetTotalLen");
+    return m_totalLen;
+}
+
+uint32_t CFMBlock::GetPosition() {
+    CFMMistakes::CheckThread("IFMBlock::GetPosition");
+    return m_position;
+}
+
+CRtMessageBlock* CFMBlock::GetData() {
+    CFMMistakes::CheckThread("IFMBlock::GetData");
+    return m_data.get();
+}
+
+bool CFMBlock::IsComplete() {
+    CFMMistakes::CheckThread("IFMBlock::IsComplete");
+    return IsFull();
+}
+
+bool CFMBlock::IsInMemory() {
+    CFMMistakes::CheckThread("IFMBlock::IsInMemory");
+    return m_data != nullptr;
+}
+
 bool CFMBlock::IsAlive() {
-    if (IsComplete())
+    CFMMistakes::CheckThread("IFMBlock::IsAlive");
+    if (IsFull())
         return true;
     return m_position != 0 && MsSince(m_lastAccessTime) < ALIVE_MS;
 }
@@ -156,6 +186,7 @@ void CFMBlock::SetData(CRtMessageBlock* aData) {
 }
 
 bool CFMBlock::FreeMemory() noexcept {
+    CFMMistakes::CheckThread("IFMBlock::FreeMemory");
     if (!m_data || !IsStored())
         return m_data != nullptr;
     const int64_t limit = FMHost::IsMemoryFarAboveLimit() ? IDLE_MS_WHEN_FULL : IDLE_MS;
@@ -175,12 +206,13 @@ bool CFMBlock::FreeMemory() noexcept {
 // --- Writing ------------------------------------------------------------------------------------
 
 int CFMBlock::WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* data) noexcept {
+    CFMMistakes::CheckThread("IFMBlock::WriteData");
     m_lastAccessTime = GetTickCountEx();
     CheckValid();
     if (const int result = CheckPiece(blockLen, dataPos, data); RT_FAILED(result))
         return result;
     const bool isRewrite = dataPos != m_position;
-    if (!isRewrite && IsComplete())
+    if (!isRewrite && IsFull())
         return RT_OK; // an empty piece at the end
     // Nothing would find the bytes any more.
     if (m_file->IsClosed())
@@ -204,12 +236,24 @@ int CFMBlock::WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* da
     }
     if (m_position < m_totalLen)
         return RT_OK;
-    if (m_posInFile == 0) {
-        m_file->AllocPosition(m_posInFile, m_totalLen);
-        m_file->MarkInfoChanged();
-    }
+    if (m_posInFile == 0)
+        AllocPosition();
     PostStore();
     return RT_OK;
+}
+
+void CFMBlock::AllocPosition() {
+    m_file->AllocPosition(m_posInFile, m_totalLen);
+    m_file->MarkInfoChanged();
+    if (m_posInFile <= cmax_filea_data_len && m_posInFile + m_totalLen > cmax_filea_data_len)
+        FM_REPORT_MISTAKE("IFMBlock::WriteData, mistake: the data file exceeds the limit of "
+                          << cmax_filea_data_len << " bytes for a file. Use more files. "
+                          << GetLogName());
+}
+
+CRtString CFMBlock::GetLogName() const {
+    return CRtString("blockID=") + CRtString(std::to_string(m_blockID)) + "," +
+           m_file->GetLogName();
 }
 
 // Nothing has been changed yet when a piece is refused.
@@ -227,6 +271,13 @@ int CFMBlock::CheckPiece(uint32_t blockLen, uint32_t dataPos, const CRtMessageBl
     if (!RT_CHECK(SOURCE, dataPos + data->GetChainedLength() <= length,
                   "dataPos + data->GetChainedLength() <= m_totalLen"))
         return RT_ERROR_INVALID_ARG;
+    if (blockLen != length && CFMMistakes::IsFirst(FMMistake::BlockLength))
+        FM_REPORT_MISTAKE(
+            "IFMBlock::WriteData, mistake: blockLen is "
+            << blockLen << ", and the first piece of the block had " << m_totalLen
+            << ", which stays. Pass the same blockLen with each piece. Further pieces are "
+               "not reported. "
+            << GetLogName());
     return RT_OK;
 }
 
@@ -235,6 +286,7 @@ void CFMBlock::BeginRewrite(uint32_t blockLen) {
                                << m_position << ",m_totalLen=" << m_totalLen
                                << ",blockLen=" << blockLen << ",dataPos=0 this=" << this);
     m_file->MarkInfoChanged(); // the table on disk names superseded bytes
+    m_isNamed = false;
     CRtMessageChain withdrawn;
     CFMStores& stores = m_file->GetStores();
     const auto lock = stores.LockShared();
@@ -257,6 +309,10 @@ void CFMBlock::ForgetLength() {
 int CFMBlock::PrepareBuffer(uint32_t blockLen) {
     if (m_totalLen == 0) {
         m_totalLen = blockLen;
+        if (blockLen > cmax_block_data_len)
+            FM_REPORT_MISTAKE("IFMBlock::WriteData, mistake: blockLen is "
+                              << blockLen << ", and the limit is " << cmax_block_data_len
+                              << " bytes for a block. Use smaller blocks. " << GetLogName());
         m_posInFile = 0; // a stored entry without length owns no place
         m_file->MarkInfoChanged();
     } else {
@@ -274,6 +330,7 @@ int CFMBlock::PrepareBuffer(uint32_t blockLen) {
 // --- The store ----------------------------------------------------------------------------------
 
 void CFMBlock::PostStore() {
+    m_isNamed = false; // the store revokes the entry of the table on disk
     CRtMessageChain bytes = m_data->DuplicateChained();
     CFMStoreEvent* event = nullptr;
     {
@@ -294,7 +351,7 @@ void CFMBlock::PostStore() {
 }
 
 void CFMBlock::RetryStore() {
-    if (!m_data || !IsComplete())
+    if (!m_data || !IsFull())
         return;
     bool isWanted = false;
     {
@@ -454,7 +511,8 @@ void CFMBlock::Restore(const FMBlockEntry& entry, uint32_t epoch) {
     m_totalLen = entry.totalLen;
     m_position = entry.totalLen;
     m_posInFile = entry.posInFile;
-    if (IsComplete())
+    m_isNamed = true;
+    if (IsFull())
         SetState(State::Restored);
 }
 
@@ -465,10 +523,10 @@ namespace {
 // The load that the caller thread waits for. Lives on its stack.
 class CFMSyncLoad final : public CFMFunctorBase {
 public:
-    explicit CFMSyncLoad(CFMBlock& block) : m_block(block) {}
+    CFMSyncLoad(CFMBlock& block, uint32_t length) : m_block(block), m_length(length) {}
     int OnEventFire() override {
         g_statistics.Record(CFMStatistics::LoadWait, CFMStatistics::Clock::now() - m_posted);
-        m_result = m_block.ReadFromFile(m_block.GetTotalLen(), 1);
+        m_result = m_block.ReadFromFile(m_length, 1);
         return 0;
     }
     void OnDestorySelf() override {}
@@ -476,6 +534,7 @@ public:
 
 private:
     CFMBlock& m_block;
+    const uint32_t m_length;
     const CFMStatistics::Clock::time_point m_posted = CFMStatistics::Clock::now();
     int m_result = RT_OK;
 };
@@ -483,12 +542,13 @@ private:
 } // namespace
 
 int CFMBlock::LoadAndWait() {
-    CFMSyncLoad load(*this);
+    CFMSyncLoad load(*this, m_totalLen);
     FMHost::PostToReadwrThread(&load, 1);
     return load.GetResult();
 }
 
 int CFMBlock::ReadData(uint32_t readPos, uint32_t readLen, CRtMessageBlock*& pData) noexcept {
+    CFMMistakes::CheckThread("IFMBlock::ReadData");
     CheckValid();
     if (readPos > m_position || uint64_t{readPos} + readLen > m_totalLen) {
         RT_LOG(RT_LOG_WARNING, "CFMBlock::ReadData, readPos=" << readPos << ",readLen=" << readLen
@@ -496,7 +556,7 @@ int CFMBlock::ReadData(uint32_t readPos, uint32_t readLen, CRtMessageBlock*& pDa
                                                               << " this=" << this);
         return RT_ERROR_INVALID_ARG;
     }
-    if (!IsComplete()) {
+    if (!IsFull()) {
         RT_LOG(RT_LOG_WARNING, "CFMBlock::ReadData, data no ready! m_position="
                                    << m_position << ",m_totalLen=" << m_totalLen
                                    << ",blockID=" << m_blockID << " this=" << this);
@@ -516,6 +576,7 @@ int CFMBlock::ReadData(uint32_t readPos, uint32_t readLen, CRtMessageBlock*& pDa
 }
 
 int CFMBlock::ReadData(IFMBlockSink* sink) noexcept {
+    CFMMistakes::CheckThread("IFMBlock::ReadData");
     RT_LOG(RT_LOG_TRACE, "CFMBlock::ReadData, async, sink=" << sink << ",m_readsinks="
                                                             << uint64_t{m_readsinks.size()}
                                                             << " this=" << this);
@@ -540,6 +601,7 @@ int CFMBlock::ReadData(IFMBlockSink* sink) noexcept {
 }
 
 int CFMBlock::CancelReadData(IFMBlockSink* sink) noexcept {
+    CFMMistakes::CheckThread("IFMBlock::CancelReadData");
     RT_LOG(RT_LOG_TRACE, "CFMBlock::CancelReadData, sink=" << sink << ",m_readsinks="
                                                            << uint64_t{m_readsinks.size()}
                                                            << " this=" << this);
@@ -667,12 +729,12 @@ void CFMBlock::OnDataReady(int aResult, CRtMessageBlock* aData) {
         if (!m_data)
             aResult = RT_ERROR_FAILURE;
     }
-    if (m_data && IsComplete())
+    if (m_data && IsFull())
         return CallSinks(RT_OK); // loaded or rewritten
     if (!isStale)
         return CallSinks(aResult);
     // The load is stale: load the current bytes.
-    if (!IsComplete())
+    if (!IsFull())
         return CallSinks(RT_ERROR_NOT_READY);
     if (m_readsinks.empty())
         return;

@@ -28,6 +28,7 @@
 #include <span>
 #include <vector>
 
+#include "FMDurability.h"
 #include "FMInfoCodec.h"
 #include "IFMBlock.h"
 #include "RtReferenceControl.h"
@@ -63,17 +64,17 @@ public:
     IFMFile* GetFile() override { return m_file.Get(); }
     const FMFileID& GetFileID() override { return m_file->GetFileInfo().fileID; }
     uint32_t GetBlockID() override { return m_blockID; }
-    uint32_t GetTotalLen() override { return m_totalLen; }
-    uint32_t GetPosition() override { return m_position; }
-    CRtMessageBlock* GetData() override { return m_data.get(); }
-    bool IsComplete() override { return m_totalLen == m_position && m_totalLen != 0; }
-    bool IsInMemory() override { return m_data != nullptr; }
+    uint32_t GetTotalLen() override;
+    uint32_t GetPosition() override;
+    CRtMessageBlock* GetData() override;
+    bool IsComplete() override;
+    bool IsInMemory() override;
     bool IsAlive() override;
     int GetOwners(const FMRetrieveItem& retrieve, uint16_t* count,
                   SDDataAddressItem* items) noexcept override;
     void AddRetrieve(ISDUser* node, uint32_t pri) noexcept override;
     int CancelRetrieve(ISDUser* node) noexcept override;
-    const std::list<FMRetrieveItem>& GetRetrieves() override { return m_retrieves; }
+    const std::list<FMRetrieveItem>& GetRetrieves() override;
     bool FreeMemory() noexcept override;
 
     // --- Read/write thread ------------------------------------------------------------------------
@@ -99,6 +100,13 @@ public:
     /// lock of the stores is held.
     void WithdrawLoad();
     FMBlockState GetState() const;
+    FMBlockStatus GetStatus() const;
+    /// The data file contains the bytes, as far as this process knows.
+    bool IsOnDiskNow() const;
+    /// In addition, the table on disk names them.
+    bool SurvivesKill() const { return m_isNamed && IsOnDiskNow(); }
+    /// Whether the table that has just been written names the bytes.
+    void SetNamed(bool isNamed) { m_isNamed = isNamed; }
     bool IsStored() const { return GetState() == BLOCK_STATE_STORED; }
 
 protected:
@@ -106,6 +114,8 @@ protected:
     /// Releases everything but the file, in the prescribed order. The destructors of the derived classes call
     /// it, so that their own members are released after it.
     void ReleaseMembers();
+    FMBlockCondition GetCondition() const;
+    bool IsFull() const { return m_totalLen == m_position && m_totalLen != 0; }
     /// False if a pointer argument is null; logs the failed assertion.
     static bool IsGiven(const void* object, const char* expression);
 
@@ -137,6 +147,8 @@ private:
     int CheckPiece(uint32_t blockLen, uint32_t dataPos, const CRtMessageBlock* data);
     void BeginRewrite(uint32_t blockLen);
     int PrepareBuffer(uint32_t blockLen);
+    void AllocPosition();
+    CRtString GetLogName() const;
     void ForgetLength();
     void SetState(State state);
     static CFMStatistics::Counter CounterOf(State state);
@@ -173,6 +185,7 @@ private:
     CFMStoreEvent* m_store = nullptr; // in state Queued: the pending store; shared
     Load m_load;                      // the asynchronous load in flight; shared
     CallRound* m_calling = nullptr;
+    bool m_isNamed = false; // the table on disk names the bytes on disk
 
 protected:
     // Last, so that the owners are released before the file.

@@ -15,6 +15,8 @@ public:
     virtual void AllocPosition(int64_t& offset, uint32_t length) = 0;
     /// A closed file accepts no writes.
     virtual bool IsClosed() const = 0;
+    /// The identifier and the path, for log lines.
+    virtual CRtString GetLogName() const = 0;
 
     // --- Either thread ----------------------------------------------------------------------------
     /// Records that a block may be resident.

@@ -9,6 +9,7 @@
 #include "RtTimeValue.h"
 #include "fmfunctor.h"
 #include "fmhost.h"
+#include "mistakes.h"
 #include "os/RtOs.h"
 
 namespace {
@@ -54,6 +55,14 @@ void CFMFile::MakeDiskFiles(const CRtString& stem, bool overPredecessor) {
     m_infoFile = new (std::nothrow) CInfoFile(std::move(info += ".sdi"), 0, &FMHost::CheckDataDir);
     RT_CHECK(SOURCE, m_infoFile, "m_infoFile");
     m_entry.emplace(m_diskFile.Get(), m_infoFile.Get(), overPredecessor);
+    if (FMHost::GetDataDir()
+            .empty()) // before Initialize: nothing is written into the working directory
+        m_entry->Detach();
+}
+
+CRtString CFMFile::GetLogName() const {
+    return CRtString("fileID=") + FMFileIDToString(m_fileInfo.fileID) +
+           ",path=" + (m_diskFile ? m_diskFile->GetFileName() : CRtString());
 }
 
 CFMFile::~CFMFile() {
@@ -69,6 +78,7 @@ CFMFile::~CFMFile() {
 }
 
 int CFMFile::GetBlock(IFMBlock*& block, uint32_t blockID, int create) noexcept {
+    CFMMistakes::CheckThread("IFMFile::GetBlock");
     const uint32_t slot = blockID - m_fileInfo.blockBeg;
     const bool inTable = IsBlockidOK(blockID);
     if (inTable) {
@@ -92,6 +102,11 @@ int CFMFile::GetBlock(IFMBlock*& block, uint32_t blockID, int create) noexcept {
         block = nullptr;
         return RT_ERROR_NULL_OBJECT;
     }
+    if (blockID == 0 || slot >= FM_INFO_SLOTS_MAX)
+        FM_REPORT_MISTAKE(
+            "IFMFile::GetBlock, mistake: block "
+            << blockID << " cannot be saved, because the information file has " << FM_INFO_SLOTS_MAX
+            << " slots and no block 0. Use blockBeg 1 or more, and more files. " << GetLogName());
     m_blocks[slot] = fmBlock;
     block = fmBlock.Get();
     block->AddReference();
@@ -118,6 +133,7 @@ bool CFMFile::IsBlockidOK(uint32_t blockID) const {
 }
 
 int CFMFile::RemoveBlock(uint32_t blockID, IFMBlock*& block) noexcept {
+    CFMMistakes::CheckThread("IFMFile::RemoveBlock");
     if (!RT_CHECK(SOURCE, IsBlockidOK(blockID), "IsBlockidOK(blockID)"))
         return RT_ERROR_INVALID_ARG;
     RT_LOG(RT_LOG_TRACE, "CFMFile::RemoveBlock, fileID=" << FMFileIDToString(m_fileInfo.fileID)
@@ -129,7 +145,13 @@ int CFMFile::RemoveBlock(uint32_t blockID, IFMBlock*& block) noexcept {
     return RT_OK;
 }
 
+const FMBlockTable& CFMFile::GetBlocks() {
+    CFMMistakes::CheckThread("IFMFile::GetBlocks");
+    return m_blocks;
+}
+
 void CFMFile::CancelRetrieve(ISDUser* node, int bRemoveOwner) noexcept {
+    CFMMistakes::CheckThread("IFMFile::CancelRetrieve");
     if (!RT_CHECK(SOURCE, node, "node"))
         return;
     const CRtComAutoPtr<ISDUser> kept(node); // the blocks may hold the last references
@@ -226,6 +248,12 @@ void CFMFile::CheckDataFile() {
 void CFMFile::ReleaseBlocks() {
     FMBlockTable released;
     released.swap(m_blocks);
+}
+
+bool CFMFile::IsUnsaved() {
+    const bool isChanged = !m_closed && (m_fileFlag.load() & FLAG_INFO_CHANGED) != 0 &&
+                           !(m_fileInfo.flag & FM_FILE_TEMPORARY) && !m_entry->IsDetached();
+    return isChanged || HasUnsavedTable();
 }
 
 void CFMFile::Detach_m() {

@@ -7,6 +7,7 @@
 #include <optional>
 #include <vector>
 
+#include "FMDurability.h"
 #include "FMInfoCodec.h"
 #include "fmblock.h"
 #include "fmblockowner.h"
@@ -27,13 +28,14 @@ public:
 
     int GetBlock(IFMBlock*& block, uint32_t blockID, int create) noexcept override;
     int RemoveBlock(uint32_t blockID, IFMBlock*& block) noexcept override;
-    const FMBlockTable& GetBlocks() override { return m_blocks; }
+    const FMBlockTable& GetBlocks() override;
     void CancelRetrieve(ISDUser* node, int bRemoveOwner) noexcept override;
     const FMFileInfo& GetFileInfo() override { return m_fileInfo; }
 
     // CFMBlockOwner
     void AllocPosition(int64_t& offset, uint32_t length) override;
     bool IsClosed() const override { return m_closed; }
+    CRtString GetLogName() const override;
     void MarkDataInMemory() override { m_fileFlag.fetch_or(FLAG_DATA_IN_MEMORY); }
     void MarkInfoChanged() override { m_fileFlag.fetch_or(FLAG_INFO_CHANGED); }
     void MarkStoreFailed() override { m_fileFlag.fetch_or(FLAG_STORE_FAILED); }
@@ -54,6 +56,12 @@ public:
     int LoadFileInfo();
     int LoadBlokInfo();
     bool HasUnsavedTable();
+    /// Writes the table of an open file if it has changed. Adds the complete blocks that would be lost by a kill.
+    void SaveNow(std::vector<FMUnsavedBlock>& unsaved);
+    /// Writes the pending table of a closed file. If that fails, adds the blocks that it names.
+    void SavePendingTable(std::vector<FMUnsavedBlock>& unsaved);
+    /// Whether the process would lose changes of this file by ending now.
+    bool IsUnsaved();
     void DropTable();
 
     /// On the read/write thread, on an object created from a stem for housekeeping.
@@ -84,10 +92,12 @@ private:
     bool IsBlockidOK(uint32_t blockID) const;
     void CheckDataFile();
 
+    bool TakeTable(bool& isIdle);
     bool DescribeBlocks(std::unique_ptr<FMTable> table);
     void PostTable(bool isIdle);
     void PostTable_m();
     bool WriteTable();
+    void WriteTableNow();
     Info LoadInfo(uint32_t readAhead);
     Info ExplainFailure(int ret);
     int DecodeInfo(CRtMessageBlock& body);

@@ -63,20 +63,30 @@ std::vector<bool> FindOverlaps(const std::vector<FMBlockEntry>& slots) {
 int CFMFile::SaveFileInfo() {
     if (!(m_fileFlag.load() & FLAG_INFO_CHANGED))
         return 1;
-    if (!m_infoFile)
+    bool isIdle = false;
+    if (!TakeTable(isIdle))
         return 0;
+    PostTable(isIdle);
+    return 1;
+}
+
+// Makes the pending table from the live objects. `isIdle`: no store is pending. False if the description cannot be
+// encoded.
+bool CFMFile::TakeTable(bool& isIdle) {
+    if (!m_infoFile)
+        return false;
     CRtMessageChain fileBody;
     if (const int ret = FMEncodeFileBody(m_fileInfo, m_createTime, fileBody); RT_FAILED(ret)) {
         RT_LOG(RT_LOG_ERROR,
                "CFMFile::SaveFileInfo, Encode file info error, ret=" << ret << " this=" << this);
-        return 0;
+        return false;
     }
     m_fileFlag.fetch_and(~uint32_t{FLAG_INFO_CHANGED});
     auto table = std::make_unique<FMTable>();
     table->fileBody = fileBody->FlattenChained();
     table->slots.resize(m_blocks.size());
-    PostTable(DescribeBlocks(std::move(table)));
-    return 1;
+    isIdle = DescribeBlocks(std::move(table));
+    return true;
 }
 
 // Under one lock: a store that ends later finds the pending table and adds its entry. Returns whether no
@@ -88,7 +98,8 @@ bool CFMFile::DescribeBlocks(std::unique_ptr<FMTable> table) {
         if (!m_blocks[i])
             continue;
         if (m_blocks[i]->GetBlockID() == 0) {
-            RT_LOG(RT_LOG_WARNING, "CFMFile::SaveFileInfo, block 0 cannot be saved this=" << this);
+            RT_LOG(RT_LOG_WARNING, "CFMFile::SaveFileInfo, block 0 cannot be saved, "
+                                       << GetLogName() << " this=" << this);
             continue;
         }
         uint32_t serial = 0;
@@ -132,7 +143,7 @@ bool CFMFile::WriteTable() {
                                  << written.table << " this=" << this);
     else if (written.left > 0)
         RT_LOG(RT_LOG_WARNING, "CFMFile::SaveFileInfo, table too large to save, slots left out="
-                                   << written.left << " this=" << this);
+                                   << written.left << "," << GetLogName() << " this=" << this);
     return written.IsOver();
 }
 
@@ -204,7 +215,8 @@ void CFMFile::LimitTable() {
     const uint32_t slots = FMSlotsToLoad(m_fileInfo.num, m_infoFile->GetKnownLength());
     if (slots < m_fileInfo.num)
         RT_LOG(RT_LOG_WARNING, "CFMFile::LoadFileInfo, table larger than its file, num="
-                                   << m_fileInfo.num << ",slots=" << slots << " this=" << this);
+                                   << m_fileInfo.num << ",slots=" << slots << "," << GetLogName()
+                                   << " this=" << this);
     m_fileInfo.num = slots;
 }
 
@@ -232,7 +244,10 @@ int CFMFile::LoadBlokInfo() {
     RT_LOG(RT_LOG_TRACE,
            "CFMFile::LoadBlokInfo, ReaddBlockInfo result: length=" << length << " this=" << this);
     std::vector<FMBlockEntry> slots;
-    FMDecodeBlockBody(*body, slots); // a body that ends early has logged it
+    if (!FMDecodeBlockBody(*body, slots))
+        RT_LOG(RT_LOG_WARNING, "CFMFile::LoadBlokInfo, the table ends early, slots="
+                                   << uint64_t{slots.size()} << "," << GetLogName()
+                                   << " this=" << this);
     return RestoreBlocks(slots) ? 1 : 0;
 }
 
@@ -288,6 +303,7 @@ void CFMFile::RestorePlace(CFMBlock& block, const FMBlockEntry& entry, bool over
 
 void CFMFile::LogEntry(const char* what, const FMBlockEntry& entry) {
     RT_LOG(RT_LOG_WARNING, "CFMFile::LoadBlokInfo, " << what << ", blockID=" << entry.blockID
-                                                     << ",pos=" << entry.posInFile << ",len="
-                                                     << entry.totalLen << " this=" << this);
+                                                     << ",pos=" << entry.posInFile
+                                                     << ",len=" << entry.totalLen << ","
+                                                     << GetLogName() << " this=" << this);
 }

@@ -6,6 +6,7 @@
 #include "RtTimeValue.h"
 #include "fmblock.h"
 #include "fmhost.h"
+#include "mistakes.h"
 
 namespace {
 
@@ -51,7 +52,13 @@ SDDataAddressItem::~SDDataAddressItem() = default;
 
 // --- Requests -----------------------------------------------------------------------------------
 
+const std::list<FMRetrieveItem>& CFMBlock::GetRetrieves() {
+    CFMMistakes::CheckThread("IFMBlock::GetRetrieves");
+    return m_retrieves;
+}
+
 void CFMBlock::AddRetrieve(ISDUser* node, uint32_t pri) noexcept {
+    CFMMistakes::CheckThread("IFMBlock::AddRetrieve");
     CheckValid();
     if (!IsGiven(node, "node"))
         return;
@@ -63,6 +70,7 @@ void CFMBlock::AddRetrieve(ISDUser* node, uint32_t pri) noexcept {
 }
 
 int CFMBlock::CancelRetrieve(ISDUser* node) noexcept {
+    CFMMistakes::CheckThread("IFMBlock::CancelRetrieve");
     if (!IsGiven(node, "node"))
         return 0;
     const auto it = std::find_if(m_retrieves.begin(), m_retrieves.end(), [node](const auto& each) {
@@ -79,14 +87,16 @@ int CFMBlock::CancelRetrieve(ISDUser* node) noexcept {
 }
 
 int CFMClientBlock::GetRetrieveType(const FMRetrieveItem&) {
-    return IsComplete() ? FM_RETRIEVE_HERE : FM_RETRIEVE_CLIENT_NOT_YET;
+    CFMMistakes::CheckThread("IFMBlock::GetRetrieveType");
+    return IsFull() ? FM_RETRIEVE_HERE : FM_RETRIEVE_CLIENT_NOT_YET;
 }
 
 int CFMServerBlock::GetRetrieveType(const FMRetrieveItem& retrieve) {
+    CFMMistakes::CheckThread("IFMBlock::GetRetrieveType");
     if (static_cast<int32_t>(retrieve.m_pri) > 1 && retrieve.m_userNode &&
         retrieve.m_userNode->IsP2P() && m_p2pOwnerCount > 0)
         return FM_RETRIEVE_PEERS;
-    return IsComplete() ? FM_RETRIEVE_HERE : FM_RETRIEVE_NOT_YET;
+    return IsFull() ? FM_RETRIEVE_HERE : FM_RETRIEVE_NOT_YET;
 }
 
 // --- Owners -------------------------------------------------------------------------------------
@@ -97,6 +107,7 @@ int CFMBlock::GetOwners(const FMRetrieveItem&, uint16_t* count, SDDataAddressIte
 }
 
 void CFMClientBlock::SetOwner(ISDUser* owner, int bOwn) noexcept {
+    CFMMistakes::CheckThread("IFMBlock::SetOwner");
     const CTimeCount time(g_counters.timeSetOwner);
     if (!IsGiven(owner, "owner"))
         return;
@@ -111,11 +122,18 @@ void CFMClientBlock::SetOwner(ISDUser* owner, int bOwn) noexcept {
                              << " this=" << this);
 }
 
-bool CFMClientBlock::HasOwner() { return !m_owners.empty(); }
+bool CFMClientBlock::HasOwner() {
+    CFMMistakes::CheckThread("IFMBlock::HasOwner");
+    return !m_owners.empty();
+}
 
-ISDUser* CFMClientBlock::GetOwner() { return m_owners.empty() ? nullptr : PickOwner(m_owners); }
+ISDUser* CFMClientBlock::GetOwner() {
+    CFMMistakes::CheckThread("IFMBlock::GetOwner");
+    return m_owners.empty() ? nullptr : PickOwner(m_owners);
+}
 
 void CFMServerBlock::SetOwner(ISDUser* owner, int bOwn) noexcept {
+    CFMMistakes::CheckThread("IFMBlock::SetOwner");
     const CTimeCount time(g_counters.timeSetOwner);
     if (!IsGiven(owner, "owner"))
         return;
@@ -176,9 +194,13 @@ void CFMServerBlock::LogNetOwner(ISDUser* owner, const char* verb, size_t groupS
                              << uint64_t{groupSize} << tail << " this=" << this);
 }
 
-bool CFMServerBlock::HasOwner() { return !m_owners.empty() || !m_netOwners.empty(); }
+bool CFMServerBlock::HasOwner() {
+    CFMMistakes::CheckThread("IFMBlock::HasOwner");
+    return !m_owners.empty() || !m_netOwners.empty();
+}
 
 ISDUser* CFMServerBlock::GetOwner() {
+    CFMMistakes::CheckThread("IFMBlock::GetOwner");
     const CTimeCount time(g_counters.timeGetOwner);
     if (!m_owners.empty())
         return PickOwner(m_owners);
@@ -187,6 +209,7 @@ ISDUser* CFMServerBlock::GetOwner() {
 
 int CFMServerBlock::GetOwners(const FMRetrieveItem& retrieve, uint16_t* count,
                               SDDataAddressItem* items) noexcept {
+    CFMMistakes::CheckThread("IFMBlock::GetOwners");
     if (!IsGiven(retrieve.m_userNode.Get(), "retrieve.m_userNode.Get()"))
         return RT_ERROR_INVALID_ARG;
     const CTimeCount time(g_counters.timeGetOwners);

@@ -1,4 +1,4 @@
-// FMTable: the description and the block table of a closed file, until they are on disk.
+// FMTable: the description and the block table of a file, until they are on disk.
 #pragma once
 
 #include <algorithm>
@@ -10,6 +10,9 @@
 
 /// The epoch of a disk entry until bytes are found missing from its data file.
 constexpr uint32_t FM_FIRST_EPOCH = 1;
+
+/// The number of slots that FMEncodeBlockBody encodes; the format cannot hold the others.
+size_t FMCountSavedSlots(const std::vector<FMBlockEntry>& slots);
 
 /// Entries name only bytes that are in the data file: a store that was pending at the close adds its entry
 /// when it has succeeded.

@@ -4,6 +4,7 @@
 
 #include "RtByteStream.h"
 #include "RtResult.h"
+#include "fmtable.h"
 
 namespace {
 
@@ -71,21 +72,28 @@ int FMDecodeFileBody(CRtMessageBlock& body, FMFileInfo& info, uint32_t& createTi
     return result;
 }
 
-int FMEncodeBlockBody(const std::vector<FMBlockEntry>& slots, CRtMessageChain& body,
-                      uint32_t& left) {
+size_t FMCountSavedSlots(const std::vector<FMBlockEntry>& slots) {
     uint32_t size = FM_INFO_COUNT_SIZE;
-    uint32_t count = 0;
+    size_t count = 0;
     while (count < slots.size() && count < FM_INFO_SLOTS_MAX &&
            size + FMEntrySize(slots[count]) <= FM_INFO_BLOCK_BODY_MAX)
         size += FMEntrySize(slots[count++]);
-    left = static_cast<uint32_t>(slots.size()) - count;
+    return count;
+}
 
+int FMEncodeBlockBody(const std::vector<FMBlockEntry>& slots, CRtMessageChain& body,
+                      uint32_t& left) {
+    const size_t count = FMCountSavedSlots(slots);
+    left = static_cast<uint32_t>(slots.size() - count);
+    uint32_t size = FM_INFO_COUNT_SIZE;
+    for (size_t i = 0; i < count; ++i)
+        size += FMEntrySize(slots[i]);
     body = CRtMessageBlock::Create(size);
     if (!body)
         return RT_ERROR_FAILURE;
     CRtByteStreamT stream(*body);
     stream << static_cast<uint16_t>(count);
-    for (uint32_t i = 0; i < count; ++i) {
+    for (size_t i = 0; i < count; ++i) {
         stream << slots[i].blockID;
         if (slots[i].blockID != 0)
             stream << slots[i].totalLen << slots[i].posInFile;
@@ -110,8 +118,5 @@ bool FMDecodeBlockBody(CRtMessageBlock& body, std::vector<FMBlockEntry>& slots) 
             // A length with the default offset 0 would name the bytes of another block.
             slots.push_back({entry.blockID, 0, 0});
     }
-    if (!stream.IsGood())
-        RT_LOG(RT_LOG_WARNING, "FMDecodeBlockBody, the table ends early, slots="
-                                   << uint32_t{count} << ",read=" << uint64_t{slots.size()});
     return stream.IsGood();
 }

@@ -1,9 +1,11 @@
 #include <chrono>
+#include <utility>
 
 #include "IFileManager.h"
 #include "RtEventQueue.h"
 #include "RtRuntime.h"
 #include "filemanager.h"
+#include "fmfunctor.h"
 
 namespace {
 
@@ -47,7 +49,44 @@ int PumpUntilIdle(CFileManager& manager, CRtEventQueue& own, uint32_t millisecon
     }
 }
 
+// On the caller thread. Checks again behind everything that is queued on both threads, until nothing is.
+void CheckIdle(std::function<void(int)> done);
+
+class CIdleCheck final : public CFMFunctorBase {
+public:
+    explicit CIdleCheck(std::function<void(int)> done) : m_done(std::move(done)) {}
+    int OnEventFire() override {
+        RtRunOnCallerThread([done = std::move(m_done)] { CheckIdle(done); }, false);
+        return RT_OK;
+    }
+
+private:
+    std::function<void(int)> m_done;
+};
+
+void CheckIdle(std::function<void(int)> done) {
+    CFileManager* const manager = CFileManager::IfAlive();
+    if (!manager)
+        return done(RT_ERROR_NOT_READY);
+    if (CRtEventQueue::Current()->GetCount() == 0 && manager->IsReadwrThreadIdle())
+        return done(RT_OK);
+    if (manager->GetReadwrThreadID() == 0)
+        RtRunOnCallerThread([done] { CheckIdle(done); }, false);
+    else if (RT_FAILED(manager->PostToReadwrThread(new CIdleCheck(done), 0, RT_PRIORITY_LOW)))
+        done(RT_ERROR_NOT_READY);
+}
+
 } // namespace
+
+int FMCallWhenIdle(std::function<void(int result)> done) {
+    if (!done)
+        return RT_ERROR_INVALID_ARG;
+    if (!CFileManager::Instance())
+        return RT_ERROR_NULL_OBJECT;
+    if (!CRtEventQueue::IsCallerThread())
+        return RT_ERROR_NOT_READY;
+    return RtRunOnCallerThread([done = std::move(done)] { CheckIdle(done); }, false);
+}
 
 int FMWaitUntilIdle(uint32_t milliseconds) {
     CFileManager* const manager = CFileManager::Instance();

@@ -42,6 +42,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 #include "FMFileID.h"
 #include "FMFileInfo.h"
@@ -196,4 +197,14 @@ constexpr uint32_t FM_WAIT_FOREVER = 0xFFFFFFFF;
 /// @retval RT_ERROR_NOT_READY the time limit was reached, the calling thread is the read/write thread, or one
 ///     of the two threads is stopping.
 RT_EXPORT int FMWaitUntilIdle(uint32_t milliseconds = FM_WAIT_FOREVER);
+
+/// As FMWaitUntilIdle, but does not wait: calls a function on the caller thread when both threads are idle, so the
+/// event loop of the caller thread has to run. While the application keeps both threads busy, the function is not
+/// called. Call it on the caller thread.
+/// @param done called once, with RT_OK; or with RT_ERROR_NOT_READY if the read/write thread stops before.
+/// @retval RT_OK `done` will be called.
+/// @retval RT_ERROR_INVALID_ARG `done` is empty.
+/// @retval RT_ERROR_NULL_OBJECT the manager could not be created.
+/// @retval RT_ERROR_NOT_READY the calling thread is not the caller thread, or it is stopping.
+RT_EXPORT int FMCallWhenIdle(std::function<void(int result)> done);
 /// @}

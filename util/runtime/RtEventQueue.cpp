@@ -1,6 +1,7 @@
 #include "RtEventQueue.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "RtResult.h"
 #include "RtSendTicket.h"
@@ -26,6 +27,8 @@ CRtEventQueue::~CRtEventQueue() {
 }
 
 CRtEventQueue* CRtEventQueue::Current() { return t_current; }
+
+bool CRtEventQueue::IsCallerThread() { return t_current && t_current->m_isCallerQueue; }
 
 void CRtEventQueue::SetOwner(bool owned) {
     if (owned)
@@ -189,6 +192,11 @@ size_t CRtEventQueue::RunDue() {
     return done;
 }
 
+bool CRtEventQueue::IsIdle() {
+    const std::unique_lock running(m_running, std::try_to_lock);
+    return running.owns_lock() && m_count == 0;
+}
+
 bool CRtEventQueue::RunRemaining(std::chrono::milliseconds timeout) {
     constexpr std::chrono::milliseconds pause(5);
     const auto isOver = [end = std::chrono::steady_clock::now() + timeout] {
@@ -201,11 +209,14 @@ bool CRtEventQueue::RunRemaining(std::chrono::milliseconds timeout) {
     }
     if (!running.owns_lock())
         return false;
+    // The events find the queue that they belong to, as on their own thread.
+    CRtEventQueue* const outer = std::exchange(t_current, this);
     // Events that these events post run too. The time limit stops an event that always posts itself.
     const uint64_t now = GetTickCountEx();
     size_t queued = m_count;
     while ((queued > 0 || !isOver()) && RunOne(now))
         queued -= queued > 0 ? 1 : 0;
+    t_current = outer;
     return true;
 }
 

@@ -26,13 +26,17 @@ public:
     CRtEventQueue();
     ~CRtEventQueue() override;
 
-    /// The queue whose owner is the calling thread, or null.
+    /// The queue whose owner is the calling thread, or whose events it runs at process end; or null.
     static CRtEventQueue* Current();
+    /// Whether the calling thread is the caller thread (RtRuntime.h).
+    static bool IsCallerThread();
 
     int PostEvent(IRtEvent* event, int priority) noexcept override;
     int SendEvent(IRtEvent* event) override { return SendEvent(event, RT_PRIORITY_NORMAL); }
     int SendEvent(IRtEvent* event, int priority);
 
+    /// Marks the queue of the caller thread, before it has an owner.
+    void SetCallerQueue() { m_isCallerQueue = true; }
     /// True: the calling thread becomes the owner. False: the queue has no owner.
     void SetOwner(bool owned);
     /// `wakeUp` is called under the queue's mutex after each post, new timer, Stop and Quit.
@@ -47,6 +51,8 @@ public:
     size_t RunDue();
     /// The number of queued events; one that runs does not count.
     size_t GetCount() const { return m_count; }
+    /// No event is queued, and neither an event nor a timer runs. Any thread.
+    bool IsIdle();
     /// For the end of the process: runs the queued events on the calling thread. Until `timeout` has passed,
     /// it also runs events that are posted during the call. False if another thread runs an event for that long.
     bool RunRemaining(std::chrono::milliseconds timeout);
@@ -83,6 +89,7 @@ private:
     bool m_wasLow = false; // the last event: one of the low lane may take longer than its interval
     uint64_t m_lowRanMs = 0;        // tick count when an event of the low lane last ran
     std::atomic<size_t> m_count{0}; // of all lanes; spin loops read it without the mutex
+    bool m_isCallerQueue = false;   // constant once the queue has an owner; without the mutex
     bool m_stopped = false;
     bool m_quit = false;
     bool m_ownerParked = false;

@@ -72,6 +72,14 @@ void CRtLog::TraceString(int level, int, const char* text) {
         slot.sink(slot.context, level, text);
 }
 
+void CRtLog::WriteLine(int level, void (*append)(CRtLogRecorder& line, const void* items),
+                       const void* items) {
+    char buffer[RT_LOG_BUFFER_SIZE];
+    CRtLogRecorder line(buffer, sizeof(buffer));
+    append(line, items);
+    Instance()->TraceString(level, 0, line.c_str());
+}
+
 void CRtLog::AssertFailed(const char* source, int line, const char* expression) {
     RT_LOG(RT_LOG_ERROR, source << ":" << line << " Assert failed: " << expression);
 }

@@ -80,6 +80,16 @@ public:
     /// @param reserved 0.
     /// @param text the line.
     RT_EXPORT void TraceString(int level, int reserved, const char* text);
+    /// Composes a line and passes it to TraceString.
+    /// @param level an #RtLogLevel.
+    /// @param compose a function that appends the items of the line to a CRtLogRecorder.
+    template <class Compose>
+    static void Write(int level, const Compose& compose) {
+        const auto append = [](CRtLogRecorder& line, const void* items) {
+            (*static_cast<const Compose*>(items))(line);
+        };
+        WriteLine(level, append, &compose);
+    }
     /// Writes an assertion line, `SOURCE:LINE Assert failed: EXPRESSION`, at level #RT_LOG_ERROR. It does not
     /// end the process.
     RT_EXPORT static void AssertFailed(const char* source, int line, const char* expression);
@@ -87,6 +97,9 @@ public:
 private:
     friend struct CRtLogSlot; // stores the sink
     CRtLog() = default;
+    RT_EXPORT static void WriteLine(int level,
+                                    void (*append)(CRtLogRecorder& line, const void* items),
+                                    const void* items);
 
     RT_EXPORT static std::atomic<int> s_maxLevel;
 };
@@ -95,15 +108,12 @@ private:
 constexpr size_t RT_LOG_BUFFER_SIZE = 2048;
 
 /// Writes a line: `RT_LOG(RT_LOG_TRACE, "name, value=" << value)`. `items` is evaluated only if the level is
-/// enabled.
+/// enabled. The buffer of the line is not in the frame of the caller: calls that nest deeply need little stack.
 #define RT_LOG(level, items)                                                                       \
     do {                                                                                           \
-        if (CRtLog::IsEnabled(level)) {                                                            \
-            char rtLogBuffer[RT_LOG_BUFFER_SIZE];                                                  \
-            CRtLog::CRtLogRecorder rtLogRecorder(rtLogBuffer, sizeof(rtLogBuffer));                \
-            rtLogRecorder << items;                                                                \
-            CRtLog::Instance()->TraceString(level, 0, rtLogRecorder.c_str());                      \
-        }                                                                                          \
+        if (CRtLog::IsEnabled(level))                                                              \
+            CRtLog::Write(level,                                                                   \
+                          [&](CRtLog::CRtLogRecorder& rtLogRecorder) { rtLogRecorder << items; }); \
     } while (0)
 
 /// Evaluates to the value of a condition. If the condition is false, the macro writes an assertion line

@@ -4,6 +4,8 @@
 /// @{
 #pragma once
 
+#include "RtExport.h"
+
 constexpr int RT_OK = 0; ///< success
 /// The operation failed for a reason without a code, for example: a record cannot be encoded or decoded, a
 /// load did not bring the bytes of a block into memory, or a thread cannot be started.
@@ -23,6 +25,13 @@ constexpr int RT_ERROR_NOT_FOUND = 10011;
 /// The state of an object does not permit the operation: a thread is not running, a block is not complete, or
 /// a file is closed or open in another process.
 constexpr int RT_ERROR_NOT_READY = 10015;
+
+/// Return the symbolic name of a result code ("RT_ERROR_IO"), and a short text for people ("input or output
+/// failed"). For a number that is not a result code: "unknown result code". Any thread.
+///@{
+RT_EXPORT const char* RtResultName(int result);
+RT_EXPORT const char* RtResultText(int result);
+///@}
 
 /// Test a result code.
 ///@{

@@ -81,12 +81,18 @@ CRtThread* CRtThreadManager::GetThread(int number) {
     if (!m_state->callerThread && !m_state->ended) {
         m_state->processId = RtOs::GetProcessId();
         auto* created = new CRtThread;
+        created->Queue().SetCallerQueue();
         if (RT_SUCCEEDED(created->StartOwn()))
             m_state->callerThread = created;
         else
             delete created;
     }
     return m_state->ended ? nullptr : m_state->callerThread;
+}
+
+bool CRtThreadManager::HasCallerThread() {
+    const std::lock_guard lock(m_state->mutex);
+    return m_state->callerThread != nullptr;
 }
 
 int CRtThreadManager::AdoptCallerThread(CRtThread*& thread) {
@@ -96,6 +102,7 @@ int CRtThreadManager::AdoptCallerThread(CRtThread*& thread) {
     m_state->processId = RtOs::GetProcessId();
     thread = m_state->callerThread = new CRtThread;
     m_state->callerAdopted = true;
+    thread->Queue().SetCallerQueue();
     thread->AdoptCurrent();
     return RT_OK;
 }

@@ -51,9 +51,11 @@ private:
     friend class CRtCallerThread;
     friend class CRtThread;
     friend class CRtProcessEnd;
+    friend class CFMMistakes; // asks for the caller thread without starting it
 
     CRtThreadManager();
     ~CRtThreadManager() = delete; // threads may call Instance until the last one has ended
+    bool HasCallerThread();
     int AdoptCallerThread(CRtThread*& thread);
     void ReleaseCallerThread(CRtThread* thread);
     void ForgetThread(CRtThread* thread);

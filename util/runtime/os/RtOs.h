@@ -22,6 +22,8 @@ uint32_t GetProcessId();
 bool IsProcessAlive(int64_t processId);
 /// Never 0, unique among the running threads of the process.
 uint32_t GetThreadId();
+/// Stops the process in the debugger that is attached to it; a no-op without one.
+void BreakIntoDebugger();
 /// CPU hint for spin-wait loops.
 inline void Pause() {
 #if defined(__i386__) || defined(__x86_64__)
@@ -34,6 +36,13 @@ inline void Pause() {
 bool AtProcessEnd(int (*work)());
 /// Generates a unique identifier with the layout of the platform's GUID structure. Never all zero.
 void CreateGuid(uint8_t (&bytes)[16]);
+
+// --- Errors -------------------------------------------------------------------------------------
+
+/// errno: the error number of the last operation of this thread on a file or directory that has failed.
+int GetErrno();
+/// An error number as its symbolic name and its text: "ENOSPC (No space left on device)".
+CRtString GetErrorText(int error);
 
 // --- Drives and the user's folder ---------------------------------------------------------------
 

@@ -95,6 +95,11 @@ uint32_t GetThreadId() { return ::GetCurrentThreadId(); }
 
 // Destructors of static objects of a DLL run after the system has terminated all other threads, which is too
 // late. This call also pins the DLL until the process ends.
+void BreakIntoDebugger() {
+    if (::IsDebuggerPresent())
+        ::DebugBreak();
+}
+
 bool AtProcessEnd(int (*work)()) {
     HMODULE self = nullptr;
     constexpr DWORD flags = GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN;

@@ -1,0 +1,215 @@
+// What is on disk while a file is open: the state of a block, and FMFlush.
+#include "FMDurability.h"
+
+#include <gtest/gtest.h>
+
+#include "FMStatistics.h"
+#include "support.h"
+#include "util/filemanager/filemanager.h"
+
+namespace {
+
+using Condition = FMBlockCondition;
+using Unsaved = std::vector<FMUnsavedBlock>;
+
+Condition ConditionOf(const BlockRef& block) { return FMGetBlockStatus(*block).condition; }
+bool Survives(const BlockRef& block) { return FMGetBlockStatus(*block).survivesKill; }
+
+std::vector<uint32_t> BlocksOf(const Unsaved& unsaved) {
+    std::vector<uint32_t> ids;
+    for (const FMUnsavedBlock& block : unsaved)
+        ids.push_back(block.blockID);
+    return ids;
+}
+
+// The pair of files of a cached file as it is at this moment, as a kill would leave it.
+class Snapshot {
+public:
+    Snapshot(const Cache& cache, const FMFileID& id)
+        : m_data(cache.Path(id, ".sdd")), m_info(cache.Path(id, ".sdi")) {
+        fs::copy_file(m_data, m_kept.path / "data");
+        fs::copy_file(m_info, m_kept.path / "info");
+    }
+    // Ends the manager's run and starts the next one with these files.
+    void Restart(Cache& cache) const {
+        cache.Stop();
+        fs::copy_file(m_kept.path / "data", m_data, fs::copy_options::overwrite_existing);
+        fs::copy_file(m_kept.path / "info", m_info, fs::copy_options::overwrite_existing);
+        cache.Start();
+    }
+
+private:
+    const TempDir m_kept;
+    const fs::path m_data;
+    const fs::path m_info;
+};
+
+} // namespace
+
+TEST(Durability, ABlockGoesThroughItsStates) {
+    LogCapture quiet(RT_LOG_SILENT);
+    TestClock clock;
+    Cache cache;
+    FileRef file = cache.Create();
+    const FMFileID id = file->GetFileInfo().fileID;
+    BlockRef block = Cache::Block(*file, 1);
+    EXPECT_EQ(ConditionOf(block), Condition::Empty);
+    const CRtMessageChain piece = CRtMessageBlock::Wrap("ab", 2);
+    block->WriteData(4, 0, piece.get());
+    EXPECT_EQ(ConditionOf(block), Condition::Filling);
+    fs::create_directory(cache.Path(id, ".sdd")); // the store fails
+    block->WriteData(4, 2, piece.get());
+    Cache::RunReadwrQueue();
+    EXPECT_EQ(ConditionOf(block), Condition::Failed);
+    fs::remove(cache.Path(id, ".sdd"));
+    static_cast<CFMFile&>(*file).RetryFailedStores();
+    Cache::RunReadwrQueue();
+    EXPECT_EQ(ConditionOf(block), Condition::Stored);
+    EXPECT_TRUE(FMGetBlockStatus(*block).isResident);
+    EXPECT_FALSE(Survives(block)); // no table names it
+    Unsaved unsaved;
+    EXPECT_EQ(FMFlush(unsaved), RT_OK);
+    EXPECT_TRUE(Survives(block));
+
+    block.Reset();
+    cache.Close(file);
+    file = cache.Open(id);
+    block = Cache::Block(*file, 1, 0);
+    EXPECT_EQ(ConditionOf(block), Condition::Stored);
+    EXPECT_FALSE(FMGetBlockStatus(*block).isResident);
+    EXPECT_TRUE(Survives(block));
+    Write(*Cache::Block(*file, 2), "x");
+    FMWaitUntilIdle();
+    fs::resize_file(cache.Path(id, ".sdd"), 1);
+    Write(*Cache::Block(*file, 3), "x"); // the store finds the data file truncated
+    FMWaitUntilIdle();
+    EXPECT_EQ(ConditionOf(block), Condition::Lost);
+    EXPECT_FALSE(Survives(block));
+    EXPECT_EQ(FMFlush(unsaved), RT_ERROR_IO); // block 2 is resident and was stored again
+    EXPECT_EQ(BlocksOf(unsaved), std::vector<uint32_t>{1});
+    block->WriteData(4, 0, piece.get());
+    EXPECT_FALSE(Survives(block));
+}
+
+TEST(Durability, AfterAFlushAKillLosesNothing) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FileRef file = cache.Create();
+    const FMFileID id = file->GetFileInfo().fileID;
+    Unsaved unsaved;
+    for (uint32_t round = 1; round <= 3; ++round) { // new blocks, and rewrites in place
+        for (uint32_t block = 1; block <= round * 20; ++block)
+            Write(*Cache::Block(*file, block), Pattern(round * 1000 + block, 500));
+        ASSERT_EQ(FMFlush(unsaved), RT_OK);
+    }
+    const Snapshot snapshot(cache, id);
+    for (uint32_t block = 1; block <= 30; ++block) // after the flush: these entries are revoked
+        Write(*Cache::Block(*file, block), Pattern(9000 + block, 500));
+    FMWaitUntilIdle();
+    const Snapshot later(cache, id);
+    file.Reset();
+    for (const auto& [taken, firstKept] : {std::pair(&snapshot, 1U), std::pair(&later, 31U)}) {
+        taken->Restart(cache);
+        file = cache.Open(id);
+        ASSERT_TRUE(file);
+        for (uint32_t block = 1; block <= 60; ++block) {
+            const BlockRef found = Cache::Block(*file, block, 0);
+            ASSERT_TRUE(found);
+            if (block >= firstKept)
+                EXPECT_EQ(Read(*found), Pattern(3000 + block, 500)) << block;
+            else
+                EXPECT_FALSE(found->IsComplete()) << block;
+        }
+        cache.Close(file);
+    }
+}
+
+TEST(Durability, ABlockThatIsNotStoredAtAFlushIsSavedAtTheClose) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FileRef file = cache.Create();
+    const FMFileID id = file->GetFileInfo().fileID;
+    Write(*Cache::Block(*file, 1), "first");
+    FMWaitUntilIdle();
+    const CRtMessageChain piece = CRtMessageBlock::Wrap("12345", 2);
+    Cache::Block(*file, 1)->WriteData(5, 0, piece.get()); // a rewrite in place
+    Cache::Block(*file, 2)->WriteData(4, 0, piece.get());
+    bool isDone = false;
+    const auto done = [&](int result, const Unsaved& unsaved) {
+        EXPECT_EQ(result, RT_ERROR_IO); // block 3 was accepted after the call
+        EXPECT_EQ(BlocksOf(unsaved), std::vector<uint32_t>{3});
+        isDone = true;
+    };
+    EXPECT_EQ(FMFlushAsync(done), RT_OK);
+    Cache::RunReadwrQueue();
+    std::atomic<bool> isReleased{false};
+    CFileManager::Instance()->PostToReadwrThread(new TestEvent([&] { isReleased.wait(false); }), 0);
+    Write(*Cache::Block(*file, 3), "third");
+    EXPECT_FALSE(isDone);
+    cache.thread.RunDue();
+    EXPECT_TRUE(isDone);
+    isReleased = true;
+    isReleased.notify_one();
+    const CRtMessageChain rest = CRtMessageBlock::Wrap("345", 3);
+    Cache::Block(*file, 1)->WriteData(5, 2, rest.get());
+    cache.Close(file);
+    file = cache.Open(id);
+    EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), "12345");
+    EXPECT_FALSE(Cache::Block(*file, 2, 0)->IsComplete());
+    EXPECT_EQ(Read(*Cache::Block(*file, 3, 0)), "third");
+}
+
+TEST(Durability, AFlushListsWhatItCouldNotWriteAndTheNextOneWritesIt) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FileRef open = cache.Create();
+    FileRef closed = cache.Create();
+    FileRef temporary = cache.Create(1, FM_FILE_TEMPORARY);
+    const FMFileID ids[] = {open->GetFileInfo().fileID, closed->GetFileInfo().fileID};
+    for (const FileRef* file : {&open, &closed, &temporary})
+        Write(*Cache::Block(**file, 7), "abc");
+    cache.Close(closed);
+    FMWaitUntilIdle();
+    for (const FMFileID& id : ids) {
+        fs::remove(cache.Path(id, ".sdi"));
+        fs::create_directory(cache.Path(id, ".sdi"));
+    }
+    closed = cache.Create(); // also a closed file whose table is pending
+    const FMFileID pending = closed->GetFileInfo().fileID;
+    Write(*Cache::Block(*closed, 8), "abc");
+    FMWaitUntilIdle();
+    fs::create_directory(cache.Path(pending, ".sdi"));
+    cache.Close(closed);
+    Unsaved unsaved;
+    EXPECT_EQ(FMFlush(unsaved), RT_ERROR_IO);
+    EXPECT_EQ(BlocksOf(unsaved), (std::vector<uint32_t>{7, 8}));
+    EXPECT_TRUE(!unsaved.empty() && unsaved.front().fileID == ids[0]);
+    for (const FMFileID& id : {ids[0], ids[1], pending})
+        fs::remove(cache.Path(id, ".sdi"));
+    EXPECT_EQ(FMFlush(unsaved), RT_OK);
+    EXPECT_TRUE(unsaved.empty());
+    EXPECT_TRUE(Survives(Cache::Block(*open, 7)));
+    EXPECT_FALSE(Survives(Cache::Block(*temporary, 7)));
+    cache.Stop();
+    EXPECT_EQ(FMFlush(unsaved), RT_ERROR_NOT_READY);
+    EXPECT_EQ(FMFlushAsync({}), RT_ERROR_INVALID_ARG);
+}
+
+TEST(Durability, ACallWhenIdleComesAfterEverythingThatWasQueued) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FileRef file = cache.Create();
+    const FMFileID id = file->GetFileInfo().fileID;
+    for (uint32_t block = 1; block <= 100; ++block)
+        Write(*Cache::Block(*file, block), Pattern(block, 100));
+    cache.Close(file); // its table is written in an event behind the stores
+    int result = -1;
+    EXPECT_EQ(FMCallWhenIdle([&](int idle) { result = idle; }), RT_OK);
+    EXPECT_EQ(result, -1);
+    while (result == -1)
+        cache.thread.RunDue();
+    EXPECT_EQ(result, RT_OK);
+    EXPECT_TRUE(fs::exists(cache.Path(id, ".sdi")));
+    EXPECT_EQ(FMGetUnstoredBytes(), 0U);
+    EXPECT_EQ(FMCallWhenIdle({}), RT_ERROR_INVALID_ARG);
+}
