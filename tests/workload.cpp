@@ -6,6 +6,7 @@
 
 #include <cstring>
 
+#include "FMDurability.h"
 #include "util/filemanager/filemanager.h"
 
 using faults::Calm;
@@ -75,8 +76,7 @@ void Workload::Stop() {
 void Workload::Forget(uint32_t file) {
     m_files[file].blocks = {};
     m_files[file].changed = false;
-    for (uint32_t& version : m_promises.version[file])
-        version = 0;
+    DropPromises(file);
 }
 
 void Workload::Make(uint32_t file, std::initializer_list<uint32_t> lengths, uint32_t flag,
@@ -119,15 +119,37 @@ void Workload::Close(uint32_t number, bool detach) {
     File& file = m_files[number];
     if (!file.open)
         return;
-    if (file.changed) {
-        // The table is about to be overwritten in place.
-        for (uint32_t& version : m_promises.version[number])
-            version = 0;
-    }
+    if (file.changed)
+        DropPromises(number);
     if (detach)
         m_cache.manager->DetachFile(Identifier(number));
     file.open.Reset();
     file.closed = detach;
+}
+
+// The table is about to be overwritten in place.
+void Workload::DropPromises(uint32_t file) {
+    for (uint32_t& version : m_promises.version[file])
+        version = 0;
+}
+
+// What FMFlush has written must survive a kill at any later moment.
+void Workload::Flush() {
+    for (uint32_t number = 0; number < FILES; ++number) {
+        if (m_files[number].open && m_files[number].changed)
+            DropPromises(number);
+    }
+    std::vector<FMUnsavedBlock> unsaved;
+    const int result = FMFlush(unsaved);
+    EXPECT_TRUE(result == RT_OK || !Calm()) << "flush: " << result;
+    EXPECT_EQ(result == RT_OK, unsaved.empty());
+    for (uint32_t number = 0; number < FILES; ++number) {
+        for (uint32_t id = 1; id < BLOCKS && m_files[number].open; ++id) {
+            const BlockRef block = Cache::Block(*m_files[number].open, id, 0);
+            if (block && FMGetBlockStatus(*block).survivesKill)
+                m_promises.version[number][id] = m_files[number].blocks[id].version;
+        }
+    }
 }
 
 void Workload::Put(uint32_t number, uint32_t id, uint32_t length) {
@@ -290,6 +312,8 @@ void Workload::FirstRun() {
     Open(B); // before pending stores are written
     Load(B, 2);
     Put(B, 4, 5000);
+    Flush(); // A and B; TEMPORARY and closed files have no changes
+    Put(B, 4, 5000);
     Make(C, {900, 4000});
     Close(C);
     FMWaitUntilIdle();
@@ -312,6 +336,10 @@ void Workload::SecondRun() {
     Close(A);
     Open(A);
     Put(A, 5, 2000);
+    Flush();
+    Put(A, 5, 2000);
+    Put(A, 6, 300);
+    Flush();
     Make(OLD, {3000});
     Make(OLD, {200, 3000}); // displaces the open file
     EndRun();
@@ -359,6 +387,7 @@ void Workload::RunShort() {
     Open(KEPT);
     Load(KEPT, 1);
     Put(KEPT, 2, 300);
+    Flush();
     EndRun();
 }
 

@@ -78,6 +78,8 @@ private:
     void EndRun();
     void Reopen(std::initializer_list<uint32_t> files);
     void KeepHouse();
+    void Flush();
+    void DropPromises(uint32_t file);
     bool Open(uint32_t file);
     void Remove(uint32_t file, uint32_t block);
     void Load(uint32_t file, uint32_t block);
