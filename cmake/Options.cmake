@@ -18,6 +18,7 @@ filemanager_part(BENCH OFF "Build the benchmarks")
 option(FILEMANAGER_BUILD_FUZZ "Build the fuzz targets" OFF)
 option(FILEMANAGER_INSTALL "Install the library with its headers, documents and packages" ${top_level})
 option(FILEMANAGER_DEBIAN "Make Debian packages with cpack" OFF)
+option(FILEMANAGER_CHECK_THREADS "Report calls on other threads than the caller thread" ON)
 option(FILEMANAGER_WERROR "Treat warnings as errors" ${top_level})
 
 option(FILEMANAGER_QUICK_DRIVERS

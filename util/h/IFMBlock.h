@@ -1,7 +1,8 @@
 /// @defgroup block Block
 /// One block of a cached file: its bytes, the requests of other nodes for it, and its owners.
 ///
-/// - Call the operations on the caller thread (RtRuntime.h). The library neither checks nor locks this. The
+/// - Call the operations on the caller thread (RtRuntime.h). A call on another thread is reported
+///   in the log (IFileManager.h), but not prevented: the library does not lock blocks. The
 ///   reference count is atomic and works on any thread.
 /// - A block is *complete* when all its bytes have been written; only then can it be read. The first piece
 ///   starts at position 0, each later one where the last one ended.

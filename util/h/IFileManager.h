@@ -7,20 +7,25 @@
 /// cached file is a pair: the data file (`.sdd`) contains the bytes of the blocks, the information file
 /// (`.sdi`) contains the description and the block table.
 ///
-/// - **Threads.** Call all operations on the caller thread (RtRuntime.h); the library does not check it. The
-///   library calls IFMBlockSink and ISDUser on the caller thread, too. Exceptions: IFileManager::Instance,
-///   FMWaitUntilIdle, FMGetStatistics, FMFormatStatistics, FMGetUnstoredBytes and the reference counts work
-///   on any thread, and log lines come from any thread. The *read/write thread* is a thread of the library
-///   that stores and loads blocks.
+/// - **Threads.** Call all operations on the caller thread (RtRuntime.h). The library calls IFMBlockSink and
+///   ISDUser on the caller thread, too. Exceptions: IFileManager::Instance, FMWaitUntilIdle, FMGetStatistics,
+///   FMFormatStatistics, FMGetUnstoredBytes and the reference counts work on any thread, and log lines come
+///   from any thread. The *read/write thread* is a thread of the library that stores and loads blocks.
+/// - **Mistakes.** The log has a line with the word "mistake" (#RT_LOG_ERROR) for a call on a wrong thread, a
+///   call before Initialize, a description or block that cannot be saved, an exceeded limit, a data directory
+///   that cannot be created, and files that were not saved at the end. It names the operation and the remedy.
+///   The operation does what it would do without the line. Only IFMFile::GetFileInfo, IFMBlock::GetFile,
+///   IFMBlock::GetFileID and IFMBlock::GetBlockID do not check the thread. A library that is compiled without
+///   NDEBUG then stops in the debugger that is attached to the process.
 /// - **References.** An object returned through an out argument carries one reference for the receiver.
 ///   The receiver gives it back with `ReleaseReference`; CRtComAutoPtr does so in its destructor. If an
 ///   operation fails, its out arguments are not valid, except where its description says so.
 /// - **Open and closed.** A file is open until IFileManager::DetachFile or IFileManager::UnInitialize closes
 ///   it. Releasing the last reference of the application does not close it.
 /// - **On disk.** When a block is complete, the read/write thread stores its bytes in the data file. The
-///   block table is written after the file has been closed. If the process ends before that, the blocks that
-///   were written since the file was opened are lost. So call IFileManager::UnInitialize before the process
-///   exits.
+///   block table is written after the file has been closed, and by FMFlush. If the process ends before that,
+///   the blocks that were written since the file was opened are lost. So call IFileManager::UnInitialize before
+///   the process exits.
 /// - **Failed writes.** If a store fails (disk full, for example), the log has a line, the block stays
 ///   readable in memory, and each tick retries the store. A tick is a call of the manager's timer, every 60 s
 ///   on the caller thread. Closing the file retries it once more; if that fails, the block is lost. If a
@@ -34,8 +39,8 @@
 ///   object that is handed out, the result is #RT_ERROR_NULL_OBJECT unless the operation names another.
 ///   Any other allocation failure calls std::terminate; docs/reliability.md says what is on disk then.
 /// - **Sizes.** The intended limits are 1 GiB for each cached file, 16 MiB for each block, and 131,071 for
-///   the number of open files and for the slots of a block table. If one is exceeded, the library writes an
-///   assertion line to the log and continues. A table of more than #FM_TABLE_SLOTS_MAX slots is refused.
+///   the number of open files and for the slots of a block table. If one is exceeded, the log has a line, and
+///   the library continues. A table of more than #FM_TABLE_SLOTS_MAX slots is refused.
 ///
 /// Each operation lists its result codes (RtResult.h).
 /// @{
