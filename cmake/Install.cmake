@@ -70,7 +70,8 @@ filemanager_install_documents(${documents})
 
 # The conference example has targets of this tree in its CMakeLists.txt; the installed copy has its own.
 set(examples_dir ${CMAKE_INSTALL_DOCDIR}/examples)
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/minimal ${PROJECT_SOURCE_DIR}/examples/conference
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/minimal ${PROJECT_SOURCE_DIR}/examples/loops
+        ${PROJECT_SOURCE_DIR}/examples/conference
     DESTINATION ${examples_dir} COMPONENT development
     PATTERN conference/CMakeLists.txt EXCLUDE)
 install(FILES ${PROJECT_SOURCE_DIR}/cmake/example_conference.cmake

@@ -1,4 +1,5 @@
 // Stores one block in a cache, reads it back and prints it.
+#include <FMManagerGuard.h>
 #include <IFileManager.h>
 #include <RtRuntime.h>
 
@@ -42,15 +43,16 @@ static int StoreAndReadBack(IFileManager& manager) {
 int main() {
     // Makes this thread the caller thread, the only one that may use the file manager.
     const CRtCallerThread callerThread;
-    IFileManager* manager = IFileManager::Instance();
-    if (!callerThread.IsValid() || manager == nullptr)
+    if (!callerThread.IsValid())
         return 1;
 
+    // Its destructor closes the open files; after that, everything is on disk.
     constexpr int SERVER = 1;
-    manager->Initialize("./example-cache", 7, SERVER); // keep files for 7 days
-    const int result = StoreAndReadBack(*manager);
-    manager->UnInitialize(); // closes open files; when it returns, everything is on disk
+    const FMManagerGuard manager("./example-cache", 7, SERVER); // keep files for 7 days
+    if (!manager.IsValid())
+        return 1;
 
+    const int result = StoreAndReadBack(*manager);
     if (RT_FAILED(result))
         std::fprintf(stderr, "minimal: the cache returned result code %d\n", result);
     return RT_FAILED(result) ? 1 : 0;

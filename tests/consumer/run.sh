@@ -73,6 +73,12 @@ if [ ${#static[@]} -eq 0 ]; then
                     -fsyntax-only -x c++ - || { echo "not usable alone: ${header##*/}" >&2; exit 1; }
         done
         echo "$found headers"
+
+        echo "== an installed example"
+        "$cmake" -S "$prefix/share/doc/filemanager/examples/loops" -B "$work/loops" -G "$generator" \
+            -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$compiler" >"$work/configure.log"
+        "$cmake" --build "$work/loops" --target poll # the others take seconds to compile
+        [ -n "$(printf hello | "$work/loops/poll" store "$work/cache")" ]
     fi
 
     echo "== the installed tool starts without help from the environment"

@@ -96,6 +96,14 @@ public:
     /// the sink is called before ReadData returns. Otherwise the read/write thread loads the bytes: before
     /// the stores that are queued, but after every 8 loads it runs one store. Several sinks share one load. A
     /// sink that is already waiting does not wait twice. The call does not postpone eviction.
+    /// A sink that requests the next block adds one level of recursion for each block that has a buffer. To
+    /// read block after block, request them in a loop (examples/loops/transfer.h has another form):
+    ///
+    ///     for (m_isRunning = true; !m_isLoading && HasNext();) {
+    ///         m_isLoading = true; // the sink sets it to false, and runs this loop if m_isRunning is false
+    ///         GetNext()->ReadData(this);
+    ///     }
+    ///     m_isRunning = false;
     /// @param sink called once, unless it is cancelled first.
     /// @retval RT_OK the sink has been or will be called. If the load fails, or the block is empty, the sink
     ///     receives the result code.
@@ -129,25 +137,18 @@ public:
     /// @retval RT_ERROR_INVALID_ARG `sink` is null.
     virtual int CancelReadData(IFMBlockSink* sink) = 0;
 
-    /// The file of the block; it lives at least as long as the block. No reference is added.
-    virtual IFMFile* GetFile() = 0;
-    /// Identifiers of the file and of the block.
-    ///@{
-    virtual const FMFileID& GetFileID() = 0;
-    virtual uint32_t GetBlockID() = 0;
-    ///@}
-    /// Length of the whole block in bytes; 0 before the first piece.
-    virtual uint32_t GetTotalLen() = 0;
-    /// Number of bytes written so far; the next piece starts at this position.
-    virtual uint32_t GetPosition() = 0;
+    virtual IFMFile* GetFile() = 0; ///< the file, which outlives the block; no reference is added
+    virtual const FMFileID& GetFileID() = 0; ///< identifier of the file
+    virtual uint32_t GetBlockID() = 0;       ///< identifier of the block
+    virtual uint32_t GetTotalLen() = 0; ///< length of the whole block; 0 before the first piece
+    virtual uint32_t GetPosition() = 0; ///< bytes written so far: where the next piece starts
     /// The block's own buffer, or null if the block has none. The block owns it: do not change it, and do not
     /// use it after the next call of the library.
     virtual CRtMessageBlock* GetData() = 0;
     /// True when all bytes have been written, or when the block was restored from a block table that gives
     /// its range in the data file.
     virtual bool IsComplete() = 0;
-    /// True when the block has a buffer. The block need not be complete: the first piece allocates the
-    /// buffer.
+    /// True when the block has a buffer, complete or not: the first piece allocates the buffer.
     virtual bool IsInMemory() = 0;
     /// True when the block is complete, or when it has bytes and its last WriteData call was less than 8192
     /// ms ago: then it is still being received.
@@ -166,8 +167,7 @@ public:
     /// @param bOwn non-zero: the node owns a copy. 0: it no longer does.
     virtual void SetOwner(ISDUser* owner, int bOwn) = 0;
 
-    /// True when at least one owner is recorded.
-    virtual bool HasOwner() = 0;
+    virtual bool HasOwner() = 0; ///< true when at least one owner is recorded
 
     /// Returns a random owner, or null if there is none. A server picks from the owners with public
     /// addresses; if there are none, from the owners with the lowest IP address. No reference is added: the
