@@ -153,6 +153,6 @@ FMBlockCondition CFMBlock::GetCondition() const {
 }
 
 bool CFMBlock::IsOnDiskNow() const {
-    return IsOnDisk() && m_epoch == m_file->GetEntry().GetEpoch() &&
+    return IsOnDisk() && m_onDisk.epoch == m_file->GetEntry().GetEpoch() &&
            !m_file->GetEntry().IsDetached();
 }

@@ -194,7 +194,7 @@ bool CFMBlock::FreeMemory() noexcept {
         return true;
     // If the path belongs to another object, the bytes could not be loaded again. If they are lost on disk, a
     // tick stores them again.
-    if (!m_file->GetDiskFile() || m_epoch != m_file->GetEntry().GetEpoch())
+    if (!m_file->GetDiskFile() || m_onDisk.epoch != m_file->GetEntry().GetEpoch())
         return true;
     RT_LOG(RT_LOG_TRACE, "CFMBlock::FreeMemory, fileID=" << FMFileIDToString(GetFileID())
                                                          << ",blockID=" << m_blockID
@@ -286,7 +286,7 @@ void CFMBlock::BeginRewrite(uint32_t blockLen) {
                                << m_position << ",m_totalLen=" << m_totalLen
                                << ",blockLen=" << blockLen << ",dataPos=0 this=" << this);
     m_file->MarkInfoChanged(); // the table on disk names superseded bytes
-    m_isNamed = false;
+    m_onDisk.isNamed = false;
     CRtMessageChain withdrawn;
     CFMStores& stores = m_file->GetStores();
     const auto lock = stores.LockShared();
@@ -330,7 +330,7 @@ int CFMBlock::PrepareBuffer(uint32_t blockLen) {
 // --- The store ----------------------------------------------------------------------------------
 
 void CFMBlock::PostStore() {
-    m_isNamed = false; // the store revokes the entry of the table on disk
+    m_onDisk.isNamed = false; // the store revokes the entry of the table on disk
     CRtMessageChain bytes = m_data->DuplicateChained();
     CFMStoreEvent* event = nullptr;
     {
@@ -357,7 +357,7 @@ void CFMBlock::RetryStore() {
     {
         const auto lock = m_file->GetStores().LockShared();
         isWanted =
-            m_state == State::Failed || (IsOnDisk() && m_epoch != m_file->GetEntry().GetEpoch());
+            m_state == State::Failed || (IsOnDisk() && m_onDisk.epoch != m_file->GetEntry().GetEpoch());
     }
     if (!isWanted)
         return;
@@ -486,7 +486,7 @@ void CFMBlock::EndStore(CFMStore& store, CFMDiskEntry::Stored stored) {
     assert(m_state == State::Writing && !m_store); // invariant 4
     if (!isStored)
         return FailStore();
-    m_epoch = stored.epoch;
+    m_onDisk.epoch = stored.epoch;
     SetState(State::Stored);
 }
 
@@ -501,17 +501,17 @@ void CFMBlock::FailStore() {
 FMBlockEntry CFMBlock::Describe(uint32_t epoch, uint32_t& serial) const {
     const State state = m_state;
     serial = state == State::Queued || state == State::Writing ? m_serial : 0;
-    if (!IsOnDisk() || m_epoch != epoch)
+    if (!IsOnDisk() || m_onDisk.epoch != epoch)
         return {m_blockID, 0, 0};
     return {m_blockID, m_totalLen, m_posInFile};
 }
 
 void CFMBlock::Restore(const FMBlockEntry& entry, uint32_t epoch) {
-    m_epoch = epoch;
+    m_onDisk.epoch = epoch;
     m_totalLen = entry.totalLen;
     m_position = entry.totalLen;
     m_posInFile = entry.posInFile;
-    m_isNamed = true;
+    m_onDisk.isNamed = true;
     if (IsFull())
         SetState(State::Restored);
 }
@@ -696,7 +696,7 @@ int CFMBlock::LoadBytes(uint32_t len, int bSync, CRtMessageChain& buffer) {
                 return RT_ERROR_NOT_READY;
             }
             pos = m_posInFile;
-            epoch = m_epoch;
+            epoch = m_onDisk.epoch;
         }
     }
     if (!RT_CHECK(SOURCE, m_file && m_file->GetDiskFile(), "m_file.Get() && m_file->GetDiskFile()"))

@@ -10,7 +10,7 @@
 //                                               tick      2                   2     that was loaded
 //
 //  - A rewrite leads from any state to Filling: new buffer, new serial, the pending store withdrawn.
-//  - Stored and Restored: the bytes are on disk as long as m_epoch is the disk entry's epoch; otherwise
+//  - Stored and Restored: the bytes are on disk as long as m_onDisk.epoch is the disk entry's epoch; otherwise
 //    they are lost there. If they are resident, the next tick queues them again.
 //  - Stored: the buffer is released when the block has been idle (FreeMemory). A read loads it again.
 //
@@ -92,7 +92,7 @@ public:
     void Restore(const FMBlockEntry& entry, uint32_t epoch);
     /// The end of its range in the data file, if the bytes are on disk; else 0.
     int64_t GetStoredEnd(uint32_t epoch) const {
-        return IsOnDisk() && m_epoch == epoch ? m_posInFile + m_totalLen : 0;
+        return IsOnDisk() && m_onDisk.epoch == epoch ? m_posInFile + m_totalLen : 0;
     }
     /// Queues the store again if it has failed, or if the bytes are resident but lost on disk.
     void RetryStore();
@@ -104,9 +104,9 @@ public:
     /// The data file contains the bytes, as far as this process knows.
     bool IsOnDiskNow() const;
     /// In addition, the table on disk names them.
-    bool SurvivesKill() const { return m_isNamed && IsOnDiskNow(); }
+    bool SurvivesKill() const { return m_onDisk.isNamed && IsOnDiskNow(); }
     /// Whether the table that has just been written names the bytes.
-    void SetNamed(bool isNamed) { m_isNamed = isNamed; }
+    void SetNamed(bool isNamed) { m_onDisk.isNamed = isNamed; }
     bool IsStored() const { return GetState() == BLOCK_STATE_STORED; }
 
 protected:
@@ -133,6 +133,11 @@ private:
         State state = State::None;
         uint32_t serial = 0; ///< in state Begun: of the bytes that it reads; 0: it reads none
         CFMStatistics::Clock::time_point posted;
+    };
+    /// What is known of the bytes on disk.
+    struct OnDisk {
+        uint32_t epoch = 0;   ///< of the disk entry, in which they were stored; shared
+        bool isNamed = false; ///< the table on disk names them
     };
     /// The sinks that one completion has still to call. Nests: a sink may cause another completion.
     struct CallRound {
@@ -181,11 +186,10 @@ private:
         State::Empty}; // shared; changed under the lock once the block is complete
     std::list<IFMBlockSink*> m_readsinks;
     uint32_t m_serial = 1; // of the bytes: changes with each rewrite and each posted store; shared
-    uint32_t m_epoch = 0;  // of the disk entry, in which the bytes on disk were stored; shared
+    OnDisk m_onDisk;
     CFMStoreEvent* m_store = nullptr; // in state Queued: the pending store; shared
     Load m_load;                      // the asynchronous load in flight; shared
     CallRound* m_calling = nullptr;
-    bool m_isNamed = false; // the table on disk names the bytes on disk
 
 protected:
     // Last, so that the owners are released before the file.
