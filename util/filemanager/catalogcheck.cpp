@@ -5,8 +5,6 @@
 #include <string>
 #include <unordered_map>
 
-#include "fmblock.h"
-
 namespace {
 
 std::string Text(const CRtString& text) { return std::string(text.view()); }
@@ -97,7 +95,7 @@ void Checker::CheckDescription(int64_t now) {
         Note("the creation time is in the future", "housekeeping counts the file as new");
     if (info.flag & FM_FILE_TEMPORARY)
         Note("the file is temporary", "closing the file removes it, and so does housekeeping");
-    if (m_file.dataLength > uint64_t{cmax_filea_data_len})
+    if (m_file.dataLength > FM_FILE_BYTES_MAX)
         Note("the data file has " + FormatSize(m_file.dataLength),
              "can be used, but exceeds the limit of 1 GiB for a cached file");
 }
@@ -149,7 +147,7 @@ void Checker::AddState(const FMBlockEntry& block, FMSlotState state) {
                                  std::to_string(block.posInFile) + ", length " +
                                  std::to_string(block.totalLen),
                              "loaded without data");
-    if (block.totalLen > cmax_block_data_len)
+    if (block.totalLen > FM_BLOCK_BYTES_MAX)
         Note(Name(block) + " has " + FormatSize(block.totalLen),
              "can be used, but exceeds the limit of 16 MiB for a block");
     if (block.totalLen > 0 && End(block) > m_file.dataLength)
