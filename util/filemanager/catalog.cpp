@@ -55,7 +55,7 @@ void SortUnique(std::vector<CRtString>& names) {
 
 // --- The information file -----------------------------------------------------------------------
 
-// Removes a length and a body of that length from the front. False if `rest` is too short.
+// Removes a length and a body of that length from the front. False if `rest` is too short or the body empty.
 bool TakeBody(std::span<const char>& rest, uint32_t most, CRtMessageChain& body) {
     uint8_t prefix[FM_INFO_LENGTH_SIZE] = {};
     if (rest.size() < sizeof(prefix))
@@ -63,7 +63,7 @@ bool TakeBody(std::span<const char>& rest, uint32_t most, CRtMessageChain& body)
     std::copy_n(rest.begin(), sizeof(prefix), prefix);
     const uint32_t length = FMGetLength(prefix);
     rest = rest.subspan(sizeof(prefix));
-    if (length > most || length > rest.size())
+    if (length == 0 || length > most || length > rest.size())
         return false;
     body = CRtMessageBlock::Wrap(rest.data(), length);
     rest = rest.subspan(length);
