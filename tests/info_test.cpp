@@ -132,7 +132,7 @@ TEST(Info, ImpossibleNumbersAreSkippedRefusedOrFailWhenRead) {
     EXPECT_FALSE(Cache::Block(*file, 3, 0));
 
     EXPECT_TRUE(
-        open(BlockBody({{7, 10, 0}, {4000, 10, 5}, {7, 10, 20}, {9, 2000, 0}, {9, 5, 50}})));
+        open(BlockBody({{7, 10, 0}, {4000, 10, 5}, {7, 10, 100}, {9, 10, 200}, {9, 5000, 300}})));
     EXPECT_TRUE(open(std::string(2, '\0') + std::string(FM_INFO_BLOCK_BODY_MAX - 2, 'x')));
     EXPECT_FALSE(open(std::string(FM_INFO_BLOCK_BODY_MAX + 1, '\0')));
     EXPECT_FALSE(open(""));

@@ -350,7 +350,7 @@ int OpenOrCreate(const char* path, uint32_t flags, bool& created) {
 
 // A query (IsLocked) holds the shared lock for an instant, which refuses the exclusive one.
 bool LockAlone(int fd) {
-    for (const int pauseMs : {1, 2, 4, 8}) {
+    for (const int pauseMs : {0, 1, 2, 4, 8, 16, 32}) {
         if (LockFile(fd, LOCK_EX))
             return true;
         if (!LockFile(fd, LOCK_SH)) // another descriptor holds the exclusive lock

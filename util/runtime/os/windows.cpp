@@ -316,7 +316,7 @@ int Open(const CRtString& path, int mode, uint32_t flags, int& file) {
 // A query (IsLocked) permits no writing for an instant, so that every open for writing fails.
 int OpenPastQueries(const CRtString& path, int mode, uint32_t flags, int& file) {
     int error = Open(path, mode, flags, file);
-    for (DWORD pauseMs = 1; pauseMs <= 8 && error == IN_USE && !IsLocked(path); pauseMs *= 2) {
+    for (DWORD pauseMs = 1; pauseMs <= 32 && error == IN_USE && !IsLocked(path); pauseMs *= 2) {
         ::Sleep(pauseMs);
         error = Open(path, mode, flags, file);
     }
