@@ -56,7 +56,8 @@ struct FMCachedFile {
 
     /// The file is open in this process: IFileManager::OpenFile returns it without a load.
     bool isOpenHere = false;
-    /// Another process holds the exclusive lock on the data file, as it does while it has the file open. Its
+    /// Another process holds the exclusive lock on the data file. A process holds it while it has the file open,
+    /// except for the files that it used least recently if it has too many open (docs/reliability.md). The
     /// information file can be missing or older than the data file; this is not damage.
     bool isOpenElsewhere = false;
 
