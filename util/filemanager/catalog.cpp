@@ -20,7 +20,7 @@ using FileRef = CRtComAutoPtr<CFMFile>;
 constexpr uint32_t INFO_FILE_MAX =
     FM_INFO_BODY_OFFSET + FM_INFO_FILE_BODY_MAX + FM_INFO_LENGTH_SIZE + FM_INFO_BLOCK_BODY_MAX;
 
-// Null unless the manager is running.
+// Null unless the manager is running. Caller thread.
 CFileManager* RunningManager() {
     CFileManager* const manager = CFileManager::IfAlive();
     return manager && manager->IsRunning() ? manager : nullptr;
@@ -150,19 +150,20 @@ void ReadInfo(const CRtString& path, FMCachedFile& file, FMTableFacts& facts) {
 
 // --- Open files ---------------------------------------------------------------------------------
 
-// The file objects of this process that live on the path.
+// The file objects of this process that live on the path. If there is one, the manager's directory is fixed.
 std::vector<FileRef> FindLive(CFileManager* manager, const CRtString& dataPath,
                               const FMFileID& id) {
-    if (!manager || id == FMFileID_None)
-        return {};
-    std::vector<FileRef> live = manager->GetLiveFiles().Get(&id);
+    std::vector<FileRef> live;
+    if (manager && !(id == FMFileID_None))
+        live = manager->GetLiveFiles().Get(&id);
+    if (live.empty())
+        return live;
     const CRtString own = manager->GetDataDir() + StemOf(id) + FM_DATA_EXTENSION;
     RtOs::FileStamp found;
     RtOs::FileStamp ours;
-    if (!live.empty() && dataPath != own &&
-        !(RtOs::GetStamp(dataPath, found) && RtOs::GetStamp(own, ours) && found.IsSameFile(ours)))
-        live.clear();
-    return live;
+    const bool isOwn = dataPath == own || (RtOs::GetStamp(dataPath, found) &&
+                                           RtOs::GetStamp(own, ours) && found.IsSameFile(ours));
+    return isOwn ? live : std::vector<FileRef>();
 }
 
 void FindOpenings(CFileManager* manager, const CRtString& dataPath, FMCachedFile& file) {
@@ -234,7 +235,7 @@ int FMDescribeCachedFile(const CRtString& directory, const CRtString& stem, FMCa
     const CRtString dataPath = base + stem + FM_DATA_EXTENSION;
     FMTableFacts facts;
     // Before the information file: the other process may close the file in between, and write it.
-    CFileManager* const manager = RunningManager();
+    CFileManager* const manager = CFileManager::IfAlive();
     FindOpenings(manager, dataPath, file);
     if (directory.empty() && file.isOpenHere)
         DescribeLive(manager->FindOpenAt(file.fileID), base, file, facts);

@@ -164,7 +164,7 @@ private:
     const FMBlockTable m_emptyBlocks;
     CRtThread* m_pReadwrTd = nullptr;
     CRtThread* m_pCallerTd = nullptr;
-    std::atomic<int> m_init{0}; // the catalog reads it on any thread
+    int m_init = 0;
     CRtString m_rootDir;
     CRtString m_dataDir;
     int m_isServer = 0;
