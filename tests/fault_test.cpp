@@ -212,6 +212,12 @@ TEST(Fault, DescribingAFileReadsItsInformationFileOnceAndChangesNothing) {
         EXPECT_EQ(FMDescribeCachedFile("", stem, described), RT_OK);
         EXPECT_TRUE(described.isOpenHere && !described.hasInfo && described.findings.empty());
         EXPECT_EQ(described.storedBlocks, 7000U);
+        const CRtString directory(
+            cache.Path(file->GetFileInfo().fileID, "").parent_path().string());
+        EXPECT_EQ(FMDescribeCachedFile(directory, stem, described), RT_OK);
+        EXPECT_TRUE(described.isOpenHere && !described.isLoadable && described.dataLength == 7000);
+        ASSERT_EQ(described.findings.size(), 1U);
+        EXPECT_FALSE(described.findings[0].isFault);
         cache.Close(file);
         FMWaitUntilIdle();
         Begin(trial.dir.path, {.action = STALL, .kinds = kinds, .forever = true}); // counts

@@ -10,6 +10,7 @@
 #include "RtTimeValue.h"
 #include "catalogcheck.h"
 #include "filemanager.h"
+#include "mistakes.h"
 #include "os/RtOs.h"
 
 namespace {
@@ -20,17 +21,19 @@ using FileRef = CRtComAutoPtr<CFMFile>;
 constexpr uint32_t INFO_FILE_MAX =
     FM_INFO_BODY_OFFSET + FM_INFO_FILE_BODY_MAX + FM_INFO_LENGTH_SIZE + FM_INFO_BLOCK_BODY_MAX;
 
-// Null unless the manager is running. Caller thread.
-CFileManager* RunningManager() {
-    CFileManager* const manager = CFileManager::IfAlive();
+// Null unless the manager is running, and on other threads than the caller thread. `call`: for the log.
+CFileManager* RunningManager(const char* call) {
+    CFMMistakes::CheckThread(call);
+    CFileManager* const manager =
+        CRtEventQueue::IsCallerThread() ? CFileManager::IfAlive() : nullptr;
     return manager && manager->IsRunning() ? manager : nullptr;
 }
 
-// The path of the directory with a separator at its end. False if the manager is asked for it, but not running.
-bool LocateDirectory(const CRtString& directory, CRtString& path) {
+// The path of the directory with a separator at its end. False if there is no RunningManager to tell it.
+bool LocateDirectory(const CRtString& directory, const char* call, CRtString& path) {
     path = directory;
     if (directory.empty()) {
-        CFileManager* const manager = RunningManager();
+        CFileManager* const manager = RunningManager(call);
         if (!manager)
             return false;
         path = manager->GetDataDir();
@@ -196,7 +199,7 @@ int FMListCachedFiles(const CRtString& directory, std::vector<CRtString>& stems,
     stems.clear();
     others.clear();
     CRtString base;
-    if (!LocateDirectory(directory, base))
+    if (!LocateDirectory(directory, "FMListCachedFiles", base))
         return RT_ERROR_NOT_READY;
     RtOs::DirectoryWalk walk(base, true);
     if (!walk.IsOpen())
@@ -213,7 +216,7 @@ int FMListCachedFiles(const CRtString& directory, std::vector<CRtString>& stems,
             others.push_back(name);
     }
     if (directory.empty()) {
-        for (const FMFileID& id : RunningManager()->GetOpenPaths())
+        for (const FMFileID& id : CFileManager::Instance()->GetOpenPaths())
             stems.push_back(StemOf(id));
     }
     SortUnique(stems);
@@ -226,7 +229,7 @@ int FMDescribeCachedFile(const CRtString& directory, const CRtString& stem, FMCa
     CRtString base;
     if (stem.empty() || RtOs::FindLastSeparator(stem) != std::string_view::npos)
         return RT_ERROR_INVALID_ARG;
-    if (!LocateDirectory(directory, base))
+    if (!LocateDirectory(directory, "FMDescribeCachedFile", base))
         return RT_ERROR_NOT_READY;
     file.stem = stem;
     FMFileIDFromString(stem, file.fileID);
@@ -284,6 +287,6 @@ FMExpiry FMJudgeExpiry(const FMCachedFile& file, uint16_t clearDays, int64_t now
 }
 
 int FMStartHousekeeping() {
-    CFileManager* const manager = RunningManager();
+    CFileManager* const manager = RunningManager("FMStartHousekeeping");
     return manager ? manager->StartHouseKeeping() : RT_ERROR_NOT_READY;
 }

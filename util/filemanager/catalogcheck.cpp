@@ -45,10 +45,10 @@ private:
         m_file.findings.push_back({CRtString(what), CRtString(effect), isFault});
     }
     void Note(const std::string& what, const std::string& effect) { Add(what, effect, false); }
-    // While another process has the file open, the information file is older than the data file.
+    // While a file is open, its information file is older than its data file.
     void AddUnlessOpen(const std::string& what, const std::string& effect) {
-        if (m_file.isOpenElsewhere)
-            Note(what, "the other process writes it when it closes the file");
+        if (m_file.isOpenHere || m_file.isOpenElsewhere)
+            Note(what, "written when the file is closed");
         else
             Add(what, effect);
     }
@@ -72,10 +72,8 @@ void Checker::CheckFiles() {
     if (m_file.fileID == FMFileID_None)
         Add("the name is not an identifier",
             m_file.hasData ? "not loaded; housekeeping examines it" : "not loaded");
-    if (m_file.isOpenHere)
-        return;
     const std::string gone = m_file.hasData ? "; housekeeping removes it" : "";
-    if (!m_file.hasInfo)
+    if (!m_file.hasInfo && !m_file.isDescribed)
         AddUnlessOpen("there is no information file", "not loaded" + gone);
     else if (m_file.isUnreadable)
         Add("the information file " + Text(m_file.infoFault), "");

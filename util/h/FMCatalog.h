@@ -1,7 +1,7 @@
 /// @defgroup catalog Catalog of cached files
 /// What is in a cache: the cached files of a directory, the state of each file and of its blocks, damage, and what
 /// housekeeping will do. The functions open files for reading only; they create, change and remove nothing. They
-/// write no log lines, except for a block table that ends early.
+/// write no log lines, except for a block table that ends early and for a call on the wrong thread.
 ///
 /// A cached file is named by its *stem*, the name of its two files without the extension: the text of its
 /// identifier (FMFileIDToString).
@@ -100,7 +100,8 @@ struct FMCachedFile {
 /// @param[out] others the names of all other entries of the directory, sorted.
 /// @retval RT_OK
 /// @retval RT_ERROR_NOT_FOUND there is no such directory, or it cannot be opened.
-/// @retval RT_ERROR_NOT_READY `directory` is empty, and the manager is not running.
+/// @retval RT_ERROR_NOT_READY `directory` is empty, and the manager is not running or the calling thread is not the
+///     caller thread.
 RT_EXPORT int FMListCachedFiles(const CRtString& directory, std::vector<CRtString>& stems,
                                 std::vector<CRtString>& others);
 
@@ -113,7 +114,8 @@ RT_EXPORT int FMListCachedFiles(const CRtString& directory, std::vector<CRtStrin
 /// @retval RT_OK also for a damaged file.
 /// @retval RT_ERROR_INVALID_ARG `stem` is empty or contains a separator of paths.
 /// @retval RT_ERROR_NOT_FOUND the file has neither an information file nor a data file, and is not open.
-/// @retval RT_ERROR_NOT_READY `directory` is empty, and the manager is not running.
+/// @retval RT_ERROR_NOT_READY `directory` is empty, and the manager is not running or the calling thread is not the
+///     caller thread.
 RT_EXPORT int FMDescribeCachedFile(const CRtString& directory, const CRtString& stem,
                                    FMCachedFile& file);
 
@@ -148,7 +150,7 @@ RT_EXPORT int64_t FMAgeInDays(uint32_t createTime, int64_t now);
 /// examines one file per event of the read/write thread; FMWaitUntilIdle waits for its end. Caller thread.
 /// @retval RT_OK the run is queued.
 /// @retval RT_ERROR_NOT_SUPPORTED the manager runs as a client, which has no housekeeping.
-/// @retval RT_ERROR_NOT_READY a run is queued or running, the manager is not running, or its read/write thread
-///     could not be started.
+/// @retval RT_ERROR_NOT_READY a run is queued or running, the manager is not running, its read/write thread could not
+///     be started, or the calling thread is not the caller thread.
 RT_EXPORT int FMStartHousekeeping();
 /// @}
