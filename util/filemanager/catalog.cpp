@@ -50,11 +50,7 @@ bool IsRegularFile(const CRtString& path) {
 
 CRtString StemOf(const FMFileID& id) { return FMFileIDToString(id); }
 
-void SortUnique(std::vector<CRtString>& names) {
-    std::ranges::sort(names);
-    const auto repeated = std::ranges::unique(names);
-    names.erase(repeated.begin(), repeated.end());
-}
+void Sort(std::vector<CRtString>& names) { std::ranges::sort(names, {}, &CRtString::view); }
 
 // --- The information file -----------------------------------------------------------------------
 
@@ -156,9 +152,9 @@ void ReadInfo(const CRtString& path, FMCachedFile& file, FMTableFacts& facts) {
 // The file objects of this process that live on the path. If there is one, the manager's directory is fixed.
 std::vector<FileRef> FindLive(CFileManager* manager, const CRtString& dataPath,
                               const FMFileID& id) {
-    std::vector<FileRef> live;
-    if (manager && !(id == FMFileID_None))
-        live = manager->GetLiveFiles().Get(&id);
+    if (!manager || id == FMFileID_None)
+        return {};
+    std::vector<FileRef> live = manager->GetLiveFiles().Get(&id);
     if (live.empty())
         return live;
     const CRtString own = manager->GetDataDir() + StemOf(id) + FM_DATA_EXTENSION;
@@ -171,7 +167,7 @@ std::vector<FileRef> FindLive(CFileManager* manager, const CRtString& dataPath,
 
 void FindOpenings(CFileManager* manager, const CRtString& dataPath, FMCachedFile& file) {
     const std::vector<FileRef> live = FindLive(manager, dataPath, file.fileID);
-    file.isOpenHere = !live.empty() && manager->FindOpenAt(file.fileID);
+    file.isOpenHere = manager && !live.empty() && manager->FindOpenAt(file.fileID);
     file.isOpenElsewhere = live.empty() ? RtOs::IsLocked(dataPath)
                                         : std::ranges::all_of(live, [](const FileRef& each) {
                                               return each->GetEntry().IsLockedElsewhere();
@@ -219,8 +215,9 @@ int FMListCachedFiles(const CRtString& directory, std::vector<CRtString>& stems,
         for (const FMFileID& id : CFileManager::Instance()->GetOpenPaths())
             stems.push_back(StemOf(id));
     }
-    SortUnique(stems);
-    std::ranges::sort(others);
+    Sort(stems);
+    Sort(others);
+    stems.erase(std::unique(stems.begin(), stems.end()), stems.end());
     return RT_OK;
 }
 
@@ -240,7 +237,7 @@ int FMDescribeCachedFile(const CRtString& directory, const CRtString& stem, FMCa
     // Before the information file: the other process may close the file in between, and write it.
     CFileManager* const manager = CFileManager::IfAlive();
     FindOpenings(manager, dataPath, file);
-    if (directory.empty() && file.isOpenHere)
+    if (manager && directory.empty() && file.isOpenHere)
         DescribeLive(manager->FindOpenAt(file.fileID), base, file, facts);
     else
         ReadInfo(base + stem + FM_INFO_EXTENSION, file, facts);
