@@ -4,6 +4,7 @@
 #include <map>
 #include <optional>
 
+#include "FMCatalog.h"
 #include "support.h"
 
 namespace {
@@ -17,40 +18,6 @@ constexpr FMFileID PATH_ID{0x10203040, 0x5060, 0x7080, {1, 2, 3, 4, 5, 6, 7, 8}}
 constexpr uint32_t LARGEST_READ = 1 << 16;
 // A description with a longer name can be saved but not loaded.
 constexpr size_t LONGEST_NAME = 2010;
-
-// The content of an information file, decoded as its format page describes.
-struct Description {
-    explicit Description(const std::string& bytes) {
-        const auto number = [&bytes](size_t at) {
-            uint8_t raw[FM_INFO_LENGTH_SIZE];
-            std::memcpy(raw, bytes.data() + at, sizeof(raw));
-            return FMGetLength(raw);
-        };
-        if (bytes.size() < FM_INFO_BODY_OFFSET || !bytes.starts_with(FM_INFO_MAGIC))
-            return;
-        const uint32_t first = number(FM_INFO_LENGTH_OFFSET);
-        const size_t second = size_t{FM_INFO_BODY_OFFSET} + first;
-        if (first > FM_INFO_FILE_BODY_MAX || bytes.size() < second + FM_INFO_LENGTH_SIZE)
-            return;
-        uint32_t createTime = 0;
-        const auto fileBody = CRtMessageBlock::Wrap(bytes.data() + FM_INFO_BODY_OFFSET, first);
-        if (FMDecodeFileBody(*fileBody, info, createTime) != 0 || info.fileID == FMFileID_None ||
-            info.num > FM_TABLE_SLOTS_MAX)
-            return;
-        const uint32_t length = number(second);
-        const size_t start = second + FM_INFO_LENGTH_SIZE;
-        if (length == 0 || length > FM_INFO_BLOCK_BODY_MAX || bytes.size() - start < length)
-            return;
-        isSound = true;
-        info.num = FMSlotsToLoad(info.num, bytes.size());
-        const auto blockBody = CRtMessageBlock::Wrap(bytes.data() + start, length);
-        FMDecodeBlockBody(*blockBody, entries);
-    }
-
-    FMFileInfo info;
-    std::vector<FMBlockEntry> entries;
-    bool isSound = false;
-};
 
 // The expected content of a block.
 struct Model {
@@ -73,17 +40,20 @@ public:
 
     void Run() {
         WriteFiles();
-        const Description description(m_information);
-        Require(Open() == description.isSound);
-        if (description.isSound) {
-            Expect(description);
+        // The catalog parses the file on its own, from a single read.
+        FMCachedFile described;
+        Require(FMDescribeCachedFile(CRtString(m_stem.parent_path().string()),
+                                     FMFileIDToString(PATH_ID), described) == 0);
+        Require(Open() == described.isLoadable);
+        if (described.isLoadable) {
+            Expect(described);
             CheckAll();
             for (int change = 0; change < 8; ++change)
                 Change();
             Close();
-            const bool temporary = description.info.flag & FM_FILE_TEMPORARY;
+            const bool temporary = described.info.flag & FM_FILE_TEMPORARY;
             const bool again = Open();
-            Require(again == !temporary || description.info.name.size() > LONGEST_NAME);
+            Require(again == !temporary || described.info.name.size() > LONGEST_NAME);
             if (again) {
                 CheckAll();
                 Close();
@@ -145,15 +115,27 @@ private:
         m_models.erase(0); // a table cannot distinguish block 0 from an empty slot
     }
 
-    void Expect(const Description& description) {
+    void Expect(const FMCachedFile& described) {
         const FMFileInfo& info = m_file->GetFileInfo();
-        Require(info.name == description.info.name && info.num == description.info.num);
-        Require(info.blockBeg == description.info.blockBeg && info.flag == description.info.flag);
+        Require(info.name == described.info.name);
+        Require(info.num == FMSlotsToLoad(described.info.num, m_information.size()));
+        Require(info.blockBeg == described.info.blockBeg && info.flag == described.info.flag);
         Require(m_file->GetBlocks().size() == info.num);
-        for (const FMBlockEntry& entry : description.entries) {
-            if (entry.blockID != 0 && entry.blockID >= info.blockBeg &&
-                entry.blockID - info.blockBeg < info.num)
-                m_models[entry.blockID] = Expected(entry, description.entries);
+        for (size_t i = 0; i < described.entries.size(); ++i) {
+            const FMBlockEntry& entry = described.entries[i];
+            const FMSlotState state = described.states[i];
+            if (entry.blockID == 0 || entry.blockID < info.blockBeg ||
+                entry.blockID - info.blockBeg >= info.num) {
+                Require(state == (entry.blockID == 0 ? FMSlotState::Empty : FMSlotState::Outside));
+                continue;
+            }
+            const Model& model = m_models[entry.blockID] = Expected(entry, described.entries);
+            if (state == FMSlotState::Replaced)
+                continue;
+            const BlockRef block = Block(entry.blockID, 0);
+            Require((state == FMSlotState::Stored) == (model.complete && !model.mayFail));
+            Require(block->IsComplete() ==
+                    (state == FMSlotState::Stored || state == FMSlotState::Beyond));
         }
     }
 

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <csignal>
 
+#include "FMCatalog.h"
 #include "util/filemanager/filemanager.h"
 #include "workload.h"
 
@@ -196,6 +197,41 @@ TEST(Fault, OpeningReadingAndClosingASmallFileTakesElevenCallsAndFewAllocations)
     };
     EXPECT_EQ(InChild([&] { count(ANY_OPERATION); }), "done");
     EXPECT_EQ(InChild([&] { count(ALLOCATE); }), "done");
+}
+
+TEST(Fault, DescribingAFileReadsItsInformationFileOnceAndChangesNothing) {
+    Trial trial;
+    const auto count = [&trial](uint32_t kinds, uint32_t expected) {
+        Cache cache(trial.dir.path);
+        FileRef file = cache.Create();
+        const CRtString stem = FMFileIDToString(file->GetFileInfo().fileID);
+        for (uint32_t id = 1; id <= 7000; ++id) // a table of more than 64 KiB
+            Write(*Cache::Block(*file, id), "x");
+        FMWaitUntilIdle();
+        FMCachedFile described; // from the live object: nothing is in an information file yet
+        EXPECT_EQ(FMDescribeCachedFile("", stem, described), RT_OK);
+        EXPECT_TRUE(described.isOpenHere && !described.hasInfo && described.findings.empty());
+        EXPECT_EQ(described.storedBlocks, 7000U);
+        const CRtString directory(
+            cache.Path(file->GetFileInfo().fileID, "").parent_path().string());
+        EXPECT_EQ(FMDescribeCachedFile(directory, stem, described), RT_OK);
+        EXPECT_TRUE(described.isOpenHere && !described.isLoadable && described.dataLength == 7000);
+        ASSERT_EQ(described.findings.size(), 1U);
+        EXPECT_FALSE(described.findings[0].isFault);
+        cache.Close(file);
+        FMWaitUntilIdle();
+        Begin(trial.dir.path, {.action = STALL, .kinds = kinds, .forever = true}); // counts
+        EXPECT_EQ(FMDescribeCachedFile("", stem, described), RT_OK);
+        const uint32_t hits = Hits();
+        Lift();
+        EXPECT_EQ(hits, expected);
+        EXPECT_TRUE(described.isLoadable && !described.isOpenHere && !described.isOpenElsewhere);
+        EXPECT_EQ(described.storedBlocks, 7000U);
+        EXPECT_EQ(described.highestBlock, 7000U);
+    };
+    EXPECT_EQ(InChild([&] { count(READ, 1); }), "done");
+    EXPECT_EQ(InChild([&] { count(OPEN, 2); }), "done"); // the data file for the query of its lock
+    EXPECT_EQ(InChild([&] { count(WRITE | REMOVE | MAKE_DIR | REMOVE_DIR, 0); }), "done");
 }
 
 TEST(Fault, UnknownFingerprintDoesNotCountAsChanged) {

@@ -109,6 +109,13 @@ says "^$lost +- +- .*next run: no information file +\(there is no information fi
 says "^$bad .*next run: unreadable +\(the information file is not"
 json 0 "j['others'][0]['name'] == 'notes.txt'" ls --dir cache
 run 0 housekeep --dir cache --days 7 --dry-run && says '^5 of 20 files would be removed'
+if [ -z "${FILEMANAGER_EMULATED:-}" ]; then # open in another process: flock holds the lock of a server
+    while_open() { flock "cache/sdstore/$lost.sdd" "$fmcache" "$1" --dir cache "${@:2}" >stdout || fail "$*"; }
+    while_open ls && says "^$lost .*unknown: open +open \(by another process\)$"
+    while_open verify "$lost" && says "^$lost  open \(by another process\)$"
+    while_open show "$lost" && says '^not loaded    open \(by another process\)$'
+    while_open housekeep --days 7 --dry-run && says '^4 of 20 files would be removed'
+fi
 [ "$(listing)" = "$before" ] || fail "looking has changed the cache"
 # --- a read-only copy, used by another user
 cp -a cache copy && cp "$fmcache" tool && chmod -R a+rX-w copy && chmod a+rx . tool

@@ -9,6 +9,7 @@
 
 #include <thread>
 
+#include "FMCatalog.h"
 #include "support.h"
 #include "util/filemanager/filemanager.h"
 #include "util/runtime/os/RtOs.h"
@@ -166,7 +167,6 @@ TEST(Clearing, FollowsNoLinkOutOfTheCache) {
 }
 
 TEST(HouseKeeping, LinksAndSeparatorsInNamesDoNotLeadOutOfTheStore) {
-    TestClock clock;
     LogCapture quiet(RT_LOG_SILENT);
     const TempDir outside;
     WriteFile(outside.path / "precious", "precious");
@@ -179,8 +179,15 @@ TEST(HouseKeeping, LinksAndSeparatorsInNamesDoNotLeadOutOfTheStore) {
     WriteFile(cache.Path(nowhere, ".sdd"), "");
     fs::create_symlink(outside.path / "precious", cache.Path(elsewhere, ".sdd"));
     EXPECT_FALSE(cache.Open(nowhere)); // a dangling link: can be neither opened nor created
-    clock.Advance(60'000);
-    cache.thread.RunDue();
+    std::vector<CRtString> stems;
+    std::vector<CRtString> others;
+    EXPECT_EQ(FMListCachedFiles("", stems, others), RT_OK);
+    EXPECT_EQ(stems, std::vector{FMFileIDToString(nowhere)});
+    EXPECT_EQ(others.size(), 3U); // the links, and the name with a separator
+    FMCachedFile file;
+    EXPECT_EQ(FMDescribeCachedFile("", "..\\victim", file), RT_ERROR_INVALID_ARG);
+    EXPECT_EQ(FMDescribeCachedFile("", FMFileIDToString(elsewhere), file), RT_ERROR_NOT_FOUND);
+    FMStartHousekeeping();
     cache.Stop();
     EXPECT_TRUE(fs::exists(cache.dir.path / "victim.sdd"));
     EXPECT_FALSE(fs::exists(cache.Path(nowhere, ".sdd")));
@@ -240,14 +247,13 @@ TEST(DirectoryWalk, LeaveDoesNotEnterAnotherDirectory) {
 }
 
 TEST(Log, NamesOfFoundFilesCannotControlTheTerminal) {
-    TestClock clock;
     LogCapture log;
     Cache cache(1, 7);
     const std::string name = "\x1B[2J\n\xC2\x9BJ\x9B B\xC3\xBCro";
     WriteFile(cache.dir.path / "sdstore" / (name + ".sdd"), "x");
     WriteFile(cache.dir.path / "sdstore" / (name + ".sdi"), "\x1B[3J");
-    clock.Advance(60'000);
-    FMWaitUntilIdle(); // housekeeping
+    FMStartHousekeeping();
+    FMWaitUntilIdle();
     const std::string text = log.Text();
     EXPECT_EQ(text.find_first_of("\x1B\x9B"), std::string::npos);
     EXPECT_GT(log.Count("\\x1B[2J\\x0A\\x9BJ\\x9B B\xC3\xBCro.sdd"), 0U);

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -14,6 +15,7 @@
 #include <thread>
 #include <utility>
 
+#include "FMCatalog.h"
 #include "RtThread.h"
 #include "support.h"
 #include "util/filemanager/filemanager.h"
@@ -136,7 +138,17 @@ TEST(Sharing, ServerLocksItsOpenFilesUntilItIsKilled) {
     EXPECT_EQ(CountHandles(), handles);
     EXPECT_FALSE(cache.Open(created.fileID)); // no information file: the data file is not opened
     EXPECT_EQ(log.Count("CFileManager::LoadFile, another process has the file, fileID="), 1U);
+    FMCachedFile file;
+    for (const FMFileID& id : {old.fileID, created.fileID}) {
+        EXPECT_EQ(FMDescribeCachedFile("", FMFileIDToString(id), file), RT_OK);
+        EXPECT_TRUE(file.isOpenElsewhere && !file.isOpenHere);
+        EXPECT_TRUE(std::ranges::none_of(file.findings, &FMFinding::isFault));
+        EXPECT_EQ(FMJudgeExpiry(file, 7, int64_t{1} << 40).reason, "open");
+    }
+    EXPECT_FALSE(file.hasInfo);
     FileRef mine = cache.Create(created);
+    EXPECT_EQ(FMDescribeCachedFile("", FMFileIDToString(created.fileID), file), RT_OK);
+    EXPECT_TRUE(file.isOpenElsewhere && file.isOpenHere);
     Write(*Cache::Block(*mine, 1), Pattern(4, 300));
     clock.Advance(int64_t{100} * 86400 * 1000);
     FMWaitUntilIdle(); // housekeeping finds both files expired and keeps them
@@ -151,8 +163,35 @@ TEST(Sharing, ServerLocksItsOpenFilesUntilItIsKilled) {
     EXPECT_EQ(ReadFile(cache.Path(created.fileID, ".sdd")), Pattern(4, 300));
     FileRef again = cache.Open(old.fileID);
     ASSERT_TRUE(again);
+    for (const CRtString& directory : {CRtString(), CRtString((dir.path / "sdstore").string())}) {
+        EXPECT_EQ(FMDescribeCachedFile(directory, FMFileIDToString(old.fileID), file), RT_OK);
+        EXPECT_TRUE(file.isOpenHere && !file.isOpenElsewhere);
+    }
     EXPECT_EQ(Read(*Cache::Block(*again, 1, 0)), Pattern(1, 5000));
     EXPECT_FALSE(Cache::Block(*again, 2, 0));
+}
+
+TEST(Sharing, QueryOfTheLockNeverMakesAnOpenFail) {
+    LogCapture quiet(RT_LOG_SILENT);
+    const TempDir dir;
+    const FMFileInfo info = Description();
+    const CRtString store((dir.path / "sdstore").string());
+    const auto query = [&](IFileManager& manager) {
+        Store(manager, info, 1);
+        manager.UnInitialize();
+        std::thread([&] {
+            for (FMCachedFile file;;)
+                FMDescribeCachedFile(store, FMFileIDToString(info.fileID), file);
+        }).detach();
+    };
+    const OtherProcess first(dir, 1, query);
+    ASSERT_TRUE(first.IsReady());
+    Cache cache(dir.path);
+    for (int i = 0; i < 3000; ++i) {
+        FileRef file = cache.Open(info.fileID);
+        ASSERT_TRUE(file) << i;
+        cache.Close(file);
+    }
 }
 
 TEST(Sharing, ClearingKeepsDirectoriesThatOtherProcessesUse) {

@@ -1,6 +1,7 @@
 // The manager's tick: statistics, memory collection, the daily housekeeping.
 #include <gtest/gtest.h>
 
+#include "FMCatalog.h"
 #include "support.h"
 #include "util/filemanager/filemanager.h"
 
@@ -26,6 +27,7 @@ TEST(Timer, WritesStatisticsEveryThirdTick) {
     EXPECT_EQ(log.Count("statistics  cache: [memo-Max=67108864 Cur=0] [files Cur=0 c-0 d-0] "
                         "[blocks c-0 d-0] [time s-0 g-0 p-0]"),
               3U);
+    EXPECT_EQ(FMStartHousekeeping(), RT_ERROR_NOT_SUPPORTED);
     EXPECT_EQ(log.Count("HouseKeeping_m"), 0U); // a client does no housekeeping
 }
 
@@ -99,6 +101,7 @@ TEST(HouseKeeping, RunsAtTheFirstTickAndThenDaily) {
     EXPECT_EQ(runs(), 2U);
     cache.Stop();
     Tick(cache, clock, 86'400'000 * 2);
+    EXPECT_EQ(FMStartHousekeeping(), RT_ERROR_NOT_READY);
     EXPECT_EQ(runs(), 2U); // no tick without a manager
     cache.Start();
 }

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "FMCatalog.h"
 #include "support.h"
 #include "util/filemanager/filemanager.h"
 
@@ -80,6 +81,11 @@ TEST(Windows, ServerLocksItsOpenFilesAndAKillLosesNoStoredFile) {
     const TempDir dir;
     OtherProcess other(dir, "DISABLED_Other.StoresAndStays");
     Cache cache(dir.path);
+    FMCachedFile found;
+    for (const char* id : {FINISHED, OPEN}) {
+        EXPECT_EQ(FMDescribeCachedFile("", id, found), RT_OK);
+        EXPECT_EQ(found.isOpenElsewhere, id == OPEN);
+    }
     FileRef mine = cache.Create(Described(OPEN));
     Write(*Cache::Block(*mine, 1), Pattern(4, 300));
     clock.Advance(int64_t{100} * 86400 * 1000);

@@ -4,7 +4,9 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "failure.h"
 #include "json.h"
@@ -31,23 +33,36 @@ struct Contents {
     uint64_t bytes = 0;
 };
 
-Contents SumUp(const StoreListing& listing) {
+Contents SumUp(const std::vector<FMCachedFile>& files) {
     Contents contents;
-    for (const StoreEntry& entry : listing.entries) {
+    for (const FMCachedFile& file : files) {
         contents.entries += 1;
-        contents.files += (entry.HasInfo() ? 1U : 0U) + (entry.HasData() ? 1U : 0U);
-        contents.bytes += entry.Length();
+        contents.files += (file.hasInfo ? 1U : 0U) + (file.hasData ? 1U : 0U);
+        contents.bytes += LengthOf(file);
     }
     return contents;
 }
 
+std::vector<FMCachedFile> DescribeAll(const StoreListing& listing, const fs::path& store) {
+    std::vector<FMCachedFile> files;
+    for (const CRtString& stem : listing.stems) {
+        CheckStop();
+        if (std::optional<FMCachedFile> file = Describe(store, stem)) {
+            file->entries = {}; // a store can have many large tables
+            file->states = {};
+            files.push_back(std::move(*file));
+        }
+    }
+    return files;
+}
+
 // The library removes the directory with all its contents, so entries that are not cached files are an error.
-void RequireOwn(const StoreListing& listing, const fs::path& store) {
+void RequireOwn(const StoreListing& listing, const std::vector<FMCachedFile>& files,
+                const fs::path& store) {
     std::string name = listing.foreign.empty() ? "" : listing.foreign.front();
-    for (const StoreEntry& entry : listing.entries) {
-        if (name.empty() && entry.id == FMFileID_None)
-            name =
-                entry.HasData() ? entry.data.filename().string() : entry.info.filename().string();
+    for (const FMCachedFile& file : files) {
+        if (name.empty() && file.fileID == FMFileID_None)
+            name = ToString(file.stem) + (file.hasData ? ".sdd" : ".sdi");
     }
     if (!name.empty())
         throw Failure(Quoted(name) + " in " + Quoted(store.string()) +
@@ -57,8 +72,9 @@ void RequireOwn(const StoreListing& listing, const fs::path& store) {
 int Clear(const ClearOptions& options) {
     const fs::path store = LocateStore(options);
     const StoreListing before = ListStore(store);
+    const std::vector<FMCachedFile> files = DescribeAll(before, store);
     if (!options.force)
-        RequireOwn(before, store);
+        RequireOwn(before, files, store);
     if (!CanWriteInto(store))
         throw Failure("no write access to " + Quoted(store.string()) + ": " + ErrorText(errno));
     CheckStop();
@@ -67,8 +83,8 @@ int Clear(const ClearOptions& options) {
     // The library reports no result, so the directory is read again.
     std::error_code error;
     const StoreListing after = fs::exists(store, error) ? ListStore(store) : StoreListing();
-    const Contents had = SumUp(before);
-    const Contents left = SumUp(after);
+    const Contents had = SumUp(files);
+    const Contents left = SumUp(DescribeAll(after, store));
     if (left.files > 0 || !after.foreign.empty())
         throw Failure(std::to_string(left.files + after.foreign.size()) + " entries of " +
                       Quoted(store.string()) +

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "failure.h"
-#include "infofile.h"
 #include "log.h"
 #include "output.h"
 #include "platform.h"
@@ -18,6 +17,8 @@
 #include "session.h"
 #include "store.h"
 #include "verbs.h"
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -152,15 +153,16 @@ private:
 
 // The manager would load an incomplete file, and create a missing data file. So the information file is
 // checked before the manager opens anything.
-std::vector<FMBlockEntry> FindBlocks(const StorePaths& paths, const FMFileID& id) {
+std::vector<FMBlockEntry> FindBlocks(const fs::path& dir, const FMFileID& id) {
     const std::string name = ToString(FMFileIDToString(id));
-    const InfoFile file = InfoFile::Read(paths.info);
+    const FMCachedFile file = DescribeLoadable(dir, id);
     if (!(file.info.fileID == id))
-        throw Failure(Quoted(paths.info.string()) + " contains the description of another file");
+        throw Failure(Quoted(StorePaths(dir, id).info.string()) +
+                      " contains the description of another file");
     if (file.info.flag & FM_FILE_TEMPORARY)
         throw Failure(name + " is temporary: reading would remove it from the cache");
     try {
-        return file.CompleteBlocks(LengthOf(paths.data));
+        return CompleteBlocks(file);
     } catch (const Failure& failure) {
         throw Failure(name + " is not complete: " + failure.what());
     }
@@ -178,7 +180,7 @@ void RequireAccess(const StorePaths& paths, bool withData) {
 int Get(const GetOptions& options) {
     const FMFileID id = ParseID(options.id);
     const StorePaths paths = FindEntry(options.dir, id);
-    const std::vector<FMBlockEntry> blocks = FindBlocks(paths, id);
+    const std::vector<FMBlockEntry> blocks = FindBlocks(options.dir, id);
     RequireAccess(paths, !blocks.empty());
     Output output(options.output, options.force);
     {

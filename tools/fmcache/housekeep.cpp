@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,23 +31,28 @@ struct HousekeepOptions : StoreOptions {
 };
 
 struct Judged {
-    StoreEntry entry;
-    std::string name;
-    Keeping keeping;
+    FMCachedFile file; // without its table: a store can have many
+    FMExpiry expiry;
     bool gone = false;
 
-    bool IsDue() const { return keeping.when == Keeping::When::NextRun; }
+    bool IsDue() const { return expiry.when == FMExpiry::When::NextRun; }
+    std::string Name() const { return ToString(file.info.name); }
+    fs::path Info(const fs::path& store) const { return store / (ToString(file.stem) + ".sdi"); }
+    fs::path Data(const fs::path& store) const { return store / (ToString(file.stem) + ".sdd"); }
 };
 
-std::vector<Judged> JudgeAll(const fs::path& store, uint16_t days) {
+std::vector<Judged> JudgeAll(const fs::path& store, uint16_t days, int64_t now) {
     const StoreListing listing = ListStore(store);
-    const int64_t now = CurrentTime();
-    Progress progress("reading", listing.entries.size(), Progress::Unit::Files);
+    Progress progress("reading", listing.stems.size(), Progress::Unit::Files);
     std::vector<Judged> files;
-    for (const StoreEntry& entry : listing.entries) {
+    for (const CRtString& stem : listing.stems) {
         CheckStop();
-        const InfoFile file = entry.HasInfo() ? InfoFile::Look(entry.info) : InfoFile();
-        files.push_back({entry, ToString(file.info.name), JudgeKeeping(entry, file, days, now)});
+        if (std::optional<FMCachedFile> file = Describe(store, stem)) {
+            file->entries = {};
+            file->states = {};
+            const FMExpiry expiry = FMJudgeExpiry(*file, days, now);
+            files.push_back({std::move(*file), expiry});
+        }
         progress.Add(1);
     }
     return files;
@@ -58,8 +64,8 @@ void RequireAccess(const std::vector<Judged>& files, const fs::path& store) {
     if (!CanWriteInto(store))
         throw Failure("no write access to " + Quoted(store.string()) + ": " + ErrorText(errno));
     for (const Judged& file : files) {
-        if (file.entry.HasInfo() && file.entry.HasData() && !CanWrite(file.entry.info))
-            throw Failure("cannot open " + Quoted(file.entry.info.string()) +
+        if (file.file.hasInfo && file.file.hasData && !CanWrite(file.Info(store)))
+            throw Failure("cannot open " + Quoted(file.Info(store).string()) +
                           " for reading and writing: " + ErrorText(errno) +
                           "; housekeeping would skip the file");
     }
@@ -68,12 +74,11 @@ void RequireAccess(const std::vector<Judged>& files, const fs::path& store) {
 void Run(const HousekeepOptions& options, std::vector<Judged>& files, const fs::path& store) {
     RequireAccess(files, store);
     const auto dataFiles = std::count_if(files.begin(), files.end(),
-                                         [](const Judged& file) { return file.entry.HasData(); });
+                                         [](const Judged& file) { return file.file.hasData; });
     RunHousekeeping(options.dir, options.days, static_cast<uint64_t>(dataFiles));
     for (Judged& file : files) {
         std::error_code error;
-        file.gone = (!file.entry.HasInfo() || !fs::exists(file.entry.info, error)) &&
-                    (!file.entry.HasData() || !fs::exists(file.entry.data, error));
+        file.gone = !fs::exists(file.Info(store), error) && !fs::exists(file.Data(store), error);
     }
 }
 
@@ -86,9 +91,10 @@ const char* ActionText(const Judged& file, bool dryRun) {
     return file.IsDue() ? "NOT REMOVED" : "kept";
 }
 
-std::string ReasonText(const Keeping& keeping) {
-    return keeping.when == Keeping::When::InDays ? keeping.reason + ", due " + keeping.Text()
-                                                 : keeping.reason;
+std::string ReasonText(const FMExpiry& expiry, int64_t now) {
+    const std::string reason = ToString(expiry.reason);
+    return expiry.when == FMExpiry::When::Later ? reason + ", due " + KeepingText(expiry, now)
+                                                : reason;
 }
 
 struct Totals {
@@ -102,18 +108,19 @@ Totals SumUp(const std::vector<Judged>& files, bool dryRun) {
     for (const Judged& file : files) {
         if (dryRun ? file.IsDue() : file.gone) {
             ++totals.files;
-            totals.bytes += file.entry.Length();
+            totals.bytes += LengthOf(file.file);
         }
         totals.left += !dryRun && file.IsDue() && !file.gone ? 1 : 0;
     }
     return totals;
 }
 
-std::string TextOf(const std::vector<Judged>& files, const Totals& totals, bool dryRun) {
+std::string TextOf(const std::vector<Judged>& files, const Totals& totals, bool dryRun,
+                   int64_t now) {
     Table table({{"IDENTIFIER"}, {"SIZE", Table::Align::Right}, {"ACTION"}, {"REASON"}, {"NAME"}});
     for (const Judged& file : files)
-        table.Add({Printable(file.entry.stem), FormatSize(file.entry.Length()),
-                   ActionText(file, dryRun), ReasonText(file.keeping), Printable(file.name)});
+        table.Add({Printable(file.file.stem.view()), FormatSize(LengthOf(file.file)),
+                   ActionText(file, dryRun), ReasonText(file.expiry, now), Printable(file.Name())});
     return table.Text() + std::to_string(totals.files) + " of " + Count(files.size(), "file") +
            (dryRun ? " would be removed, " : " removed, ") + FormatSize(totals.bytes) + "\n";
 }
@@ -123,12 +130,12 @@ std::string JsonOf(const std::vector<Judged>& files, const Totals& totals, bool 
     json.BeginObject().Member("dryRun", dryRun).Key("files").BeginArray();
     for (const Judged& file : files)
         json.BeginObject()
-            .Name("id", file.entry.stem)
-            .Name("name", file.name)
-            .Member("size", file.entry.Length())
+            .Name("id", file.file.stem.view())
+            .Name("name", file.Name())
+            .Member("size", LengthOf(file.file))
             .Member("due", file.IsDue())
             .Member("gone", file.gone)
-            .Member("reason", file.keeping.reason)
+            .Member("reason", file.expiry.reason.view())
             .EndObject();
     json.EndArray().Member("removed", totals.files).Member("bytes", totals.bytes);
     return json.Member("left", totals.left).EndObject().Text();
@@ -136,12 +143,13 @@ std::string JsonOf(const std::vector<Judged>& files, const Totals& totals, bool 
 
 int Housekeep(const HousekeepOptions& options) {
     const fs::path store = LocateStore(options);
-    std::vector<Judged> files = JudgeAll(store, options.days);
+    const int64_t now = CurrentTime();
+    std::vector<Judged> files = JudgeAll(store, options.days, now);
     if (!options.dryRun)
         Run(options, files, store);
     const Totals totals = SumUp(files, options.dryRun);
     Print(options.json ? JsonOf(files, totals, options.dryRun)
-                       : TextOf(files, totals, options.dryRun));
+                       : TextOf(files, totals, options.dryRun, now));
     if (totals.left > 0)
         throw Failure(Count(totals.left, "file") + " could not be removed");
     return 0;

@@ -3,10 +3,11 @@
 #include <algorithm>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "check.h"
 #include "failure.h"
 #include "json.h"
 #include "keeping.h"
@@ -25,39 +26,27 @@ struct LsOptions : StoreOptions {
     std::string sort = "id";
 };
 
-// The values of one line. Block tables are not kept: a store can have many.
+// The values of one line. A store can have many.
 struct Line {
-    StoreEntry entry;
-    bool described = false; // the description is readable
-    std::string trouble;    // why the library does not load the file; or empty
+    FMCachedFile file;   // without its table and findings
+    std::string trouble; // why the library does not load the file; or empty
     std::string name;
-    uint32_t flag = 0;
-    uint32_t createTime = 0;
     int64_t age = 0;
-    uint64_t bytes = 0;
-    uint64_t present = 0;
-    uint64_t slots = 0; // up to the last one with a block
     size_t faults = 0;
-    Keeping keeping;
+    FMExpiry expiry;
 };
 
-Line MakeLine(const StoreEntry& entry, uint16_t days, int64_t now) {
-    const InfoFile file = entry.HasInfo() ? InfoFile::Look(entry.info) : InfoFile();
-    const Check check = CheckFile(entry, file);
+Line MakeLine(FMCachedFile file, uint16_t days, int64_t now) {
     Line line;
-    line.entry = entry;
-    line.described = entry.HasInfo() && file.fault.empty();
-    if (!check.loads)
-        line.trouble = check.findings.front().what;
+    line.trouble = Trouble(file);
     line.name = ToString(file.info.name);
-    line.flag = file.info.flag;
-    line.createTime = file.createTime;
-    line.age = AgeInDays(file, now);
-    line.bytes = check.bytes;
-    line.present = check.present;
-    line.slots = check.slots;
-    line.faults = check.Faults();
-    line.keeping = JudgeKeeping(entry, file, days, now);
+    line.age = FMAgeInDays(file.createTime, now);
+    line.faults = CountFaults(file);
+    line.expiry = FMJudgeExpiry(file, days, now);
+    file.entries = {};
+    file.states = {};
+    file.findings = {};
+    line.file = std::move(file);
     return line;
 }
 
@@ -67,8 +56,8 @@ std::string FlagsText(const Line& line) {
         if (set)
             text += (text.empty() ? "" : ",") + std::string(word);
     };
-    add(line.flag & FM_FILE_TEMPORARY, "temporary");
-    add(line.flag & FM_FILE_KEPT, "kept");
+    add(line.file.info.flag & FM_FILE_TEMPORARY, "temporary");
+    add(line.file.info.flag & FM_FILE_KEPT, "kept");
     add(line.faults > 0, "damaged");
     return text.empty() ? "-" : text;
 }
@@ -78,12 +67,16 @@ void Sort(std::vector<Line>& lines, const std::string& by) {
         if (by == "name")
             return a.name < b.name;
         if (by == "size")
-            return a.bytes > b.bytes;
-        return by == "age" && a.createTime < b.createTime;
+            return a.file.blockBytes > b.file.blockBytes;
+        return by == "age" && a.file.createTime < b.file.createTime;
     });
 }
 
-std::string TableText(const std::vector<Line>& lines) {
+std::string TroubleText(const Line& line) {
+    return line.trouble == OPEN_ELSEWHERE ? line.trouble : "(" + Printable(line.trouble) + ")";
+}
+
+std::string TableText(const std::vector<Line>& lines, int64_t now) {
     using Align = Table::Align;
     Table table({{"IDENTIFIER"},
                  {"SIZE", Align::Right},
@@ -94,11 +87,14 @@ std::string TableText(const std::vector<Line>& lines) {
                  {"NAME"}});
     for (const Line& line : lines) {
         const bool loads = line.trouble.empty();
-        table.Add({Printable(line.entry.stem), loads ? FormatSize(line.bytes) : "-",
-                   loads ? std::to_string(line.present) + "/" + std::to_string(line.slots) : "-",
-                   line.described && line.createTime > 0 ? std::to_string(line.age) + "d" : "-",
-                   FlagsText(line), line.keeping.Text(),
-                   loads ? Printable(line.name) : "(" + Printable(line.trouble) + ")"});
+        table.Add(
+            {Printable(line.file.stem.view()), loads ? FormatSize(line.file.blockBytes) : "-",
+             loads ? std::to_string(line.file.storedBlocks) + "/" + std::to_string(line.file.slots)
+                   : "-",
+             line.file.isDescribed && line.file.createTime > 0 ? std::to_string(line.age) + "d"
+                                                               : "-",
+             FlagsText(line), KeepingText(line.expiry, now),
+             loads ? Printable(line.name) : TroubleText(line)});
     }
     return table.Text();
 }
@@ -108,8 +104,8 @@ std::string TotalsText(const std::vector<Line>& lines, const StoreListing& listi
     uint64_t onDisk = 0;
     uint64_t damaged = 0;
     for (const Line& line : lines) {
-        bytes += line.bytes;
-        onDisk += line.entry.Length();
+        bytes += line.file.blockBytes;
+        onDisk += LengthOf(line.file);
         damaged += line.faults > 0 ? 1 : 0;
     }
     std::string text = Count(lines.size(), "file") + ", " + FormatSize(bytes) + " in blocks, " +
@@ -121,30 +117,30 @@ std::string TotalsText(const std::vector<Line>& lines, const StoreListing& listi
     return text + "\n";
 }
 
-void WriteLine(Json& json, const Line& line) {
-    json.BeginObject().Name("id", line.entry.stem);
-    json.Member("size", line.bytes).Member("onDisk", line.entry.Length());
-    json.Member("present", line.present).Member("slots", line.slots);
-    if (line.described) {
-        json.Name("name", line.name).Member("created", line.createTime);
+void WriteLine(Json& json, const Line& line, int64_t now) {
+    json.BeginObject().Name("id", line.file.stem.view());
+    json.Member("size", line.file.blockBytes).Member("onDisk", LengthOf(line.file));
+    json.Member("present", line.file.storedBlocks).Member("slots", line.file.slots);
+    if (line.file.isDescribed) {
+        json.Name("name", line.name).Member("created", line.file.createTime);
         json.Member("ageDays", line.age);
-        json.Member("temporary", (line.flag & FM_FILE_TEMPORARY) != 0);
-        json.Member("kept", (line.flag & FM_FILE_KEPT) != 0);
+        json.Member("temporary", (line.file.info.flag & FM_FILE_TEMPORARY) != 0);
+        json.Member("kept", (line.file.info.flag & FM_FILE_KEPT) != 0);
     }
     json.Member("faults", uint64_t{line.faults});
     if (!line.trouble.empty())
         json.Member("unreadable", line.trouble);
-    json.Key("housekeeping").BeginObject().Member("when", line.keeping.Word());
-    if (line.keeping.when == Keeping::When::InDays)
-        json.Member("days", line.keeping.days);
-    json.Member("reason", line.keeping.reason).EndObject().EndObject();
+    json.Key("housekeeping").BeginObject().Member("when", KeepingWord(line.expiry));
+    if (line.expiry.when == FMExpiry::When::Later)
+        json.Member("days", DaysLeft(line.expiry, now));
+    json.Member("reason", line.expiry.reason.view()).EndObject().EndObject();
 }
 
-std::string JsonText(const std::vector<Line>& lines, const StoreListing& listing) {
+std::string JsonText(const std::vector<Line>& lines, const StoreListing& listing, int64_t now) {
     Json json;
     json.BeginObject().Key("files").BeginArray();
     for (const Line& line : lines)
-        WriteLine(json, line);
+        WriteLine(json, line, now);
     json.EndArray().Key("others").BeginArray();
     for (const std::string& name : listing.foreign)
         json.BeginObject().Name("name", name).EndObject();
@@ -152,19 +148,22 @@ std::string JsonText(const std::vector<Line>& lines, const StoreListing& listing
 }
 
 int Ls(const LsOptions& options) {
-    const StoreListing listing = ListStore(LocateStore(options));
+    const std::filesystem::path store = LocateStore(options);
+    const StoreListing listing = ListStore(store);
     const int64_t now = CurrentTime();
     std::vector<Line> lines;
     {
-        Progress progress("reading", listing.entries.size(), Progress::Unit::Files);
-        for (const StoreEntry& entry : listing.entries) {
+        Progress progress("reading", listing.stems.size(), Progress::Unit::Files);
+        for (const CRtString& stem : listing.stems) {
             CheckStop();
-            lines.push_back(MakeLine(entry, options.days, now));
+            if (std::optional<FMCachedFile> file = Describe(store, stem))
+                lines.push_back(MakeLine(std::move(*file), options.days, now));
             progress.Add(1);
         }
     }
     Sort(lines, options.sort);
-    Print(options.json ? JsonText(lines, listing) : TableText(lines) + TotalsText(lines, listing));
+    Print(options.json ? JsonText(lines, listing, now)
+                       : TableText(lines, now) + TotalsText(lines, listing));
     return 0;
 }
 

@@ -22,22 +22,22 @@ constexpr std::array<Look, 4> LOOKS{
     {{'.', "\033[2m"}, {'+', "\033[33m"}, {'#', "\033[32m"}, {'!', "\033[31m"}}};
 constexpr char PLAIN[] = "\033[0m";
 
-Kind KindOf(SlotState state) {
-    if (state == SlotState::Stored)
+Kind KindOf(FMSlotState state) {
+    if (state == FMSlotState::Stored)
         return THERE;
-    const bool isFaulty = state == SlotState::Impossible || state == SlotState::Beyond ||
-                          state == SlotState::Overlaps;
+    const bool isFaulty = state == FMSlotState::Impossible || state == FMSlotState::Beyond ||
+                          state == FMSlotState::Overlaps;
     return isFaulty ? FAULTY : MISSING;
 }
 
 // By slot of the loaded table, not by position in the information file.
-std::vector<Kind> KindsBySlot(const InfoFile& file, const Check& check) {
-    std::vector<Kind> kinds(static_cast<size_t>(check.slots), MISSING); // see FM_TABLE_SLOTS_MAX
-    for (size_t i = 0; i < check.states.size(); ++i) {
-        const SlotState state = check.states[i];
-        if (state != SlotState::Empty && state != SlotState::Outside &&
-            state != SlotState::Replaced)
-            kinds[file.slots[i].blockID - file.info.blockBeg] = KindOf(state);
+std::vector<Kind> KindsBySlot(const FMCachedFile& file) {
+    std::vector<Kind> kinds(static_cast<size_t>(file.slots), MISSING); // see FM_TABLE_SLOTS_MAX
+    for (size_t i = 0; i < file.states.size(); ++i) {
+        const FMSlotState state = file.states[i];
+        if (state != FMSlotState::Empty && state != FMSlotState::Outside &&
+            state != FMSlotState::Replaced)
+            kinds[file.entries[i].blockID - file.info.blockBeg] = KindOf(state);
     }
     return kinds;
 }
@@ -79,8 +79,8 @@ std::string Legend(uint64_t blocksPerCell, bool colour) {
 
 } // namespace
 
-std::string DrawMap(const InfoFile& file, const Check& check, const MapStyle& style) {
-    const std::vector<Kind> kinds = KindsBySlot(file, check);
+std::string DrawMap(const FMCachedFile& file, const MapStyle& style) {
+    const std::vector<Kind> kinds = KindsBySlot(file);
     if (kinds.empty())
         return "";
     const size_t label = std::to_string(uint64_t{file.info.blockBeg} + kinds.size()).size();

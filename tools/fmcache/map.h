@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "check.h"
+#include "FMCatalog.h"
 
 struct MapStyle {
     unsigned width = 80; ///< columns
@@ -12,4 +12,4 @@ struct MapStyle {
 
 /// Returns lines of cells, each for one or several consecutive blocks, and a legend. Empty if the file has no
 /// blocks.
-std::string DrawMap(const InfoFile& file, const Check& check, const MapStyle& style);
+std::string DrawMap(const FMCachedFile& file, const MapStyle& style);

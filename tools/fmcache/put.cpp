@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "failure.h"
-#include "infofile.h"
 #include "log.h"
 #include "platform.h"
 #include "progress.h"
@@ -179,10 +178,10 @@ void RequireWritable(const fs::path& store) {
 }
 
 // The manager reports a failed store only in the log, so the result is read back from disk.
-void RequireStored(const PutPlan& plan, const StorePaths& paths) {
+void RequireStored(const fs::path& dir, const PutPlan& plan, const StorePaths& paths) {
     try {
-        const InfoFile stored = InfoFile::Read(paths.info);
-        const std::vector<FMBlockEntry> blocks = stored.CompleteBlocks(LengthOf(paths.data));
+        const FMCachedFile stored = DescribeLoadable(dir, plan.info.fileID);
+        const std::vector<FMBlockEntry> blocks = CompleteBlocks(stored);
         if (!(stored.info.fileID == plan.info.fileID))
             throw Failure("the information file describes another file");
         if (blocks.size() != plan.Count())
@@ -206,7 +205,7 @@ int Put(const PutOptions& options) {
         RequireWritable(StoreDir(options.dir));
         Storing(session, plan, entry.Paths(), source).Run();
     }
-    RequireStored(plan, entry.Paths());
+    RequireStored(options.dir, plan, entry.Paths());
     CheckStop();
     const std::string id = ToString(FMFileIDToString(plan.info.fileID));
     if (std::printf("%s\n", id.c_str()) < 0 || std::fflush(stdout) != 0)

@@ -4,7 +4,6 @@
 
 #include "FMInfoCodec.h"
 #include "failure.h"
-#include "session.h"
 #include "sizes.h"
 
 namespace fs = std::filesystem;
@@ -12,11 +11,9 @@ namespace fs = std::filesystem;
 namespace {
 
 // The library cannot load a longer name (see FMFileInfo::name).
-constexpr size_t NAME_MAX_BYTES = 2010;
-// The stored block table is limited: 16 bytes for each block, after a count of 2 bytes.
-constexpr uint32_t BLOCKS_MAX = std::min(FM_INFO_SLOTS_MAX, (FM_INFO_BLOCK_BODY_MAX - 2) / 16);
-// CreateFile replaces a larger FMFileInfo::num by its default; the table grows when needed.
-constexpr uint32_t SLOTS_AT_FIRST_MAX = 8192;
+constexpr size_t NAME_MAX_BYTES = FM_INFO_FILE_BODY_MAX - FM_INFO_FILE_BODY_FIXED;
+constexpr uint32_t BLOCKS_MAX =
+    std::min(FM_INFO_SLOTS_MAX, (FM_INFO_BLOCK_BODY_MAX - FM_INFO_COUNT_SIZE) / FM_INFO_ENTRY_SIZE);
 
 uint64_t CheckedLength(const fs::path& file) {
     const std::string name = Quoted(file.string());
@@ -31,10 +28,10 @@ uint64_t CheckedLength(const fs::path& file) {
     const uint64_t length = fs::file_size(file, error);
     if (error)
         throw Failure("cannot read " + name + ": " + error.message());
-    if (length > CACHED_FILE_MAX)
+    if (length > FM_FILE_BYTES_MAX)
         throw Failure(name + " has " + std::to_string(length) +
                       " bytes; the limit for a cached file is 1 GiB (" +
-                      std::to_string(CACHED_FILE_MAX) + " bytes)");
+                      std::to_string(FM_FILE_BYTES_MAX) + " bytes)");
     return length;
 }
 
@@ -54,7 +51,7 @@ std::string CutName(std::string name) {
 PutPlan MakePlan(const PutOptions& options) {
     PutPlan plan;
     plan.file = options.file.string();
-    plan.block = static_cast<uint32_t>(ParseSize("--block", options.block, CACHED_BLOCK_MAX));
+    plan.block = static_cast<uint32_t>(ParseSize("--block", options.block, FM_BLOCK_BYTES_MAX));
     const uint64_t piece = ParseSize("--piece", options.piece, UINT64_MAX);
     plan.piece = static_cast<uint32_t>(std::min<uint64_t>(piece, plan.block));
     plan.length = CheckedLength(options.file);
@@ -67,6 +64,6 @@ PutPlan MakePlan(const PutOptions& options) {
     plan.info.name =
         CRtString(CutName(options.name.empty() ? options.file.filename().string() : options.name));
     plan.info.blockBeg = FIRST_BLOCK;
-    plan.info.num = std::min(plan.Count(), SLOTS_AT_FIRST_MAX);
+    plan.info.num = plan.Count(); // CreateFile replaces a number that is too large
     return plan;
 }

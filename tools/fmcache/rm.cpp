@@ -32,7 +32,7 @@ void Remove(const fs::path& path) {
 }
 
 // Empty if there is no such file and --force was given.
-std::optional<StoreEntry> Find(const RmOptions& options) {
+std::optional<FMCachedFile> Find(const RmOptions& options) {
     const FMFileID id = ParseID(options.id); // an invalid identifier is an error even with --force
     const fs::path store = LocateStore(options);
     const StorePaths paths(options.dir, id);
@@ -43,24 +43,25 @@ std::optional<StoreEntry> Find(const RmOptions& options) {
 }
 
 int Rm(const RmOptions& options) {
-    const std::optional<StoreEntry> entry = Find(options);
+    const std::optional<FMCachedFile> entry = Find(options);
     if (entry) {
         // The order of the library: after an interruption there may be a data file without a table, which
         // does not load, but never a table without its bytes.
-        if (entry->HasInfo())
-            Remove(entry->info);
-        if (entry->HasData())
-            Remove(entry->data);
+        const StorePaths paths(options.dir, entry->fileID);
+        if (entry->hasInfo)
+            Remove(paths.info);
+        if (entry->hasData)
+            Remove(paths.data);
     }
-    const uint64_t bytes = entry ? entry->Length() : 0;
+    const uint64_t bytes = entry ? LengthOf(*entry) : 0;
     if (options.json) {
         Json json;
         json.BeginObject().Key("removed").BeginArray();
         if (entry)
-            json.Value(entry->stem);
+            json.Value(entry->stem.view());
         Print(json.EndArray().Member("bytes", bytes).EndObject().Text());
     } else if (entry) {
-        Print("removed " + entry->stem + ", " + FormatSize(bytes) + "\n");
+        Print("removed " + ToString(entry->stem) + ", " + FormatSize(bytes) + "\n");
     }
     return 0;
 }

@@ -2,17 +2,15 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <map>
+#include <utility>
 
+#include "RtResult.h"
 #include "failure.h"
-#include "platform.h"
 #include "store.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr size_t EXTENSION_LENGTH = 4;
 
 // A client's store has its process id as name, so it cannot be derived from --dir.
 std::string HintAtClients(const fs::path& dir) {
@@ -22,27 +20,6 @@ std::string HintAtClients(const fs::path& dir) {
             return "; --store " + Quoted(entry.path().string()) + " opens the store of a client";
     }
     return "; --dir takes the directory that was passed to put or to a server";
-}
-
-// Adds a directory entry to its cached file. False if the name is not that of a cached file.
-bool TakeName(std::map<std::string, StoreEntry>& entries, const fs::directory_entry& found) {
-    const std::string name = found.path().filename().string();
-    const bool isInfo = name.ends_with(".sdi");
-    std::error_code error;
-    if (name.size() <= EXTENSION_LENGTH || (!isInfo && !name.ends_with(".sdd")) ||
-        !found.is_regular_file(error))
-        return false;
-    const std::string stem = name.substr(0, name.size() - EXTENSION_LENGTH);
-    StoreEntry& entry = entries[stem];
-    if (entry.stem.empty()) {
-        entry.stem = stem;
-        FMFileIDFromString(CRtString(stem), entry.id);
-        if (ToString(FMFileIDToString(entry.id)) != stem)
-            entry.id = FMFileID_None; // the library opens the canonical spelling only
-    }
-    (isInfo ? entry.info : entry.data) = found.path();
-    (isInfo ? entry.infoLength : entry.dataLength) = LengthOf(found.path());
-    return true;
 }
 
 } // namespace
@@ -85,35 +62,53 @@ fs::path LocateStore(const StoreOptions& options) {
     throw Failure("no cache in " + Quoted(options.dir.string()) + HintAtClients(options.dir));
 }
 
+CRtString LibraryPath(const fs::path& path) {
+    const std::string text = path.string();
+    if (fs::path::preferred_separator != '\\' && text.find('\\') != std::string::npos)
+        throw Failure("--dir: a path with a backslash is not supported: " + Quoted(text));
+    return CRtString(text);
+}
+
 StoreListing ListStore(const fs::path& store) {
-    std::map<std::string, StoreEntry> entries;
+    std::vector<CRtString> others;
     StoreListing listing;
-    std::error_code error;
-    fs::directory_iterator it(store, error);
-    for (; !error && it != fs::directory_iterator(); it.increment(error)) {
-        CheckStop();
-        if (!TakeName(entries, *it))
-            listing.foreign.push_back(it->path().filename().string());
-    }
-    if (error)
+    if (RT_FAILED(FMListCachedFiles(LibraryPath(store), listing.stems, others))) {
+        std::error_code error;
+        const fs::directory_iterator unused(store, error);
         throw Failure("cannot read " + Quoted(store.string()) + ": " + error.message());
-    for (auto& [stem, entry] : entries)
-        listing.entries.push_back(std::move(entry));
-    std::sort(listing.foreign.begin(), listing.foreign.end());
+    }
+    for (const CRtString& name : others)
+        listing.foreign.push_back(ToString(name));
     return listing;
 }
 
-StoreEntry FindInStore(const fs::path& store, const std::string& id) {
-    const FMFileID wanted = ParseID(id);
-    const std::string stem = ToString(FMFileIDToString(wanted));
-    std::map<std::string, StoreEntry> entries;
-    for (const char* extension : {".sdi", ".sdd"}) {
-        std::error_code error;
-        const fs::directory_entry found(store / (stem + extension), error);
-        if (!error)
-            TakeName(entries, found);
-    }
-    if (entries.empty())
-        throw Failure("no file " + stem + " in " + Quoted(store.string()));
-    return entries.begin()->second;
+std::optional<FMCachedFile> Describe(const fs::path& store, const CRtString& stem) {
+    FMCachedFile file;
+    if (RT_FAILED(FMDescribeCachedFile(LibraryPath(store), stem, file)))
+        return std::nullopt;
+    return file;
+}
+
+FMCachedFile FindInStore(const fs::path& store, const std::string& id) {
+    const CRtString stem = FMFileIDToString(ParseID(id));
+    std::optional<FMCachedFile> file = Describe(store, stem);
+    if (!file)
+        throw Failure("no file " + ToString(stem) + " in " + Quoted(store.string()));
+    return std::move(*file);
+}
+
+size_t CountFaults(const FMCachedFile& file) {
+    return static_cast<size_t>(
+        std::count_if(file.findings.begin(), file.findings.end(),
+                      [](const FMFinding& finding) { return finding.isFault; }));
+}
+
+bool IsOpenElsewhere(const FMCachedFile& file) {
+    return file.isOpenElsewhere && CountFaults(file) == 0;
+}
+
+std::string Trouble(const FMCachedFile& file) {
+    if (file.isLoadable)
+        return "";
+    return IsOpenElsewhere(file) ? OPEN_ELSEWHERE : ToString(file.findings.front().what);
 }

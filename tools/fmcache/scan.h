@@ -1,12 +1,13 @@
-// The cached files of a store, from its directory listing alone. Opens, creates and changes nothing.
+// The cached files of a store. Creates and changes nothing.
 #pragma once
 
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "FMFileID.h"
+#include "FMCatalog.h"
 
 namespace CLI {
 class App;
@@ -31,27 +32,29 @@ void AddLookOptions(CLI::App& verb, StoreOptions& options);
 /// Returns the directory with the files. Throws Failure if it does not exist.
 std::filesystem::path LocateStore(const StoreOptions& options);
 
-/// Files with the same stem: an information file, a data file, or both.
-struct StoreEntry {
-    std::string stem;            ///< of the file names: the identifier's text
-    FMFileID id = FMFileID_None; ///< FMFileID_None if the stem is not an identifier
-    std::filesystem::path info;  ///< empty if there is none
-    std::filesystem::path data;
-    uint64_t infoLength = 0;
-    uint64_t dataLength = 0;
-
-    bool HasInfo() const { return !info.empty(); }
-    bool HasData() const { return !data.empty(); }
-    uint64_t Length() const { return infoLength + dataLength; }
-};
+/// The path as the library takes it. Throws Failure for a path that the library would understand differently.
+CRtString LibraryPath(const std::filesystem::path& path);
 
 struct StoreListing {
-    std::vector<StoreEntry> entries;  ///< sorted by stem
+    std::vector<CRtString> stems;     ///< of the cached files, sorted
     std::vector<std::string> foreign; ///< other names in the directory, sorted
 };
 
 /// Throws Failure.
 StoreListing ListStore(const std::filesystem::path& store);
 
-/// Returns the entry of one identifier, given as text. Throws Failure if it has no file.
-StoreEntry FindInStore(const std::filesystem::path& store, const std::string& id);
+/// Empty if the file does not exist, or no longer.
+std::optional<FMCachedFile> Describe(const std::filesystem::path& store, const CRtString& stem);
+
+/// Describes the file with an identifier, given as text. Throws Failure if it does not exist.
+FMCachedFile FindInStore(const std::filesystem::path& store, const std::string& id);
+
+/// The number of findings that are damage.
+size_t CountFaults(const FMCachedFile& file);
+/// Bytes on disk.
+inline uint64_t LengthOf(const FMCachedFile& file) { return file.infoLength + file.dataLength; }
+/// Why the library does not load the file; empty if it does.
+std::string Trouble(const FMCachedFile& file);
+/// An undamaged file that Trouble or verify reports because another process has it open.
+bool IsOpenElsewhere(const FMCachedFile& file);
+constexpr char OPEN_ELSEWHERE[] = "open (by another process)";

@@ -5,6 +5,7 @@
 
 #include "failure.h"
 #include "log.h"
+#include "scan.h"
 
 namespace fs = std::filesystem;
 
@@ -35,9 +36,7 @@ const char* ResultText(int result) {
 CRtString DirectoryText(const fs::path& dir) {
     if (dir.empty()) // the manager would use its default directory
         throw Failure("--dir: the path is empty");
-    std::string text = fs::absolute(dir).string();
-    if (fs::path::preferred_separator != '\\' && text.find('\\') != std::string::npos)
-        throw Failure("--dir: a path with a backslash is not supported: " + Quoted(dir.string()));
+    std::string text = ToString(LibraryPath(fs::absolute(dir)));
     while (text.size() > 1 && text.back() == fs::path::preferred_separator)
         text.pop_back();
     return CRtString(text + "\\"); // protects a space at the end of the name

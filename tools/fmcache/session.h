@@ -15,10 +15,6 @@
 using FileRef = CRtComAutoPtr<IFMFile>;
 using BlockRef = CRtComAutoPtr<IFMBlock>;
 
-/// The library's intended limits for a cached file and a block.
-constexpr uint64_t CACHED_FILE_MAX = uint64_t{1} << 30;
-constexpr uint64_t CACHED_BLOCK_MAX = uint64_t{1} << 24;
-
 /// Blocks of an open file stay resident, so a transfer closes and reopens the file after each 64 MiB to bound
 /// its memory.
 constexpr uint64_t REOPEN_BYTES = uint64_t{64} << 20;

@@ -7,7 +7,6 @@
 #include <memory>
 #include <string>
 
-#include "check.h"
 #include "failure.h"
 #include "json.h"
 #include "keeping.h"
@@ -26,12 +25,27 @@ struct ShowOptions : StoreOptions {
     std::string id;
 };
 
-struct Shown {
-    StoreEntry entry;
-    InfoFile file;
-    Check check;
-    Keeping keeping;
-};
+const char* StateText(FMSlotState state) {
+    switch (state) {
+    case FMSlotState::Empty:
+        return "missing";
+    case FMSlotState::Stored:
+        return "stored";
+    case FMSlotState::NoData:
+        return "no data";
+    case FMSlotState::Impossible:
+        return "impossible range";
+    case FMSlotState::Beyond:
+        return "beyond the data file";
+    case FMSlotState::Overlaps:
+        return "overlaps another block";
+    case FMSlotState::Outside:
+        return "outside the table";
+    case FMSlotState::Replaced:
+        break;
+    }
+    return "replaced by a later entry";
+}
 
 bool WantsColour() {
     const char* refused = std::getenv("NO_COLOR");
@@ -67,33 +81,32 @@ std::string FlagsText(uint32_t flag) {
     return text;
 }
 
-void AppendDescription(std::string& text, const Shown& shown, int64_t now) {
-    const FMFileInfo& info = shown.file.info;
+void AppendDescription(std::string& text, const FMCachedFile& file, int64_t now) {
+    const FMFileInfo& info = file.info;
     const auto add = [&text](const char* what, const std::string& value) {
         text += what + value + "\n";
     };
     add("name          ", Printable(info.name.view()));
     add("identifier    ", ToString(FMFileIDToString(info.fileID)));
-    add("created       ", TimeText(shown.file.createTime) + ", " +
-                              Count(static_cast<uint64_t>(AgeInDays(shown.file, now)), "day") +
-                              " ago");
+    add("created       ",
+        TimeText(file.createTime) + ", " +
+            Count(static_cast<uint64_t>(FMAgeInDays(file.createTime, now)), "day") + " ago");
     add("flags         ", FlagsText(info.flag));
     add("user value    ", std::to_string(info.userValue));
     add("table         ", Count(info.num, "slot") + " from block " + std::to_string(info.blockBeg));
-    add("blocks        ", std::to_string(shown.check.present) + " of " +
-                              std::to_string(shown.check.slots) + " stored, " +
-                              SizeText(true, shown.check.bytes) + " in total");
+    add("blocks        ", std::to_string(file.storedBlocks) + " of " + std::to_string(file.slots) +
+                              " stored, " + SizeText(true, file.blockBytes) + " in total");
 }
 
 // Slots without a block are summed up: there can be very many.
-std::string BlocksText(const Shown& shown) {
+std::string BlocksText(const FMCachedFile& file) {
     using Align = Table::Align;
     Table table(
         {{"BLOCK", Align::Right}, {"OFFSET", Align::Right}, {"LENGTH", Align::Right}, {"STATE"}});
-    const uint64_t first = shown.file.info.blockBeg;
+    const uint64_t first = file.info.blockBeg;
     size_t missing = 0;
-    for (size_t i = 0; i < shown.file.slots.size(); ++i) {
-        const FMBlockEntry& block = shown.file.slots[i];
+    for (size_t i = 0; i < file.entries.size(); ++i) {
+        const FMBlockEntry& block = file.entries[i];
         if (block.blockID == 0) {
             ++missing;
             continue;
@@ -103,67 +116,61 @@ std::string BlocksText(const Shown& shown) {
                        missing == 1 ? "missing" : "missing, to " + std::to_string(first + i - 1)});
         missing = 0;
         table.Add({std::to_string(block.blockID), std::to_string(block.posInFile),
-                   std::to_string(block.totalLen), StateText(shown.check.states[i])});
+                   std::to_string(block.totalLen), StateText(file.states[i])});
     }
     return table.Text();
 }
 
-std::string Text(const Shown& shown, int64_t now) {
+std::string Text(const FMCachedFile& file, const FMExpiry& expiry, int64_t now) {
     std::string text;
-    const bool described = shown.entry.HasInfo() && shown.file.fault.empty();
-    if (described)
-        AppendDescription(text, shown, now);
+    if (file.isDescribed)
+        AppendDescription(text, file, now);
     else
-        text += "identifier    " + shown.entry.stem + "\n";
-    text += "data file     " + SizeText(shown.entry.HasData(), shown.entry.dataLength) + "\n";
-    text += "information   " + SizeText(shown.entry.HasInfo(), shown.entry.infoLength) + "\n";
-    text += "housekeeping  " + shown.keeping.Text() + "\n";
-    if (!shown.check.loads)
-        text += "not loaded    " + shown.check.findings.front().what + "\n";
-    if (shown.check.slots > 0)
-        text += "\n" + BlocksText(shown) + "\n" +
-                DrawMap(shown.file, shown.check, {OutputWidth(), WantsColour()});
-    if (const size_t faults = shown.check.Faults(); faults > 0)
+        text += "identifier    " + ToString(file.stem) + "\n";
+    text += "data file     " + SizeText(file.hasData, file.dataLength) + "\n";
+    text += "information   " + SizeText(file.hasInfo, file.infoLength) + "\n";
+    text += "housekeeping  " + KeepingText(expiry, now) + "\n";
+    if (!file.isLoadable)
+        text += "not loaded    " + Trouble(file) + "\n";
+    if (file.slots > 0)
+        text += "\n" + BlocksText(file) + "\n" + DrawMap(file, {OutputWidth(), WantsColour()});
+    if (const size_t faults = CountFaults(file); faults > 0)
         text += "\n" + Count(faults, "fault") + "; verify lists them\n";
     return text;
 }
 
-std::string JsonText(const Shown& shown) {
+std::string JsonText(const FMCachedFile& file, const FMExpiry& expiry, int64_t now) {
     Json json;
-    const FMFileInfo& info = shown.file.info;
-    json.BeginObject().Member("id", shown.entry.stem);
-    if (shown.entry.HasInfo() && shown.file.fault.empty()) {
+    const FMFileInfo& info = file.info;
+    json.BeginObject().Member("id", file.stem.view());
+    if (file.isDescribed) {
         json.Name("name", info.name.view());
         json.Member("describedID", FMFileIDToString(info.fileID).view());
-        json.Member("created", shown.file.createTime).Member("flag", info.flag);
+        json.Member("created", file.createTime).Member("flag", info.flag);
         json.Member("userValue", info.userValue).Member("firstBlock", info.blockBeg);
         json.Member("table", info.num);
     }
-    json.Member("size", shown.check.bytes).Member("present", shown.check.present);
-    json.Member("slots", shown.check.slots).Member("loads", shown.check.loads);
-    json.Member("dataFile", shown.entry.dataLength).Member("infoFile", shown.entry.infoLength);
-    json.Member("housekeeping", shown.keeping.Text());
-    json.Member("faults", uint64_t{shown.check.Faults()}).Key("blocks").BeginArray();
-    for (size_t i = 0; i < shown.check.states.size(); ++i) {
-        const FMBlockEntry& block = shown.file.slots[i];
+    json.Member("size", file.blockBytes).Member("present", file.storedBlocks);
+    json.Member("slots", file.slots).Member("loads", file.isLoadable);
+    json.Member("dataFile", file.dataLength).Member("infoFile", file.infoLength);
+    json.Member("housekeeping", KeepingText(expiry, now));
+    json.Member("faults", uint64_t{CountFaults(file)}).Key("blocks").BeginArray();
+    for (size_t i = 0; i < file.states.size(); ++i) {
+        const FMBlockEntry& block = file.entries[i];
         if (block.blockID == 0)
             continue;
         json.BeginObject().Member("block", block.blockID).Member("offset", block.posInFile);
-        json.Member("length", block.totalLen).Member("state", StateText(shown.check.states[i]));
+        json.Member("length", block.totalLen).Member("state", StateText(file.states[i]));
         json.EndObject();
     }
     return json.EndArray().EndObject().Text();
 }
 
 int Show(const ShowOptions& options) {
-    Shown shown;
-    shown.entry = FindInStore(LocateStore(options), options.id);
-    if (shown.entry.HasInfo())
-        shown.file = InfoFile::Look(shown.entry.info);
-    shown.check = CheckFile(shown.entry, shown.file);
+    const FMCachedFile file = FindInStore(LocateStore(options), options.id);
     const int64_t now = CurrentTime();
-    shown.keeping = JudgeKeeping(shown.entry, shown.file, options.days, now);
-    Print(options.json ? JsonText(shown) : Text(shown, now));
+    const FMExpiry expiry = FMJudgeExpiry(file, options.days, now);
+    Print(options.json ? JsonText(file, expiry, now) : Text(file, expiry, now));
     return 0;
 }
 

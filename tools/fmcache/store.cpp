@@ -1,8 +1,17 @@
 #include "store.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <optional>
+
 #include "failure.h"
+#include "scan.h"
 
 namespace fs = std::filesystem;
+
+namespace {
+std::string BlockName(uint32_t id) { return "block " + std::to_string(id); }
+} // namespace
 
 FMFileID ParseID(const std::string& text) {
     // Braces need quoting in shells, so they may be omitted.
@@ -41,4 +50,37 @@ uint64_t LengthOf(const fs::path& path) {
     std::error_code error;
     const uint64_t length = fs::file_size(path, error);
     return error ? 0 : length;
+}
+
+FMCachedFile DescribeLoadable(const fs::path& dir, const FMFileID& id) {
+    std::optional<FMCachedFile> file = Describe(StoreDir(dir), FMFileIDToString(id));
+    const std::string fault =
+        file && file->hasInfo ? ToString(file->infoFault) : "cannot be read: " + ErrorText(ENOENT);
+    if (!fault.empty())
+        throw Failure(Quoted(StorePaths(dir, id).info.string()) + " " + fault);
+    return std::move(*file);
+}
+
+std::vector<FMBlockEntry> CompleteBlocks(const FMCachedFile& file) {
+    if (!file.isTableComplete)
+        throw Failure("the block table ends early");
+    const auto last = std::find_if(file.entries.rbegin(), file.entries.rend(),
+                                   [](const FMBlockEntry& entry) { return entry.blockID != 0; });
+    std::vector<FMBlockEntry> blocks(file.entries.begin(), last.base());
+    for (uint32_t i = 0; i < blocks.size(); ++i) {
+        const FMSlotState state = file.states[i];
+        const uint32_t id = file.info.blockBeg + i;
+        if (state == FMSlotState::Empty)
+            throw Failure(BlockName(id) + " is missing");
+        if (blocks[i].blockID != id)
+            throw Failure("the block table is damaged: it has " + BlockName(blocks[i].blockID) +
+                          " in the slot of " + BlockName(id));
+        if (blocks[i].totalLen == 0)
+            throw Failure(BlockName(id) + " has no bytes");
+        if (state == FMSlotState::Impossible || state == FMSlotState::Beyond)
+            throw Failure("the data file ends before the end of " + BlockName(id));
+        if (state == FMSlotState::Overlaps)
+            throw Failure(BlockName(id) + " overlaps another block");
+    }
+    return blocks;
 }

@@ -4,8 +4,9 @@
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <vector>
 
-#include "FMFileID.h"
+#include "FMCatalog.h"
 
 /// Parses an identifier with or without braces. Throws Failure.
 FMFileID ParseID(const std::string& text);
@@ -26,3 +27,10 @@ StorePaths FindEntry(const std::filesystem::path& dir, const FMFileID& id);
 
 /// Length in bytes; 0 if there is no such file.
 uint64_t LengthOf(const std::filesystem::path& path);
+
+/// Describes a file that can be loaded. Throws Failure if its information file is missing, unreadable or damaged.
+FMCachedFile DescribeLoadable(const std::filesystem::path& dir, const FMFileID& id);
+
+/// Returns the blocks of a complete file in order; none for an empty file. Throws Failure with the first block
+/// whose bytes are missing. `file`: by DescribeLoadable.
+std::vector<FMBlockEntry> CompleteBlocks(const FMCachedFile& file);

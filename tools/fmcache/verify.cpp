@@ -2,10 +2,10 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "check.h"
 #include "failure.h"
 #include "json.h"
 #include "platform.h"
@@ -32,13 +32,13 @@ public:
         m_json.BeginObject().Key("files").BeginArray();
     }
 
-    void Add(const StoreEntry& entry, const Check& check) {
+    void Add(const FMCachedFile& file) {
         ++m_files;
-        m_faulty += check.Faults() > 0 ? 1 : 0;
+        m_faulty += CountFaults(file) > 0 ? 1 : 0;
         if (m_asJson)
-            AddJson(entry, check);
+            AddJson(file);
         else
-            AddText(entry, check);
+            AddText(file);
     }
 
     int End(const std::vector<std::string>& foreign) {
@@ -59,32 +59,38 @@ public:
     }
 
 private:
-    void AddText(const StoreEntry& entry, const Check& check) {
-        m_text += Printable(entry.stem) + "  " + (check.Faults() > 0 ? "damaged" : "sound");
-        if (check.loads)
-            m_text += ", " + std::to_string(check.present) + " of " + Count(check.slots, "block") +
-                      ", " + FormatSize(check.bytes);
+    static const char* StateOf(const FMCachedFile& file) {
+        if (CountFaults(file) > 0)
+            return "damaged";
+        return IsOpenElsewhere(file) ? OPEN_ELSEWHERE : "sound";
+    }
+
+    void AddText(const FMCachedFile& file) {
+        m_text += Printable(file.stem.view()) + "  " + StateOf(file);
+        if (file.isLoadable)
+            m_text += ", " + std::to_string(file.storedBlocks) + " of " +
+                      Count(file.slots, "block") + ", " + FormatSize(file.blockBytes);
         m_text += "\n";
-        for (size_t i = 0; i < check.findings.size() && i < FINDINGS_SHOWN; ++i) {
-            const Finding& finding = check.findings[i];
-            m_text += (finding.fault ? "  fault: " : "  note: ") + Printable(finding.what);
-            m_text += finding.effect.empty() ? "\n" : "; " + finding.effect + "\n";
+        for (size_t i = 0; i < file.findings.size() && i < FINDINGS_SHOWN; ++i) {
+            const FMFinding& finding = file.findings[i];
+            m_text += (finding.isFault ? "  fault: " : "  note: ") + Printable(finding.what.view());
+            m_text += finding.effect.empty() ? "\n" : "; " + ToString(finding.effect) + "\n";
         }
-        if (check.findings.size() > FINDINGS_SHOWN)
-            m_text += "  and " + std::to_string(check.findings.size() - FINDINGS_SHOWN) +
+        if (file.findings.size() > FINDINGS_SHOWN)
+            m_text += "  and " + std::to_string(file.findings.size() - FINDINGS_SHOWN) +
                       " more; --json lists all\n";
     }
 
-    void AddJson(const StoreEntry& entry, const Check& check) {
-        m_json.BeginObject().Name("id", entry.stem).Member("sound", check.Faults() == 0);
-        m_json.Member("loads", check.loads).Member("present", check.present);
-        m_json.Member("slots", check.slots).Member("size", check.bytes);
+    void AddJson(const FMCachedFile& file) {
+        m_json.BeginObject().Name("id", file.stem.view()).Member("sound", CountFaults(file) == 0);
+        m_json.Member("loads", file.isLoadable).Member("present", file.storedBlocks);
+        m_json.Member("slots", file.slots).Member("size", file.blockBytes);
         m_json.Key("findings").BeginArray();
-        for (const Finding& finding : check.findings)
+        for (const FMFinding& finding : file.findings)
             m_json.BeginObject()
-                .Member("fault", finding.fault)
-                .Member("what", finding.what)
-                .Member("effect", finding.effect)
+                .Member("fault", finding.isFault)
+                .Member("what", finding.what.view())
+                .Member("effect", finding.effect.view())
                 .EndObject();
         m_json.EndArray().EndObject();
     }
@@ -96,31 +102,32 @@ private:
     uint64_t m_faulty = 0;
 };
 
-StoreListing ListWanted(const VerifyOptions& options) {
-    const std::filesystem::path store = LocateStore(options);
-    if (!options.id.empty())
-        return {{FindInStore(store, options.id)}, {}};
+StoreListing ListWanted(const std::filesystem::path& store, const std::string& id) {
+    if (!id.empty())
+        return {{FindInStore(store, id).stem}, {}};
     StoreListing listing = ListStore(store);
-    if (listing.entries.empty() && listing.foreign.empty())
+    if (listing.stems.empty() && listing.foreign.empty())
         throw Failure("no cached files in " + Quoted(store.string()));
     return listing;
 }
 
 int Verify(const VerifyOptions& options) {
+    std::filesystem::path store;
     StoreListing listing;
     try {
-        listing = ListWanted(options);
+        store = LocateStore(options);
+        listing = ListWanted(store, options.id);
     } catch (
         const Failure& failure) { // a status of its own, so that scripts can tell it from damage
         throw Failure(failure.what(), STATUS_NOTHING_TO_VERIFY);
     }
     Report report(options.json);
     {
-        Progress progress("verifying", listing.entries.size(), Progress::Unit::Files);
-        for (const StoreEntry& entry : listing.entries) {
+        Progress progress("verifying", listing.stems.size(), Progress::Unit::Files);
+        for (const CRtString& stem : listing.stems) {
             CheckStop();
-            const InfoFile file = entry.HasInfo() ? InfoFile::Look(entry.info) : InfoFile();
-            report.Add(entry, CheckFile(entry, file));
+            if (const std::optional<FMCachedFile> file = Describe(store, stem))
+                report.Add(*file);
             progress.Add(1);
         }
     }

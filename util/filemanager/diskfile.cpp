@@ -286,6 +286,11 @@ void CDiskFile::LogSystemError(int error) const {
                                                                << " this=" << this);
 }
 
+bool CDiskFile::IsStreamOpen() {
+    const CStreamKeeper::CUse use(*this);
+    return HasStream();
+}
+
 int CDiskFile::GetLength(uint64_t& length) {
     return HasStream() && RtOs::GetLength(m_file, length) ? RT_OK : RT_ERROR_IO;
 }

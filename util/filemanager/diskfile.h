@@ -59,6 +59,8 @@ public:
     /// file descriptors.
     bool TakeExisting();
 
+    /// Whether a stream is open. Opens none.
+    bool IsStreamOpen();
     /// The length of a file that is open, in bytes. RT_OK, RT_ERROR_IO.
     int GetLength(uint64_t& length);
     /// The length of the file as of the last opening, or more if this object has written since; 0 if it was

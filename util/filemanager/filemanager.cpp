@@ -309,11 +309,8 @@ CFMFile* CFileManager::LoadFile(const CRtString& stem) {
     FMFileID pathID;
     FMFileIDFromString(stem, pathID);
     // An object that the stored identifier names differently may have the path open.
-    for (const FileRef& file : m_live.Get(&pathID)) {
-        const auto it = m_id2files.find(file->GetFileInfo().fileID);
-        if (it != m_id2files.end() && it->second.Get() == file.Get())
-            return file.Get(); // the registry's reference keeps it
-    }
+    if (const FileRef file = FindOpenAt(pathID))
+        return file.Get(); // the registry's reference keeps it
     if (!SettlePredecessors(pathID))
         return nullptr;
     const CFMLiveFiles::CClaim claim(m_live, pathID, CFMLiveFiles::CClaim::WAIT);
@@ -460,6 +457,24 @@ int CFileManager::IsFileOpen(const CRtString& stem) {
 void CFileManager::IsFileOpen_m(const FMFileID& id, int& answer) {
     const auto lock = m_live.Lock();
     answer = m_id2files.contains(id) ? 1 : 0;
+}
+
+CFileManager::FileRef CFileManager::FindOpenAt(const FMFileID& pathID) {
+    const std::vector<FileRef> files = m_live.Get(&pathID); // released after the lock
+    const auto lock = m_live.Lock();
+    for (const FileRef& file : files) {
+        const auto it = m_id2files.find(file->GetFileInfo().fileID);
+        if (it != m_id2files.end() && it->second.Get() == file.Get())
+            return file;
+    }
+    return {};
+}
+
+std::vector<FMFileID> CFileManager::GetOpenPaths() const {
+    std::vector<FMFileID> paths;
+    for (const auto& [id, file] : m_id2files)
+        paths.push_back(file->GetPathID());
+    return paths;
 }
 
 size_t CFileManager::CountOpenFiles() {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <vector>
 
 #include "FMDurability.h"
 #include "IFileManager.h"
@@ -68,6 +69,11 @@ public:
     // Registry.
     int IsFileOpen(const CRtString& stem);
     void IsFileOpen_m(const FMFileID& id, int& answer);
+    /// The open file whose path has that identifier, or null. Any thread.
+    CRtComAutoPtr<CFMFile> FindOpenAt(const FMFileID& pathID);
+    /// The identifiers in the paths of the open files.
+    std::vector<FMFileID> GetOpenPaths() const;
+    bool IsRunning() const { return m_init != 0; }
     CFMLiveFiles& GetLiveFiles() { return m_live; }
 
     // Data directory. The paths are written once, before the read/write thread starts.
@@ -84,6 +90,9 @@ public:
     /// events do not wait for the whole run.
     void HouseKeeping_m();
     void ExamineNext_m();
+    /// Queues a run. RT_OK; RT_ERROR_NOT_SUPPORTED on a client; RT_ERROR_NOT_READY if a run is queued or running, or
+    /// the thread does not run.
+    int StartHouseKeeping();
     bool IsHouseKeepingPosted() const { return m_houseKeeping.IsRunning(); }
     int GetClearDays() const { return m_clearDays; }
 

@@ -39,8 +39,8 @@
 class CFMStoreEvent;
 
 constexpr uint32_t cmax_check_owners = 8192;
-constexpr uint32_t cmax_block_data_len = 16777216;
-constexpr int64_t cmax_filea_data_len = 1073741824;
+constexpr uint32_t cmax_block_data_len = FM_BLOCK_BYTES_MAX;
+constexpr int64_t cmax_filea_data_len = FM_FILE_BYTES_MAX;
 
 enum FMBlockState : uint32_t {
     BLOCK_STATE_EMPTY = 0,

@@ -207,6 +207,11 @@ bool CFMDiskEntry::TakeDataFile() {
     return taken;
 }
 
+bool CFMDiskEntry::IsLockedElsewhere() {
+    const std::lock_guard lock(m_mutex); // no operation of this object opens the file in between
+    return m_pData && !m_pData->IsStreamOpen() && RtOs::IsLocked(m_pData->GetFileName());
+}
+
 // --- The table on disk --------------------------------------------------------------------------
 
 void CFMDiskEntry::NoteTable(int64_t tableEnd, int64_t dataLength) {

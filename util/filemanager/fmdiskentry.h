@@ -70,6 +70,8 @@ public:
     bool IsOverPredecessor() const {
         return m_path.load(std::memory_order_acquire) == Path::Predecessor;
     }
+    /// Whether another process has locked the data file: it is locked, and not by this object. Any thread.
+    bool IsLockedElsewhere();
     /// Closes both streams, and with the data file's the lock on it. The next operation opens them again.
     void CloseStreams();
 

@@ -9,6 +9,7 @@
 #include "RtTimeValue.h"
 #include "fmfunctor.h"
 #include "fmhost.h"
+#include "fmrules.h"
 #include "mistakes.h"
 #include "os/RtOs.h"
 
@@ -20,7 +21,6 @@ constexpr uint32_t LARGEST_NUM_TAKEN = 8192;
 constexpr uint32_t SMALLEST_GROWTH = 64;
 constexpr uint32_t GROWTH_BEYOND = 8; // slots beyond the requested one
 constexpr uint32_t HUGE_TABLE = 2048;
-constexpr uint32_t SECONDS_PER_DAY = 86400;
 
 uint32_t Now() { return static_cast<uint32_t>(CRtTimeValue::GetTimeOfDay().GetSec()); }
 
@@ -50,9 +50,10 @@ void CFMFile::MakeDiskFiles(const CRtString& stem, bool overPredecessor) {
     CRtString data = FMHost::GetDataDir() + stem;
     CRtString info = data;
     m_diskFile = new (std::nothrow)
-        CDiskFile(std::move(data += ".sdd"), RtOs::OPEN_ALONE, &FMHost::CheckDataDir);
+        CDiskFile(std::move(data += FM_DATA_EXTENSION), RtOs::OPEN_ALONE, &FMHost::CheckDataDir);
     RT_CHECK(SOURCE, m_diskFile, "m_diskFile");
-    m_infoFile = new (std::nothrow) CInfoFile(std::move(info += ".sdi"), 0, &FMHost::CheckDataDir);
+    m_infoFile = new (std::nothrow)
+        CInfoFile(std::move(info += FM_INFO_EXTENSION), 0, &FMHost::CheckDataDir);
     RT_CHECK(SOURCE, m_infoFile, "m_infoFile");
     m_entry.emplace(m_diskFile.Get(), m_infoFile.Get(), overPredecessor);
     if (FMHost::GetDataDir()
@@ -267,16 +268,13 @@ int CFMFile::IsHouseKeeping() {
     if (const Info info = LoadInfo(FM_INFO_BODY_OFFSET + FM_INFO_FILE_BODY_MAX);
         info != Info::Loaded)
         return info == Info::Damaged ? 1 : 0;
-    if (m_fileInfo.flag & FM_FILE_TEMPORARY)
-        return 1;
-    if (m_fileInfo.flag & FM_FILE_KEPT)
-        return 0;
     const uint32_t now = Now();
-    // A creation time in the future, from a clock that was set back, counts as new.
-    const auto aDay =
-        static_cast<int32_t>(now > m_createTime ? (now - m_createTime) / SECONDS_PER_DAY : 0);
-    RT_LOG(RT_LOG_TRACE, "CFileManager::IsHouseKeeping. aDay=" << aDay);
-    return aDay > FMHost::GetClearDays() ? 1 : 0;
+    const FMLifetime lifetime =
+        FMJudgeLifetime(m_fileInfo.flag, m_createTime, FMHost::GetClearDays(), now);
+    if (lifetime == FMLifetime::Current || lifetime == FMLifetime::Expired)
+        RT_LOG(RT_LOG_TRACE, "CFileManager::IsHouseKeeping. aDay="
+                                 << static_cast<int32_t>(FMAgeInDays(m_createTime, now)));
+    return lifetime == FMLifetime::Temporary || lifetime == FMLifetime::Expired ? 1 : 0;
 }
 
 void CFMFile::ClerDiskFile_m() {

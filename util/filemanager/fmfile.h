@@ -7,6 +7,7 @@
 #include <optional>
 #include <vector>
 
+#include "FMCatalog.h"
 #include "FMDurability.h"
 #include "FMInfoCodec.h"
 #include "fmblock.h"
@@ -62,6 +63,9 @@ public:
     void SavePendingTable(std::vector<FMUnsavedBlock>& unsaved);
     /// Whether the process would lose changes of this file by ending now.
     bool IsUnsaved();
+    uint32_t GetCreateTime() const { return m_createTime; }
+    /// The entries of the table that a close would write now.
+    std::vector<FMBlockEntry> GetEntries();
     void DropTable();
 
     /// On the read/write thread, on an object created from a stem for housekeeping.
@@ -103,8 +107,7 @@ private:
     int DecodeInfo(CRtMessageBlock& body);
     void LimitTable();
     bool RestoreBlocks(const std::vector<FMBlockEntry>& slots);
-    void RestorePlace(CFMBlock& block, const FMBlockEntry& entry, bool overlaps,
-                      int64_t dataLength);
+    void RestorePlace(CFMBlock& block, const FMBlockEntry& entry, FMSlotState state);
     void LogEntry(const char* what, const FMBlockEntry& entry);
 
     FMFileInfo m_fileInfo;

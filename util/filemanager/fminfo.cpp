@@ -7,56 +7,8 @@
 #include "fmfile.h"
 #include "fmfunctor.h"
 #include "fmhost.h"
+#include "fmrules.h"
 #include "os/RtOs.h"
-
-namespace {
-
-int64_t EndOf(const FMBlockEntry& entry) { return entry.posInFile + entry.totalLen; }
-
-bool NamesBytes(const FMBlockEntry& entry) {
-    return entry.totalLen > 0 && FMIsEntryPossible(entry);
-}
-
-// Most files are written sequentially: each entry begins where an earlier one ends, or behind it.
-bool IsInOrder(const std::vector<FMBlockEntry>& slots) {
-    int64_t end = 0;
-    for (const FMBlockEntry& entry : slots) {
-        if (!NamesBytes(entry))
-            continue;
-        if (entry.posInFile < end)
-            return false;
-        end = EndOf(entry);
-    }
-    return true;
-}
-
-// Entries whose ranges overlap: at most one of them is valid. Empty if there are none.
-std::vector<bool> FindOverlaps(const std::vector<FMBlockEntry>& slots) {
-    if (IsInOrder(slots))
-        return {};
-    std::vector<bool> overlaps(slots.size());
-    std::vector<size_t> order;
-    order.reserve(slots.size());
-    for (size_t i = 0; i < slots.size(); ++i) {
-        if (NamesBytes(slots[i]))
-            order.push_back(i);
-    }
-    std::ranges::sort(order, {}, [&slots](size_t i) { return slots[i].posInFile; });
-    int64_t furthestEnd = 0;
-    size_t furthest = 0;
-    for (const size_t i : order) {
-        if (slots[i].posInFile < furthestEnd)
-            overlaps[i] = overlaps[furthest] = true;
-        const int64_t end = EndOf(slots[i]);
-        if (end > furthestEnd) {
-            furthestEnd = end;
-            furthest = i;
-        }
-    }
-    return overlaps;
-}
-
-} // namespace
 
 // --- Saving -------------------------------------------------------------------------------------
 
@@ -152,6 +104,18 @@ bool CFMFile::HasUnsavedTable() {
     return m_stores.GetTable() != nullptr;
 }
 
+std::vector<FMBlockEntry> CFMFile::GetEntries() {
+    std::vector<FMBlockEntry> entries(m_blocks.size());
+    const auto lock = m_stores.LockShared();
+    const uint32_t epoch = m_entry->GetEpoch();
+    uint32_t serial = 0;
+    for (size_t i = 0; i < entries.size(); ++i) {
+        if (m_blocks[i] && m_blocks[i]->GetBlockID() != 0)
+            entries[i] = m_blocks[i]->Describe(epoch, serial);
+    }
+    return entries;
+}
+
 void CFMFile::DropTable() {
     std::unique_ptr<FMTable> dropped;
     const auto lock = m_stores.LockShared();
@@ -198,16 +162,13 @@ CFMFile::Info CFMFile::ExplainFailure(int ret) {
     return isTransient ? Info::Unreadable : Info::Damaged;
 }
 
-// Rejects descriptions that the library could not save and load again.
 int CFMFile::DecodeInfo(CRtMessageBlock& body) {
-    const int ret = FMDecodeFileBody(body, m_fileInfo, m_createTime);
-    if (RT_FAILED(ret))
-        return ret;
-    if (m_fileInfo.num > FM_TABLE_SLOTS_MAX || m_fileInfo.fileID == FMFileID_None ||
-        FM_INFO_FILE_BODY_FIXED + m_fileInfo.name.size() > FM_INFO_FILE_BODY_MAX)
-        return RT_ERROR_INVALID_ARG;
-    LimitTable();
-    return RT_OK;
+    const FMDescription found = FMReadDescription(body, m_fileInfo, m_createTime);
+    if (found == FMDescription::Sound)
+        LimitTable();
+    return found == FMDescription::Sound     ? RT_OK
+           : found == FMDescription::Damaged ? RT_ERROR_FAILURE
+                                             : RT_ERROR_INVALID_ARG;
 }
 
 // Bound `num` by the length of the file before a table is allocated for it.
@@ -259,21 +220,22 @@ bool CFMFile::RestoreBlocks(const std::vector<FMBlockEntry>& slots) {
     if (!m_diskFile->GetOpeningStamp(data))
         return false;
     const auto dataLength = static_cast<int64_t>(data.length);
-    const std::vector<bool> overlaps = FindOverlaps(slots);
+    const std::vector<FMSlotState> states = FMJudgeEntries(
+        slots, {m_fileInfo.blockBeg, m_blocks.size(), data.length}, FMFindOverlaps(slots));
     const uint64_t now = GetTickCountEx();
     int64_t tableEnd = 0;
     for (size_t i = 0; i < slots.size(); ++i) {
         const FMBlockEntry& entry = slots[i];
         if (entry.blockID == 0)
             continue;
-        if (NamesBytes(entry)) {
-            tableEnd = std::max(tableEnd, EndOf(entry));
+        if (FMNamesBytes(entry)) {
+            tableEnd = std::max(tableEnd, FMEndOf(entry));
             // New blocks are placed behind every range that an entry names, including entries outside the
             // table, because the table may grow. Entries beyond the maximum file length are ignored.
-            if (EndOf(entry) <= std::max(dataLength, cmax_filea_data_len))
-                m_position = std::max(m_position, EndOf(entry));
+            if (FMEndOf(entry) <= std::max(dataLength, cmax_filea_data_len))
+                m_position = std::max(m_position, FMEndOf(entry));
         }
-        if (!IsBlockidOK(entry.blockID)) {
+        if (states[i] == FMSlotState::Outside) {
             LogEntry("block outside the table", entry);
             continue;
         }
@@ -283,19 +245,18 @@ bool CFMFile::RestoreBlocks(const std::vector<FMBlockEntry>& slots) {
             return false;
         }
         m_blocks[entry.blockID - m_fileInfo.blockBeg] = block;
-        RestorePlace(*block, entry, !overlaps.empty() && overlaps[i], dataLength);
+        RestorePlace(*block, entry, states[i]);
     }
     m_entry->NoteTable(tableEnd, dataLength);
     return true;
 }
 
-void CFMFile::RestorePlace(CFMBlock& block, const FMBlockEntry& entry, bool overlaps,
-                           int64_t dataLength) {
-    if (!FMIsEntryPossible(entry))
+void CFMFile::RestorePlace(CFMBlock& block, const FMBlockEntry& entry, FMSlotState state) {
+    if (state == FMSlotState::Impossible)
         return LogEntry("impossible place", entry);
-    if (overlaps)
+    if (state == FMSlotState::Overlaps)
         return LogEntry("blocks overlap", entry);
-    const bool isBeyond = entry.totalLen > 0 && EndOf(entry) > dataLength;
+    const bool isBeyond = state == FMSlotState::Beyond;
     if (isBeyond)
         LogEntry("block beyond the data file", entry);
     block.Restore(entry, isBeyond ? 0 : m_entry->GetEpoch()); // no epoch 0: reading it fails

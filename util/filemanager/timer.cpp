@@ -24,8 +24,7 @@ void CFileManager::OnTimer(CRtTimerWrapper* timer) noexcept {
     RetryFailedStores();
     m_live.SaveUnsaved();
     MemoyCollect();
-    if (m_isServer)
-        CheckHouseKeeping();
+    CheckHouseKeeping();
 }
 
 void CFileManager::LogStatistics(const char* occasion) {
@@ -70,11 +69,19 @@ void CFileManager::CheckHouseKeeping() {
     const auto now = static_cast<uint32_t>(CRtTimeValue::GetTimeOfDay().GetSec());
     if (now - m_lastHouseKeeping.load() < SECONDS_PER_DAY)
         return;
+    StartHouseKeeping();
+}
+
+int CFileManager::StartHouseKeeping() {
+    if (!m_isServer)
+        return RT_ERROR_NOT_SUPPORTED;
     if (!m_houseKeeping.Begin())
-        return;
-    if (RT_FAILED(PostToReadwrThread(new CFMFunctor0(this, &CFileManager::HouseKeeping_m), 0,
-                                     RT_PRIORITY_LOW)))
+        return RT_ERROR_NOT_READY;
+    const int result = PostToReadwrThread(new CFMFunctor0(this, &CFileManager::HouseKeeping_m), 0,
+                                          RT_PRIORITY_LOW);
+    if (RT_FAILED(result))
         m_houseKeeping.End();
+    return result;
 }
 
 // --- Housekeeping, on the read/write thread -----------------------------------------------------

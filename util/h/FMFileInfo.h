@@ -19,6 +19,12 @@ enum FMFileFlag : uint32_t {
     FM_FILE_KEPT = 4,
 };
 
+/// The intended limits for the bytes of a cached file and of a block (see IFileManager.h, "Sizes").
+///@{
+constexpr uint32_t FM_FILE_BYTES_MAX = 1'073'741'824; // 1 GiB
+constexpr uint32_t FM_BLOCK_BYTES_MAX = 16'777'216;   // 16 MiB
+///@}
+
 /// The description of a cached file. The application passes it to IFileManager::CreateFile, and the
 /// information file stores it. A plain value; copies are independent.
 struct FMFileInfo {

@@ -150,8 +150,9 @@ enum OpenFlags : uint32_t {
     OPEN_EXISTING = 0,
     OPEN_CREATE = 1, ///< creates a missing file, on POSIX with mode 0600
     OPEN_ALONE = 2,  ///< exclusive lock: a second open with this flag fails, see IsInUse
+    OPEN_READ = 4,   ///< for reading only; not with the other flags
 };
-/// Opens a file for reading and writing and returns its descriptor. Never truncates the file. Child processes do
+/// Opens a file, without OPEN_READ for reading and writing, and returns its descriptor. Never truncates the file. Child processes do
 /// not inherit the descriptor. On POSIX, a link at the path is not followed. On failure returns NO_FILE and sets
 /// `error` to the system's error number. `created`: this call has created the file. `stamp`: its fingerprint.
 constexpr int NO_FILE = -1;
@@ -161,6 +162,9 @@ void CloseFile(int file);
 bool IsNoSuchFile(int error);
 /// Whether that error number means that another descriptor holds the exclusive lock.
 bool IsInUse(int error);
+/// Whether a descriptor of this process or of another one holds the exclusive lock on the file. Opens the file for
+/// reading; false if that fails. OpenFile with OPEN_ALONE does not fail because of this query: it tries again.
+bool IsLocked(const CRtString& path);
 /// Whether that error number means that the process or the system has run out of file descriptors.
 bool IsOutOfStreams(int error);
 enum class Transfer {

@@ -17,12 +17,14 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <limits>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include "RtOs.h"
@@ -331,7 +333,9 @@ bool Stamp(int result, const Info& info, FileStamp& stamp) {
 
 int OpenOrCreate(const char* path, uint32_t flags, bool& created) {
     // O_NOFOLLOW: the target of a link is outside the cache. A dangling link can be neither opened nor created.
-    constexpr int mode = O_RDWR | O_CLOEXEC | O_NOFOLLOW;
+    // O_NONBLOCK: to open a pipe for reading would wait for a writer.
+    const int access = flags & OPEN_READ ? O_RDONLY | O_NONBLOCK : O_RDWR;
+    const int mode = access | O_CLOEXEC | O_NOFOLLOW;
     for (;;) {
         created = false;
         int fd = ::open(path, mode);
@@ -344,6 +348,19 @@ int OpenOrCreate(const char* path, uint32_t flags, bool& created) {
     }
 }
 
+// A query (IsLocked) holds the shared lock for an instant, which refuses the exclusive one.
+bool LockAlone(int fd) {
+    for (const int pauseMs : {0, 1, 2, 4, 8, 16, 32}) {
+        if (LockFile(fd, LOCK_EX))
+            return true;
+        if (!LockFile(fd, LOCK_SH)) // another descriptor holds the exclusive lock
+            return false;
+        LockFile(fd, LOCK_UN);
+        std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
+    }
+    return LockFile(fd, LOCK_EX);
+}
+
 } // namespace
 
 int OpenFile(const CRtString& path, uint32_t flags, int& error, bool& created, FileStamp& stamp) {
@@ -351,7 +368,7 @@ int OpenFile(const CRtString& path, uint32_t flags, int& error, bool& created, F
     for (;;) {
         const int fd = OpenOrCreate(native.c_str(), flags, created);
         error = fd < 0 ? errno : 0;
-        if (fd >= 0 && (flags & OPEN_ALONE) && !LockFile(fd, LOCK_EX))
+        if (fd >= 0 && (flags & OPEN_ALONE) && !LockAlone(fd))
             error = EWOULDBLOCK;
         struct stat info {};
         if (error == 0 && ::fstat(fd, &info) != 0)
@@ -371,6 +388,16 @@ void CloseFile(int file) { ::close(file); }
 bool IsNoSuchFile(int error) { return IsMissing(error); }
 bool IsOutOfStreams(int error) { return error == EMFILE || error == ENFILE; }
 bool IsInUse(int error) { return error == EWOULDBLOCK; }
+
+bool IsLocked(const CRtString& path) {
+    bool created = false;
+    const int fd = OpenOrCreate(Native(path).c_str(), OPEN_READ, created);
+    if (fd < 0)
+        return false;
+    const bool isLocked = !LockFile(fd, LOCK_SH);
+    ::close(fd); // releases the lock
+    return isLocked;
+}
 
 // May move the position of the descriptor: every transfer passes its own offset.
 bool GetLength(int file, uint64_t& length) {

@@ -307,13 +307,30 @@ constexpr int IN_USE = EBUSY;
 int Open(const CRtString& path, int mode, uint32_t flags, int& file) {
     // _SH_DENYWR: every other open for writing fails.
     const int sharing = (flags & OPEN_ALONE) ? _SH_DENYWR : _SH_DENYNO;
-    const int error = ::_sopen_s(&file, path.c_str(), mode | _O_RDWR | _O_BINARY | _O_NOINHERIT,
-                                 sharing, _S_IREAD | _S_IWRITE);
+    mode |= (flags & OPEN_READ ? _O_RDONLY : _O_RDWR) | _O_BINARY | _O_NOINHERIT;
+    const int error = ::_sopen_s(&file, path.c_str(), mode, sharing, _S_IREAD | _S_IWRITE);
     const bool isInUse = error == EACCES && _doserrno == ERROR_SHARING_VIOLATION;
     return isInUse ? IN_USE : error;
 }
 
+// A query (IsLocked) permits no writing for an instant, so that every open for writing fails.
+int OpenPastQueries(const CRtString& path, int mode, uint32_t flags, int& file) {
+    int error = Open(path, mode, flags, file);
+    for (DWORD pauseMs = 1; pauseMs <= 32 && error == IN_USE && !IsLocked(path); pauseMs *= 2) {
+        ::Sleep(pauseMs);
+        error = Open(path, mode, flags, file);
+    }
+    return error;
+}
+
 } // namespace
+
+// The sharing mode conflicts with the access for writing of a descriptor that OPEN_ALONE has opened, and permits
+// what queries and readers do.
+bool IsLocked(const CRtString& path) {
+    const Handle query(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE);
+    return !query.IsOpen() && ::GetLastError() == ERROR_SHARING_VIOLATION;
+}
 
 int OpenFile(const CRtString& path, uint32_t flags, int& error, bool& created, FileStamp& stamp) {
     // Another process may create or remove the file in between. Bounded: a dangling link can neither be opened
@@ -323,7 +340,7 @@ int OpenFile(const CRtString& path, uint32_t flags, int& error, bool& created, F
     error = EEXIST;
     for (int i = 0; i < tries && error == EEXIST; ++i) {
         created = false;
-        error = Open(path, 0, flags, file);
+        error = OpenPastQueries(path, 0, flags, file);
         if (error == ENOENT && (flags & OPEN_CREATE)) {
             error = Open(path, _O_CREAT | _O_EXCL, flags, file);
             created = error == 0;
