@@ -203,6 +203,13 @@ TEST(Durability, AFlushListsWhatItCouldNotWriteAndTheNextOneWritesIt) {
     EXPECT_TRUE(unsaved.empty());
     EXPECT_TRUE(Survives(Cache::Block(*open, 7)));
     EXPECT_FALSE(Survives(Cache::Block(*temporary, 7)));
+    Write(*Cache::Block(*open, 9), "abc");
+    FMWaitUntilIdle();
+    fs::remove(cache.Path(ids[0], ".sdi"));
+    fs::create_directory(cache.Path(ids[0], ".sdi"));
+    EXPECT_EQ(FMFlush(unsaved), RT_ERROR_IO); // the failed write may have torn the older table
+    EXPECT_EQ(BlocksOf(unsaved), (std::vector<uint32_t>{7, 9}));
+    fs::remove(cache.Path(ids[0], ".sdi"));
     cache.Stop();
     EXPECT_EQ(FMFlush(unsaved), RT_ERROR_NOT_READY);
     EXPECT_EQ(FMFlushAsync({}), RT_ERROR_INVALID_ARG);
@@ -229,4 +236,72 @@ TEST(Durability, ACallWhenIdleComesAfterEverythingThatWasQueued) {
     EXPECT_TRUE(fs::exists(cache.Path(id, ".sdi")));
     EXPECT_EQ(FMGetUnstoredBytes(), 0U);
     EXPECT_EQ(FMCallWhenIdle({}), RT_ERROR_INVALID_ARG);
+}
+
+TEST(Durability, AFlushAndAClosingFileLoseNothing) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FileRef file = cache.Create();
+    const FMFileID id = file->GetFileInfo().fileID;
+    for (const uint32_t block : {1U, 2U})
+        Write(*Cache::Block(*file, block), "first");
+    Unsaved unsaved;
+    EXPECT_EQ(FMFlush(unsaved), RT_OK);
+    // A rewrite that begins with an empty piece, and a flush before its bytes.
+    const CRtMessageChain empty = CRtMessageBlock::Wrap("", 0);
+    EXPECT_EQ(Cache::Block(*file, 2)->WriteData(5, 0, empty.get()), RT_OK);
+    EXPECT_EQ(FMFlush(unsaved), RT_OK);
+    Write(*Cache::Block(*file, 2), "again");
+    // The file is closed while a flush is queued and a store of the file is not.
+    int result = -1;
+    EXPECT_EQ(FMFlushAsync([&](int flushed, const Unsaved&) { result = flushed; }), RT_OK);
+    std::atomic<bool> isReleased{false};
+    CFileManager::Instance()->PostToReadwrThread(new TestEvent([&] { isReleased.wait(false); }), 0);
+    Write(*Cache::Block(*file, 3), "third");
+    cache.Close(file);
+    cache.thread.RunDue();
+    isReleased = true;
+    isReleased.notify_one();
+    while (result == -1)
+        cache.thread.RunDue();
+    EXPECT_EQ(result, RT_OK);
+    file = cache.Open(id);
+    ASSERT_TRUE(file);
+    EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), "first");
+    EXPECT_EQ(Read(*Cache::Block(*file, 2, 0)), "again");
+    EXPECT_EQ(Read(*Cache::Block(*file, 3, 0)), "third");
+}
+
+TEST(Durability, AFlushThatFindsTheDataFileTruncatedKeepsResidentBlocks) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FileRef file = cache.Create();
+    const FMFileID id = file->GetFileInfo().fileID;
+    Write(*Cache::Block(*file, 1), "first");
+    Write(*Cache::Block(*file, 2), "second");
+    FMWaitUntilIdle();
+    fs::resize_file(cache.Path(id, ".sdd"), 2);
+    Unsaved unsaved;
+    EXPECT_EQ(FMFlush(unsaved), RT_ERROR_IO);
+    EXPECT_EQ(BlocksOf(unsaved), (std::vector<uint32_t>{1, 2}));
+    EXPECT_EQ(FMFlush(unsaved), RT_OK); // it has stored them again
+    cache.Close(file);
+    file = cache.Open(id);
+    EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), "first");
+    EXPECT_EQ(Read(*Cache::Block(*file, 2, 0)), "second");
+}
+
+TEST(Durability, CallsWhenIdleDoNotWaitForEachOther) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    int calls = 0;
+    for (int i = 0; i < 8; ++i)
+        EXPECT_EQ(FMCallWhenIdle([&](int result) { calls += result == RT_OK ? 1 : 0; }), RT_OK);
+    EXPECT_EQ(FMWaitUntilIdle(5000), RT_OK);
+    EXPECT_EQ(calls, 8);
+    cache.Stop(); // without a read/write thread, too
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(FMCallWhenIdle([&](int) { ++calls; }), RT_OK);
+    EXPECT_EQ(FMWaitUntilIdle(5000), RT_OK);
+    EXPECT_EQ(calls, 10);
 }

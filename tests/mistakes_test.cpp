@@ -125,8 +125,8 @@ TEST(Mistakes, ExceededLimitsAreReportedWithTheirFile) {
     EXPECT_EQ(block->WriteData(12, 6, piece.get()), 0);
     EXPECT_EQ(
         log.Count(
-            "IFMBlock::WriteData, mistake: blockLen is 11, and the first piece of the block had "
-            "10, which stays."),
+            "IFMBlock::WriteData, mistake: blockLen is 11, but the first piece set the length of "
+            "the block to 10, which the block keeps."),
         1U);
     EXPECT_EQ(log.Count(name), 1U) << log.Text();
     constexpr uint32_t large = cmax_block_data_len + 1;
@@ -154,15 +154,17 @@ TEST(Mistakes, FilesThatUnInitializeCannotSaveAreCountedAndNamed) {
     FMWaitUntilIdle();
     fs::create_directory(cache.Path(id, ".sdi"));
     cache.Stop();
-    EXPECT_EQ(log.Count("IFileManager::UnInitialize, mistake: 1 files in "), 1U) << log.Text();
-    EXPECT_EQ(log.Count(" were not saved. "), 1U);
-    EXPECT_EQ(log.Count("call Initialize and UnInitialize again. fileID= " + Text(id)), 1U)
+    EXPECT_EQ(log.Count("IFileManager::UnInitialize, mistake: files in "), 1U) << log.Text();
+    EXPECT_EQ(log.Count(" that were not saved: 1. "), 1U);
+    EXPECT_EQ(
+        log.Count("call Initialize and UnInitialize before the process ends. fileID=" + Text(id)),
+        1U)
         << log.Text();
     fs::remove(cache.Path(id, ".sdi"));
     cache.Start();
     cache.Stop();
     cache.Start();
-    EXPECT_EQ(log.Count(" were not saved. "), 1U);
+    EXPECT_EQ(log.Count(" were not saved"), 1U);
     const FileRef again = cache.Open(id);
     ASSERT_TRUE(again);
     EXPECT_EQ(Read(*Cache::Block(*again, 1, 0)), "abc");
@@ -186,9 +188,9 @@ TEST(MistakesDeathTest, AProcessThatEndsWithoutUnInitializeCountsItsUnsavedFiles
         std::exit(0);
     };
     EXPECT_EXIT(endWithoutUnInitialize(), testing::ExitedWithCode(0),
-                "process end, mistake: 41 files in .* were not saved. Call "
+                "process end, mistake: files in .* that were not saved: 41. Call "
                 "IFileManager::UnInitialize before "
-                "the process ends. fileID= \\{(.|\n)*not saved: fileID= \\{");
+                "the process ends. fileID=\\{(.|\n)*not saved: fileID=\\{");
 }
 
 TEST(Mistakes, ResultCodesHaveANameAndAText) {

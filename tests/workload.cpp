@@ -133,7 +133,7 @@ void Workload::DropPromises(uint32_t file) {
         version = 0;
 }
 
-// What FMFlush has written must survive a kill at any later moment.
+// What FMFlush has written must survive a kill at any moment until the next write of the table or the block.
 void Workload::Flush() {
     for (uint32_t number = 0; number < FILES; ++number) {
         if (m_files[number].open && m_files[number].changed)

@@ -102,7 +102,7 @@ int CFileManager::CheckDataDir() {
     return 1;
 }
 
-// CreateDir has logged each attempt. The outermost directory that cannot be created tells the cause.
+// Retries the outermost missing directory: its error is the cause.
 void CFileManager::ReportMissingDataDir() {
     const auto isThere = [](const CRtString& path) {
         return RtOs::GetEntryKind(path) == RtOs::EntryKind::Directory;

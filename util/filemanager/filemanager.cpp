@@ -117,9 +117,9 @@ void CFileManager::UnInitialize() noexcept {
     WaitForDisk(); // for the stores that were retried
     StopReadwrThread();
     WriteWaitingInfo();
-    ReportUnsaved("IFileManager::UnInitialize", "The lines above name the errors of the disk. "
-                                                "Before the process ends, remove the cause and "
-                                                "call Initialize and UnInitialize again.");
+    ReportUnsaved("IFileManager::UnInitialize", "Earlier lines name the system errors. Remove "
+                                                "the cause, then call Initialize and "
+                                                "UnInitialize before the process ends.");
     m_pCallerTd = nullptr;
     if (m_clearDays == 1)
         ClearDiskCache();
@@ -194,12 +194,15 @@ void CFileManager::ReportUnsaved(const char* call, const char* remedy) {
             continue;
         if (count++ % identifiersInLine == 0)
             lines.emplace_back();
-        lines.back() += CRtString(" ") + FMFileIDToString(file->GetFileInfo().fileID);
+        else
+            lines.back() += " ";
+        lines.back() += FMFileIDToString(file->GetFileInfo().fileID);
     }
     for (size_t i = 0; i < lines.size(); ++i) {
         if (i == 0)
-            FM_REPORT_MISTAKE(call << ", mistake: " << uint64_t{count} << " files in " << m_dataDir
-                                   << " were not saved. " << remedy << " fileID=" << lines[i]);
+            FM_REPORT_MISTAKE(call << ", mistake: files in " << m_dataDir
+                                   << " that were not saved: " << uint64_t{count} << ". " << remedy
+                                   << " fileID=" << lines[i]);
         else
             RT_LOG(RT_LOG_ERROR, call << ", not saved: fileID=" << lines[i]);
     }

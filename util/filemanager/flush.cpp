@@ -1,12 +1,11 @@
 // FMFlush: writes the blocks and tables of all files. FMGetBlockStatus.
 #include "FMDurability.h"
 
-#include <memory>
+#include <algorithm>
 #include <utility>
 
 #include "RtEventQueue.h"
 #include "RtResult.h"
-#include "RtRuntime.h"
 #include "filemanager.h"
 #include "fmblock.h"
 #include "fmfunctor.h"
@@ -17,8 +16,9 @@ namespace {
 using Unsaved = std::vector<FMUnsavedBlock>;
 using FlushDone = std::function<void(int result, const Unsaved& unsaved)>;
 
-// The manager if it can flush on this thread, with the failed stores queued again.
-CFileManager* BeginFlush() {
+// Queues the failed stores again. Null if the manager is not initialized, or if this is not the caller thread.
+CFileManager* BeginFlush(const char* call) {
+    CFMMistakes::CheckThread(call);
     CFileManager* const manager = CFileManager::IfAlive();
     if (!manager || !CRtEventQueue::IsCallerThread() || manager->GetReadwrThreadID() == 0)
         return nullptr;
@@ -27,28 +27,30 @@ CFileManager* BeginFlush() {
     return manager;
 }
 
-// Runs behind the stores that were queued before.
-class CFlushEvent final : public CFMFunctorBase {
-public:
-    explicit CFlushEvent(FlushDone done) : m_done(std::move(done)) {}
-    int OnEventFire() override {
-        const auto end = [done = std::move(m_done)] {
-            Unsaved unsaved;
-            if (CFileManager* manager = CFileManager::IfAlive())
-                done(manager->SaveAll(unsaved), unsaved);
-        };
-        RtRunOnCallerThread(end, false);
-        return RT_OK;
-    }
+int PostFlush(CFileManager& manager, const FlushDone& done);
 
-private:
-    FlushDone m_done;
-};
+// On the caller thread, behind the stores that were queued before the flush.
+void EndFlush(CFileManager& manager, const FlushDone& done) {
+    // A file that was closed in between has queued its failed stores once more.
+    const bool isStoring =
+        std::ranges::any_of(manager.GetLiveFiles().Get(nullptr), &CFMFile::IsClosing);
+    if (isStoring && RT_SUCCEEDED(PostFlush(manager, done)))
+        return;
+    Unsaved unsaved;
+    const int result = manager.SaveAll(unsaved);
+    done(manager.GetReadwrThreadID() == 0 ? RT_ERROR_NOT_READY : result, unsaved);
+}
+
+int PostFlush(CFileManager& manager, const FlushDone& done) {
+    const auto end = [&manager, done] { EndFlush(manager, done); };
+    const auto post = [&manager, end] { manager.PostToCallerThread(new CFMCall(end), 0); };
+    return manager.PostToReadwrThread(new CFMCall(post), 0);
+}
 
 } // namespace
 
 int FMFlush(std::vector<FMUnsavedBlock>& unsaved) {
-    CFileManager* const manager = BeginFlush();
+    CFileManager* const manager = BeginFlush("FMFlush");
     if (!manager)
         return RT_ERROR_NOT_READY;
     manager->PostToReadwrThread(new CFMFunctorBase, 1, RT_PRIORITY_NORMAL);
@@ -58,9 +60,8 @@ int FMFlush(std::vector<FMUnsavedBlock>& unsaved) {
 int FMFlushAsync(FlushDone done) {
     if (!done)
         return RT_ERROR_INVALID_ARG;
-    CFileManager* const manager = BeginFlush();
-    return manager ? manager->PostToReadwrThread(new CFlushEvent(std::move(done)), 0)
-                   : RT_ERROR_NOT_READY;
+    CFileManager* const manager = BeginFlush("FMFlushAsync");
+    return manager ? PostFlush(*manager, done) : RT_ERROR_NOT_READY;
 }
 
 // After the stores: writes the tables.
@@ -69,18 +70,20 @@ int CFileManager::SaveAll(std::vector<FMUnsavedBlock>& unsaved) {
     for (const auto& [id, file] : m_id2files)
         file->SaveNow(unsaved);
     for (const FileRef& file : m_live.Get(nullptr)) { // closed files
-        if (file->HasUnsavedTable())
+        if (file->HasUnsavedTable() && !file->IsClosing())
             file->SavePendingTable(unsaved);
     }
     return unsaved.empty() ? RT_OK : RT_ERROR_IO;
 }
 
 void CFMFile::SaveNow(std::vector<FMUnsavedBlock>& unsaved) {
+    if (m_closed) // closing it has called the application
+        return;
     const bool isTemporary = (m_fileInfo.flag & FM_FILE_TEMPORARY) != 0; // no later run loads it
     if (!isTemporary && !m_entry->IsDetached() && (m_fileFlag.load() & FLAG_INFO_CHANGED))
         WriteTableNow();
     for (const auto& block : m_blocks) {
-        if (!block || block->GetPosition() == 0)
+        if (!block || block->GetPosition() == 0 || block->IsDamaged())
             continue;
         if (isTemporary ? block->IsOnDiskNow() : block->SurvivesKill())
             continue;
@@ -90,8 +93,8 @@ void CFMFile::SaveNow(std::vector<FMUnsavedBlock>& unsaved) {
     }
 }
 
-// A table that cannot be written does not stay pending as that of a closed file does: it would be out of date after
-// the next store. The next flush, or the closing of the file, takes a new one.
+// A table that cannot be written does not stay pending as that of a closed file does: the next store makes it
+// stale. The next flush, or the closing of the file, takes a new one.
 void CFMFile::WriteTableNow() {
     bool isIdle = false;
     if (!TakeTable(isIdle))
@@ -101,10 +104,14 @@ void CFMFile::WriteTableNow() {
         const auto lock = m_stores.LockShared();
         slots = m_stores.GetTable()->slots;
     }
+    const uint32_t epoch = m_entry->GetEpoch();
     if (!WriteTable()) {
         DropTable();
-        return MarkInfoChanged();
+        MarkInfoChanged();
+        slots.clear(); // a failed write may have invalidated the older table
     }
+    if (m_entry->GetEpoch() != epoch) // bytes were missing: resident blocks are stored again
+        MarkStoreFailed();
     const bool isLoadable =
         FM_INFO_FILE_BODY_FIXED + m_fileInfo.name.size() <= FM_INFO_FILE_BODY_MAX;
     slots.resize(isLoadable ? FMCountSavedSlots(slots) : 0);
@@ -112,6 +119,11 @@ void CFMFile::WriteTableNow() {
         if (m_blocks[i])
             m_blocks[i]->SetNamed(i < slots.size() && slots[i].totalLen > 0);
     }
+}
+
+bool CFMFile::IsClosing() {
+    const auto lock = m_stores.LockShared();
+    return m_closed && m_stores.GetTable() && !m_stores.IsIdle();
 }
 
 void CFMFile::SavePendingTable(std::vector<FMUnsavedBlock>& unsaved) {

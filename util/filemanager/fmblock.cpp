@@ -272,12 +272,13 @@ int CFMBlock::CheckPiece(uint32_t blockLen, uint32_t dataPos, const CRtMessageBl
                   "dataPos + data->GetChainedLength() <= m_totalLen"))
         return RT_ERROR_INVALID_ARG;
     if (blockLen != length && CFMMistakes::IsFirst(FMMistake::BlockLength))
-        FM_REPORT_MISTAKE(
-            "IFMBlock::WriteData, mistake: blockLen is "
-            << blockLen << ", and the first piece of the block had " << m_totalLen
-            << ", which stays. Pass the same blockLen with each piece. Further pieces are "
-               "not reported. "
-            << GetLogName());
+        FM_REPORT_MISTAKE("IFMBlock::WriteData, mistake: blockLen is "
+                          << blockLen << ", but the first piece set the length of the block to "
+                          << m_totalLen
+                          << ", which the block keeps. Pass the same blockLen with each piece. "
+                             "Further pieces are "
+                             "not reported. "
+                          << GetLogName());
     return RT_OK;
 }
 
@@ -331,6 +332,7 @@ int CFMBlock::PrepareBuffer(uint32_t blockLen) {
 
 void CFMBlock::PostStore() {
     m_onDisk.isNamed = false; // the store revokes the entry of the table on disk
+    m_file->MarkInfoChanged();
     CRtMessageChain bytes = m_data->DuplicateChained();
     CFMStoreEvent* event = nullptr;
     {
@@ -356,8 +358,8 @@ void CFMBlock::RetryStore() {
     bool isWanted = false;
     {
         const auto lock = m_file->GetStores().LockShared();
-        isWanted =
-            m_state == State::Failed || (IsOnDisk() && m_onDisk.epoch != m_file->GetEntry().GetEpoch());
+        isWanted = m_state == State::Failed ||
+                   (IsOnDisk() && m_onDisk.epoch != m_file->GetEntry().GetEpoch());
     }
     if (!isWanted)
         return;

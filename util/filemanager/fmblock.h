@@ -103,6 +103,8 @@ public:
     FMBlockStatus GetStatus() const;
     /// The data file contains the bytes, as far as this process knows.
     bool IsOnDiskNow() const;
+    /// The table that was loaded says that the bytes are beyond the end of the data file.
+    bool IsDamaged() const { return m_state == State::Restored && m_onDisk.epoch == 0; }
     /// In addition, the table on disk names them.
     bool SurvivesKill() const { return m_onDisk.isNamed && IsOnDiskNow(); }
     /// Whether the table that has just been written names the bytes.

@@ -62,7 +62,8 @@ void CFMFile::MakeDiskFiles(const CRtString& stem, bool overPredecessor) {
 }
 
 CRtString CFMFile::GetLogName() const {
-    return CRtString("fileID=") + FMFileIDToString(m_fileInfo.fileID) +
+    const bool isLoaded = !(m_fileInfo.fileID == FMFileID_None);
+    return CRtString("fileID=") + FMFileIDToString(isLoaded ? m_fileInfo.fileID : m_pathID) +
            ",path=" + (m_diskFile ? m_diskFile->GetFileName() : CRtString());
 }
 
@@ -103,11 +104,15 @@ int CFMFile::GetBlock(IFMBlock*& block, uint32_t blockID, int create) noexcept {
         block = nullptr;
         return RT_ERROR_NULL_OBJECT;
     }
-    if (blockID == 0 || slot >= FM_INFO_SLOTS_MAX)
+    if (blockID == 0)
         FM_REPORT_MISTAKE(
-            "IFMFile::GetBlock, mistake: block "
-            << blockID << " cannot be saved, because the information file has " << FM_INFO_SLOTS_MAX
-            << " slots and no block 0. Use blockBeg 1 or more, and more files. " << GetLogName());
+            "IFMFile::GetBlock, mistake: block 0 cannot be saved, because 0 marks an empty slot. "
+            "Use blockBeg 1 or more. "
+            << GetLogName());
+    else if (slot >= FM_INFO_SLOTS_MAX)
+        FM_REPORT_MISTAKE("IFMFile::GetBlock, mistake: block "
+                          << blockID << " cannot be saved, because the information file has "
+                          << FM_INFO_SLOTS_MAX << " slots. Use more files. " << GetLogName());
     m_blocks[slot] = fmBlock;
     block = fmBlock.Get();
     block->AddReference();

@@ -59,6 +59,8 @@ public:
     bool HasUnsavedTable();
     /// Writes the table of an open file if it has changed. Adds the complete blocks that would be lost by a kill.
     void SaveNow(std::vector<FMUnsavedBlock>& unsaved);
+    /// The file was closed, and stores that its pending table waits for have not ended.
+    bool IsClosing();
     /// Writes the pending table of a closed file. If that fails, adds the blocks that it names.
     void SavePendingTable(std::vector<FMUnsavedBlock>& unsaved);
     /// Whether the process would lose changes of this file by ending now.

@@ -35,6 +35,19 @@ private:
     CRtMessageChain m_chain;
 };
 
+/// Calls a function.
+class CFMCall final : public CFMFunctorBase {
+public:
+    explicit CFMCall(std::function<void()> call) : m_call(std::move(call)) {}
+    int OnEventFire() override {
+        m_call();
+        return 0;
+    }
+
+private:
+    const std::function<void()> m_call;
+};
+
 template <class T, class R>
 class CFMFunctor0 final : public CFMFunctorBase {
 public:

@@ -16,7 +16,7 @@ public:
     /// True for the first mistake of this kind since Reset. Any thread.
     static bool IsFirst(FMMistake kind);
     static void Reset();
-    /// The begin of each operation that only the caller thread may call; `call` is its name.
+    /// Call it first in each operation that only the caller thread may call. `call`: the name of the operation.
     static void CheckThread([[maybe_unused]] const char* call) {
 #ifndef FILEMANAGER_NO_THREAD_CHECK
         if (!CRtEventQueue::IsCallerThread())

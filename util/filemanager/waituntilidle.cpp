@@ -1,11 +1,14 @@
 #include <chrono>
+#include <functional>
 #include <utility>
+#include <vector>
 
 #include "IFileManager.h"
 #include "RtEventQueue.h"
 #include "RtRuntime.h"
 #include "filemanager.h"
 #include "fmfunctor.h"
+#include "mistakes.h"
 
 namespace {
 
@@ -49,43 +52,55 @@ int PumpUntilIdle(CFileManager& manager, CRtEventQueue& own, uint32_t millisecon
     }
 }
 
-// On the caller thread. Checks again behind everything that is queued on both threads, until nothing is.
-void CheckIdle(std::function<void(int)> done);
+// The functions that wait for an idle moment. One check at a time is in flight for all of them: two would see
+// each other in the queues. Caller thread only.
+std::vector<std::function<void(int)>>& Waiting() {
+    // Never destroyed: the last events run after the destructors of static objects.
+    static auto* waiting = new std::vector<std::function<void(int)>>;
+    return *waiting;
+}
 
-class CIdleCheck final : public CFMFunctorBase {
-public:
-    explicit CIdleCheck(std::function<void(int)> done) : m_done(std::move(done)) {}
-    int OnEventFire() override {
-        RtRunOnCallerThread([done = std::move(m_done)] { CheckIdle(done); }, false);
-        return RT_OK;
-    }
+void EndWait(int result) {
+    std::vector<std::function<void(int)>> waiting;
+    waiting.swap(Waiting());
+    for (const auto& done : waiting)
+        done(result);
+}
 
-private:
-    std::function<void(int)> m_done;
-};
-
-void CheckIdle(std::function<void(int)> done) {
+// Checks again behind everything that is queued on both threads, until nothing is.
+void CheckIdle() {
     CFileManager* const manager = CFileManager::IfAlive();
+    CRtEventQueue& own = *CRtEventQueue::Current();
     if (!manager)
-        return done(RT_ERROR_NOT_READY);
-    if (CRtEventQueue::Current()->GetCount() == 0 && manager->IsReadwrThreadIdle())
-        return done(RT_OK);
-    if (manager->GetReadwrThreadID() == 0)
-        RtRunOnCallerThread([done] { CheckIdle(done); }, false);
-    else if (RT_FAILED(manager->PostToReadwrThread(new CIdleCheck(done), 0, RT_PRIORITY_LOW)))
-        done(RT_ERROR_NOT_READY);
+        return EndWait(RT_ERROR_NOT_READY);
+    if (own.GetCount() == 0 && manager->IsReadwrThreadIdle())
+        return EndWait(RT_OK);
+    const auto post = [manager] { manager->PostToCallerThread(new CFMCall(&CheckIdle), 0); };
+    const int result = manager->GetReadwrThreadID() == 0
+                           ? own.PostEvent(new CFMCall(&CheckIdle), RT_PRIORITY_NORMAL)
+                           : manager->PostToReadwrThread(new CFMCall(post), 0, RT_PRIORITY_LOW);
+    if (RT_FAILED(result))
+        EndWait(RT_ERROR_NOT_READY);
 }
 
 } // namespace
 
 int FMCallWhenIdle(std::function<void(int result)> done) {
+    CFMMistakes::CheckThread("FMCallWhenIdle");
     if (!done)
         return RT_ERROR_INVALID_ARG;
     if (!CFileManager::Instance())
         return RT_ERROR_NULL_OBJECT;
     if (!CRtEventQueue::IsCallerThread())
         return RT_ERROR_NOT_READY;
-    return RtRunOnCallerThread([done = std::move(done)] { CheckIdle(done); }, false);
+    Waiting().push_back(std::move(done));
+    if (Waiting().size() > 1)
+        return RT_OK; // the check that is in flight is for this function, too
+    const int result =
+        CRtEventQueue::Current()->PostEvent(new CFMCall(&CheckIdle), RT_PRIORITY_NORMAL);
+    if (RT_FAILED(result))
+        Waiting().clear();
+    return result;
 }
 
 int FMWaitUntilIdle(uint32_t milliseconds) {

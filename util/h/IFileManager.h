@@ -12,9 +12,9 @@
 ///   FMFormatStatistics, FMGetUnstoredBytes and the reference counts work on any thread, and log lines come
 ///   from any thread. The *read/write thread* is a thread of the library that stores and loads blocks.
 /// - **Mistakes.** The log has a line with the word "mistake" (#RT_LOG_ERROR) for a call on a wrong thread, a
-///   call before Initialize, a description or block that cannot be saved, an exceeded limit, a data directory
-///   that cannot be created, and files that were not saved at the end. It names the operation and the remedy.
-///   The operation does what it would do without the line. Only IFMFile::GetFileInfo, IFMBlock::GetFile,
+///   call before Initialize or after UnInitialize, a description or block that cannot be saved, an exceeded limit, a data directory
+///   that cannot be created, and files that were not saved at the end. The line names the operation and the
+///   remedy. The check does not change what the operation does. Only IFMFile::GetFileInfo, IFMBlock::GetFile,
 ///   IFMBlock::GetFileID and IFMBlock::GetBlockID do not check the thread. A library that is compiled without
 ///   NDEBUG then stops in the debugger that is attached to the process.
 /// - **References.** An object returned through an out argument carries one reference for the receiver.
@@ -206,7 +206,8 @@ RT_EXPORT int FMWaitUntilIdle(uint32_t milliseconds = FM_WAIT_FOREVER);
 /// As FMWaitUntilIdle, but does not wait: calls a function on the caller thread when both threads are idle, so the
 /// event loop of the caller thread has to run. While the application keeps both threads busy, the function is not
 /// called. Call it on the caller thread.
-/// @param done called once, with RT_OK; or with RT_ERROR_NOT_READY if the read/write thread stops before.
+/// @param done called once, with RT_OK; or with RT_ERROR_NOT_READY if the read/write thread stops before. If the
+///     caller thread ends first, `done` is not called.
 /// @retval RT_OK `done` will be called.
 /// @retval RT_ERROR_INVALID_ARG `done` is empty.
 /// @retval RT_ERROR_NULL_OBJECT the manager could not be created.

@@ -26,7 +26,8 @@ public:
     CRtEventQueue();
     ~CRtEventQueue() override;
 
-    /// The queue whose owner is the calling thread, or whose events it runs at process end; or null.
+    /// The queue whose owner is the calling thread, or the queue whose remaining events the calling thread runs
+    /// at process end; or null.
     static CRtEventQueue* Current();
     /// Whether the calling thread is the caller thread (RtRuntime.h).
     static bool IsCallerThread();

@@ -93,13 +93,13 @@ bool IsProcessAlive(int64_t processId) {
 
 uint32_t GetThreadId() { return ::GetCurrentThreadId(); }
 
-// Destructors of static objects of a DLL run after the system has terminated all other threads, which is too
-// late. This call also pins the DLL until the process ends.
 void BreakIntoDebugger() {
     if (::IsDebuggerPresent())
         ::DebugBreak();
 }
 
+// Destructors of static objects of a DLL run after the system has terminated all other threads, which is too
+// late. This call also pins the DLL until the process ends.
 bool AtProcessEnd(int (*work)()) {
     HMODULE self = nullptr;
     constexpr DWORD flags = GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN;
@@ -365,6 +365,23 @@ bool IsInUse(int error) { return error == IN_USE; }
 
 namespace {
 
+void SetErrno(DWORD error) {
+    switch (error) {
+    case ERROR_DISK_FULL:
+    case ERROR_HANDLE_DISK_FULL:
+        errno = ENOSPC;
+        break;
+    case ERROR_ACCESS_DENIED:
+    case ERROR_LOCK_VIOLATION:
+    case ERROR_SHARING_VIOLATION:
+    case ERROR_WRITE_PROTECT:
+        errno = EACCES;
+        break;
+    default:
+        errno = EIO;
+    }
+}
+
 // `move` is ReadFile or WriteFile of the bytes from `done` on; both may transfer fewer bytes than requested.
 // Not fread or fwrite: unbuffered, they transfer the last bytes of a record one by one. Each call passes its
 // offset, because all threads share the position of the handle.
@@ -379,8 +396,10 @@ Transfer MoveAll(int descriptor, uint64_t offset, uint32_t length, Move move) {
         at.OffsetHigh = static_cast<DWORD>((offset + done) >> 32);
         DWORD moved = 0;
         const bool didMove = move(file, done, &moved, &at) != 0;
-        if (!didMove && ::GetLastError() != ERROR_HANDLE_EOF)
+        if (!didMove && ::GetLastError() != ERROR_HANDLE_EOF) {
+            SetErrno(::GetLastError()); // the C library was not involved
             return Transfer::Failed;
+        }
         if (!didMove || moved == 0)
             return Transfer::Short;
         done += moved;
