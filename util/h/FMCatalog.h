@@ -128,7 +128,7 @@ struct FMExpiry {
         /// The file is due, but open in a process; or its information file could not be read.
         Unknown,
     };
-    When when = When::Never;
+    When when = When::Never; ///< the prediction
     int64_t dueTime = 0; ///< in seconds since 1970, for When::Later
     CRtString reason;    ///< for people: "temporary", "no information file", "12 days old"
 };
