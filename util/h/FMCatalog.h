@@ -41,7 +41,7 @@ struct FMFinding {
 
 /// A cached file as FMDescribeCachedFile finds it. A plain value; copies are independent.
 struct FMCachedFile {
-    CRtString stem;
+    CRtString stem; ///< the name of its two files, without the extension
     /// The identifier whose text the stem is; #FMFileID_None if the stem is not such a text. The library opens no
     /// file with such a stem.
     FMFileID fileID = FMFileID_None;
@@ -121,6 +121,7 @@ RT_EXPORT int FMDescribeCachedFile(const CRtString& directory, const CRtString& 
 
 /// What housekeeping will do with a cached file.
 struct FMExpiry {
+    /// When housekeeping removes the file.
     enum class When : uint8_t {
         NextRun, ///< the next run removes it
         Later,   ///< the first run at or after `dueTime` removes it
