@@ -180,6 +180,7 @@ void CFileManager::WriteWaitingInfo() {
         file->SaveFileInfo_m();
         file->GetEntry().CloseStreams(); // pending events and users may keep the object
     }
+    m_live.SaveUnsaved(); // releases the files whose tables are written by now
 }
 
 // `call`: where the process stands.

@@ -289,8 +289,11 @@ int CFMDiskEntry::InvalidateTable() {
 int CFMDiskEntry::Revoke(int64_t pos, int64_t end) {
     const CStreamKeeper::CUse use(*m_pInfo);
     m_pInfo->CheckPath(true);
-    if (!Exists(m_pInfo->GetFileName()))
+    if (!Exists(m_pInfo->GetFileName())) { // removed by another program: no table names anything
+        m_tableEnd = 0;
+        m_isNamedRead = false;
         return RT_OK;
+    }
     if (const int result = ReadNamedRanges(); RT_FAILED(result))
         return result;
     auto range = std::lower_bound(
