@@ -33,7 +33,7 @@ constexpr int SERVER = 1; // a later run finds the files of a server only
 
 inline bool Succeeded(int result, const char* what) {
     if (RT_FAILED(result)) // RtResult.h lists the codes
-        std::fprintf(stderr, "%s: result code %d\n", what, result);
+        std::fprintf(stderr, "%s: %s\n", what, RtResultText(result));
     return RT_SUCCEEDED(result);
 }
 

@@ -54,6 +54,6 @@ int main() {
 
     const int result = StoreAndReadBack(*manager);
     if (RT_FAILED(result))
-        std::fprintf(stderr, "minimal: the cache returned result code %d\n", result);
+        std::fprintf(stderr, "minimal: the cache returned %s\n", RtResultName(result));
     return RT_FAILED(result) ? 1 : 0;
 }
