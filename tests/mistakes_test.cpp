@@ -75,7 +75,7 @@ TEST(Mistakes, ADataDirectoryThatCannotBeCreatedIsReportedWithItsError) {
     const TempDir dir;
     WriteFile(dir.path / "file", "");
     const Cache cache(dir.path / "file" / "below");
-    EXPECT_EQ(log.Count("IFileManager::Initialize, mistake: the data directory " +
+    EXPECT_EQ(log.Count("IFileManager::Initialize, mistake: the store directory " +
                         (dir.path / "file" / "below").string()),
               1U)
         << log.Text();

@@ -43,14 +43,15 @@ static int StoreAndReadBack(IFileManager& manager) {
 int main() {
     // Makes this thread the caller thread, the only one that may use the file manager.
     const CRtCallerThread callerThread;
-    if (!callerThread.IsValid())
-        return 1;
 
-    // Its destructor closes the open files; after that, everything is on disk.
+    // Its destructor closes the open files and writes them. FMFlush tells earlier what could not be written.
     constexpr int SERVER = 1;
-    const FMManagerGuard manager("./example-cache", 7, SERVER); // keep files for 7 days
-    if (!manager.IsValid())
+    const FMManagerGuard manager("./example-cache", 7,
+                                 SERVER); // files are removed 9 days after their creation
+    if (!callerThread.IsValid() || !manager.IsValid()) {
+        std::fprintf(stderr, "minimal: cannot start the file manager\n");
         return 1;
+    }
 
     const int result = StoreAndReadBack(*manager);
     if (RT_FAILED(result))

@@ -115,7 +115,7 @@ void CFileManager::ReportMissingDataDir() {
         path = parent;
     if (RtOs::MakeDirectory(path))
         return; // another process has removed it: the next store creates the rest
-    FM_REPORT_MISTAKE("IFileManager::Initialize, mistake: the data directory "
+    FM_REPORT_MISTAKE("IFileManager::Initialize, mistake: the store directory "
                       << m_dataDir << " cannot be created, so blocks stay in memory only: " << path
                       << ": " << RtOs::GetErrorText(RtOs::GetErrno())
                       << ". Pass a directory that this process may create.");

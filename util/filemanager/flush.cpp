@@ -67,21 +67,23 @@ int FMFlushAsync(FlushDone done) {
 // After the stores: writes the tables.
 int CFileManager::SaveAll(std::vector<FMUnsavedBlock>& unsaved) {
     unsaved.clear();
+    bool isSaved = true;
     for (const auto& [id, file] : m_id2files)
-        file->SaveNow(unsaved);
+        isSaved = file->SaveNow(unsaved) && isSaved;
     for (const FileRef& file : m_live.Get(nullptr)) { // closed files
         if (file->HasUnsavedTable() && !file->IsClosing())
-            file->SavePendingTable(unsaved);
+            isSaved = file->SavePendingTable(unsaved) && isSaved;
     }
-    return unsaved.empty() ? RT_OK : RT_ERROR_IO;
+    return isSaved && unsaved.empty() ? RT_OK : RT_ERROR_IO;
 }
 
-void CFMFile::SaveNow(std::vector<FMUnsavedBlock>& unsaved) {
+bool CFMFile::SaveNow(std::vector<FMUnsavedBlock>& unsaved) {
     if (m_closed) // closing it has called the application
-        return;
+        return true;
     const bool isTemporary = (m_fileInfo.flag & FM_FILE_TEMPORARY) != 0; // no later run loads it
+    bool isWritten = true;
     if (!isTemporary && !m_entry->IsDetached() && (m_fileFlag.load() & FLAG_INFO_CHANGED))
-        WriteTableNow();
+        isWritten = WriteTableNow();
     for (const auto& block : m_blocks) {
         if (!block || block->GetPosition() == 0 || block->IsDamaged())
             continue;
@@ -91,21 +93,23 @@ void CFMFile::SaveNow(std::vector<FMUnsavedBlock>& unsaved) {
             unsaved.push_back({m_fileInfo.fileID, block->GetBlockID()});
         MarkInfoChanged(); // the table on disk does not name its bytes
     }
+    return isWritten;
 }
 
 // A table that cannot be written does not stay pending as that of a closed file does: the next store makes it
 // stale. The next flush, or the closing of the file, takes a new one.
-void CFMFile::WriteTableNow() {
+bool CFMFile::WriteTableNow() {
     bool isIdle = false;
     if (!TakeTable(isIdle))
-        return;
+        return false;
     std::vector<FMBlockEntry> slots; // stores that end later are not in this table
     {
         const auto lock = m_stores.LockShared();
         slots = m_stores.GetTable()->slots;
     }
     const uint32_t epoch = m_entry->GetEpoch();
-    if (!WriteTable()) {
+    const bool isWritten = WriteTable();
+    if (!isWritten) {
         DropTable();
         MarkInfoChanged();
         slots.clear(); // a failed write may have invalidated the older table
@@ -119,6 +123,7 @@ void CFMFile::WriteTableNow() {
         if (m_blocks[i])
             m_blocks[i]->SetNamed(i < slots.size() && slots[i].totalLen > 0);
     }
+    return isWritten;
 }
 
 bool CFMFile::IsClosing() {
@@ -126,7 +131,7 @@ bool CFMFile::IsClosing() {
     return m_closed && m_stores.GetTable() && !m_stores.IsIdle();
 }
 
-void CFMFile::SavePendingTable(std::vector<FMUnsavedBlock>& unsaved) {
+bool CFMFile::SavePendingTable(std::vector<FMUnsavedBlock>& unsaved) {
     SaveFileInfo_m();
     const auto lock = m_stores.LockShared();
     if (const FMTable* table = m_stores.GetTable()) {
@@ -135,6 +140,7 @@ void CFMFile::SavePendingTable(std::vector<FMUnsavedBlock>& unsaved) {
                 unsaved.push_back({m_fileInfo.fileID, entry.blockID});
         }
     }
+    return m_stores.GetTable() == nullptr;
 }
 
 // --- The state of a block -----------------------------------------------------------------------

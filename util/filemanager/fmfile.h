@@ -58,11 +58,12 @@ public:
     int LoadBlokInfo();
     bool HasUnsavedTable();
     /// Writes the table of an open file if it has changed. Adds the complete blocks that would be lost by a kill.
-    void SaveNow(std::vector<FMUnsavedBlock>& unsaved);
+    /// False if the table could not be written.
+    bool SaveNow(std::vector<FMUnsavedBlock>& unsaved);
     /// The file was closed, and stores that its pending table waits for have not ended.
     bool IsClosing();
     /// Writes the pending table of a closed file. If that fails, adds the blocks that it names.
-    void SavePendingTable(std::vector<FMUnsavedBlock>& unsaved);
+    bool SavePendingTable(std::vector<FMUnsavedBlock>& unsaved);
     /// Whether the process would lose changes of this file by ending now.
     bool IsUnsaved();
     uint32_t GetCreateTime() const { return m_createTime; }
@@ -103,7 +104,7 @@ private:
     void PostTable(bool isIdle);
     void PostTable_m();
     bool WriteTable();
-    void WriteTableNow();
+    bool WriteTableNow();
     Info LoadInfo(uint32_t readAhead);
     Info ExplainFailure(int ret);
     int DecodeInfo(CRtMessageBlock& body);

@@ -94,8 +94,8 @@ struct FMCachedFile {
 };
 
 /// Lists the cached files of a directory by their names. Opens none of the files.
-/// @param directory any directory with cached files; any thread. Empty: the data directory of the running manager,
-///     on the caller thread. Then the list includes files that are open in this process and not yet on disk.
+/// @param directory a store directory: `sdstore` below the data directory of a server, `confcache/PID` below that
+///     of a client. Any thread. Empty: the store directory of the running manager, on the caller thread. Then the list includes files that are open in this process and not yet on disk.
 /// @param[out] stems the stems, sorted byte by byte. Each has an information file, a data file or both.
 /// @param[out] others the names of all other entries of the directory, sorted.
 /// @retval RT_OK
@@ -130,8 +130,8 @@ struct FMExpiry {
         Unknown,
     };
     When when = When::Never; ///< the prediction
-    int64_t dueTime = 0; ///< in seconds since 1970, for When::Later
-    CRtString reason;    ///< for people: "temporary", "no information file", "12 days old"
+    int64_t dueTime = 0;     ///< in seconds since 1970, for When::Later
+    CRtString reason;        ///< for people: "temporary", "no information file", "12 days old"
 };
 
 /// Predicts what housekeeping of a server will do with a cached file, by the rule that housekeeping applies. Any

@@ -1,10 +1,13 @@
 /// @defgroup durability Durability
-/// What is on disk: the state of a block, and functions that write everything that was accepted so far.
+/// The state of blocks on disk, and functions that write everything that was accepted so far.
 ///
 /// A block survives the end of the process when the data file contains its bytes and the block table on disk
-/// names them. The library stores the bytes when the block is complete, and writes the table when the file is
-/// closed, or in FMFlush. "On disk" means written to the operating system: the bytes survive a crash or a kill of
+/// names them. The library stores the bytes when the block is complete. It writes the table in FMFlush, and after
+/// the file was closed. "On disk" means written to the operating system: the bytes survive a crash or a kill of
 /// the process, but a power loss may lose what the system has not written to the device (docs/reliability.md).
+///
+/// The format has one table for each file. While the table is written (some microseconds), a kill loses the blocks
+/// of the file, also those that an earlier flush has written.
 /// @{
 #pragma once
 
@@ -16,16 +19,16 @@
 #include "IFMBlock.h"
 #include "RtExport.h"
 
-/// Where the bytes of a block are.
+/// Where the bytes of a block are. FMSlotState (FMCatalog.h) is the state of an entry in a table on disk.
 enum class FMBlockCondition : uint8_t {
     Empty,   ///< no piece was written, or a table without bytes for this block was loaded
     Filling, ///< some pieces are missing
     Pending, ///< complete; a store is queued or running
     Stored,  ///< the data file contains the bytes
     Failed,  ///< the last store has failed; while the file is open, each tick retries it
-    /// The data file does not contain the bytes any more, or never did: another program has changed it, another
-    /// object has replaced or removed the file, or the table that was loaded is damaged. While the file is open, a
-    /// resident block is stored again.
+    /// The data file does not contain the bytes: another program has changed it, a new file with the same
+    /// identifier has replaced it, the file was temporary and was closed, or the table that was loaded is damaged.
+    /// While the file is open, a resident block is stored again.
     Lost,
 };
 
@@ -34,8 +37,8 @@ struct FMBlockStatus {
     FMBlockCondition condition = FMBlockCondition::Empty; ///< where the bytes are
     bool isResident = false; ///< the bytes, or the first pieces, are in memory
     /// The block would be readable in a later run if the process were killed now, provided that no other program
-    /// changes the files of the cache. For a block of a closed file: the value at the close. The table that the
-    /// close writes is not considered.
+    /// changes the files of the cache. After the close of the file it does not change any more, because the table
+    /// that the close writes is not considered. Always false for a temporary file.
     bool survivesKill = false;
 };
 
@@ -52,16 +55,17 @@ struct FMUnsavedBlock {
 /// the stores have ended, then writes the tables of the open files and those that are pending. Incomplete blocks
 /// are not written. For a temporary file only the bytes are written, because no later run loads it.
 ///
-/// Call it on the caller thread, which waits for the disk without a time limit. No sink and no callback runs
-/// during the call. Call it a few times per minute at most: each call rewrites the tables of the changed files.
-/// While a table is written (some microseconds), a kill loses the blocks of its file, also those of an earlier
-/// flush.
-/// @param[out] unsaved the blocks that could not be written, in the order of their files and identifiers. The log
-///     has the errors. The stores and tables stay pending as described for IFileManager.
-/// @retval RT_OK everything was written; `unsaved` is empty. If another program has changed the files of the cache,
-///     the call notices it only in files that have to be written.
-/// @retval RT_ERROR_IO `unsaved` lists the blocks that could not be written. It does not list blocks of a file that
-///     was closed before and whose last store has failed, and blocks of a file that CreateFile has displaced.
+/// Call it on the caller thread, which waits for the disk without a time limit. No sink and no callback runs during
+/// the call. Each call rewrites the tables of all changed files.
+/// @param[out] unsaved the complete blocks that a kill would lose, ordered by file and block identifier. They stay
+///     readable. While their files are open, each tick retries failed stores; no tick retries the table of an open
+///     file: call FMFlush again, or close the file. A failed table write can make the table of an earlier flush
+///     invalid; then the blocks that it named are listed, too. Unchanged if the result is #RT_ERROR_NOT_READY.
+/// @retval RT_OK every complete block of the open files, and every block that a pending table names, survives a
+///     kill. This does not include blocks of closed files whose last store has failed and blocks of files that
+///     CreateFile has displaced. If another program has changed the files of the cache, the call notices it only in
+///     files that have to be written.
+/// @retval RT_ERROR_IO a block or a table could not be written. The log has the errors.
 /// @retval RT_ERROR_NOT_READY the manager is not initialized; or the calling thread is not the caller thread.
 ///     Nothing was written.
 RT_EXPORT int FMFlush(std::vector<FMUnsavedBlock>& unsaved);
@@ -69,8 +73,9 @@ RT_EXPORT int FMFlush(std::vector<FMUnsavedBlock>& unsaved);
 /// As FMFlush, but does not wait for the stores: returns immediately. The tables are written on the caller thread
 /// when the stores have ended, just before the callback. Call it on the caller thread.
 /// @param done called once, on the caller thread, with the result of FMFlush and the blocks that could not be
-///     written. If UnInitialize runs first, it saves the files, and the next events of the caller thread call `done`
-///     with RT_ERROR_NOT_READY. If the caller thread ends first, `done` is not called.
+///     written. If UnInitialize runs first, `done` is called with #RT_ERROR_NOT_READY and a list that means nothing:
+///     UnInitialize writes the files itself, and the log names those that could not be written. If the caller thread
+///     ends first, `done` is not called.
 /// @retval RT_OK `done` will be called.
 /// @retval RT_ERROR_INVALID_ARG `done` is empty.
 /// @retval RT_ERROR_NOT_READY the manager is not initialized; or the calling thread is not the caller thread.

@@ -79,7 +79,8 @@ public:
     /// reused; a block at offset 0 of the data file always gets a new range, because 0 also means that no
     /// range has been allocated. Views that were read before keep the old bytes.
     /// @param blockLen length of the whole block in bytes, at least 1 and the same for each piece. The first
-    ///     piece allocates a buffer of this length.
+    ///     piece allocates a buffer of this length. Another value in a later piece is reported as a mistake, and
+    ///     the block keeps the first one.
     /// @param dataPos where the piece starts, in bytes from the start of the block: GetPosition, or 0.
     /// @param data the piece: all readable bytes of the chain. The bytes are copied, and the chain remains
     ///     the caller's. An empty piece at the end of a complete block is a no-op.
@@ -101,7 +102,8 @@ public:
     ///
     ///     for (m_isRunning = true; !m_isLoading && HasNext();) {
     ///         m_isLoading = true; // the sink sets it to false, and runs this loop if m_isRunning is false
-    ///         GetNext()->ReadData(this);
+    ///         if (RT_FAILED(GetNext()->ReadData(this)))
+    ///             return Stop(); // the sink is not called
     ///     }
     ///     m_isRunning = false;
     /// @param sink called once, unless it is cancelled first.

@@ -9,14 +9,15 @@
 ///
 /// - **Threads.** Call all operations on the caller thread (RtRuntime.h). The library calls IFMBlockSink and
 ///   ISDUser on the caller thread, too. Exceptions: IFileManager::Instance, FMWaitUntilIdle, FMGetStatistics,
-///   FMFormatStatistics, FMGetUnstoredBytes and the reference counts work on any thread, and log lines come
-///   from any thread. The *read/write thread* is a thread of the library that stores and loads blocks.
+///   FMFormatStatistics, FMGetUnstoredBytes, the functions of FMFileID.h and RtResult.h, the catalog of a given
+///   directory (FMCatalog.h) and the reference counts work on any thread, and log lines come from any thread.
+///   The *read/write thread* is a thread of the library that stores and loads blocks.
 /// - **Mistakes.** The log has a line with the word "mistake" (#RT_LOG_ERROR) for a call on a wrong thread, a
-///   call before Initialize or after UnInitialize, a description or block that cannot be saved, an exceeded limit, a data directory
-///   that cannot be created, and files that were not saved at the end. The line names the operation and the
-///   remedy. The check does not change what the operation does. Only IFMFile::GetFileInfo, IFMBlock::GetFile,
-///   IFMBlock::GetFileID and IFMBlock::GetBlockID do not check the thread. A library that is compiled without
-///   NDEBUG then stops in the debugger that is attached to the process.
+///   call before Initialize or after UnInitialize, a description or block that cannot be saved, a piece with
+///   another block length, an exceeded limit, a directory that cannot be created, and files that were not saved
+///   at the end. The line names the operation and the remedy. The check does not change what the operation does.
+///   Only IFMFile::GetFileInfo, IFMBlock::GetFile, IFMBlock::GetFileID and IFMBlock::GetBlockID do not check
+///   the thread. A library that is compiled without NDEBUG then stops in the debugger, if one is attached.
 /// - **References.** An object returned through an out argument carries one reference for the receiver.
 ///   The receiver gives it back with `ReleaseReference`; CRtComAutoPtr does so in its destructor. If an
 ///   operation fails, its out arguments are not valid, except where its description says so.
@@ -24,7 +25,7 @@
 ///   it. Releasing the last reference of the application does not close it.
 /// - **On disk.** When a block is complete, the read/write thread stores its bytes in the data file. The
 ///   block table is written after the file has been closed, and by FMFlush. If the process ends before that,
-///   the blocks that were written since the file was opened are lost. So call IFileManager::UnInitialize before
+///   the blocks that were written since the file was opened or flushed are lost. So call IFileManager::UnInitialize before
 ///   the process exits.
 /// - **Failed writes.** If a store fails (disk full, for example), the log has a line, the block stays
 ///   readable in memory, and each tick retries the store. A tick is a call of the manager's timer, every 60 s
