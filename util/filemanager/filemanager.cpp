@@ -97,7 +97,8 @@ void CFileManager::StartThreads() {
         if (RT_FAILED(ret))
             RT_LOG(RT_LOG_ERROR,
                    "CFileManager::Initialize, Start Local R/W Thread error. ret=" << ret);
-        else // the thread marks itself: FMWaitUntilIdle asks on any thread
+        else if (!CRtEventQueue::IsStepping())
+            // The thread marks itself: FMWaitUntilIdle asks on any thread.
             PostToReadwrThread(new CFMFunctor0(this, &CFileManager::MarkReadwrThread), 0,
                                RT_PRIORITY_HIGH);
     }
@@ -138,6 +139,7 @@ void CFileManager::WaitForDisk() {
     for (const int priority : {RT_PRIORITY_HIGH, RT_PRIORITY_NORMAL}) // behind loads and stores
         PostToReadwrThread(new CFMSignal(reached), 0, priority);
     reached.reset();
+    static_cast<CRtEventQueue&>(*m_pReadwrTd->GetEventQueue()).StepAll();
     if (isReached.wait_for(first) == std::future_status::ready)
         return;
     do {

@@ -7,6 +7,7 @@
 #include "RtSendTicket.h"
 #include "RtTimeValue.h"
 #include "RtTimer.h"
+#include "os/RtOs.h"
 #include "os/RtSpin.h"
 
 namespace {
@@ -17,16 +18,34 @@ IRtEvent::~IRtEvent() = default;
 void IRtEvent::OnDestorySelf() { delete this; }
 IRtEventQueue::~IRtEventQueue() = default;
 
+// While it exists, the calling thread stands for the thread of the queue.
+class CRtEventQueue::CBorrow {
+public:
+    explicit CBorrow(CRtEventQueue* queue) : m_outer(std::exchange(t_current, queue)) {}
+    ~CBorrow() { t_current = m_outer; }
+    CBorrow(const CBorrow&) = delete;
+    CBorrow& operator=(const CBorrow&) = delete;
+
+private:
+    CRtEventQueue* const m_outer;
+};
+
 CRtEventQueue::CRtEventQueue() = default;
 
 CRtEventQueue::~CRtEventQueue() {
     SetOwner(false);
     RunRemaining(std::chrono::milliseconds(0));
+    if (s_stepped == this)
+        s_stepped = nullptr;
     for (CRtTimerWrapper* timer : m_timers)
         timer->m_pQueue = nullptr; // the timer may be cancelled later
 }
 
 CRtEventQueue* CRtEventQueue::Current() { return t_current; }
+
+uint32_t CRtEventQueue::CurrentThreadId() {
+    return t_current && t_current->IsStepped() ? t_current->m_steppedId : RtOs::GetThreadId();
+}
 
 bool CRtEventQueue::IsCallerThread() { return t_current && t_current->m_isCallerQueue; }
 
@@ -56,12 +75,49 @@ int CRtEventQueue::SendEvent(IRtEvent* event, int priority) {
         event->OnDestorySelf();
         return RT_OK;
     }
+    if (IsStepped())
+        return SendStepped(event, priority);
     CRtSendTicket ticket(m_mutex);
     const int result = Enqueue(event, priority, &ticket);
     if (RT_FAILED(result))
         return result;
     ticket.Wait();
     return RT_OK;
+}
+
+int CRtEventQueue::SendStepped(IRtEvent* event, int priority) {
+    class CSent final : public IRtEvent {
+    public:
+        explicit CSent(IRtEvent* sent) : m_event(sent) {}
+        int OnEventFire() override { return m_event->OnEventFire(); }
+        void OnDestorySelf() override {
+            m_event->OnDestorySelf();
+            isOver = true;
+        }
+        bool isOver = false;
+
+    private:
+        IRtEvent* const m_event;
+    } sent(event);
+    const int result = Enqueue(&sent, priority, nullptr);
+    while (!sent.isOver)
+        Step();
+    return result;
+}
+
+void CRtEventQueue::BeginStepping(uint32_t threadId) {
+    m_steppedId = threadId;
+    s_stepped = this;
+}
+
+bool CRtEventQueue::Step() {
+    const CBorrow borrow(this);
+    return RunOne(GetTickCountEx());
+}
+
+void CRtEventQueue::StepAll() {
+    while (IsStepped() && Step()) {
+    }
 }
 
 int CRtEventQueue::Enqueue(IRtEvent* event, int priority, CRtSendTicket* ticket) {
@@ -210,13 +266,12 @@ bool CRtEventQueue::RunRemaining(std::chrono::milliseconds timeout) {
     if (!running.owns_lock())
         return false;
     // The events find the queue that they belong to, as on their own thread.
-    CRtEventQueue* const outer = std::exchange(t_current, this);
+    const CBorrow borrow(this);
     // Events that these events post run too. The time limit stops an event that always posts itself.
     const uint64_t now = GetTickCountEx();
     size_t queued = m_count;
     while ((queued > 0 || !isOver()) && RunOne(now))
         queued -= queued > 0 ? 1 : 0;
-    t_current = outer;
     return true;
 }
 

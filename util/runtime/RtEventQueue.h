@@ -29,6 +29,8 @@ public:
     /// The queue whose owner is the calling thread, or the queue whose remaining events the calling thread runs
     /// at process end; or null.
     static CRtEventQueue* Current();
+    /// The identifier of the calling thread, or of the thread whose events it steps.
+    static uint32_t CurrentThreadId();
     /// Whether the calling thread is the caller thread (RtRuntime.h).
     static bool IsCallerThread();
 
@@ -42,6 +44,21 @@ public:
     void SetOwner(bool owned);
     /// `wakeUp` is called under the queue's mutex after each post, new timer, Stop and Quit.
     void SetWakeUp(std::function<void()> wakeUp);
+
+    // Stepping, for tests. While IsStepping, a new thread of the library runs no events by itself: its queue is
+    // stepped on the caller thread, and a synchronous sender runs it until its event has run. Then a test chooses
+    // the order in which the events of both threads run. One thread at a time.
+    static bool IsStepping() { return s_isStepping; }
+    static void SetStepping(bool isStepping) { s_isStepping = isStepping; }
+    /// The stepped queue; null if there is none.
+    static CRtEventQueue* Stepped() { return s_stepped; }
+    /// Makes this the stepped queue. `threadId`: of the thread that it stands for.
+    void BeginStepping(uint32_t threadId);
+    /// Runs one event. False if there is none.
+    bool Step();
+    /// Runs events until there are none; a no-op if the queue is not stepped.
+    void StepAll();
+    bool IsStepped() const { return m_steppedId != 0; }
 
     /// Runs events and timers. After Stop, returns when the queue is empty; after Quit, returns before
     /// the next event and leaves the others queued.
@@ -74,6 +91,8 @@ private:
     };
     static constexpr size_t LANES = RT_PRIORITY_LOW + 1;
 
+    class CBorrow;
+    int SendStepped(IRtEvent* event, int priority);
     int Enqueue(IRtEvent* event, int priority, class CRtSendTicket* ticket);
     void WakeOwner();
     int ChooseLane(uint64_t now);
@@ -83,7 +102,11 @@ private:
     bool FireOneTimer(uint64_t now);
     bool WaitForWork();
 
-    std::mutex m_mutex; // SpinThenLock; guards everything below but m_running
+    static inline bool s_isStepping = false;
+    static inline CRtEventQueue* s_stepped = nullptr;
+
+    uint32_t m_steppedId = 0; // not 0: stepped
+    std::mutex m_mutex;       // SpinThenLock; guards everything below but m_running
     std::condition_variable m_somethingToDo;
     std::array<Lane, LANES> m_lanes;
     int m_highInARow = 0;  // events of the high lane since the last one of the normal lane

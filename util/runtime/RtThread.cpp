@@ -31,6 +31,12 @@ uint32_t CRtThread::GetThreadId() const { return m_state->threadId; }
 // Returns when the thread runs and has stored its identifier.
 int CRtThread::StartOwn() {
     State* state = m_state.get();
+    if (CRtEventQueue::IsStepping()) {
+        static uint32_t next = 0x8000'0000; // no thread of the system has such an identifier
+        state->threadId = ++next;
+        state->queue.BeginStepping(state->threadId);
+        return RT_OK;
+    }
     std::promise<uint32_t> started;
     std::future<uint32_t> threadId = started.get_future();
     try {
@@ -68,6 +74,9 @@ int CRtThread::Stop(const CRtTimeValue*) {
 int CRtThread::Join(uint32_t milliseconds) {
     if (GetThreadId() == CRtThreadManager::GetThreadSelfId())
         return RT_ERROR_NOT_READY;
+    m_state->queue.StepAll();
+    if (m_state->queue.IsStepped())
+        return RT_OK;
     const std::chrono::milliseconds timeout(milliseconds);
     const bool isOver = m_state->waitForEnd.wait_for(timeout) == std::future_status::ready;
     return isOver ? RT_OK : RT_ERROR_NOT_READY;
@@ -78,6 +87,7 @@ bool CRtThread::End() {
     if (GetThreadId() == CRtThreadManager::GetThreadSelfId())
         return false;
     Stop();
+    m_state->queue.StepAll();
     if (m_state->thread.joinable())
         m_state->thread.join();
     return true;

@@ -56,7 +56,7 @@ CRtThreadManager* CRtThreadManager::Instance() {
 
 CRtMutexBase* CRtThreadManager::GetSingletonMutex() { return &m_state->singletonMutex; }
 
-uint32_t CRtThreadManager::GetThreadSelfId() { return RtOs::GetThreadId(); }
+uint32_t CRtThreadManager::GetThreadSelfId() { return CRtEventQueue::CurrentThreadId(); }
 
 int CRtThreadManager::CreateUserTaskThread(CRtThread*& thread, TFlag, int) {
     thread = nullptr;
