@@ -1,15 +1,11 @@
-// A process is killed before, during and after every file operation of a fixed workload, and at random moments.
+// A process is killed before, during and after every file operation of a fixed workload.
 // Afterwards each block holds the bytes of one complete write or is absent, and data that an earlier run had
 // stored is present.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <random>
-
 #include "workload.h"
 
 using namespace faults;
-using namespace std::chrono_literals;
 
 class Kill : public testing::TestWithParam<Action> {};
 
@@ -36,19 +32,3 @@ INSTANTIATE_TEST_SUITE_P(Crash, Kill, testing::Values(KILL_BEFORE, KILL_HALFWAY,
                                     : kill.param == KILL_HALFWAY ? "Halfway"
                                                                  : "After";
                          });
-
-TEST(Crash, AtRandomMoments) {
-    std::mt19937 random(20261123);
-    uint32_t fullRunUs = 1'000'000; // an estimate; then the last run that finished before the kill
-    for (uint32_t killed = 0; killed < 200 / STRIDE;) {
-        Trial trial;
-        const uint32_t moment = std::uniform_int_distribution<uint32_t>(1, fullRunUs)(random);
-        const auto begin = std::chrono::steady_clock::now();
-        const std::string end = trial.Run({}, &Workload::Run, true, moment);
-        ASSERT_TRUE(end == "killed" || end == "done") << end;
-        if (end == "done")
-            fullRunUs = static_cast<uint32_t>((std::chrono::steady_clock::now() - begin) / 1us);
-        killed += end == "killed" ? 1 : 0;
-        ASSERT_EQ(trial.Verify(), "done") << "killed after us " << moment;
-    }
-}

@@ -16,7 +16,9 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstring>
+#include <functional>
 #include <iostream>
+#include <set>
 #include <thread>
 
 namespace {
@@ -32,6 +34,7 @@ struct State {
     std::atomic<Action> action;
     std::atomic<uint32_t> matched;
     std::atomic<uint32_t> hits;
+    std::atomic<bool> isFrozen;
     const char* firstHit; // valid in the parent too: forked children have the same image
 };
 
@@ -70,9 +73,19 @@ Action Next(uint32_t kind, const char* call) {
     return action == HALF && number > state.plan.nth ? FAIL : action;
 }
 
-// `whole` and `half` call the real function with all or half of the bytes.
+std::function<void()> g_callback;
+
+std::set<std::string> g_createdWhileFrozen;
+
+bool IsChange(uint32_t kind) { return (kind & (WRITE | REMOVE | REMOVE_DIR)) != 0; }
+
+// `whole` and `half` call the real function with all or half of the bytes. `done`: the result of a call that has
+// succeeded.
 template <class Result, class Whole, class Half>
-Result Operate(uint32_t kind, const char* call, Result failed, Whole whole, Half half) {
+Result Operate(uint32_t kind, const char* call, Result failed, Whole whole, Half half,
+               Result done = {}) {
+    if (IsChange(kind) && Shared().isFrozen)
+        return done;
     const Action action = kind == NONE ? NOTHING : Next(kind, call);
     if (action == STALL)
         std::this_thread::sleep_for(std::chrono::milliseconds(Shared().plan.stallMs));
@@ -82,7 +95,16 @@ Result Operate(uint32_t kind, const char* call, Result failed, Whole whole, Half
     }
     if (action == KILL_BEFORE)
         Die(SIGKILL);
-    const Result result = action == HALF || action == KILL_HALFWAY ? half() : whole();
+    if (action == CALL)
+        g_callback();
+    if (action == FREEZE_BEFORE) {
+        Shared().isFrozen = true;
+        return IsChange(kind) ? done : whole();
+    }
+    const bool isHalf = action == HALF || action == KILL_HALFWAY || action == FREEZE_HALFWAY;
+    const Result result = isHalf ? half() : whole();
+    if (action == FREEZE_HALFWAY || action == FREEZE_AFTER)
+        Shared().isFrozen = true;
     if (action == KILL_HALFWAY || action == KILL_AFTER)
         Die(SIGKILL);
     return result;
@@ -119,6 +141,12 @@ REAL(int, open64, const char* path, int flags, ...) {
     va_end(arguments);
     const auto call = [&] { return __real_open64(path, flags, mode); };
     const bool ours = IsOurs(path);
+    if (ours && Shared().isFrozen && (flags & O_CREAT)) {
+        int fd = __real_open64(path, flags & ~(O_CREAT | O_EXCL));
+        if (fd < 0 && errno == ENOENT && (fd = __real_open64(path, flags, mode)) >= 0)
+            g_createdWhileFrozen.insert(path);
+        return Opened(fd, true);
+    }
     return Opened(Operate(ours ? OPEN : NONE, "open", -1, call, call), ours);
 }
 // The library opens only directories with openat.
@@ -131,14 +159,17 @@ REAL(ssize_t, pwrite64, int fd, const void* bytes, size_t length, off64_t at) {
     return Operate<ssize_t>(
         IsOurs(fd) ? WRITE : NONE, "pwrite", -1,
         [&] { return __real_pwrite64(fd, bytes, length, at); },
-        [&] { return __real_pwrite64(fd, bytes, length / 2, at); });
+        [&] { return __real_pwrite64(fd, bytes, length / 2, at); }, static_cast<ssize_t>(length));
 }
 // For a half write: half of the pieces.
 REAL(ssize_t, pwritev64, int fd, const iovec* pieces, int count, off64_t at) {
+    ssize_t length = 0;
+    for (int i = 0; i < count; ++i)
+        length += static_cast<ssize_t>(pieces[i].iov_len);
     return Operate<ssize_t>(
         IsOurs(fd) ? WRITE : NONE, "pwritev", -1,
         [&] { return __real_pwritev64(fd, pieces, count, at); },
-        [&] { return __real_pwritev64(fd, pieces, count / 2, at); });
+        [&] { return __real_pwritev64(fd, pieces, count / 2, at); }, length);
 }
 REAL(ssize_t, pread64, int fd, void* bytes, size_t length, off64_t at) {
     CALL(ssize_t, -1, READ, fd, pread64, fd, bytes, length, at);
@@ -199,13 +230,21 @@ void Begin(const std::filesystem::path& root, const Plan& plan) {
 
 void Lift() { Shared().action = NOTHING; }
 uint32_t Hits() { return Shared().hits; }
+bool IsFrozen() { return Shared().isFrozen; }
+void Thaw() {
+    Shared().isFrozen = false;
+    for (const std::string& path : g_createdWhileFrozen)
+        __real_unlink(path.c_str());
+    g_createdWhileFrozen.clear();
+}
+void SetCallback(std::function<void()> callback) { g_callback = std::move(callback); }
 bool Calm() {
     const Action action = Shared().action;
     return Hits() == 0 || action == NOTHING || action == STALL;
 }
 const char* FirstHit() { return Shared().firstHit; }
 
-std::string InChild(const std::function<void()>& body, uint32_t killAfterUs) {
+std::string InChild(const std::function<void()>& body) {
     std::cout.flush();
     const pid_t child = ::fork();
     if (child == 0) {
@@ -213,10 +252,6 @@ std::string InChild(const std::function<void()>& body, uint32_t killAfterUs) {
         std::set_terminate([] { Die(TERMINATED); });
         [&body]() noexcept { body(); }();               // an exception reaches std::terminate
         std::exit(testing::Test::HasFailure() ? 1 : 0); // exit runs the leak check of a sanitizer
-    }
-    if (killAfterUs > 0) {
-        std::this_thread::sleep_for(std::chrono::microseconds(killAfterUs));
-        ::kill(child, SIGKILL);
     }
     int status = 0;
     if (child < 0 || ::waitpid(child, &status, 0) != child)

@@ -25,7 +25,21 @@ enum Kind : uint32_t {
     ANY_OPERATION = 511,
 };
 
-enum Action : int { NOTHING, FAIL, HALF, STALL, KILL_BEFORE, KILL_HALFWAY, KILL_AFTER };
+enum Action : int {
+    NOTHING,
+    FAIL,
+    HALF,
+    STALL,
+    KILL_BEFORE,
+    KILL_HALFWAY,
+    KILL_AFTER,
+    // The state of the disk is that after a kill: from here on, calls that would change it do nothing and
+    // succeed, until Thaw. The process can then start over, as if it were a new one.
+    FREEZE_BEFORE,
+    FREEZE_HALFWAY,
+    FREEZE_AFTER,
+    CALL, // calls the function of SetCallback
+};
 
 struct Plan {
     Action action = NOTHING;
@@ -41,15 +55,17 @@ void Begin(const std::filesystem::path& root, const Plan& plan);
 // Ends the fault; counting continues.
 void Lift();
 uint32_t Hits();
+bool IsFrozen();
+void Thaw();
+void SetCallback(std::function<void()> callback);
 // True if every operation succeeds: no fault has been injected yet, it has been lifted, or it is a stall.
 bool Calm();
 // The name of the first call with a fault, for messages.
 const char* FirstHit();
 
-// Runs `body` in a forked process, which is killed after `killAfterUs` microseconds unless that is 0. Returns
-// how the process ended: "done", "killed", "terminated" (by std::terminate), "exit 1" after a failed
+// Runs `body` in a forked process. Returns how the process ended: "done", "killed", "terminated" (by std::terminate), "exit 1" after a failed
 // expectation, or a description. Call it before any thread has been started: sanitizers do not support fork
 // after that.
-std::string InChild(const std::function<void()>& body, uint32_t killAfterUs = 0);
+std::string InChild(const std::function<void()>& body);
 
 } // namespace faults

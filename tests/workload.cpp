@@ -428,8 +428,7 @@ Trial::Trial() {
     m_promises = new (memory) Promises{};
 }
 
-std::string Trial::Do(const faults::Plan& plan, const std::function<void(Workload&)>& work,
-                      uint32_t killAfterUs) {
+std::string Trial::Do(const faults::Plan& plan, const std::function<void(Workload&)>& work) {
     const auto body = [&] {
         IFileManager::Instance(); // created before the fault: a failed allocation would prevent it
         const size_t handles = CountHandles();
@@ -442,11 +441,10 @@ std::string Trial::Do(const faults::Plan& plan, const std::function<void(Workloa
         faults::Lift();
         EXPECT_EQ(CountHandles(), handles);
     };
-    return faults::InChild(body, killAfterUs);
+    return faults::InChild(body);
 }
 
-std::string Trial::Run(const faults::Plan& plan, void (Workload::*run)(), bool liftEarly,
-                       uint32_t killAfterUs) {
+std::string Trial::Run(const faults::Plan& plan, void (Workload::*run)(), bool liftEarly) {
     const auto work = [=](Workload& workload) {
         workload.liftEarly = liftEarly;
         (workload.*run)();
@@ -454,7 +452,7 @@ std::string Trial::Run(const faults::Plan& plan, void (Workload::*run)(), bool l
         workload.Verify();
         workload.ExpectNothingLeft();
     };
-    return Do(plan, work, killAfterUs);
+    return Do(plan, work);
 }
 
 std::string Trial::Verify() {

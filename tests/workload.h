@@ -96,11 +96,10 @@ private:
 class Trial {
 public:
     Trial();
-    std::string Do(const faults::Plan& plan, const std::function<void(Workload&)>& work,
-                   uint32_t killAfterUs = 0);
+    std::string Do(const faults::Plan& plan, const std::function<void(Workload&)>& work);
     // Runs the workload with a fault, then the expectations after it.
     std::string Run(const faults::Plan& plan, void (Workload::*run)() = &Workload::Run,
-                    bool liftEarly = true, uint32_t killAfterUs = 0);
+                    bool liftEarly = true);
     // Verifies the files that the previous process has left.
     std::string Verify();
 
