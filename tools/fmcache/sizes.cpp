@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <array>
 #include <cstdio>
+#include <cstdlib>
 
 namespace {
 
@@ -25,7 +26,7 @@ uint64_t ParseSize(const std::string& text) {
     std::string bytes = text;
     if (const std::string error = ToBytes(bytes); !error.empty())
         throw CLI::ValidationError(error);
-    return std::stoull(bytes);
+    return std::strtoull(bytes.c_str(), nullptr, 0); // as CLI11 converts it; saturates
 }
 
 CLI::Option* TakeSize(CLI::Option* option, uint64_t most) {
