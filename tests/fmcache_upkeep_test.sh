@@ -73,6 +73,8 @@ if "$fmcache" verify --help | grep -q -- --sums; then
     run 0 verify --write-sums sums && says '^checked: structure; sums written, 1200 blocks read$'
     fails 3 'exists; --force' verify --write-sums sums
     run 0 verify --sums sums && says '^checked: structure and contents, 1200 blocks read, 1200 compared with their sums$'
+    other=$(put odd) && run 0 verify --write-sums sums --force && run 0 rm "$other"
+    run 0 verify --sums sums && says '1200 compared with their sums; 1 file with sums no longer in the store$'
     python3 -S - "cache/sdstore/$id.sdd" <<'END'
 import random, sys
 with open(sys.argv[1], "r+b") as file:

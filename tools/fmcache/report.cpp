@@ -43,15 +43,16 @@ h1 { font-size: 1.7rem; line-height: 1.2; margin: 0 0 .3rem; overflow-wrap: anyw
 h2 { font-size: 1.2rem; margin: 2.4rem 0 .6rem; }
 .soft { color: var(--soft); }
 .figures { display: flex; flex-wrap: wrap; gap: .8rem; margin: 1.2rem 0 0; }
-.figures div { flex: 1 1 9rem; padding: .7rem 1rem; border-radius: .5rem; background: var(--card); }
-.figures b { display: block; font-size: 1.5rem; line-height: 1.3; font-variant-numeric: tabular-nums; }
+.figures div { display: flex; flex-direction: column; flex: 1 1 9rem; padding: .7rem 1rem; border-radius: .5rem; background: var(--card); }
+.figures b { margin-top: auto; font-size: 1.5rem; line-height: 1.3; font-variant-numeric: tabular-nums; }
 .bars { display: grid; grid-template-columns: max-content 1fr max-content; gap: .2rem .8rem; font-size: .875rem;
   align-items: center; font-variant-numeric: tabular-nums; }
 .bars i { display: block; height: .9rem; background: var(--stored); border-radius: 2px; }
 .bars i.due { background: var(--due); }
 table { border-collapse: collapse; width: 100%; font-size: .875rem; font-variant-numeric: tabular-nums; }
 th, td { text-align: left; padding: .3rem .6rem .3rem 0; border-bottom: 1px solid var(--line);
-  vertical-align: top; overflow-wrap: anywhere; }
+  vertical-align: top; }
+td:first-child { overflow-wrap: anywhere; }
 th { color: var(--soft); font-weight: 600; }
 td.n, th.n { text-align: right; white-space: nowrap; }
 .map { display: flex; height: .9rem; min-width: 8rem; border-radius: 2px; overflow: hidden; }
@@ -173,7 +174,7 @@ private:
             const int64_t last = std::min(first + step, due) - 1;
             bars.push_back({std::to_string(first) +
                             (last > first ? " to " + std::to_string(last) : "") +
-                            (last == 1 || (last == first && last == 1) ? " day" : " days")});
+                            (last == 1 ? " day" : " days")});
         }
         bars.push_back({"from " + std::to_string(due) + " days", 0, 0, true});
         for (const Row& row : m_rows) {

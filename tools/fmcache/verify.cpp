@@ -1,6 +1,7 @@
 // verify: checks information files against data files by the rules of the library's loader, and contents against
 // sums.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -41,6 +42,7 @@ struct VerifyTotals {
     uint64_t open = 0;
     uint64_t blocks = 0;  // whose contents were read
     uint64_t checked = 0; // blocks with an earlier sum
+    uint64_t gone = 0;    // files with sums that are no longer in the store
 };
 
 // What verify has checked, for its last line and for JSON.
@@ -73,6 +75,7 @@ public:
             AddOthers(m_json, listing);
             m_json["checked"] = CheckedText(m_options);
             m_json["blocksChecked"] = m_totals.checked;
+            m_json["filesGone"] = m_totals.gone;
             m_json["sound"] = isSound;
             PrintJson(m_json);
         } else {
@@ -99,6 +102,8 @@ private:
         text += ", " + Count(m_totals.blocks, "block") + " read";
         if (!m_options.sums.empty())
             text += ", " + std::to_string(m_totals.checked) + " compared with their sums";
+        if (m_totals.gone > 0)
+            text += "; " + Count(m_totals.gone, "file") + " with sums no longer in the store";
         return text + "\n";
     }
 
@@ -178,6 +183,16 @@ public:
             m_new[stem] = std::move(sums);
     }
 
+    // Removed files are no damage: housekeeping removes them.
+    uint64_t CountGone(const StoreListing& listing) const {
+        return static_cast<uint64_t>(
+            std::count_if(m_earlier.begin(), m_earlier.end(), [&listing](const auto& each) {
+                return !std::binary_search(
+                    listing.stems.begin(), listing.stems.end(), CRtString(each.first),
+                    [](const CRtString& a, const CRtString& b) { return a.view() < b.view(); });
+            }));
+    }
+
     void Write() {
         if (!m_output)
             return;
@@ -197,6 +212,7 @@ class ContentsCheck {
 public:
     ContentsCheck(const VerifyOptions&, const fs::path&) {}
     void Check(FMCachedFile&, VerifyTotals&) {}
+    uint64_t CountGone(const StoreListing&) const { return 0; }
     void Write() {}
 };
 #endif
@@ -223,6 +239,8 @@ int Verify(VerifyOptions& options) {
         }
     }
     contents.Write();
+    if (options.id.empty())
+        report.Sum().gone = contents.CountGone(listing);
     return report.End(listing);
 }
 
