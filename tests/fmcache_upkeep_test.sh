@@ -120,13 +120,13 @@ for i in {1..20}; do # the store grows by one file between two runs
 done
 run 0 housekeep --min-free 1
 
-# --- 10,000 files take less than two seconds each
+# --- 10,000 files take less than two seconds each. An emulator is too slow for more than a few.
+[ -z "$emulated" ] || { echo "all is well, 10,000 files left out"; exit 0; }
 rm -rf cache && new=$(put odd --name s) && clone "$new" 9999 10
 for verb in ls verify "housekeep --days 1 --max-size 1G --dry-run" "housekeep --days 1" report "housekeep --max-size 1M"; do
-    # shellcheck disable=SC2086
+    # shellcheck disable=SC2086  # a verb and its arguments
     took=$({ TIMEFORMAT='%U %S'; time "$fmcache" $verb >stdout; } 2>&1 | awk '{ print int(1000 * ($1 + $2)) }')
     echo "$verb: $took ms of CPU"
-    ! grep -q '^FILEMANAGER_SANITIZE:[A-Z]*=$' "$build/CMakeCache.txt" || [ -n "$emulated" ] || [ "$took" -lt 2000 ] ||
-        fail "$verb is slow"
+    [ "$took" -lt 2000 ] || ! grep -q '^FILEMANAGER_SANITIZE:[A-Z]*=$' "$build/CMakeCache.txt" || fail "$verb is slow"
 done
 echo "all is well"

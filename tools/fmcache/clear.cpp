@@ -96,6 +96,7 @@ std::vector<Left> FindLeft(const fs::path& store, const Contents& had, Contents&
     const std::string reason = isUntouched ? "another process uses the cache"
                                            : "cannot be removed, or was created in the meantime";
     std::vector<Left> left;
+    left.reserve(entries.size() + listing.foreign.size());
     for (const Entry& entry : entries)
         left.push_back({ToString(entry.file.stem), entry.IsOpen() ? IN_USE : reason});
     for (const std::string& name : listing.foreign)

@@ -193,6 +193,7 @@ private:
                                                  uint64_t{4} << 20,   uint64_t{64} << 20,
                                                  uint64_t{256} << 20, UINT64_MAX};
         std::vector<Bar> bars;
+        bars.reserve(limits.size());
         for (const uint64_t limit : limits)
             bars.push_back({limit == UINT64_MAX ? "larger" : "to " + FormatSize(limit)});
         for (const Row& row : m_rows) {

@@ -76,6 +76,7 @@ std::vector<BlockSum> SumBlocks(const fs::path& store, const FMCachedFile& file)
     });
     BlockReader reader(store / (ToString(file.stem) + ".sdd"));
     std::vector<BlockSum> sums;
+    sums.reserve(stored.size());
     for (const FMBlockEntry& entry : stored)
         sums.push_back({entry.blockID, entry.totalLen, reader.Sum(entry)});
     return sums;
