@@ -7,11 +7,9 @@ usage: demo_test.py output DEMO PROGRAM
 """
 import collections
 import fcntl
-import json
 import os
 import pty
 import re
-import shutil
 import socket
 import struct
 import subprocess
@@ -19,11 +17,13 @@ import sys
 import tempfile
 import termios
 import time
-from html import unescape
 from pathlib import Path
 from urllib.error import HTTPError
 from urllib.parse import urlsplit
 from urllib.request import urlopen
+
+import browser
+from browser import near
 
 SKIPPED = 77
 NODES = ["server", "presenter", "client-1", "client-2", "client-3", "visitor", "server", "latecomer"]
@@ -183,62 +183,22 @@ def slow_disk(demo, program, library):
 
 # Chromium runs it in a copy of the page: reports where things are and what colour they should have. Lines are hidden,
 # because their smooth edges can have the colour of an area.
-PROBE = """<style>.plot line { visibility: hidden; }</style><pre id="probe" hidden></pre><script>
-const box = e => { const r = e.getBoundingClientRect(); return [r.left, r.top, r.right, r.bottom]; };
-const colour = e => getComputedStyle(e).backgroundColor.match(/[0-9]+/g).slice(0, 3).map(Number);
-const all = (root, what) => [...root.querySelectorAll(what)];
-document.getElementById("probe").textContent = JSON.stringify({
-  size: [innerWidth, document.documentElement.scrollWidth, document.documentElement.scrollHeight],
+PROBE = """{size,
   colours: all(document, ".legend i").map(e => [e.className, colour(e)]),
   lanes: all(document, ".lane").map(e => ({name: e.querySelector(".name").firstChild.data,
     box: box(e.querySelector(".plot")), marks: all(e, ".marks span").map(m => m.textContent)})),
   histograms: all(document, ".histogram").map(e => ({caption: e.querySelector(".caption").textContent,
     box: box(e.querySelector(".plot")),
     bars: all(e, "rect").map(b => [b.getAttribute("class"), b.textContent.match(/[0-9]+$/)[0]])})),
-  maps: all(document, ".map").map(e => all(e, "i").map(c => [c.className, colour(c), box(c)]))});
-</script>"""
+  maps: all(document, ".map").map(e => all(e, "i").map(c => [c.className, colour(c), box(c)]))}"""
+STYLE = "<style>.plot line { visibility: hidden; }</style></body>"
 
 
-class Browser:
-    def __init__(self, program, page, width, dark):
-        self.command = [program, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic",
-                        "--no-first-run", "--disable-background-networking", "--disable-sync",
-                        "--disable-component-update", "--hide-scrollbars",
-                        f"--blink-settings=preferredColorScheme={0 if dark else 1}"]
-        self.page, self.width = page, width
-
-    def run(self, height, *arguments):
-        with tempfile.TemporaryDirectory() as profile:
-            return subprocess.run([*self.command, f"--user-data-dir={profile}", *arguments,
-                                   f"--window-size={self.width},{height}", self.page.as_uri()],
-                                  stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=True).stdout
-
-    def probe(self):
-        dom = self.run(1000, "--dump-dom").decode()
-        return json.loads(unescape(re.search(r'id="probe"[^>]*>(.*?)</pre>', dom, re.DOTALL).group(1)))
-
-    def pixels(self, picture, height):
-        self.run(height, f"--screenshot={picture}")
-        ppm = subprocess.run(["convert", picture, "-depth", "8", "ppm:-"], stdout=subprocess.PIPE,
-                             check=True).stdout
-        header = re.match(rb"P6\s(\d+)\s\d+\s255\s", ppm)
-        stride, start = int(header.group(1)), header.end()
-
-        def pixel(x, y):
-            at = start + 3 * (y * stride + x)
-            return tuple(ppm[at:at + 3])
-        return pixel
-
-
-def near(colour, other):
-    return all(abs(a - b) < 10 for a, b in zip(colour, other))
-
-
-def check_page(browser, picture, blocks):
-    found = browser.probe()
+def check_page(window, picture, blocks):
+    found = window.probe()
     width, scrolled, height = found["size"]
-    check(scrolled <= width == browser.width, f"the page is wider than the window: {found['size']}")
-    pixel = browser.pixels(picture, height)
+    check(scrolled <= width == window.width, f"the page is wider than the window: {found['size']}")
+    pixel = window.pixels(picture, height)
     check([lane["name"] for lane in found["lanes"]] == NODES, "other lanes")
     marks = {lane["name"]: [each.split()[0] for each in lane["marks"]] for lane in found["lanes"][:6]}
     check(marks["client-1"] == ["killed", "restarted", "complete"] and marks["visitor"] == ["killed"] and
@@ -280,18 +240,17 @@ def check_histograms(histograms, blocks, colours, pixel):
 
 
 def report(page, blocks):
-    chromium = shutil.which("chromium")
-    if not chromium or not shutil.which("convert"):
-        print("skipped: needs chromium, and convert of ImageMagick")
+    chromium = browser.find()
+    if not chromium:
         sys.exit(SKIPPED)
     text = page.read_text(encoding="utf-8")
-    check(not re.search(r"""(src|href)=|url\(|@import|https?:""", text), "the page needs other files")
+    check(browser.is_self_contained(text), "the page needs other files")
     with tempfile.TemporaryDirectory() as folder:
         copy = Path(folder, "page.html")
-        copy.write_text(text.replace("</body>", PROBE + "</body>"), encoding="utf-8")
+        copy.write_text(browser.with_probe(text.replace("</body>", STYLE), PROBE), encoding="utf-8")
         for width, dark in ((1100, False), (520, True)):
             picture = page.with_name(f"report-{width}.png")
-            check_page(Browser(chromium, copy, width, dark), picture, blocks)
+            check_page(browser.Browser(chromium, copy, width, dark), picture, blocks)
             print(f"checked {picture}")
 
 

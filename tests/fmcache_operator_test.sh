@@ -1,46 +1,17 @@
 #!/usr/bin/env bash
 # The verbs for operators of a cache, on stores that put has created and that are then damaged.
 # usage: fmcache_operator_test.sh FMCACHE BUILD_DIR
-set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/support_fmcache.sh"
 
-fmcache=$(realpath "${1:?usage: $0 FMCACHE BUILD_DIR}")
-build=$(realpath "${2:?usage: $0 FMCACHE BUILD_DIR}")
-work=$(mktemp -d "$build/fmcache_operator_test.XXXXXX")
-trap 'rm -rf "$work"' EXIT
-trap 'exit 130' INT TERM
-cd "$work"
-
-fail() { echo "FAILED: $*" >&2; exit 1; }
-run() { # STATUS ARGS...: standard output in stdout
-    local status=0
-    "$fmcache" "${@:2}" >stdout 2>stderr || status=$?
-    [ "$status" -eq "$1" ] || fail "status $status instead of $1: ${*:2} ($(cat stdout stderr))"
-}
-says() { grep -qE -- "$1" stdout || fail "no '$1' in: $(cat stdout)"; }
-fails() { # STATUS PATTERN ARGS...: one matching line on standard error, no output
-    run "$1" "${@:3}"
-    [ "$(wc -l <stdout).$(wc -l <stderr)" = 0.1 ] || fail "no single error line: ${*:3}"
-    grep -qE -- "^fmcache: .*$2" stderr || fail "no '$2' in: $(cat stderr)"
-}
-json() { # STATUS EXPRESSION ARGS...: the output is JSON, and EXPRESSION is true for it, named j
-    run "$1" "${@:3}" --json
-    python3 -Sc "import json,sys; j=json.load(sys.stdin); sys.exit(not ($2))" <stdout || fail "not so: $2 ($(cat stdout))"
-}
-
-# File names have one letter, so that offsets in all information files are equal.
 put() { "$fmcache" put --dir cache odd --name "$1" --block 4096 "${@:2}"; }
-poke() { printf '%b' "$3" | dd of="cache/sdstore/$1.sdi" bs=1 seek="$2" conv=notrunc status=none; }
-u32() { printf '\\x%02x\\x%02x\\x%02x\\x%02x' $(($1 & 255)) $(($1 >> 8 & 255)) $(($1 >> 16 & 255)) $(($1 >> 24 & 255)); }
 entry() { echo $((53 + 16 * ($1 - 1) + $2)); } # BLOCK FIELD: 0 identifier, 4 length, 8 offset
-FLAG=31 CREATED=43
-age() { poke "$1" $CREATED "$(u32 $(($(date +%s) - $2 * 86400 - 60)))"; }
 listing() { find . -path ./cache\* -printf '%p %y %s %m %i %T@ %C@\n' | sort; find cache -type f -exec sha256sum {} + | sort; }
 
 head -c 20000 /dev/urandom >odd # five blocks
 sound=$(put s) old=$(put o) grace=$(put g) kept=$(put k) temporary=$(put t)
 age "$old" 9; age "$grace" 8; age "$kept" 99; poke "$kept" $FLAG '\x04'; poke "$temporary" $FLAG '\x01'
 strange=$(put $'a\e[31m\xffb\n"\xe2\x80\xae')
-if [ -n "${FILEMANAGER_EMULATED:-}" ]; then # an emulator's command line passes text only
+if [ -n "$emulated" ]; then # an emulator's command line passes text only
     rm "cache/sdstore/$strange".* && strange=$(put 'abcdefghijklm')
     poke "$strange" 30 'a\x1b[31m\xffb\x0a"\xe2\x80\xae'
 fi
@@ -50,13 +21,13 @@ run 0 verify --dir cache && says '^6 files verified, 6 sound, 0 damaged$'
 ! grep -q fault stdout || fail "a fault in: $(cat stdout)"
 run 0 verify --store cache/sdstore "$sound" && says '^1 file verified, 1 sound'
 run 0 ls --dir cache
-says "^$sound +19.5 KiB +5/5 +0d +- +in 9 days +s$"
-says "^$old .* 9d +- +next run: 9 days old +o$"
-says "^$grace .* 8d +- +in 1 day +g$"
-says "^$kept .* 99d +kept +never: kept +k$"
+says "^$sound +19.5 KiB +5/5 +0d +sound +- +in 9 days +s$"
+says "^$old .* 9d +sound +- +next run: 9 days old +o$"
+says "^$grace .* 8d +sound +- +in 1 day +g$"
+says "^$kept .* 99d +sound +kept +never: kept +k$"
 says "^$temporary .* temporary +next run: temporary +t$"
 says '^6 files, 117.2 KiB in blocks,'
-LC_ALL=C sort -c <(sed '1d;$d' stdout) || fail "ls is not sorted"
+LC_ALL=C sort -c <(grep '^{' stdout) || fail "ls is not sorted"
 says 'a\\x1B\[31m\\xFFb\\x0A"\\xE2\\x80\\xAE$'
 LC_ALL=C grep -q $'[\e\xff]' stdout && fail "control characters reach the terminal"
 json 0 "[f['nameBytes'] for f in j['files'] if f['id'] == '$strange'] == ['611b5b33316dff620a22e280ae']" ls --dir cache
@@ -66,7 +37,7 @@ run 0 ls --dir cache --sort age && [ "$(sed -n 2p stdout | cut -c1-38)" = "$kept
 wide=$("$fmcache" put --dir cache odd --name w --block 4)
 run 0 show --dir cache "$wide" && says '^ +1  #{74}$' && says '1 cell: 6 blocks'
 [ "$(wc -L <stdout)" -le 80 ] || fail "wider than 80 columns"
-if [ -z "${FILEMANAGER_EMULATED:-}" ] && script -qec true /dev/null >/dev/null 2>&1; then
+if [ -z "$emulated" ] && script -qec true /dev/null >/dev/null 2>&1; then
     on_terminal() { script -qec "$fmcache show --dir cache $sound" /dev/null </dev/null; }
     # Not in a pipe: grep -q exits at the first match, and SIGPIPE kills the writer.
     NO_COLOR='' on_terminal >stdout
@@ -105,58 +76,64 @@ json 0 "j['present'] == 4 and j['blocks'][4]['state'] == 'beyond the data file'"
 json 0 "j['present'] == 3 and j['blocks'][2]['state'] == 'overlaps another block'" show --dir cache "$over"
 run 0 show --dir cache "$cut" && says '^1  ####!$'
 run 0 ls --dir cache
-says "^$lost +- +- .*next run: no information file +\(there is no information file\)$"
+says "^$lost +- +- +- +damaged +- +next run: no information file +\(there is no information file\)$"
 says "^$bad .*next run: unreadable +\(the information file is not"
 json 0 "j['others'][0]['name'] == 'notes.txt'" ls --dir cache
 run 0 housekeep --dir cache --days 7 --dry-run && says '^5 of 20 files would be removed'
-if [ -z "${FILEMANAGER_EMULATED:-}" ]; then # open in another process: flock holds the lock of a server
-    while_open() { flock "cache/sdstore/$lost.sdd" "$fmcache" "$1" --dir cache "${@:2}" >stdout || fail "$*"; }
-    while_open ls && says "^$lost .*unknown: open +open \(by another process\)$"
-    while_open verify "$lost" && says "^$lost  open \(by another process\)$"
-    while_open show "$lost" && says '^not loaded    open \(by another process\)$'
-    while_open housekeep --days 7 --dry-run && says '^4 of 20 files would be removed'
+if [ -z "$emulated" ]; then # open in another process: flock holds the lock of a server
+    looks() { while_open "$lost" "$fmcache" "$1" --dir cache "${@:2}" >stdout || fail "$*"; }
+    looks ls && says "^$lost +- +- +- +open +- +unknown: open +\(open \(by another process\)\)$"
+    looks verify "$lost" && says "^$lost  open \(by another process\)$" && says '0 sound, 0 damaged, 1 open'
+    looks show "$lost" && says '^state         open \(by another process\)$'
+    looks housekeep --days 7 --dry-run && says '^4 of 20 files would be removed'
+    for verb in ls "show $lost" "verify $lost" "housekeep --days 7 --dry-run"; do
+        # shellcheck disable=SC2086  # a verb and its arguments
+        looks $verb --json
+        grep -q '"state":"open"' stdout || fail "$verb names another state"
+    done
 fi
 [ "$(listing)" = "$before" ] || fail "looking has changed the cache"
 # --- a read-only copy, used by another user
 cp -a cache copy && cp "$fmcache" tool && chmod -R a+rX-w copy && chmod a+rx . tool
 as=()
 [ "$(id -u)" -ne 0 ] || as=(setpriv --reuid=65534 --regid=65534 --clear-groups)
-look() { LD_LIBRARY_PATH=$build "${as[@]}" "$work/tool" "$@" 2>&1 || [ $? -eq 1 ]; }
-if [ -z "${FILEMANAGER_EMULATED:-}" ] && look --help >/dev/null 2>&1; then
+look() { LD_LIBRARY_PATH=$build "${as[@]}" "$work/tool" "$@" 2>&1 || [[ $? =~ ^[13]$ ]]; }
+if [ -z "$emulated" ] && look --help >/dev/null 2>&1; then
     run 0 ls --dir cache && look ls --dir copy | cmp - stdout || fail "ls of the copy"
     run 1 verify --dir cache && look verify --store copy/sdstore | cmp - stdout || fail "verify of the copy"
     run 0 show --dir cache "$sound" && look show --dir copy "$sound" | cmp - stdout || fail "show of the copy"
-    [ ${#as[@]} -eq 0 ] || look rm --dir copy "$sound" | grep -q 'cannot remove' || fail "rm from the copy"
+    [ ${#as[@]} -eq 0 ] || look rm --dir copy "$sound" | grep -q 'is not removed: no write access' || fail "rm from the copy"
 else
     echo "no other user can run the tool here"
 fi
 chmod -R u+w copy
 
 # --- rm, housekeep, clear
-fails 1 'no file' rm --dir cache 00000000-0000-4000-8000-000000000001
+fails 3 'no file' rm --dir cache 00000000-0000-4000-8000-000000000001
 run 0 rm --dir cache 00000000-0000-4000-8000-000000000001 --force
 run 0 rm --dir cache "$wide" && says "^removed \\$wide,"
 [ -z "$(find cache -name "$wide*")" ] || fail "rm has left something"
-json 0 "j['removed'] == ['$data']" rm --dir cache "$data"
+json 0 "[f['id'] for f in j['removed']] == ['$data']" rm --dir cache "$data"
 run 0 housekeep --dir cache --days 7 && says '^5 of 18 files removed'
-json 0 "j['removed'] == 0 and not any(f['due'] for f in j['files'])" housekeep --dir cache --days 7
+json 0 "j['removed'] == 0 and not any(f['action'] == 'removed' for f in j['files'])" housekeep --dir cache --days 7
 gone() { [ -z "$(find cache -name "$1.*")" ] || fail "$1 is still there"; }
 for id in "$old" "$temporary" "$lost" "$bad" stray; do gone "$id"; done
 for id in "$sound" "$grace" "$kept" "$cut" "$table"; do [ -e "cache/sdstore/$id.sdd" ] || fail "$id is gone"; done
-fails 1 "'notes.txt' in .* is not a cached file; --force" clear --dir cache
+run 3 clear --dir cache && says '^left notes.txt: not a cached file; --force removes it, too$' && complains '1 entry of .* left'
 rm cache/sdstore/notes.txt
-json 0 "j['removed'] == 13 and j['files'] == 26" clear --dir cache
+fails 2 'clear removes 13 cached files, .*; --yes confirms this$' clear --dir cache
+json 0 "j['removed'] == 13 and j['files'] == 26 and j['left'] == []" clear --dir cache --yes
 [ -z "$(find cache -name '*.sd?')" ] || fail "clear has left something"
 
 # --- missing caches and wrong arguments
 mkdir -p none copy/confcache && mv copy/sdstore copy/confcache/4711
-for verb in ls clear; do fails 1 'no cache in' $verb --dir none; done
-for verb in show rm; do fails 1 'no cache in' $verb --dir none "$sound"; done
-fails 1 'no cache in' housekeep --dir none --days 1
-fails 2 'no cache in' verify --dir none
-fails 1 "--store 'copy.confcache.4711' opens the store of a client" ls --dir copy
-fails 2 'no file' verify --store copy/confcache/4711 00000000-0000-4000-8000-000000000001
-for verb in ls show; do fails 2 'fmcache --help' $verb; done
+for verb in ls clear; do fails 3 'no cache in' $verb --dir none; done
+for verb in show rm; do fails 3 'no cache in' $verb --dir none "$sound"; done
+fails 3 'no cache in' housekeep --dir none --days 1
+fails 3 'no cache in' verify --dir none
+fails 3 "--store 'copy.confcache.4711' opens the store of a client" ls --dir copy
+fails 3 'no file' verify --store copy/confcache/4711 00000000-0000-4000-8000-000000000001
+for verb in ls 'show x' 'put odd'; do fails 2 'FMCACHE_DIR is not set; see fmcache --help' $verb; done
 fails 2 'fmcache --help' ls --dir cache --store copy
 fails 2 'fmcache --help' housekeep --dir cache --days 0
 [ -z "$(ls -A none)" ] || fail "a refused verb has made something"

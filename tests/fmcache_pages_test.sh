@@ -2,17 +2,10 @@
 # The man page and the completions list exactly the verbs and options of the tool's help. The bash completion
 # completes identifiers.
 # usage: fmcache_pages_test.sh FMCACHE BUILD_DIR
-set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/support_fmcache.sh"
+page=$sources/docs/fmcache.1
+zsh=$sources/tools/fmcache/completion/_fmcache
 
-fmcache=$(realpath "${1:?usage: $0 FMCACHE BUILD_DIR}")
-root=$(realpath "$(dirname "${BASH_SOURCE[0]}")/..")
-page=$root/docs/fmcache.1
-zsh=$root/tools/fmcache/completion/_fmcache
-work=$(mktemp -d "${2:?usage: $0 FMCACHE BUILD_DIR}/fmcache_pages_test.XXXXXX")
-trap 'rm -rf "$work"' EXIT
-cd "$work"
-
-fail() { echo "FAILED: $*" >&2; exit 1; }
 same() { diff -u "$1" <(sort "$2") || fail "$2: not the options of the help"; }
 options() { "$fmcache" "$@" --help | grep -oE '^ +-[-a-z,]+' | tr -d ' ' | tr ',' '\n'; }
 
@@ -47,7 +40,7 @@ diff -u <(printf '%s\n' "${verbs[@]}") <(sed -n "s/^        '\([a-z]*\):.*/\1/p"
 
 # The bash completion is called as a shell calls it.
 # shellcheck source=/dev/null
-source "$root/tools/fmcache/completion/fmcache.bash"
+source "$sources/tools/fmcache/completion/fmcache.bash"
 complete_words() { COMP_WORDS=(fmcache "$@") COMP_CWORD=$#; _fmcache; }
 complete_words ''
 diff -u <(printf '%s\n' "${verbs[@]}") <(printf '%s\n' "${COMPREPLY[@]}") || fail "other verbs in bash"

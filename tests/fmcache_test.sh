@@ -1,35 +1,7 @@
 #!/usr/bin/env bash
 # The tool with real files: each verb runs in a separate process.
 # usage: fmcache_test.sh FMCACHE BUILD_DIR
-set -euo pipefail
-
-fmcache=$(realpath "${1:?usage: $0 FMCACHE BUILD_DIR}")
-build=$(realpath "${2:?usage: $0 FMCACHE BUILD_DIR}")
-work=$(mktemp -d "$build/fmcache_test.XXXXXX")
-# An emulator does not support the signals, limits and devices of the host, and many error texts differ.
-emulated=${FILEMANAGER_EMULATED:-}
-mounted=
-cleanup() {
-    [ -z "$mounted" ] || umount "$mounted" || true
-    rm -rf "$work"
-}
-trap cleanup EXIT
-trap 'exit 130' INT TERM
-cd "$work"
-
-fail() { echo "FAILED: $*" >&2; exit 1; }
-
-# fails STATUS PATTERN ARGS...: expects the status, no standard output, and one matching line on standard error.
-fails() {
-    local wanted=$1 pattern=$2 status=0
-    shift 2
-    "$fmcache" "$@" >stdout 2>stderr || status=$?
-    [ "$status" -eq "$wanted" ] || fail "status $status instead of $wanted: $* ($(cat stderr))"
-    [ ! -s stdout ] || fail "output from a failure: $*"
-    [ "$(wc -l <stderr)" -eq 1 ] || fail "not one line: $* ($(cat stderr))"
-    grep -qE "^fmcache: ([^A-Z]|[A-Z]+ )" stderr || fail "not an error line: $(cat stderr)"
-    grep -qE -- "$pattern" stderr || fail "no '$pattern' in: $(cat stderr)"
-}
+source "$(dirname "${BASH_SOURCE[0]}")/support_fmcache.sh"
 
 # put ARGS...: expects exactly the identifier on standard output; stores it in $id.
 put() {
@@ -84,36 +56,36 @@ rm -f large back cache/sdstore/"$id".*
 # --- inputs that put refuses
 before=$(entries cache)
 truncate -s 1073741825 giant
-fails 1 "no such file: 'absent'" put --dir cache absent
-fails 1 'is a directory' put --dir cache cache
-[ "$emulated" ] || fails 1 'is not a regular file' put --dir cache /dev/null
-fails 1 'limit .* is 1 GiB' put --dir cache giant
-fails 1 'cannot create the directory' put --dir one/below odd
-fails 1 'the path is empty' put --dir '' odd
-fails 1 'at least 1 byte' put --dir cache odd --block 0
-fails 1 'at least 1 byte' put --dir cache odd --piece 0
-fails 1 'limit is 16.0 MiB' put --dir cache odd --block 16385K
-for size in 12x -5 K 1G 99999999999999999999; do
-    fails 1 'is not a size' put --dir cache odd --block="$size"
+fails 3 "no such file: 'absent'" put --dir cache absent
+fails 3 'is a directory' put --dir cache cache
+[ "$emulated" ] || fails 3 'is not a regular file' put --dir cache /dev/null
+fails 3 'limit .* is 1 GiB' put --dir cache giant
+fails 3 'cannot create the directory' put --dir one/below odd
+fails 2 'is missing or empty' put --dir '' odd
+fails 2 'at least 1 byte' put --dir cache odd --block 0
+fails 2 'at least 1 byte' put --dir cache odd --piece 0
+fails 2 'limit is 16.0 MiB' put --dir cache odd --block 16385K
+for size in 12x -5 x 99999999999999999999; do
+    fails 2 'is not a size|is too large' put --dir cache odd --block="$size"
 done
-fails 1 'smallest block size is 2$' put --dir cache many --block 1
+fails 2 'smallest block size is 2$' put --dir cache many --block 1
 fails 2 'FILE is required' put --dir cache
 fails 2 'subcommand is required' --verbose
 mkdir closed && chmod 500 closed
-[ "$(id -u)" -eq 0 ] || fails 1 'cannot create the directory' put --dir closed odd
+[ "$(id -u)" -eq 0 ] || fails 3 'cannot create the directory' put --dir closed odd
 [ "$(entries cache)" -eq "$before" ] || fail "a refused put has left something"
 
 # --- inputs that get refuses without leaving a file
 put odd
 tree=$(ls -AR cache)
-fails 1 'no cache in' get --dir nowhere "$id" -o out
+fails 3 'no cache in' get --dir nowhere "$id" -o out
 [ ! -e nowhere ] || fail "get has made a directory"
-fails 1 'no file .* in the cache' get --dir cache 00000000-0000-4000-8000-000000000001 -o out
-fails 1 'is not an identifier' get --dir cache "${id%\}}" -o out
-fails 1 'exists; --force' get --dir cache "$id" -o one
-fails 1 'is a directory' get --dir cache "$id" -o cache --force
-[ "$emulated" ] || fails 1 'not a regular file' get --dir cache "$id" -o /dev/null --force
-fails 1 'No such file' get --dir cache "$id" -o nowhere/out
+fails 3 'no file' get --dir cache 00000000-0000-4000-8000-000000000001 -o out
+fails 3 "no file 'zzz'" get --dir cache zzz -o out
+fails 3 'exists; --force' get --dir cache "$id" -o one
+fails 3 'is a directory' get --dir cache "$id" -o cache --force
+[ "$emulated" ] || fails 3 'not a regular file' get --dir cache "$id" -o /dev/null --force
+fails 3 'No such file' get --dir cache "$id" -o nowhere/out
 [ "$(cat one)" = x ] || fail "a refused get has changed its output"
 [ "$(ls -AR cache)" = "$tree" ] || fail "a refused get has changed the cache"
 
@@ -121,30 +93,30 @@ fails 1 'No such file' get --dir cache "$id" -o nowhere/out
 info=cache/sdstore/$id.sdi
 cp "$info" good
 { head -c 49 good; printf '\x46'; head -c 71 good | tail -c +51; head -c 4 /dev/zero; tail -c +88 good; } >"$info"
-fails 1 'not complete: block 2 is missing' get --dir cache "$id" -o out
+fails 3 'not complete: block 2 is missing' get --dir cache "$id" -o out
 { head -c 75 good; head -c 4 /dev/zero; tail -c +80 good; } >"$info"
-fails 1 'not complete: block 2 has no bytes' get --dir cache "$id" -o out
+fails 3 'not complete: block 2 has no bytes' get --dir cache "$id" -o out
 head -c 100 good >"$info"
-fails 1 'damaged or missing block table' get --dir cache "$id" -o out
+fails 3 'damaged or missing block table' get --dir cache "$id" -o out
 cp odd "$info"
-fails 1 'not an information file' get --dir cache "$id" -o out
+fails 3 'not an information file' get --dir cache "$id" -o out
 cp good "$info"
 truncate -s -1 "cache/sdstore/$id.sdd"
-fails 1 'ends before the end of block 5' get --dir cache "$id" -o out
+fails 3 'ends before the end of block 5' get --dir cache "$id" -o out
 no_output damage
 
 # --- no space
 put odd
 before=$(entries cache)
-[ "$emulated" ] || (ulimit -f 1000; fails 1 'cannot store .*limits' put --dir cache odd)
-[ "$emulated" ] || (ulimit -f 100; fails 1 'cannot write .*File too large' get --dir cache "$id" -o out)
+[ "$emulated" ] || (ulimit -f 1000; fails 3 'cannot store .*limits' put --dir cache odd)
+[ "$emulated" ] || (ulimit -f 100; fails 3 'cannot write .*File too large' get --dir cache "$id" -o out)
 [ "$(entries cache)" -eq "$before" ] || fail "a put without room has left something"
 mkdir tmpfs
 if [ "$(id -u)" -eq 0 ] && mount -t tmpfs -o size=1m none tmpfs 2>/dev/null; then
     mounted=$work/tmpfs
-    fails 1 "not enough space .* needs 1.2 MiB${emulated:+|cannot store}" put --dir tmpfs odd
+    fails 3 "not enough space .* needs 1.2 MiB${emulated:+|cannot store}" put --dir tmpfs odd
     [ "$(entries tmpfs)" -eq 0 ] || fail "a full disk keeps a part of the file"
-    fails 1 'cannot write .*No space left' get --dir cache "$id" -o tmpfs/out
+    fails 3 'cannot write .*No space left' get --dir cache "$id" -o tmpfs/out
 else
     echo "no small disk can be mounted here"
 fi

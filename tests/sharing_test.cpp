@@ -146,6 +146,9 @@ TEST(Sharing, ServerLocksItsOpenFilesUntilItIsKilled) {
         EXPECT_EQ(FMJudgeExpiry(file, 7, int64_t{1} << 40).reason, "open");
     }
     EXPECT_FALSE(file.hasInfo);
+    const CRtString store((dir.path / "sdstore").string());
+    EXPECT_EQ(FMRemoveCachedFile(store, FMFileIDToString(old.fileID), false), RT_ERROR_NOT_READY);
+    EXPECT_TRUE(fs::exists(cache.Path(old.fileID, ".sdi")));
     FileRef mine = cache.Create(created);
     EXPECT_EQ(FMDescribeCachedFile("", FMFileIDToString(created.fileID), file), RT_OK);
     EXPECT_TRUE(file.isOpenElsewhere && file.isOpenHere);
@@ -169,6 +172,14 @@ TEST(Sharing, ServerLocksItsOpenFilesUntilItIsKilled) {
     }
     EXPECT_EQ(Read(*Cache::Block(*again, 1, 0)), Pattern(1, 5000));
     EXPECT_FALSE(Cache::Block(*again, 2, 0));
+    EXPECT_EQ(FMRemoveCachedFile(store, file.stem, false),
+              RT_ERROR_NOT_READY); // open in this process
+    cache.Close(again);
+    EXPECT_EQ(FMRemoveCachedFile(store, file.stem, false), RT_OK);
+    EXPECT_FALSE(fs::exists(cache.Path(old.fileID, ".sdi")) ||
+                 fs::exists(cache.Path(old.fileID, ".sdd")));
+    EXPECT_EQ(FMRemoveCachedFile(store, file.stem, true), RT_ERROR_NOT_FOUND);
+    EXPECT_EQ(FMRemoveCachedFile(store, "..\\x", true), RT_ERROR_INVALID_ARG);
 }
 
 TEST(Sharing, QueryOfTheLockNeverMakesAnOpenFail) {

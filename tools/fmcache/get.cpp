@@ -9,13 +9,14 @@
 #include <vector>
 
 #include "failure.h"
-#include "log.h"
+#include "json.h"
 #include "output.h"
 #include "platform.h"
 #include "progress.h"
 #include "scan.h"
 #include "session.h"
 #include "store.h"
+#include "text.h"
 #include "verbs.h"
 
 namespace fs = std::filesystem;
@@ -26,8 +27,7 @@ namespace {
 constexpr size_t WINDOW_BLOCKS = 8;
 constexpr uint64_t WINDOW_BYTES = uint64_t{32} << 20;
 
-struct GetOptions {
-    std::filesystem::path dir;
+struct GetOptions : StoreOptions {
     std::string id;
     std::filesystem::path output;
     bool force = false;
@@ -151,14 +151,20 @@ private:
     uint64_t m_loaded = 0;                     // bytes loaded since the file was last opened
 };
 
+void RequireUnused(const FMCachedFile& file) {
+    if (file.isOpenElsewhere)
+        throw Failure(ToString(file.stem) +
+                      " is in use by another process; get needs the file for itself");
+}
+
 // The manager would load an incomplete file, and create a missing data file. So the information file is
 // checked before the manager opens anything.
-std::vector<FMBlockEntry> FindBlocks(const fs::path& dir, const FMFileID& id) {
-    const std::string name = ToString(FMFileIDToString(id));
-    const FMCachedFile file = DescribeLoadable(dir, id);
-    if (!(file.info.fileID == id))
-        throw Failure(Quoted(StorePaths(dir, id).info.string()) +
-                      " contains the description of another file");
+std::vector<FMBlockEntry> FindBlocks(const fs::path& dir, const FMCachedFile& file) {
+    const std::string name = ToString(file.stem);
+    RequireUnused(file);
+    RequireDescribed(dir, file);
+    if (file.fileID == FMFileID_None || !(file.info.fileID == file.fileID))
+        throw Failure(name + " contains the description of another file");
     if (file.info.flag & FM_FILE_TEMPORARY)
         throw Failure(name + " is temporary: reading would remove it from the cache");
     try {
@@ -177,18 +183,55 @@ void RequireAccess(const StorePaths& paths, bool withData) {
     }
 }
 
-int Get(const GetOptions& options) {
-    const FMFileID id = ParseID(options.id);
-    const StorePaths paths = FindEntry(options.dir, id);
-    const std::vector<FMBlockEntry> blocks = FindBlocks(options.dir, id);
-    RequireAccess(paths, !blocks.empty());
-    Output output(options.output, options.force);
-    {
+// The last component of the stored name, which comes from a peer: it must not lead to another directory. Both
+// separators end a component, because the peer may run another system.
+fs::path StoredName(const FMCachedFile& file) {
+    const std::string full = ToString(file.info.name);
+    const std::string name = full.substr(full.find_last_of("/\\:") + 1);
+    if (name.empty() || name == "." || name == ".." || Printable(name) != name)
+        throw Failure("the stored name " + Quoted(full) +
+                      " cannot be used for a file; -o names one");
+    return fs::path(".") /
+           std::u8string(name.begin(), name.end()); // "./-" is a file, "-" standard output
+}
+
+void Transmit(const GetOptions& options, const FMCachedFile& file, Output& output) {
+    const std::vector<FMBlockEntry> blocks = FindBlocks(options.dir, file);
+    RequireAccess(StorePaths(options.dir, file.fileID), !blocks.empty());
+    try {
         Session session(options.dir);
-        Transfer(session, id, blocks, output).Run();
+        Transfer(session, file.fileID, blocks, output).Run();
+    } catch (const Failure&) { // another process may have opened the file in the meantime
+        if (const auto now = Describe(StoreDir(options.dir), file.stem))
+            RequireUnused(*now);
+        throw;
     }
+}
+
+int Get(GetOptions& options) {
+    if (options.json && options.output == "-")
+        throw Failure("--json and -o - both write to standard output", STATUS_USAGE);
+    const FMCachedFile file = FindInStore(LocateStore(options), options.id);
+    FindBlocks(options.dir, file); // before the output file is created
+    const bool isNamed = !options.output.empty();
+    const fs::path path = isNamed ? options.output : StoredName(file);
+    if (std::error_code error; !isNamed && fs::exists(fs::symlink_status(path, error)))
+        throw Failure(Quoted(path.filename().string()) + " exists; -o names another file");
+    Output output(path, isNamed && options.force);
+    Transmit(options, file, output);
     output.Commit();
-    return 0;
+    const std::string name = isNamed ? path.string() : path.filename().string();
+    if (options.json) {
+        Json json;
+        AddName(json, "id", file.stem.view());
+        AddName(json, "name", file.info.name.view());
+        AddName(json, "output", name);
+        json["size"] = file.blockBytes;
+        PrintJson(json);
+    } else if (!isNamed) {
+        Print(name + "\n");
+    }
+    return STATUS_DONE;
 }
 
 } // namespace
@@ -196,15 +239,15 @@ int Get(const GetOptions& options) {
 void AddGet(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<GetOptions>();
     CLI::App* get = app.add_subcommand("get", "Read a file back from the cache.");
-    AddPath(*get, "--dir", options->dir, "data directory of a server")
-        ->type_name("DIR")
+    AddCacheOptions(*get, *options);
+    AddIDArgument(*get, options->id, "identifier, its first characters, or the name of the file")
         ->required();
-    get->add_option("ID", options->id, "identifier that put printed; the braces may be omitted")
-        ->type_name("")
-        ->required();
-    AddPath(*get, "-o,--output", options->output, "file to write; - is standard output")
-        ->type_name("FILE")
-        ->required();
-    get->add_flag("--force", options->force, "overwrite FILE if it exists");
+    CLI::Option* output =
+        AddPath(
+            *get, "-o,--output", options->output,
+            "file to write; - is standard output. Without it: the name under which the file was "
+            "stored, in the current directory")
+            ->type_name("FILE");
+    get->add_flag("--force", options->force, "overwrite FILE if it exists")->needs(output);
     get->callback([options, &chosen] { chosen = [options] { return Get(*options); }; });
 }

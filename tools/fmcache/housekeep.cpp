@@ -1,4 +1,4 @@
-// housekeep: runs the library's housekeeping now, or shows what it would remove.
+// housekeep: removes expired files and keeps the store within its disk budget, or shows what it would remove.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
@@ -8,15 +8,15 @@
 #include <string>
 #include <vector>
 
+#include "budget.h"
+#include "entry.h"
 #include "failure.h"
-#include "houserun.h"
 #include "json.h"
-#include "keeping.h"
 #include "platform.h"
 #include "progress.h"
+#include "remove.h"
 #include "scan.h"
 #include "sizes.h"
-#include "store.h"
 #include "table.h"
 #include "text.h"
 #include "verbs.h"
@@ -26,133 +26,171 @@ namespace fs = std::filesystem;
 namespace {
 
 struct HousekeepOptions : StoreOptions {
-    uint16_t days = 0;
+    uint16_t days = 0; // 0: expired files are not removed
+    uint64_t maxSize = 0;
+    std::string minFree; // bytes, or a share of the disk: "10%"
     bool dryRun = false;
 };
 
-struct Judged {
-    FMCachedFile file; // without its table: a store can have many
-    FMExpiry expiry;
-    bool gone = false;
+// Without --days: the largest clearDays, so that the age is the only reason to keep a file.
+constexpr uint16_t DAYS_NEVER = 65535;
 
-    bool IsDue() const { return expiry.when == FMExpiry::When::NextRun; }
-    std::string Name() const { return ToString(file.info.name); }
-    fs::path Info(const fs::path& store) const { return store / (ToString(file.stem) + ".sdi"); }
-    fs::path Data(const fs::path& store) const { return store / (ToString(file.stem) + ".sdd"); }
-};
+// Empty unless `text` is a number from 0 to 100 with a percent sign.
+std::optional<double> ParsePercent(const std::string& text) {
+    double share = 0;
+    if (!text.ends_with('%') || !CLI::detail::lexical_cast(text.substr(0, text.size() - 1), share))
+        return std::nullopt;
+    return share >= 0 && share <= 100 ? std::optional(share) : std::nullopt;
+}
 
-std::vector<Judged> JudgeAll(const fs::path& store, uint16_t days, int64_t now) {
-    const StoreListing listing = ListStore(store);
-    Progress progress("reading", listing.stems.size(), Progress::Unit::Files);
-    std::vector<Judged> files;
-    for (const CRtString& stem : listing.stems) {
-        CheckStop();
-        if (std::optional<FMCachedFile> file = Describe(store, stem)) {
-            file->entries = {};
-            file->states = {};
-            const FMExpiry expiry = FMJudgeExpiry(*file, days, now);
-            files.push_back({std::move(*file), expiry});
-        }
-        progress.Add(1);
+std::string CheckMinFree(const std::string& text) {
+    if (text.ends_with('%'))
+        return ParsePercent(text) ? "" : "'" + text + "' is not a share from 0% to 100%";
+    try {
+        ParseSize(text);
+    } catch (const CLI::ValidationError& error) {
+        return error.what();
     }
-    return files;
+    return "";
 }
 
-// The library opens information files for reading and writing, and keeps a file whose information it cannot
-// open. A run that would skip files for this reason is refused.
-void RequireAccess(const std::vector<Judged>& files, const fs::path& store) {
-    if (!CanWriteInto(store))
-        throw Failure("no write access to " + Quoted(store.string()) + ": " + ErrorText(errno));
-    for (const Judged& file : files) {
-        if (file.file.hasInfo && file.file.hasData && !CanWrite(file.Info(store)))
-            throw Failure("cannot open " + Quoted(file.Info(store).string()) +
-                          " for reading and writing: " + ErrorText(errno) +
-                          "; housekeeping would skip the file");
-    }
+Budget MakeBudget(const HousekeepOptions& options, const fs::path& store) {
+    Budget budget;
+    budget.removeExpired = options.days > 0;
+    if (options.maxSize > 0)
+        budget.maxSize = options.maxSize;
+    if (options.minFree.empty())
+        return budget;
+    std::error_code error;
+    const fs::space_info space = fs::space(store, error);
+    if (error)
+        throw Failure("cannot read the free space of " + Quoted(store.string()) + ": " +
+                      error.message());
+    const std::optional<double> percent = ParsePercent(options.minFree);
+    budget.minFree =
+        percent ? static_cast<uint64_t>(static_cast<double>(space.capacity) * *percent / 100)
+                : ParseSize(options.minFree);
+    budget.available = space.available;
+    return budget;
 }
 
-void Run(const HousekeepOptions& options, std::vector<Judged>& files, const fs::path& store) {
-    RequireAccess(files, store);
-    const auto dataFiles = std::count_if(files.begin(), files.end(),
-                                         [](const Judged& file) { return file.file.hasData; });
-    RunHousekeeping(options.dir, options.days, static_cast<uint64_t>(dataFiles));
-    for (Judged& file : files) {
-        std::error_code error;
-        file.gone = !fs::exists(file.Info(store), error) && !fs::exists(file.Data(store), error);
-    }
-}
-
-// The ACTION column.
-const char* ActionText(const Judged& file, bool dryRun) {
-    if (dryRun)
-        return file.IsDue() ? "remove" : "keep";
-    if (file.gone)
-        return "removed";
-    return file.IsDue() ? "NOT REMOVED" : "kept";
-}
-
-std::string ReasonText(const FMExpiry& expiry, int64_t now) {
-    const std::string reason = ToString(expiry.reason);
-    return expiry.when == FMExpiry::When::Later ? reason + ", due " + KeepingText(expiry, now)
-                                                : reason;
-}
-
-struct Totals {
+struct HousekeepTotals {
     uint64_t files = 0;
     uint64_t bytes = 0;
-    uint64_t left = 0; // due, but not removed
+    uint64_t left = 0; // chosen, but not removed for another reason than that they are in use
 };
 
-Totals SumUp(const std::vector<Judged>& files, bool dryRun) {
-    Totals totals;
-    for (const Judged& file : files) {
-        if (dryRun ? file.IsDue() : file.gone) {
-            ++totals.files;
-            totals.bytes += LengthOf(file.file);
-        }
-        totals.left += !dryRun && file.IsDue() && !file.gone ? 1 : 0;
+HousekeepTotals SumUp(const std::vector<Entry>& entries, const BudgetResult& result) {
+    HousekeepTotals totals;
+    for (size_t i = 0; i < entries.size(); ++i) {
+        const Verdict& verdict = result.verdicts[i];
+        totals.files += verdict.isRemoved ? 1 : 0;
+        totals.bytes += verdict.isRemoved ? LengthOf(entries[i].file) : 0;
+        totals.left += !verdict.error.empty() && verdict.error != IN_USE ? 1 : 0;
     }
     return totals;
 }
 
-std::string TextOf(const std::vector<Judged>& files, const Totals& totals, bool dryRun,
-                   int64_t now) {
-    Table table({{"IDENTIFIER"}, {"SIZE", Table::Align::Right}, {"ACTION"}, {"REASON"}, {"NAME"}});
-    for (const Judged& file : files)
-        table.Add({Printable(file.file.stem.view()), FormatSize(LengthOf(file.file)),
-                   ActionText(file, dryRun), ReasonText(file.expiry, now), Printable(file.Name())});
-    return table.Text() + std::to_string(totals.files) + " of " + Count(files.size(), "file") +
-           (dryRun ? " would be removed, " : " removed, ") + FormatSize(totals.bytes) + "\n";
-}
+class HousekeepReport {
+public:
+    HousekeepReport(const HousekeepOptions& options, const std::vector<Entry>& entries,
+                    const BudgetResult& result)
+        : m_options(options), m_entries(entries), m_result(result),
+          m_totals(SumUp(entries, result)) {}
 
-std::string JsonOf(const std::vector<Judged>& files, const Totals& totals, bool dryRun) {
-    Json json;
-    json.BeginObject().Member("dryRun", dryRun).Key("files").BeginArray();
-    for (const Judged& file : files)
-        json.BeginObject()
-            .Name("id", file.file.stem.view())
-            .Name("name", file.Name())
-            .Member("size", LengthOf(file.file))
-            .Member("due", file.IsDue())
-            .Member("gone", file.gone)
-            .Member("reason", file.expiry.reason.view())
-            .EndObject();
-    json.EndArray().Member("removed", totals.files).Member("bytes", totals.bytes);
-    return json.Member("left", totals.left).EndObject().Text();
-}
+    std::string Text() const {
+        using Align = Table::Align;
+        Table table({{"IDENTIFIER"}, {"SIZE", Align::Right}, {"ACTION"}, {"REASON"}, {"NAME"}});
+        for (size_t i = 0; i < m_entries.size(); ++i) {
+            const FMCachedFile& file = m_entries[i].file;
+            table.Add({Printable(file.stem.view()), FormatSize(LengthOf(file)), Action(i),
+                       Printable(Reason(i)), Printable(m_entries[i].Name())});
+        }
+        std::string text = table.Text() + std::to_string(m_totals.files) + " of " +
+                           Count(m_entries.size(), "file") +
+                           (m_options.dryRun ? " would be removed, " : " removed, ") +
+                           FormatSize(m_totals.bytes) + "; " + FormatSize(m_result.size) +
+                           (m_options.dryRun ? " would remain\n" : " remain\n");
+        return m_options.days > 0 ? text + RuleText(m_options.days) + "\n" : text;
+    }
 
-int Housekeep(const HousekeepOptions& options) {
+    Json ToJson() const {
+        Json json{{"dryRun", m_options.dryRun}, {"files", Json::array()}};
+        for (size_t i = 0; i < m_entries.size(); ++i) {
+            Json file = ::ToJson(m_entries[i], m_now);
+            file["action"] = Action(i);
+            file["reason"] = Reason(i);
+            json["files"].push_back(std::move(file));
+        }
+        json["removed"] = m_totals.files;
+        json["bytes"] = m_totals.bytes;
+        json["left"] = m_totals.left;
+        json["remaining"] = m_result.size;
+        json["overBudget"] = m_result.over;
+        return json;
+    }
+
+    const HousekeepTotals& Sums() const { return m_totals; }
+
+private:
+    std::string Action(size_t i) const {
+        const Verdict& verdict = m_result.verdicts[i];
+        if (m_options.dryRun)
+            return verdict.isRemoved ? "remove" : "keep";
+        if (verdict.isRemoved)
+            return "removed";
+        return verdict.error.empty() || verdict.error == IN_USE ? "kept" : "NOT REMOVED";
+    }
+
+    std::string Reason(size_t i) const {
+        const Verdict& verdict = m_result.verdicts[i];
+        const FMExpiry& expiry = m_entries[i].expiry;
+        if (!verdict.error.empty())
+            return verdict.error;
+        if (!verdict.reason.empty())
+            return verdict.reason;
+        if (m_options.days > 0 && expiry.when == FMExpiry::When::Later)
+            return ToString(expiry.reason) + ", due " + ExpiryText(expiry, m_now);
+        return ToString(expiry.reason);
+    }
+
+    const HousekeepOptions& m_options;
+    const std::vector<Entry>& m_entries;
+    const BudgetResult& m_result;
+    const HousekeepTotals m_totals;
+    const int64_t m_now = CurrentTime();
+};
+
+int Housekeep(HousekeepOptions& options) {
+    if (options.days == 0 && options.maxSize == 0 && options.minFree.empty())
+        throw Failure("--days, --max-size or --min-free is required; see fmcache housekeep --help",
+                      STATUS_USAGE);
     const fs::path store = LocateStore(options);
-    const int64_t now = CurrentTime();
-    std::vector<Judged> files = JudgeAll(store, options.days, now);
-    if (!options.dryRun)
-        Run(options, files, store);
-    const Totals totals = SumUp(files, options.dryRun);
-    Print(options.json ? JsonOf(files, totals, options.dryRun)
-                       : TextOf(files, totals, options.dryRun, now));
-    if (totals.left > 0)
-        throw Failure(Count(totals.left, "file") + " could not be removed");
-    return 0;
+    const StoreListing listing = ListStore(store);
+    const std::vector<Entry> entries =
+        ReadEntries(store, listing, options.days > 0 ? options.days : DAYS_NEVER, CurrentTime());
+    const Budget budget = MakeBudget(options, store);
+    if (!options.dryRun && !CanWriteInto(store))
+        throw Failure("no write access to " + Quoted(store.string()) + ": " + ErrorText(errno));
+    Progress progress("housekeeping", entries.size(), Progress::Unit::Files);
+    const BudgetResult result = Reduce(entries, budget, [&](const Entry& entry) {
+        CheckStop();
+        progress.Add(1);
+        return options.dryRun ? "" : RemoveFromStore(store, entry.file.stem, false);
+    });
+    const HousekeepReport report(options, entries, result);
+    if (options.json)
+        PrintJson(report.ToJson());
+    else
+        Print(report.Text());
+    if (report.Sums().left > 0)
+        throw Failure(Count(report.Sums().left, "file") + " could not be removed");
+    if (result.over > 0)
+        throw Failure(
+            "the budget is exceeded by " + FormatSize(result.over) +
+                ": the remaining files are kept, open or unreadable, or other data fill the disk",
+            STATUS_FINDINGS);
+    return STATUS_DONE;
 }
 
 } // namespace
@@ -160,9 +198,23 @@ int Housekeep(const HousekeepOptions& options) {
 void AddHousekeep(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<HousekeepOptions>();
     CLI::App* housekeep = app.add_subcommand(
-        "housekeep", "Remove expired files, as each server of this cache does every 24 hours.");
+        "housekeep",
+        "Remove expired files, and the oldest files until the store is within a disk budget.");
+    housekeep->footer(
+        "Expired files are removed as each server of this cache does every 24 hours. For the "
+        "budget, "
+        "temporary and unreadable files go first, then the oldest ones. Files that are flagged as "
+        "kept or open stay. If the budget is exceeded nevertheless, the exit status is 1.");
     AddCacheOptions(*housekeep, *options);
-    AddDaysOption(*housekeep, options->days)->required();
+    AddDaysOption(*housekeep, options->days);
+    TakeSize(
+        housekeep->add_option("--max-size", options->maxSize,
+                              "budget: largest sum of the sizes of all files, for example 20G"));
+    housekeep
+        ->add_option("--min-free", options->minFree,
+                     "budget: smallest free space on the disk, for example 5G or 10%")
+        ->type_name("SIZE|PERCENT")
+        ->check(CheckMinFree);
     housekeep->add_flag("--dry-run", options->dryRun,
                         "remove nothing; show what would be removed, and why");
     housekeep->callback([options, &chosen] { chosen = [options] { return Housekeep(*options); }; });

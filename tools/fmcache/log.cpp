@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <mutex>
+#include <regex>
 
 #include "RtLog.h"
 
@@ -38,10 +39,10 @@ void KeepLog(bool show) {
 
 bool IsLogShown() { return Keeper().show; }
 
+// The library writes an error number as its symbolic name and its text: "ENOSPC (No space left on device)".
 std::string LogCause() {
     const std::lock_guard lock(Keeper().mutex);
-    if (Keeper().lastError.empty())
-        return "";
-    // Without the object's address, which means nothing to a user.
-    return " (" + Keeper().lastError.substr(0, Keeper().lastError.rfind(" this=")) + ")";
+    static const std::regex pattern("\\bE[A-Z0-9]+ \\(([^)]+)\\)");
+    std::smatch found;
+    return std::regex_search(Keeper().lastError, found, pattern) ? ": " + found[1].str() : "";
 }

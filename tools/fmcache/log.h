@@ -1,4 +1,4 @@
-// The library's log: shown with --verbose; the last error line is kept for messages.
+// The library's log: shown with --verbose; the last cause of an error is kept for messages.
 #pragma once
 
 #include <string>
@@ -7,5 +7,6 @@
 void KeepLog(bool show);
 bool IsLogShown();
 
-/// The last error line in parentheses, after a space; empty if there is none.
+/// The system's text for the last error that the library has logged, after a colon: ": No space left on device".
+/// Empty if there is none.
 std::string LogCause();

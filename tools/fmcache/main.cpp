@@ -6,17 +6,17 @@
 #include <exception>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "FMVersion.h"
 #include "failure.h"
 #include "log.h"
 #include "platform.h"
+#include "suggest.h"
 #include "text.h"
 #include "verbs.h"
 
 namespace {
-
-enum Status : int { STATUS_FAILED = 1, STATUS_USAGE = 2, STATUS_INTERRUPTED = 130 };
 
 // Exactly one line: a file name in the text may contain line ends.
 int Complain(std::string text, int status) {
@@ -25,13 +25,55 @@ int Complain(std::string text, int status) {
     return status;
 }
 
-int ReportUsage(const CLI::ParseError& error) {
-    std::string text = error.what();
+std::vector<std::string> OptionsOf(const CLI::App& verb) {
+    std::vector<std::string> names;
+    for (const CLI::App* app = &verb; app; app = app->get_parent()) {
+        for (const CLI::Option* option : app->get_options()) {
+            for (const std::string& name : option->get_lnames())
+                names.push_back("--" + name);
+        }
+    }
+    return names;
+}
+
+// The first word of the command line that is neither a verb nor an option, as an error message; empty if all of them
+// are known, or if the word could be the value of an option.
+std::string UnknownWord(const CLI::App& app, const std::vector<std::string>& words) {
+    std::vector<std::string> verbs;
+    for (const CLI::App* verb : app.get_subcommands({}))
+        verbs.push_back(verb->get_name());
+    const auto isIn = [](const std::vector<std::string>& names, const std::string& word) {
+        return std::find(names.begin(), names.end(), word) != names.end();
+    };
+    const CLI::App* chosen = nullptr;
+    for (const std::string& each : words) {
+        const std::string word = each.substr(0, each.find('='));
+        const bool isOption = word.starts_with("--") && word != "--";
+        if (!isOption && (chosen || word.starts_with('-')))
+            continue;
+        if (!isOption && isIn(verbs, word)) {
+            chosen = app.get_subcommand(word);
+            continue;
+        }
+        const std::vector<std::string> names = isOption ? OptionsOf(chosen ? *chosen : app) : verbs;
+        if (isIn(names, word))
+            continue;
+        const std::string similar = FindSimilar(word, names);
+        return (isOption ? "unknown option '" : "unknown verb '") + word + "'" +
+               (similar.empty() ? "" : "; did you mean '" + similar + "'?");
+    }
+    return "";
+}
+
+int ReportUsage(const CLI::App& app, const CLI::ParseError& error,
+                const std::vector<std::string>& words) {
+    std::string text = UnknownWord(app, words);
+    if (text.empty())
+        text = error.what();
     // Error lines start in lower case; argument names (FILE, ID) stay as they are.
     if (text.size() > 1 && !std::isupper(static_cast<unsigned char>(text[1])))
         text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
-    text += "; see fmcache --help";
-    return Complain(text, STATUS_USAGE);
+    return Complain(text + (text.ends_with('?') ? "" : "; see fmcache --help"), STATUS_USAGE);
 }
 
 int Run(int argc, char** argv) {
@@ -50,13 +92,16 @@ int Run(int argc, char** argv) {
     AddLs(app, chosen);
     AddShow(app, chosen);
     AddVerify(app, chosen);
+    AddReport(app, chosen);
     AddRm(app, chosen);
     AddHousekeep(app, chosen);
     AddClear(app, chosen);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return error.get_exit_code() == 0 ? app.exit(error) : ReportUsage(error);
+        return error.get_exit_code() == 0
+                   ? app.exit(error)
+                   : ReportUsage(app, error, std::vector<std::string>(argv + 1, argv + argc));
     }
     KeepLog(verbose);
     CatchSignals();

@@ -79,6 +79,16 @@ std::string Legend(uint64_t blocksPerCell, bool colour) {
 
 } // namespace
 
+std::string MapCells(const FMCachedFile& file, size_t most) {
+    const std::vector<Kind> kinds = KindsBySlot(file);
+    const size_t perCell = (kinds.size() + most - 1) / most;
+    std::string cells;
+    for (size_t at = 0; at < kinds.size(); at += perCell)
+        cells +=
+            LOOKS[Sum(kinds.data() + at, kinds.data() + std::min(at + perCell, kinds.size()))].cell;
+    return cells;
+}
+
 std::string DrawMap(const FMCachedFile& file, const MapStyle& style) {
     const std::vector<Kind> kinds = KindsBySlot(file);
     if (kinds.empty())

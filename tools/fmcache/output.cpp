@@ -84,7 +84,14 @@ void Output::Commit() {
         Fail(errno);
     CheckTarget(); // the target may have been created since
     std::error_code error;
-    fs::rename(m_temporary, m_target, error);
+    // A rename would replace a target that appears now; a link never does.
+    if (!m_replace)
+        fs::create_hard_link(m_temporary, m_target, error);
+    if (!m_replace && !error)
+        return; // the destructor removes the temporary name
+    if (error == std::errc::file_exists)
+        CheckTarget();
+    fs::rename(m_temporary, m_target, error); // the file system may have no links
     if (error)
         Fail(error.value());
     m_temporary.clear();

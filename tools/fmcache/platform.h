@@ -4,7 +4,8 @@
 #include <cstdio>
 #include <filesystem>
 
-/// Whether standard error is a terminal.
+/// Whether standard input, standard error is a terminal.
+bool IsInputTerminal();
 bool IsErrorTerminal();
 
 /// Whether standard output is a terminal, and its width in columns; 80 if unknown.
@@ -18,7 +19,11 @@ bool CanWrite(const std::filesystem::path& file);
 /// Creates a file for writing. Null, with `errno`, if it exists or cannot be created.
 std::FILE* OpenNew(const std::filesystem::path& file);
 
-/// Switches standard output and standard error to binary mode.
+/// Creates a file without a name for writing and reading, in the directory for temporary files (TMPDIR). Null, with
+/// `errno`, on failure.
+std::FILE* OpenTemporary();
+
+/// Switches the standard streams to binary mode.
 void PrepareStreams();
 
 /// Makes stop signals set a flag for CheckStop, and a file-size limit an error of the write instead of the

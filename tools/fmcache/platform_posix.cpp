@@ -4,6 +4,9 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <string>
+
 #include "failure.h"
 
 namespace {
@@ -13,6 +16,8 @@ volatile sig_atomic_t g_stop = 0;
 void OnStopSignal(int) { g_stop = 1; }
 
 } // namespace
+
+bool IsInputTerminal() { return ::isatty(STDIN_FILENO) == 1; }
 
 bool IsErrorTerminal() { return ::isatty(STDERR_FILENO) == 1; }
 
@@ -32,6 +37,16 @@ bool CanWriteInto(const std::filesystem::path& dir) {
 bool CanWrite(const std::filesystem::path& file) { return ::access(file.c_str(), W_OK) == 0; }
 
 std::FILE* OpenNew(const std::filesystem::path& file) { return std::fopen(file.c_str(), "wbx"); }
+
+std::FILE* OpenTemporary() {
+    std::error_code error;
+    std::string name = (std::filesystem::temp_directory_path(error) / "fmcache-XXXXXX").string();
+    const int file = error ? -1 : ::mkstemp(name.data());
+    if (file < 0)
+        return nullptr;
+    ::unlink(name.c_str());
+    return ::fdopen(file, "w+b");
+}
 
 void PrepareStreams() {} // POSIX streams are binary
 

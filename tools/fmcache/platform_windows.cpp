@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 
 #include "failure.h"
 
@@ -20,6 +21,8 @@ BOOL WINAPI OnStop(DWORD) { return g_stop.exchange(true) ? FALSE : TRUE; }
 bool IsTerminal(std::FILE* stream) { return ::_isatty(::_fileno(stream)) != 0; }
 
 } // namespace
+
+bool IsInputTerminal() { return IsTerminal(stdin); }
 
 bool IsErrorTerminal() { return IsTerminal(stderr); }
 
@@ -52,7 +55,16 @@ std::FILE* OpenNew(const std::filesystem::path& file) {
     return descriptor < 0 ? nullptr : ::_fdopen(descriptor, "wb");
 }
 
+// The system's own std::tmpfile creates the file in the root directory, which needs rights.
+std::FILE* OpenTemporary() {
+    char* const name = ::_tempnam(nullptr, "fmcache");
+    std::FILE* const stream = name ? std::fopen(name, "w+bxTD") : nullptr;
+    std::free(name);
+    return stream;
+}
+
 void PrepareStreams() {
+    ::_setmode(::_fileno(stdin), _O_BINARY);
     ::_setmode(::_fileno(stdout), _O_BINARY);
     ::_setmode(::_fileno(stderr), _O_BINARY);
     // Enables colours on a console.

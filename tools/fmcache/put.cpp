@@ -10,7 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "FMInfoCodec.h"
 #include "failure.h"
+#include "json.h"
 #include "log.h"
 #include "platform.h"
 #include "progress.h"
@@ -19,6 +21,7 @@
 #include "session.h"
 #include "sizes.h"
 #include "store.h"
+#include "text.h"
 #include "verbs.h"
 
 namespace fs = std::filesystem;
@@ -27,27 +30,53 @@ namespace {
 
 // --- The two ends -------------------------------------------------------------------------------
 
+using Stream = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+
 class Source {
 public:
-    explicit Source(const std::string& file)
-        : m_file(file), m_stream(std::fopen(file.c_str(), "rb"), &std::fclose) {
-        if (!m_stream)
-            throw Failure("cannot read " + Quoted(m_file) + ": " + ErrorText(errno));
+    Source(std::string name, Stream stream)
+        : m_name(std::move(name)), m_stream(std::move(stream)) {}
+    static Source OfFile(const fs::path& file) {
+        Stream stream(std::fopen(file.string().c_str(), "rb"), &std::fclose);
+        if (!stream)
+            throw Failure("cannot read " + Quoted(file.string()) + ": " + ErrorText(errno));
+        return {Quoted(file.string()), std::move(stream)};
     }
+    // Copies standard input to a temporary file, because the length has to be known before the first block.
+    static Source OfInput(uint64_t& length);
+
     void Read(char* bytes, uint32_t length) {
         errno = 0;
         if (std::fread(bytes, length, 1, m_stream.get()) == 1)
             return;
         CheckStop();
         throw Failure(std::ferror(m_stream.get())
-                          ? "cannot read " + Quoted(m_file) + ": " + ErrorText(errno)
-                          : Quoted(m_file) + " became shorter while it was being read");
+                          ? "cannot read " + m_name + ": " + ErrorText(errno)
+                          : m_name + " became shorter while it was being read");
     }
 
 private:
-    const std::string m_file;
-    std::unique_ptr<std::FILE, int (*)(std::FILE*)> m_stream;
+    std::string m_name;
+    Stream m_stream;
 };
+
+Source Source::OfInput(uint64_t& length) {
+    Stream copy(OpenTemporary(), &std::fclose);
+    if (!copy)
+        throw Failure("cannot create a temporary file: " + ErrorText(errno));
+    std::vector<char> bytes(size_t{1} << 20);
+    for (size_t count = 0; (count = std::fread(bytes.data(), 1, bytes.size(), stdin)) > 0;) {
+        CheckStop();
+        CheckLength("standard input", length += count);
+        if (std::fwrite(bytes.data(), count, 1, copy.get()) != 1)
+            throw Failure("cannot copy standard input to a temporary file: " + ErrorText(errno));
+    }
+    CheckStop();
+    if (std::ferror(stdin) || std::fflush(copy.get()) != 0)
+        throw Failure("cannot read standard input: " + ErrorText(errno));
+    std::rewind(copy.get());
+    return {"standard input", std::move(copy)};
+}
 
 // Removes both files of the new entry on every path that does not call Keep.
 class NewEntry {
@@ -79,11 +108,11 @@ private:
     const fs::path store = paths.data.parent_path();
     const fs::space_info space = fs::space(store, error);
     if (!error && (space.available < missing || space.available < plan.block))
-        throw Failure("not enough space in " + Quoted(store.string()) + " for " +
-                      Quoted(plan.file) + ": it needs " + FormatSize(plan.length) +
-                      ", available are " + FormatSize(there + space.available));
-    throw Failure("cannot store " + Quoted(plan.file) + ": " + what +
-                  "; check the disk, quotas and file-size limits" + LogCause());
+        throw Failure("not enough space in " + Quoted(store.string()) + " for " + plan.Title() +
+                      ": it needs " + FormatSize(plan.length) + ", available are " +
+                      FormatSize(there + space.available));
+    throw Failure("cannot store " + plan.Title() + ": " + what + LogCause() +
+                  "; check the disk, quotas and file-size limits");
 }
 
 // --- The transfer -------------------------------------------------------------------------------
@@ -180,9 +209,10 @@ void RequireWritable(const fs::path& store) {
 // The manager reports a failed store only in the log, so the result is read back from disk.
 void RequireStored(const fs::path& dir, const PutPlan& plan, const StorePaths& paths) {
     try {
-        const FMCachedFile stored = DescribeLoadable(dir, plan.info.fileID);
-        const std::vector<FMBlockEntry> blocks = CompleteBlocks(stored);
-        if (!(stored.info.fileID == plan.info.fileID))
+        const auto stored = Describe(StoreDir(dir), FMFileIDToString(plan.info.fileID));
+        RequireDescribed(dir, stored);
+        const std::vector<FMBlockEntry> blocks = CompleteBlocks(*stored);
+        if (!(stored->info.fileID == plan.info.fileID))
             throw Failure("the information file describes another file");
         if (blocks.size() != plan.Count())
             throw Failure("the information file names " + std::to_string(blocks.size()) +
@@ -196,9 +226,26 @@ void RequireStored(const fs::path& dir, const PutPlan& plan, const StorePaths& p
     }
 }
 
-int Put(const PutOptions& options) {
-    const PutPlan plan = MakePlan(options);
-    Source source(plan.file);
+void PrintStored(const PutOptions& options, const PutPlan& plan) {
+    const CRtString id = FMFileIDToString(plan.info.fileID);
+    if (!options.json)
+        return Print(ToString(id) + "\n");
+    Json json;
+    AddName(json, "id", id.view());
+    AddName(json, "name", plan.info.name.view());
+    json["size"] = plan.length;
+    json["slots"] = plan.Count();
+    PrintJson(json);
+}
+
+int Put(PutOptions& options) {
+    FillDir(options);
+    uint64_t length = 0;
+    const bool isInput = options.file == "-";
+    if (!isInput)
+        length = CheckedLength(options.file);
+    Source source = isInput ? Source::OfInput(length) : Source::OfFile(options.file);
+    const PutPlan plan = MakePlan(options, length);
     NewEntry entry(StorePaths(options.dir, plan.info.fileID));
     {
         Session session(options.dir);
@@ -207,11 +254,9 @@ int Put(const PutOptions& options) {
     }
     RequireStored(options.dir, plan, entry.Paths());
     CheckStop();
-    const std::string id = ToString(FMFileIDToString(plan.info.fileID));
-    if (std::printf("%s\n", id.c_str()) < 0 || std::fflush(stdout) != 0)
-        throw Failure("cannot write the identifier to standard output: " + ErrorText(errno));
+    PrintStored(options, plan);
     entry.Keep();
-    return 0;
+    return STATUS_DONE;
 }
 
 } // namespace
@@ -220,18 +265,18 @@ void AddPut(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<PutOptions>();
     CLI::App* put =
         app.add_subcommand("put", "Store a file in the cache and print its identifier.");
-    AddPath(*put, "--dir", options->dir, "data directory of a server; created if it does not exist")
-        ->type_name("DIR")
+    AddCacheOptions(*put, *options);
+    AddPath(*put, "FILE", options->file, "file to store, at most 1 GiB; - is standard input")
+        ->type_name("")
         ->required();
-    AddPath(*put, "FILE", options->file, "file to store, at most 1 GiB")->type_name("")->required();
-    put->add_option("--block", options->block,
-                    "block size in bytes, or in KiB or MiB with K or M; at most 16M")
-        ->type_name("SIZE")
-        ->capture_default_str();
-    put->add_option("--piece", options->piece,
-                    "size of the pieces in which the library receives a block; as --block")
-        ->type_name("SIZE")
-        ->capture_default_str();
+    TakeSize(put->add_option("--block", options->block,
+                             "block size in bytes, or in KiB or MiB with K or M; at most 16M"),
+             FM_BLOCK_BYTES_MAX)
+        ->default_str("256K");
+    TakeSize(
+        put->add_option("--piece", options->piece,
+                        "size of the pieces in which the library receives a block; as --block"))
+        ->default_str("16K");
     put->add_option("--name", options->name, "name to store instead of the name of FILE")
         ->type_name("NAME");
     put->callback([options, &chosen] { chosen = [options] { return Put(*options); }; });

@@ -4,7 +4,6 @@
 
 #include "FMInfoCodec.h"
 #include "failure.h"
-#include "sizes.h"
 
 namespace fs = std::filesystem;
 
@@ -14,26 +13,6 @@ namespace {
 constexpr size_t NAME_MAX_BYTES = FM_INFO_FILE_BODY_MAX - FM_INFO_FILE_BODY_FIXED;
 constexpr uint32_t BLOCKS_MAX =
     std::min(FM_INFO_SLOTS_MAX, (FM_INFO_BLOCK_BODY_MAX - FM_INFO_COUNT_SIZE) / FM_INFO_ENTRY_SIZE);
-
-uint64_t CheckedLength(const fs::path& file) {
-    const std::string name = Quoted(file.string());
-    std::error_code error;
-    const fs::file_status status = fs::status(file, error);
-    if (status.type() == fs::file_type::not_found)
-        throw Failure("no such file: " + name);
-    if (fs::is_directory(status))
-        throw Failure(name + " is a directory; put stores one file");
-    if (fs::status_known(status) && !fs::is_regular_file(status))
-        throw Failure(name + " is not a regular file");
-    const uint64_t length = fs::file_size(file, error);
-    if (error)
-        throw Failure("cannot read " + name + ": " + error.message());
-    if (length > FM_FILE_BYTES_MAX)
-        throw Failure(name + " has " + std::to_string(length) +
-                      " bytes; the limit for a cached file is 1 GiB (" +
-                      std::to_string(FM_FILE_BYTES_MAX) + " bytes)");
-    return length;
-}
 
 // Truncates a long name at the boundary of a UTF-8 character.
 std::string CutName(std::string name) {
@@ -48,21 +27,45 @@ std::string CutName(std::string name) {
 
 } // namespace
 
-PutPlan MakePlan(const PutOptions& options) {
+uint64_t CheckedLength(const fs::path& file) {
+    const std::string name = Quoted(file.string());
+    std::error_code error;
+    const fs::file_status status = fs::status(file, error);
+    if (status.type() == fs::file_type::not_found)
+        throw Failure("no such file: " + name);
+    if (fs::is_directory(status))
+        throw Failure(name + " is a directory; put stores one file");
+    if (fs::status_known(status) && !fs::is_regular_file(status))
+        throw Failure(name + " is not a regular file");
+    const uint64_t length = fs::file_size(file, error);
+    if (error)
+        throw Failure("cannot read " + name + ": " + error.message());
+    CheckLength(name, length);
+    return length;
+}
+
+void CheckLength(const std::string& name, uint64_t length) {
+    if (length > FM_FILE_BYTES_MAX)
+        throw Failure(name + " has " + std::to_string(length) +
+                      " bytes; the limit for a cached file is 1 GiB (" +
+                      std::to_string(FM_FILE_BYTES_MAX) + " bytes)");
+}
+
+PutPlan MakePlan(const PutOptions& options, uint64_t length) {
     PutPlan plan;
-    plan.file = options.file.string();
-    plan.block = static_cast<uint32_t>(ParseSize("--block", options.block, FM_BLOCK_BYTES_MAX));
-    const uint64_t piece = ParseSize("--piece", options.piece, UINT64_MAX);
-    plan.piece = static_cast<uint32_t>(std::min<uint64_t>(piece, plan.block));
-    plan.length = CheckedLength(options.file);
+    const bool isInput = options.file == "-";
+    plan.file = isInput ? "" : options.file.string();
+    plan.block = static_cast<uint32_t>(options.block);
+    plan.piece = static_cast<uint32_t>(std::min(options.piece, options.block));
+    plan.length = length;
     if ((plan.length + plan.block - 1) / plan.block > BLOCKS_MAX)
-        throw Failure("--block: too small for " + Quoted(plan.file) +
-                      ": a cached file has at most " + std::to_string(BLOCKS_MAX) +
-                      " blocks; the smallest block size is " +
-                      std::to_string((plan.length + BLOCKS_MAX - 1) / BLOCKS_MAX));
+        throw Failure("--block: too small for " + plan.Title() + ": a cached file has at most " +
+                          std::to_string(BLOCKS_MAX) + " blocks; the smallest block size is " +
+                          std::to_string((plan.length + BLOCKS_MAX - 1) / BLOCKS_MAX),
+                      STATUS_USAGE);
     CoCreateFMFileID(plan.info.fileID);
-    plan.info.name =
-        CRtString(CutName(options.name.empty() ? options.file.filename().string() : options.name));
+    const std::string fileName = isInput ? "stdin" : options.file.filename().string();
+    plan.info.name = CRtString(CutName(options.name.empty() ? fileName : options.name));
     plan.info.blockBeg = FIRST_BLOCK;
     plan.info.num = plan.Count(); // CreateFile replaces a number that is too large
     return plan;

@@ -2,10 +2,13 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdlib>
+#include <string_view>
 #include <utility>
 
 #include "RtResult.h"
 #include "failure.h"
+#include "platform.h"
 #include "store.h"
 
 namespace fs = std::filesystem;
@@ -33,22 +36,55 @@ CLI::Option* AddPath(CLI::App& verb, const std::string& name, fs::path& path,
     return verb.add_option_function<std::string>(name, take, help);
 }
 
-void AddCacheOptions(CLI::App& verb, StoreOptions& options) {
-    AddPath(verb, "--dir", options.dir, "data directory of a server")->type_name("DIR")->required();
+namespace {
+
+CLI::Option* AddDirOption(CLI::App& verb, StoreOptions& options) {
+    return AddPath(verb, "--dir", options.dir, "data directory of a server (default: FMCACHE_DIR)")
+        ->type_name("DIR");
+}
+
+void AddJsonOption(CLI::App& verb, StoreOptions& options) {
     verb.add_flag("--json", options.json, "write JSON");
+}
+
+} // namespace
+
+void AddCacheOptions(CLI::App& verb, StoreOptions& options) {
+    AddDirOption(verb, options);
+    AddJsonOption(verb, options);
+}
+
+void AddPlaceOptions(CLI::App& verb, StoreOptions& options) {
+    AddDirOption(verb, options);
+    AddPath(verb, "--store", options.store,
+            "directory with the .sdd and .sdi files, for example confcache/PID of a client")
+        ->type_name("DIR");
 }
 
 void AddLookOptions(CLI::App& verb, StoreOptions& options) {
-    CLI::Option_group* where = verb.add_option_group("cache", "the cache to read");
-    AddPath(*where, "--dir", options.dir, "data directory of a server")->type_name("DIR");
-    AddPath(*where, "--store", options.store,
-            "directory with the .sdd and .sdi files, for example confcache/PID of a client")
-        ->type_name("DIR");
-    where->require_option(1);
-    verb.add_flag("--json", options.json, "write JSON");
+    AddPlaceOptions(verb, options);
+    AddJsonOption(verb, options);
 }
 
-fs::path LocateStore(const StoreOptions& options) {
+CLI::Option* AddIDArgument(CLI::App& verb, std::string& id, const std::string& help) {
+    return verb.add_option("ID", id, help)->type_name("");
+}
+
+void FillDir(StoreOptions& options) {
+    if (!options.dir.empty() && !options.store.empty())
+        throw Failure("--dir and --store exclude each other; see fmcache --help", STATUS_USAGE);
+    if (!options.dir.empty() || !options.store.empty())
+        return;
+    const char* dir = std::getenv("FMCACHE_DIR");
+    if (!dir || !*dir)
+        throw Failure("--dir is missing or empty, and FMCACHE_DIR is not set; see fmcache --help",
+                      STATUS_USAGE);
+    const std::string_view text(dir);
+    options.dir = std::u8string(text.begin(), text.end());
+}
+
+fs::path LocateStore(StoreOptions& options) {
+    FillDir(options);
     const bool direct = !options.store.empty();
     fs::path store = direct ? options.store : StoreDir(options.dir);
     std::error_code error;
@@ -89,11 +125,54 @@ std::optional<FMCachedFile> Describe(const fs::path& store, const CRtString& ste
     return file;
 }
 
-FMCachedFile FindInStore(const fs::path& store, const std::string& id) {
-    const CRtString stem = FMFileIDToString(ParseID(id));
-    std::optional<FMCachedFile> file = Describe(store, stem);
+namespace {
+
+std::string UpperCase(std::string text) {
+    for (char& each : text)
+        each = each >= 'a' && each <= 'z' ? static_cast<char>(each - 'a' + 'A') : each;
+    return text;
+}
+
+// Whether `text` is an identifier or its first characters.
+bool IsPrefix(const std::string& text, const CRtString& stem) {
+    const std::string wanted = UpperCase(text.front() == '{' ? text : "{" + text);
+    return UpperCase(ToString(stem)).starts_with(wanted);
+}
+
+// Names are in the information files, so that all of them are read.
+std::vector<FMCachedFile> FindAll(const fs::path& store, const std::string& text) {
+    std::vector<FMCachedFile> found;
+    for (const CRtString& stem : ListStore(store).stems) {
+        CheckStop();
+        std::optional<FMCachedFile> file = Describe(store, stem);
+        if (file && (IsPrefix(text, stem) || stem.view() == text || file->info.name.view() == text))
+            found.push_back(std::move(*file));
+    }
+    return found;
+}
+
+} // namespace
+
+std::optional<FMCachedFile> TryFindInStore(const fs::path& store, const std::string& text) {
+    if (text.empty())
+        throw Failure("the identifier is empty", STATUS_USAGE);
+    if (std::optional<FMFileID> id = ParseID(text))
+        return Describe(store, FMFileIDToString(*id));
+    std::vector<FMCachedFile> found = FindAll(store, text);
+    if (found.size() > 1)
+        throw Failure(Quoted(text) + " matches " + std::to_string(found.size()) +
+                      " files: " + ToString(found[0].stem) + ", " + ToString(found[1].stem) +
+                      (found.size() > 2 ? ", ..." : ""));
+    if (found.empty())
+        return std::nullopt;
+    return std::move(found.front());
+}
+
+FMCachedFile FindInStore(const fs::path& store, const std::string& text) {
+    std::optional<FMCachedFile> file = TryFindInStore(store, text);
     if (!file)
-        throw Failure("no file " + ToString(stem) + " in " + Quoted(store.string()));
+        throw Failure("no file " + Quoted(text) + " in " + Quoted(store.string()) +
+                      "; ls lists identifiers and names");
     return std::move(*file);
 }
 
@@ -101,14 +180,4 @@ size_t CountFaults(const FMCachedFile& file) {
     return static_cast<size_t>(
         std::count_if(file.findings.begin(), file.findings.end(),
                       [](const FMFinding& finding) { return finding.isFault; }));
-}
-
-bool IsOpenElsewhere(const FMCachedFile& file) {
-    return file.isOpenElsewhere && CountFaults(file) == 0;
-}
-
-std::string Trouble(const FMCachedFile& file) {
-    if (file.isLoadable)
-        return "";
-    return IsOpenElsewhere(file) ? OPEN_ELSEWHERE : ToString(file.findings.front().what);
 }

@@ -24,13 +24,19 @@ struct StoreOptions {
 /// Adds an option or argument that is a path, in UTF-8 on all systems.
 CLI::Option* AddPath(CLI::App& verb, const std::string& name, std::filesystem::path& path,
                      const std::string& help);
-/// Adds --dir and --json.
+/// Adds --dir and --json. Without --dir, the environment variable FMCACHE_DIR names the directory.
 void AddCacheOptions(CLI::App& verb, StoreOptions& options);
+/// Adds --dir and --store.
+void AddPlaceOptions(CLI::App& verb, StoreOptions& options);
 /// Adds --dir, --store and --json, for read-only verbs.
 void AddLookOptions(CLI::App& verb, StoreOptions& options);
+/// Adds the argument ID for FindInStore.
+CLI::Option* AddIDArgument(CLI::App& verb, std::string& id, const std::string& help);
 
-/// Returns the directory with the files. Throws Failure if it does not exist.
-std::filesystem::path LocateStore(const StoreOptions& options);
+/// Sets `dir` from FMCACHE_DIR if neither --dir nor --store was given. Throws Failure if that is not set either.
+void FillDir(StoreOptions& options);
+/// Returns the directory with the files, after FillDir. Throws Failure if it does not exist.
+std::filesystem::path LocateStore(StoreOptions& options);
 
 /// The path as the library takes it. Throws Failure for a path that the library would understand differently.
 CRtString LibraryPath(const std::filesystem::path& path);
@@ -46,15 +52,15 @@ StoreListing ListStore(const std::filesystem::path& store);
 /// Empty if the file does not exist, or no longer.
 std::optional<FMCachedFile> Describe(const std::filesystem::path& store, const CRtString& stem);
 
-/// Describes the file with an identifier, given as text. Throws Failure if it does not exist.
-FMCachedFile FindInStore(const std::filesystem::path& store, const std::string& id);
+/// Describes the file that `text` names: an identifier or its first characters, in either case and with or without
+/// braces; the name under which the file was stored; or the name of its files without extension. Throws Failure if no
+/// file or several ones match.
+FMCachedFile FindInStore(const std::filesystem::path& store, const std::string& text);
+/// The same; empty if no file matches.
+std::optional<FMCachedFile> TryFindInStore(const std::filesystem::path& store,
+                                           const std::string& text);
 
 /// The number of findings that are damage.
 size_t CountFaults(const FMCachedFile& file);
 /// Bytes on disk.
 inline uint64_t LengthOf(const FMCachedFile& file) { return file.infoLength + file.dataLength; }
-/// Why the library does not load the file; empty if it does.
-std::string Trouble(const FMCachedFile& file);
-/// An undamaged file that Trouble or verify reports because another process has it open.
-bool IsOpenElsewhere(const FMCachedFile& file);
-constexpr char OPEN_ELSEWHERE[] = "open (by another process)";

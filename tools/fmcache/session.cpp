@@ -3,6 +3,7 @@
 #include <chrono>
 #include <utility>
 
+#include "RtResult.h"
 #include "failure.h"
 #include "log.h"
 #include "scan.h"
@@ -14,23 +15,6 @@ namespace {
 constexpr int AS_SERVER = 1;
 // Upper bound for the delay between a stop signal and CheckStop.
 constexpr std::chrono::milliseconds WAIT_AT_MOST{50};
-
-const char* ResultText(int result) {
-    switch (result) {
-    case RT_ERROR_IO:
-        return "input/output error";
-    case RT_ERROR_NULL_OBJECT:
-        return "out of memory";
-    case RT_ERROR_INVALID_ARG:
-        return "invalid argument";
-    case RT_ERROR_NOT_FOUND:
-        return "not found";
-    case RT_ERROR_NOT_READY:
-        return "not ready";
-    default:
-        return "failed";
-    }
-}
 
 // The manager removes spaces at both ends of the path and treats backslashes as separators.
 CRtString DirectoryText(const fs::path& dir) {
@@ -45,8 +29,10 @@ CRtString DirectoryText(const fs::path& dir) {
 } // namespace
 
 void Require(int result, const std::string& what) {
-    if (RT_FAILED(result))
-        throw Failure(what + ": " + ResultText(result) + LogCause());
+    if (RT_FAILED(result)) {
+        const std::string cause = LogCause();
+        throw Failure(what + (cause.empty() ? ": " + std::string(RtResultText(result)) : cause));
+    }
 }
 
 Session::Session(const fs::path& dir, uint16_t clearDays)

@@ -1,15 +1,13 @@
 // show: the description, the block table and a map of one cached file.
 #include <CLI/CLI.hpp>
-#include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
 
+#include "entry.h"
 #include "failure.h"
 #include "json.h"
-#include "keeping.h"
 #include "map.h"
 #include "platform.h"
 #include "scan.h"
@@ -50,22 +48,6 @@ const char* StateText(FMSlotState state) {
 bool WantsColour() {
     const char* refused = std::getenv("NO_COLOR");
     return IsOutputTerminal() && (!refused || !*refused);
-}
-
-std::string TimeText(uint32_t seconds) {
-    if (seconds == 0)
-        return "unknown";
-    const std::chrono::sys_seconds time{std::chrono::seconds(seconds)};
-    const auto day = std::chrono::floor<std::chrono::days>(time);
-    const std::chrono::year_month_day date(day);
-    const std::chrono::hh_mm_ss clock(time - day);
-    char text[64];
-    std::snprintf(text, sizeof(text), "%d-%02u-%02u %02d:%02d:%02d UTC",
-                  static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
-                  static_cast<unsigned>(date.day()), static_cast<int>(clock.hours().count()),
-                  static_cast<int>(clock.minutes().count()),
-                  static_cast<int>(clock.seconds().count()));
-    return text;
 }
 
 std::string SizeText(bool there, uint64_t length) {
@@ -126,12 +108,13 @@ std::string Text(const FMCachedFile& file, const FMExpiry& expiry, int64_t now) 
     if (file.isDescribed)
         AppendDescription(text, file, now);
     else
-        text += "identifier    " + ToString(file.stem) + "\n";
+        text += "identifier    " + Printable(file.stem.view()) + "\n";
     text += "data file     " + SizeText(file.hasData, file.dataLength) + "\n";
     text += "information   " + SizeText(file.hasInfo, file.infoLength) + "\n";
-    text += "housekeeping  " + KeepingText(expiry, now) + "\n";
+    text += "state         " + StateText(StateOf(file)) + "\n";
+    text += "housekeeping  " + ExpiryText(expiry, now) + "\n";
     if (!file.isLoadable)
-        text += "not loaded    " + Trouble(file) + "\n";
+        text += "not loaded    " + Printable(file.findings.front().what.view()) + "\n";
     if (file.slots > 0)
         text += "\n" + BlocksText(file) + "\n" + DrawMap(file, {OutputWidth(), WantsColour()});
     if (const size_t faults = CountFaults(file); faults > 0)
@@ -139,39 +122,38 @@ std::string Text(const FMCachedFile& file, const FMExpiry& expiry, int64_t now) 
     return text;
 }
 
-std::string JsonText(const FMCachedFile& file, const FMExpiry& expiry, int64_t now) {
-    Json json;
+Json ToJson(const FMCachedFile& file, uint16_t days, int64_t now) {
+    Json json = ToJson(MakeEntry(file, days, now), now);
     const FMFileInfo& info = file.info;
-    json.BeginObject().Member("id", file.stem.view());
     if (file.isDescribed) {
-        json.Name("name", info.name.view());
-        json.Member("describedID", FMFileIDToString(info.fileID).view());
-        json.Member("created", file.createTime).Member("flag", info.flag);
-        json.Member("userValue", info.userValue).Member("firstBlock", info.blockBeg);
-        json.Member("table", info.num);
+        json["describedID"] = FMFileIDToString(info.fileID).view();
+        json["flag"] = info.flag;
+        json["userValue"] = info.userValue;
+        json["firstBlock"] = info.blockBeg;
+        json["table"] = info.num;
     }
-    json.Member("size", file.blockBytes).Member("present", file.storedBlocks);
-    json.Member("slots", file.slots).Member("loads", file.isLoadable);
-    json.Member("dataFile", file.dataLength).Member("infoFile", file.infoLength);
-    json.Member("housekeeping", KeepingText(expiry, now));
-    json.Member("faults", uint64_t{CountFaults(file)}).Key("blocks").BeginArray();
+    json["dataFile"] = file.dataLength;
+    json["infoFile"] = file.infoLength;
+    json["blocks"] = Json::array();
     for (size_t i = 0; i < file.states.size(); ++i) {
         const FMBlockEntry& block = file.entries[i];
-        if (block.blockID == 0)
-            continue;
-        json.BeginObject().Member("block", block.blockID).Member("offset", block.posInFile);
-        json.Member("length", block.totalLen).Member("state", StateText(file.states[i]));
-        json.EndObject();
+        if (block.blockID != 0)
+            json["blocks"].push_back({{"block", block.blockID},
+                                      {"offset", block.posInFile},
+                                      {"length", block.totalLen},
+                                      {"state", StateText(file.states[i])}});
     }
-    return json.EndArray().EndObject().Text();
+    return json;
 }
 
-int Show(const ShowOptions& options) {
+int Show(ShowOptions& options) {
     const FMCachedFile file = FindInStore(LocateStore(options), options.id);
     const int64_t now = CurrentTime();
-    const FMExpiry expiry = FMJudgeExpiry(file, options.days, now);
-    Print(options.json ? JsonText(file, expiry, now) : Text(file, expiry, now));
-    return 0;
+    if (options.json)
+        PrintJson(ToJson(file, options.days, now));
+    else
+        Print(Text(file, FMJudgeExpiry(file, options.days, now), now));
+    return STATUS_DONE;
 }
 
 } // namespace
@@ -182,8 +164,7 @@ void AddShow(CLI::App& app, Action& chosen) {
         "show", "Show the description, the block table and a map of the blocks of one file.");
     AddLookOptions(*show, *options);
     AddDaysOption(*show, options->days)->capture_default_str();
-    show->add_option("ID", options->id, "identifier of the file; the braces may be omitted")
-        ->type_name("")
+    AddIDArgument(*show, options->id, "identifier, its first characters, or the name of the file")
         ->required();
     show->callback([options, &chosen] { chosen = [options] { return Show(*options); }; });
 }

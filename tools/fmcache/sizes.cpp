@@ -1,53 +1,49 @@
 #include "sizes.h"
 
+#include <CLI/CLI.hpp>
 #include <array>
-#include <charconv>
 #include <cstdio>
-#include <optional>
-#include <string_view>
-
-#include "failure.h"
+#include <cstdlib>
 
 namespace {
 
-std::optional<uint64_t> Parse(const std::string& text) {
-    uint64_t value = 0;
-    const char* end = text.data() + text.size();
-    const auto [rest, error] = std::from_chars(text.data(), end, value);
-    if (error != std::errc())
-        return std::nullopt;
-    const std::string_view unit(rest, static_cast<size_t>(end - rest));
-    unsigned shift = 0;
-    if (unit == "K" || unit == "k")
-        shift = 10;
-    else if (unit == "M" || unit == "m")
-        shift = 20;
-    else if (!unit.empty())
-        return std::nullopt;
-    if (value > (UINT64_MAX >> shift))
-        return std::nullopt;
-    return value << shift;
+// CLI11's own message lists more than thirty spellings of the units.
+std::string ToBytes(std::string& text) {
+    constexpr bool kIsThousand = false;
+    const std::string given = text;
+    try {
+        if (CLI::AsSizeValue(kIsThousand)(text).empty() && !text.empty())
+            return "";
+    } catch (const CLI::ValidationError&) {
+    }
+    return "'" + given +
+           "' is not a size; expected bytes, or a number with K, M, G or T, for example 256K";
 }
 
 } // namespace
 
-uint64_t ParseSize(const std::string& option, const std::string& text, uint64_t most) {
-    const std::optional<uint64_t> size = Parse(text);
-    if (!size)
-        throw Failure(option + ": " + Quoted(text) +
-                      " is not a size; expected bytes, or a number with K or M, for example 256K");
-    if (*size == 0)
-        throw Failure(option + ": must be at least 1 byte");
-    if (*size > most)
-        throw Failure(option + ": " + Quoted(text) + " is too large; the limit is " +
-                      FormatSize(most));
-    return *size;
+uint64_t ParseSize(const std::string& text) {
+    std::string bytes = text;
+    if (const std::string error = ToBytes(bytes); !error.empty())
+        throw CLI::ValidationError(error);
+    return std::strtoull(bytes.c_str(), nullptr, 0); // as CLI11 converts it; saturates
+}
+
+CLI::Option* TakeSize(CLI::Option* option, uint64_t most) {
+    const auto check = [most](const std::string& text) -> std::string {
+        const uint64_t size = ParseSize(text);
+        if (size == 0)
+            return "must be at least 1 byte";
+        return size > most ? FormatSize(size) + " is too large; the limit is " + FormatSize(most)
+                           : "";
+    };
+    return option->type_name("SIZE")->check(check)->transform(CLI::Validator(ToBytes, ""));
 }
 
 std::string FormatSize(uint64_t bytes) {
     if (bytes < 1024)
         return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
-    constexpr std::array<const char*, 3> units{"KiB", "MiB", "GiB"};
+    constexpr std::array<const char*, 4> units{"KiB", "MiB", "GiB", "TiB"};
     size_t unit = 0;
     double value = static_cast<double>(bytes) / 1024;
     // Values that would round to 1024.0 are shown as 1.0 of the next unit.

@@ -4,9 +4,14 @@
 #include <cstdint>
 #include <string>
 
-/// Parses a number of bytes, optionally with K (KiB) or M (MiB). `option`: its name, for the error. Throws
-/// Failure for anything else and for sizes outside 1 to `most`.
-uint64_t ParseSize(const std::string& option, const std::string& text, uint64_t most);
+namespace CLI {
+class Option;
+} // namespace CLI
+
+/// A number of bytes, optionally with K, M, G or T (powers of 1024). Throws CLI::ValidationError.
+uint64_t ParseSize(const std::string& text);
+/// Makes the option take a number of bytes, optionally with K, M, G or T (powers of 1024), from 1 to `most`.
+CLI::Option* TakeSize(CLI::Option* option, uint64_t most = uint64_t{1} << 62);
 
 /// "17 bytes", "1.5 MiB".
 std::string FormatSize(uint64_t bytes);

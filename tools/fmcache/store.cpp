@@ -2,10 +2,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <optional>
 
 #include "failure.h"
-#include "scan.h"
 
 namespace fs = std::filesystem;
 
@@ -13,15 +11,11 @@ namespace {
 std::string BlockName(uint32_t id) { return "block " + std::to_string(id); }
 } // namespace
 
-FMFileID ParseID(const std::string& text) {
-    // Braces need quoting in shells, so they may be omitted.
-    const bool bare = text.size() + 2 == FMFILEID_TEXT_LENGTH;
+std::optional<FMFileID> ParseID(const std::string& text) {
+    const bool isBare = text.size() + 2 == FMFILEID_TEXT_LENGTH;
     FMFileID id;
-    FMFileIDFromString(CRtString(bare ? "{" + text + "}" : text), id);
-    if (id == FMFileID_None)
-        throw Failure(Quoted(text) + " is not an identifier; expected for example "
-                                     "{01234567-89AB-CDEF-0123-456789ABCDEF}");
-    return id;
+    FMFileIDFromString(CRtString(isBare ? "{" + text + "}" : text), id);
+    return id == FMFileID_None ? std::nullopt : std::optional(id);
 }
 
 fs::path StoreDir(const fs::path& dir) { return dir / "sdstore"; }
@@ -34,31 +28,18 @@ StorePaths::StorePaths(const fs::path& dir, const FMFileID& id) {
     data += ".sdd";
 }
 
-StorePaths FindEntry(const fs::path& dir, const FMFileID& id) {
-    std::error_code error;
-    if (!fs::is_directory(StoreDir(dir), error))
-        throw Failure("no cache in " + Quoted(dir.string()) +
-                      "; --dir takes the directory that was passed to put or to a server");
-    StorePaths paths(dir, id);
-    if (!fs::exists(paths.info, error))
-        throw Failure("no file " + ToString(FMFileIDToString(id)) + " in the cache " +
-                      Quoted(dir.string()));
-    return paths;
-}
-
 uint64_t LengthOf(const fs::path& path) {
     std::error_code error;
     const uint64_t length = fs::file_size(path, error);
     return error ? 0 : length;
 }
 
-FMCachedFile DescribeLoadable(const fs::path& dir, const FMFileID& id) {
-    std::optional<FMCachedFile> file = Describe(StoreDir(dir), FMFileIDToString(id));
+void RequireDescribed(const fs::path& dir, const std::optional<FMCachedFile>& file) {
     const std::string fault =
         file && file->hasInfo ? ToString(file->infoFault) : "cannot be read: " + ErrorText(ENOENT);
     if (!fault.empty())
-        throw Failure(Quoted(StorePaths(dir, id).info.string()) + " " + fault);
-    return std::move(*file);
+        throw Failure("the information file of " + (file ? ToString(file->stem) : "the file") +
+                      " in " + Quoted(StoreDir(dir).string()) + " " + fault);
 }
 
 std::vector<FMBlockEntry> CompleteBlocks(const FMCachedFile& file) {

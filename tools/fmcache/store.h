@@ -3,13 +3,14 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "FMCatalog.h"
 
-/// Parses an identifier with or without braces. Throws Failure.
-FMFileID ParseID(const std::string& text);
+/// Parses an identifier with or without braces, which need quoting in shells. Empty if the text is none.
+std::optional<FMFileID> ParseID(const std::string& text);
 
 /// The directory of the cached files below a server's data directory.
 std::filesystem::path StoreDir(const std::filesystem::path& dir);
@@ -22,15 +23,12 @@ struct StorePaths {
     std::filesystem::path data;
 };
 
-/// Returns the paths of a file. Throws Failure if it has no information file or `dir` contains no cache.
-StorePaths FindEntry(const std::filesystem::path& dir, const FMFileID& id);
-
 /// Length in bytes; 0 if there is no such file.
 uint64_t LengthOf(const std::filesystem::path& path);
 
-/// Describes a file that can be loaded. Throws Failure if its information file is missing, unreadable or damaged.
-FMCachedFile DescribeLoadable(const std::filesystem::path& dir, const FMFileID& id);
+/// Throws Failure if the information file of a file that Describe has returned is missing, unreadable or damaged.
+void RequireDescribed(const std::filesystem::path& dir, const std::optional<FMCachedFile>& file);
 
 /// Returns the blocks of a complete file in order; none for an empty file. Throws Failure with the first block
-/// whose bytes are missing. `file`: by DescribeLoadable.
+/// whose bytes are missing.
 std::vector<FMBlockEntry> CompleteBlocks(const FMCachedFile& file);

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 
 #include "failure.h"
@@ -75,6 +76,22 @@ std::string Printable(std::string_view text) {
         }
     }
     return shown;
+}
+
+std::string TimeText(int64_t seconds) {
+    if (seconds == 0)
+        return "unknown";
+    const std::chrono::sys_seconds time{std::chrono::seconds(seconds)};
+    const auto day = std::chrono::floor<std::chrono::days>(time);
+    const std::chrono::year_month_day date(day);
+    const std::chrono::hh_mm_ss clock(time - day);
+    char text[64];
+    std::snprintf(text, sizeof(text), "%d-%02u-%02u %02d:%02d:%02d UTC",
+                  static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
+                  static_cast<unsigned>(date.day()), static_cast<int>(clock.hours().count()),
+                  static_cast<int>(clock.minutes().count()),
+                  static_cast<int>(clock.seconds().count()));
+    return text;
 }
 
 std::string Count(uint64_t number, const std::string& thing) {

@@ -16,6 +16,9 @@ bool IsUtf8(std::string_view text);
 /// direction by \xNN.
 std::string Printable(std::string_view text);
 
+/// Seconds since 1970 as "2026-11-24 20:01:22 UTC"; "unknown" for 0.
+std::string TimeText(int64_t seconds);
+
 /// "1 block", "2 blocks".
 std::string Count(uint64_t number, const std::string& thing);
 

@@ -14,10 +14,11 @@ using Action = std::function<int()>;
 // command line has been parsed.
 void AddPut(CLI::App& app, Action& chosen);
 void AddGet(CLI::App& app, Action& chosen);
-// Maintenance. The first three are read-only.
+// Maintenance. The first four are read-only.
 void AddLs(CLI::App& app, Action& chosen);
 void AddShow(CLI::App& app, Action& chosen);
 void AddVerify(CLI::App& app, Action& chosen);
+void AddReport(CLI::App& app, Action& chosen);
 void AddRm(CLI::App& app, Action& chosen);
 void AddHousekeep(CLI::App& app, Action& chosen);
 void AddClear(CLI::App& app, Action& chosen);

@@ -1,72 +1,114 @@
-// verify: checks information files against data files by the rules of the library's loader.
+// verify: checks information files against data files by the rules of the library's loader, and contents against
+// sums.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "entry.h"
 #include "failure.h"
 #include "json.h"
+#include "output.h"
 #include "platform.h"
 #include "progress.h"
 #include "scan.h"
 #include "sizes.h"
+#include "sums.h"
 #include "text.h"
 #include "verbs.h"
 
-namespace {
+namespace fs = std::filesystem;
 
-enum Outcome : int { STATUS_SOUND = 0, STATUS_FOUND = 1, STATUS_NOTHING_TO_VERIFY = 2 };
+namespace {
 
 // A damaged table can have one fault for each block; the text report shows the first ones.
 constexpr size_t FINDINGS_SHOWN = 20;
 
 struct VerifyOptions : StoreOptions {
     std::string id;
+    fs::path sums;      // to compare with
+    fs::path writeSums; // to create
+    bool force = false;
+
+    bool WithContents() const { return !sums.empty() || !writeSums.empty(); }
 };
 
-class Report {
+struct VerifyTotals {
+    uint64_t files = 0;
+    uint64_t faulty = 0;
+    uint64_t open = 0;
+    uint64_t blocks = 0;  // whose contents were read
+    uint64_t checked = 0; // blocks with an earlier sum
+    uint64_t gone = 0;    // files with sums that are no longer in the store
+};
+
+// What verify has checked, for its last line and for JSON.
+std::string CheckedText(const VerifyOptions& options) {
+    if (!options.sums.empty())
+        return "structure and contents";
+    return options.writeSums.empty() ? "structure only" : "structure; sums written";
+}
+
+class VerifyReport {
 public:
-    explicit Report(bool asJson) : m_asJson(asJson) {
-        m_json.BeginObject().Key("files").BeginArray();
-    }
+    explicit VerifyReport(const VerifyOptions& options) : m_options(options) {}
 
     void Add(const FMCachedFile& file) {
-        ++m_files;
-        m_faulty += CountFaults(file) > 0 ? 1 : 0;
-        if (m_asJson)
+        const FileState state = StateOf(file);
+        ++m_totals.files;
+        m_totals.faulty += CountFaults(file) > 0 ? 1 : 0;
+        m_totals.open += state == FileState::Open ? 1 : 0;
+        if (m_options.json)
             AddJson(file);
         else
-            AddText(file);
+            AddText(file, state);
     }
 
-    int End(const std::vector<std::string>& foreign) {
-        m_json.EndArray().Key("others").BeginArray();
-        for (const std::string& name : foreign) {
-            m_json.BeginObject().Name("name", name).EndObject();
-            m_text += Printable(name) +
-                      "\n  fault: not the name of a cached file; clear --force removes it\n";
+    VerifyTotals& Sum() { return m_totals; }
+
+    int End(const StoreListing& listing) {
+        const bool isSound = m_totals.faulty == 0 && listing.foreign.empty();
+        if (m_options.json) {
+            AddOthers(m_json, listing);
+            m_json["checked"] = CheckedText(m_options);
+            m_json["blocksChecked"] = m_totals.checked;
+            m_json["filesGone"] = m_totals.gone;
+            m_json["sound"] = isSound;
+            PrintJson(m_json);
+        } else {
+            for (const std::string& name : listing.foreign)
+                m_text += Printable(name) +
+                          "\n  fault: not the name of a cached file; clear --force removes it\n";
+            Print(m_text + EndText(listing));
         }
-        m_text += Count(m_files, "file") + " verified, " + std::to_string(m_files - m_faulty) +
-                  " sound, " + std::to_string(m_faulty) + " damaged";
-        if (!foreign.empty())
-            m_text += ", " + std::to_string(foreign.size()) + " other entries";
-        const bool sound = m_faulty == 0 && foreign.empty();
-        m_json.EndArray().Member("sound", sound).EndObject();
-        Print(m_asJson ? m_json.Text() : m_text + "\n");
-        return sound ? STATUS_SOUND : STATUS_FOUND;
+        return isSound ? STATUS_DONE : STATUS_FINDINGS;
     }
 
 private:
-    static const char* StateOf(const FMCachedFile& file) {
-        if (CountFaults(file) > 0)
-            return "damaged";
-        return IsOpenElsewhere(file) ? OPEN_ELSEWHERE : "sound";
+    std::string EndText(const StoreListing& listing) const {
+        std::string text = Count(m_totals.files, "file") + " verified, " +
+                           std::to_string(m_totals.files - m_totals.faulty - m_totals.open) +
+                           " sound, " + std::to_string(m_totals.faulty) + " damaged";
+        if (m_totals.open > 0)
+            text += ", " + std::to_string(m_totals.open) + " open (by another process)";
+        if (!listing.foreign.empty())
+            text += ", " + std::to_string(listing.foreign.size()) + " other entries";
+        text += "\nchecked: " + CheckedText(m_options);
+        if (!m_options.WithContents())
+            return text + "; the format has no checksums\n";
+        text += ", " + Count(m_totals.blocks, "block") + " read";
+        if (!m_options.sums.empty())
+            text += ", " + std::to_string(m_totals.checked) + " compared with their sums";
+        if (m_totals.gone > 0)
+            text += "; " + Count(m_totals.gone, "file") + " with sums no longer in the store";
+        return text + "\n";
     }
 
-    void AddText(const FMCachedFile& file) {
-        m_text += Printable(file.stem.view()) + "  " + StateOf(file);
+    void AddText(const FMCachedFile& file, FileState state) {
+        m_text += Printable(file.stem.view()) + "  " + StateText(state);
         if (file.isLoadable)
             m_text += ", " + std::to_string(file.storedBlocks) + " of " +
                       Count(file.slots, "block") + ", " + FormatSize(file.blockBytes);
@@ -82,69 +124,150 @@ private:
     }
 
     void AddJson(const FMCachedFile& file) {
-        m_json.BeginObject().Name("id", file.stem.view()).Member("sound", CountFaults(file) == 0);
-        m_json.Member("loads", file.isLoadable).Member("present", file.storedBlocks);
-        m_json.Member("slots", file.slots).Member("size", file.blockBytes);
-        m_json.Key("findings").BeginArray();
+        Json json = ToJson(MakeEntry(file, KEEP_DAYS_DEFAULT, m_now), m_now);
+        json["findings"] = Json::array();
         for (const FMFinding& finding : file.findings)
-            m_json.BeginObject()
-                .Member("fault", finding.isFault)
-                .Member("what", finding.what.view())
-                .Member("effect", finding.effect.view())
-                .EndObject();
-        m_json.EndArray().EndObject();
+            json["findings"].push_back({{"fault", finding.isFault},
+                                        {"what", finding.what.view()},
+                                        {"effect", finding.effect.view()}});
+        m_json["files"].push_back(std::move(json));
     }
 
-    const bool m_asJson;
-    Json m_json;
+    const VerifyOptions& m_options;
+    const int64_t m_now = CurrentTime();
+    Json m_json{{"files", Json::array()}};
     std::string m_text;
-    uint64_t m_files = 0;
-    uint64_t m_faulty = 0;
+    VerifyTotals m_totals;
 };
 
-StoreListing ListWanted(const std::filesystem::path& store, const std::string& id) {
-    if (!id.empty())
-        return {{FindInStore(store, id).stem}, {}};
-    StoreListing listing = ListStore(store);
-    if (listing.stems.empty() && listing.foreign.empty())
-        throw Failure("no cached files in " + Quoted(store.string()));
-    return listing;
-}
-
-int Verify(const VerifyOptions& options) {
-    std::filesystem::path store;
-    StoreListing listing;
-    try {
-        store = LocateStore(options);
-        listing = ListWanted(store, options.id);
-    } catch (
-        const Failure& failure) { // a status of its own, so that scripts can tell it from damage
-        throw Failure(failure.what(), STATUS_NOTHING_TO_VERIFY);
+#ifdef FMCACHE_WITH_SUMS
+// The contents of the files: compares them with earlier sums, and collects their sums.
+class ContentsCheck {
+public:
+    ContentsCheck(const VerifyOptions& options, const fs::path& store)
+        : m_options(options), m_store(store) {
+        if (!options.sums.empty())
+            m_earlier = ReadSumsFile(options.sums);
+        if (options.writeSums.empty())
+            return;
+        std::error_code error;
+        const fs::path parent = fs::absolute(options.writeSums).parent_path();
+        if (options.writeSums == "-")
+            throw Failure("--write-sums: the sums cannot be written to standard output",
+                          STATUS_USAGE);
+        if (fs::equivalent(parent, store, error))
+            throw Failure("--write-sums: the file must be outside the store " +
+                              Quoted(store.string()),
+                          STATUS_USAGE);
+        m_output = std::make_unique<Output>(options.writeSums, options.force);
     }
-    Report report(options.json);
+
+    // A process that has the file open may be writing the blocks.
+    void Check(FMCachedFile& file, VerifyTotals& totals) {
+        const std::string stem = ToString(file.stem);
+        if (file.isOpenElsewhere || file.fileID == FMFileID_None) {
+            file.findings.push_back({"the contents are not checked", "", false});
+            return;
+        }
+        std::vector<BlockSum> sums;
+        try {
+            sums = SumBlocks(m_store, file);
+        } catch (const Failure& failure) {
+            file.findings.push_back({CRtString(failure.what()), "", true});
+            return;
+        }
+        totals.blocks += sums.size();
+        if (const auto earlier = m_earlier.find(stem); earlier != m_earlier.end())
+            totals.checked += CompareSums(earlier->second, sums, file);
+        if (m_output)
+            m_new[stem] = std::move(sums);
+    }
+
+    // Removed files are no damage: housekeeping removes them.
+    uint64_t CountGone(const StoreListing& listing) const {
+        return static_cast<uint64_t>(
+            std::count_if(m_earlier.begin(), m_earlier.end(), [&listing](const auto& each) {
+                return !std::binary_search(
+                    listing.stems.begin(), listing.stems.end(), CRtString(each.first),
+                    [](const CRtString& a, const CRtString& b) { return a.view() < b.view(); });
+            }));
+    }
+
+    void Write() {
+        if (!m_output)
+            return;
+        m_output->Write(SumsText(m_new));
+        m_output->Commit();
+    }
+
+private:
+    const VerifyOptions& m_options;
+    const fs::path m_store;
+    Sums m_earlier;
+    Sums m_new;
+    std::unique_ptr<Output> m_output;
+};
+#else
+class ContentsCheck {
+public:
+    ContentsCheck(const VerifyOptions&, const fs::path&) {}
+    void Check(FMCachedFile&, VerifyTotals&) {}
+    uint64_t CountGone(const StoreListing&) const { return 0; }
+    void Write() {}
+};
+#endif
+
+int Verify(VerifyOptions& options) {
+    const fs::path store = LocateStore(options);
+    StoreListing listing;
+    if (options.id.empty())
+        listing = ListStore(store);
+    else
+        listing.stems = {FindInStore(store, options.id).stem};
+    ContentsCheck contents(options, store);
+    VerifyReport report(options);
     {
         Progress progress("verifying", listing.stems.size(), Progress::Unit::Files);
         for (const CRtString& stem : listing.stems) {
             CheckStop();
-            if (const std::optional<FMCachedFile> file = Describe(store, stem))
+            std::optional<FMCachedFile> file = Describe(store, stem);
+            if (file && options.WithContents())
+                contents.Check(*file, report.Sum());
+            if (file)
                 report.Add(*file);
             progress.Add(1);
         }
     }
-    return report.End(listing.foreign);
+    contents.Write();
+    if (options.id.empty())
+        report.Sum().gone = contents.CountGone(listing);
+    return report.End(listing);
 }
 
 } // namespace
 
 void AddVerify(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<VerifyOptions>();
-    CLI::App* verify = app.add_subcommand(
-        "verify",
-        "Check one or all files for damage. Exit status: 0 sound, 1 damaged, 2 no files.");
+    CLI::App* verify =
+        app.add_subcommand("verify", "Check the structure of one or all files, or their contents.");
+    verify->footer("Without --sums, verify checks the structure only: whether the information file "
+                   "is valid, and "
+                   "whether the data file contains all blocks that it lists. The format has no "
+                   "checksums, so that "
+                   "changed bytes inside a block are found with --sums only. Exit status: 0 sound, "
+                   "1 damaged.");
     AddLookOptions(*verify, *options);
-    verify
-        ->add_option("ID", options->id,
-                     "identifier of the file to check; without ID all files are checked")
-        ->type_name("");
+    AddIDArgument(
+        *verify, options->id,
+        "identifier, its first characters, or the name of the file; without ID all files");
+#ifdef FMCACHE_WITH_SUMS
+    AddPath(*verify, "--sums", options->sums,
+            "also compare each stored block with the sums in FILE, from an earlier --write-sums")
+        ->type_name("FILE");
+    CLI::Option* write = AddPath(*verify, "--write-sums", options->writeSums,
+                                 "write a sum of each stored block to FILE, outside the store")
+                             ->type_name("FILE");
+    verify->add_flag("--force", options->force, "overwrite FILE if it exists")->needs(write);
+#endif
     verify->callback([options, &chosen] { chosen = [options] { return Verify(*options); }; });
 }

@@ -188,6 +188,41 @@ void DescribeLive(const FileRef& live, const CRtString& base, FMCachedFile& file
     }
 }
 
+// --- Removal ------------------------------------------------------------------------------------
+
+// The exclusive lock on a data file. A missing data file is created, so that no load can create it first.
+class RemovalLock {
+public:
+    explicit RemovalLock(const CRtString& path) {
+        bool isCreated = false;
+        RtOs::FileStamp stamp;
+        m_file =
+            RtOs::OpenFile(path, RtOs::OPEN_CREATE | RtOs::OPEN_ALONE, m_error, isCreated, stamp);
+    }
+    ~RemovalLock() { Release(); }
+    RemovalLock(const RemovalLock&) = delete;
+    RemovalLock& operator=(const RemovalLock&) = delete;
+
+    int Result() const {
+        if (m_file != RtOs::NO_FILE)
+            return RT_OK;
+        return RtOs::IsInUse(m_error) ? RT_ERROR_NOT_READY : RT_ERROR_IO;
+    }
+    void Release() {
+        if (m_file != RtOs::NO_FILE)
+            RtOs::CloseFile(m_file);
+        m_file = RtOs::NO_FILE;
+    }
+
+private:
+    int m_file = RtOs::NO_FILE;
+    int m_error = 0;
+};
+
+bool IsGone(const CRtString& path) {
+    return RtOs::RemoveFile(path) == 0 || RtOs::IsNoSuchFile(RtOs::GetErrno());
+}
+
 } // namespace
 
 int FMListCachedFiles(const CRtString& directory, std::vector<CRtString>& stems,
@@ -254,6 +289,31 @@ int FMDescribeCachedFile(const CRtString& directory, const CRtString& stem, FMCa
     file.isLoadable = isRead && !(file.fileID == FMFileID_None);
     FMCheckCachedFile(file, facts, CRtTimeValue::GetTimeOfDay().GetSec());
     return RT_OK;
+}
+
+int FMRemoveCachedFile(const CRtString& directory, const CRtString& stem, bool force) {
+    FMCachedFile file;
+    if (directory.empty())
+        return RT_ERROR_INVALID_ARG;
+    if (const int result = FMDescribeCachedFile(directory, stem, file); RT_FAILED(result))
+        return result;
+    if (file.isOpenHere &&
+        !force) // its descriptor, and with it the lock, may be closed to save descriptors
+        return RT_ERROR_NOT_READY;
+    CRtString base;
+    LocateDirectory(directory, "FMRemoveCachedFile", base);
+    const CRtString dataPath = base + stem + FM_DATA_EXTENSION;
+    RemovalLock lock(dataPath);
+    // Without a data file there is nothing to lock, and a full disk must not prevent the removal.
+    const bool mayGoOn = force || (!file.hasData && lock.Result() == RT_ERROR_IO);
+    if (RT_FAILED(lock.Result()) && !mayGoOn)
+        return lock.Result();
+    if (!IsGone(base + stem + FM_INFO_EXTENSION))
+        return RT_ERROR_IO;
+    if (IsGone(dataPath))
+        return RT_OK;
+    lock.Release(); // Windows removes no file with an open handle
+    return IsGone(dataPath) ? RT_OK : RT_ERROR_IO;
 }
 
 FMExpiry FMJudgeExpiry(const FMCachedFile& file, uint16_t clearDays, int64_t now) {

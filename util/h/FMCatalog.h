@@ -1,12 +1,12 @@
 /// @defgroup catalog Catalog of cached files
 /// What is in a cache: the cached files of a directory, the state of each file and of its blocks, damage, and what
-/// housekeeping will do. The functions open files for reading only; they create, change and remove nothing. They
-/// write no log lines, except for a block table that ends early and for a call on the wrong thread.
+/// housekeeping will do. Except for FMRemoveCachedFile, the functions open files for reading only; they create, change and
+/// remove nothing. They write no log lines, except for a block table that ends early and for a call on the wrong thread.
 ///
 /// A cached file is named by its *stem*, the name of its two files without the extension: the text of its
 /// identifier (FMFileIDToString).
 ///
-/// FMListCachedFiles and FMDescribeCachedFile can wait for the disk. They throw std::bad_alloc if out of memory. Do
+/// FMListCachedFiles, FMDescribeCachedFile and FMRemoveCachedFile can wait for the disk. They throw std::bad_alloc if out of memory. Do
 /// not call them on another thread when the process has begun to exit.
 /// @{
 #pragma once
@@ -146,6 +146,23 @@ RT_EXPORT FMExpiry FMJudgeExpiry(const FMCachedFile& file, uint16_t clearDays, i
 /// @param createTime in seconds since 1970.
 /// @param now in seconds since 1970.
 RT_EXPORT int64_t FMAgeInDays(uint32_t createTime, int64_t now);
+
+/// Removes a cached file, with the exclusive lock on its data file held as for a load: no process opens the file between
+/// the check of the lock and the removal (on Windows, which removes no file with an open handle, the lock is released
+/// just before the data file is removed). The information file is removed first: a failure leaves at most a data file
+/// without information file, which does not load. If the data file is missing, it is created for the lock. Any thread;
+/// not with an empty `directory`.
+/// @param directory the directory with the files.
+/// @param stem the stem; it need not be an identifier.
+/// @param force also remove a file that is open, or whose lock cannot be taken. A process that has the file open then
+///     notices the removal at its next store or when it closes the file, and may write the file again.
+/// @retval RT_OK both files are gone.
+/// @retval RT_ERROR_INVALID_ARG `directory` or `stem` is empty, or `stem` contains a separator of paths.
+/// @retval RT_ERROR_NOT_FOUND there is neither an information file nor a data file.
+/// @retval RT_ERROR_NOT_READY a process, this one included, has the file open; nothing was removed.
+/// @retval RT_ERROR_IO the lock could not be taken, for example for lack of permission, or a file could not be removed;
+///     `errno` tells why.
+RT_EXPORT int FMRemoveCachedFile(const CRtString& directory, const CRtString& stem, bool force);
 
 /// Queues a run of housekeeping now, the same as the daily one; the next daily run is 24 hours later. The run
 /// examines one file per event of the read/write thread; FMWaitUntilIdle waits for its end. Caller thread.

@@ -2,7 +2,7 @@
 
 # Prints the identifiers in the store that the command line names, without braces, which need quoting.
 _fmcache_ids() {
-    local i store='' info
+    local i store=${FMCACHE_DIR:+$FMCACHE_DIR/sdstore} info
     for ((i = 1; i + 1 < ${#COMP_WORDS[@]}; ++i)); do
         case ${COMP_WORDS[i]} in
             --dir) store=${COMP_WORDS[i + 1]}/sdstore ;;
@@ -18,7 +18,7 @@ _fmcache_ids() {
 
 _fmcache() {
     local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} verb='' each options
-    local verbs='put get ls show verify rm housekeep clear'
+    local verbs='put get ls show verify report rm housekeep clear'
     for each in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         if [[ " $verbs " == *" $each "* ]]; then
             verb=$each
@@ -31,7 +31,7 @@ _fmcache() {
             mapfile -t COMPREPLY < <(compgen -d -- "$word")
             return
             ;;
-        -o | --output)
+        -o | --output | --sums | --write-sums)
             compopt -o filenames
             mapfile -t COMPREPLY < <(compgen -f -- "$word")
             return
@@ -40,17 +40,18 @@ _fmcache() {
             mapfile -t COMPREPLY < <(compgen -W 'id name size age' -- "$word")
             return
             ;;
-        --block | --piece | --name | --days) return ;;
+        --block | --piece | --name | --days | --max-size | --min-free) return ;;
     esac
     case $verb in
-        put) options='--dir --block --piece --name' ;;
-        get) options='--dir -o --output --force' ;;
-        ls) options='--dir --store --days --sort --json' ;;
-        show) options='--dir --store --days --json' ;;
-        verify) options='--dir --store --json' ;;
-        rm) options='--dir --force --json' ;;
-        housekeep) options='--dir --days --dry-run --json' ;;
-        clear) options='--dir --force --json' ;;
+        put) options='--dir --json --block --piece --name' ;;
+        get) options='--dir --json -o --output --force' ;;
+        ls) options='--dir --store --json --days --sort' ;;
+        show) options='--dir --store --json --days' ;;
+        verify) options='--dir --store --json --sums --write-sums --force' ;;
+        report) options='--dir --store --days' ;;
+        rm) options='--dir --json --force' ;;
+        housekeep) options='--dir --json --days --max-size --min-free --dry-run' ;;
+        clear) options='--dir --json --yes --force' ;;
         *) options='' ;;
     esac
     if [[ $word == -* ]]; then

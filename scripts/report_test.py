@@ -1,0 +1,112 @@
+#!/usr/bin/env python3
+"""Tests the page of fmcache report in a browser: what it says of a store, and what is drawn.
+
+usage: report_test.py FMCACHE DIRECTORY_FOR_PICTURES
+"""
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+import browser
+
+SKIPPED = 77
+BLOCK = 1000
+NAME = "a&<script>alert(1)</script>\x1b\u202e"
+# Per file: the cells of its map, one for each block.
+MAPS = {"whole": "ssssssssss", "hole": "ssmsssssss", "cut": "ssssssssdd", "old": "ssssssssss", NAME: "ss"}
+KINDS = {"s": "stored", "m": "missing", "d": "damaged"}
+PROBE = """{size, text: document.body.innerText, scripts: document.scripts.length,
+  colours: Object.fromEntries(all(document, ".legend i").map(e => [e.className, colour(e)])),
+  figures: all(document, ".figures div").map(e => [e.lastChild.previousSibling.textContent, e.firstChild.data]),
+  ages: all(document, "#ages i").map(e => [e.className, box(e)]),
+  next: all(document, "#next td:first-child").map(e => e.innerText.split("\\n")[0]),
+  faults: all(document, "#faults tr").map(e => e.innerText),
+  maps: all(document, "#maps tr").slice(1).map(e => [e.cells[0].innerText.split("\\n")[0], e.cells[3].innerText,
+    all(e, ".map i").map(c => [c.className, box(c)])])}"""
+
+
+def check(condition, what):
+    if not condition:
+        sys.exit(f"report_test: {what}")
+
+
+class Store:
+    def __init__(self, program, folder):
+        self.program, self.folder = program, folder
+
+    def run(self, *arguments, data=None):
+        return subprocess.run([self.program, *arguments, "--dir", self.folder / "cache"], input=data,
+                              stdout=subprocess.PIPE, check=True).stdout.decode()
+
+    def put(self, name, blocks):
+        stem = self.run("put", "-", "--name", name, "--block", str(BLOCK), data=bytes(range(250)) * 4 * blocks).strip()
+        return [self.folder / "cache" / "sdstore" / (stem + end) for end in (".sdi", ".sdd")]
+
+    def fill(self):
+        for name, cells in MAPS.items():
+            info, data = self.put(name, len(cells))
+            text = bytearray(info.read_bytes())
+            after = text.index(name.encode()) + len(name.encode())  # flags, 8 bytes, creation time
+            if name == "old":
+                struct.pack_into("<I", text, after + 12, int(time.time()) - 30 * 86400)
+            if name == "hole":  # the third entry of the table: a block with length 0
+                struct.pack_into("<I", text, text.index(struct.pack("<II", 3, BLOCK)) + 4, 0)
+            info.write_bytes(text)
+            if name == "cut":
+                data.write_bytes(data.read_bytes()[:8 * BLOCK])
+
+
+def near_any(colour, pixels):
+    return any(browser.near(colour, each) for each in pixels)
+
+
+def check_page(window, picture):
+    found = window.probe()
+    width, scrolled, height = found["size"]
+    check(scrolled <= width == window.width, f"the page is wider than the window: {found['size']}")
+    check(found["scripts"] == 1, "a name has become a script")
+    check("a&<script>alert(1)</script>\\x1B\\xE2\\x80\\xAE" in found["text"], "the name is not shown as text")
+    check("older than 7 days: removed from day 9 on" in found["text"], "the rule is missing")
+    figures = {name: number for number, name in found["figures"]}
+    check(figures == {"files": "5", "removed in the next run": "1", "kept": "0", "open": "0",
+                      "damaged or unreadable": "1"}, f"figures: {figures}")
+    check(found["next"][0] == "old" and len(found["next"]) == 5, f"removed next: {found['next']}")
+    check(len(found["faults"]) == 2 and all("cut" in each for each in found["faults"]), f"faults: {found['faults']}")
+    pixel, colours = window.pixels(picture, height), found["colours"]
+    check({name for name, _, _ in found["maps"]} == {"a&<script>alert(1)</script>\\x1B\\xE2\\x80\\xAE", *MAPS} - {NAME},
+          f"maps: {found['maps']}")
+    for name, state, runs in found["maps"]:
+        cells = MAPS.get(name, MAPS[NAME])
+        check(state == ("damaged" if name == "cut" else "sound"), f"{name} is {state}")
+        left, right = runs[0][1][0], runs[-1][1][2]
+        check(right - left > 100, f"the map of {name} is narrow")
+        for i, cell in enumerate(cells):
+            x, y = left + (i + .5) * (right - left) / len(cells), (runs[0][1][1] + runs[0][1][3]) / 2
+            drawn = pixel(round(x), round(y))
+            check(browser.near(drawn, colours[KINDS[cell]]), f"{name}: block {i + 1} is drawn as {drawn}")
+    ages = [(kind, right - left) for kind, (left, _, right, _) in found["ages"]]
+    check(ages[0][1] > ages[-1][1] > 0 and ages[-1][0] == "due" and all(size == 0 for _, size in ages[1:-1]),
+          f"ages: {ages}")
+
+
+def main(program):
+    chromium = browser.find()
+    if not chromium:
+        sys.exit(SKIPPED)
+    with tempfile.TemporaryDirectory() as folder:
+        store = Store(program, Path(folder))
+        store.fill()
+        text = store.run("report")
+        check(browser.is_self_contained(text), "the page needs other files")
+        check("\x1b" not in text and "\u202e" not in text, "a name reaches the page unchanged")
+        copy = Path(folder, "page.html")
+        copy.write_text(browser.with_probe(text, PROBE), encoding="utf-8")
+        for width, dark in ((1100, False), (520, True)):
+            check_page(browser.Browser(chromium, copy, width, dark), Path(sys.argv[2]) / f"fmcache-report-{width}.png")
+    print("the page shows the store")
+
+
+main(sys.argv[1])

@@ -1,0 +1,132 @@
+#!/usr/bin/env bash
+# What operators rely on: files in use stay, every changed byte is found, disk budgets are kept, and statuses and
+# messages are the same in all verbs.
+# usage: fmcache_upkeep_test.sh FMCACHE BUILD_DIR
+source "$(dirname "${BASH_SOURCE[0]}")/support_fmcache.sh"
+export FMCACHE_DIR=cache
+
+put() { "$fmcache" put "$@"; }
+exists() { [ -e "cache/sdstore/$1.sdi" ] && [ -e "cache/sdstore/$1.sdd" ]; }
+stored_bytes() { find cache/sdstore -name '*.sd?' -printf '%s\n' | awk '{ sum += $1 } END { print sum + 0 }'; }
+head -c 20000 /dev/urandom >odd
+
+# --- standard input, stored names, identifiers
+id=$(put - --name n <odd)
+run 0 get "$id" -o - && cmp stdout odd
+json 0 "j['name'] == 'stdin' and j['size'] == 20000 and j['slots'] == 1" put - <odd
+run 0 get n && says '^n$' && cmp n odd
+fails 3 "'n' exists; -o names another file" get n
+json 0 "j['output'] == 'copy' and j['size'] == 20000" get "${id:1:8}" -o copy && cmp copy odd
+fails 2 'requires --output' get n --force
+mkdir below
+for name in ../up /tmp/up 'C:\up'; do
+    up=$(put odd --name "$name")
+    (cd below && FMCACHE_DIR=../cache run 0 get "$up" && [ "$(cat stdout)" = up ] && cmp up ../odd && rm up std*)
+done
+for name in .. a/ $'a\tb'; do fails 3 'cannot be used for a file; -o names one' get "$(put odd --name "$name")"; done
+twin=$(put odd --name n)
+fails 3 "'n' matches 2 files: " rm n
+run 0 rm "$(tr A-F a-f <<<"${twin:1:36}")"
+exists "$id" || fail "rm has removed another file"
+
+# --- wrong command lines
+fails 2 "unknown verb 'verfy'; did you mean 'verify'" verfy
+fails 2 "unknown option '--sotr'; did you mean '--sort'" ls --sotr age
+fails 2 "unknown verb 'blub'; see fmcache --help" blub
+fails 2 'exclude each other' ls --dir cache --store cache/sdstore
+fails 2 '^fmcache: --days, --max-size or --min-free is required' housekeep
+fails 2 'is not a size' housekeep --max-size lots
+fails 2 'not a share' housekeep --min-free 101%
+mapfile -t verbs < <("$fmcache" --help | sed -n '/^Subcommands:/,$s/^  \([a-z]*\)  .*/\1/p')
+[ "${#verbs[@]}" -eq 9 ] || fail "other verbs: ${verbs[*]}"
+for verb in "${verbs[@]}"; do
+    run 0 "$verb" -h && says "^Usage: fmcache $verb "
+    fails 2 "unknown option '--hepl'; did you mean '--help'" "$verb" --hepl
+done
+
+# --- files in use
+if [ -z "$emulated" ]; then
+    while_open "$id" "$fmcache" get "$id" -o out 2>stderr && fail "get of an open file" || complains 'in use by another process'
+    while_open "$id" "$fmcache" rm "$id" 2>stderr && fail "rm of an open file" || complains 'in use by another process; --force'
+    exists "$id" || fail "rm has removed an open file"
+    status=0
+    while_open "$id" "$fmcache" clear --yes >stdout 2>stderr || status=$?
+    [ "$status" -eq 3 ] && says "^left $id: in use by another process$" && complains 'in use' && exists "$id" || fail "clear"
+    while_open "$id" "$fmcache" housekeep --max-size 1 >stdout 2>stderr && fail "the budget is met" || complains 'exceeded by'
+    exists "$id" && [ "$(find cache -name '*.sdd' | wc -l)" -eq 1 ] || fail "housekeep and an open file"
+    while_open "$id" "$fmcache" rm "$id" --force >stdout || fail "rm --force"
+    ! exists "$id" || fail "rm --force has removed nothing"
+    if script -qec true /dev/null >/dev/null 2>&1; then
+        id=$(put odd --name n)
+        script -qec "$fmcache clear" /dev/null <<<n >stdout 2>&1 && fail "cleared after 'n'"
+        says 'Remove 1 cached file' && exists "$id" || fail "clear has not asked"
+        script -qec "$fmcache clear" /dev/null <<<y >stdout 2>&1 && ! exists "$id" || fail "not cleared after 'y'"
+    fi
+fi
+rm -rf cache
+
+# --- contents: 1,000 changed bytes, 1,000 found
+if "$fmcache" verify --help | grep -q -- --sums; then
+    head -c 1200000 /dev/urandom >many
+    id=$(put many --block 1000)
+    fails 2 'outside the store' verify --write-sums cache/sdstore/sums
+    run 0 verify --write-sums sums && says '^checked: structure; sums written, 1200 blocks read$'
+    fails 3 'exists; --force' verify --write-sums sums
+    run 0 verify --sums sums && says '^checked: structure and contents, 1200 blocks read, 1200 compared with their sums$'
+    other=$(put odd) && run 0 verify --write-sums sums --force && run 0 rm "$other"
+    run 0 verify --sums sums && says '1200 compared with their sums; 1 file with sums no longer in the store$'
+    python3 -S - "cache/sdstore/$id.sdd" <<'END'
+import random, sys
+with open(sys.argv[1], "r+b") as file:
+    for block in random.sample(range(1200), 1000):
+        at = 1000 * block + random.randrange(1000)
+        file.seek(at)
+        byte = file.read(1)[0]
+        file.seek(at)
+        file.write(bytes([byte ^ 1 << random.randrange(8)]))
+END
+    run 0 verify && says '^checked: structure only; the format has no checksums$'
+    json 1 "j['sound'] is False and j['files'][0]['faults'] == 1000 and j['blocksChecked'] == 1200" verify --sums sums
+    echo >sums && fails 3 'not a file of verify' verify --sums sums
+fi
+rm -rf cache
+
+# --- the disk budget: a flood of small files, and a clock that was moved. One letter as name, see clone.
+kept=$(put odd --name k) && age "$kept" 400 && poke "$kept" $FLAG '\x04'
+temporary=$(put odd --name t) && poke "$temporary" $FLAG '\x01'
+old=$(put odd --name o) && age "$old" 300
+future=$(put odd --name f) && age "$future" -5000
+new=$(put odd --name s)
+clone "$new" 300 3600
+total=$(stored_bytes) && one=$((20000 + 73))
+run 0 housekeep --days 7 --dry-run && says '^older than 7 days: removed from day 9 on$'
+for budget in $((total - 1)) $((total - 2 * one)) $((100 * one)) $((2 * one)); do
+    run 0 housekeep --max-size "$budget" --dry-run
+    grep -E ' remove  ' stdout | cut -d' ' -f1 | sort >planned
+    find cache -name '*.sdi' -printf '%f\n' | sed 's/.sdi//' | sort >before
+    run 0 housekeep --max-size "$budget"
+    find cache -name '*.sdi' -printf '%f\n' | sed 's/.sdi//' | sort | comm -23 before - | diff planned - || fail "another plan"
+    [ "$(stored_bytes)" -le "$budget" ] && [ "$(stored_bytes)" -gt $((budget - one)) ] || fail "$(stored_bytes) of $budget bytes"
+    ! exists "$temporary" || fail "the temporary file is not the first"
+    [ "$budget" -gt $((total - 2 * one)) ] || ! exists "$old" || fail "the oldest file is not the next"
+done
+exists "$kept" && exists "$future" && ! exists "$new" || fail "other files than the kept and the newest one"
+run 1 housekeep --max-size 1 --days 7 && complains 'budget is exceeded by 19.6 KiB' && says '19.6 KiB remain$'
+exists "$kept" || fail "housekeep has removed a kept file"
+json 1 "j['removed'] == 0 and j['overBudget'] > 1 and j['files'][0]['kept']" housekeep --min-free 100%
+for i in {1..20}; do # the store grows by one file between two runs
+    run 0 put odd --name "$i" && run 0 housekeep --max-size 100K
+    [ "$(stored_bytes)" -le 102400 ] || fail "$(stored_bytes) bytes after file $i"
+done
+run 0 housekeep --min-free 1
+
+# --- 10,000 files take less than two seconds each. An emulator is too slow for more than a few.
+[ -z "$emulated" ] || { echo "all is well, 10,000 files left out"; exit 0; }
+rm -rf cache && new=$(put odd --name s) && clone "$new" 9999 10
+for verb in ls verify "housekeep --days 1 --max-size 1G --dry-run" "housekeep --days 1" report "housekeep --max-size 1M"; do
+    # shellcheck disable=SC2086  # a verb and its arguments
+    took=$({ TIMEFORMAT='%U %S'; time "$fmcache" $verb >stdout; } 2>&1 | awk '{ print int(1000 * ($1 + $2)) }')
+    echo "$verb: $took ms of CPU"
+    [ "$took" -lt 2000 ] || ! grep -q '^FILEMANAGER_SANITIZE:[A-Z]*=$' "$build/CMakeCache.txt" || fail "$verb is slow"
+done
+echo "all is well"
