@@ -27,7 +27,7 @@ CFileManager* BeginFlush(const char* call) {
     return manager;
 }
 
-int PostFlush(CFileManager& manager, const FlushDone& done);
+int PostFlush(CFileManager& manager, FlushDone done);
 
 // On the caller thread, behind the stores that were queued before the flush.
 void EndFlush(CFileManager& manager, const FlushDone& done) {
@@ -41,8 +41,8 @@ void EndFlush(CFileManager& manager, const FlushDone& done) {
     done(manager.GetReadwrThreadID() == 0 ? RT_ERROR_NOT_READY : result, unsaved);
 }
 
-int PostFlush(CFileManager& manager, const FlushDone& done) {
-    const auto end = [&manager, done] { EndFlush(manager, done); };
+int PostFlush(CFileManager& manager, FlushDone done) {
+    const auto end = [&manager, done = std::move(done)] { EndFlush(manager, done); };
     const auto post = [&manager, end] { manager.PostToCallerThread(new CFMCall(end), 0); };
     return manager.PostToReadwrThread(new CFMCall(post), 0);
 }
@@ -61,7 +61,7 @@ int FMFlushAsync(FlushDone done) {
     if (!done)
         return RT_ERROR_INVALID_ARG;
     CFileManager* const manager = BeginFlush("FMFlushAsync");
-    return manager ? PostFlush(*manager, done) : RT_ERROR_NOT_READY;
+    return manager ? PostFlush(*manager, std::move(done)) : RT_ERROR_NOT_READY;
 }
 
 // After the stores: writes the tables.
