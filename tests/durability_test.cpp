@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "FMCatalog.h"
 #include "FMStatistics.h"
 #include "support.h"
 #include "util/filemanager/filemanager.h"
@@ -304,4 +305,22 @@ TEST(Durability, CallsWhenIdleDoNotWaitForEachOther) {
         EXPECT_EQ(FMCallWhenIdle([&](int) { ++calls; }), RT_OK);
     EXPECT_EQ(FMWaitUntilIdle(5000), RT_OK);
     EXPECT_EQ(calls, 10);
+}
+
+TEST(Catalog, AFileThatHasJustBeenClosedIsListedAsItsTableSays) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FileRef file = cache.Create();
+    const CRtString stem = FMFileIDToString(file->GetFileInfo().fileID);
+    for (const uint32_t block : {1U, 2U})
+        Write(*Cache::Block(*file, block), "bytes");
+    cache.Close(file); // stores and table are queued
+    std::vector<CRtString> stems;
+    std::vector<CRtString> others;
+    FMCachedFile found;
+    EXPECT_EQ(FMDescribeCachedFile("", stem, found), RT_OK);
+    EXPECT_TRUE(found.isLoadable && found.findings.empty() && !found.isOpenHere);
+    EXPECT_EQ(found.storedBlocks, 2U);
+    EXPECT_EQ(FMListCachedFiles("", stems, others), RT_OK);
+    EXPECT_TRUE(stems.size() == 1 && stems.front() == stem && others.empty());
 }

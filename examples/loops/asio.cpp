@@ -1,4 +1,5 @@
 // The file manager inside a loop of asio: stores standard input in a cache, and serves it in a later run.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <asio.hpp>
@@ -64,6 +65,10 @@ public:
     Input(Loop& loop, IFileManager& manager)
         : m_loop(loop), m_input(loop.Context(), dup(STDIN_FILENO)),
           m_writer(manager, [this] { Read(); }) {}
+    // asio has set O_NONBLOCK, which standard input shares with the program that started this one.
+    ~Input() { fcntl(STDIN_FILENO, F_SETFL, m_flags); }
+    Input(const Input&) = delete;
+    Input& operator=(const Input&) = delete;
 
     bool Run() {
         if (!m_writer.Create())
@@ -96,6 +101,7 @@ private:
     }
 
     Loop& m_loop;
+    const int m_flags = fcntl(STDIN_FILENO, F_GETFL);
     asio::posix::stream_descriptor m_input;
     FileWriter m_writer;
     bool m_isReading = false;

@@ -115,7 +115,10 @@ public:
             return false;
         if ((m_count == 0 && !MarkChanged()) || !Reopen())
             return false;
-        std::puts(FMFileIDToString(m_info.fileID).c_str());
+        if (std::puts(FMFileIDToString(m_info.fileID).c_str()) < 0 || std::fflush(stdout) != 0) {
+            std::fputs("cannot write the identifier to standard output\n", stderr);
+            return false;
+        }
         return true;
     }
 

@@ -128,6 +128,18 @@ public:
         m_listener.data = m_client.data = m_write.data = this;
     }
 
+    ~Output() {
+        m_isOver = true;
+        for (uv_tcp_t* tcp : {&m_listener, &m_client}) {
+            auto* const handle = reinterpret_cast<uv_handle_t*>(tcp);
+            if (tcp->loop && !uv_is_closing(handle))
+                uv_close(handle, nullptr);
+        }
+        uv_run(uv_default_loop(), UV_RUN_NOWAIT); // libuv uses the handles until they are closed
+    }
+    Output(const Output&) = delete;
+    Output& operator=(const Output&) = delete;
+
     bool Run(uint16_t port) { return m_reader.Open() && Listen(port) && m_loop.Run(); }
 
 private:
@@ -189,6 +201,8 @@ private:
 
     // libuv repeats partial writes, so all bytes have been sent.
     void OnSent(int status) {
+        if (m_isOver)
+            return;
         if (!SucceededUv(status, "cannot send"))
             return End(); // this client only
         m_reader.Consume(m_reader.Bytes().size());
@@ -214,6 +228,7 @@ private:
     uv_write_t m_write{};
     bool m_isConnected = false;
     bool m_isWaiting = false; // a client can be accepted
+    bool m_isOver = false;    // the destructor runs
 };
 
 } // namespace

@@ -43,9 +43,14 @@ bool LocateDirectory(const CRtString& directory, const char* call, CRtString& pa
     return true;
 }
 
-bool IsRegularFile(const CRtString& path) {
+enum class Found { File, Other, Missing };
+
+// What a name of a listing is by now. A file that cannot be examined is listed: its description says why.
+Found Examine(const CRtString& path) {
     RtOs::FileStamp stamp;
-    return RtOs::GetStamp(path, stamp) && stamp.exists;
+    if (!RtOs::GetStamp(path, stamp) || stamp.exists)
+        return Found::File;
+    return RtOs::GetEntryKind(path) == RtOs::EntryKind::Missing ? Found::Missing : Found::Other;
 }
 
 CRtString StemOf(const FMFileID& id) { return FMFileIDToString(id); }
@@ -232,6 +237,8 @@ int FMListCachedFiles(const CRtString& directory, std::vector<CRtString>& stems,
     CRtString base;
     if (!LocateDirectory(directory, "FMListCachedFiles", base))
         return RT_ERROR_NOT_READY;
+    if (directory.empty())
+        CFileManager::Instance()->SettleClosedFiles(nullptr);
     RtOs::DirectoryWalk walk(base, true);
     if (!walk.IsOpen())
         return RT_ERROR_NOT_FOUND;
@@ -241,9 +248,10 @@ int FMListCachedFiles(const CRtString& directory, std::vector<CRtString>& stems,
         CRtString stem;
         const bool isCached = !isDirectory && (FMTakeStem(name, FM_DATA_EXTENSION, stem) ||
                                                FMTakeStem(name, FM_INFO_EXTENSION, stem));
-        if (isCached && IsRegularFile(base + name))
+        const Found found = isCached ? Examine(base + name) : Found::Other;
+        if (found == Found::File)
             stems.push_back(stem);
-        else
+        else if (found == Found::Other)
             others.push_back(name);
     }
     if (directory.empty()) {
@@ -271,6 +279,8 @@ int FMDescribeCachedFile(const CRtString& directory, const CRtString& stem, FMCa
     FMTableFacts facts;
     // Before the information file: the other process may close the file in between, and write it.
     CFileManager* const manager = CFileManager::IfAlive();
+    if (manager && directory.empty())
+        manager->SettleClosedFiles(&file.fileID);
     FindOpenings(manager, dataPath, file);
     if (manager && directory.empty() && file.isOpenHere)
         DescribeLive(manager->FindOpenAt(file.fileID), base, file, facts);

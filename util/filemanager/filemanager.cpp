@@ -363,6 +363,13 @@ bool CFileManager::SettlePredecessors(const FMFileID& pathID) {
     return isSettled;
 }
 
+void CFileManager::SettleClosedFiles(const FMFileID* pathID) {
+    for (const FileRef& file : m_live.Get(pathID)) {
+        if (file->HasUnsavedTable() && !m_id2files.contains(file->GetPathID()))
+            SettlePredecessors(file->GetPathID());
+    }
+}
+
 // A new file takes the path over after the stores of its predecessors have run. CreateFile does not wait for
 // that: both use the same lane.
 void CFileManager::DetachPredecessors(const FMFileID& pathID) {

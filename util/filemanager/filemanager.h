@@ -103,6 +103,8 @@ public:
     size_t GetMemoryLimit() const { return m_memoMax.load(std::memory_order_relaxed); }
     /// Files in the registry; any thread.
     size_t CountOpenFiles();
+    /// Waits until the tables of closed files are written: of one path, or of all. Caller thread.
+    void SettleClosedFiles(const FMFileID* pathID);
     /// Writes the tables of all files. Precondition: the stores have ended.
     int SaveAll(std::vector<FMUnsavedBlock>& unsaved);
     /// Nothing is queued for the read/write thread, and no event runs there; also if there is no such thread.

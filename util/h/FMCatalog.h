@@ -1,13 +1,15 @@
 /// @defgroup catalog Catalog of cached files
 /// What is in a cache: the cached files of a directory, the state of each file and of its blocks, damage, and what
-/// housekeeping will do. Except for FMRemoveCachedFile, the functions open files for reading only; they create, change and
-/// remove nothing. They write no log lines, except for a block table that ends early and for a call on the wrong thread.
+/// housekeeping will do. Except for FMRemoveCachedFile, the functions open files for reading
+/// only; they create, change and remove nothing. They write no log lines, except for damaged files and for a call on
+/// the wrong thread.
 ///
 /// A cached file is named by its *stem*, the name of its two files without the extension: the text of its
 /// identifier (FMFileIDToString).
 ///
-/// FMListCachedFiles, FMDescribeCachedFile and FMRemoveCachedFile can wait for the disk. They throw std::bad_alloc if out of memory. Do
-/// not call them on another thread when the process has begun to exit.
+/// FMListCachedFiles, FMDescribeCachedFile and FMRemoveCachedFile can wait for the disk. They throw std::bad_alloc if
+/// out of memory. Call them on no thread but the caller thread when the process has begun to exit. The log
+/// lines of the decoder for a damaged file do not name the file: FMFinding tells what is wrong.
 /// @{
 #pragma once
 
@@ -95,7 +97,9 @@ struct FMCachedFile {
 
 /// Lists the cached files of a directory by their names. Opens none of the files.
 /// @param directory a store directory: `sdstore` below the data directory of a server, `confcache/PID` below that
-///     of a client. Any thread. Empty: the store directory of the running manager, on the caller thread. Then the list includes files that are open in this process and not yet on disk.
+///     of a client. Any thread. Empty: the store directory of the running manager, on the caller thread. Then the
+///     list includes files that are open in this process and not yet on disk. If a file has just been closed, the
+///     call waits until its table is written, as IFileManager::OpenFile does.
 /// @param[out] stems the stems, sorted byte by byte. Each has an information file, a data file or both.
 /// @param[out] others the names of all other entries of the directory, sorted.
 /// @retval RT_OK
