@@ -9,19 +9,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The library cannot load a longer name (see FMFileInfo::name).
-constexpr size_t NAME_MAX_BYTES = FM_INFO_FILE_BODY_MAX - FM_INFO_FILE_BODY_FIXED;
-constexpr uint32_t BLOCKS_MAX =
-    std::min(FM_INFO_SLOTS_MAX, (FM_INFO_BLOCK_BODY_MAX - FM_INFO_COUNT_SIZE) / FM_INFO_ENTRY_SIZE);
-
 // Truncates a long name at the boundary of a UTF-8 character.
 std::string CutName(std::string name) {
-    if (name.size() <= NAME_MAX_BYTES)
+    if (name.size() <= FM_INFO_NAME_MAX)
         return name;
-    size_t length = NAME_MAX_BYTES;
+    size_t length = FM_INFO_NAME_MAX;
     while (length > 0 && (static_cast<uint8_t>(name[length]) & 0xC0U) == 0x80U)
         --length;
-    name.resize(length > 0 ? length : NAME_MAX_BYTES);
+    name.resize(length > 0 ? length : FM_INFO_NAME_MAX);
     return name;
 }
 
@@ -58,11 +53,12 @@ PutPlan MakePlan(const PutOptions& options, uint64_t length) {
     plan.block = static_cast<uint32_t>(options.block);
     plan.piece = static_cast<uint32_t>(std::min(options.piece, options.block));
     plan.length = length;
-    if ((plan.length + plan.block - 1) / plan.block > BLOCKS_MAX)
-        throw Failure("--block: too small for " + plan.Title() + ": a cached file has at most " +
-                          std::to_string(BLOCKS_MAX) + " blocks; the smallest block size is " +
-                          std::to_string((plan.length + BLOCKS_MAX - 1) / BLOCKS_MAX),
-                      STATUS_USAGE);
+    if ((plan.length + plan.block - 1) / plan.block > FM_INFO_BLOCKS_MAX)
+        throw Failure(
+            "--block: too small for " + plan.Title() + ": a cached file has at most " +
+                std::to_string(FM_INFO_BLOCKS_MAX) + " blocks; the smallest block size is " +
+                std::to_string((plan.length + FM_INFO_BLOCKS_MAX - 1) / FM_INFO_BLOCKS_MAX),
+            STATUS_USAGE);
     CoCreateFMFileID(plan.info.fileID);
     const std::string fileName = isInput ? "stdin" : options.file.filename().string();
     plan.info.name = CRtString(CutName(options.name.empty() ? fileName : options.name));

@@ -18,7 +18,7 @@ namespace {
 // A client's store has its process id as name, so it cannot be derived from --dir.
 std::string HintAtClients(const fs::path& dir) {
     std::error_code error;
-    for (const fs::directory_entry& entry : fs::directory_iterator(dir / "confcache", error)) {
+    for (const fs::directory_entry& entry : fs::directory_iterator(dir / FM_CLIENT_STORES, error)) {
         if (entry.is_directory(error))
             return "; --store " + Quoted(entry.path().string()) + " opens the store of a client";
     }

@@ -18,14 +18,14 @@ std::optional<FMFileID> ParseID(const std::string& text) {
     return id == FMFileID_None ? std::nullopt : std::optional(id);
 }
 
-fs::path StoreDir(const fs::path& dir) { return dir / "sdstore"; }
+fs::path StoreDir(const fs::path& dir) { return dir / FM_SERVER_STORE; }
 
 StorePaths::StorePaths(const fs::path& dir, const FMFileID& id) {
     const fs::path stem = StoreDir(dir) / ToString(FMFileIDToString(id));
     info = stem;
-    info += ".sdi";
+    info += FM_INFO_EXTENSION;
     data = stem;
-    data += ".sdd";
+    data += FM_DATA_EXTENSION;
 }
 
 uint64_t LengthOf(const fs::path& path) {

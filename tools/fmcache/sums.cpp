@@ -74,7 +74,7 @@ std::vector<BlockSum> SumBlocks(const fs::path& store, const FMCachedFile& file)
     std::sort(stored.begin(), stored.end(), [](const FMBlockEntry& a, const FMBlockEntry& b) {
         return a.posInFile < b.posInFile;
     });
-    BlockReader reader(store / (ToString(file.stem) + ".sdd"));
+    BlockReader reader(store / (ToString(file.stem) + FM_DATA_EXTENSION));
     std::vector<BlockSum> sums;
     sums.reserve(stored.size());
     for (const FMBlockEntry& entry : stored)

@@ -144,8 +144,7 @@ private:
 // The contents of the files: compares them with earlier sums, and collects their sums.
 class ContentsCheck {
 public:
-    ContentsCheck(const VerifyOptions& options, const fs::path& store)
-        : m_options(options), m_store(store) {
+    ContentsCheck(const VerifyOptions& options, const fs::path& store) : m_store(store) {
         if (!options.sums.empty())
             m_earlier = ReadSumsFile(options.sums);
         if (options.writeSums.empty())
@@ -201,7 +200,6 @@ public:
     }
 
 private:
-    const VerifyOptions& m_options;
     const fs::path m_store;
     Sums m_earlier;
     Sums m_new;

@@ -4,6 +4,7 @@
 #include <thread>
 #include <vector>
 
+#include "FMCatalog.h"
 #include "RtHome.h"
 #include "RtLog.h"
 #include "filemanager.h"
@@ -86,10 +87,10 @@ void CFileManager::SetDataDir(const CRtString& dataDir) {
     m_rootDir = WithBackslash(m_rootDir);
     m_rootIsOurs = !m_isServer;
     if (m_rootIsOurs)
-        m_rootDir += "confcache\\";
+        m_rootDir += CRtString(FM_CLIENT_STORES) + "\\";
     char processId[64];
     std::snprintf(processId, sizeof(processId), "%u", RtOs::GetProcessId());
-    m_dataDir = m_rootDir + (m_isServer ? "sdstore" : processId) + "\\";
+    m_dataDir = m_rootDir + (m_isServer ? FM_SERVER_STORE : processId) + "\\";
     RT_LOG(RT_LOG_TRACE, "CFileManager::SetDataDir, data dir=" << m_dataDir);
 }
 

@@ -277,12 +277,11 @@ void CFileManager::CheckNewFile(CFMFile& file) {
     if (!m_init)
         ReportNotInitialized("IFileManager::CreateFile",
                              "the blocks of the file stay in memory only");
-    constexpr uint32_t longest = FM_INFO_FILE_BODY_MAX - FM_INFO_FILE_BODY_FIXED;
-    if (const size_t length = file.GetFileInfo().name.size(); length > longest)
+    if (const size_t length = file.GetFileInfo().name.size(); length > FM_INFO_NAME_MAX)
         FM_REPORT_MISTAKE("IFileManager::CreateFile, mistake: the name has "
                           << uint64_t{length}
-                          << " bytes, so the file cannot be loaded again. Use at most " << longest
-                          << " bytes. " << file.GetLogName());
+                          << " bytes, so the file cannot be loaded again. Use at most "
+                          << FM_INFO_NAME_MAX << " bytes. " << file.GetLogName());
 }
 
 void CFileManager::ReportNotInitialized(const char* call, const char* effect) {

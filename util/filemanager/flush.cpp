@@ -116,8 +116,7 @@ bool CFMFile::WriteTableNow() {
     }
     if (m_entry->GetEpoch() != epoch) // bytes were missing: resident blocks are stored again
         MarkStoreFailed();
-    const bool isLoadable =
-        FM_INFO_FILE_BODY_FIXED + m_fileInfo.name.size() <= FM_INFO_FILE_BODY_MAX;
+    const bool isLoadable = m_fileInfo.name.size() <= FM_INFO_NAME_MAX;
     slots.resize(isLoadable ? FMCountSavedSlots(slots) : 0);
     for (size_t i = 0; i < m_blocks.size(); ++i) {
         if (m_blocks[i])

@@ -53,7 +53,7 @@ FMDescription FMReadDescription(CRtMessageBlock& body, FMFileInfo& info, uint32_
         return FMDescription::WithoutID;
     if (info.num > FM_TABLE_SLOTS_MAX)
         return FMDescription::TooManySlots;
-    if (FM_INFO_FILE_BODY_FIXED + info.name.size() > FM_INFO_FILE_BODY_MAX)
+    if (info.name.size() > FM_INFO_NAME_MAX)
         return FMDescription::NameTooLong;
     return FMDescription::Sound;
 }

@@ -7,9 +7,6 @@
 
 #include "FMCatalog.h"
 
-constexpr char FM_DATA_EXTENSION[] = ".sdd";
-constexpr char FM_INFO_EXTENSION[] = ".sdi";
-
 /// Whether `name` is a file name with that extension and a stem before it. A name with a separator is none: POSIX
 /// allows a backslash in a name, and the path would lead elsewhere.
 bool FMTakeStem(const CRtString& name, const char* extension, CRtString& stem);

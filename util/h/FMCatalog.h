@@ -22,6 +22,17 @@
 #include "RtExport.h"
 #include "RtString.h"
 
+/// The extensions of the two files of a cached file.
+///@{
+constexpr char FM_DATA_EXTENSION[] = ".sdd";
+constexpr char FM_INFO_EXTENSION[] = ".sdi";
+///@}
+/// The store directory of a server, and the directory with the store directories of clients, below the data directory.
+///@{
+constexpr char FM_SERVER_STORE[] = "sdstore";
+constexpr char FM_CLIENT_STORES[] = "confcache";
+///@}
+
 /// What a load makes of an entry of the block table.
 enum class FMSlotState : uint8_t {
     Empty,      ///< no block

@@ -44,6 +44,8 @@ constexpr uint32_t FM_INFO_ENTRY_SIZE = 16;
 constexpr uint32_t FM_INFO_FILE_BODY_FIXED = 38;
 /// A load refuses a longer file body (bytes), and a description that would be longer when it is saved.
 constexpr uint32_t FM_INFO_FILE_BODY_MAX = 2048;
+/// Maximum length of the name of a cached file in bytes (FMFileInfo::name).
+constexpr uint32_t FM_INFO_NAME_MAX = FM_INFO_FILE_BODY_MAX - FM_INFO_FILE_BODY_FIXED;
 /// Maximum length of a block body in bytes: a load refuses a longer one, and a save omits the slots that
 /// exceed it.
 constexpr uint32_t FM_INFO_BLOCK_BODY_MAX = 819200;
@@ -51,6 +53,9 @@ constexpr uint32_t FM_INFO_BLOCK_BODY_MAX = 819200;
 constexpr uint32_t FM_INFO_LENGTH_INVALID = 0xFFFFFFFF;
 /// Maximum number of slots of a block body, whose slot count has 16 bits.
 constexpr uint32_t FM_INFO_SLOTS_MAX = 65535;
+/// Maximum number of blocks of a block body without empty slots.
+constexpr uint32_t FM_INFO_BLOCKS_MAX =
+    (FM_INFO_BLOCK_BODY_MAX - FM_INFO_COUNT_SIZE) / FM_INFO_ENTRY_SIZE;
 /// Largest end of a block's range in the data file, in bytes (1 TiB).
 constexpr int64_t FM_INFO_OFFSET_MAX = int64_t{1} << 40;
 /// Maximum number of slots of a block table in memory.
