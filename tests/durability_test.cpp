@@ -140,7 +140,7 @@ TEST(Durability, ABlockThatIsNotStoredAtAFlushIsSavedAtTheClose) {
         Write(*Cache::Block(*file, block), "first");
     FMWaitUntilIdle();
     const CRtMessageChain piece = CRtMessageBlock::Wrap("12", 2);
-    BlockRef filling = Cache::Block(*file, 2);
+    const BlockRef filling = Cache::Block(*file, 2);
     filling->WriteData(5, 0, piece.get()); // a rewrite in place
     bool isDone = false;
     const auto done = [&](int result, const Unsaved& unsaved) {
@@ -150,22 +150,20 @@ TEST(Durability, ABlockThatIsNotStoredAtAFlushIsSavedAtTheClose) {
     };
     EXPECT_EQ(FMFlushAsync(done), RT_OK);
     Cache::RunReadwrQueue();
-    std::atomic<bool> isReleased{false};
-    CFileManager::Instance()->PostToReadwrThread(new TestEvent([&] { isReleased.wait(false); }), 0);
-    BlockRef late = Cache::Block(*file, 3);
-    Write(*late, "third");
-    EXPECT_FALSE(isDone);
-    cache.thread.RunDue();
-    EXPECT_TRUE(isDone);
-    isReleased = true;
-    isReleased.notify_one();
+    const BlockRef late = Cache::Block(*file, 3);
+    {
+        const Gate gate;
+        Write(*late, "third");
+        EXPECT_FALSE(isDone);
+        cache.thread.RunDue();
+        EXPECT_TRUE(isDone);
+    }
     const CRtMessageChain rest = CRtMessageBlock::Wrap("345", 3);
     filling->WriteData(5, 2, rest.get());
     FMWaitUntilIdle();
-    for (BlockRef* block : {&filling, &late}) {
+    for (const BlockRef* block : {&filling, &late}) {
         EXPECT_EQ(ConditionOf(*block), Condition::Stored);
         EXPECT_FALSE(Survives(*block));
-        block->Reset();
     }
     cache.Close(file);
     file = cache.Open(id);
@@ -256,13 +254,13 @@ TEST(Durability, AFlushAndAClosingFileLoseNothing) {
     // The file is closed while a flush is queued and a store of the file is not.
     int result = -1;
     EXPECT_EQ(FMFlushAsync([&](int flushed, const Unsaved&) { result = flushed; }), RT_OK);
-    std::atomic<bool> isReleased{false};
-    CFileManager::Instance()->PostToReadwrThread(new TestEvent([&] { isReleased.wait(false); }), 0);
-    Write(*Cache::Block(*file, 3), "third");
-    cache.Close(file);
-    cache.thread.RunDue();
-    isReleased = true;
-    isReleased.notify_one();
+    Cache::RunReadwrQueue();
+    {
+        const Gate gate;
+        Write(*Cache::Block(*file, 3), "third");
+        cache.Close(file);
+        cache.thread.RunDue();
+    }
     while (result == -1)
         cache.thread.RunDue();
     EXPECT_EQ(result, RT_OK);

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <future>
 #include <thread>
 
 #include "FMStatistics.h"
@@ -11,38 +10,6 @@
 #include "util/filemanager/filemanager.h"
 
 namespace {
-
-// Occupies the read/write thread until it is opened, so that everything that a test posts meanwhile is queued.
-class Gate {
-public:
-    Gate() {
-        std::promise<void> running;
-        auto opened = m_open.get_future().share();
-        Post([&running, opened] {
-            running.set_value();
-            opened.wait_for(std::chrono::seconds(10));
-        });
-        running.get_future().wait();
-    }
-    // Opens by itself when that many events are queued behind it.
-    explicit Gate(size_t count) {
-        Post([count] {
-            while (CRtEventQueue::Current()->GetCount() < count)
-                std::this_thread::yield();
-        });
-    }
-    ~Gate() { m_open.set_value(); }
-    Gate(const Gate&) = delete;
-    Gate& operator=(const Gate&) = delete;
-
-private:
-    static void Post(std::function<void()> work) {
-        CFileManager::Instance()->PostToReadwrThread(new TestEvent(std::move(work)), 0,
-                                                     RT_PRIORITY_HIGH);
-    }
-
-    std::promise<void> m_open;
-};
 
 FMStatistics Figures() {
     FMStatistics figures;

@@ -111,6 +111,30 @@ BlockRef Cache::Block(IFMFile& file, uint32_t id, int create) {
     return BlockRef::Adopt(block);
 }
 
+namespace {
+void PostFirst(std::function<void()> work) {
+    CFileManager::Instance()->PostToReadwrThread(new TestEvent(std::move(work)), 0,
+                                                 RT_PRIORITY_HIGH);
+}
+} // namespace
+
+Gate::Gate() {
+    std::promise<void> running;
+    auto opened = m_open.get_future().share();
+    PostFirst([&running, opened] {
+        running.set_value();
+        opened.wait_for(std::chrono::seconds(10));
+    });
+    running.get_future().wait();
+}
+
+Gate::Gate(size_t count) {
+    PostFirst([count] {
+        while (CRtEventQueue::Current()->GetCount() < count)
+            std::this_thread::yield();
+    });
+}
+
 int Write(IFMBlock& block, const std::string& bytes, uint32_t piece) {
     const auto length = static_cast<uint32_t>(bytes.size());
     for (uint32_t at = 0; at < length; at += piece) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -110,6 +111,20 @@ public:
     IFileManager* manager = IFileManager::Instance();
     const int isServer;
     const uint16_t clearDays;
+};
+
+// Occupies the read/write thread until the end of its scope, so that everything that a test posts meanwhile is queued.
+class Gate {
+public:
+    Gate();
+    // Opens by itself when that many events are queued behind it.
+    explicit Gate(size_t count);
+    ~Gate() { m_open.set_value(); }
+    Gate(const Gate&) = delete;
+    Gate& operator=(const Gate&) = delete;
+
+private:
+    std::promise<void> m_open;
 };
 
 int Write(IFMBlock& block, const std::string& bytes, uint32_t piece = 1u << 20);
