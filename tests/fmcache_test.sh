@@ -62,6 +62,7 @@ fails 3 'is a directory' put --dir cache cache
 fails 3 'limit .* is 1 GiB' put --dir cache giant
 fails 3 'cannot create the directory' put --dir one/below odd
 fails 2 'is missing or empty' put --dir '' odd
+FMCACHE_DIR=cache fails 2 'is missing or empty' clear --yes --dir '' # never the default
 fails 2 'at least 1 byte' put --dir cache odd --block 0
 fails 2 'at least 1 byte' put --dir cache odd --piece 0
 fails 2 'limit is 16.0 MiB' put --dir cache odd --block 16385K

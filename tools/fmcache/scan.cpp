@@ -30,7 +30,9 @@ std::string HintAtClients(const fs::path& dir) {
 CLI::Option* AddPath(CLI::App& verb, const std::string& name, fs::path& path,
                      const std::string& help) {
     // As UTF-8, explicitly: on Windows a std::string would be converted with the code page.
-    const auto take = [&path](const std::string& text) {
+    const auto take = [&path, name](const std::string& text) {
+        if (text.empty()) // an unset variable of a script must not mean the default
+            throw CLI::ValidationError(name, "the path is missing or empty");
         path = std::u8string(text.begin(), text.end());
     };
     return verb.add_option_function<std::string>(name, take, help);

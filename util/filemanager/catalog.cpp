@@ -267,7 +267,7 @@ int FMListCachedFiles(const CRtString& directory, std::vector<CRtString>& stems,
 int FMDescribeCachedFile(const CRtString& directory, const CRtString& stem, FMCachedFile& file) {
     file = {};
     CRtString base;
-    if (stem.empty() || RtOs::FindLastSeparator(stem) != std::string_view::npos)
+    if (stem.empty() || stem.view().find_first_of("/\\") != std::string_view::npos)
         return RT_ERROR_INVALID_ARG;
     if (!LocateDirectory(directory, "FMDescribeCachedFile", base))
         return RT_ERROR_NOT_READY;
