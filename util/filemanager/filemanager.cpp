@@ -35,6 +35,11 @@ private:
     const std::shared_ptr<std::promise<void>> m_reached;
 };
 
+// The runtime has one kind of queue.
+CRtEventQueue& QueueOf(CRtThread& thread) {
+    return static_cast<CRtEventQueue&>(*thread.GetEventQueue());
+}
+
 // Disposes of an event that has no queue, as a queue does with one that it refuses.
 int Refuse(IRtEvent* event, int result) {
     if (event)
@@ -139,7 +144,7 @@ void CFileManager::WaitForDisk() {
     for (const int priority : {RT_PRIORITY_HIGH, RT_PRIORITY_NORMAL}) // behind loads and stores
         PostToReadwrThread(new CFMSignal(reached), 0, priority);
     reached.reset();
-    static_cast<CRtEventQueue&>(*m_pReadwrTd->GetEventQueue()).StepAll();
+    QueueOf(*m_pReadwrTd).StepAll();
     if (isReached.wait_for(first) == std::future_status::ready)
         return;
     do {
@@ -224,7 +229,7 @@ int CFileManager::PostToReadwrThread(IRtEvent* aFunctor, int sync, int priority)
     if (!RT_CHECK(SOURCE, m_pReadwrTd && m_pReadwrTd->GetEventQueue(),
                   "m_pReadwrTd && m_pReadwrTd->GetEventQueue()"))
         return Refuse(aFunctor, RT_ERROR_NOT_READY);
-    auto& queue = static_cast<CRtEventQueue&>(*m_pReadwrTd->GetEventQueue());
+    CRtEventQueue& queue = QueueOf(*m_pReadwrTd);
     return sync ? queue.SendEvent(aFunctor, priority) : queue.PostEvent(aFunctor, priority);
 }
 
@@ -241,7 +246,7 @@ int CFileManager::PostToCallerThread(IRtEvent* aFunctor, int sync) {
 uint32_t CFileManager::GetReadwrThreadID() { return m_pReadwrTd ? m_pReadwrTd->GetThreadId() : 0; }
 
 bool CFileManager::IsReadwrThreadIdle() const {
-    return !m_pReadwrTd || static_cast<CRtEventQueue&>(*m_pReadwrTd->GetEventQueue()).IsIdle();
+    return !m_pReadwrTd || QueueOf(*m_pReadwrTd).IsIdle();
 }
 
 int CFileManager::Random(int aMax) {

@@ -1,4 +1,4 @@
-// FMFlush: writes the blocks and tables of all files. FMGetBlockStatus.
+// FMFlush: writes the blocks and tables of all files.
 #include "FMDurability.h"
 
 #include <algorithm>
@@ -140,36 +140,4 @@ bool CFMFile::SavePendingTable(std::vector<FMUnsavedBlock>& unsaved) {
         }
     }
     return m_stores.GetTable() == nullptr;
-}
-
-// --- The state of a block -----------------------------------------------------------------------
-
-FMBlockStatus FMGetBlockStatus(IFMBlock& block) {
-    return static_cast<CFMBlock&>(block).GetStatus(); // the only implementation of the interface
-}
-
-FMBlockStatus CFMBlock::GetStatus() const {
-    CFMMistakes::CheckThread("FMGetBlockStatus");
-    return {GetCondition(), m_data != nullptr, SurvivesKill()};
-}
-
-FMBlockCondition CFMBlock::GetCondition() const {
-    switch (m_state.load(std::memory_order_acquire)) {
-    case State::Empty:
-        return FMBlockCondition::Empty;
-    case State::Filling:
-        return FMBlockCondition::Filling;
-    case State::Queued:
-    case State::Writing:
-        return FMBlockCondition::Pending;
-    case State::Failed:
-        return FMBlockCondition::Failed;
-    default:
-        return IsOnDiskNow() ? FMBlockCondition::Stored : FMBlockCondition::Lost;
-    }
-}
-
-bool CFMBlock::IsOnDiskNow() const {
-    return IsOnDisk() && m_onDisk.epoch == m_file->GetEntry().GetEpoch() &&
-           !m_file->GetEntry().IsDetached();
 }

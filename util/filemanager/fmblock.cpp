@@ -51,51 +51,11 @@ void CFMBlock::ReleaseMembers() {
     m_owners.clear();
 }
 
-// --- Queries ------------------------------------------------------------------------------------
-
-uint32_t CFMBlock::GetTotalLen() {
-    CFMMistakes::CheckThread("IFMBlock::GetTotalLen");
-    return m_totalLen;
-}
-
-uint32_t CFMBlock::GetPosition() {
-    CFMMistakes::CheckThread("IFMBlock::GetPosition");
-    return m_position;
-}
-
-CRtMessageBlock* CFMBlock::GetData() {
-    CFMMistakes::CheckThread("IFMBlock::GetData");
-    return m_data.get();
-}
-
-bool CFMBlock::IsComplete() {
-    CFMMistakes::CheckThread("IFMBlock::IsComplete");
-    return IsFull();
-}
-
-bool CFMBlock::IsInMemory() {
-    CFMMistakes::CheckThread("IFMBlock::IsInMemory");
-    return m_data != nullptr;
-}
-
 bool CFMBlock::IsAlive() {
     CFMMistakes::CheckThread("IFMBlock::IsAlive");
     if (IsFull())
         return true;
     return m_position != 0 && MsSince(m_lastAccessTime) < ALIVE_MS;
-}
-
-FMBlockState CFMBlock::GetState() const {
-    switch (m_state.load(std::memory_order_acquire)) {
-    case State::Empty:
-        return BLOCK_STATE_EMPTY;
-    case State::Filling:
-        return BLOCK_STATE_FILLING;
-    case State::Stored:
-        return BLOCK_STATE_STORED;
-    default:
-        return BLOCK_STATE_COMPLETE;
-    }
 }
 
 bool CFMBlock::IsGiven(const void* object, const char* expression) {
@@ -115,44 +75,6 @@ bool CFMBlock::CheckValid() {
 }
 
 // --- Memory -------------------------------------------------------------------------------------
-
-// The state as the statistics count it: pending, stored, failed, or not at all.
-CFMStatistics::Counter CFMBlock::CounterOf(State state) {
-    switch (state) {
-    case State::Queued:
-    case State::Writing:
-        return CFMStatistics::PendingBlocks;
-    case State::Stored:
-    case State::Restored:
-        return CFMStatistics::StoredBlocks;
-    case State::Failed:
-        return CFMStatistics::FailedBlocks;
-    default:
-        return CFMStatistics::COUNTERS;
-    }
-}
-
-bool CFMBlock::IsUnstored(CFMStatistics::Counter state) {
-    return state == CFMStatistics::PendingBlocks || state == CFMStatistics::FailedBlocks;
-}
-
-void CFMBlock::SetState(State state) {
-    const CFMStatistics::Counter before = CounterOf(m_state.load(std::memory_order_relaxed));
-    const CFMStatistics::Counter after = CounterOf(state);
-    m_state.store(state, std::memory_order_release);
-    if (before == after)
-        return;
-    g_statistics.SubtractBlock(before, m_totalLen);
-    g_statistics.AddBlock(after, m_totalLen);
-    const bool wasUnstored = IsUnstored(before);
-    if (wasUnstored == IsUnstored(after))
-        return;
-    if (wasUnstored)
-        g_statistics.SubtractUnstored(m_totalLen);
-    else
-        g_statistics.AddUnstored(m_totalLen);
-    FMHost::CheckHighWaterMark();
-}
 
 void CFMBlock::AllocData() {
     if (!RT_CHECK(SOURCE, !m_data, "!m_data"))
@@ -276,8 +198,7 @@ int CFMBlock::CheckPiece(uint32_t blockLen, uint32_t dataPos, const CRtMessageBl
                           << blockLen << ", but the first piece set the length of the block to "
                           << m_totalLen
                           << ", which the block keeps. Pass the same blockLen with each piece. "
-                             "Further pieces are "
-                             "not reported. "
+                             "Further pieces are not reported. "
                           << GetLogName());
     return RT_OK;
 }
@@ -498,24 +419,6 @@ void CFMBlock::FailStore() {
     SetState(State::Failed);
     m_file->MarkStoreFailed();
     m_file->MarkInfoChanged(); // the table on disk may name the range
-}
-
-FMBlockEntry CFMBlock::Describe(uint32_t epoch, uint32_t& serial) const {
-    const State state = m_state;
-    serial = state == State::Queued || state == State::Writing ? m_serial : 0;
-    if (!IsOnDisk() || m_onDisk.epoch != epoch)
-        return {m_blockID, 0, 0};
-    return {m_blockID, m_totalLen, m_posInFile};
-}
-
-void CFMBlock::Restore(const FMBlockEntry& entry, uint32_t epoch) {
-    m_onDisk.epoch = epoch;
-    m_totalLen = entry.totalLen;
-    m_position = entry.totalLen;
-    m_posInFile = entry.posInFile;
-    m_onDisk.isNamed = true;
-    if (IsFull())
-        SetState(State::Restored);
 }
 
 // --- Reading ------------------------------------------------------------------------------------
