@@ -3,28 +3,17 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <random>
 #include <vector>
 
-#include "node.h"
 #include "support.h"
+#include "testing/node.h"
 #include "util/filemanager/fmfile.h"
 
 namespace {
 
 using namespace bench;
-
-// Advances only when the benchmark says so; a tick is then due at once.
-class TestClock final : public IRtClock {
-public:
-    TestClock() { RtSetClock(this); }
-    ~TestClock() override { RtSetClock(nullptr); }
-    uint64_t TickCountMs() override { return now; }
-    CRtTimeValue TimeOfDay() override { return CRtTimeValue(1'700'000'000, 0); }
-    std::atomic<uint64_t> now{GetTickCountEx()};
-};
 
 // Runs `work`, which handles `count` objects, and reports time and heap bytes per object.
 template <class Work>
@@ -83,7 +72,7 @@ struct OpenFiles {
             files.push_back(cache.Create(1));
     }
     const size_t count;
-    Cache cache;
+    Fixture cache;
     std::vector<FileRef> files;
 };
 
@@ -116,7 +105,7 @@ void TickOverFiles(benchmark::State& state) {
     open.Create();
     TestClock clock;
     const auto tick = [&] {
-        clock.now += 60'000;
+        clock.Advance(60'000);
         Require(open.cache.thread.RunDue() == 1, "the tick did not run");
     };
     for (auto _ : state)
@@ -156,7 +145,7 @@ struct Table {
             BlockAt(*file, i);
     }
     const uint32_t slots;
-    Cache cache;
+    Fixture cache;
     FileRef file;
 };
 
@@ -237,7 +226,7 @@ struct Requests {
         : count(static_cast<size_t>(state.range(0))), file(cache.Create(1)),
           block(BlockAt(*file, 0)) {
         for (uint32_t i = 0; i < count; ++i)
-            nodes.emplace_back(new Node(true, i));
+            nodes.push_back(std::make_unique<Node>(i, true, true, i));
     }
     ~Requests() {
         DropAll();
@@ -248,17 +237,17 @@ struct Requests {
     Requests& operator=(const Requests&) = delete;
     void Add() {
         for (const auto& node : nodes)
-            block->AddRetrieve(node.Get(), 1);
+            block->AddRetrieve(node.get(), 1);
     }
     void DropAll() {
         while (!block->GetRetrieves().empty())
             block->CancelRetrieve(block->GetRetrieves().front().m_userNode.Get());
     }
     const size_t count;
-    Cache cache;
+    Fixture cache;
     FileRef file;
     BlockRef block;
-    std::vector<CRtComAutoPtr<Node>> nodes;
+    std::vector<std::unique_ptr<Node>> nodes;
 };
 
 void AddRetrieve(benchmark::State& state) {
@@ -289,7 +278,7 @@ void CancelRetrieve(benchmark::State& state) {
     const std::vector<uint32_t> order = Shuffled(requests.count);
     const auto cancel = [&] {
         for (const uint32_t i : order)
-            Require(requests.block->CancelRetrieve(requests.nodes[i].Get()) == 1,
+            Require(requests.block->CancelRetrieve(requests.nodes[i].get()) == 1,
                     "CancelRetrieve found no request");
     };
     for (auto _ : state) {

@@ -12,7 +12,7 @@ using namespace bench;
 void CountLine(void* lines, int, const char*) { ++*static_cast<uint64_t*>(lines); }
 
 void OpenAttachDetach(benchmark::State& state) {
-    Cache cache;
+    Fixture cache;
     FileRef file = cache.Create(1);
     const FMFileID id = file->GetFileInfo().fileID;
     Require(cache.manager->AttachFile(id) == 0,

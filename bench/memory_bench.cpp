@@ -4,11 +4,12 @@
 
 #include <cstring>
 #include <fstream>
-#include <latch>
+#include <optional>
 
 #include "memory.h"
 #include "support.h"
 #include "util/filemanager/fmblock.h"
+#include "util/filemanager/fmfile.h"
 
 namespace {
 
@@ -34,7 +35,7 @@ void RequireView(IFMBlock& block, uint32_t pos) {
 }
 
 void ReadResident(benchmark::State& state) {
-    Cache cache;
+    Fixture cache;
     FileRef file = cache.Create(1);
     BlockRef block = BlockAt(*file, 0);
     WriteInPieces(*block, BytesOf(0));
@@ -57,21 +58,6 @@ void ReadResident(benchmark::State& state) {
 }
 BENCHMARK(ReadResident);
 
-// Blocks the read/write thread until `end` is counted down.
-class Hold final : public IRtEvent {
-public:
-    Hold(std::latch& begun, std::latch& end) : m_begun(begun), m_end(end) {}
-    int OnEventFire() override {
-        m_begun.count_down();
-        m_end.wait();
-        return 0;
-    }
-
-private:
-    std::latch& m_begun;
-    std::latch& m_end;
-};
-
 constexpr uint32_t HELD_BLOCKS = 256;
 constexpr double HELD_BYTES = double{HELD_BLOCKS} * BLOCK_LEN;
 
@@ -82,9 +68,9 @@ void WriteAll(IFMFile& file, uint32_t shift) {
         Require(!file.GetBlocks()[i]->IsStored(), "the store is not queued");
 }
 
-void RequireStored(IFMFile& file, uint32_t shift) {
+void RequireStored(const Cache& cache, IFMFile& file, uint32_t shift) {
     const uint32_t epoch = static_cast<CFMFile&>(file).GetEntry().GetEpoch();
-    std::ifstream in(Cache::DataPath(file), std::ios::binary);
+    std::ifstream in(cache.Path(file.GetFileInfo().fileID, ".sdd"), std::ios::binary);
     std::vector<char> bytes(BLOCK_LEN);
     for (uint32_t i = 0; i < HELD_BLOCKS; ++i) {
         in.seekg(file.GetBlocks()[i]->GetStoredEnd(epoch) -
@@ -98,12 +84,9 @@ void RequireStored(IFMFile& file, uint32_t shift) {
 // Live heap bytes divided by the blocks' bytes: 1.0 plus the objects that describe the blocks. The reported
 // time covers writing all blocks twice while the read/write thread is blocked.
 void BytesInMemory(benchmark::State& state) {
-    Cache cache;
+    Fixture cache;
     for (auto _ : state) {
-        std::latch begun(1), end(1);
-        Require(CFileManager::Instance()->PostToReadwrThread(new Hold(begun, end), 0) == 0,
-                "the read/write thread does not run");
-        begun.wait();
+        auto gate = std::make_optional<Gate>();
         FileRef file;
         const uint64_t before = LiveBytes();
         const auto blocks = [before] {
@@ -118,9 +101,9 @@ void BytesInMemory(benchmark::State& state) {
         state.counters["rewritten"] = blocks();
         state.counters["peak_grew_by"] =
             static_cast<double>(PeakResidentBytes() - resident) / HELD_BYTES;
-        end.count_down();
+        gate.reset();
         cache.Drain();
-        RequireStored(*file, 512);
+        RequireStored(cache, *file, 512);
         cache.Close(file);
     }
 }

@@ -3,8 +3,8 @@
 
 #include <vector>
 
-#include "node.h"
 #include "support.h"
+#include "testing/node.h"
 
 namespace {
 
@@ -20,17 +20,17 @@ struct Crowd {
     }
     ~Crowd() {
         for (const auto& node : nodes)
-            block->SetOwner(node.Get(), 0);
+            block->SetOwner(node.get(), 0);
     }
     Crowd(const Crowd&) = delete;
     Crowd& operator=(const Crowd&) = delete;
     void Join(bool isPublic, uint32_t ip) {
-        nodes.emplace_back(new Node(isPublic, ip));
-        block->SetOwner(nodes.back().Get(), 1);
+        nodes.push_back(std::make_unique<Node>(0, true, isPublic, ip));
+        block->SetOwner(nodes.back().get(), 1);
     }
 
-    std::vector<CRtComAutoPtr<Node>> nodes;
-    Cache cache;
+    std::vector<std::unique_ptr<Node>> nodes;
+    Fixture cache;
     FileRef file;
     BlockRef block;
 };
@@ -55,7 +55,7 @@ BENCHMARK(GetOwner);
 void GetOwners(benchmark::State& state) {
     const Crowd crowd;
     std::vector<SDDataAddressItem> items(64);
-    const FMRetrieveItem retrieve{crowd.nodes.back().Get(), 2};
+    const FMRetrieveItem retrieve{crowd.nodes.back().get(), 2};
     for (auto _ : state) {
         uint16_t count = 64;
         Require(crowd.block->GetOwners(retrieve, &count, items.data()) == 0 && count == 64,

@@ -20,7 +20,7 @@ void StoreIntoManyFiles(benchmark::State& state) {
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = 256;
     Require(setrlimit(RLIMIT_NOFILE, &limit) == 0, "setrlimit failed");
-    Cache cache;
+    Fixture cache;
     std::vector<FileRef> files;
     for (int64_t i = 0; i < state.range(0); ++i)
         files.push_back(cache.Create(2));

@@ -3,13 +3,14 @@
 #include "RtByteStream.h"
 
 #include <list>
+#include <vector>
 
 #include "support.h"
+#include "testing/pattern.h"
 
 namespace {
 
 using fuzz::Input;
-using fuzz::Require;
 
 struct Part {
     std::string readable;

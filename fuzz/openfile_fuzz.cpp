@@ -2,15 +2,14 @@
 // file, the data file and a tail of 32 bytes, which selects the boundary between the two, the length of a hole
 // at the end of the data file, and the changes of blocks.
 #include <map>
-#include <optional>
 
 #include "FMCatalog.h"
 #include "support.h"
+#include "testing/kit.h"
 
 namespace {
 
 using fuzz::Input;
-using fuzz::Require;
 
 constexpr size_t TAIL = 32;
 constexpr FMFileID PATH_ID{0x10203040, 0x5060, 0x7080, {1, 2, 3, 4, 5, 6, 7, 8}};
@@ -25,12 +24,6 @@ struct Model {
     std::string bytes;
     bool mayFail = false; // its entry overlaps another or ends beyond the data file
     bool isHuge = false;  // larger than LARGEST_READ: not read
-};
-
-class Sink final : public IFMBlockSink {
-public:
-    void OnBlockDataReady(IFMBlock*, int aResult) override { result = aResult; }
-    std::optional<int> result;
 };
 
 class OpenFile {
@@ -59,7 +52,8 @@ public:
                 Close();
             }
         }
-        fuzz::Cache::RemoveFiles(m_stem);
+        fs::remove(m_stem.string() + ".sdi");
+        fs::remove(m_stem.string() + ".sdd");
     }
 
 private:
@@ -111,7 +105,7 @@ private:
     void Close() {
         Require(m_cache.manager->DetachFile(m_file->GetFileInfo().fileID) == 0);
         m_file.Reset();
-        fuzz::Cache::WaitUntilIdle();
+        FMWaitUntilIdle();
         m_models.erase(0); // a table cannot distinguish block 0 from an empty slot
     }
 
@@ -180,14 +174,14 @@ private:
         Require(block->IsComplete() == model.complete || model.mayFail);
         const fuzz::MemoryMeter meter;
         if (later) {
-            Sink sink;
+            CountingSink sink;
             Require(block->ReadData(&sink) == 0);
-            fuzz::Cache::WaitUntilIdle();
-            Require(sink.result.has_value());
-            Require(*sink.result != 0 || block->IsInMemory());
+            FMWaitUntilIdle();
+            Require(sink.results.size() == 1);
+            Require(sink.results[0] != 0 || block->IsInMemory());
         }
-        std::string bytes;
-        const bool good = fuzz::ReadWhole(*block, bytes);
+        const std::string bytes = Read(*block);
+        const bool good = !bytes.starts_with("error ");
         Require(meter.Peak() < 32 * 1024 + 5 * static_cast<int64_t>(model.bytes.size()));
         Require(good ? model.complete && bytes == model.bytes : !model.complete || model.mayFail);
     }
@@ -198,8 +192,9 @@ private:
         if (kind % 8 == 0)
             return;
         if (kind % 8 == 1) { // releases blocks that are stored and idle
-            m_cache.clock.ms += 300'000;
-            return fuzz::Cache::WaitUntilIdle();
+            m_clock.Advance(300'000);
+            FMWaitUntilIdle();
+            return;
         }
         if (kind % 8 == 2) // a new or an existing block
             return Write(m_file->GetFileInfo().blockBeg + value, 1 + value * 9);
@@ -248,8 +243,10 @@ private:
         return block;
     }
 
-    fuzz::Cache& m_cache = fuzz::Cache::Instance();
-    const fs::path m_stem = m_cache.Stem(PATH_ID);
+    // The manager keeps its directory until the process ends.
+    inline static TestClock m_clock;
+    inline static Cache m_cache{0};
+    const fs::path m_stem = m_cache.Path(PATH_ID, "");
     std::string m_information;
     std::string m_data;
     uint64_t m_dataLength = m_data.size();

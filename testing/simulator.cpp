@@ -1,4 +1,4 @@
-#include "simulator.h"
+#include "testing/simulator.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -18,8 +18,8 @@
 #include <random>
 
 #include "FMDurability.h"
-#include "faults.h"
-#include "support.h"
+#include "testing/faults.h"
+#include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
 
 namespace sim {

@@ -3,7 +3,7 @@
 
 #include <future>
 
-#include "support.h"
+#include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "FMCatalog.h"
-#include "support.h"
+#include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <chrono>
 #include <future>
 
-#include "support.h"
+#include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
 
 namespace {

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "support.h"
+#include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
 #include "util/runtime/os/RtOs.h"
 

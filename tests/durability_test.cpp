@@ -5,7 +5,7 @@
 
 #include "FMCatalog.h"
 #include "FMStatistics.h"
-#include "support.h"
+#include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
 
 namespace {

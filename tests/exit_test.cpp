@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <thread>
 
-#include "support.h"
+#include "testing/kit.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // Files, the registry of open files, disk files and the data directory.
 #include <gtest/gtest.h>
 
-#include "support.h"
+#include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
 
 TEST(Registry, LastDetachClosesTheFile) {

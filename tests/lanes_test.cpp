@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "FMStatistics.h"
-#include "support.h"
+#include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <thread>
 
-#include "support.h"
+#include "testing/kit.h"
 #include "util/filemanager/fmfile.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "FMCatalog.h"
-#include "support.h"
+#include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
 #include "util/runtime/os/RtOs.h"
 

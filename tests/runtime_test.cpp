@@ -8,7 +8,7 @@
 
 #include "RtByteStream.h"
 #include "RtSendTicket.h"
-#include "support.h"
+#include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
 #include "util/filemanager/fmfunctor.h"
 

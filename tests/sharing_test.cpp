@@ -17,7 +17,7 @@
 
 #include "FMCatalog.h"
 #include "RtThread.h"
-#include "support.h"
+#include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
 
 namespace {

@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "FMCatalog.h"
-#include "support.h"
+#include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
 
 namespace {

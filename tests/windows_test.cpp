@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "FMCatalog.h"
-#include "support.h"
+#include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
 
 // After the library's headers; support_windows.cpp includes it before them.

@@ -7,10 +7,10 @@
 #include <string>
 
 #include "../common.h"
-#include "../node.h"
 #include "IFileManager.h"
 #include "RtRuntime.h"
 #include "store.h"
+#include "testing/node.h"
 
 namespace bench {
 
@@ -45,7 +45,7 @@ public:
         Require(m_thread.IsValid(), "the process already has a caller thread");
         RtSetLogSink(nullptr, nullptr, RT_LOG_ERROR); // large tables are intended: no warnings
         for (uint32_t i = 0; i < NODES; ++i)
-            m_nodes.emplace_back(new Node(true, i));
+            m_nodes.push_back(std::make_unique<Node>(i, true, true, i));
     }
     ~FileManager() override {
         m_files.clear();
@@ -115,7 +115,7 @@ public:
     }
 
     void SetOwner(Place place, uint32_t node, bool owns) override {
-        BlockAt(place, 0).SetOwner(m_nodes[node].Get(), owns ? 1 : 0);
+        BlockAt(place, 0).SetOwner(m_nodes[node].get(), owns ? 1 : 0);
     }
     bool HasOwner(Place place) override { return BlockAt(place, 0).HasOwner(); }
     void Tick() override {
@@ -233,7 +233,7 @@ private:
     bool m_woken = false; // an event was queued since WaitUntil has run all events
     CRtCallerThread m_thread{[this] { Wake(); }};
     IFileManager* const m_manager = IFileManager::Instance();
-    std::vector<CRtComAutoPtr<Node>> m_nodes;
+    std::vector<std::unique_ptr<Node>> m_nodes;
     Layout m_layout;
     std::vector<File> m_files;
     CRtMessageChain m_view;

@@ -2,11 +2,12 @@
 // thread are counted inside Counted, those of the read/write thread inside a function of the library (count.py
 // has the list). While one thread is counted, the other one is blocked, so that the count does not depend on
 // their relative speed.
-#include <latch>
 #include <vector>
 
 #include "../support.h"
+#include "util/filemanager/filemanager.h"
 #include "util/filemanager/fmblock.h"
+#include "util/filemanager/fmfunctor.h"
 
 namespace {
 
@@ -21,40 +22,6 @@ template <class Work>
     for (uint32_t i = 0; i < TIMES; ++i)
         work(i);
 }
-
-// Blocks the read/write thread until the destructor runs.
-class Hold {
-public:
-    Hold() {
-        Require(CFileManager::Instance()->PostToReadwrThread(new Event(*this), 0) == 0,
-                "the read/write thread does not run");
-        m_begun.wait();
-    }
-    ~Hold() {
-        m_end.count_down();
-        m_left.wait(); // the event uses this object until then
-    }
-    Hold(const Hold&) = delete;
-    Hold& operator=(const Hold&) = delete;
-
-private:
-    class Event final : public IRtEvent {
-    public:
-        explicit Event(Hold& hold) : m_hold(hold) {}
-        int OnEventFire() override {
-            m_hold.m_begun.count_down();
-            m_hold.m_end.wait();
-            m_hold.m_left.count_down();
-            return 0;
-        }
-
-    private:
-        Hold& m_hold;
-    };
-    std::latch m_begun{1};
-    std::latch m_end{1};
-    std::latch m_left{1};
-};
 
 struct Blocks {
     Blocks() : file(cache.Create(TIMES)) {
@@ -75,7 +42,7 @@ struct Blocks {
         for (uint32_t i = 0; i < TIMES; ++i)
             Write(i, PIECE, 0);
     }
-    Cache cache;
+    Fixture cache;
     FileRef file;
     std::vector<BlockRef> blocks;
 };
@@ -91,7 +58,7 @@ void LastPieceWrite() {
     Blocks blocks;
     for (uint32_t i = 0; i < TIMES; ++i)
         blocks.Write(i, 2 * PIECE, 0);
-    const Hold hold;
+    const Gate gate;
     Counted([&](uint32_t i) { blocks.Write(i, 2 * PIECE, PIECE); });
 }
 
@@ -107,7 +74,7 @@ void Store() {
 void CoalescedStore() {
     Blocks blocks;
     {
-        const Hold hold;
+        const Gate gate;
         blocks.WriteAll();
     }
     blocks.cache.Drain();
@@ -124,31 +91,15 @@ void ResidentRead() {
     });
 }
 
-class Sink final : public IFMBlockSink {
-public:
-    void OnBlockDataReady(IFMBlock*, int result) override {
-        Require(result == 0, "a load failed");
-        ++done;
-    }
-    uint32_t done = 0;
-};
-
 // Counted in CFMBlock::ReadFromFile.
 void Load() {
-    class LaterClock final : public IRtClock {
-    public:
-        LaterClock() { RtSetClock(this); }
-        ~LaterClock() override { RtSetClock(nullptr); }
-        uint64_t TickCountMs() override { return now; }
-        CRtTimeValue TimeOfDay() override { return CRtTimeValue(1'700'000'000, 0); }
-        uint64_t now = 1'000'000;
-    } clock;
+    TestClock clock;
     Blocks blocks;
     blocks.WriteAll();
     blocks.cache.Drain();
-    constexpr uint64_t longIdleMs = 240'001;
-    clock.now += longIdleMs;
-    Sink sink;
+    constexpr int64_t longIdleMs = 240'001;
+    clock.Advance(longIdleMs);
+    CountingSink sink;
     for (const BlockRef& block : blocks.blocks) {
         Require(!block->FreeMemory(), "a block was not evicted");
         Require(block->ReadData(&sink) == 0, "ReadData failed");
@@ -156,13 +107,13 @@ void Load() {
     blocks.cache.Drain();
     while (blocks.cache.thread.RunDue() > 0) {
     }
-    Require(sink.done == TIMES, "a load did not finish");
+    Require(sink.results == std::vector<int>(TIMES, RT_OK), "a load failed or did not finish");
 }
 
 void PostEvent() {
     Blocks blocks;
     {
-        const Hold hold;
+        const Gate gate;
         Counted(
             [](uint32_t) { CFileManager::Instance()->PostToReadwrThread(new CFMFunctorBase, 0); });
     }

@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <type_traits>
 
-#include "support.h"
+#include "testing/kit.h"
 
 static_assert(std::is_same_v<FMFileID, GUID>);
 

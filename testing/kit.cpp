@@ -1,8 +1,4 @@
-#include "support.h"
-
-#include "util/filemanager/filemanager.h"
-
-#include <gtest/gtest.h>
+#include "testing/kit.h"
 
 #include <algorithm>
 #include <fstream>
@@ -74,7 +70,7 @@ void Cache::Start() { manager->Initialize(CRtString(dir.path.string()), clearDay
 
 void Cache::RunReadwrQueue() {
     for (const int priority : {RT_PRIORITY_HIGH, RT_PRIORITY_NORMAL})
-        EXPECT_EQ(CFileManager::Instance()->PostToReadwrThread(new TestEvent, 1, priority), 0);
+        Require(CFileManager::Instance()->PostToReadwrThread(new TestEvent, 1, priority) == 0);
 }
 
 fs::path Cache::Path(const FMFileID& id, const char* extension) const {
@@ -85,7 +81,7 @@ fs::path Cache::Path(const FMFileID& id, const char* extension) const {
 
 FileRef Cache::Create(const FMFileInfo& info) {
     IFMFile* file = nullptr;
-    EXPECT_EQ(manager->CreateFile(file, info), 0);
+    Require(manager->CreateFile(file, info) == 0, "a file cannot be created");
     return FileRef::Adopt(file);
 }
 
@@ -100,7 +96,7 @@ FileRef Cache::Open(const FMFileID& id, int load) {
 }
 
 void Cache::Close(FileRef& file) {
-    EXPECT_EQ(manager->DetachFile(file->GetFileInfo().fileID), 0);
+    Require(manager->DetachFile(file->GetFileInfo().fileID) == 0, "a file is not open");
     file.Reset();
 }
 
@@ -192,7 +188,7 @@ std::string InfoFile(const FMFileInfo& info, const std::string& blockBody, int64
         return text;
     };
     CRtMessageChain body;
-    EXPECT_EQ(FMEncodeFileBody(info, static_cast<uint32_t>(createTime), body), 0);
+    Require(FMEncodeFileBody(info, static_cast<uint32_t>(createTime), body) == 0);
     return "IFSD" + length(body->GetChainedLength()) + Bytes(body) + length(blockBody.size()) +
            blockBody;
 }

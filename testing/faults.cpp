@@ -1,32 +1,24 @@
-#include "faults.h"
+#include "testing/faults.h"
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstdarg>
 #include <cstring>
 #include <functional>
-#include <iostream>
 #include <set>
 #include <thread>
 
 namespace {
 
 using namespace faults;
-
-constexpr int TERMINATED = SIGUSR1; // a signal skips the exit handlers of sanitizers
-constexpr unsigned TIMEOUT_SECONDS = 40;
 
 struct State {
     char root[512];
@@ -35,32 +27,23 @@ struct State {
     std::atomic<uint32_t> matched;
     std::atomic<uint32_t> hits;
     std::atomic<bool> isFrozen;
-    const char* firstHit; // valid in the parent too: forked children have the same image
+    const char* firstHit;
 };
 
-State& Shared() {
-    static void* memory =
-        ::mmap(nullptr, sizeof(State), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    return *static_cast<State*>(memory);
-}
+State g_state;
 
 std::array<std::atomic<bool>, 65536> g_ours; // indexed by file descriptor
 
 bool IsOurs(const char* path) {
-    const State& state = Shared();
+    const State& state = g_state;
     return state.root[0] != '\0' && std::strncmp(path, state.root, std::strlen(state.root)) == 0;
 }
 bool IsOurs(int fd) { return fd >= 0 && g_ours[static_cast<size_t>(fd)]; }
 bool IsOurs(DIR* walk) { return IsOurs(::dirfd(walk)); }
 
-[[noreturn]] void Die(int signal) {
-    for (;;)
-        ::kill(::getpid(), signal);
-}
-
 // Counts an operation and returns its planned action.
 Action Next(uint32_t kind, const char* call) {
-    State& state = Shared();
+    State& state = g_state;
     const Action action = state.action.load();
     if (action == NOTHING || !(state.plan.kinds & kind))
         return NOTHING;
@@ -84,29 +67,25 @@ bool IsChange(uint32_t kind) { return (kind & (WRITE | REMOVE | REMOVE_DIR)) != 
 template <class Result, class Whole, class Half>
 Result Operate(uint32_t kind, const char* call, Result failed, Whole whole, Half half,
                Result done = {}) {
-    if (IsChange(kind) && Shared().isFrozen)
+    if (IsChange(kind) && g_state.isFrozen)
         return done;
     const Action action = kind == NONE ? NOTHING : Next(kind, call);
     if (action == STALL)
-        std::this_thread::sleep_for(std::chrono::milliseconds(Shared().plan.stallMs));
+        std::this_thread::sleep_for(std::chrono::milliseconds(g_state.plan.stallMs));
     if (action == FAIL) {
-        errno = Shared().plan.error;
+        errno = g_state.plan.error;
         return failed;
     }
-    if (action == KILL_BEFORE)
-        Die(SIGKILL);
     if (action == CALL)
         g_callback();
     if (action == FREEZE_BEFORE) {
-        Shared().isFrozen = true;
+        g_state.isFrozen = true;
         return IsChange(kind) ? done : whole();
     }
-    const bool isHalf = action == HALF || action == KILL_HALFWAY || action == FREEZE_HALFWAY;
+    const bool isHalf = action == HALF || action == FREEZE_HALFWAY;
     const Result result = isHalf ? half() : whole();
     if (action == FREEZE_HALFWAY || action == FREEZE_AFTER)
-        Shared().isFrozen = true;
-    if (action == KILL_HALFWAY || action == KILL_AFTER)
-        Die(SIGKILL);
+        g_state.isFrozen = true;
     return result;
 }
 
@@ -141,7 +120,7 @@ REAL(int, open64, const char* path, int flags, ...) {
     va_end(arguments);
     const auto call = [&] { return __real_open64(path, flags, mode); };
     const bool ours = IsOurs(path);
-    if (ours && Shared().isFrozen && (flags & O_CREAT)) {
+    if (ours && g_state.isFrozen && (flags & O_CREAT)) {
         int fd = __real_open64(path, flags & ~(O_CREAT | O_EXCL));
         if (fd < 0 && errno == ENOENT && (fd = __real_open64(path, flags, mode)) >= 0)
             g_createdWhileFrozen.insert(path);
@@ -221,48 +200,23 @@ void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(m
 namespace faults {
 
 void Begin(const std::filesystem::path& root, const Plan& plan) {
-    State& state = Shared();
+    State& state = g_state;
     state.matched = state.hits = 0;
     state.plan = plan;
     std::snprintf(state.root, sizeof(state.root), "%s/", root.c_str());
     state.action = plan.action;
 }
 
-void Lift() { Shared().action = NOTHING; }
-uint32_t Hits() { return Shared().hits; }
-bool IsFrozen() { return Shared().isFrozen; }
+void Lift() { g_state.action = NOTHING; }
+uint32_t Hits() { return g_state.hits; }
+bool IsFrozen() { return g_state.isFrozen; }
 void Thaw() {
-    Shared().isFrozen = false;
+    g_state.isFrozen = false;
     for (const std::string& path : g_createdWhileFrozen)
         __real_unlink(path.c_str());
     g_createdWhileFrozen.clear();
 }
 void SetCallback(std::function<void()> callback) { g_callback = std::move(callback); }
-bool Calm() {
-    const Action action = Shared().action;
-    return Hits() == 0 || action == NOTHING || action == STALL;
-}
-const char* FirstHit() { return Shared().firstHit; }
-
-std::string InChild(const std::function<void()>& body) {
-    std::cout.flush();
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(TIMEOUT_SECONDS);
-        std::set_terminate([] { Die(TERMINATED); });
-        [&body]() noexcept { body(); }();               // an exception reaches std::terminate
-        std::exit(testing::Test::HasFailure() ? 1 : 0); // exit runs the leak check of a sanitizer
-    }
-    int status = 0;
-    if (child < 0 || ::waitpid(child, &status, 0) != child)
-        return "no child";
-    Lift(); // the plan was for the child only
-    if (const int signal = WTERMSIG(status); WIFSIGNALED(status))
-        return signal == SIGKILL      ? "killed"
-               : signal == TERMINATED ? "terminated"
-                                      : "signal " + std::to_string(signal);
-    const int code = WEXITSTATUS(status);
-    return code == 0 ? "done" : "exit " + std::to_string(code);
-}
+const char* FirstHit() { return g_state.firstHit; }
 
 } // namespace faults

@@ -15,7 +15,8 @@
 #include "IFileManager.h"
 #include "RtEventQueue.h"
 #include "RtRuntime.h"
-#include "pattern.h"
+#include "testing/pattern.h"
+#include "testing/require.h"
 
 namespace fs = std::filesystem;
 

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "support.h"
+#include "testing/kit.h"
 
 namespace {
 

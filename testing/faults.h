@@ -1,7 +1,6 @@
-// Fault injection into forked child processes. Counts the system calls that the library's POSIX source makes on
-// paths below one directory. The n-th call, or all calls from it on, can fail, transfer half of the bytes,
-// stall, or kill the process. Allocations can fail in the same way. The plan and the counters are in memory
-// that is shared with the children.
+// Fault injection. Counts the system calls that the library's POSIX source makes on paths below one directory. The
+// n-th call, or all calls from it on, can fail, transfer half of the bytes, stall, or be the last one before a
+// simulated kill. Allocations can fail in the same way.
 #pragma once
 
 #include <cstdint>
@@ -30,9 +29,6 @@ enum Action : int {
     FAIL,
     HALF,
     STALL,
-    KILL_BEFORE,
-    KILL_HALFWAY,
-    KILL_AFTER,
     // The state of the disk is that after a kill: from here on, calls that would change it do nothing and
     // succeed, until Thaw. The process can then start over, as if it were a new one.
     FREEZE_BEFORE,
@@ -58,14 +54,7 @@ uint32_t Hits();
 bool IsFrozen();
 void Thaw();
 void SetCallback(std::function<void()> callback);
-// True if every operation succeeds: no fault has been injected yet, it has been lifted, or it is a stall.
-bool Calm();
 // The name of the first call with a fault, for messages.
 const char* FirstHit();
-
-// Runs `body` in a forked process. Returns how the process ended: "done", "killed", "terminated" (by std::terminate), "exit 1" after a failed
-// expectation, or a description. Call it before any thread has been started: sanitizers do not support fork
-// after that.
-std::string InChild(const std::function<void()>& body);
 
 } // namespace faults
