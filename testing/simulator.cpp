@@ -2,7 +2,8 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,7 +18,9 @@
 #include <optional>
 #include <random>
 
+#include "FMCatalog.h"
 #include "FMDurability.h"
+#include "FMStatistics.h"
 #include "testing/faults.h"
 #include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
@@ -29,6 +32,7 @@ namespace {
 constexpr uint32_t FILES = 4;
 constexpr uint32_t BLOCKS = 6; // identifiers start at 1
 constexpr size_t STEPS_MAX = 60;
+constexpr int LINES_MAX = 200; // of a step
 constexpr int64_t TICK_MS = 60'001;
 constexpr int64_t IDLE_MS = 300'000;
 constexpr int64_t DAY_MS = 86'400'000;
@@ -53,8 +57,10 @@ struct File {
     uint32_t generation = 0;  // changes with each creation
     bool isChanged = false;   // since it was created, loaded or saved
     bool isHarmed = false;    // another program has changed the files since they were opened
+    bool isRewritten = false; // harmed, but not only by a removal of the data file
     bool isDisplaced = false; // housekeeping may skip the path because of a displaced object
     bool isForeign = false;   // it has replaced the data file by one of the same length
+    int lock = -1;            // another server has the file open: a descriptor that holds its lock
     std::map<uint32_t, Block> table;
 
     // --- On disk
@@ -63,6 +69,8 @@ struct File {
     Saved promised; // what a load finds in any case
     // Closed: becomes `disk` when all events have run without a fault; null as above.
     std::optional<std::optional<Saved>> saving;
+    Saved
+        rescued; // closed: what must be found after that in any case, although another program has changed the files
     bool isSettled = true; // closed, and all events have run since
     uint32_t diskGeneration = 0;
 };
@@ -84,8 +92,13 @@ public:
         fs::remove_all(m_cache.dir.path / "sdstore", ignored);
         for (uint32_t i = 0; i < FILES; ++i)
             m_files[i].id = {i + 1, 0x51D, 0, {1, 2, 3, 4, 5, 6, 7, 8}};
+        if (!isThreaded)
+            RtSetLogSink(&World::TakeLine, this, trace ? RT_LOG_TRACE : RT_LOG_WARNING);
         Start(7);
     }
+    ~World() { RtSetLogSink(nullptr, nullptr, RT_LOG_SILENT); }
+    World(const World&) = delete;
+    World& operator=(const World&) = delete;
 
     // Returns the first violated expectation.
     std::string Run() {
@@ -106,6 +119,7 @@ private:
         BeginFault({});
         Settle();
         for (File& file : m_files) {
+            Unlock(file);
             for (const auto& [id, block] : file.table)
                 CheckBlock(file, id);
         }
@@ -121,6 +135,7 @@ private:
         Require(g_counters.filesCreated == g_counters.filesDestroyed, "every file is released");
         Require(g_counters.blocksCreated == g_counters.blocksDestroyed, "every block is released");
         Require(CFileManager::Instance()->GetMemoryInUse() == 0, "no memory is in use");
+        Require(m_answers == m_questions, "every callback is called once");
     }
 
     class Wait final : public IFMBlockSink {
@@ -157,6 +172,16 @@ private:
             m_violation = "step " + std::to_string(m_next) + ": " + what;
         return holds;
     }
+    static void TakeLine(void* self, int level, const char* text) {
+        World& world = *static_cast<World*>(self);
+        const std::string_view line(text);
+        const std::string_view stable = line.substr(0, line.find(" this="));
+        world.Trace("    " + std::string(stable) + "\n");
+        world.m_lines += level <= RT_LOG_WARNING ? 1 : 0;
+        world.Require(world.m_lines < LINES_MAX, "a step writes few log lines");
+        world.Require(std::ranges::none_of(line, [](char each) { return each >= 0 && each < ' '; }),
+                      "a log line does not control the terminal");
+    }
     // Whether a system call of this step has failed.
     bool IsFaulty() const { return faults::Hits() > 0 && m_action != faults::CALL; }
     void Trace(const std::string& text) {
@@ -173,6 +198,7 @@ private:
     void RunStep() {
         const Step step = m_program[m_next++];
         const bool isOuter = m_depth == 0;
+        m_lines = 0;
         if (isOuter)
             BeginFault(step);
         Call(step);
@@ -220,6 +246,11 @@ private:
                      {"tick", &W::Tick},
                      {"tick", &W::Tick},
                      {"flush", &W::Flush},
+                     {"flush later", &W::FlushLater},
+                     {"evict", &W::Evict},
+                     {"park", &W::Park},
+                     {"describe", &W::Describe},
+                     {"lock", &W::LockStep},
                      {"hold", &W::Hold},
                      {"attach", &W::Attach},
                      {"restart", &W::RestartStep},
@@ -251,12 +282,50 @@ private:
             if (file.ref || file.isSettled)
                 continue;
             file.isSettled = true;
-            if (file.saving && !IsFaulty())
-                SetDisk(file, std::move(*file.saving));
-            else if (file.saving)
-                ForgetDisk(file);
-            file.saving.reset();
+            TableWritten(file);
         }
+        if (!m_isThreaded && !faults::IsFrozen())
+            CheckFigures();
+    }
+
+    // The events that save a closed file have run.
+    void TableWritten(File& file) {
+        const Saved rescued = std::move(file.rescued);
+        if (file.saving && !IsFaulty())
+            SetDisk(file, std::move(*file.saving));
+        else if (file.saving)
+            ForgetDisk(file);
+        if (!rescued.empty() && !IsFaulty())
+            file.promised = rescued;
+        file.saving.reset();
+    }
+
+    // Both threads are idle.
+    void CheckFigures() {
+        FMStatistics figures;
+        FMGetStatistics(figures);
+        Require(figures.pendingBlocks == 0 && figures.pendingBytes == 0, "no store is pending");
+        const auto isOpen = [](const File& file) { return static_cast<bool>(file.ref); };
+        Require(static_cast<std::ptrdiff_t>(figures.openFiles) ==
+                    std::ranges::count_if(m_files, isOpen),
+                "open files are counted");
+        if (m_faults > 0 || IsFaulty())
+            return;
+        for (const File& file : m_files) {
+            for (const auto& [id, block] : file.table)
+                CheckCondition(file, id, block);
+        }
+    }
+
+    void CheckCondition(const File& file, uint32_t id, const Block& model) {
+        const BlockRef block = Cache::Block(*file.ref, id, 0);
+        if (file.isHarmed || file.isDisplaced || model.isLost || !block)
+            return;
+        const FMBlockStatus status = FMGetBlockStatus(*block);
+        Require((status.condition == FMBlockCondition::Stored) == (model.version != 0),
+                Name(file, id) + " is stored");
+        Require(status.isResident || model.bytes.empty() || model.version != 0,
+                Name(file, id) + " is stored before it is released");
     }
 
     static void SetDisk(File& file, std::optional<Saved> saved) {
@@ -275,6 +344,7 @@ private:
         file.isKnown = false;
         file.promised.clear();
         file.saving.reset();
+        file.rescued.clear();
     }
 
     // --- Faults ---------------------------------------------------------------------------------
@@ -318,7 +388,7 @@ private:
             File& file = m_files[step.how % FILES];
             SetCallback([this, &file, how = step.at] {
                 // Not a truncation: a store that has just checked the length cannot notice it.
-                Harm(file, how % 4 == 0 ? 1 : how);
+                Harm(file, how % 8 == 0 ? 1 : how);
             });
             break;
         }
@@ -363,6 +433,7 @@ private:
         }
         m_waits.clear();
         m_held.clear();
+        m_answers = m_questions;
         faults::Thaw();
         Start(7);
     }
@@ -370,12 +441,15 @@ private:
     // Another program changes the pair of files.
     void Harm(File& file, uint32_t how) {
         const fs::path data = m_cache.Path(file.id, ".sdd");
+        const fs::path info = m_cache.Path(file.id, ".sdi");
         std::error_code ignored;
         const uint64_t length = fs::file_size(data, ignored);
         if (ignored)
             return;
         Trace("  harmed " + std::to_string(file.id.Data1));
-        switch (how % 4) {
+        Unlock(file);
+        bool isDataLost = true;
+        switch (how % 8) {
         case 0:
             fs::resize_file(data, length / 2, ignored);
             break;
@@ -387,14 +461,95 @@ private:
             WriteFile(data, Pattern(how, length));
             file.isForeign = true;
             break;
-        default:
+        case 3:
             fs::remove(data, ignored);
-            fs::remove(m_cache.Path(file.id, ".sdi"), ignored);
+            fs::remove(info, ignored);
+            break;
+        case 4: // a magic that would control a terminal
+            isDataLost = false;
+            Overwrite(info, 0, "\x1b[2J");
+            break;
+        case 5: { // a table that announces more entries than it has
+            isDataLost = false;
+            const std::string bytes = ReadFile(info);
+            if (bytes.size() > FM_INFO_BODY_OFFSET)
+                Overwrite(info,
+                          FM_INFO_BODY_OFFSET + FM_INFO_LENGTH_SIZE +
+                              static_cast<uint8_t>(bytes[FM_INFO_LENGTH_OFFSET]),
+                          "\xff\xff");
+            break;
         }
+        case 6: { // a time in the year 2318
+            const timespec far[] = {{11'000'000'000, 5}, {11'000'000'000, 5}};
+            ::utimensat(AT_FDCWD, data.c_str(), far, 0);
+            break;
+        }
+        default:
+            for (File& each : m_files)
+                Unlock(each);
+            fs::remove_all(data.parent_path(), ignored);
+            for (File& each : m_files)
+                Harmed(each, true);
+        }
+        Harmed(file, isDataLost);
+        file.isRewritten = file.isRewritten || fs::exists(data);
+    }
+
+    static void Overwrite(const fs::path& path, size_t at, const std::string& bytes) {
+        std::string content = ReadFile(path);
+        if (content.size() >= at + bytes.size())
+            WriteFile(path, content.replace(at, bytes.size(), bytes));
+    }
+
+    static void Harmed(File& file, bool isDataLost) {
         ForgetDisk(file);
         file.isHarmed = true;
         for (auto& [id, block] : file.table)
-            block.isLost = true;
+            block.isLost = block.isLost || isDataLost;
+    }
+
+    // --- Another server -------------------------------------------------------------------------
+
+    // It opens the file: it holds the locks of the data file and of the store.
+    void LockStep(const Step&, File& file) {
+        if (file.lock >= 0)
+            return Unlock(file);
+        if (m_isThreaded || m_depth > 0 || file.ref || !file.isSettled || IsReferenced(file))
+            return;
+        const fs::path data = m_cache.Path(file.id, ".sdd");
+        file.lock = OpenElsewhere(data, O_RDWR);
+        if (file.lock >= 0 && ::syscall(SYS_flock, file.lock, LOCK_EX | LOCK_NB) != 0)
+            Unlock(file); // an object that was displaced still has it
+        if (file.lock >= 0 && m_storeLock < 0) {
+            m_storeLock = OpenElsewhere(data.parent_path(), O_RDONLY | O_DIRECTORY);
+            Require(::syscall(SYS_flock, m_storeLock, LOCK_SH | LOCK_NB) == 0,
+                    "servers share a store");
+        }
+    }
+
+    // Not a call of the library: it is not counted and does not fail.
+    static int OpenElsewhere(const fs::path& path, int flags) {
+        return static_cast<int>(
+            ::syscall(SYS_openat, AT_FDCWD, path.c_str(), flags | O_CLOEXEC, 0));
+    }
+
+    void Unlock(File& file) {
+        if (file.lock >= 0)
+            ::syscall(SYS_close, std::exchange(file.lock, -1));
+        const auto isLocked = [](const File& each) { return each.lock >= 0; };
+        if (m_storeLock >= 0 && std::ranges::none_of(m_files, isLocked))
+            ::syscall(SYS_close, std::exchange(m_storeLock, -1));
+    }
+
+    void CheckLocks() {
+        for (File& file : m_files) {
+            const int fd = OpenElsewhere(m_cache.Path(file.id, ".sdd"), O_RDWR);
+            if (fd < 0)
+                continue;
+            Require(file.lock >= 0 || ::syscall(SYS_flock, fd, LOCK_EX | LOCK_NB) == 0,
+                    "a stopped manager holds no lock");
+            ::syscall(SYS_close, fd);
+        }
     }
 
     // --- The manager ----------------------------------------------------------------------------
@@ -409,6 +564,8 @@ private:
 
     // The cache has been cleared.
     void ForgetFiles() {
+        if (m_storeLock >= 0)
+            return;
         for (File& file : m_files) {
             if (IsFaulty())
                 ForgetDisk(file);
@@ -424,6 +581,8 @@ private:
         }
         m_isRunning = false; // sinks do not use a stopped manager
         m_cache.Stop();
+        if (!m_isThreaded)
+            CheckLocks();
         Settle();
         for (File& file : m_files)
             file.isDisplaced = false;
@@ -460,7 +619,7 @@ private:
         for (File& file : m_files) {
             const bool isKept =
                 (file.flag & FM_FILE_KEPT) && file.diskGeneration == file.generation;
-            if (file.ref || isKept || IsReferenced(file))
+            if (file.ref || isKept || IsReferenced(file) || file.lock >= 0)
                 continue;
             // Without a stored block there may be no data file, and housekeeping examines data files.
             const bool hasData = file.isKnown && !file.promised.empty();
@@ -484,15 +643,54 @@ private:
             Harm(file, step.size);
     }
 
-    void Flush(const Step& step, File&) {
-        if (step.how % 2)
-            return;
+    // The tables of changed files are written.
+    void BeginFlush() {
         for (File& file : m_files) {
             if (file.ref && file.isChanged) {
                 file.promised.clear();
                 file.isKnown = false;
             }
         }
+    }
+
+    void FlushLater(const Step& step, File&) {
+        ++m_questions;
+        const auto answer = [this] { ++m_answers; };
+        if (step.how % 2) {
+            FMCallWhenIdle([answer](int) { answer(); });
+            return;
+        }
+        BeginFlush();
+        FMFlushAsync([this, answer](int result, const std::vector<FMUnsavedBlock>& unsaved) {
+            answer();
+            if (result == RT_ERROR_NOT_READY || faults::IsFrozen())
+                return;
+            Require(result != RT_OK || unsaved.empty(), "a flush lists what it has not written");
+            BeginFlush();
+            for (File& file : m_files) {
+                for (const auto& [id, block] : file.table)
+                    PromiseSurvivor(file, id, block);
+                if (file.ref && file.isChanged && !IsFaulty())
+                    NoteTable(file);
+            }
+        });
+    }
+
+    // True if a kill would not lose the block.
+    bool PromiseSurvivor(File& file, uint32_t id, const Block& model) {
+        const BlockRef block = Cache::Block(*file.ref, id, 0);
+        if (!Require(static_cast<bool>(block), "a block stays in the table"))
+            return false;
+        const bool survives = FMGetBlockStatus(*block).survivesKill;
+        if (survives && !file.isHarmed && model.version != 0)
+            file.promised[id] = model.version;
+        return survives;
+    }
+
+    void Flush(const Step& step, File&) {
+        if (step.how % 2)
+            return;
+        BeginFlush();
         std::vector<FMUnsavedBlock> unsaved;
         const int result = FMFlush(unsaved);
         if (faults::IsFrozen())
@@ -508,13 +706,8 @@ private:
         Require(result == RT_OK || IsFaulty() || IsAnyLost(), "a flush writes everything");
         bool isAllThere = true;
         for (const auto& [id, block] : file.table) {
-            const BlockRef found = Cache::Block(*file.ref, id, 0);
-            if (!Require(static_cast<bool>(found), "a block stays in the table"))
-                return;
-            const bool survives = FMGetBlockStatus(*found).survivesKill;
+            const bool survives = PromiseSurvivor(file, id, block);
             isAllThere = isAllThere && (survives || block.length == 0);
-            if (survives && !file.isHarmed && block.version != 0)
-                file.promised[id] = block.version;
         }
         const bool isWritten = file.isChanged && isAllThere && !IsFaulty() && !file.isHarmed;
         if (file.isChanged && !IsFaulty())
@@ -538,6 +731,34 @@ private:
                        return entry.second.isLost;
                    });
         });
+    }
+
+    // Releases the buffers of idle blocks.
+    void Evict(const Step&, File& file) {
+        m_clock.Advance(IDLE_MS);
+        if (file.ref)
+            static_cast<CFMFile&>(*file.ref).FreeBlocksMemory();
+    }
+
+    // Closes the streams of an open file, as when too many are open.
+    void Park(const Step&, File& file) {
+        if (file.ref)
+            static_cast<CFMFile&>(*file.ref).GetEntry().CloseStreams();
+    }
+
+    void Describe(const Step&, File& file) {
+        if (file.ref || !file.isSettled || IsReferenced(file) || file.isDisplaced)
+            return;
+        FMCachedFile found;
+        const CRtString store(m_cache.Path(file.id, "").parent_path().string());
+        const int result = FMDescribeCachedFile(store, FMFileIDToString(file.id), found);
+        Trace(" -> " + std::to_string(result) + (found.isLoadable ? " loads" : ""));
+        if (IsFaulty() || !file.isKnown)
+            return;
+        Require(found.isLoadable == file.disk.has_value(), "the catalog knows what loads");
+        Require(found.isOpenElsewhere == (file.lock >= 0), "the catalog knows who has the file");
+        Require(!file.disk || file.isForeign || found.storedBlocks == file.disk->size(),
+                "the catalog counts blocks");
     }
 
     // --- Files ----------------------------------------------------------------------------------
@@ -565,6 +786,8 @@ private:
             ForgetDisk(file);
         if (!file.isSettled)
             ForgetDisk(file); // its table may be written before or after
+        Unlock(file);
+        file.rescued.clear();
         file.isDisplaced = file.isDisplaced || file.ref;
         Leave(file);
         Require(m_cache.manager->CreateFile(file.ref.Receive(), info) == RT_OK,
@@ -588,11 +811,16 @@ private:
         if (IsFaulty()) { // a fault may hide what is on disk
             if (!wasSettled)
                 ForgetDisk(file);
-        } else if (!wasSettled && file.saving) {
-            SetDisk(file, std::move(*file.saving)); // the load waits for the table
+        } else if (!wasSettled) {
+            TableWritten(file); // the load waits for the table
         }
         file.saving.reset();
+        file.rescued.clear();
         file.isSettled = true;
+        if (file.lock >= 0) {
+            Require(result != RT_OK, "a file of another server does not load");
+            return false;
+        }
         if (result != RT_OK) {
             Require(IsFaulty() || file.promised.empty(), "a saved file loads");
             Require(IsFaulty() || !file.isKnown || !file.disk, "a saved file loads");
@@ -607,6 +835,7 @@ private:
         file.flag = file.ref->GetFileInfo().flag;
         file.isChanged = false;
         file.isHarmed = false;
+        file.isRewritten = false;
         Saved found;
         uint32_t generation = 0;
         for (uint32_t id = 1; id <= BLOCKS; ++id) {
@@ -693,14 +922,30 @@ private:
     // The model of a file that is about to be closed.
     void Closed(File& file) {
         file.isSettled = false;
+        NoteResident(file);
         const bool isTemporary = (file.flag & FM_FILE_TEMPORARY) != 0;
         if (isTemporary || file.isChanged || file.isHarmed) {
             const bool isHarmed = file.isHarmed;
+            const Saved rescued = std::move(file.rescued);
             ForgetDisk(file);
+            file.rescued = isTemporary ? Saved() : rescued;
             if (!isHarmed)
                 file.saving.emplace(isTemporary ? std::nullopt : std::optional(Snapshot(file)));
         }
         Leave(file);
+    }
+
+    // Blocks in memory are stored again if another program has removed or truncated the files.
+    void NoteResident(File& file) {
+        file.rescued.clear();
+        if (!file.isHarmed || file.isRewritten || file.isForeign || m_isThreaded || IsFaulty() ||
+            file.isDisplaced)
+            return;
+        for (const auto& [id, model] : file.table) {
+            const BlockRef block = Cache::Block(*file.ref, id, 0);
+            if (model.version != 0 && block && block->IsInMemory())
+                file.rescued[id] = model.version;
+        }
     }
 
     void Leave(File& file) {
@@ -713,6 +958,7 @@ private:
         file.attached = 0;
         file.isChanged = false;
         file.isHarmed = false;
+        file.isRewritten = false;
     }
 
     // --- Blocks ---------------------------------------------------------------------------------
@@ -762,7 +1008,7 @@ private:
         model.bytes = (isRewrite ? std::string() : model.bytes) + whole.substr(pos, size);
         model.length = wholeLength;
         model.version = 0;
-        model.isLost = false;
+        model.isLost = file.isHarmed; // the path of the data file is checked once a second
         if (model.bytes.size() == model.length) {
             History(file, PickID(step)).push_back({file.generation, model.bytes});
             model.version = version;
@@ -931,9 +1177,13 @@ private:
     faults::Action m_action = faults::NOTHING;
     uint32_t m_faults = 0; // steps in which a system call has failed
     std::string m_violation;
+    int m_lines = 0; // log lines of this step
     uint32_t m_generation = 0;
     uint16_t m_days = 7;
     bool m_isRunning = false;
+    int m_questions = 0; // callbacks that were asked for
+    int m_answers = 0;
+    int m_storeLock = -1; // another server's
     std::map<std::pair<uint32_t, uint32_t>, std::vector<Version>> m_history;
     TestClock m_clock;
     Cache m_cache{Directory(), false};
@@ -978,7 +1228,6 @@ Program FromBytes(const uint8_t* data, size_t size) {
 
 std::string Run(const Program& program, std::string* trace) {
     CRtEventQueue::SetStepping(true);
-    RtSetLogSink(nullptr, nullptr, RT_LOG_SILENT);
     return World(program, false, trace).Run();
 }
 

@@ -183,11 +183,11 @@ void CFileManager::StopReadwrThread() {
 void CFileManager::WriteWaitingInfo() {
     if (m_clearDays == 1)
         DropTables();
-    for (const FileRef& file : m_live.Get(nullptr)) {
+    for (const FileRef& file : m_live.Get(nullptr))
         file->SaveFileInfo_m();
-        file->GetEntry().CloseStreams(); // pending events and users may keep the object
-    }
     m_live.SaveUnsaved(); // releases the files whose tables are written by now
+    for (const FileRef& file : m_live.Get(nullptr))
+        file->GetEntry().CloseStreams(); // pending events and users may keep the object
 }
 
 // `call`: where the process stands.
