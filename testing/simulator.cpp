@@ -31,6 +31,7 @@ namespace {
 
 constexpr uint32_t FILES = 4;
 constexpr uint32_t BLOCKS = 6; // identifiers start at 1
+constexpr size_t CALLS = 29;   // in the table of calls
 constexpr size_t STEPS_MAX = 60;
 constexpr int LINES_MAX = 200; // of a step
 constexpr int64_t TICK_MS = 60'001;
@@ -256,7 +257,8 @@ private:
                      {"restart", &W::RestartStep},
                      {"housekeep", &W::KeepHouse},
                      {"foreign", &W::Foreign}};
-        const auto& entry = calls[step.call % std::size(calls)];
+        static_assert(std::size(calls) == CALLS);
+        const auto& entry = calls[step.call % CALLS];
         File& file = m_files[step.file % FILES];
         Trace(std::to_string(m_next) + " " + entry.name + " " + std::to_string(file.id.Data1) +
               "/" + std::to_string(step.block % BLOCKS + 1));
@@ -448,7 +450,6 @@ private:
             return;
         Trace("  harmed " + std::to_string(file.id.Data1));
         Unlock(file);
-        bool isDataLost = true;
         switch (how % 8) {
         case 0:
             fs::resize_file(data, length / 2, ignored);
@@ -466,11 +467,9 @@ private:
             fs::remove(info, ignored);
             break;
         case 4: // a magic that would control a terminal
-            isDataLost = false;
             Overwrite(info, 0, "\x1b[2J");
             break;
         case 5: { // a table that announces more entries than it has
-            isDataLost = false;
             const std::string bytes = ReadFile(info);
             if (bytes.size() > FM_INFO_BODY_OFFSET)
                 Overwrite(info,
@@ -489,9 +488,9 @@ private:
                 Unlock(each);
             fs::remove_all(data.parent_path(), ignored);
             for (File& each : m_files)
-                Harmed(each, true);
+                Harmed(each);
         }
-        Harmed(file, isDataLost);
+        Harmed(file);
         file.isRewritten = file.isRewritten || fs::exists(data);
     }
 
@@ -501,11 +500,12 @@ private:
             WriteFile(path, content.replace(at, bytes.size(), bytes));
     }
 
-    static void Harmed(File& file, bool isDataLost) {
+    // If the stream was closed since, the library takes the file for another server's.
+    static void Harmed(File& file) {
         ForgetDisk(file);
         file.isHarmed = true;
         for (auto& [id, block] : file.table)
-            block.isLost = block.isLost || isDataLost;
+            block.isLost = true;
     }
 
     // --- Another server -------------------------------------------------------------------------
@@ -564,10 +564,8 @@ private:
 
     // The cache has been cleared.
     void ForgetFiles() {
-        if (m_storeLock >= 0)
-            return;
         for (File& file : m_files) {
-            if (IsFaulty())
+            if (IsFaulty() || m_storeLock >= 0) // another server uses the store: nothing is cleared
                 ForgetDisk(file);
             else
                 SetDisk(file, std::nullopt);
@@ -817,10 +815,11 @@ private:
         file.saving.reset();
         file.rescued.clear();
         file.isSettled = true;
-        if (file.lock >= 0) {
-            Require(result != RT_OK, "a file of another server does not load");
+        if (file.lock >= 0 && result != RT_OK)
             return false;
-        }
+        // A file system without locks: the call fails, and the file is used as it is.
+        Require(file.lock < 0 || IsFaulty(), "a file of another server does not load");
+        Unlock(file);
         if (result != RT_OK) {
             Require(IsFaulty() || file.promised.empty(), "a saved file loads");
             Require(IsFaulty() || !file.isKnown || !file.disk, "a saved file loads");
@@ -1199,16 +1198,22 @@ private:
 
 } // namespace
 
+// Each program uses few kinds of calls and mostly one block of one file: calls that interact are then frequent.
 Program Generate(uint64_t seed) {
     std::mt19937_64 random(seed);
     Program program(10 + random() % (STEPS_MAX - 10));
     const bool isFaulty = random() % 4 != 0;
+    const uint64_t calls = random() | 1; // 1: a write
+    const uint64_t hot = random();
     for (Step& step : program) {
         const uint64_t value = random();
         const uint64_t order = random();
-        step.call = static_cast<uint8_t>(value);
-        step.file = static_cast<uint8_t>(value >> 8);
-        step.block = static_cast<uint8_t>(value >> 16);
+        do
+            step.call = static_cast<uint8_t>(random());
+        while (!(calls >> step.call % CALLS & 1));
+        const uint64_t target = value >> 48 & 1 ? hot : value;
+        step.file = static_cast<uint8_t>(target >> 8);
+        step.block = static_cast<uint8_t>(target >> 16);
         step.how = static_cast<uint8_t>(value >> 24);
         step.size = static_cast<uint16_t>(value >> 32);
         step.down = static_cast<uint8_t>(order % 4);
