@@ -83,8 +83,8 @@ struct Version {
 
 class World {
 public:
-    World(const Program& program, bool isThreaded, std::string* trace)
-        : m_program(program), m_isThreaded(isThreaded), m_trace(trace) {
+    World(const Program& program, bool isThreaded, std::string* trace, bool isLogTraced)
+        : m_program(program), m_isThreaded(isThreaded), m_isLogTraced(isLogTraced), m_trace(trace) {
         // Housekeeping is due at the first tick, whatever ran in this process before.
         static int64_t seconds = 1'000'000'000;
         m_clock.seconds = seconds =
@@ -94,7 +94,7 @@ public:
         for (uint32_t i = 0; i < FILES; ++i)
             m_files[i].id = {i + 1, 0x51D, 0, {1, 2, 3, 4, 5, 6, 7, 8}};
         if (!isThreaded)
-            RtSetLogSink(&World::TakeLine, this, trace ? RT_LOG_TRACE : RT_LOG_WARNING);
+            RtSetLogSink(&World::TakeLine, this, isLogTraced ? RT_LOG_TRACE : RT_LOG_WARNING);
         Start(7);
     }
     ~World() { RtSetLogSink(nullptr, nullptr, RT_LOG_SILENT); }
@@ -177,7 +177,8 @@ private:
         World& world = *static_cast<World*>(self);
         const std::string_view line(text);
         const std::string_view stable = line.substr(0, line.find(" this="));
-        world.Trace("    " + std::string(stable) + "\n");
+        if (world.m_isLogTraced)
+            world.Trace("    " + std::string(stable) + "\n");
         world.m_lines += level <= RT_LOG_WARNING ? 1 : 0;
         world.Require(world.m_lines < LINES_MAX, "a step writes few log lines");
         world.Require(std::ranges::none_of(line, [](char each) { return each >= 0 && each < ' '; }),
@@ -947,11 +948,18 @@ private:
         }
     }
 
+    // The chosen blocks are no longer in the table of an open file.
+    template <class Choose>
+    void Part(Choose isChosen) {
+        const auto part = [&](Held& held) { held.isOpen = held.isOpen && !isChosen(held); };
+        for (const auto& held : m_held)
+            part(*held);
+        for (const Wait& wait : m_waits)
+            part(*wait.GetHeld());
+    }
+
     void Leave(File& file) {
-        for (const auto& held : m_held) {
-            if (held->block->GetFileID() == file.id)
-                held->isOpen = false;
-        }
+        Part([&](const Held& held) { return held.block->GetFileID() == file.id; });
         file.table.clear();
         file.ref.Reset();
         file.attached = 0;
@@ -1040,10 +1048,7 @@ private:
             return;
         BeginWrite(file, PickID(step));
         file.table.erase(PickID(step));
-        for (const auto& held : m_held) {
-            if (held->block.Get() == removed.Get())
-                held->isOpen = false;
-        }
+        Part([&](const Held& held) { return held.block.Get() == removed.Get(); });
     }
 
     void Read(const Step& step, File& file) {
@@ -1170,6 +1175,7 @@ private:
 
     const Program& m_program;
     const bool m_isThreaded;
+    const bool m_isLogTraced;
     std::string* const m_trace;
     size_t m_next = 0;
     int m_depth = 0;
@@ -1231,15 +1237,15 @@ Program FromBytes(const uint8_t* data, size_t size) {
     return program;
 }
 
-std::string Run(const Program& program, std::string* trace) {
+std::string Run(const Program& program, std::string* trace, bool withLog) {
     CRtEventQueue::SetStepping(true);
-    return World(program, false, trace).Run();
+    return World(program, false, trace, withLog).Run();
 }
 
 std::string RunThreaded(const Program& program) {
     CRtEventQueue::SetStepping(false);
     RtSetLogSink(nullptr, nullptr, RT_LOG_SILENT);
-    return World(program, true, nullptr).Run();
+    return World(program, true, nullptr, false).Run();
 }
 
 std::string RunInChild(const Program& program, bool withTrace) {
@@ -1254,7 +1260,7 @@ std::string RunInChild(const Program& program, bool withTrace) {
     if (child == 0) {
         ::alarm(timeoutSeconds);
         std::string trace;
-        std::string violation = Run(program, withTrace ? &trace : nullptr);
+        std::string violation = Run(program, withTrace ? &trace : nullptr, withTrace);
         violation += violation.empty() ? "" : "\n" + trace;
         [[maybe_unused]] const auto written = ::write(ends[1], violation.data(), violation.size());
         ::_exit(0);

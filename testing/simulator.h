@@ -32,7 +32,8 @@ Program FromBytes(const uint8_t* data, size_t size);
 
 /// Runs a program in a new cache. Returns the first violated expectation, or an empty string.
 /// @param[out] trace what happened, one line for each step, if not null.
-std::string Run(const Program& program, std::string* trace = nullptr);
+/// @param withLog add the lines of the library's log to the trace.
+std::string Run(const Program& program, std::string* trace = nullptr, bool withLog = false);
 
 /// Runs the calls of a program with both threads running freely and without faults. Result as for Run.
 std::string RunThreaded(const Program& program);
