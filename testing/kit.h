@@ -155,7 +155,7 @@ public:
 
 private:
     uint32_t m_id = 0; // 0 after End
-    void* m_handle = nullptr;
+    [[maybe_unused]] void* m_handle = nullptr; // on Windows
 };
 
 // The factor by which system calls are slower than on the fastest system. Tests divide repeat counts by it.

@@ -23,28 +23,6 @@ std::vector<uint32_t> BlocksOf(const Unsaved& unsaved) {
     return ids;
 }
 
-// The pair of files of a cached file as it is at this moment, as a kill would leave it.
-class Snapshot {
-public:
-    Snapshot(const Cache& cache, const FMFileID& id)
-        : m_data(cache.Path(id, ".sdd")), m_info(cache.Path(id, ".sdi")) {
-        fs::copy_file(m_data, m_kept.path / "data");
-        fs::copy_file(m_info, m_kept.path / "info");
-    }
-    // Ends the manager's run and starts the next one with these files.
-    void Restart(Cache& cache) const {
-        cache.Stop();
-        fs::copy_file(m_kept.path / "data", m_data, fs::copy_options::overwrite_existing);
-        fs::copy_file(m_kept.path / "info", m_info, fs::copy_options::overwrite_existing);
-        cache.Start();
-    }
-
-private:
-    const TempDir m_kept;
-    const fs::path m_data;
-    const fs::path m_info;
-};
-
 } // namespace
 
 TEST(Durability, ABlockGoesThroughItsStates) {
@@ -96,79 +74,6 @@ TEST(Durability, ABlockGoesThroughItsStates) {
     EXPECT_EQ(BlocksOf(unsaved), std::vector<uint32_t>{1});
     block->WriteData(4, 0, piece.get());
     EXPECT_FALSE(Survives(block));
-}
-
-TEST(Durability, AfterAFlushAKillLosesNothing) {
-    LogCapture quiet(RT_LOG_SILENT);
-    Cache cache;
-    FileRef file = cache.Create();
-    const FMFileID id = file->GetFileInfo().fileID;
-    Unsaved unsaved;
-    for (uint32_t round = 1; round <= 3; ++round) { // new blocks, and rewrites in place
-        for (uint32_t block = 1; block <= round * 20; ++block)
-            Write(*Cache::Block(*file, block), Pattern(round * 1000 + block, 500));
-        ASSERT_EQ(FMFlush(unsaved), RT_OK);
-    }
-    const Snapshot snapshot(cache, id);
-    for (uint32_t block = 1; block <= 30; ++block) // after the flush: these entries are revoked
-        Write(*Cache::Block(*file, block), Pattern(9000 + block, 500));
-    FMWaitUntilIdle();
-    const Snapshot later(cache, id);
-    file.Reset();
-    for (const auto& [taken, firstKept] : {std::pair(&snapshot, 1U), std::pair(&later, 31U)}) {
-        taken->Restart(cache);
-        file = cache.Open(id);
-        ASSERT_TRUE(file);
-        for (uint32_t block = 1; block <= 60; ++block) {
-            const BlockRef found = Cache::Block(*file, block, 0);
-            ASSERT_TRUE(found);
-            if (block >= firstKept)
-                EXPECT_EQ(Read(*found), Pattern(3000 + block, 500)) << block;
-            else
-                EXPECT_FALSE(found->IsComplete()) << block;
-        }
-        cache.Close(file);
-    }
-}
-
-TEST(Durability, ABlockThatIsNotStoredAtAFlushIsSavedAtTheClose) {
-    LogCapture quiet(RT_LOG_SILENT);
-    Cache cache;
-    FileRef file = cache.Create();
-    const FMFileID id = file->GetFileInfo().fileID;
-    for (const uint32_t block : {1U, 2U})
-        Write(*Cache::Block(*file, block), "first");
-    FMWaitUntilIdle();
-    const CRtMessageChain piece = CRtMessageBlock::Wrap("12", 2);
-    const BlockRef filling = Cache::Block(*file, 2);
-    filling->WriteData(5, 0, piece.get()); // a rewrite in place
-    bool isDone = false;
-    const auto done = [&](int result, const Unsaved& unsaved) {
-        EXPECT_EQ(result, RT_ERROR_IO); // block 3 was accepted after the call
-        EXPECT_EQ(BlocksOf(unsaved), std::vector<uint32_t>{3});
-        isDone = true;
-    };
-    EXPECT_EQ(FMFlushAsync(done), RT_OK);
-    Cache::RunReadwrQueue();
-    const BlockRef late = Cache::Block(*file, 3);
-    {
-        const Gate gate;
-        Write(*late, "third");
-        EXPECT_FALSE(isDone);
-        cache.thread.RunDue();
-        EXPECT_TRUE(isDone);
-    }
-    const CRtMessageChain rest = CRtMessageBlock::Wrap("345", 3);
-    filling->WriteData(5, 2, rest.get());
-    FMWaitUntilIdle();
-    for (const BlockRef* block : {&filling, &late}) {
-        EXPECT_EQ(ConditionOf(*block), Condition::Stored);
-        EXPECT_FALSE(Survives(*block));
-    }
-    cache.Close(file);
-    file = cache.Open(id);
-    EXPECT_EQ(Read(*Cache::Block(*file, 2, 0)), "12345");
-    EXPECT_EQ(Read(*Cache::Block(*file, 3, 0)), "third");
 }
 
 TEST(Durability, AFlushListsWhatItCouldNotWriteAndTheNextOneWritesIt) {
@@ -235,59 +140,6 @@ TEST(Durability, ACallWhenIdleComesAfterEverythingThatWasQueued) {
     EXPECT_TRUE(fs::exists(cache.Path(id, ".sdi")));
     EXPECT_EQ(FMGetUnstoredBytes(), 0U);
     EXPECT_EQ(FMCallWhenIdle({}), RT_ERROR_INVALID_ARG);
-}
-
-TEST(Durability, AFlushAndAClosingFileLoseNothing) {
-    LogCapture quiet(RT_LOG_SILENT);
-    Cache cache;
-    FileRef file = cache.Create();
-    const FMFileID id = file->GetFileInfo().fileID;
-    for (const uint32_t block : {1U, 2U})
-        Write(*Cache::Block(*file, block), "first");
-    Unsaved unsaved;
-    EXPECT_EQ(FMFlush(unsaved), RT_OK);
-    // A rewrite that begins with an empty piece, and a flush before its bytes.
-    const CRtMessageChain empty = CRtMessageBlock::Wrap("", 0);
-    EXPECT_EQ(Cache::Block(*file, 2)->WriteData(5, 0, empty.get()), RT_OK);
-    EXPECT_EQ(FMFlush(unsaved), RT_OK);
-    Write(*Cache::Block(*file, 2), "again");
-    // The file is closed while a flush is queued and a store of the file is not.
-    int result = -1;
-    EXPECT_EQ(FMFlushAsync([&](int flushed, const Unsaved&) { result = flushed; }), RT_OK);
-    Cache::RunReadwrQueue();
-    {
-        const Gate gate;
-        Write(*Cache::Block(*file, 3), "third");
-        cache.Close(file);
-        cache.thread.RunDue();
-    }
-    while (result == -1)
-        cache.thread.RunDue();
-    EXPECT_EQ(result, RT_OK);
-    file = cache.Open(id);
-    ASSERT_TRUE(file);
-    EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), "first");
-    EXPECT_EQ(Read(*Cache::Block(*file, 2, 0)), "again");
-    EXPECT_EQ(Read(*Cache::Block(*file, 3, 0)), "third");
-}
-
-TEST(Durability, AFlushThatFindsTheDataFileTruncatedKeepsResidentBlocks) {
-    LogCapture quiet(RT_LOG_SILENT);
-    Cache cache;
-    FileRef file = cache.Create();
-    const FMFileID id = file->GetFileInfo().fileID;
-    Write(*Cache::Block(*file, 1), "first");
-    Write(*Cache::Block(*file, 2), "second");
-    FMWaitUntilIdle();
-    fs::resize_file(cache.Path(id, ".sdd"), 2);
-    Unsaved unsaved;
-    EXPECT_EQ(FMFlush(unsaved), RT_ERROR_IO);
-    EXPECT_EQ(BlocksOf(unsaved), (std::vector<uint32_t>{1, 2}));
-    EXPECT_EQ(FMFlush(unsaved), RT_OK); // it has stored them again
-    cache.Close(file);
-    file = cache.Open(id);
-    EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), "first");
-    EXPECT_EQ(Read(*Cache::Block(*file, 2, 0)), "second");
 }
 
 TEST(Durability, CallsWhenIdleDoNotWaitForEachOther) {
