@@ -13,6 +13,7 @@
 #include "FMDurability.h"
 #include "FMStatistics.h"
 #include "util/filemanager/filemanager.h"
+#include "util/filemanager/statistics.h"
 
 namespace sim {
 
@@ -42,8 +43,12 @@ void World::End() {
     m_waits.clear();
     m_held.clear();
     Stop();
-    Require(g_counters.filesCreated == g_counters.filesDestroyed, "every file is released");
-    Require(g_counters.blocksCreated == g_counters.blocksDestroyed, "every block is released");
+    Require(g_statistics.Get(CFMStatistics::FilesCreated) ==
+                g_statistics.Get(CFMStatistics::FilesDestroyed),
+            "every file is released");
+    Require(g_statistics.Get(CFMStatistics::BlocksCreated) ==
+                g_statistics.Get(CFMStatistics::BlocksDestroyed),
+            "every block is released");
     Require(CFileManager::Instance()->GetMemoryInUse() == 0, "no memory is in use");
     Require(m_answers == m_questions, "every callback is called once");
 }

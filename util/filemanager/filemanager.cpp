@@ -50,7 +50,6 @@ int Refuse(IRtEvent* event, int result) {
 } // namespace
 
 thread_local bool CFileManager::t_isReadwrThread = false;
-FMCounters g_counters;
 std::atomic<CFileManager*> CFileManager::s_alive{nullptr};
 
 IFileManager::~IFileManager() = default;

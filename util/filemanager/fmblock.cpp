@@ -33,14 +33,14 @@ void CheckReadwrThread() {
 
 CFMBlock::CFMBlock(CFMBlockOwner* file, uint32_t blockID, uint64_t now)
     : m_file(file), m_blockID(blockID), m_lastAccessTime(now) {
-    ++g_counters.blocksCreated;
+    g_statistics.Add(CFMStatistics::BlocksCreated);
     RT_LOG(RT_LOG_TRACE, "CFMBlock::CFMBlock, blockID=" << m_blockID << " this=" << this);
 }
 
 CFMBlock::~CFMBlock() = default;
 
 void CFMBlock::ReleaseMembers() {
-    ++g_counters.blocksDestroyed;
+    g_statistics.Add(CFMStatistics::BlocksDestroyed);
     RT_LOG(RT_LOG_TRACE, "CFMBlock::~CFMBlock, blockID=" << m_blockID << ",readsinks="
                                                          << uint64_t{m_readsinks.size()}
                                                          << " this=" << this);

@@ -12,6 +12,7 @@
 #include "fmrules.h"
 #include "mistakes.h"
 #include "os/RtOs.h"
+#include "statistics.h"
 
 namespace {
 
@@ -28,7 +29,7 @@ uint32_t Now() { return static_cast<uint32_t>(CRtTimeValue::GetTimeOfDay().GetSe
 
 CFMFile::CFMFile(const FMFileInfo& fileInfo)
     : m_fileInfo(fileInfo), m_createTime(Now()), m_pathID(fileInfo.fileID) {
-    ++g_counters.filesCreated;
+    g_statistics.Add(CFMStatistics::FilesCreated);
     RT_LOG(RT_LOG_TRACE, "CFMFile::CFMFile, fileID="
                              << FMFileIDToString(m_fileInfo.fileID) << ",flag=" << m_fileInfo.flag
                              << ",blockbeg=" << m_fileInfo.blockBeg << ",num=" << m_fileInfo.num
@@ -40,7 +41,7 @@ CFMFile::CFMFile(const FMFileInfo& fileInfo)
 }
 
 CFMFile::CFMFile(const CRtString& stem) {
-    ++g_counters.filesCreated;
+    g_statistics.Add(CFMStatistics::FilesCreated);
     RT_LOG(RT_LOG_TRACE, "CFMFile::CFMFile, fileName=" << stem << " this=" << this);
     FMFileIDFromString(stem, m_pathID);
     MakeDiskFiles(stem, false);
@@ -68,7 +69,7 @@ CRtString CFMFile::GetLogName() const {
 }
 
 CFMFile::~CFMFile() {
-    ++g_counters.filesDestroyed;
+    g_statistics.Add(CFMStatistics::FilesDestroyed);
     RT_LOG(RT_LOG_TRACE,
            "CFMFile::~CFMFile, fileID=" << FMFileIDToString(m_fileInfo.fileID) << ", fileFlag="
                                         << (m_fileFlag.load() & FLAGS_LOGGED) << " this=" << this);

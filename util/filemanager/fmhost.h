@@ -2,7 +2,6 @@
 // Implemented in filemanager.cpp.
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -13,18 +12,6 @@
 class CFMBlock;
 class CFMBlockOwner;
 class CFMFile;
-
-/// Process-wide counters of the statistics line. Any thread adds, atomically.
-struct FMCounters {
-    std::atomic<uint32_t> filesCreated{0};
-    std::atomic<uint32_t> filesDestroyed{0};
-    std::atomic<uint32_t> blocksCreated{0};
-    std::atomic<uint32_t> blocksDestroyed{0};
-    std::atomic<uint32_t> timeSetOwner{0}; // milliseconds, as the two below
-    std::atomic<uint32_t> timeGetOwner{0};
-    std::atomic<uint32_t> timeGetOwners{0};
-};
-extern FMCounters g_counters;
 
 namespace FMHost {
 

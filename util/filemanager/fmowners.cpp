@@ -7,6 +7,7 @@
 #include "fmblock.h"
 #include "fmhost.h"
 #include "mistakes.h"
+#include "statistics.h"
 
 namespace {
 
@@ -18,13 +19,13 @@ using OwnerList = std::vector<CRtComAutoPtr<ISDUser>>;
 // Adds the milliseconds of its lifetime to a statistics counter.
 class CTimeCount {
 public:
-    explicit CTimeCount(std::atomic<uint32_t>& counter) : m_counter(counter) {}
-    ~CTimeCount() { m_counter += static_cast<uint32_t>(GetTickCountEx() - m_start); }
+    explicit CTimeCount(CFMStatistics::Counter counter) : m_counter(counter) {}
+    ~CTimeCount() { g_statistics.Add(m_counter, GetTickCountEx() - m_start); }
     CTimeCount(const CTimeCount&) = delete;
     CTimeCount& operator=(const CTimeCount&) = delete;
 
 private:
-    std::atomic<uint32_t>& m_counter;
+    const CFMStatistics::Counter m_counter;
     uint64_t m_start = GetTickCountEx();
 };
 
@@ -108,7 +109,7 @@ int CFMBlock::GetOwners(const FMRetrieveItem&, uint16_t* count, SDDataAddressIte
 
 void CFMClientBlock::SetOwner(ISDUser* owner, int bOwn) noexcept {
     CFMMistakes::CheckThread("IFMBlock::SetOwner");
-    const CTimeCount time(g_counters.timeSetOwner);
+    const CTimeCount time(CFMStatistics::TimeSetOwner);
     if (!IsGiven(owner, "owner"))
         return;
     const CRtComAutoPtr<ISDUser> kept(owner); // the log line below reads it
@@ -134,7 +135,7 @@ ISDUser* CFMClientBlock::GetOwner() {
 
 void CFMServerBlock::SetOwner(ISDUser* owner, int bOwn) noexcept {
     CFMMistakes::CheckThread("IFMBlock::SetOwner");
-    const CTimeCount time(g_counters.timeSetOwner);
+    const CTimeCount time(CFMStatistics::TimeSetOwner);
     if (!IsGiven(owner, "owner"))
         return;
     const CRtComAutoPtr<ISDUser> kept(owner); // the log line below reads it
@@ -201,7 +202,7 @@ bool CFMServerBlock::HasOwner() {
 
 ISDUser* CFMServerBlock::GetOwner() {
     CFMMistakes::CheckThread("IFMBlock::GetOwner");
-    const CTimeCount time(g_counters.timeGetOwner);
+    const CTimeCount time(CFMStatistics::TimeGetOwner);
     if (!m_owners.empty())
         return PickOwner(m_owners);
     return m_netOwners.empty() ? nullptr : PickOwner(m_netOwners.begin()->second);
@@ -212,7 +213,7 @@ int CFMServerBlock::GetOwners(const FMRetrieveItem& retrieve, uint16_t* count,
     CFMMistakes::CheckThread("IFMBlock::GetOwners");
     if (!IsGiven(retrieve.m_userNode.Get(), "retrieve.m_userNode.Get()"))
         return RT_ERROR_INVALID_ARG;
-    const CTimeCount time(g_counters.timeGetOwners);
+    const CTimeCount time(CFMStatistics::TimeGetOwners);
     const uint16_t capacity = *count;
     uint16_t filled = 0;
     if (!retrieve.m_userNode->IsPublic()) {

@@ -34,6 +34,14 @@ public:
         StoreFailures,
         StoreRetries,
         StoreBatches,
+        // Of the statistics line only; times in milliseconds.
+        FilesCreated,
+        FilesDestroyed,
+        BlocksCreated,
+        BlocksDestroyed,
+        TimeSetOwner,
+        TimeGetOwner,
+        TimeGetOwners,
         COUNTERS, // also the state of a block that no counter counts
     };
     enum Histogram : uint8_t { LoadWait, LoadDisk, StoreWait, StoreDisk, HISTOGRAMS };

@@ -6,6 +6,7 @@
 #include "RtTimeValue.h"
 #include "filemanager.h"
 #include "fmfunctor.h"
+#include "statistics.h"
 
 namespace {
 constexpr int32_t TICKS_BETWEEN_STATISTICS = 2;
@@ -37,15 +38,16 @@ void CFileManager::LogStatistics(const char* occasion) {
 CRtString CFileManager::GetStatistics() {
     CheckValid();
     const auto number = [](auto value) { return static_cast<int>(value); };
+    const auto counter = [&](auto each) { return number(g_statistics.Get(each)); };
     char text[512] = {};
     std::snprintf(text, sizeof(text),
                   " cache: [memo-Max=%d Cur=%d] [files Cur=%d c-%d d-%d] [blocks c-%d d-%d] "
                   "[time s-%d g-%d p-%d]",
                   number(GetMemoryLimit()), number(GetMemoryInUse()), number(m_id2files.size()),
-                  number(g_counters.filesCreated.load()), number(g_counters.filesDestroyed.load()),
-                  number(g_counters.blocksCreated.load()),
-                  number(g_counters.blocksDestroyed.load()), number(g_counters.timeSetOwner.load()),
-                  number(g_counters.timeGetOwner.load()), number(g_counters.timeGetOwners.load()));
+                  counter(CFMStatistics::FilesCreated), counter(CFMStatistics::FilesDestroyed),
+                  counter(CFMStatistics::BlocksCreated), counter(CFMStatistics::BlocksDestroyed),
+                  counter(CFMStatistics::TimeSetOwner), counter(CFMStatistics::TimeGetOwner),
+                  counter(CFMStatistics::TimeGetOwners));
     return text;
 }
 
