@@ -378,7 +378,8 @@ void World::Harm(File& file, uint32_t how) {
             Harmed(each);
     }
     Harmed(file);
-    file.isRewritten = file.isRewritten || fs::exists(data);
+    // A file that is removed while the library opens it looks like one of another server.
+    file.isRewritten = file.isRewritten || fs::exists(data) || m_action == faults::CALL;
 }
 
 void World::Overwrite(const fs::path& path, size_t at, const std::string& bytes) {
@@ -544,10 +545,12 @@ void World::FlushLater(const Step& step, File&) {
     BeginFlush();
     FMFlushAsync([this, answer](int result, const std::vector<FMUnsavedBlock>& unsaved) {
         answer();
-        if (result == RT_ERROR_NOT_READY || faults::IsFrozen())
+        if (result == RT_ERROR_NOT_READY)
+            return;
+        BeginFlush(); // a kill while a table is written loses the blocks that it names
+        if (faults::IsFrozen())
             return;
         Require(result != RT_OK || unsaved.empty(), "a flush lists what it has not written");
-        BeginFlush();
         for (File& file : m_files) {
             for (const auto& [id, block] : file.table)
                 PromiseSurvivor(file, id, block);
