@@ -154,7 +154,7 @@ public:
     uint32_t Id() const { return m_id; }
 
 private:
-    uint32_t m_id = 0; // 0 after End
+    uint32_t m_id = 0;                         // 0 after End
     [[maybe_unused]] void* m_handle = nullptr; // on Windows
 };
 

@@ -19,7 +19,11 @@ Program Generate(uint64_t seed) {
     std::mt19937_64 random(seed);
     Program program(10 + random() % (STEPS_MAX - 10));
     const bool isFaulty = random() % 4 != 0;
-    const uint64_t calls = random() | 1; // 1: a write
+    // One bit for each call: a quarter or half of them, and always the first, a write.
+    uint64_t calls = random();
+    if (random() % 2)
+        calls &= random();
+    calls |= 1;
     const uint64_t hot = random();
     for (Step& step : program) {
         const uint64_t value = random();

@@ -183,10 +183,16 @@ void World::TableWritten(File& file) {
     if (file.saving && !IsFaulty())
         SetDisk(file, std::move(*file.saving));
     else if (file.saving)
-        ForgetDisk(file);
+        TableFailed(file);
     if (!rescued.empty() && !IsFaulty())
         file.promised = rescued;
     file.saving.reset();
+}
+
+void World::TableFailed(File& file) {
+    Saved stored = std::move(file.stored);
+    ForgetDisk(file);
+    file.retried = std::move(stored);
 }
 
 // Both threads are idle.
@@ -213,6 +219,8 @@ void World::CheckCondition(const File& file, uint32_t id, const Block& model) {
     const FMBlockStatus status = FMGetBlockStatus(*block);
     Require((status.condition == FMBlockCondition::Stored) == (model.version != 0),
             Name(file, id) + " is stored");
+    Require(!status.survivesKill || !model.isUnsaved,
+            Name(file, id) + " has changed since the last table");
     Require(status.isResident || model.bytes.empty() || model.version != 0,
             Name(file, id) + " is stored before it is released");
 }
@@ -221,6 +229,8 @@ void World::SetDisk(File& file, std::optional<Saved> saved) {
     if (faults::IsFrozen()) // whether it was written before the kill is unknown
         return ForgetDisk(file);
     file.isKnown = true;
+    file.stored.clear();
+    file.retried.clear();
     file.isForeign = file.isForeign && saved && file.generation == file.diskGeneration;
     file.promised.clear();
     if (saved)
@@ -234,6 +244,8 @@ void World::ForgetDisk(File& file) {
     file.promised.clear();
     file.saving.reset();
     file.rescued.clear();
+    file.stored.clear();
+    file.retried.clear();
 }
 
 // --- Faults ------------------------------------------------------------------------------------
@@ -278,6 +290,7 @@ void World::BeginFault(const Step& step) {
         SetCallback([this, &file, how = step.at] {
             // Not a truncation: a store that has just checked the length cannot notice it.
             Harm(file, how % 8 == 0 ? 1 : how);
+            m_clock.Advance(2000); // the check of the path, once a second, is due
         });
         break;
     }
@@ -303,7 +316,7 @@ void World::EndFault() {
         return Die();
     for (File& file : m_files) {
         if (!file.ref && !file.isSettled)
-            ForgetDisk(file);
+            TableFailed(file);
     }
 }
 
@@ -313,6 +326,8 @@ void World::Die() {
     for (File& file : m_files) {
         if (file.ref || !file.isSettled)
             file.isKnown = file.isKnown && !file.isChanged && !file.saving && !file.isHarmed;
+        file.stored.clear();
+        file.retried.clear();
         Leave(file);
         file.saving.reset();
         file.isSettled = true;
@@ -568,6 +583,7 @@ bool World::PromiseSurvivor(File& file, uint32_t id, const Block& model) {
     const bool survives = FMGetBlockStatus(*block).survivesKill;
     if (survives && !file.isHarmed && model.version != 0)
         file.promised[id] = model.version;
+    file.table[id].isUnsaved = !survives;
     return survives;
 }
 

@@ -29,9 +29,10 @@ constexpr int64_t DAY_MS = 86'400'000;
 
 struct Block {
     uint32_t length = 0;
-    std::string bytes;    // the pieces that were accepted
-    uint32_t version = 0; // not 0: complete
-    bool isLost = false;  // another program has changed the data file: a read may fail
+    std::string bytes;      // the pieces that were accepted
+    uint32_t version = 0;   // not 0: complete
+    bool isLost = false;    // another program has changed the data file: a read may fail
+    bool isUnsaved = false; // since the last flush
 };
 
 /// The versions of complete blocks.
@@ -59,6 +60,9 @@ struct File {
     std::optional<std::optional<Saved>> saving;
     Saved
         rescued; // closed: what a load finds after that, although another program removed the files
+    Saved stored; // closed: in the data file, although the table may not be written yet
+    Saved
+        retried; // as `stored`, after the table could not be written: the library keeps it and retries
     bool isSettled = true; // closed, and all events have run since
     uint32_t diskGeneration = 0;
 };
@@ -140,6 +144,7 @@ private:
     bool Up();
     void Settle();
     void TableWritten(File& file);
+    static void TableFailed(File& file);
     void CheckFigures();
     void CheckCondition(const File& file, uint32_t id, const Block& model);
     static void SetDisk(File& file, std::optional<Saved> saved);
@@ -192,6 +197,7 @@ private:
     void CloseStep(const Step&, File& file) { Close(file); }
     void Close(File& file);
     void Closed(File& file);
+    Saved StoredBlocks(const File& file) const;
     void NoteResident(File& file);
     void Part(const std::function<bool(const Held&)>& isChosen);
     void Leave(File& file);

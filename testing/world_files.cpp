@@ -2,6 +2,9 @@
 #include "testing/world.h"
 
 #include <algorithm>
+#include <utility>
+
+#include "FMDurability.h"
 
 namespace sim {
 
@@ -32,6 +35,8 @@ void World::CreateStep(const Step& step, File& file) {
         ForgetDisk(file); // its table may be written before or after
     Unlock(file);
     file.rescued.clear();
+    file.stored.clear();
+    file.retried.clear();
     file.isDisplaced = file.isDisplaced || file.ref;
     Leave(file);
     Require(m_cache.manager->CreateFile(file.ref.Receive(), info) == RT_OK, "a file is created");
@@ -57,6 +62,8 @@ bool World::Load(File& file) {
     } else if (!wasSettled) {
         TableWritten(file); // the load waits for the table
     }
+    if (!IsFaulty() && !file.retried.empty())
+        file.promised = std::exchange(file.retried, {});
     file.saving.reset();
     file.rescued.clear();
     file.isSettled = true;
@@ -162,12 +169,27 @@ void World::Closed(File& file) {
     if (isTemporary || file.isChanged || file.isHarmed) {
         const bool isHarmed = file.isHarmed;
         const Saved rescued = std::move(file.rescued);
+        Saved stored = isHarmed || isTemporary ? Saved() : StoredBlocks(file);
         ForgetDisk(file);
+        file.stored = std::move(stored);
         file.rescued = isTemporary ? Saved() : rescued;
         if (!isHarmed)
             file.saving.emplace(isTemporary ? std::nullopt : std::optional(Snapshot(file)));
     }
     Leave(file);
+}
+
+Saved World::StoredBlocks(const File& file) const {
+    Saved stored;
+    if (m_isThreaded || IsFaulty() || file.isDisplaced)
+        return stored;
+    for (const auto& [id, model] : file.table) {
+        const BlockRef block = Cache::Block(*file.ref, id, 0);
+        if (model.version != 0 && block &&
+            FMGetBlockStatus(*block).condition == FMBlockCondition::Stored)
+            stored[id] = model.version;
+    }
+    return stored;
 }
 
 // Blocks in memory are stored again if another program has removed or truncated the files.
@@ -178,7 +200,9 @@ void World::NoteResident(File& file) {
         return;
     for (const auto& [id, model] : file.table) {
         const BlockRef block = Cache::Block(*file.ref, id, 0);
-        if (model.version != 0 && block && block->IsInMemory())
+        // A pending store may reach the removed file: the path is checked once a second.
+        if (model.version != 0 && block && block->IsInMemory() &&
+            FMGetBlockStatus(*block).condition != FMBlockCondition::Pending)
             file.rescued[id] = model.version;
     }
 }
@@ -256,6 +280,7 @@ void World::Write(const Step& step, File& file) {
 
 void World::BeginWrite(File& file, uint32_t id) {
     file.isChanged = true;
+    file.table[id].isUnsaved = true;
     file.promised.erase(id);
     if (file.generation != file.diskGeneration) // the older file is removed before the first store
         ForgetDisk(file);
