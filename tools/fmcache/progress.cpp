@@ -6,6 +6,7 @@
 #include "log.h"
 #include "platform.h"
 #include "sizes.h"
+#include "text.h"
 
 namespace {
 constexpr std::chrono::milliseconds DRAW_INTERVAL{100};
@@ -49,7 +50,7 @@ void Progress::Draw(Clock::time_point now) {
 
 std::string Progress::Amounts(double seconds) const {
     if (m_unit == Unit::Files)
-        return std::to_string(m_done) + " of " + std::to_string(m_total) + " files";
+        return std::to_string(m_done) + " of " + Count(m_total, "file");
     const auto speed = static_cast<uint64_t>(static_cast<double>(m_done) / seconds);
     return FormatSize(m_done) + " of " + FormatSize(m_total) + ", " + FormatSize(speed) + "/s";
 }

@@ -109,7 +109,7 @@ private:
     const fs::space_info space = fs::space(store, error);
     if (!error && (space.available < missing || space.available < plan.block))
         throw Failure("not enough space in " + Quoted(store.string()) + " for " + plan.Title() +
-                      ": it needs " + FormatSize(plan.length) + ", available are " +
+                      ": it needs " + FormatSize(plan.length) + ", and the disk has room for " +
                       FormatSize(there + space.available));
     throw Failure("cannot store " + plan.Title() + ": " + what + LogCause() +
                   "; check the disk, quotas and file-size limits");
@@ -145,7 +145,7 @@ public:
 
 private:
     // An empty file needs an information file, but the manager writes one only after a change. Removing a
-    // block without bytes counts as one and leaves the data file alone.
+    // block without bytes is a change, and creates no data file.
     void MarkChanged() {
         m_file.Block(FIRST_BLOCK, true);
         IFMBlock* removed = nullptr;
@@ -198,6 +198,14 @@ private:
     uint32_t m_settled = 0; // blocks known to be stored
 };
 
+// Housekeeping examines data files only: it would never remove an empty file without one.
+void CreateDataFile(const fs::path& file) {
+    if (!Stream(OpenNew(file), &std::fclose))
+        throw Failure("cannot create " + Quoted(file.string()) + ": " + ErrorText(errno));
+    std::error_code ignored; // the library's own mode; without it the file is usable, too
+    fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write, ignored);
+}
+
 void RequireWritable(const fs::path& store) {
     std::error_code error;
     if (!fs::is_directory(store, error))
@@ -215,8 +223,8 @@ void RequireStored(const fs::path& dir, const PutPlan& plan, const StorePaths& p
         if (!(stored->info.fileID == plan.info.fileID))
             throw Failure("the information file describes another file");
         if (blocks.size() != plan.Count())
-            throw Failure("the information file names " + std::to_string(blocks.size()) +
-                          " blocks instead of " + std::to_string(plan.Count()));
+            throw Failure("the information file names " + Count(blocks.size(), "block") +
+                          " instead of " + std::to_string(plan.Count()));
         for (uint32_t index = 0; index < blocks.size(); ++index) {
             if (blocks[index].totalLen != plan.LengthOfBlock(index))
                 throw Failure("block " + std::to_string(FIRST_BLOCK + index) + " is incomplete");
@@ -252,6 +260,8 @@ int Put(PutOptions& options) {
         RequireWritable(StoreDir(options.dir));
         Storing(session, plan, entry.Paths(), source).Run();
     }
+    if (length == 0)
+        CreateDataFile(entry.Paths().data);
     RequireStored(options.dir, plan, entry.Paths());
     CheckStop();
     PrintStored(options, plan);

@@ -63,6 +63,6 @@ PutPlan MakePlan(const PutOptions& options, uint64_t length) {
     const std::string fileName = isInput ? "stdin" : options.file.filename().string();
     plan.info.name = CRtString(CutName(options.name.empty() ? fileName : options.name));
     plan.info.blockBeg = FIRST_BLOCK;
-    plan.info.num = plan.Count(); // CreateFile replaces a number that is too large
+    plan.info.num = std::max(plan.Count(), 1U); // CreateFile replaces 0 by a larger number
     return plan;
 }

@@ -1,7 +1,9 @@
 #include "sizes.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 
@@ -12,7 +14,10 @@ std::string ToBytes(std::string& text) {
     constexpr bool kIsThousand = false;
     const std::string given = text;
     try {
-        if (CLI::AsSizeValue(kIsThousand)(text).empty() && !text.empty())
+        // CLI11 takes "-1" as the largest number, "K" as 1K, "010" as 8 and "0x10" as 16.
+        const bool isNumber = std::isdigit(static_cast<unsigned char>(text[0])) != 0;
+        text.erase(0, std::min(text.find_first_not_of('0'), text.size() - 1));
+        if (isNumber && text[0] != 'x' && CLI::AsSizeValue(kIsThousand)(text).empty())
             return "";
     } catch (const CLI::ValidationError&) {
     }

@@ -95,7 +95,13 @@ std::string TimeText(int64_t seconds) {
 }
 
 std::string Count(uint64_t number, const std::string& thing) {
-    return std::to_string(number) + " " + thing + (number == 1 ? "" : "s");
+    std::string text = std::to_string(number) + " " + thing;
+    if (number == 1)
+        return text;
+    if (!text.ends_with('y') || text.ends_with("ay")) // entry, but day
+        return text + "s";
+    text.pop_back();
+    return text + "ies";
 }
 
 void Print(std::string_view text) {

@@ -19,7 +19,7 @@ std::string Printable(std::string_view text);
 /// Seconds since 1970 as "2026-11-24 20:01:22 UTC"; "unknown" for 0.
 std::string TimeText(int64_t seconds);
 
-/// "1 block", "2 blocks".
+/// "1 block", "2 blocks", "3 entries".
 std::string Count(uint64_t number, const std::string& thing);
 
 /// Writes all of `text` to standard output. Throws Failure.

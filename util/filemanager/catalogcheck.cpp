@@ -205,7 +205,7 @@ void Checker::FindUnowned() {
         end = std::max(end, to);
     }
     if (m_file.dataLength > owned && !m_file.isOpenHere && !m_file.isOpenElsewhere)
-        Note(Count(m_file.dataLength - owned, "byte") + " of the data file are unreferenced",
+        Note(Count(m_file.dataLength - owned, "unreferenced byte") + " in the data file",
              "ignored");
 }
 
