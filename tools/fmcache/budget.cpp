@@ -5,13 +5,6 @@
 
 namespace {
 
-// Bytes that the file system allocates, about: it allocates whole pages for each of the two files.
-uint64_t Allocated(const FMCachedFile& file) {
-    constexpr uint64_t page = 4096;
-    const auto round = [](uint64_t bytes) { return (bytes + page - 1) / page * page; };
-    return round(file.infoLength) + round(file.dataLength);
-}
-
 // Files that the library does not keep or cannot load go first.
 bool IsWorthless(const Entry& entry) { return entry.IsTemporary() || !entry.file.isDescribed; }
 
@@ -32,7 +25,7 @@ public:
         : m_entries(entries), m_budget(budget), m_remove(remove), m_available(budget.available) {
         m_result.verdicts.resize(entries.size());
         for (const Entry& entry : entries)
-            m_result.size += LengthOf(entry.file);
+            m_result.size += entry.onDisk;
     }
 
     BudgetResult Run() {
@@ -81,10 +74,9 @@ private:
         verdict.isRemoved = verdict.error.empty();
         if (!verdict.isRemoved)
             return;
-        const FMCachedFile& file = m_entries[index].file;
-        m_result.size -= LengthOf(file);
-        const uint64_t room = std::numeric_limits<uint64_t>::max() - m_available;
-        m_available += std::min(room, Allocated(file));
+        const uint64_t freed = m_entries[index].onDisk;
+        m_result.size -= freed;
+        m_available += std::min(freed, std::numeric_limits<uint64_t>::max() - m_available);
     }
 
     const std::vector<Entry>& m_entries;

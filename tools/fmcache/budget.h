@@ -11,9 +11,9 @@
 #include "entry.h"
 
 struct Budget {
-    bool removeExpired = false;                                ///< judged in Entry::expiry
-    uint64_t maxSize = std::numeric_limits<uint64_t>::max();   ///< bytes of all cached files
-    uint64_t minFree = 0;                                      ///< bytes available on the disk
+    bool removeExpired = false;                              ///< judged in Entry::expiry
+    uint64_t maxSize = std::numeric_limits<uint64_t>::max(); ///< bytes on disk of all cached files
+    uint64_t minFree = 0;                                    ///< bytes available on the disk
     uint64_t available = std::numeric_limits<uint64_t>::max(); ///< bytes, before the run
 };
 
@@ -25,7 +25,7 @@ struct Verdict {
 
 struct BudgetResult {
     std::vector<Verdict> verdicts; ///< for each entry
-    uint64_t size = 0;             ///< bytes of the remaining files
+    uint64_t size = 0;             ///< bytes on disk of the remaining files
     uint64_t over = 0;             ///< bytes by which the budget is still exceeded
 };
 

@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "entry.h"
@@ -34,7 +36,8 @@ struct ClearOptions : StoreOptions {
 struct Contents {
     uint64_t entries = 0; // cached files
     uint64_t files = 0;
-    uint64_t bytes = 0;
+    uint64_t bytes = 0;  // on disk
+    uint64_t others = 0; // entries that are no cached files
 };
 
 // An entry that clear has not removed, and why.
@@ -43,66 +46,74 @@ struct Left {
     std::string reason;
 };
 
-Contents SumUp(const std::vector<Entry>& entries) {
-    Contents contents;
-    for (const Entry& entry : entries) {
+constexpr char FOREIGN[] = "not a cached file; --force removes it, too";
+constexpr char HELD_BACK[] = "clear removes all entries or none";
+
+struct Store {
+    StoreListing listing;
+    std::vector<Entry> entries;
+
+    bool Has(std::string_view name) const {
+        return std::ranges::binary_search(listing.foreign, name) ||
+               std::ranges::binary_search(listing.stems, name, {}, &CRtString::view);
+    }
+};
+
+Store ReadStore(const fs::path& path) {
+    StoreListing listing = ListStore(path);
+    std::vector<Entry> entries = ReadEntries(path, listing, KEEP_DAYS_DEFAULT, CurrentTime());
+    return {std::move(listing), std::move(entries)};
+}
+
+Contents SumUp(const Store& store) {
+    Contents contents{.others = store.listing.foreign.size()};
+    for (const Entry& entry : store.entries) {
         contents.entries += 1;
         contents.files += (entry.file.hasInfo ? 1U : 0U) + (entry.file.hasData ? 1U : 0U);
-        contents.bytes += LengthOf(entry.file);
+        contents.bytes += entry.onDisk;
     }
     return contents;
 }
 
-// Another process may have created files in the meantime.
-Contents Difference(const Contents& had, const Contents& has) {
-    return {had.entries - std::min(had.entries, has.entries),
-            had.files - std::min(had.files, has.files), had.bytes - std::min(had.bytes, has.bytes)};
-}
-
 std::string SummaryText(const Contents& contents) {
-    return Count(contents.entries, "cached file") + ", " + Count(contents.files, "file") +
-           " on disk, " + FormatSize(contents.bytes);
+    return Count(contents.entries, "cached file") + ", " + Count(contents.files, "file") + " and " +
+           FormatSize(contents.bytes) + " on disk" +
+           (contents.others > 0 ? ", " + Count(contents.others, "other entry") : "");
 }
 
-// The library removes the directory with all its contents, so nothing is removed while an entry must stay.
-std::vector<Left> FindObstacles(const StoreListing& listing, const std::vector<Entry>& entries,
-                                bool force) {
+// The library removes the directory with all its contents, so nothing is removed while an entry must stay. Then all
+// entries are left.
+std::vector<Left> FindObstacles(const Store& store, bool force) {
     std::vector<Left> left;
-    for (const Entry& entry : entries) {
-        const std::string name = ToString(entry.file.stem);
-        if (entry.IsOpen())
-            left.push_back({name, IN_USE});
-        else if (!force && entry.file.fileID == FMFileID_None)
-            left.push_back({name, "not a cached file; --force removes it, too"});
+    bool areAny = false;
+    const auto add = [&](const std::string& name, const char* obstacle) {
+        left.push_back({name, obstacle ? obstacle : HELD_BACK});
+        areAny = areAny || obstacle;
+    };
+    for (const Entry& entry : store.entries) {
+        const bool isForeign = !force && entry.file.fileID == FMFileID_None;
+        add(ToString(entry.file.stem), entry.IsOpen() ? IN_USE : isForeign ? FOREIGN : nullptr);
     }
-    for (const std::string& name : listing.foreign) {
-        if (!force)
-            left.push_back({name, "not a cached file; --force removes it, too"});
-    }
-    return left;
+    for (const std::string& name : store.listing.foreign)
+        add(name, force ? nullptr : FOREIGN);
+    return areAny ? left : std::vector<Left>();
 }
 
-// Sets `has` to what is still there.
-std::vector<Left> FindLeft(const fs::path& store, const Contents& had, Contents& has) {
-    std::error_code error;
-    if (!fs::exists(store, error))
-        return {};
-    const StoreListing listing = ListStore(store);
-    const std::vector<Entry> entries =
-        ReadEntries(store, listing, KEEP_DAYS_DEFAULT, CurrentTime());
-    // A process that uses the directory holds a lock on it. The library then removes nothing.
-    has = SumUp(entries);
-    const bool isUntouched = has.files >= had.files;
-    const std::string reason = isUntouched ? "another process uses the cache"
-                                           : "cannot be removed, or was created in the meantime";
+// What is still there after the library's clearing, which removes nothing if another process has a lock on the
+// directory.
+std::vector<Left> FindLeft(const fs::path& path, const Store& before, const Store& now) {
+    std::vector<std::string> names = now.listing.foreign;
+    for (const Entry& entry : now.entries)
+        names.push_back(ToString(entry.file.stem));
+    const bool isUntouched = std::ranges::all_of(
+        before.entries, [&now](const Entry& entry) { return now.Has(entry.file.stem.view()); });
     std::vector<Left> left;
-    left.reserve(entries.size() + listing.foreign.size());
-    for (const Entry& entry : entries)
-        left.push_back({ToString(entry.file.stem), entry.IsOpen() ? IN_USE : reason});
-    for (const std::string& name : listing.foreign)
-        left.push_back({name, reason});
+    for (const std::string& name : names)
+        left.push_back({name, !before.Has(name) ? "was created in the meantime"
+                              : isUntouched     ? "another process uses the cache"
+                                                : "cannot be removed"});
     if (left.empty())
-        left.push_back({store.string(), "the directory is in use by another process"});
+        left.push_back({path.string(), "the directory is in use by another process"});
     return left;
 }
 
@@ -122,6 +133,20 @@ void Confirm(const ClearOptions& options, const fs::path& store, const Contents&
         throw Failure("not confirmed; nothing was removed");
 }
 
+// "13 entries left: 1 in use by another process, 12 ..."
+std::string LeftText(const std::vector<Left>& left) {
+    std::map<std::string, uint64_t> numbers; // by reason
+    for (const Left& each : left)
+        ++numbers[each.reason];
+    std::string text = Count(left.size(), "entry") + " left";
+    const char* separator = ": ";
+    for (const auto& [reason, number] : numbers) {
+        text += separator + std::to_string(number) + " (" + reason + ")";
+        separator = ", ";
+    }
+    return text;
+}
+
 int ReportClear(const ClearOptions& options, const fs::path& store, const Contents& removed,
                 const std::vector<Left>& left) {
     if (options.json) {
@@ -133,6 +158,7 @@ int ReportClear(const ClearOptions& options, const fs::path& store, const Conten
         PrintJson({{"removed", removed.entries},
                    {"files", removed.files},
                    {"bytes", removed.bytes},
+                   {"others", removed.others},
                    {"left", kept}});
     } else {
         std::string text;
@@ -142,29 +168,30 @@ int ReportClear(const ClearOptions& options, const fs::path& store, const Conten
     }
     if (left.empty())
         return STATUS_DONE;
-    throw Failure(std::to_string(left.size()) + (left.size() == 1 ? " entry" : " entries") +
-                  " of " + Quoted(store.string()) +
-                  " left; the first: " + Quoted(left.front().name) + ": " + left.front().reason);
+    throw Failure(Quoted(store.string()) + ": " + LeftText(left));
 }
 
 int Clear(ClearOptions& options) {
-    const fs::path store = LocateStore(options);
-    const StoreListing listing = ListStore(store);
-    const std::vector<Entry> entries =
-        ReadEntries(store, listing, KEEP_DAYS_DEFAULT, CurrentTime());
-    const Contents had = SumUp(entries);
-    std::vector<Left> left = FindObstacles(listing, entries, options.force);
-    if (!left.empty())
-        return ReportClear(options, store, {}, left);
-    Confirm(options, store, had);
-    if (!CanWriteInto(store))
-        throw Failure("no write access to " + Quoted(store.string()) + ": " + ErrorText(errno));
+    const fs::path path = LocateStore(options);
+    const Store before = ReadStore(path);
+    if (const std::vector<Left> left = FindObstacles(before, options.force); !left.empty())
+        return ReportClear(options, path, {}, left);
+    Confirm(options, path, SumUp(before));
+    if (!CanWriteInto(path))
+        throw Failure("no write access to " + Quoted(path.string()) + ": " + ErrorText(errno));
     CheckStop();
     { const Session session(options.dir, CLEAR_NOW); }
     // The library reports no result, so the directory is read again.
-    Contents has;
-    left = FindLeft(store, had, has);
-    return ReportClear(options, store, Difference(had, has), left);
+    std::error_code error;
+    if (!fs::exists(path, error))
+        return ReportClear(options, path, SumUp(before), {});
+    const Store now = ReadStore(path);
+    Store removed = before;
+    std::erase_if(removed.entries,
+                  [&now](const Entry& entry) { return now.Has(entry.file.stem.view()); });
+    std::erase_if(removed.listing.foreign,
+                  [&now](const std::string& name) { return now.Has(name); });
+    return ReportClear(options, path, SumUp(removed), FindLeft(path, before, now));
 }
 
 } // namespace

@@ -66,14 +66,18 @@ const char* StateWord(FileState state) {
     return "unreadable";
 }
 
-Entry MakeEntry(FMCachedFile file, uint16_t days, int64_t now) {
+Entry MakeEntry(const std::filesystem::path& store, FMCachedFile file, uint16_t days, int64_t now) {
+    constexpr uint16_t daysNever = 65535;
     Entry entry;
     entry.state = StateOf(file);
     if (!file.isLoadable)
         entry.trouble = entry.state == FileState::Open ? StateText(entry.state)
                                                        : ToString(file.findings.front().what);
     entry.faults = CountFaults(file);
-    entry.expiry = FMJudgeExpiry(file, days, now);
+    entry.onDisk = OnDisk(store, file.stem);
+    entry.expiry = FMJudgeExpiry(file, days > 0 ? days : daysNever, now);
+    if (days == 0 && entry.expiry.when == When::Later)
+        entry.expiry.when = When::Unknown;
     file.entries = {};
     file.states = {};
     file.findings = {};
@@ -81,16 +85,23 @@ Entry MakeEntry(FMCachedFile file, uint16_t days, int64_t now) {
     return entry;
 }
 
-std::vector<Entry> ReadEntries(const std::filesystem::path& store, const StoreListing& listing,
-                               uint16_t days, int64_t now) {
-    Progress progress("reading", listing.stems.size(), Progress::Unit::Files);
-    std::vector<Entry> entries;
+void ForEachFile(const std::filesystem::path& store, const StoreListing& listing, const char* work,
+                 const std::function<void(FMCachedFile&&)>& take) {
+    Progress progress(work, listing.stems.size(), Progress::Unit::Files);
     for (const CRtString& stem : listing.stems) {
         CheckStop();
         if (std::optional<FMCachedFile> file = Describe(store, stem))
-            entries.push_back(MakeEntry(std::move(*file), days, now));
+            take(std::move(*file));
         progress.Add(1);
     }
+}
+
+std::vector<Entry> ReadEntries(const std::filesystem::path& store, const StoreListing& listing,
+                               uint16_t days, int64_t now) {
+    std::vector<Entry> entries;
+    ForEachFile(store, listing, "reading", [&](FMCachedFile&& file) {
+        entries.push_back(MakeEntry(store, std::move(file), days, now));
+    });
     return entries;
 }
 
@@ -111,7 +122,7 @@ Json ToJson(const Entry& entry, int64_t now) {
         json["trouble"] = entry.trouble;
     json["faults"] = entry.faults;
     json["size"] = file.blockBytes;
-    json["onDisk"] = LengthOf(file);
+    json["onDisk"] = entry.onDisk;
     json["present"] = file.storedBlocks;
     json["slots"] = file.slots;
     json["housekeeping"] = ToJson(entry.expiry, now);
@@ -137,12 +148,16 @@ std::string RuleText(uint16_t days) {
 }
 
 CLI::Option* AddDaysOption(CLI::App& verb, uint16_t& days) {
+    const auto check = [](const std::string& text) {
+        const bool isValid = CLI::Range(1, 65535)(text).empty();
+        return isValid ? "" : Quoted(text) + " is not a number of days from 1 to 65535";
+    };
     return verb
         .add_option("--days", days,
                     "clearDays of the server, 1 to 65535. A file is removed N + 2 days after its "
                     "creation: with 7, from day 9 on")
         ->type_name("N")
-        ->check(CLI::Range(1, 65535).description(""));
+        ->check(check);
 }
 
 int64_t CurrentTime() { return int64_t{std::time(nullptr)}; }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,7 @@ struct Entry {
     FileState state = FileState::Sound;
     std::string trouble; ///< why the library does not load the file; or empty
     size_t faults = 0;
+    uint64_t onDisk = 0; ///< bytes that the file system has allocated, and that a removal frees
     FMExpiry expiry;
 
     std::string Name() const { return ToString(file.info.name); }
@@ -35,9 +37,14 @@ struct Entry {
     bool IsKept() const { return (file.info.flag & FM_FILE_KEPT) != 0; }
     bool IsOpen() const { return file.isOpenHere || file.isOpenElsewhere; }
 };
-Entry MakeEntry(FMCachedFile file, uint16_t days, int64_t now);
+/// `days` 0: the age of the file is no reason to remove it.
+Entry MakeEntry(const std::filesystem::path& store, FMCachedFile file, uint16_t days, int64_t now);
 
-/// Describes all files of a listing, with a progress line. Throws Interrupted after a stop signal.
+/// Describes all files of a listing, with a progress line that starts with `work`. Throws Interrupted after a stop
+/// signal.
+void ForEachFile(const std::filesystem::path& store, const StoreListing& listing, const char* work,
+                 const std::function<void(FMCachedFile&&)>& take);
+
 std::vector<Entry> ReadEntries(const std::filesystem::path& store, const StoreListing& listing,
                                uint16_t days, int64_t now);
 

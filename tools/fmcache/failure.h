@@ -12,7 +12,8 @@ enum ExitStatus : int {
     STATUS_DONE = 0,
     STATUS_FINDINGS =
         1, ///< the verb has done its work and found damage, or a budget that it cannot meet
-    STATUS_USAGE = 2,  ///< invalid command line; nothing was done
+    STATUS_USAGE =
+        2, ///< invalid command line; nothing was done. The line ends with a hint to the help
     STATUS_FAILED = 3, ///< the verb could not do all of its work
     STATUS_INTERRUPTED = 130,
 };

@@ -217,7 +217,7 @@ int Get(GetOptions& options) {
     const fs::path path = isNamed ? options.output : StoredName(file);
     if (std::error_code error; !isNamed && fs::exists(fs::symlink_status(path, error)))
         throw Failure(Quoted(path.filename().string()) + " exists; -o names another file");
-    Output output(path, isNamed && options.force);
+    Output output(path, "-o", isNamed && options.force);
     Transmit(options, file, output);
     output.Commit();
     const std::string name = isNamed ? path.string() : path.filename().string();

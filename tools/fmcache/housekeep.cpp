@@ -32,9 +32,6 @@ struct HousekeepOptions : StoreOptions {
     bool dryRun = false;
 };
 
-// Without --days: the largest clearDays, so that the age is the only reason to keep a file.
-constexpr uint16_t DAYS_NEVER = 65535;
-
 // Empty unless `text` is a number from 0 to 100 with a percent sign.
 std::optional<double> ParsePercent(const std::string& text) {
     double share = 0;
@@ -85,7 +82,7 @@ HousekeepTotals SumUp(const std::vector<Entry>& entries, const BudgetResult& res
     for (size_t i = 0; i < entries.size(); ++i) {
         const Verdict& verdict = result.verdicts[i];
         totals.files += verdict.isRemoved ? 1 : 0;
-        totals.bytes += verdict.isRemoved ? LengthOf(entries[i].file) : 0;
+        totals.bytes += verdict.isRemoved ? entries[i].onDisk : 0;
         totals.left += !verdict.error.empty() && verdict.error != IN_USE ? 1 : 0;
     }
     return totals;
@@ -100,16 +97,16 @@ public:
 
     std::string Text() const {
         using Align = Table::Align;
-        Table table({{"IDENTIFIER"}, {"SIZE", Align::Right}, {"ACTION"}, {"REASON"}, {"NAME"}});
+        Table table({{"IDENTIFIER"}, {"ON DISK", Align::Right}, {"ACTION"}, {"REASON"}, {"NAME"}});
         for (size_t i = 0; i < m_entries.size(); ++i) {
             const FMCachedFile& file = m_entries[i].file;
-            table.Add({Printable(file.stem.view()), FormatSize(LengthOf(file)), Action(i),
+            table.Add({Printable(file.stem.view()), FormatSize(m_entries[i].onDisk), Action(i),
                        Printable(Reason(i)), Printable(m_entries[i].Name())});
         }
         std::string text = table.Text() + std::to_string(m_totals.files) + " of " +
                            Count(m_entries.size(), "file") +
                            (m_options.dryRun ? " would be removed, " : " removed, ") +
-                           FormatSize(m_totals.bytes) + "; " + FormatSize(m_result.size) +
+                           FormatSize(m_totals.bytes) + " on disk; " + FormatSize(m_result.size) +
                            (m_options.dryRun ? " would remain\n" : " remain\n");
         return m_options.days > 0 ? text + RuleText(m_options.days) + "\n" : text;
     }
@@ -147,9 +144,11 @@ private:
         const FMExpiry& expiry = m_entries[i].expiry;
         if (!verdict.error.empty())
             return verdict.error;
+        if (m_entries[i].IsOpen())
+            return StateText(FileState::Open);
         if (!verdict.reason.empty())
             return verdict.reason;
-        if (m_options.days > 0 && expiry.when == FMExpiry::When::Later)
+        if (expiry.when == FMExpiry::When::Later)
             return ToString(expiry.reason) + ", due " + ExpiryText(expiry, m_now);
         return ToString(expiry.reason);
     }
@@ -163,12 +162,10 @@ private:
 
 int Housekeep(HousekeepOptions& options) {
     if (options.days == 0 && options.maxSize == 0 && options.minFree.empty())
-        throw Failure("--days, --max-size or --min-free is required; see fmcache housekeep --help",
-                      STATUS_USAGE);
+        throw Failure("--days, --max-size or --min-free is required", STATUS_USAGE);
     const fs::path store = LocateStore(options);
     const StoreListing listing = ListStore(store);
-    const std::vector<Entry> entries =
-        ReadEntries(store, listing, options.days > 0 ? options.days : DAYS_NEVER, CurrentTime());
+    const std::vector<Entry> entries = ReadEntries(store, listing, options.days, CurrentTime());
     const Budget budget = MakeBudget(options, store);
     if (!options.dryRun && !CanWriteInto(store))
         throw Failure("no write access to " + Quoted(store.string()) + ": " + ErrorText(errno));
@@ -207,9 +204,9 @@ void AddHousekeep(CLI::App& app, Action& chosen) {
         "kept or open stay. If the budget is exceeded nevertheless, the exit status is 1.");
     AddCacheOptions(*housekeep, *options);
     AddDaysOption(*housekeep, options->days);
-    TakeSize(
-        housekeep->add_option("--max-size", options->maxSize,
-                              "budget: largest sum of the sizes of all files, for example 20G"));
+    TakeSize(housekeep->add_option(
+        "--max-size", options->maxSize,
+        "budget: largest space on disk that all files take, for example 20G"));
     housekeep
         ->add_option("--min-free", options->minFree,
                      "budget: smallest free space on the disk, for example 5G or 10%")

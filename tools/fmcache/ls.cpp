@@ -70,7 +70,7 @@ std::string TotalsText(const std::vector<Entry>& entries, const StoreListing& li
     std::array<uint64_t, 4> states{}; // by FileState
     for (const Entry& entry : entries) {
         bytes += entry.file.blockBytes;
-        onDisk += LengthOf(entry.file);
+        onDisk += entry.onDisk;
         ++states[static_cast<size_t>(entry.state)];
     }
     std::string text = Count(entries.size(), "file") + ", " + FormatSize(bytes) + " in blocks, " +
@@ -80,7 +80,7 @@ std::string TotalsText(const std::vector<Entry>& entries, const StoreListing& li
         text += number > 0 ? ", " + std::to_string(number) + " " + StateWord(state) : "";
     }
     if (!listing.foreign.empty())
-        text += ", " + std::to_string(listing.foreign.size()) + " other entries";
+        text += ", " + Count(listing.foreign.size(), "other entry");
     return text + "\n" + RuleText(days) + "\n";
 }
 
@@ -111,8 +111,11 @@ void AddLs(CLI::App& app, Action& chosen) {
     AddDaysOption(*ls, options->days)->capture_default_str();
     ls->add_option("--sort", options->sort,
                    "sort by id, name, size (largest first) or age (oldest first)")
-        ->type_name("KEY")
-        ->check(CLI::IsMember({"id", "name", "size", "age"}))
+        ->type_name("KEY:{id,name,size,age}")
+        ->check([](const std::string& text) {
+            const bool isKey = CLI::IsMember({"id", "name", "size", "age"})(text).empty();
+            return isKey ? "" : Quoted(text) + " is not one of id, name, size and age";
+        })
         ->capture_default_str();
     ls->callback([options, &chosen] { chosen = [options] { return Ls(*options); }; });
 }

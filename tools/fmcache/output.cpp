@@ -9,7 +9,8 @@
 
 namespace fs = std::filesystem;
 
-Output::Output(const fs::path& name, bool replace) : m_target(name), m_replace(replace) {
+Output::Output(const fs::path& name, const char* option, bool replace)
+    : m_target(name), m_option(option), m_replace(replace) {
     if (name == "-") {
         m_stream = stdout;
         return;
@@ -37,12 +38,12 @@ void Output::CheckTarget() const {
     if (!fs::exists(status))
         return;
     if (fs::is_directory(status))
-        throw Failure(Quoted(m_target.string()) + " is a directory; -o takes a file");
+        throw Failure(Quoted(m_target.string()) + " is a directory; " + m_option + " takes a file");
+    if (!fs::is_regular_file(status)) // the rename would replace a device by a file
+        throw Failure(Quoted(m_target.string()) + " is not a regular file; " + m_option +
+                      " takes a regular file");
     if (!m_replace)
         throw Failure(Quoted(m_target.string()) + " exists; --force overwrites it");
-    if (!fs::is_regular_file(status)) // the rename would replace a device by a file
-        throw Failure(Quoted(m_target.string()) +
-                      " is not a regular file; -o - writes to standard output");
 }
 
 // In the target's directory, so that a rename works. The name is not derived from the target's, which may

@@ -1,6 +1,7 @@
 // System functions that the standard library does not have.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 
@@ -15,6 +16,9 @@ unsigned OutputWidth();
 /// Whether this process may create files in the directory, or write the file. Set `errno` if not.
 bool CanWriteInto(const std::filesystem::path& dir);
 bool CanWrite(const std::filesystem::path& file);
+
+/// The bytes that the file system has allocated for a file, which a removal frees; 0 if there is no such file.
+uint64_t AllocatedBytes(const std::filesystem::path& file);
 
 /// Creates a file for writing. Null, with `errno`, if it exists or cannot be created.
 std::FILE* OpenNew(const std::filesystem::path& file);

@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -35,6 +36,12 @@ bool CanWriteInto(const std::filesystem::path& dir) {
 }
 
 bool CanWrite(const std::filesystem::path& file) { return ::access(file.c_str(), W_OK) == 0; }
+
+uint64_t AllocatedBytes(const std::filesystem::path& file) {
+    constexpr uint64_t unit = 512; // of st_blocks, on all file systems
+    struct stat status {};
+    return ::stat(file.c_str(), &status) == 0 ? unit * static_cast<uint64_t>(status.st_blocks) : 0;
+}
 
 std::FILE* OpenNew(const std::filesystem::path& file) { return std::fopen(file.c_str(), "wbx"); }
 

@@ -49,6 +49,20 @@ bool CanWrite(const std::filesystem::path& file) {
     return ::_waccess(file.c_str(), writable) == 0;
 }
 
+// Reading attributes conflicts with no open handle.
+uint64_t AllocatedBytes(const std::filesystem::path& file) {
+    const HANDLE handle = ::CreateFileW(file.c_str(), FILE_READ_ATTRIBUTES,
+                                        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                        nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (handle == INVALID_HANDLE_VALUE)
+        return 0;
+    FILE_STANDARD_INFO info{};
+    const bool known =
+        ::GetFileInformationByHandleEx(handle, FileStandardInfo, &info, sizeof(info)) != 0;
+    ::CloseHandle(handle);
+    return known ? static_cast<uint64_t>(info.AllocationSize.QuadPart) : 0;
+}
+
 std::FILE* OpenNew(const std::filesystem::path& file) {
     const int descriptor =
         ::_wopen(file.c_str(), _O_CREAT | _O_EXCL | _O_WRONLY | _O_BINARY, _S_IREAD | _S_IWRITE);

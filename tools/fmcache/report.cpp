@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,8 +12,6 @@
 #include "failure.h"
 #include "json.h"
 #include "map.h"
-#include "platform.h"
-#include "progress.h"
 #include "scan.h"
 #include "sizes.h"
 #include "text.h"
@@ -112,7 +109,8 @@ public:
                "<meta name=\"viewport\" content=\"width=device-width\"><title>Cache " +
                Escape(place) + "</title><style>" + STYLE + "</style></head><body>\n<h1>Cache " +
                Escape(place) + "</h1>\n<p class=\"soft\">" + TimeText(m_now) +
-               ", by fmcache. Files " + RuleText(m_options.days) + ".</p>\n" + Figures() + Ages() +
+               ", by fmcache. Files " + RuleText(m_options.days) +
+               ". Sizes are bytes that the file system has allocated.</p>\n" + Figures() + Ages() +
                Sizes() + Next() + Maps() + Faults() + "</body></html>\n";
     }
 
@@ -124,7 +122,7 @@ private:
         for (const Row& row : m_rows) {
             if (!test(row.entry))
                 continue;
-            bytes += LengthOf(row.entry.file);
+            bytes += row.entry.onDisk;
             ++files;
         }
         return "<b>" + std::to_string(files) + "</b>" + FormatSize(bytes);
@@ -182,7 +180,7 @@ private:
                 continue;
             const int64_t age = FMAgeInDays(row.entry.file.createTime, m_now);
             Bar& bar = age >= due ? bars.back() : bars[static_cast<size_t>(age / step)];
-            bar.bytes += LengthOf(row.entry.file);
+            bar.bytes += row.entry.onDisk;
             ++bar.files;
         }
         return "<h2>Ages</h2>\n" + BarsText("ages", bars);
@@ -197,7 +195,7 @@ private:
         for (const uint64_t limit : limits)
             bars.push_back({limit == UINT64_MAX ? "larger" : "to " + FormatSize(limit)});
         for (const Row& row : m_rows) {
-            const uint64_t bytes = LengthOf(row.entry.file);
+            const uint64_t bytes = row.entry.onDisk;
             const auto at = std::lower_bound(limits.begin(), limits.end(), bytes);
             Bar& bar = bars[static_cast<size_t>(at - limits.begin())];
             bar.bytes += bytes;
@@ -228,7 +226,7 @@ private:
         const size_t shown = std::min(next.size(), ROWS_NEXT);
         for (size_t i = 0; i < shown; ++i)
             text += "<tr><td>" + TitleOf(*next[i]) + "</td><td class=\"n\">" +
-                    FormatSize(LengthOf(next[i]->file)) + "</td><td>" +
+                    FormatSize(next[i]->onDisk) + "</td><td>" +
                     Escape(ExpiryText(next[i]->expiry, m_now)) + "</td></tr>\n";
         return text + "</table>\n" + RestText(shown, next.size());
     }
@@ -263,7 +261,7 @@ private:
         for (const Row& row : m_rows)
             largest.push_back(&row);
         std::stable_sort(largest.begin(), largest.end(), [](const Row* a, const Row* b) {
-            return LengthOf(a->entry.file) > LengthOf(b->entry.file);
+            return a->entry.onDisk > b->entry.onDisk;
         });
         std::string text =
             "<h2>Files and their blocks</h2>\n<p class=\"legend\"><span><i "
@@ -277,7 +275,7 @@ private:
         for (size_t i = 0; i < shown; ++i) {
             const Entry& entry = largest[i]->entry;
             text += "<tr><td>" + TitleOf(entry) + "</td><td class=\"n\">" +
-                    FormatSize(LengthOf(entry.file)) + "</td><td class=\"n\">" +
+                    FormatSize(entry.onDisk) + "</td><td class=\"n\">" +
                     std::to_string(entry.file.storedBlocks) + "/" +
                     std::to_string(entry.file.slots) + "</td><td>" + StateText(entry.state) +
                     "</td><td>" + MapText(largest[i]->cells) + "</td></tr>\n";
@@ -306,14 +304,14 @@ private:
     const int64_t m_now;
 };
 
-Row MakeRow(FMCachedFile file, uint16_t days, int64_t now) {
+Row MakeRow(const fs::path& store, FMCachedFile file, uint16_t days, int64_t now) {
     Row row;
     row.cells = MapCells(file, MAP_CELLS);
     for (const FMFinding& finding : file.findings) {
         if (finding.isFault && row.faults.size() < ROWS_FAULTS)
             row.faults.push_back(ToString(finding.what));
     }
-    row.entry = MakeEntry(std::move(file), days, now);
+    row.entry = MakeEntry(store, std::move(file), days, now);
     return row;
 }
 
@@ -322,15 +320,9 @@ int MakeReport(ReportOptions& options) {
     const StoreListing listing = ListStore(store);
     const int64_t now = CurrentTime();
     std::vector<Row> rows;
-    {
-        Progress progress("reading", listing.stems.size(), Progress::Unit::Files);
-        for (const CRtString& stem : listing.stems) {
-            CheckStop();
-            if (std::optional<FMCachedFile> file = Describe(store, stem))
-                rows.push_back(MakeRow(std::move(*file), options.days, now));
-            progress.Add(1);
-        }
-    }
+    ForEachFile(store, listing, "reading", [&](FMCachedFile&& file) {
+        rows.push_back(MakeRow(store, std::move(file), options.days, now));
+    });
     Print(Page(std::move(rows), options, now).Text(store.string()));
     return STATUS_DONE;
 }

@@ -29,20 +29,20 @@ int Rm(RmOptions& options) {
     std::optional<FMCachedFile> file = TryFindInStore(store, options.id);
     if (!file && !options.force)
         file = FindInStore(store, options.id); // throws
+    const uint64_t bytes = file ? OnDisk(store, file->stem) : 0;
     if (file) {
         const std::string reason = RemoveFromStore(store, file->stem, options.force);
         if (!reason.empty())
             throw Failure(Quoted(ToString(file->stem)) + " is not removed: " + reason +
                           (reason == IN_USE ? "; --force removes it" : ""));
     }
-    const uint64_t bytes = file ? LengthOf(*file) : 0;
     if (options.json) {
         Json removed = Json::array();
         if (file)
             AddName(removed.emplace_back(), "id", file->stem.view());
         PrintJson({{"removed", removed}, {"bytes", bytes}});
     } else if (file) {
-        Print("removed " + Printable(file->stem.view()) + ", " + FormatSize(bytes) + "\n");
+        Print("removed " + Printable(file->stem.view()) + ", " + FormatSize(bytes) + " on disk\n");
     }
     return STATUS_DONE;
 }

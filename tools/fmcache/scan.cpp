@@ -69,18 +69,20 @@ void AddLookOptions(CLI::App& verb, StoreOptions& options) {
 }
 
 CLI::Option* AddIDArgument(CLI::App& verb, std::string& id, const std::string& help) {
-    return verb.add_option("ID", id, help)->type_name("");
+    const auto check = [](const std::string& text) {
+        return std::string(text.empty() ? "the identifier is empty" : "");
+    };
+    return verb.add_option("ID", id, help)->type_name("")->check(check);
 }
 
 void FillDir(StoreOptions& options) {
     if (!options.dir.empty() && !options.store.empty())
-        throw Failure("--dir and --store exclude each other; see fmcache --help", STATUS_USAGE);
+        throw Failure("--dir and --store exclude each other", STATUS_USAGE);
     if (!options.dir.empty() || !options.store.empty())
         return;
     const char* dir = std::getenv("FMCACHE_DIR");
     if (!dir || !*dir)
-        throw Failure("--dir is missing or empty, and FMCACHE_DIR is not set; see fmcache --help",
-                      STATUS_USAGE);
+        throw Failure("--dir is missing or empty, and FMCACHE_DIR is not set", STATUS_USAGE);
     const std::string_view text(dir);
     options.dir = std::u8string(text.begin(), text.end());
 }
@@ -156,8 +158,6 @@ std::vector<FMCachedFile> FindAll(const fs::path& store, const std::string& text
 } // namespace
 
 std::optional<FMCachedFile> TryFindInStore(const fs::path& store, const std::string& text) {
-    if (text.empty())
-        throw Failure("the identifier is empty", STATUS_USAGE);
     if (std::optional<FMFileID> id = ParseID(text))
         return Describe(store, FMFileIDToString(*id));
     std::vector<FMCachedFile> found = FindAll(store, text);
@@ -182,4 +182,10 @@ size_t CountFaults(const FMCachedFile& file) {
     return static_cast<size_t>(
         std::count_if(file.findings.begin(), file.findings.end(),
                       [](const FMFinding& finding) { return finding.isFault; }));
+}
+
+uint64_t OnDisk(const fs::path& store, const CRtString& stem) {
+    const fs::path path = store / ToString(stem);
+    return AllocatedBytes(fs::path(path) += FM_INFO_EXTENSION) +
+           AllocatedBytes(fs::path(path) += FM_DATA_EXTENSION);
 }

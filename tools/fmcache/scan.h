@@ -62,5 +62,5 @@ std::optional<FMCachedFile> TryFindInStore(const std::filesystem::path& store,
 
 /// The number of findings that are damage.
 size_t CountFaults(const FMCachedFile& file);
-/// Bytes on disk.
-inline uint64_t LengthOf(const FMCachedFile& file) { return file.infoLength + file.dataLength; }
+/// Bytes that the file system has allocated for the two files of a cached file.
+uint64_t OnDisk(const std::filesystem::path& store, const CRtString& stem);

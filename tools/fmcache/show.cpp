@@ -103,7 +103,7 @@ std::string BlocksText(const FMCachedFile& file) {
     return table.Text();
 }
 
-std::string Text(const FMCachedFile& file, const FMExpiry& expiry, int64_t now) {
+std::string Text(const FMCachedFile& file, const Entry& entry, int64_t now) {
     std::string text;
     if (file.isDescribed)
         AppendDescription(text, file, now);
@@ -111,19 +111,20 @@ std::string Text(const FMCachedFile& file, const FMExpiry& expiry, int64_t now) 
         text += "identifier    " + Printable(file.stem.view()) + "\n";
     text += "data file     " + SizeText(file.hasData, file.dataLength) + "\n";
     text += "information   " + SizeText(file.hasInfo, file.infoLength) + "\n";
-    text += "state         " + StateText(StateOf(file)) + "\n";
-    text += "housekeeping  " + ExpiryText(expiry, now) + "\n";
+    text += "on disk       " + SizeText(true, entry.onDisk) + " allocated\n";
+    text += "state         " + StateText(entry.state) + "\n";
+    text += "housekeeping  " + ExpiryText(entry.expiry, now) + "\n";
     if (!file.isLoadable)
         text += "not loaded    " + Printable(file.findings.front().what.view()) + "\n";
     if (file.slots > 0)
         text += "\n" + BlocksText(file) + "\n" + DrawMap(file, {OutputWidth(), WantsColour()});
-    if (const size_t faults = CountFaults(file); faults > 0)
-        text += "\n" + Count(faults, "fault") + "; verify lists them\n";
+    if (entry.faults > 0)
+        text += "\n" + Count(entry.faults, "fault") + "; verify lists them\n";
     return text;
 }
 
-Json ToJson(const FMCachedFile& file, uint16_t days, int64_t now) {
-    Json json = ToJson(MakeEntry(file, days, now), now);
+Json ToJson(const FMCachedFile& file, const Entry& entry, int64_t now) {
+    Json json = ToJson(entry, now);
     const FMFileInfo& info = file.info;
     if (file.isDescribed) {
         json["describedID"] = FMFileIDToString(info.fileID).view();
@@ -147,12 +148,14 @@ Json ToJson(const FMCachedFile& file, uint16_t days, int64_t now) {
 }
 
 int Show(ShowOptions& options) {
-    const FMCachedFile file = FindInStore(LocateStore(options), options.id);
+    const std::filesystem::path store = LocateStore(options);
+    const FMCachedFile file = FindInStore(store, options.id);
     const int64_t now = CurrentTime();
+    const Entry entry = MakeEntry(store, file, options.days, now);
     if (options.json)
-        PrintJson(ToJson(file, options.days, now));
+        PrintJson(ToJson(file, entry, now));
     else
-        Print(Text(file, FMJudgeExpiry(file, options.days, now), now));
+        Print(Text(file, entry, now));
     return STATUS_DONE;
 }
 

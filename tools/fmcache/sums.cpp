@@ -13,6 +13,7 @@
 
 #include "failure.h"
 #include "platform.h"
+#include "progress.h"
 
 namespace fs = std::filesystem;
 
@@ -27,8 +28,10 @@ struct FreeState {
 // Reads the blocks in the order of their offsets, so that the disk reads sequentially.
 class BlockReader {
 public:
-    explicit BlockReader(const fs::path& path)
-        : m_name(Quoted(path.string())), m_file(path, std::ios::binary), m_bytes(size_t{1} << 20) {
+    /// `total`: bytes of the blocks, for the progress line.
+    BlockReader(const fs::path& path, uint64_t total)
+        : m_name(Quoted(path.string())), m_file(path, std::ios::binary), m_bytes(size_t{1} << 20),
+          m_progress("reading", total) {
         if (!m_file || !m_state)
             Fail();
     }
@@ -44,6 +47,7 @@ public:
                 Fail();
             XXH3_64bits_update(m_state.get(), m_bytes.data(), part);
             left -= part;
+            m_progress.Add(part);
         }
         m_position = entry.posInFile + entry.totalLen;
         return XXH3_64bits_digest(m_state.get());
@@ -59,6 +63,7 @@ private:
     std::vector<char> m_bytes;
     std::unique_ptr<XXH3_state_t, FreeState> m_state{XXH3_createState()};
     int64_t m_position = 0;
+    Progress m_progress;
 };
 
 } // namespace
@@ -74,7 +79,10 @@ std::vector<BlockSum> SumBlocks(const fs::path& store, const FMCachedFile& file)
     std::sort(stored.begin(), stored.end(), [](const FMBlockEntry& a, const FMBlockEntry& b) {
         return a.posInFile < b.posInFile;
     });
-    BlockReader reader(store / (ToString(file.stem) + FM_DATA_EXTENSION));
+    uint64_t total = 0;
+    for (const FMBlockEntry& entry : stored)
+        total += entry.totalLen;
+    BlockReader reader(store / (ToString(file.stem) + FM_DATA_EXTENSION), total);
     std::vector<BlockSum> sums;
     sums.reserve(stored.size());
     for (const FMBlockEntry& entry : stored)
@@ -90,22 +98,31 @@ size_t CompareSums(const std::vector<BlockSum>& earlier, const std::vector<Block
     const auto add = [&file](const BlockSum& sum, const char* what) {
         file.findings.push_back({CRtString("block " + std::to_string(sum.block) + what), "", true});
     };
+    size_t compared = 0;
     for (const BlockSum& sum : earlier) {
         const auto at = found.find(sum.block);
-        if (at == found.end())
+        if (at == found.end()) {
             add(sum, " has a sum, but is no longer stored");
-        else if (at->second->length != sum.length || at->second->sum != sum.sum)
+            continue;
+        }
+        ++compared;
+        if (at->second->length != sum.length || at->second->sum != sum.sum)
             add(sum, " has other bytes than when the sums were written");
     }
-    return earlier.size();
+    return compared;
 }
 
 Sums ReadSumsFile(const fs::path& path) {
+    const auto fail = [&path] {
+        throw Failure("cannot read " + Quoted(path.string()) + ": " + ErrorText(errno));
+    };
     std::ifstream file(path, std::ios::binary);
     if (!file)
-        throw Failure("cannot read " + Quoted(path.string()) + ": " + ErrorText(errno));
+        fail();
     std::string line;
     std::getline(file, line);
+    if (file.bad()) // a directory can be opened, but not read
+        fail();
     if (line != FIRST_LINE)
         throw Failure(Quoted(path.string()) + " is not a file of verify --write-sums");
     Sums sums;
@@ -118,6 +135,8 @@ Sums ReadSumsFile(const fs::path& path) {
                           " is damaged");
         sums[stem].push_back(sum);
     }
+    if (file.bad())
+        fail();
     return sums;
 }
 

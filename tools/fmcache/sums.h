@@ -22,8 +22,8 @@ using Sums = std::map<std::string, std::vector<BlockSum>>;
 /// Reads the stored blocks of a file. Throws Failure if the data file cannot be read.
 std::vector<BlockSum> SumBlocks(const std::filesystem::path& store, const FMCachedFile& file);
 
-/// Adds a fault for each block that differs from its sum or is no longer stored. Returns the number of blocks with an
-/// earlier sum.
+/// Adds a fault for each block that differs from its sum or is no longer stored. Returns the number of blocks that
+/// were compared.
 size_t CompareSums(const std::vector<BlockSum>& earlier, const std::vector<BlockSum>& now,
                    FMCachedFile& file);
 

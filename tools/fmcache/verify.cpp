@@ -4,16 +4,14 @@
 #include <algorithm>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "entry.h"
 #include "failure.h"
 #include "json.h"
 #include "output.h"
-#include "platform.h"
-#include "progress.h"
 #include "scan.h"
 #include "sizes.h"
 #include "sums.h"
@@ -40,9 +38,9 @@ struct VerifyTotals {
     uint64_t files = 0;
     uint64_t faulty = 0;
     uint64_t open = 0;
-    uint64_t blocks = 0;  // whose contents were read
-    uint64_t checked = 0; // blocks with an earlier sum
-    uint64_t gone = 0;    // files with sums that are no longer in the store
+    uint64_t read = 0;     // blocks
+    uint64_t compared = 0; // blocks that were read and have an earlier sum
+    uint64_t gone = 0;     // files with sums that are no longer in the store
 };
 
 // What verify has checked, for its last line and for JSON.
@@ -54,7 +52,8 @@ std::string CheckedText(const VerifyOptions& options) {
 
 class VerifyReport {
 public:
-    explicit VerifyReport(const VerifyOptions& options) : m_options(options) {}
+    VerifyReport(const VerifyOptions& options, fs::path store)
+        : m_options(options), m_store(std::move(store)) {}
 
     void Add(const FMCachedFile& file) {
         const FileState state = StateOf(file);
@@ -74,7 +73,8 @@ public:
         if (m_options.json) {
             AddOthers(m_json, listing);
             m_json["checked"] = CheckedText(m_options);
-            m_json["blocksChecked"] = m_totals.checked;
+            m_json["blocksRead"] = m_totals.read;
+            m_json["blocksCompared"] = m_totals.compared;
             m_json["filesGone"] = m_totals.gone;
             m_json["sound"] = isSound;
             PrintJson(m_json);
@@ -95,13 +95,13 @@ private:
         if (m_totals.open > 0)
             text += ", " + std::to_string(m_totals.open) + " open (by another process)";
         if (!listing.foreign.empty())
-            text += ", " + std::to_string(listing.foreign.size()) + " other entries";
+            text += ", " + Count(listing.foreign.size(), "other entry");
         text += "\nchecked: " + CheckedText(m_options);
         if (!m_options.WithContents())
             return text + "; the format has no checksums\n";
-        text += ", " + Count(m_totals.blocks, "block") + " read";
+        text += ", " + Count(m_totals.read, "block") + " read";
         if (!m_options.sums.empty())
-            text += ", " + std::to_string(m_totals.checked) + " compared with their sums";
+            text += ", " + std::to_string(m_totals.compared) + " compared with their sums";
         if (m_totals.gone > 0)
             text += "; " + Count(m_totals.gone, "file") + " with sums no longer in the store";
         return text + "\n";
@@ -124,7 +124,7 @@ private:
     }
 
     void AddJson(const FMCachedFile& file) {
-        Json json = ToJson(MakeEntry(file, KEEP_DAYS_DEFAULT, m_now), m_now);
+        Json json = ToJson(MakeEntry(m_store, file, KEEP_DAYS_DEFAULT, m_now), m_now);
         json["findings"] = Json::array();
         for (const FMFinding& finding : file.findings)
             json["findings"].push_back({{"fault", finding.isFault},
@@ -134,6 +134,7 @@ private:
     }
 
     const VerifyOptions& m_options;
+    const fs::path m_store;
     const int64_t m_now = CurrentTime();
     Json m_json{{"files", Json::array()}};
     std::string m_text;
@@ -145,20 +146,23 @@ private:
 class ContentsCheck {
 public:
     ContentsCheck(const VerifyOptions& options, const fs::path& store) : m_store(store) {
+        for (const auto& [option, path] :
+             {std::pair("--sums", options.sums), std::pair("--write-sums", options.writeSums)}) {
+            if (path == "-")
+                throw Failure(std::string(option) + " takes a file, not a standard stream",
+                              STATUS_USAGE);
+        }
         if (!options.sums.empty())
             m_earlier = ReadSumsFile(options.sums);
         if (options.writeSums.empty())
             return;
         std::error_code error;
         const fs::path parent = fs::absolute(options.writeSums).parent_path();
-        if (options.writeSums == "-")
-            throw Failure("--write-sums: the sums cannot be written to standard output",
-                          STATUS_USAGE);
         if (fs::equivalent(parent, store, error))
             throw Failure("--write-sums: the file must be outside the store " +
                               Quoted(store.string()),
                           STATUS_USAGE);
-        m_output = std::make_unique<Output>(options.writeSums, options.force);
+        m_output = std::make_unique<Output>(options.writeSums, "--write-sums", options.force);
     }
 
     // A process that has the file open may be writing the blocks.
@@ -175,21 +179,19 @@ public:
             file.findings.push_back({CRtString(failure.what()), "", true});
             return;
         }
-        totals.blocks += sums.size();
+        totals.read += sums.size();
         if (const auto earlier = m_earlier.find(stem); earlier != m_earlier.end())
-            totals.checked += CompareSums(earlier->second, sums, file);
+            totals.compared += CompareSums(earlier->second, sums, file);
         if (m_output)
             m_new[stem] = std::move(sums);
     }
 
     // Removed files are no damage: housekeeping removes them.
     uint64_t CountGone(const StoreListing& listing) const {
-        return static_cast<uint64_t>(
-            std::count_if(m_earlier.begin(), m_earlier.end(), [&listing](const auto& each) {
-                return !std::binary_search(
-                    listing.stems.begin(), listing.stems.end(), CRtString(each.first),
-                    [](const CRtString& a, const CRtString& b) { return a.view() < b.view(); });
-            }));
+        return static_cast<uint64_t>(std::ranges::count_if(m_earlier, [&listing](const auto& each) {
+            return !std::ranges::binary_search(listing.stems, std::string_view(each.first), {},
+                                               &CRtString::view);
+        }));
     }
 
     void Write() {
@@ -223,19 +225,12 @@ int Verify(VerifyOptions& options) {
     else
         listing.stems = {FindInStore(store, options.id).stem};
     ContentsCheck contents(options, store);
-    VerifyReport report(options);
-    {
-        Progress progress("verifying", listing.stems.size(), Progress::Unit::Files);
-        for (const CRtString& stem : listing.stems) {
-            CheckStop();
-            std::optional<FMCachedFile> file = Describe(store, stem);
-            if (file && options.WithContents())
-                contents.Check(*file, report.Sum());
-            if (file)
-                report.Add(*file);
-            progress.Add(1);
-        }
-    }
+    VerifyReport report(options, store);
+    ForEachFile(store, listing, "verifying", [&](FMCachedFile&& file) {
+        if (options.WithContents())
+            contents.Check(file, report.Sum());
+        report.Add(file);
+    });
     contents.Write();
     if (options.id.empty())
         report.Sum().gone = contents.CountGone(listing);
