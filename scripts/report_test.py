@@ -69,7 +69,8 @@ def check_page(window, picture):
     check(scrolled <= width == window.width, f"the page is wider than the window: {found['size']}")
     check(found["scripts"] == 1, "a name has become a script")
     check("a&<script>alert(1)</script>\\x1B\\xE2\\x80\\xAE" in found["text"], "the name is not shown as text")
-    check("older than 7 days: removed from day 9 on" in found["text"], "the rule is missing")
+    for rule in ("older than 7 days: removed from day 9 on", "Sizes are bytes that the file system has allocated"):
+        check(rule in found["text"], f"the rule is missing: {rule}")
     figures = {name: number for number, name in found["figures"]}
     check(figures == {"files": "5", "removed in the next run": "1", "kept": "0", "open": "0",
                       "damaged or unreadable": "1"}, f"figures: {figures}")

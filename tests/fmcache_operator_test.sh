@@ -61,13 +61,13 @@ echo note >cache/sdstore/notes.txt && cp odd cache/sdstore/stray.sdd
 before=$(listing)
 run 1 verify --dir cache
 for line in "block 5 ends at byte 20000, the data file at 17000; loaded, but cannot be read" \
-    "block 3 overlaps block 2 by 3192 bytes; both are loaded without data" "note: 3192 bytes of the data file are unreferenced" \
-    "note: 4096 bytes of the data file are unreferenced" "block 4 has an impossible range, .*; loaded without data" \
+    "block 3 overlaps block 2 by 3192 bytes; both are loaded without data" "note: 3192 unreferenced bytes in the data file" \
+    "note: 4096 unreferenced bytes in the data file" "block 4 has an impossible range, .*; loaded without data" \
     "block 77 is outside the table, which has 5 slots from 1; not loaded" "block 1 has two entries; the later entry" \
     "there is no information file; not loaded; housekeeping removes it" "block table ends early, after 5 slots" \
     "is not an information file, or is damaged; not loaded; housekeeping" "the description is that of .*; a load by this name" \
     "block 1 ends at byte 4096, and there is no data file" "damaged or missing block table; not loaded$" \
-    "the name is not an identifier" "^notes.txt$" '^20 files verified, 8 sound, 12 damaged, 1 other'; do says "$line"; done
+    "the name is not an identifier" "^notes.txt$" '^20 files verified, 8 sound, 12 damaged, 1 other entry$'; do says "$line"; done
 run 0 verify --dir cache "$hole" # a block without data is not damaged
 damaged="$cut $over $far $outside $twice $lost $early $bad $other $data $table"
 for id in $damaged; do run 1 verify --dir cache "$id" && run 0 show --dir cache "$id"; done
@@ -119,9 +119,11 @@ json 0 "j['removed'] == 0 and not any(f['action'] == 'removed' for f in j['files
 gone() { [ -z "$(find cache -name "$1.*")" ] || fail "$1 is still there"; }
 for id in "$old" "$temporary" "$lost" "$bad" stray; do gone "$id"; done
 for id in "$sound" "$grace" "$kept" "$cut" "$table"; do [ -e "cache/sdstore/$id.sdd" ] || fail "$id is gone"; done
-run 3 clear --dir cache && says '^left notes.txt: not a cached file; --force removes it, too$' && complains '1 entry of .* left'
+run 3 clear --dir cache --yes && says '^left notes.txt: not a cached file; --force removes it, too$'
+[ "$(grep -c '^left .*: clear removes all entries or none$' stdout)" -eq 13 ] || fail "reasons: $(cat stdout)"
+complains ': 14 entries left: 13 \(clear removes all entries or none\), 1 \(not a cached file'
 rm cache/sdstore/notes.txt
-fails 2 'clear removes 13 cached files, .*; --yes confirms this$' clear --dir cache
+fails 2 'clear removes 13 cached files, .*; --yes confirms this; see fmcache clear --help$' clear --dir cache
 json 0 "j['removed'] == 13 and j['files'] == 26 and j['left'] == []" clear --dir cache --yes
 [ -z "$(find cache -name '*.sd?')" ] || fail "clear has left something"
 
@@ -133,8 +135,8 @@ fails 3 'no cache in' housekeep --dir none --days 1
 fails 3 'no cache in' verify --dir none
 fails 3 "--store 'copy.confcache.4711' opens the store of a client" ls --dir copy
 fails 3 'no file' verify --store copy/confcache/4711 00000000-0000-4000-8000-000000000001
-for verb in ls 'show x' 'put odd'; do fails 2 'FMCACHE_DIR is not set; see fmcache --help' $verb; done
-fails 2 'fmcache --help' ls --dir cache --store copy
-fails 2 'fmcache --help' housekeep --dir cache --days 0
+for verb in ls 'show x' 'put odd'; do fails 2 'FMCACHE_DIR is not set; see fmcache [a-z]+ --help$' $verb; done
+fails 2 'exclude each other; see fmcache ls --help$' ls --dir cache --store copy
+fails 2 "'0' is not a number of days from 1 to 65535; see fmcache housekeep --help$" housekeep --dir cache --days 0
 [ -z "$(ls -A none)" ] || fail "a refused verb has made something"
 echo "all is well"

@@ -32,7 +32,7 @@ says() { grep -qE -- "$1" stdout || fail "no '$1' in: $(cat stdout)"; }
 # with a backslash.
 complains() {
     [ "$(wc -l <stderr)" -eq 1 ] || fail "not one line: $(cat stderr)"
-    grep -qE '^fmcache: ([^A-Z]|[A-Z]+ )' stderr || fail "not an error line: $(cat stderr)"
+    grep -qE '^fmcache: ([^A-Z]|[A-Z]+:? )' stderr || fail "not an error line: $(cat stderr)"
     grep -qE -- "$1" stderr || fail "no '$1' in: $(cat stderr)"
     ! grep -qE 'CFM|CFile|CDisk|::|this=|100[0-9][0-9]' stderr || fail "internal words: $(cat stderr)"
     [ "$emulated" ] || ! grep -qF 'sdstore\' stderr || fail "a backslash in a path: $(cat stderr)"
@@ -76,3 +76,25 @@ END
 }
 # The lock that a process holds on a file while it has the file open.
 while_open() { flock "cache/sdstore/$1.sdd" "${@:2}"; }
+# interrupt WORK VERB...: runs the verb on a terminal, and sends SIGTERM when the progress line of WORK is drawn.
+interrupt() {
+    python3 -S - "$fmcache" "$@" <<'END' || fail "no progress line, or not interrupted: $*"
+import os, pty, signal, sys
+program, work, *verb = sys.argv[1:]
+process, terminal = pty.fork()
+if process == 0:
+    os.nice(19)  # under load, the signal arrives before the work is done
+    os.execv(program, [program, *verb])
+shown, drawn = b"", False
+try:
+    while part := os.read(terminal, 4096):
+        shown += part
+        if not drawn and f"{work} [".encode() in shown:
+            drawn = True
+            os.kill(process, signal.SIGTERM)
+except OSError:  # the end of a terminal
+    pass
+status = os.waitpid(process, 0)[1]
+sys.exit(not (drawn and os.WEXITSTATUS(status) == 130 and b"fmcache: interrupted" in shown))
+END
+}

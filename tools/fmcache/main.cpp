@@ -1,7 +1,6 @@
 // fmcache: stores files in a cache of the file manager, reads them back, and maintains the cache.
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <exception>
 #include <new>
@@ -36,44 +35,76 @@ std::vector<std::string> OptionsOf(const CLI::App& verb) {
     return names;
 }
 
+bool IsIn(const std::vector<std::string>& names, const std::string& word) {
+    return std::ranges::find(names, word) != names.end();
+}
+
+std::string UnknownText(const char* kind, const std::string& word,
+                        const std::vector<std::string>& names) {
+    const std::string similar = FindSimilar(word, names);
+    return std::string("unknown ") + kind + " " + Quoted(word) +
+           (similar.empty() ? "" : "; did you mean " + Quoted(similar) + "?");
+}
+
 // The first word of the command line that is neither a verb nor an option, as an error message; empty if all of them
 // are known, or if the word could be the value of an option.
 std::string UnknownWord(const CLI::App& app, const std::vector<std::string>& words) {
-    std::vector<std::string> verbs;
-    for (const CLI::App* verb : app.get_subcommands({}))
-        verbs.push_back(verb->get_name());
-    const auto isIn = [](const std::vector<std::string>& names, const std::string& word) {
-        return std::find(names.begin(), names.end(), word) != names.end();
-    };
+    const std::vector<const CLI::App*> verbs = app.get_subcommands({});
+    std::vector<std::string> names;
+    for (const CLI::App* verb : verbs)
+        names.push_back(verb->get_name());
     const CLI::App* chosen = nullptr;
     for (const std::string& each : words) {
         const std::string word = each.substr(0, each.find('='));
-        const bool isOption = word.starts_with("--") && word != "--";
-        if (!isOption && (chosen || word.starts_with('-')))
-            continue;
-        if (!isOption && isIn(verbs, word)) {
-            chosen = app.get_subcommand(word);
-            continue;
+        if (word.starts_with("--") && word != "--") {
+            const std::vector<std::string> options = OptionsOf(chosen ? *chosen : app);
+            if (IsIn(options, word))
+                continue;
+            const bool isOfVerb = std::ranges::any_of(
+                verbs, [&word](const CLI::App* verb) { return IsIn(OptionsOf(*verb), word); });
+            if (!chosen && isOfVerb)
+                return Quoted(word) + " has to follow the verb";
+            return UnknownText("option", word, options);
         }
-        const std::vector<std::string> names = isOption ? OptionsOf(chosen ? *chosen : app) : verbs;
-        if (isIn(names, word))
+        if (chosen || word.starts_with('-'))
             continue;
-        const std::string similar = FindSimilar(word, names);
-        return (isOption ? "unknown option '" : "unknown verb '") + word + "'" +
-               (similar.empty() ? "" : "; did you mean '" + similar + "'?");
+        if (!IsIn(names, word))
+            return UnknownText("verb", word, names);
+        chosen = app.get_subcommand(word);
     }
     return "";
+}
+
+// The messages of CLI11 that name its own terms, in those of the user.
+std::string UsageText(const CLI::App& app, const CLI::ParseError& error) {
+    const std::string text = error.what();
+    const auto option = [&text](const char* end) { return text.substr(0, text.find(end)); };
+    switch (static_cast<CLI::ExitCodes>(error.get_exit_code())) {
+    case CLI::ExitCodes::RequiredError:
+        return app.get_subcommands().empty() ? "a verb is required" : text;
+    case CLI::ExitCodes::ArgumentMismatch:
+        return option(":") + (text.ends_with("missing") ? " needs a value" : " is given twice");
+    case CLI::ExitCodes::ConversionError: // of a flag; the other values have checks
+        return option(" = ").substr(text.find("--")) + " takes no value";
+    case CLI::ExitCodes::ExtrasError:
+        return "unexpected argument " + Quoted(app.remaining(true).front());
+    default:
+        return text;
+    }
+}
+
+// "see fmcache ls --help"
+std::string HelpHint(const CLI::App& app) {
+    const std::vector<CLI::App*> chosen = app.get_subcommands();
+    return "; see fmcache " + (chosen.empty() ? "" : chosen.front()->get_name() + " ") + "--help";
 }
 
 int ReportUsage(const CLI::App& app, const CLI::ParseError& error,
                 const std::vector<std::string>& words) {
     std::string text = UnknownWord(app, words);
     if (text.empty())
-        text = error.what();
-    // Error lines start in lower case; argument names (FILE, ID) stay as they are.
-    if (text.size() > 1 && !std::isupper(static_cast<unsigned char>(text[1])))
-        text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
-    return Complain(text + (text.ends_with('?') ? "" : "; see fmcache --help"), STATUS_USAGE);
+        text = UsageText(app, error);
+    return Complain(text + (text.ends_with('?') ? "" : HelpHint(app)), STATUS_USAGE);
 }
 
 int Run(int argc, char** argv) {
@@ -105,7 +136,13 @@ int Run(int argc, char** argv) {
     }
     KeepLog(verbose);
     CatchSignals();
-    return chosen();
+    try {
+        return chosen();
+    } catch (const Failure& failure) {
+        if (failure.Status() != STATUS_USAGE)
+            throw;
+        return Complain(failure.what() + HelpHint(app), STATUS_USAGE);
+    }
 }
 
 } // namespace
