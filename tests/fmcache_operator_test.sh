@@ -56,7 +56,7 @@ poke "$far" "$(entry 4 12)" "$(u32 0x80000000)"
 poke "$outside" "$(entry 5 0)" "$(u32 77)"
 poke "$twice" "$(entry 5 0)" "$(u32 1)"
 rm "cache/sdstore/$lost.sdi" "cache/sdstore/$data.sdd"
-poke "$early" 51 '\x09'; poke "$bad" 0 'JUNK'; poke "$other" 12 '\x55'; poke "$table" 47 "$(u32 900000)"
+poke "$early" 51 '\x09'; poke "$bad" 0 'JUNK'; poke "$other" 12 "\\x$(printf %02x $((0x${other:7:2} ^ 255)))"; poke "$table" 47 "$(u32 900000)"
 echo note >cache/sdstore/notes.txt && cp odd cache/sdstore/stray.sdd
 before=$(listing)
 run 1 verify --dir cache
