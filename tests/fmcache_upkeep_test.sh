@@ -115,7 +115,7 @@ total=$(on_disk) && one=$(on_disk "$new")
 run 0 housekeep --days 7 --dry-run && says '^older than 7 days: removed from day 9 on$'
 for budget in $((total - 1)) $((total - 2 * one)) $((100 * one)) $((2 * one)); do
     run 0 housekeep --max-size "$budget" --dry-run
-    grep -E ' remove  ' stdout | cut -d' ' -f1 | sort >planned
+    { grep -E ' remove  ' stdout || fail "nothing goes for $budget of $total bytes"; } | cut -d' ' -f1 | sort >planned
     find cache -name '*.sdi' -printf '%f\n' | sed 's/.sdi//' | sort >before
     run 0 housekeep --max-size "$budget"
     find cache -name '*.sdi' -printf '%f\n' | sed 's/.sdi//' | sort | comm -23 before - | diff planned - || fail "another plan"
