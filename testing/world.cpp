@@ -70,6 +70,7 @@ void World::TakeLine(void* self, int level, const char* text) {
         world.Trace("    " + std::string(stable) + "\n");
     world.m_lines += level <= RT_LOG_WARNING ? 1 : 0;
     world.Require(world.m_lines < LINES_MAX, "a step writes few log lines");
+    world.Require(!stable.ends_with(" Assert failed: !m_data"), "a buffer is not replaced");
     world.Require(std::ranges::none_of(line, [](char each) { return each >= 0 && each < ' '; }),
                   "a log line does not control the terminal");
 }
@@ -180,6 +181,10 @@ void World::Settle() {
 // The events that save a closed file have run.
 void World::TableWritten(File& file) {
     const Saved rescued = std::move(file.rescued);
+    if (file.saving && !*file.saving && !IsFaulty() && !file.isDisplaced)
+        Require(!fs::exists(m_cache.Path(file.id, ".sdd")) &&
+                    !fs::exists(m_cache.Path(file.id, ".sdi")),
+                "the files of a temporary file are removed");
     if (file.saving && !IsFaulty())
         SetDisk(file, std::move(*file.saving));
     else if (file.saving)
@@ -390,11 +395,9 @@ void World::Harm(File& file, uint32_t how) {
             Unlock(each);
         fs::remove_all(data.parent_path(), ignored);
         for (File& each : m_files)
-            Harmed(each);
+            Harmed(each, false);
     }
-    Harmed(file);
-    // A file that is removed while the library opens it looks like one of another server.
-    file.isRewritten = file.isRewritten || fs::exists(data) || m_action == faults::CALL;
+    Harmed(file, fs::exists(data) && (how % 8 != 0 || file.isParked || file.hasGap));
 }
 
 void World::Overwrite(const fs::path& path, size_t at, const std::string& bytes) {
@@ -404,9 +407,11 @@ void World::Overwrite(const fs::path& path, size_t at, const std::string& bytes)
 }
 
 // If the stream was closed since, the library takes the file for another server's.
-void World::Harmed(File& file) {
+void World::Harmed(File& file, bool isRewritten) {
     ForgetDisk(file);
     file.isHarmed = true;
+    // A file that is removed while the library opens it looks like one of another server.
+    file.isRewritten = file.isRewritten || isRewritten || m_action == faults::CALL || m_faults > 0;
     for (auto& [id, block] : file.table)
         block.isLost = true;
 }
@@ -466,7 +471,9 @@ void World::Start(uint16_t days) {
 // The cache has been cleared.
 void World::ForgetFiles() {
     for (File& file : m_files) {
-        if (IsFaulty() || m_storeLock >= 0) // another server uses the store: nothing is cleared
+        Require(file.lock < 0 || fs::exists(m_cache.Path(file.id, ".sdd")),
+                "a store that another server uses is not cleared");
+        if (IsFaulty() || m_storeLock >= 0)
             ForgetDisk(file);
         else
             SetDisk(file, std::nullopt);
@@ -509,7 +516,7 @@ void World::Tick(const Step& step, File&) {
 
 // Ten days later: removes files that are not open and not kept.
 void World::KeepHouse(const Step& step, File&) {
-    if (m_depth > 0 || step.how % 4 != 0)
+    if (m_depth > 0 || step.how % 2 != 0)
         return;
     Settle();
     m_clock.Advance(10 * DAY_MS);
@@ -641,8 +648,10 @@ void World::Evict(const Step&, File& file) {
 
 // Closes the streams of an open file, as when too many are open.
 void World::Park(const Step&, File& file) {
-    if (file.ref)
-        static_cast<CFMFile&>(*file.ref).GetEntry().CloseStreams();
+    if (!file.ref)
+        return;
+    static_cast<CFMFile&>(*file.ref).GetEntry().CloseStreams();
+    file.isParked = true;
 }
 
 void World::Describe(const Step&, File& file) {

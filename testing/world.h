@@ -46,7 +46,9 @@ struct File {
     uint32_t generation = 0;  // changes with each creation
     bool isChanged = false;   // since it was created, loaded or saved
     bool isHarmed = false;    // another program has changed the files since they were opened
-    bool isRewritten = false; // harmed, but not only by a removal of the data file
+    bool isRewritten = false; // harmed: the library may take it for the file of another server
+    bool isParked = false;    // its streams were closed while it was open
+    bool hasGap = false;      // a complete block was rewritten or removed
     bool isDisplaced = false; // housekeeping may skip the path because of a displaced object
     bool isForeign = false;   // it has replaced the data file by one of the same length
     int lock = -1;            // another server has the file open: a descriptor that holds its lock
@@ -156,7 +158,7 @@ private:
     void Die();
     void Harm(File& file, uint32_t how);
     static void Overwrite(const fs::path& path, size_t at, const std::string& bytes);
-    static void Harmed(File& file);
+    void Harmed(File& file, bool isRewritten);
     void LockStep(const Step&, File& file);
     static int OpenElsewhere(const fs::path& path, int flags);
     void Unlock(File& file);

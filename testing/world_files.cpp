@@ -87,6 +87,8 @@ void World::Restore(File& file) {
     file.isChanged = false;
     file.isHarmed = false;
     file.isRewritten = false;
+    file.isParked = false;
+    file.hasGap = false;
     Saved found;
     uint32_t generation = 0;
     for (uint32_t id = 1; id <= BLOCKS; ++id) {
@@ -224,6 +226,8 @@ void World::Leave(File& file) {
     file.isChanged = false;
     file.isHarmed = false;
     file.isRewritten = false;
+    file.isParked = false;
+    file.hasGap = false;
 }
 
 // --- Blocks ------------------------------------------------------------------------------------
@@ -280,7 +284,11 @@ void World::Write(const Step& step, File& file) {
 
 void World::BeginWrite(File& file, uint32_t id) {
     file.isChanged = true;
-    file.table[id].isUnsaved = true;
+    Block& block = file.table[id];
+    block.isUnsaved = true;
+    // Closing compares the length of the data file only with the ends of complete blocks.
+    file.hasGap = file.hasGap || block.version != 0;
+    file.isRewritten = file.isRewritten || (file.isHarmed && block.version != 0);
     file.promised.erase(id);
     if (file.generation != file.diskGeneration) // the older file is removed before the first store
         ForgetDisk(file);
