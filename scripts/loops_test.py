@@ -78,6 +78,32 @@ def regular_file(cache):
         check(server.fetch() == expected, "the file that was standard input differs")
 
 
+def non_blocking_input(cache):
+    """The input comes late, through a pipe whose reading end is non-blocking, and ends later still."""
+    expected = random.randbytes(2 * MIB)
+    reading, writing = os.pipe()
+    os.set_blocking(reading, False)
+    with subprocess.Popen([PROGRAM, "store", cache], stdin=reading, stdout=subprocess.PIPE) as writer:
+        os.close(reading)
+        with os.fdopen(writing, "wb") as pipe:
+            for part in (expected[:MIB], expected[MIB:]):
+                time.sleep(0.2)
+                pipe.write(part)
+                pipe.flush()
+        identifier = writer.stdout.read().decode().strip()
+        check(writer.wait(SECONDS) == 0, "a non-blocking input is a failure")
+    with Server(cache, identifier) as server:
+        check(server.fetch() == expected, "the file from a non-blocking input differs")
+
+
+def closed_streams(cache):
+    for stream in (0, 1):
+        done = subprocess.run([PROGRAM, "store", cache], stderr=subprocess.PIPE, timeout=SECONDS,
+                              preexec_fn=lambda stream=stream: os.close(stream), stdin=subprocess.DEVNULL,
+                              stdout=subprocess.DEVNULL)
+        check(done.returncode == 1 and b"closed" in done.stderr, f"no message if stream {stream} is closed")
+
+
 def slow_disk(cache):
     """The input is paused and resumed: the input is complete long before the disk has stored it."""
     expected = random.randbytes(40 * MIB)
@@ -122,7 +148,7 @@ def failures(cache):
         check(server.process.wait(SECONDS) == 1, "a damaged file is no failure")
 
 
-for case in [transfers, regular_file, full_disk, failures] + ([slow_disk] if SLOW_DISK else []):
+for case in [transfers, regular_file, non_blocking_input, closed_streams, full_disk, failures] + ([slow_disk] if SLOW_DISK else []):
     with tempfile.TemporaryDirectory() as directory:
         case(directory)
         print(f"{case.__name__}: passed", flush=True)

@@ -188,6 +188,8 @@ int main(int argc, char** argv) {
     Options options;
     if (!ParseOptions(argc, argv, options))
         return 2;
+    if (!AreStreamsOpen())
+        return 1;
     try {
         return Run(options);
     } catch (const std::exception& error) {

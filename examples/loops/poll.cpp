@@ -190,6 +190,8 @@ int main(int argc, char** argv) {
     Options options;
     if (!ParseOptions(argc, argv, options))
         return 2;
+    if (!AreStreamsOpen())
+        return 1;
     std::signal(SIGPIPE, SIG_IGN); // write() then reports a closed connection
     Loop loop;
     if (!loop.IsValid())

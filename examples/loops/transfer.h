@@ -9,6 +9,8 @@
 #include <FMStatistics.h>
 #include <IFileManager.h>
 #include <RtRuntime.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <charconv>
 #include <cstdint>
@@ -67,6 +69,18 @@ inline bool ParseOptions(int argc, char** argv, Options& options) {
         "the port, and the program prints it.\n",
         argv[0], argv[0]);
     return false;
+}
+
+/// A descriptor that the program opens later would get the number of a closed stream: a pipe of the loop would be
+/// read as standard input, or a message written into the cache.
+inline bool AreStreamsOpen() {
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(stream, F_GETFD) < 0) {
+            std::fputs("standard input, output or error is closed\n", stderr);
+            return false;
+        }
+    }
+    return true;
 }
 
 inline void PrintPort(unsigned port) {

@@ -68,12 +68,20 @@ private:
 
 // --- Store --------------------------------------------------------------------------------------
 
-// uv_fs_read reads pipes, terminals and files, each on a thread of libuv.
+// uv_fs_read reads pipes, terminals and files, each on a thread of libuv. If the program that started this one has
+// set O_NONBLOCK, which standard input shares with it, a read can find no bytes: then uv_poll waits for them.
 class Input {
 public:
     Input(Loop& loop, IFileManager& manager) : m_loop(loop), m_writer(manager, [this] { Read(); }) {
-        m_request.data = this;
+        m_request.data = m_poll.data = this;
     }
+    ~Input() {
+        if (m_poll.loop)
+            uv_close(reinterpret_cast<uv_handle_t*>(&m_poll), nullptr);
+        uv_run(uv_default_loop(), UV_RUN_NOWAIT); // libuv uses the handle until it is closed
+    }
+    Input(const Input&) = delete;
+    Input& operator=(const Input&) = delete;
 
     bool Run() {
         if (!m_writer.Create())
@@ -101,8 +109,21 @@ private:
             m_loop.Stop(false);
     }
 
+    void WaitForBytes() {
+        const auto onBytes = [](uv_poll_t* poll, int, int) {
+            uv_poll_stop(poll);
+            static_cast<Input*>(poll->data)->Read();
+        };
+        if ((!m_poll.loop &&
+             !SucceededUv(uv_poll_init(uv_default_loop(), &m_poll, STDIN), "uv_poll_init")) ||
+            !SucceededUv(uv_poll_start(&m_poll, UV_READABLE, onBytes), "uv_poll_start"))
+            m_loop.Stop(false);
+    }
+
     void OnRead(ssize_t length) {
         m_isReading = false;
+        if (length == UV_EAGAIN)
+            return WaitForBytes();
         if (length == 0)
             return m_loop.Stop(m_writer.Finish());
         if (!SucceededUv(static_cast<int>(length), "standard input") ||
@@ -116,6 +137,7 @@ private:
     Loop& m_loop;
     FileWriter m_writer;
     uv_fs_t m_request{};
+    uv_poll_t m_poll{};
     bool m_isReading = false;
 };
 
@@ -237,6 +259,8 @@ int main(int argc, char** argv) {
     Options options;
     if (!ParseOptions(argc, argv, options))
         return 2;
+    if (!AreStreamsOpen())
+        return 1;
     std::signal(SIGPIPE, SIG_IGN); // a write then reports a closed connection
     Loop loop;
     if (!loop.IsValid())
