@@ -22,7 +22,7 @@ void ExpectAsDescribed(const FMCachedFile& described, const FileRef& file) {
         const FMSlotState state = described.states[i];
         const BlockRef block = Cache::Block(*file, entry.blockID, 0);
         EXPECT_EQ(static_cast<bool>(block),
-                  state != FMSlotState::Empty && state != FMSlotState::Outside)
+                  state != FMSlotState::NoBlock && state != FMSlotState::Outside)
             << i;
         if (!block || state == FMSlotState::Replaced)
             continue;
@@ -130,6 +130,11 @@ TEST(Info, ImpossibleNumbersAreSkippedRefusedOrFailWhenRead) {
     EXPECT_TRUE(Cache::Block(*file, 1, 0)->IsComplete());
     EXPECT_FALSE(Cache::Block(*file, 2, 0)->IsComplete());
     EXPECT_FALSE(Cache::Block(*file, 3, 0));
+    EXPECT_EQ(
+        log.Count("FMDescribeCachedFile, the information file has a block table that ends early, "
+                  "fileID=" +
+                  std::string(FMFileIDToString(info.fileID).c_str()) + ",path="),
+        1U);
 
     EXPECT_TRUE(
         open(BlockBody({{7, 10, 0}, {4000, 10, 5}, {7, 10, 100}, {9, 10, 200}, {9, 5000, 300}})));

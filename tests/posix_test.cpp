@@ -182,11 +182,15 @@ TEST(HouseKeeping, LinksAndSeparatorsInNamesDoNotLeadOutOfTheStore) {
     std::vector<CRtString> stems;
     std::vector<CRtString> others;
     EXPECT_EQ(FMListCachedFiles("", stems, others), RT_OK);
-    EXPECT_EQ(stems, std::vector{FMFileIDToString(nowhere)});
-    EXPECT_EQ(others.size(), 3U); // the links, and the name with a separator
+    std::vector<CRtString> expected{FMFileIDToString(nowhere), FMFileIDToString(elsewhere)};
+    std::ranges::sort(expected, {}, &CRtString::view);
+    EXPECT_EQ(stems, expected);
+    EXPECT_EQ(others.size(), 2U); // the link to an information file, and the name with a separator
     FMCachedFile file;
     EXPECT_EQ(FMDescribeCachedFile("", "..\\victim", file), RT_ERROR_INVALID_ARG);
-    EXPECT_EQ(FMDescribeCachedFile("", FMFileIDToString(elsewhere), file), RT_ERROR_NOT_FOUND);
+    EXPECT_EQ(FMDescribeCachedFile("", FMFileIDToString(elsewhere), file), RT_OK);
+    EXPECT_TRUE(file.isDataSpecial && !file.hasData && !file.isLoadable);
+    EXPECT_EQ(FMJudgeExpiry(file, 7, 0).when, FMExpiry::When::NextRun);
     FMStartHousekeeping();
     cache.Stop();
     EXPECT_TRUE(fs::exists(cache.dir.path / "victim.sdd"));
@@ -195,6 +199,50 @@ TEST(HouseKeeping, LinksAndSeparatorsInNamesDoNotLeadOutOfTheStore) {
     EXPECT_FALSE(fs::is_symlink(cache.Path(elsewhere, ".sdd")));
     EXPECT_EQ(ReadFile(outside.path / "precious"), "precious");
     EXPECT_FALSE(fs::exists(outside.path / "none"));
+}
+
+// What the catalog predicts for a pipe, a link and a directory is what the run does.
+TEST(HouseKeeping, PredictionsHoldForEntriesThatAreNoRegularFiles) {
+    LogCapture log;
+    Cache cache(1, 7);
+    const auto leave = [&cache](int64_t createTime) {
+        const FMFileInfo info = Description();
+        WriteFile(cache.Path(info.fileID, ".sdi"),
+                  InfoFile(info, std::string(2, '\0'), createTime));
+        return info.fileID;
+    };
+    const int64_t now = CRtTimeValue::GetTimeOfDay().GetSec();
+    const std::vector<FMFileID> ids{leave(1), leave(now), leave(1), leave(now), leave(1)};
+    mkfifo(cache.Path(ids[0], ".sdd").c_str(), 0600);
+    mkfifo(cache.Path(ids[1], ".sdd").c_str(), 0600);
+    fs::create_symlink("nowhere", cache.Path(ids[2], ".sdd"));
+    fs::remove(cache.Path(ids[3], ".sdi"));
+    fs::create_directory(cache.Path(ids[3], ".sdi"));
+    WriteFile(cache.Path(ids[3], ".sdd"), "bytes");
+    fs::create_directory(cache.Path(ids[4], ".sdd"));
+    std::vector<FMExpiry::When> predicted;
+    for (const FMFileID& id : ids) {
+        FMCachedFile file;
+        EXPECT_EQ(FMDescribeCachedFile("", FMFileIDToString(id), file), RT_OK);
+        predicted.push_back(FMJudgeExpiry(file, 7, now).when);
+    }
+    using When = FMExpiry::When;
+    EXPECT_EQ(predicted,
+              (std::vector{When::NextRun, When::Later, When::NextRun, When::Unknown, When::Never}));
+    FMStartHousekeeping();
+    FMWaitUntilIdle();
+    for (size_t i = 0; i < ids.size(); ++i) {
+        const bool isToGo = predicted[i] == When::NextRun;
+        EXPECT_EQ(fs::symlink_status(cache.Path(ids[i], ".sdd")).type() == fs::file_type::not_found,
+                  isToGo)
+            << i;
+        EXPECT_EQ(fs::exists(cache.Path(ids[i], ".sdi")), !isToGo) << i;
+    }
+    const CRtString store((cache.dir.path / "sdstore").string());
+    EXPECT_EQ(FMRemoveCachedFile(store, FMFileIDToString(ids[3]), false), RT_ERROR_IO);
+    EXPECT_TRUE(fs::exists(cache.Path(ids[3], ".sdd")));
+    EXPECT_EQ(FMRemoveCachedFile(store, FMFileIDToString(ids[1]), false), RT_OK);
+    EXPECT_FALSE(fs::exists(cache.Path(ids[1], ".sdd")));
 }
 
 TEST(Fingerprint, FileTimesBeyondTheYear2262DoNotOverflow) {

@@ -35,7 +35,7 @@ std::vector<Kind> KindsBySlot(const FMCachedFile& file) {
     std::vector<Kind> kinds(static_cast<size_t>(file.slots), MISSING); // see FM_TABLE_SLOTS_MAX
     for (size_t i = 0; i < file.states.size(); ++i) {
         const FMSlotState state = file.states[i];
-        if (state != FMSlotState::Empty && state != FMSlotState::Outside &&
+        if (state != FMSlotState::NoBlock && state != FMSlotState::Outside &&
             state != FMSlotState::Replaced)
             kinds[file.entries[i].blockID - file.info.blockBeg] = KindOf(state);
     }

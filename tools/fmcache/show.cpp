@@ -25,11 +25,11 @@ struct ShowOptions : StoreOptions {
 
 const char* StateText(FMSlotState state) {
     switch (state) {
-    case FMSlotState::Empty:
+    case FMSlotState::NoBlock:
         return "missing";
     case FMSlotState::Stored:
         return "stored";
-    case FMSlotState::NoData:
+    case FMSlotState::Empty:
         return "no data";
     case FMSlotState::Impossible:
         return "impossible range";

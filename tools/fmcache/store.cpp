@@ -51,7 +51,7 @@ std::vector<FMBlockEntry> CompleteBlocks(const FMCachedFile& file) {
     for (uint32_t i = 0; i < blocks.size(); ++i) {
         const FMSlotState state = file.states[i];
         const uint32_t id = file.info.blockBeg + i;
-        if (state == FMSlotState::Empty)
+        if (state == FMSlotState::NoBlock)
             throw Failure(BlockName(id) + " is missing");
         if (blocks[i].blockID != id)
             throw Failure("the block table is damaged: it has " + BlockName(blocks[i].blockID) +

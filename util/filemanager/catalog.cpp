@@ -6,6 +6,7 @@
 #include <string>
 #include <system_error>
 
+#include "RtLog.h"
 #include "RtResult.h"
 #include "RtTimeValue.h"
 #include "catalogcheck.h"
@@ -46,9 +47,9 @@ bool LocateDirectory(const CRtString& directory, const char* call, CRtString& pa
 enum class Found { File, Other, Missing };
 
 // What a name of a listing is by now. A file that cannot be examined is listed: its description says why.
-Found Examine(const CRtString& path) {
+Found Examine(const CRtString& path, bool isData) {
     RtOs::FileStamp stamp;
-    if (!RtOs::GetStamp(path, stamp) || stamp.exists)
+    if (!RtOs::GetStamp(path, stamp) || stamp.exists || (isData && stamp.isSpecial))
         return Found::File;
     return RtOs::GetEntryKind(path) == RtOs::EntryKind::Missing ? Found::Missing : Found::Other;
 }
@@ -90,7 +91,15 @@ const char* FaultText(FMDescription found) {
     return "has a description with a name that is too long";
 }
 
-void ParseTable(FMCachedFile& file, CRtMessageBlock& body, FMTableFacts& facts) {
+// The decoder has written log lines, which do not name the file.
+void LogDamage(const CRtString& path, const FMCachedFile& file, const char* what) {
+    RT_LOG(RT_LOG_ERROR, "FMDescribeCachedFile, the information file "
+                             << what << ", fileID=" << FMFileIDToString(file.fileID)
+                             << ",path=" << path);
+}
+
+void ParseTable(const CRtString& path, FMCachedFile& file, CRtMessageBlock& body,
+                FMTableFacts& facts) {
     const uint64_t length = body.GetChainedLength();
     file.isTableComplete = FMDecodeBlockBody(body, file.entries);
     facts.slots = FMSlotsToLoad(file.info.num, file.infoLength);
@@ -98,10 +107,13 @@ void ParseTable(FMCachedFile& file, CRtMessageBlock& body, FMTableFacts& facts) 
     for (const FMBlockEntry& entry : file.entries)
         used += FMEntrySize(entry);
     facts.bytesBehind = file.isTableComplete ? length - used : 0;
+    if (!file.isTableComplete)
+        LogDamage(path, file, "has a block table that ends early");
 }
 
 // Sets `infoFault`, or the description and the table.
-void ParseInfo(FMCachedFile& file, std::span<const char> bytes, FMTableFacts& facts) {
+void ParseInfo(const CRtString& path, FMCachedFile& file, std::span<const char> bytes,
+               FMTableFacts& facts) {
     const std::string_view magic(FM_INFO_MAGIC, FM_INFO_MAGIC_SIZE);
     const bool isInfo = std::string_view(bytes.data(), bytes.size()).starts_with(magic);
     std::span<const char> rest = isInfo ? bytes.subspan(FM_INFO_LENGTH_OFFSET) : bytes;
@@ -113,10 +125,12 @@ void ParseInfo(FMCachedFile& file, std::span<const char> bytes, FMTableFacts& fa
     const FMDescription found = FMReadDescription(*body, file.info, file.createTime);
     file.infoFault = FaultText(found);
     file.isDescribed = found == FMDescription::Sound;
+    if (found == FMDescription::Damaged)
+        LogDamage(path, file, FaultText(found));
     if (!file.isDescribed)
         file.info = {};
     else if (TakeBody(rest, FM_INFO_BLOCK_BODY_MAX, body))
-        ParseTable(file, *body, facts);
+        ParseTable(path, file, *body, facts);
     else
         file.infoFault = "has a damaged or missing block table";
 }
@@ -127,13 +141,17 @@ int ReadInfoBytes(const CRtString& path, FMCachedFile& file, std::vector<char>& 
     bool isCreated = false;
     RtOs::FileStamp stamp;
     const int stream = RtOs::OpenFile(path, RtOs::OPEN_READ, error, isCreated, stamp);
-    if (stream == RtOs::NO_FILE) { // a link or a directory is no information file
-        file.hasInfo = RtOs::GetStamp(path, stamp) && stamp.exists;
-        file.infoLength = stamp.length;
-        return file.hasInfo ? error : 0;
-    }
+    if (stream == RtOs::NO_FILE) // a link or a directory is no information file
+        RtOs::GetStamp(path, stamp);
     file.hasInfo = stamp.exists;
     file.infoLength = stamp.length;
+    if (FMIsDirectory(path, stamp)) { // on POSIX it can be opened
+        if (stream != RtOs::NO_FILE)
+            RtOs::CloseFile(stream);
+        return static_cast<int>(std::errc::is_a_directory);
+    }
+    if (stream == RtOs::NO_FILE)
+        return file.hasInfo ? error : 0;
     bytes.resize(static_cast<size_t>(std::min<uint64_t>(stamp.length, INFO_FILE_MAX)));
     const bool isRead = !stamp.exists || bytes.empty() ||
                         RtOs::ReadAt(stream, 0, bytes.data(),
@@ -148,7 +166,7 @@ void ReadInfo(const CRtString& path, FMCachedFile& file, FMTableFacts& facts) {
         file.isUnreadable = true;
         file.infoFault = CRtString("cannot be read: " + std::generic_category().message(error));
     } else if (file.hasInfo) {
-        ParseInfo(file, bytes, facts);
+        ParseInfo(path, file, bytes, facts);
     }
 }
 
@@ -246,9 +264,9 @@ int FMListCachedFiles(const CRtString& directory, std::vector<CRtString>& stems,
     bool isDirectory = false;
     while (walk.Next(name, isDirectory)) {
         CRtString stem;
-        const bool isCached = !isDirectory && (FMTakeStem(name, FM_DATA_EXTENSION, stem) ||
-                                               FMTakeStem(name, FM_INFO_EXTENSION, stem));
-        const Found found = isCached ? Examine(base + name) : Found::Other;
+        const bool isData = !isDirectory && FMTakeStem(name, FM_DATA_EXTENSION, stem);
+        const bool isCached = isData || (!isDirectory && FMTakeStem(name, FM_INFO_EXTENSION, stem));
+        const Found found = isCached ? Examine(base + name, isData) : Found::Other;
         if (found == Found::File)
             stems.push_back(stem);
         else if (found == Found::Other)
@@ -290,8 +308,9 @@ int FMDescribeCachedFile(const CRtString& directory, const CRtString& stem, FMCa
     if (RtOs::GetStamp(dataPath, data)) {
         file.hasData = data.exists;
         file.dataLength = data.length;
+        file.isDataSpecial = data.isSpecial;
     }
-    if (!file.hasInfo && !file.hasData && !file.isOpenHere)
+    if (!file.hasInfo && !file.hasData && !file.isDataSpecial && !file.isOpenHere)
         return RT_ERROR_NOT_FOUND;
     const bool isRead = file.isDescribed && file.infoFault.empty();
     if (!isRead && !file.isOpenElsewhere) // another process may have created the file since
@@ -335,7 +354,7 @@ FMExpiry FMJudgeExpiry(const FMCachedFile& file, uint16_t clearDays, int64_t now
             return {When::Unknown, 0, "open"};
         return {When::NextRun, 0, std::move(reason)};
     };
-    if (!file.hasData) // housekeeping examines data files only
+    if (!file.hasData && !file.isDataSpecial) // housekeeping examines data files only
         return {When::Never, 0, "no data file"};
     if (file.isUnreadable) // for this user; the server may run as another one
         return {When::Unknown, 0, file.infoFault};

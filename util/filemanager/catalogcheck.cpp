@@ -69,14 +69,17 @@ private:
 };
 
 void Checker::CheckFiles() {
+    const bool isExamined = m_file.hasData || m_file.isDataSpecial;
+    const std::string gone = isExamined ? "; housekeeping removes it" : "";
     if (m_file.fileID == FMFileID_None)
         Add("the name is not an identifier",
-            m_file.hasData ? "not loaded; housekeeping examines it" : "not loaded");
-    const std::string gone = m_file.hasData ? "; housekeeping removes it" : "";
-    if (!m_file.hasInfo && !m_file.isDescribed)
-        AddUnlessOpen("there is no information file", "not loaded" + gone);
-    else if (m_file.isUnreadable)
+            isExamined ? "not loaded; housekeeping examines it" : "not loaded");
+    if (m_file.isDataSpecial)
+        Add("the data file is a link, a pipe or a device", "its blocks cannot be read");
+    if (m_file.isUnreadable)
         Add("the information file " + Text(m_file.infoFault), "");
+    else if (!m_file.hasInfo && !m_file.isDescribed)
+        AddUnlessOpen("there is no information file", "not loaded" + gone);
     else if (!m_file.infoFault.empty())
         AddUnlessOpen("the information file " + Text(m_file.infoFault),
                       "not loaded" + (m_file.isDescribed ? "" : gone));
@@ -118,7 +121,7 @@ void Checker::FindStates() {
     for (size_t i = 0; i < m_file.entries.size(); ++i) {
         const FMBlockEntry& block = m_file.entries[i];
         const FMSlotState state = m_file.states[i];
-        if (state == FMSlotState::Empty)
+        if (state == FMSlotState::NoBlock)
             continue;
         AddState(block, state);
         if (state != FMSlotState::Outside)

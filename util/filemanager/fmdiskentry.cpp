@@ -176,10 +176,12 @@ void CFMDiskEntry::RemoveFiles() {
     if (m_pData &&
         (!m_pData->TakeExisting() || (!IsOverPredecessor() && RT_FAILED(CheckOpening()))))
         return; // another process has locked them
-    if (m_pInfo)
-        m_pInfo->RemoveMee();
-    if (m_pData)
+    // Housekeeping finds a cached file by its data file: without it, nothing would remove the information file.
+    const bool isInfoGone = !m_pInfo || RT_SUCCEEDED(m_pInfo->RemoveMee());
+    if (m_pData && isInfoGone)
         m_pData->RemoveMee();
+    else if (m_pData)
+        m_pData->Close();
     // A later read of a block that is still referenced would create the data file again.
     m_path.store(Path::Detached, std::memory_order_release);
 }

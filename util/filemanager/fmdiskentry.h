@@ -58,8 +58,8 @@ public:
     /// the entries of the table lose their bytes. Takes the pending table from `stores`, and puts it back if it
     /// could not be written. A no-op if there is none.
     TableWritten WriteTable(CFMStores& stores);
-    /// Removes both files, the information file first, and detaches. A no-op if another process has locked
-    /// the data file.
+    /// Removes both files, the information file first, and detaches. If the information file cannot be removed, both
+    /// stay. A no-op if another process has locked the data file.
     void RemoveFiles();
     /// Removes the files of a predecessor. RT_OK, RT_ERROR_IO.
     int DiscardPredecessor();

@@ -155,9 +155,11 @@ CFMFile::Info CFMFile::LoadInfo(uint32_t readAhead) {
 CFMFile::Info CFMFile::ExplainFailure(int ret) {
     if (!m_infoFile)
         return Info::Unreadable;
-    // A permanent failure: a link or a pipe on the path never becomes readable.
+    // A permanent failure: a link or a pipe on the path never becomes readable. Neither does a directory, but it
+    // cannot be removed as a file.
+    const CRtString& path = m_infoFile->GetFileName();
     RtOs::FileStamp info;
-    const bool isNoFile = RtOs::GetStamp(m_infoFile->GetFileName(), info) && !info.exists;
+    const bool isNoFile = RtOs::GetStamp(path, info) && !info.exists && !FMIsDirectory(path, info);
     const bool isTransient = ret == RT_ERROR_IO && !m_infoFile->IsTooShort() && !isNoFile;
     return isTransient ? Info::Unreadable : Info::Damaged;
 }

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "RtResult.h"
-#include "os/RtOs.h"
 
 namespace {
 
@@ -24,13 +23,13 @@ bool IsInOrder(const std::vector<FMBlockEntry>& slots) {
 
 FMSlotState JudgeEntry(const FMBlockEntry& entry, const FMTableLimits& limits) {
     if (entry.blockID == 0)
-        return FMSlotState::Empty;
+        return FMSlotState::NoBlock;
     if (entry.blockID < limits.firstBlock || entry.blockID - limits.firstBlock >= limits.slots)
         return FMSlotState::Outside;
     if (!FMIsEntryPossible(entry))
         return FMSlotState::Impossible;
     if (entry.totalLen == 0)
-        return FMSlotState::NoData;
+        return FMSlotState::Empty;
     return static_cast<uint64_t>(FMEndOf(entry)) > limits.dataLength ? FMSlotState::Beyond
                                                                      : FMSlotState::Stored;
 }
@@ -44,6 +43,11 @@ bool FMTakeStem(const CRtString& name, const char* extension, CRtString& stem) {
         return false;
     stem = name.Left(name.size() - suffix.size());
     return true;
+}
+
+bool FMIsDirectory(const CRtString& path, const RtOs::FileStamp& stamp) {
+    return !stamp.exists && !stamp.isSpecial &&
+           RtOs::GetEntryKind(path) == RtOs::EntryKind::Directory;
 }
 
 FMDescription FMReadDescription(CRtMessageBlock& body, FMFileInfo& info, uint32_t& createTime) {

@@ -6,10 +6,14 @@
 #include <vector>
 
 #include "FMCatalog.h"
+#include "os/RtOs.h"
 
 /// Whether `name` is a file name with that extension and a stem before it. A name with a separator is none: POSIX
 /// allows a backslash in a name, and the path would lead elsewhere.
 bool FMTakeStem(const CRtString& name, const char* extension, CRtString& stem);
+
+/// Whether the path names a directory and not a link to one. `stamp`: that of the path.
+bool FMIsDirectory(const CRtString& path, const RtOs::FileStamp& stamp);
 
 // --- The description ----------------------------------------------------------------------------
 

@@ -9,7 +9,7 @@
 ///
 /// FMListCachedFiles, FMDescribeCachedFile and FMRemoveCachedFile can wait for the disk. They throw std::bad_alloc if
 /// out of memory. Call them on no thread but the caller thread when the process has begun to exit. The log
-/// lines of the decoder for a damaged file do not name the file: FMFinding tells what is wrong.
+/// lines of the decoder for a damaged file do not name the file: a line with its identifier and path follows them.
 /// @{
 #pragma once
 
@@ -33,11 +33,12 @@ constexpr char FM_SERVER_STORE[] = "sdstore";
 constexpr char FM_CLIENT_STORES[] = "confcache";
 ///@}
 
-/// What a load makes of an entry of the block table.
+/// What a load makes of an entry of the block table. `Stored` and `Empty` mean the same as in FMBlockCondition
+/// (FMDurability.h), which is the state of a block that is open.
 enum class FMSlotState : uint8_t {
-    Empty,      ///< no block
+    NoBlock,    ///< the slot has no block
     Stored,     ///< the data file contains all bytes of the block
-    NoData,     ///< a block without bytes on disk
+    Empty,      ///< a block without bytes on disk
     Impossible, ///< an impossible range (FMIsEntryPossible): loaded without data
     Beyond,     ///< ends past the data file: loaded, but reading fails
     Overlaps,   ///< shares bytes with another entry: loaded without data
@@ -66,6 +67,9 @@ struct FMCachedFile {
     uint64_t infoLength = 0;
     uint64_t dataLength = 0;
     ///@}
+    /// A link, a pipe or a device has the name of the data file. Nothing can be read from it. Housekeeping removes
+    /// it as it does a data file.
+    bool isDataSpecial = false;
 
     /// The file is open in this process: IFileManager::OpenFile returns it without a load.
     bool isOpenHere = false;
@@ -74,7 +78,8 @@ struct FMCachedFile {
     /// information file can be missing or older than the data file; this is not damage.
     bool isOpenElsewhere = false;
 
-    /// The information file exists, but could not be opened or read, for example for lack of permission.
+    /// The information file exists, but could not be opened or read, for example for lack of permission; or a
+    /// directory has its name.
     bool isUnreadable = false;
     /// Why the information file cannot be loaded, as a predicate: "has a damaged description". Empty if it can be
     /// loaded or does not exist.
@@ -92,7 +97,7 @@ struct FMCachedFile {
     /// The block table contains all entries that it announces.
     bool isTableComplete = false;
     /// The block table: an entry for each slot, and its state. A file that is open in this process: the table
-    /// that a close would write now. A block that is not in the data file yet is FMSlotState::NoData.
+    /// that a close would write now. A block that is not in the data file yet is FMSlotState::Empty.
     ///@{
     std::vector<FMBlockEntry> entries;
     std::vector<FMSlotState> states;
@@ -111,7 +116,8 @@ struct FMCachedFile {
 ///     of a client. Any thread. Empty: the store directory of the running manager, on the caller thread. Then the
 ///     list includes files that are open in this process and not yet on disk. If a file has just been closed, the
 ///     call waits until its table is written, as IFileManager::OpenFile does.
-/// @param[out] stems the stems, sorted byte by byte. Each has an information file, a data file or both.
+/// @param[out] stems the stems, sorted byte by byte. Each has an information file or a data file, or both. A link, a
+///     pipe or a device with the name of a data file counts as one, because housekeeping examines it.
 /// @param[out] others the names of all other entries of the directory, sorted.
 /// @retval RT_OK
 /// @retval RT_ERROR_NOT_FOUND there is no such directory, or it cannot be opened.

@@ -19,7 +19,8 @@
 #include "IFMBlock.h"
 #include "RtExport.h"
 
-/// Where the bytes of a block are. FMSlotState (FMCatalog.h) is the state of an entry in a table on disk.
+/// Where the bytes of a block are. FMSlotState (FMCatalog.h) is the state of an entry in a table on disk; words that
+/// both use mean the same.
 enum class FMBlockCondition : uint8_t {
     Empty,   ///< no piece was written, or a table without bytes for this block was loaded
     Filling, ///< some pieces are missing

@@ -141,6 +141,7 @@ struct FileStamp {
     uint64_t length = 0;
     int64_t changedSeconds = 0; // 64 bits of nanoseconds would overflow in the year 2262
     uint32_t changedNanoseconds = 0;
+    bool isSpecial = false; ///< of a path: a link, a pipe or a device; POSIX only
     bool operator==(const FileStamp&) const = default;
     bool IsSameFile(const FileStamp& other) const {
         return exists && other.exists && device == other.device && node == other.node;

@@ -327,7 +327,9 @@ bool Stamp(int result, const Info& info, FileStamp& stamp) {
                  info.st_ino,
                  static_cast<uint64_t>(info.st_size),
                  info.st_mtim.tv_sec,
-                 static_cast<uint32_t>(info.st_mtim.tv_nsec)};
+                 static_cast<uint32_t>(info.st_mtim.tv_nsec),
+                 false};
+    stamp.isSpecial = !S_ISREG(info.st_mode) && !S_ISDIR(info.st_mode);
     return true;
 }
 

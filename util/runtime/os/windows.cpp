@@ -293,7 +293,8 @@ bool Stamp(HANDLE file, FileStamp& stamp) {
              Wide(info.nFileIndexHigh, info.nFileIndexLow),
              Wide(info.nFileSizeHigh, info.nFileSizeLow),
              static_cast<int64_t>(changed / ticksPerSecond),
-             static_cast<uint32_t>(changed % ticksPerSecond * nanosecondsPerTick)};
+             static_cast<uint32_t>(changed % ticksPerSecond * nanosecondsPerTick),
+             false};
     return true;
 }
 
