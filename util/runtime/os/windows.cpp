@@ -1,15 +1,11 @@
-// The Windows implementation of RtOs.h. Windows accepts both separators, so paths are passed unchanged.
+// The Windows implementation of RtOs.h. A descriptor of a file is its handle: no handle needs more than 32 bits.
 #include "RtOs.h" // before windows.h, which defines macros with names used there
 
-#include <direct.h>
 #include <errno.h>
-#include <fcntl.h>
-#include <io.h>
 #include <objbase.h>
-#include <share.h>
 #include <shlobj.h>
+#include <stdio.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <windows.h>
 
 #include <algorithm>
@@ -19,14 +15,63 @@
 
 namespace {
 
+// --- Paths --------------------------------------------------------------------------------------
+
+std::wstring Widen(std::string_view text) {
+    const auto length = static_cast<int>(text.size());
+    std::wstring wide(text.size(), L'\0'); // never more units than bytes
+    wide.resize(static_cast<size_t>(
+        ::MultiByteToWideChar(CP_ACP, 0, text.data(), length, wide.data(), length)));
+    return wide;
+}
+
+// A character that the code page lacks becomes '?', which no path contains: the entry is not found.
+CRtString Narrow(const wchar_t* text) {
+    char bytes[4 * MAX_PATH] = {}; // for a name of an entry, or a path up to MAX_PATH
+    ::WideCharToMultiByte(CP_ACP, 0, text, -1, bytes, sizeof(bytes) - 1, nullptr, nullptr);
+    return bytes;
+}
+
+// The system limits a path to MAX_PATH characters, and that of a directory to 12 fewer, unless it begins with
+// this prefix. Then it takes the path as it is: absolute, with backslashes, without "." and "..".
+constexpr wchar_t PREFIX[] = L"\\\\?\\";
+constexpr wchar_t PREFIX_OF_SHARE[] = L"\\\\?\\UNC";
+constexpr size_t SHORT_PATH_MAX = MAX_PATH - 20;
+
+std::wstring WithPrefix(const std::wstring& path) {
+    std::wstring full(32'768, L'\0'); // the longest path of the system
+    const DWORD length =
+        ::GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
+    if (length == 0 || length >= full.size())
+        return path; // the operation fails, and reports the path
+    full.resize(length);
+    if (length <= SHORT_PATH_MAX || full.starts_with(PREFIX))
+        return path;
+    const bool isShare = full.starts_with(L"\\\\");
+    return isShare ? PREFIX_OF_SHARE + full.substr(1) : PREFIX + full;
+}
+
+// The path for a system call.
+class Native {
+public:
+    explicit Native(const CRtString& path) : m_path(Widen(path.view())) {
+        const bool isAbsolute =
+            m_path.starts_with(L"\\\\") || (m_path.size() > 1 && m_path[1] == L':');
+        if (m_path.size() > SHORT_PATH_MAX || !isAbsolute)
+            m_path = WithPrefix(m_path);
+    }
+    const wchar_t* c_str() const { return m_path.c_str(); }
+
+private:
+    std::wstring m_path;
+};
+
 // True for junctions too.
 bool IsLink(DWORD attributes) { return (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0; }
-bool IsDirectory(DWORD attributes) { return (attributes & _A_SUBDIR) != 0; }
+bool IsDirectory(DWORD attributes) { return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0; }
 bool IsRealDirectory(DWORD attributes) { return IsDirectory(attributes) && !IsLink(attributes); }
 
-bool IsDots(const char* name) {
-    return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
-}
+bool IsDots(const std::wstring_view name) { return name == L"." || name == L".."; }
 
 // A trailing separator makes the system follow a link. The one of a drive's root is kept.
 CRtString WithoutTail(CRtString path) {
@@ -34,6 +79,9 @@ CRtString WithoutTail(CRtString path) {
         path.resize(path.size() - 1);
     return path;
 }
+
+HANDLE HandleOf(int file) { return reinterpret_cast<HANDLE>(intptr_t{file}); }
+int DescriptorOf(HANDLE handle) { return static_cast<int>(reinterpret_cast<intptr_t>(handle)); }
 
 uint64_t Wide(DWORD high, DWORD low) { return uint64_t{high} << 32 | low; }
 
@@ -43,7 +91,56 @@ bool IsMissing(DWORD error) {
            error == ERROR_BAD_NET_NAME || error == ERROR_NOT_READY;
 }
 
-// RAII handle of an open file or directory. The arguments are those of CreateFileA.
+// --- Errors -------------------------------------------------------------------------------------
+
+int ErrnoOf(DWORD error) {
+    switch (error) {
+    case ERROR_FILE_NOT_FOUND:
+    case ERROR_PATH_NOT_FOUND:
+    case ERROR_INVALID_DRIVE:
+    case ERROR_INVALID_NAME:
+    case ERROR_BAD_PATHNAME:
+    case ERROR_BAD_NETPATH:
+    case ERROR_BAD_NET_NAME:
+        return ENOENT;
+    case ERROR_FILENAME_EXCED_RANGE:
+        return ENAMETOOLONG;
+    case ERROR_FILE_EXISTS:
+    case ERROR_ALREADY_EXISTS:
+        return EEXIST;
+    case ERROR_DIR_NOT_EMPTY:
+        return ENOTEMPTY;
+    case ERROR_DIRECTORY:
+        return ENOTDIR;
+    case ERROR_TOO_MANY_OPEN_FILES:
+        return EMFILE;
+    case ERROR_NOT_ENOUGH_MEMORY:
+    case ERROR_OUTOFMEMORY:
+        return ENOMEM;
+    case ERROR_DISK_FULL:
+    case ERROR_HANDLE_DISK_FULL:
+        return ENOSPC;
+    case ERROR_SHARING_VIOLATION:
+        return EBUSY; // see IsInUse
+    case ERROR_ACCESS_DENIED:
+    case ERROR_LOCK_VIOLATION:
+    case ERROR_WRITE_PROTECT:
+    case ERROR_NETWORK_ACCESS_DENIED:
+    case ERROR_NOT_READY:
+        return EACCES;
+    default:
+        return EIO;
+    }
+}
+
+// Sets errno if a call of the system has failed: the C library was not involved.
+bool Succeeded(BOOL result) {
+    if (!result)
+        errno = ErrnoOf(::GetLastError());
+    return result != FALSE;
+}
+
+// RAII handle of an open file or directory. The arguments are those of CreateFileW.
 class Handle {
 public:
     Handle(const CRtString& path, DWORD access, DWORD sharing, DWORD flags = 0) {
@@ -55,8 +152,8 @@ public:
 
     void Open(const CRtString& path, DWORD access, DWORD sharing, DWORD flags) {
         flags |= FILE_FLAG_BACKUP_SEMANTICS; // directories too
-        m_handle =
-            ::CreateFileA(path.c_str(), access, sharing, nullptr, OPEN_EXISTING, flags, nullptr);
+        m_handle = ::CreateFileW(Native(path).c_str(), access, sharing, nullptr, OPEN_EXISTING,
+                                 flags, nullptr);
     }
     void Close() {
         if (IsOpen())
@@ -130,31 +227,37 @@ bool GetDriveFreeBytes(const char* root, uint64_t& available) {
 }
 
 bool GetUserDataDir(CRtString& directory) {
-    char path[MAX_PATH] = {};
-    if (!::SHGetSpecialFolderPathA(nullptr, path, CSIDL_APPDATA, FALSE))
+    wchar_t path[MAX_PATH] = {};
+    if (!::SHGetSpecialFolderPathW(nullptr, path, CSIDL_APPDATA, FALSE))
         return false;
-    directory = path;
+    directory = Narrow(path);
     return true;
 }
 
 EntryKind GetEntryKind(const CRtString& path) {
-    __finddata64_t entry{};
+    const Native native(path);
+    WIN32_FIND_DATAW entry{};
     DWORD attributes = 0;
-    if (const intptr_t search = ::_findfirst64(path.c_str(), &entry); search != -1) {
-        ::_findclose(search);
-        attributes = entry.attrib;
+    if (const HANDLE search = ::FindFirstFileW(native.c_str(), &entry);
+        search != INVALID_HANDLE_VALUE) {
+        ::FindClose(search);
+        attributes = entry.dwFileAttributes;
     } else {
-        // FindFirstFile does not find a drive's root: it is no entry of a directory.
-        attributes = ::GetFileAttributesA(path.c_str());
+        // FindFirstFile does not find the root of a drive or a share: it is no entry of a directory.
+        attributes = ::GetFileAttributesW(native.c_str());
     }
     if (attributes == INVALID_FILE_ATTRIBUTES)
         return IsMissing(::GetLastError()) ? EntryKind::Missing : EntryKind::File;
     return IsDirectory(attributes) ? EntryKind::Directory : EntryKind::File;
 }
 
-bool MakeDirectory(const CRtString& path) { return ::_mkdir(path.c_str()) == 0; }
+bool MakeDirectory(const CRtString& path) {
+    return Succeeded(::CreateDirectoryW(Native(path).c_str(), nullptr));
+}
 
-void SetHidden(const CRtString& path) { ::SetFileAttributesA(path.c_str(), FILE_ATTRIBUTE_HIDDEN); }
+void SetHidden(const CRtString& path) {
+    ::SetFileAttributesW(Native(path).c_str(), FILE_ATTRIBUTE_HIDDEN);
+}
 
 size_t FindLastSeparator(const CRtString& path) { return path.view().find_last_of('\\'); }
 
@@ -163,10 +266,14 @@ bool HasExtension(const CRtString& name, const CRtString& extension) {
            ::_stricmp(name.c_str() + name.size() - extension.size(), extension.c_str()) == 0;
 }
 
-int RemoveFile(const CRtString& path) { return ::_unlink(path.c_str()); }
+int RemoveFile(const CRtString& path) {
+    return Succeeded(::DeleteFileW(Native(path).c_str())) ? 0 : -1;
+}
 
-// If the path is a junction or a link to a directory, _rmdir removes the link itself.
-int RemoveEmptyDirectory(const CRtString& path) { return ::_rmdir(WithoutTail(path).c_str()); }
+// If the path is a junction or a link to a directory, RemoveDirectory removes the link itself.
+int RemoveEmptyDirectory(const CRtString& path) {
+    return Succeeded(::RemoveDirectoryW(Native(WithoutTail(path)).c_str())) ? 0 : -1;
+}
 
 // An open handle prevents other processes from renaming, removing or replacing the directory. The walk can
 // therefore name the entries by their paths.
@@ -176,7 +283,7 @@ struct DirectoryWalk::State {
           hold(path, FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE,
                followLast ? 0 : FILE_FLAG_OPEN_REPARSE_POINT) {
         // From here on the open handle ensures that the path names this directory.
-        const DWORD attributes = ::GetFileAttributesA(path.c_str());
+        const DWORD attributes = ::GetFileAttributesW(Native(path).c_str());
         isOpen = hold.IsOpen() && attributes != INVALID_FILE_ATTRIBUTES &&
                  (followLast ? IsDirectory(attributes) : IsRealDirectory(attributes));
     }
@@ -185,25 +292,24 @@ struct DirectoryWalk::State {
     State& operator=(const State&) = delete;
 
     void EndSearch() {
-        if (search != -1)
-            ::_findclose(search);
-        search = -1;
+        if (search != INVALID_HANDLE_VALUE)
+            ::FindClose(std::exchange(search, INVALID_HANDLE_VALUE));
     }
 
     const CRtString path;
     const CRtString base;
     Handle hold;
-    __finddata64_t entry{};
+    WIN32_FIND_DATAW entry{};
     // The first step opens the search: an open search can prevent the removal of the directory.
     bool Step() {
-        if (search != -1)
-            return ::_findnext64(search, &entry) == 0;
-        search = ::_findfirst64((base + "*.*").c_str(), &entry);
-        return search != -1;
+        if (search != INVALID_HANDLE_VALUE)
+            return ::FindNextFileW(search, &entry) != FALSE;
+        search = ::FindFirstFileW(Native(base + "*").c_str(), &entry);
+        return search != INVALID_HANDLE_VALUE;
     }
 
     bool isOpen = false;
-    intptr_t search = -1;
+    HANDLE search = INVALID_HANDLE_VALUE;
     std::unique_ptr<State> outer; // the parent, which Leave returns to
 };
 
@@ -228,21 +334,21 @@ bool DirectoryWalk::TakeAlone() {
 
 // Without FILE_SHARE_DELETE, no process can remove or rename the directory while the handle is open.
 DirectoryUse::DirectoryUse(const CRtString& path)
-    : m_handle(static_cast<int>(reinterpret_cast<intptr_t>( // no handle needs more than 32 bits
-          Handle(WithoutTail(path), FILE_ADD_FILE, FILE_SHARE_READ | FILE_SHARE_WRITE).Release()))),
+    : m_handle(DescriptorOf(
+          Handle(WithoutTail(path), FILE_ADD_FILE, FILE_SHARE_READ | FILE_SHARE_WRITE).Release())),
       m_isRefused(!IsHeld() && ::GetLastError() == ERROR_SHARING_VIOLATION) {}
 
 DirectoryUse::~DirectoryUse() {
     if (IsHeld())
-        ::CloseHandle(reinterpret_cast<HANDLE>(intptr_t{m_handle}));
+        ::CloseHandle(HandleOf(m_handle));
 }
 
 bool DirectoryWalk::Next(CRtString& name, bool& isDirectory) {
     while (IsOpen() && m_state->Step()) {
-        if (IsDots(m_state->entry.name))
+        if (IsDots(m_state->entry.cFileName))
             continue;
-        name = m_state->entry.name;
-        isDirectory = IsRealDirectory(m_state->entry.attrib);
+        name = Narrow(m_state->entry.cFileName);
+        isDirectory = IsRealDirectory(m_state->entry.dwFileAttributes);
         return true;
     }
     return false;
@@ -267,16 +373,14 @@ bool DirectoryWalk::Leave() {
 
 bool DirectoryWalk::RemoveFile(const CRtString& name) {
     const CRtString path = m_state->base + name;
-    return ::_unlink(path.c_str()) == 0 || ::_rmdir(path.c_str()) == 0; // for a link to a directory
+    return RtOs::RemoveFile(path) == 0 || RemoveEmptyDirectory(path) == 0; // a link to a directory
 }
 
 bool DirectoryWalk::RemoveSubdirectory(const CRtString& name) {
-    return ::_rmdir((m_state->base + name).c_str()) == 0;
+    return RemoveEmptyDirectory(m_state->base + name) == 0;
 }
 
 namespace {
-
-HANDLE HandleOf(int file) { return reinterpret_cast<HANDLE>(::_get_osfhandle(file)); }
 
 bool Stamp(HANDLE file, FileStamp& stamp) {
     constexpr uint64_t ticksPerSecond = 10'000'000;
@@ -302,24 +406,22 @@ bool Stamp(HANDLE file, FileStamp& stamp) {
 
 namespace {
 
-// Replaces the runtime library's EACCES for a sharing violation, so that IsInUse can tell the two apart.
-constexpr int IN_USE = EBUSY;
-
-int Open(const CRtString& path, int mode, uint32_t flags, int& file) {
-    // _SH_DENYWR: every other open for writing fails.
-    const int sharing = (flags & OPEN_ALONE) ? _SH_DENYWR : _SH_DENYNO;
-    mode |= (flags & OPEN_READ ? _O_RDONLY : _O_RDWR) | _O_BINARY | _O_NOINHERIT;
-    const int error = ::_sopen_s(&file, path.c_str(), mode, sharing, _S_IREAD | _S_IWRITE);
-    const bool isInUse = error == EACCES && _doserrno == ERROR_SHARING_VIOLATION;
-    return isInUse ? IN_USE : error;
+// Returns 0 or an errno value.
+int Open(const CRtString& path, DWORD disposition, uint32_t flags, int& file) {
+    const DWORD access = flags & OPEN_READ ? GENERIC_READ : GENERIC_READ | GENERIC_WRITE;
+    // With OPEN_ALONE every other open for writing fails.
+    const DWORD sharing = flags & OPEN_ALONE ? FILE_SHARE_READ : FILE_SHARE_READ | FILE_SHARE_WRITE;
+    file = DescriptorOf(::CreateFileW(Native(path).c_str(), access, sharing, nullptr, disposition,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr));
+    return file == NO_FILE ? ErrnoOf(::GetLastError()) : 0;
 }
 
 // A query (IsLocked) permits no writing for an instant, so that every open for writing fails.
-int OpenPastQueries(const CRtString& path, int mode, uint32_t flags, int& file) {
-    int error = Open(path, mode, flags, file);
-    for (DWORD pauseMs = 1; pauseMs <= 32 && error == IN_USE && !IsLocked(path); pauseMs *= 2) {
+int OpenPastQueries(const CRtString& path, uint32_t flags, int& file) {
+    int error = Open(path, OPEN_EXISTING, flags, file);
+    for (DWORD pauseMs = 1; pauseMs <= 32 && IsInUse(error) && !IsLocked(path); pauseMs *= 2) {
         ::Sleep(pauseMs);
-        error = Open(path, mode, flags, file);
+        error = Open(path, OPEN_EXISTING, flags, file);
     }
     return error;
 }
@@ -341,9 +443,9 @@ int OpenFile(const CRtString& path, uint32_t flags, int& error, bool& created, F
     error = EEXIST;
     for (int i = 0; i < tries && error == EEXIST; ++i) {
         created = false;
-        error = OpenPastQueries(path, 0, flags, file);
+        error = OpenPastQueries(path, flags, file);
         if (error == ENOENT && (flags & OPEN_CREATE)) {
-            error = Open(path, _O_CREAT | _O_EXCL, flags, file);
+            error = Open(path, CREATE_NEW, flags, file);
             created = error == 0;
         }
     }
@@ -354,34 +456,17 @@ int OpenFile(const CRtString& path, uint32_t flags, int& error, bool& created, F
     error = EIO;
     CloseFile(file);
     if (created)
-        ::_unlink(path.c_str());
+        RemoveFile(path);
     return NO_FILE;
 }
 
-void CloseFile(int file) { ::_close(file); }
+void CloseFile(int file) { ::CloseHandle(HandleOf(file)); }
 
 bool IsNoSuchFile(int error) { return error == ENOENT; }
 bool IsOutOfStreams(int error) { return error == EMFILE || error == ENFILE; }
-bool IsInUse(int error) { return error == IN_USE; }
+bool IsInUse(int error) { return error == EBUSY; }
 
 namespace {
-
-void SetErrno(DWORD error) {
-    switch (error) {
-    case ERROR_DISK_FULL:
-    case ERROR_HANDLE_DISK_FULL:
-        errno = ENOSPC;
-        break;
-    case ERROR_ACCESS_DENIED:
-    case ERROR_LOCK_VIOLATION:
-    case ERROR_SHARING_VIOLATION:
-    case ERROR_WRITE_PROTECT:
-        errno = EACCES;
-        break;
-    default:
-        errno = EIO;
-    }
-}
 
 // `move` is ReadFile or WriteFile of the bytes from `done` on; both may transfer fewer bytes than requested.
 // Not fread or fwrite: unbuffered, they transfer the last bytes of a record one by one. Each call passes its
@@ -398,7 +483,7 @@ Transfer MoveAll(int descriptor, uint64_t offset, uint32_t length, Move move) {
         DWORD moved = 0;
         const bool didMove = move(file, done, &moved, &at) != 0;
         if (!didMove && ::GetLastError() != ERROR_HANDLE_EOF) {
-            SetErrno(::GetLastError()); // the C library was not involved
+            errno = ErrnoOf(::GetLastError());
             return Transfer::Failed;
         }
         if (!didMove || moved == 0)
@@ -446,10 +531,10 @@ Transfer WriteAllAt(int file, uint64_t offset, std::span<const Piece> pieces) {
 }
 
 bool GetLength(int file, uint64_t& length) {
-    const int64_t now = ::_filelengthi64(file);
-    if (now < 0)
+    LARGE_INTEGER now{};
+    if (!::GetFileSizeEx(HandleOf(file), &now))
         return false;
-    length = static_cast<uint64_t>(now);
+    length = static_cast<uint64_t>(now.QuadPart);
     return true;
 }
 
