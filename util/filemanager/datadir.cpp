@@ -38,7 +38,7 @@ CRtString WithBackslash(CRtString dir) {
 }
 
 // Removes the files of the walk's directory; returns the names of its subdirectories.
-std::vector<CRtString> RemoveFiles(RtOs::DirectoryWalk& walk) {
+std::vector<CRtString> RemoveFiles(RtOs::DirectoryWalk& walk, uint32_t& held) {
     std::vector<CRtString> subdirectories;
     CRtString name;
     bool isDirectory = false;
@@ -46,7 +46,7 @@ std::vector<CRtString> RemoveFiles(RtOs::DirectoryWalk& walk) {
         if (isDirectory)
             subdirectories.push_back(name);
         else
-            walk.RemoveFile(name);
+            held += CFileManager::IsHeld(walk.RemoveFile(name)) ? 1 : 0;
     }
     return subdirectories;
 }
@@ -54,8 +54,9 @@ std::vector<CRtString> RemoveFiles(RtOs::DirectoryWalk& walk) {
 // Removes everything in the walk's directory. Works through open directories: every removed entry belongs to
 // the tree even if another process renames directories concurrently. A level of depth costs a list of names,
 // but neither a descriptor nor a stack frame, since another process determines the depth.
-void RemoveContents(RtOs::DirectoryWalk& walk, CRtString path) {
-    std::vector<std::vector<CRtString>> levels{RemoveFiles(walk)}; // names still to be removed
+void RemoveContents(RtOs::DirectoryWalk& walk, CRtString path, uint32_t& held) {
+    std::vector<std::vector<CRtString>> levels{
+        RemoveFiles(walk, held)}; // names still to be removed
     for (;;) {
         if (levels.back().empty()) {
             levels.pop_back();
@@ -67,11 +68,11 @@ void RemoveContents(RtOs::DirectoryWalk& walk, CRtString path) {
             LogRemoveDir(path + name);
             if (walk.Enter(levels.back().back())) {
                 path += name;
-                levels.push_back(RemoveFiles(walk));
+                levels.push_back(RemoveFiles(walk, held));
                 continue;
             }
         }
-        walk.RemoveSubdirectory(levels.back().back());
+        held += CFileManager::IsHeld(walk.RemoveSubdirectory(levels.back().back())) ? 1 : 0;
         levels.back().pop_back();
     }
 }
@@ -238,22 +239,30 @@ int CFileManager::CreateDir(const CRtString& dir) {
     return 0;
 }
 
+// Whether an entry stays because another process holds it.
+bool CFileManager::IsHeld(bool isRemoved) { return !isRemoved && RtOs::IsInUse(RtOs::GetErrno()); }
+
 void CFileManager::RemoveDir(const CRtString& dir) {
+    uint32_t held = 0;
+    RemoveDir(dir, held);
+}
+
+void CFileManager::RemoveDir(const CRtString& dir, uint32_t& held) {
     LogRemoveDir(dir);
     {
         RtOs::DirectoryWalk walk(dir);
-        RemoveContents(walk, WithBackslash(dir));
+        RemoveContents(walk, WithBackslash(dir), held);
     }
-    RtOs::RemoveEmptyDirectory(dir);
+    held += IsHeld(RtOs::RemoveEmptyDirectory(dir) == 0) ? 1 : 0;
 }
 
 void CFileManager::RemoveTree(RtOs::DirectoryWalk& parent, const CRtString& base,
-                              const CRtString& name) {
+                              const CRtString& name, uint32_t& held) {
     const CRtString path = base + name + "\\";
     LogRemoveDir(path);
     {
         RtOs::DirectoryWalk walk(parent, name);
-        RemoveContents(walk, path);
+        RemoveContents(walk, path, held);
     }
-    parent.RemoveSubdirectory(name);
+    held += IsHeld(parent.RemoveSubdirectory(name)) ? 1 : 0;
 }

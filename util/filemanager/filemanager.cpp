@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
-#include <future>
 
 #include "RtEventQueue.h"
 #include "RtLog.h"
@@ -132,18 +131,24 @@ void CFileManager::UnInitialize() noexcept {
     RT_LOG(RT_LOG_TRACE, "CFileManager::UnInitialize, End. ");
 }
 
+// Signals behind the loads and the stores that are queued. Precondition: the read/write thread runs.
+std::future<void> CFileManager::PostBarrier() {
+    auto reached = std::make_shared<std::promise<void>>();
+    std::future<void> isReached = reached->get_future();
+    for (const int priority : {RT_PRIORITY_HIGH, RT_PRIORITY_NORMAL})
+        PostToReadwrThread(new CFMSignal(reached), 0, priority);
+    reached.reset();
+    QueueOf(*m_pReadwrTd).StepAll();
+    return isReached;
+}
+
 // The disk may be slow: the log says which files the stop waits for.
 void CFileManager::WaitForDisk() {
     constexpr std::chrono::milliseconds first(500);
     constexpr std::chrono::seconds interval(10);
     if (!m_pReadwrTd)
         return;
-    auto reached = std::make_shared<std::promise<void>>();
-    const std::future<void> isReached = reached->get_future();
-    for (const int priority : {RT_PRIORITY_HIGH, RT_PRIORITY_NORMAL}) // behind loads and stores
-        PostToReadwrThread(new CFMSignal(reached), 0, priority);
-    reached.reset();
-    QueueOf(*m_pReadwrTd).StepAll();
+    const std::future<void> isReached = PostBarrier();
     if (isReached.wait_for(first) == std::future_status::ready)
         return;
     do {
@@ -182,6 +187,7 @@ void CFileManager::StopReadwrThread() {
 void CFileManager::WriteWaitingInfo() {
     if (m_clearDays == 1)
         DropTables();
+    const RtOs::RetryLimit limit(RtOs::RETRY_DISK_MS);
     for (const FileRef& file : m_live.Get(nullptr))
         file->SaveFileInfo_m();
     m_live.SaveUnsaved(); // releases the files whose tables are written by now
@@ -341,6 +347,31 @@ CFMFile* CFileManager::LoadFile(const CRtString& stem) {
     return nullptr;
 }
 
+// Waits until the loads and stores that are queued have run. False if one of them waits for another process.
+bool CFileManager::PassBarrier() {
+    constexpr std::chrono::milliseconds interval(10);
+    if (!m_pReadwrTd)
+        return true;
+    if constexpr (!RtOs::CAN_BE_HELD_UP) {
+        for (const int priority : {RT_PRIORITY_HIGH, RT_PRIORITY_NORMAL})
+            PostToReadwrThread(new CFMFunctorBase, 1, priority);
+        return true;
+    }
+    const RtOs::Awaiting awaiting;
+    const std::future<void> isReached = PostBarrier();
+    while (isReached.wait_for(interval) != std::future_status::ready) {
+        if (RtOs::IsHeldUp())
+            return false;
+    }
+    return true;
+}
+
+static void LogUnsettled(const CFMFile& file) {
+    RT_LOG(RT_LOG_WARNING,
+           "CFileManager::LoadFile, the table of an earlier object could not be written, "
+               << file.GetLogName());
+}
+
 // Before a load: waits until the jobs of predecessors on the path have run and their tables are written. False
 // if a table cannot be written: the files on disk are then older than the file that the caller has closed.
 bool CFileManager::SettlePredecessors(const FMFileID& pathID) {
@@ -348,9 +379,10 @@ bool CFileManager::SettlePredecessors(const FMFileID& pathID) {
         return true;
     // Behind its stores, and behind loads of its blocks: they would open the data file again. Also for a
     // predecessor that is being destroyed there.
-    for (const int priority : {RT_PRIORITY_HIGH, RT_PRIORITY_NORMAL}) {
-        if (m_pReadwrTd)
-            PostToReadwrThread(new CFMFunctorBase, 1, priority);
+    if (!PassBarrier()) {
+        for (const FileRef& file : m_live.Get(&pathID))
+            LogUnsettled(*file);
+        return false;
     }
     bool isSettled = true;
     for (const FileRef& file : m_live.Get(&pathID)) {
@@ -359,9 +391,7 @@ bool CFileManager::SettlePredecessors(const FMFileID& pathID) {
         if (!file->HasUnsavedTable())
             continue;
         isSettled = false;
-        RT_LOG(RT_LOG_WARNING, "CFileManager::LoadFile, the table of an earlier object could not "
-                               "be written, "
-                                   << file->GetLogName());
+        LogUnsettled(*file);
     }
     return isSettled;
 }

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <future>
 #include <map>
 #include <memory>
 #include <vector>
@@ -82,6 +83,9 @@ public:
     static int FileExists(const CRtString& path);
     static int CreateDir(const CRtString& dir);
     static void RemoveDir(const CRtString& dir);
+    /// Adds to `held` the number of entries that stay because another process holds them.
+    static void RemoveDir(const CRtString& dir, uint32_t& held);
+    static bool IsHeld(bool isRemoved);
     const CRtString& GetDataDir() const { return m_dataDir; }
 
     // Clearing and housekeeping.
@@ -119,11 +123,16 @@ private:
     void StartThreads();
     void StopReadwrThread();
     void WaitForDisk();
+    std::future<void> PostBarrier();
+    bool PassBarrier();
     void CloseAllFiles();
     void WriteWaitingInfo();
     void ReportUnsaved(const char* call, const char* remedy);
     void DropTables();
-    void MarkReadwrThread() { t_isReadwrThread = true; }
+    void MarkReadwrThread() {
+        t_isReadwrThread = true;
+        RtOs::RetryLimit::Set(RtOs::RETRY_DISK_MS);
+    }
 
     CFMFile* LoadFile(const CRtString& stem);
     int FindFile(const FMFileID& fileHandle, FileRef& file);
@@ -147,15 +156,16 @@ private:
     static CRtString GetMaxDrive();
     static CRtString GetDefaultDir();
     void ClearDiskCache();
-    void ClearStore();
+    void ClearStore(uint32_t& held);
     bool UseDataDir();
     void WaitForClearing();
     void EndDirectoryUse();
-    int RemoveDeadDirectories(bool filesToo);
-    bool RemoveIfDead(RtOs::DirectoryWalk& root, const CRtString& name, bool mayRemove);
+    int RemoveDeadDirectories(bool filesToo, uint32_t& held);
+    bool RemoveIfDead(RtOs::DirectoryWalk& root, const CRtString& name, bool mayRemove,
+                      uint32_t& held);
     /// The tree `name` in an open directory whose path is `base`.
     static void RemoveTree(RtOs::DirectoryWalk& parent, const CRtString& base,
-                           const CRtString& name);
+                           const CRtString& name, uint32_t& held);
 
     static std::atomic<CFileManager*> s_alive;
     static thread_local bool t_isReadwrThread;

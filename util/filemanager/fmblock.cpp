@@ -324,6 +324,11 @@ int CFMStoreEvent::OnEventFire() {
     for (const CFMStore* store : batch)
         g_statistics.Record(CFMStatistics::StoreWait,
                             now - static_cast<const CFMStoreEvent*>(store)->m_posted);
+    // With a pending table the file is closed, or is being flushed: no tick retries the store.
+    const RtOs::RetryLimit limit(RtOs::RETRY_DISK_MS, [&stores] {
+        const auto lock = stores.LockShared();
+        return stores.GetTable() != nullptr;
+    });
     if (count > 1 && WriteTogether(batch))
         return 0;
     for (CFMStore* store : batch)
@@ -447,7 +452,10 @@ private:
 } // namespace
 
 int CFMBlock::LoadAndWait() {
+    if (RtOs::IsHeldUp()) // the load would wait behind a store that waits for another process
+        return RT_ERROR_IO;
     CFMSyncLoad load(*this, m_totalLen);
+    const RtOs::Awaiting awaiting;
     FMHost::PostToReadwrThread(&load, 1);
     return load.GetResult();
 }

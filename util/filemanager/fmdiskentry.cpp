@@ -19,10 +19,19 @@ CFMDiskEntry::CFMDiskEntry(CDiskFile* data, CInfoFile* info, bool overPredecesso
     : m_pData(data), m_pInfo(info), m_path(overPredecessor ? Path::Predecessor : Path::Own),
       m_isInfoKnown(overPredecessor) {}
 
+std::unique_lock<std::mutex> CFMDiskEntry::Lock() {
+    std::unique_lock lock(m_mutex, std::try_to_lock);
+    if (!lock) {
+        const RtOs::Awaiting awaiting;
+        lock.lock();
+    }
+    return lock;
+}
+
 // --- Store and load -----------------------------------------------------------------------------
 
 CFMDiskEntry::Stored CFMDiskEntry::Store(std::span<const RtOs::Piece> pieces, int64_t pos) {
-    const std::lock_guard lock(m_mutex);
+    const std::unique_lock lock = Lock();
     if (IsDetached() || !m_pData)
         return {RT_ERROR_NOT_READY, m_epoch};
     int64_t end = pos;
@@ -57,7 +66,7 @@ int CFMDiskEntry::BeginStore(int64_t pos, int64_t end) {
 }
 
 int CFMDiskEntry::Load(int64_t pos, uint32_t length, uint32_t epoch, CRtMessageChain& bytes) {
-    const std::lock_guard lock(m_mutex);
+    const std::unique_lock lock = Lock();
     if (IsDetached() || !m_pData)
         return RT_ERROR_NOT_READY;
     m_pData->LogTransfer(CDiskFile::Transfer::Read, length, static_cast<uint64_t>(pos));
@@ -147,7 +156,7 @@ int CFMDiskEntry::NoteLength() {
 }
 
 int CFMDiskEntry::DiscardPredecessor() {
-    const std::lock_guard lock(m_mutex);
+    const std::unique_lock lock = Lock();
     return DiscardPredecessorLocked();
 }
 
@@ -170,7 +179,7 @@ int CFMDiskEntry::DiscardPredecessorLocked() {
 }
 
 void CFMDiskEntry::RemoveFiles() {
-    const std::lock_guard lock(m_mutex);
+    const std::unique_lock lock = Lock();
     if (IsDetached())
         return;
     if (m_pData &&
@@ -187,7 +196,7 @@ void CFMDiskEntry::RemoveFiles() {
 }
 
 void CFMDiskEntry::Detach() {
-    const std::lock_guard lock(m_mutex);
+    const std::unique_lock lock = Lock();
     m_path.store(Path::Detached, std::memory_order_release);
     if (m_pData)
         m_pData->Close();
@@ -196,7 +205,7 @@ void CFMDiskEntry::Detach() {
 }
 
 void CFMDiskEntry::CloseStreams() {
-    const std::lock_guard lock(m_mutex);
+    const std::unique_lock lock = Lock();
     if (m_pData)
         m_pData->Close();
     if (m_pInfo)
@@ -210,7 +219,7 @@ bool CFMDiskEntry::TakeDataFile() {
 }
 
 bool CFMDiskEntry::IsLockedElsewhere() {
-    const std::lock_guard lock(m_mutex); // no operation of this object opens the file in between
+    const std::unique_lock lock = Lock(); // no operation of this object opens the file in between
     return m_pData && !m_pData->IsStreamOpen() && RtOs::IsLocked(m_pData->GetFileName());
 }
 
@@ -223,7 +232,7 @@ void CFMDiskEntry::NoteTable(int64_t tableEnd, int64_t dataLength) {
 }
 
 CFMDiskEntry::TableWritten CFMDiskEntry::WriteTable(CFMStores& stores) {
-    const std::lock_guard lock(m_mutex);
+    const std::unique_lock lock = Lock();
     std::unique_ptr<FMTable> table;
     {
         const auto shared = stores.LockShared();

@@ -94,6 +94,7 @@ private:
         uint32_t entryAt; // offset of the entry in the information file
     };
 
+    std::unique_lock<std::mutex> Lock();
     int BeginStore(int64_t pos, int64_t end);
     int OpenData(CDiskFile::Transfer transfer);
     int HoldData();

@@ -2,8 +2,9 @@
 
 #include "fmrules.h"
 
-void CHouseKeeping::Open(const CRtString& directory) {
+bool CHouseKeeping::Open(const CRtString& directory) {
     m_walk = std::make_unique<RtOs::DirectoryWalk>(directory, true);
+    return m_walk->IsOpen();
 }
 
 bool CHouseKeeping::Next(CRtString& stem) {

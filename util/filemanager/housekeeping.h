@@ -18,7 +18,8 @@ public:
     bool IsRunning() const { return m_isRunning; }
 
     // Read/write thread.
-    void Open(const CRtString& directory);
+    /// False if the directory cannot be read: Next then finds nothing.
+    bool Open(const CRtString& directory);
     /// The stem of the next data file. False at the end.
     bool Next(CRtString& stem);
 

@@ -90,7 +90,10 @@ int CFileManager::StartHouseKeeping() {
 
 void CFileManager::HouseKeeping_m() {
     RT_LOG(RT_LOG_TRACE, "CFileManager::HouseKeeping_m. Dir:" << m_dataDir);
-    m_houseKeeping.Open(m_dataDir);
+    if (!m_houseKeeping.Open(m_dataDir) && RtOs::IsInUse(RtOs::GetErrno()))
+        RT_LOG(RT_LOG_WARNING, "CFileManager::HouseKeeping_m, another process holds the directory, "
+                               "which the next run examines, dir="
+                                   << m_dataDir);
     ExamineNext_m();
 }
 
@@ -108,6 +111,7 @@ void CFileManager::ExamineNext_m() {
 }
 
 void CFileManager::ExamineFile(const CRtString& stem) {
+    const RtOs::RetryLimit limit(RtOs::RETRY_MS); // a file that is held stays for the next run
     FMFileID id;
     FMFileIDFromString(stem, id);
     const CFMLiveFiles::CClaim claim(m_live, id, CFMLiveFiles::CClaim::IF_FREE);

@@ -10,6 +10,7 @@
 #include <span>
 #include <string>
 
+#include "RtRetry.h"
 #include "RtString.h"
 
 namespace RtOs {
@@ -161,7 +162,8 @@ int OpenFile(const CRtString& path, uint32_t flags, int& error, bool& created, F
 void CloseFile(int file);
 /// Whether that error number means that the path names no file.
 bool IsNoSuchFile(int error);
-/// Whether that error number means that another descriptor holds the exclusive lock.
+/// Whether that error number means that another descriptor holds the exclusive lock, or on Windows that another
+/// process holds a handle that prevents the operation.
 bool IsInUse(int error);
 /// Whether a descriptor of this process or of another one holds the exclusive lock on the file. Opens the file for
 /// reading; false if that fails. OpenFile with OPEN_ALONE does not fail because of this query: it tries again.

@@ -9,6 +9,7 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <chrono>
 #include <climits>
 #include <cstring>
 #include <utility>
@@ -143,6 +144,7 @@ bool Succeeded(BOOL result) {
 // RAII handle of an open file or directory. The arguments are those of CreateFileW.
 class Handle {
 public:
+    Handle() = default;
     Handle(const CRtString& path, DWORD access, DWORD sharing, DWORD flags = 0) {
         Open(path, access, sharing, flags);
     }
@@ -150,10 +152,12 @@ public:
     Handle(const Handle&) = delete;
     Handle& operator=(const Handle&) = delete;
 
-    void Open(const CRtString& path, DWORD access, DWORD sharing, DWORD flags) {
+    // Sets errno.
+    bool Open(const CRtString& path, DWORD access, DWORD sharing, DWORD flags) {
         flags |= FILE_FLAG_BACKUP_SEMANTICS; // directories too
         m_handle = ::CreateFileW(Native(path).c_str(), access, sharing, nullptr, OPEN_EXISTING,
                                  flags, nullptr);
+        return Succeeded(IsOpen());
     }
     void Close() {
         if (IsOpen())
@@ -167,9 +171,133 @@ private:
     HANDLE m_handle = INVALID_HANDLE_VALUE;
 };
 
+// --- Handles of other processes -----------------------------------------------------------------
+
+using Clock = std::chrono::steady_clock;
+using Ms = std::chrono::milliseconds;
+
+// What a thread has waited for handles of other processes.
+struct Waited {
+    Ms limit{RtOs::RETRY_MS};
+    const std::function<bool()>* isLast = nullptr;
+    Clock::duration spent{};
+    Clock::duration awaited{}; // the part of `spent` while another thread waited for this one
+    Clock::time_point last;    // of the last failure
+
+    void Add(Clock::duration time) {
+        last = Clock::now();
+        spent += time;
+    }
+    void Forget() {
+        if (Clock::now() - last > std::chrono::seconds(1))
+            spent = awaited = {};
+    }
+};
+thread_local Waited t_waited;
+LONG volatile g_awaiting = 0; // number of Awaiting objects
+LONG volatile g_delays = 0;   // number of delays during which a thread waited for the delayed one
+LONG volatile g_heldUp = 0;   // number of threads for which IsHeldUp is true
+
+// Increasing delays between the attempts of one operation.
+class Delays {
+public:
+    Delays() = default;
+    ~Delays() {
+        if (m_isHeldUp)
+            ::InterlockedDecrement(&g_heldUp);
+    }
+    Delays(const Delays&) = delete;
+    Delays& operator=(const Delays&) = delete;
+    // False if the time of the thread is over.
+    bool Wait() {
+        constexpr Ms longest(16); // another thread may begin to wait for this one
+        t_waited.Forget();
+        const bool isLast = t_waited.isLast && *t_waited.isLast && (*t_waited.isLast)();
+        const bool isAwaited = g_awaiting > 0 && !isLast;
+        Clock::duration left = t_waited.limit - t_waited.spent;
+        if (isAwaited)
+            left = std::min<Clock::duration>(left, Ms(RtOs::RETRY_MS) - t_waited.awaited);
+        const Clock::time_point begin = Clock::now();
+        if (left >= Ms(1))
+            ::Sleep(
+                static_cast<DWORD>(std::min(m_next, std::chrono::duration_cast<Ms>(left)).count()));
+        m_next = std::min(2 * m_next, longest);
+        const Clock::duration slept = Clock::now() - begin;
+        t_waited.Add(slept);
+        if (isAwaited) {
+            t_waited.awaited += slept;
+            ::InterlockedIncrement(&g_delays);
+        }
+        if (isLast && !m_isHeldUp && t_waited.spent >= Ms(RtOs::RETRY_MS)) {
+            m_isHeldUp = true;
+            ::InterlockedIncrement(&g_heldUp);
+        }
+        return left >= Ms(1);
+    }
+
+private:
+    Ms m_next{1};
+    bool m_isHeldUp = false;
+};
+
+// Repeats an attempt that sets errno while a handle of another process prevents it. A lock of this library is not
+// such a handle: `isLock` tells.
+template <class Attempt, class IsLock>
+bool Retry(Attempt attempt, IsLock isLock) {
+    Delays delays;
+    for (;;) {
+        if (attempt())
+            return true;
+        const int error = errno;
+        const bool isOver = !RtOs::IsInUse(error) || isLock() || !delays.Wait();
+        errno = error;
+        if (isOver)
+            return false;
+    }
+}
+
+constexpr DWORD SHARE_ALL = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
+// Whether the handles that others have on a directory permit reading it, as those of this library do.
+bool IsReadable(const CRtString& directory) {
+    return Handle(directory, FILE_LIST_DIRECTORY, SHARE_ALL).IsOpen();
+}
+
+bool OpenDirectory(const CRtString& path, Handle& handle, DWORD access, DWORD sharing,
+                   DWORD flags) {
+    return Retry([&] { return handle.Open(path, access, sharing, flags); },
+                 [&path] { return IsReadable(path); });
+}
+
 } // namespace
 
 namespace RtOs {
+
+RetryLimit::RetryLimit(uint32_t milliseconds) : RetryLimit(milliseconds, {}) {}
+RetryLimit::RetryLimit(uint32_t milliseconds, std::function<bool()> isLast)
+    : m_previous(static_cast<uint32_t>(t_waited.limit.count())), m_isLast(std::move(isLast)),
+      m_previousIsLast(std::exchange(t_waited.isLast, &m_isLast)) {
+    Set(milliseconds);
+}
+RetryLimit::~RetryLimit() {
+    Set(m_previous);
+    t_waited.isLast = m_previousIsLast;
+}
+void RetryLimit::Set(uint32_t milliseconds) { t_waited.limit = Ms(milliseconds); }
+
+bool IsHeldUp() { return g_heldUp > 0; }
+
+Awaiting::Awaiting() : m_begin(Clock::now()), m_delaysBefore(g_delays) {
+    ::InterlockedIncrement(&g_awaiting);
+}
+
+Awaiting::~Awaiting() {
+    ::InterlockedDecrement(&g_awaiting);
+    if (g_delays == m_delaysBefore)
+        return;
+    t_waited.Forget();
+    t_waited.Add(Clock::now() - m_begin);
+}
 
 uint32_t GetProcessId() { return ::GetCurrentProcessId(); }
 
@@ -267,21 +395,26 @@ bool HasExtension(const CRtString& name, const CRtString& extension) {
 }
 
 int RemoveFile(const CRtString& path) {
-    return Succeeded(::DeleteFileW(Native(path).c_str())) ? 0 : -1;
+    const Native native(path);
+    const auto remove = [&native] { return Succeeded(::DeleteFileW(native.c_str())); };
+    return Retry(remove, [&path] { return IsLocked(path); }) ? 0 : -1;
 }
 
 // If the path is a junction or a link to a directory, RemoveDirectory removes the link itself.
 int RemoveEmptyDirectory(const CRtString& path) {
-    return Succeeded(::RemoveDirectoryW(Native(WithoutTail(path)).c_str())) ? 0 : -1;
+    const CRtString directory = WithoutTail(path);
+    const Native native(directory);
+    const auto remove = [&native] { return Succeeded(::RemoveDirectoryW(native.c_str())); };
+    return Retry(remove, [&directory] { return IsReadable(directory); }) ? 0 : -1;
 }
 
 // An open handle prevents other processes from renaming, removing or replacing the directory. The walk can
 // therefore name the entries by their paths.
 struct DirectoryWalk::State {
     State(const CRtString& directory, bool followLast)
-        : path(WithoutTail(directory)), base(path + (path.view().ends_with('\\') ? "" : "\\")),
-          hold(path, FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE,
-               followLast ? 0 : FILE_FLAG_OPEN_REPARSE_POINT) {
+        : path(WithoutTail(directory)), base(path + (path.view().ends_with('\\') ? "" : "\\")) {
+        OpenDirectory(path, hold, FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                      followLast ? 0 : FILE_FLAG_OPEN_REPARSE_POINT);
         // From here on the open handle ensures that the path names this directory.
         const DWORD attributes = ::GetFileAttributesW(Native(path).c_str());
         isOpen = hold.IsOpen() && attributes != INVALID_FILE_ATTRIBUTES &&
@@ -327,16 +460,21 @@ bool DirectoryWalk::IsOpen() const { return m_state->isOpen; }
 // The directory disappears when this handle is closed.
 bool DirectoryWalk::TakeAlone() {
     m_state->hold.Close();
-    m_state->hold.Open(m_state->path, FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_DELETE,
-                       FILE_FLAG_OPEN_REPARSE_POINT);
-    return m_state->hold.IsOpen() || ::GetLastError() != ERROR_SHARING_VIOLATION;
+    return OpenDirectory(m_state->path, m_state->hold, FILE_LIST_DIRECTORY,
+                         FILE_SHARE_READ | FILE_SHARE_DELETE, FILE_FLAG_OPEN_REPARSE_POINT) ||
+           !IsInUse(errno);
 }
 
-// Without FILE_SHARE_DELETE, no process can remove or rename the directory while the handle is open.
-DirectoryUse::DirectoryUse(const CRtString& path)
-    : m_handle(DescriptorOf(
-          Handle(WithoutTail(path), FILE_ADD_FILE, FILE_SHARE_READ | FILE_SHARE_WRITE).Release())),
-      m_isRefused(!IsHeld() && ::GetLastError() == ERROR_SHARING_VIOLATION) {}
+// Without FILE_SHARE_DELETE, no process can remove or rename the directory while the handle is open. The exclusive
+// lock of TakeAlone permits reading; without that, another program holds the directory.
+DirectoryUse::DirectoryUse(const CRtString& path) : m_handle(NO_FILE) {
+    const CRtString directory = WithoutTail(path);
+    Handle use;
+    if (OpenDirectory(directory, use, FILE_ADD_FILE, FILE_SHARE_READ | FILE_SHARE_WRITE, 0))
+        m_handle = DescriptorOf(use.Release());
+    else
+        m_isRefused = IsInUse(errno) && IsReadable(directory);
+}
 
 DirectoryUse::~DirectoryUse() {
     if (IsHeld())
@@ -373,7 +511,8 @@ bool DirectoryWalk::Leave() {
 
 bool DirectoryWalk::RemoveFile(const CRtString& name) {
     const CRtString path = m_state->base + name;
-    return RtOs::RemoveFile(path) == 0 || RemoveEmptyDirectory(path) == 0; // a link to a directory
+    return RtOs::RemoveFile(path) == 0 ||
+           (!IsInUse(errno) && RemoveEmptyDirectory(path) == 0); // a link to a directory
 }
 
 bool DirectoryWalk::RemoveSubdirectory(const CRtString& name) {
@@ -416,23 +555,29 @@ int Open(const CRtString& path, DWORD disposition, uint32_t flags, int& file) {
     return file == NO_FILE ? ErrnoOf(::GetLastError()) : 0;
 }
 
-// A query (IsLocked) permits no writing for an instant, so that every open for writing fails.
-int OpenPastQueries(const CRtString& path, uint32_t flags, int& file) {
-    int error = Open(path, OPEN_EXISTING, flags, file);
-    for (DWORD pauseMs = 1; pauseMs <= 32 && IsInUse(error) && !IsLocked(path); pauseMs *= 2) {
-        ::Sleep(pauseMs);
-        error = Open(path, OPEN_EXISTING, flags, file);
-    }
-    return error;
+// Also past queries (IsLocked), which permit no writing for an instant.
+int OpenExisting(const CRtString& path, uint32_t flags, int& file) {
+    const auto open = [&] {
+        errno = Open(path, OPEN_EXISTING, flags, file);
+        return errno == 0;
+    };
+    return Retry(open, [&path] { return IsLocked(path); }) ? 0 : errno;
 }
 
 } // namespace
 
-// The sharing mode conflicts with the access for writing of a descriptor that OPEN_ALONE has opened, and permits
-// what queries and readers do.
+// The sharing mode of a query conflicts with the access for writing of a descriptor that OPEN_ALONE has opened. That
+// descriptor permits reading: if a reader that shares everything is refused, another program holds the file.
 bool IsLocked(const CRtString& path) {
-    const Handle query(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE);
-    return !query.IsOpen() && ::GetLastError() == ERROR_SHARING_VIOLATION;
+    const auto isRefused = [&path] {
+        const Handle query(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE);
+        return !query.IsOpen() && ::GetLastError() == ERROR_SHARING_VIOLATION;
+    };
+    if (!isRefused())
+        return false;
+    const Handle reader(path, GENERIC_READ,
+                        SHARE_ALL); // no handle without sharing is opened meanwhile
+    return reader.IsOpen() && isRefused();
 }
 
 int OpenFile(const CRtString& path, uint32_t flags, int& error, bool& created, FileStamp& stamp) {
@@ -443,7 +588,7 @@ int OpenFile(const CRtString& path, uint32_t flags, int& error, bool& created, F
     error = EEXIST;
     for (int i = 0; i < tries && error == EEXIST; ++i) {
         created = false;
-        error = OpenPastQueries(path, flags, file);
+        error = OpenExisting(path, flags, file);
         if (error == ENOENT && (flags & OPEN_CREATE)) {
             error = Open(path, CREATE_NEW, flags, file);
             created = error == 0;

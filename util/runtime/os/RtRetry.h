@@ -1,0 +1,79 @@
+// Files that another process holds. On Windows any process, for example a virus scanner, can open a file or a directory
+// so that for a while no other process can open or remove it. The functions of RtOs.h that open or remove repeat the
+// attempt with increasing delays; a lock of this library is not waited for. POSIX has no such handles: nothing waits
+// there, and what this header declares is empty.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+
+namespace RtOs {
+
+/// The time that a thread waits in this way. It waits no more until there was no such failure for a second:
+/// a file that is held for long costs one wait, not one for each operation.
+constexpr uint32_t RETRY_MS = 30; ///< by default, and while another thread waits for this one
+constexpr uint32_t RETRY_DISK_MS =
+    2'000; ///< for a thread that only does disk operations, and for the last attempt
+
+#ifdef _WIN32
+constexpr bool CAN_BE_HELD_UP = true;
+
+/// Changes the limit of the current thread.
+class RetryLimit {
+public:
+    explicit RetryLimit(uint32_t milliseconds);
+    /// `isLast`, called before each delay: the bytes are lost if the operation fails, so other threads have to wait,
+    /// see IsHeldUp.
+    RetryLimit(uint32_t milliseconds, std::function<bool()> isLast);
+    ~RetryLimit();
+    RetryLimit(const RetryLimit&) = delete;
+    RetryLimit& operator=(const RetryLimit&) = delete;
+    static void Set(uint32_t milliseconds);
+
+private:
+    const uint32_t m_previous;
+    const std::function<bool()> m_isLast;
+    const std::function<bool()>* const m_previousIsLast;
+};
+
+/// While an object exists, the current thread waits for a thread that does disk operations, which therefore waits for
+/// no other process longer than RETRY_MS, unless `isLast`.
+class Awaiting {
+public:
+    Awaiting();
+    ~Awaiting();
+    Awaiting(const Awaiting&) = delete;
+    Awaiting& operator=(const Awaiting&) = delete;
+
+private:
+    const std::chrono::steady_clock::time_point m_begin;
+    const long m_delaysBefore;
+};
+
+/// Whether a thread waits for another process although other threads have to wait for it, and has done so for
+/// RETRY_MS.
+bool IsHeldUp();
+
+#else
+constexpr bool CAN_BE_HELD_UP = false;
+
+class RetryLimit {
+public:
+    explicit RetryLimit(uint32_t) {}
+    template <class IsLast>
+    RetryLimit(uint32_t, const IsLast&) {}
+    ~RetryLimit() {} // user-provided: an unused object is no warning
+    static void Set(uint32_t) {}
+};
+
+class Awaiting {
+public:
+    Awaiting() {}
+    ~Awaiting() {}
+};
+
+constexpr bool IsHeldUp() { return false; }
+#endif
+
+} // namespace RtOs
