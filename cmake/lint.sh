@@ -14,7 +14,7 @@ sed -E 's# -Winvalid-pch -include [^ ]*/cmake_pch\.hxx##' "$build/compile_comman
 
 # The tool is compiled as one unit: most of the time goes into headers that its sources share.
 mapfile -t sources < <(
-    find util -name '*.cpp' ! -name windows.cpp | sort
+    find util -name '*.cpp' ! -name 'windows*.cpp' | sort
     find "$build/tools" -path '*/Unity/unity_*.cxx' | sort)
 if [ "${#sources[@]}" -eq 0 ]; then
     echo "no source file found below $root" >&2

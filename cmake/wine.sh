@@ -21,4 +21,5 @@ if [ ! -e "$WINEPREFIX/made" ]; then
     fi
     exec {lock}>&-
 fi
+mkdir -p "$WINEPREFIX/dosdevices/unc/server/share" # \\server\share
 exec wine "$@"

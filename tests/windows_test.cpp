@@ -379,6 +379,77 @@ TEST(Windows, SlashesAreAcceptedAsSeparators) {
     EXPECT_EQ(log.Text(), "");
 }
 
+// Runs a server in the directory, and finds its file again in a later run.
+void StoreAndLoad(const CRtString& dir) {
+    IFileManager* const manager = IFileManager::Instance();
+    const FMFileInfo info = Description();
+    for (const bool isStoring : {true, false}) {
+        manager->Initialize(dir, 7, 1);
+        FileRef file;
+        if (isStoring) {
+            ASSERT_EQ(manager->CreateFile(file.Receive(), info), RT_OK);
+            Write(*Cache::Block(*file, 1), Pattern(1, 5000));
+        } else {
+            ASSERT_EQ(manager->OpenFile(file.Receive(), info.fileID, 1), RT_OK);
+            EXPECT_TRUE(Read(*Cache::Block(*file, 1, 0)) == Pattern(1, 5000));
+        }
+        file.Reset();
+        manager->DetachFile(info.fileID);
+        manager->UnInitialize();
+    }
+    std::vector<CRtString> stems;
+    std::vector<CRtString> others;
+    EXPECT_EQ(FMListCachedFiles(dir + "\\sdstore", stems, others), RT_OK);
+    EXPECT_EQ(stems, std::vector{FMFileIDToString(info.fileID)});
+}
+
+// std::filesystem cannot iterate over a directory with a long path.
+size_t CountEntries(const fs::path& directory) {
+    WIN32_FIND_DATAW entry{};
+    size_t count = 0;
+    const HANDLE search = FindFirstFileW((directory / "*").c_str(), &entry);
+    for (BOOL any = search != INVALID_HANDLE_VALUE; any; any = FindNextFileW(search, &entry))
+        count += entry.cFileName[0] != L'.' ? 1 : 0;
+    FindClose(search);
+    return count;
+}
+
+class Place : public testing::TestWithParam<std::wstring> {};
+INSTANTIATE_TEST_SUITE_P(Path, Place,
+                         testing::Values(L"C:", L"\\\\server\\share", L"\u540d\u524d \u00dcbung",
+                                         L"long", L"\\\\server\\share\\long"));
+
+// A place without a drive or a share is below a temporary directory. A long one is longer than MAX_PATH.
+TEST_P(Place, ACacheCanBeThere) {
+    LogCapture log(RT_LOG_WARNING);
+    const CRtCallerThread callerThread;
+    RtSetUtf8Paths(true);
+    const TempDir temp;
+    constexpr int levels = 5;
+    const std::wstring& place = GetParam();
+    const bool isLong = place.ends_with(L"long");
+    const bool isShare = place.starts_with(L"\\\\");
+    const bool isAbsolute = isShare || place.ends_with(L":");
+    fs::path root = isAbsolute ? fs::path(place) : temp.path / place;
+    for (int level = 0; isLong && level < levels; ++level)
+        root /= std::wstring(60, L'd');
+    const std::u8string text = root.u8string();
+    const CRtString dir(std::string(text.begin(), text.end()));
+    if (isLong) // the library adds the prefix itself
+        root = isShare ? L"\\\\?\\UNC" + root.wstring().substr(1) : L"\\\\?\\" + root.wstring();
+    const size_t before = CountEntries(root);
+    StoreAndLoad(dir);
+    EXPECT_EQ(CountEntries(root / L"sdstore"), 2U);
+    IFileManager::Instance()->Initialize({}, 0, 1); // clears the store, and creates it
+    EXPECT_EQ(CountEntries(root / L"sdstore"), 0U);
+    IFileManager::Instance()->UnInitialize();
+    EXPECT_EQ(CountEntries(root / L"sdstore"), 0U);
+    EXPECT_EQ(CountEntries(root), before);
+    EXPECT_EQ(log.Text(), "");
+    if (isLong) // std::filesystem cannot
+        CFileManager::RemoveDir(dir.Left(dir.size() - levels * 61));
+}
+
 TEST(Windows, HousekeepingIgnoresTheCaseOfExtensions) {
     TestClock clock;
     LogCapture quiet(RT_LOG_SILENT);

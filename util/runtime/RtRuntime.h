@@ -29,6 +29,7 @@
 #include "RtExport.h"
 #include "RtHome.h"
 #include "RtLog.h"
+#include "RtPath.h"
 #include "RtResult.h"
 #include "RtSid.h"
 #include "RtString.h"

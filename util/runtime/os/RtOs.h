@@ -57,6 +57,11 @@ bool GetDriveFreeBytes(const char* root, uint64_t& available);
 /// The folder for application data of the current user. False if it is unknown.
 bool GetUserDataDir(CRtString& directory);
 
+// --- Paths --------------------------------------------------------------------------------------
+
+/// Whether paths are UTF-8. By default they are in the code page of the process. Windows only: POSIX passes bytes.
+void SetUtf8Paths(bool isUtf8);
+
 // --- Directories and files ----------------------------------------------------------------------
 
 enum class EntryKind { Missing, File, Directory };

@@ -387,6 +387,8 @@ int OpenFile(const CRtString& path, uint32_t flags, int& error, bool& created, F
 
 void CloseFile(int file) { ::close(file); }
 
+void SetUtf8Paths(bool) {}
+
 bool IsNoSuchFile(int error) { return IsMissing(error); }
 bool IsOutOfStreams(int error) { return error == EMFILE || error == ENFILE; }
 bool IsInUse(int error) { return error == EWOULDBLOCK; }

@@ -9,63 +9,18 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <chrono>
 #include <climits>
 #include <cstring>
 #include <utility>
 
+#include "windowspath.h"
+#include "windowsretry.h"
+
+using RtOs::Narrow;
+using RtOs::Native;
+using RtOs::Retry;
+
 namespace {
-
-// --- Paths --------------------------------------------------------------------------------------
-
-std::wstring Widen(std::string_view text) {
-    const auto length = static_cast<int>(text.size());
-    std::wstring wide(text.size(), L'\0'); // never more units than bytes
-    wide.resize(static_cast<size_t>(
-        ::MultiByteToWideChar(CP_ACP, 0, text.data(), length, wide.data(), length)));
-    return wide;
-}
-
-// A character that the code page lacks becomes '?', which no path contains: the entry is not found.
-CRtString Narrow(const wchar_t* text) {
-    char bytes[4 * MAX_PATH] = {}; // for a name of an entry, or a path up to MAX_PATH
-    ::WideCharToMultiByte(CP_ACP, 0, text, -1, bytes, sizeof(bytes) - 1, nullptr, nullptr);
-    return bytes;
-}
-
-// The system limits a path to MAX_PATH characters, and that of a directory to 12 fewer, unless it begins with
-// this prefix. Then it takes the path as it is: absolute, with backslashes, without "." and "..".
-constexpr wchar_t PREFIX[] = L"\\\\?\\";
-constexpr wchar_t PREFIX_OF_SHARE[] = L"\\\\?\\UNC";
-constexpr size_t SHORT_PATH_MAX = MAX_PATH - 20;
-
-std::wstring WithPrefix(const std::wstring& path) {
-    std::wstring full(32'768, L'\0'); // the longest path of the system
-    const DWORD length =
-        ::GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
-    if (length == 0 || length >= full.size())
-        return path; // the operation fails, and reports the path
-    full.resize(length);
-    if (length <= SHORT_PATH_MAX || full.starts_with(PREFIX))
-        return path;
-    const bool isShare = full.starts_with(L"\\\\");
-    return isShare ? PREFIX_OF_SHARE + full.substr(1) : PREFIX + full;
-}
-
-// The path for a system call.
-class Native {
-public:
-    explicit Native(const CRtString& path) : m_path(Widen(path.view())) {
-        const bool isAbsolute =
-            m_path.starts_with(L"\\\\") || (m_path.size() > 1 && m_path[1] == L':');
-        if (m_path.size() > SHORT_PATH_MAX || !isAbsolute)
-            m_path = WithPrefix(m_path);
-    }
-    const wchar_t* c_str() const { return m_path.c_str(); }
-
-private:
-    std::wstring m_path;
-};
 
 // True for junctions too.
 bool IsLink(DWORD attributes) { return (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0; }
@@ -173,89 +128,6 @@ private:
 
 // --- Handles of other processes -----------------------------------------------------------------
 
-using Clock = std::chrono::steady_clock;
-using Ms = std::chrono::milliseconds;
-
-// What a thread has waited for handles of other processes.
-struct Waited {
-    Ms limit{RtOs::RETRY_MS};
-    const std::function<bool()>* isLast = nullptr;
-    Clock::duration spent{};
-    Clock::duration awaited{}; // the part of `spent` while another thread waited for this one
-    Clock::time_point last;    // of the last failure
-
-    void Add(Clock::duration time) {
-        last = Clock::now();
-        spent += time;
-    }
-    void Forget() {
-        if (Clock::now() - last > std::chrono::seconds(1))
-            spent = awaited = {};
-    }
-};
-thread_local Waited t_waited;
-LONG volatile g_awaiting = 0; // number of Awaiting objects
-LONG volatile g_delays = 0;   // number of delays during which a thread waited for the delayed one
-LONG volatile g_heldUp = 0;   // number of threads for which IsHeldUp is true
-
-// Increasing delays between the attempts of one operation.
-class Delays {
-public:
-    Delays() = default;
-    ~Delays() {
-        if (m_isHeldUp)
-            ::InterlockedDecrement(&g_heldUp);
-    }
-    Delays(const Delays&) = delete;
-    Delays& operator=(const Delays&) = delete;
-    // False if the time of the thread is over.
-    bool Wait() {
-        constexpr Ms longest(16); // another thread may begin to wait for this one
-        t_waited.Forget();
-        const bool isLast = t_waited.isLast && *t_waited.isLast && (*t_waited.isLast)();
-        const bool isAwaited = g_awaiting > 0 && !isLast;
-        Clock::duration left = t_waited.limit - t_waited.spent;
-        if (isAwaited)
-            left = std::min<Clock::duration>(left, Ms(RtOs::RETRY_MS) - t_waited.awaited);
-        const Clock::time_point begin = Clock::now();
-        if (left >= Ms(1))
-            ::Sleep(
-                static_cast<DWORD>(std::min(m_next, std::chrono::duration_cast<Ms>(left)).count()));
-        m_next = std::min(2 * m_next, longest);
-        const Clock::duration slept = Clock::now() - begin;
-        t_waited.Add(slept);
-        if (isAwaited) {
-            t_waited.awaited += slept;
-            ::InterlockedIncrement(&g_delays);
-        }
-        if (isLast && !m_isHeldUp && t_waited.spent >= Ms(RtOs::RETRY_MS)) {
-            m_isHeldUp = true;
-            ::InterlockedIncrement(&g_heldUp);
-        }
-        return left >= Ms(1);
-    }
-
-private:
-    Ms m_next{1};
-    bool m_isHeldUp = false;
-};
-
-// Repeats an attempt that sets errno while a handle of another process prevents it. A lock of this library is not
-// such a handle: `isLock` tells.
-template <class Attempt, class IsLock>
-bool Retry(Attempt attempt, IsLock isLock) {
-    Delays delays;
-    for (;;) {
-        if (attempt())
-            return true;
-        const int error = errno;
-        const bool isOver = !RtOs::IsInUse(error) || isLock() || !delays.Wait();
-        errno = error;
-        if (isOver)
-            return false;
-    }
-}
-
 constexpr DWORD SHARE_ALL = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 // Whether the handles that others have on a directory permit reading it, as those of this library do.
@@ -272,32 +144,6 @@ bool OpenDirectory(const CRtString& path, Handle& handle, DWORD access, DWORD sh
 } // namespace
 
 namespace RtOs {
-
-RetryLimit::RetryLimit(uint32_t milliseconds) : RetryLimit(milliseconds, {}) {}
-RetryLimit::RetryLimit(uint32_t milliseconds, std::function<bool()> isLast)
-    : m_previous(static_cast<uint32_t>(t_waited.limit.count())), m_isLast(std::move(isLast)),
-      m_previousIsLast(std::exchange(t_waited.isLast, &m_isLast)) {
-    Set(milliseconds);
-}
-RetryLimit::~RetryLimit() {
-    Set(m_previous);
-    t_waited.isLast = m_previousIsLast;
-}
-void RetryLimit::Set(uint32_t milliseconds) { t_waited.limit = Ms(milliseconds); }
-
-bool IsHeldUp() { return g_heldUp > 0; }
-
-Awaiting::Awaiting() : m_begin(Clock::now()), m_delaysBefore(g_delays) {
-    ::InterlockedIncrement(&g_awaiting);
-}
-
-Awaiting::~Awaiting() {
-    ::InterlockedDecrement(&g_awaiting);
-    if (g_delays == m_delaysBefore)
-        return;
-    t_waited.Forget();
-    t_waited.Add(Clock::now() - m_begin);
-}
 
 uint32_t GetProcessId() { return ::GetCurrentProcessId(); }
 
