@@ -85,7 +85,8 @@ bool World::Load(File& file) {
 void World::Restore(File& file) {
     file.flag = file.ref->GetFileInfo().flag;
     file.isChanged = false;
-    file.isHarmed = false;
+    file.isHarmed = faults::Hits() > 0 && m_action == faults::CALL; // perhaps after the load
+    file.isRewritten = file.isHarmed;
     file.isRewritten = false;
     file.isParked = false;
     file.hasGap = false;
@@ -111,6 +112,7 @@ void World::Restore(File& file) {
         model.length = block->IsComplete() ? block->GetTotalLen() : 0;
         if (model.version != 0)
             found[id] = model.version;
+        model.isLost = model.isLost || file.isHarmed;
         file.table[id] = model;
     }
     for (const auto& [id, version] : file.promised)
