@@ -417,12 +417,13 @@ void World::CheckCompletion(const Held& held, int result, uint32_t faults, uint3
 }
 
 void World::Cancel(const Step& step, File&) {
-    if (m_waits.empty())
-        return;
-    Wait& wait =
-        *std::next(m_waits.begin(), step.size % static_cast<std::ptrdiff_t>(m_waits.size()));
-    if (!wait.isOver)
-        wait.Cancel();
+    std::vector<Wait*> waiting;
+    for (Wait& wait : m_waits) {
+        if (!wait.isOver)
+            waiting.push_back(&wait);
+    }
+    if (!waiting.empty())
+        waiting[step.size % waiting.size()]->Cancel();
 }
 
 } // namespace sim
