@@ -120,7 +120,8 @@ private:
             const FMSlotState state = described.states[i];
             if (entry.blockID == 0 || entry.blockID < info.blockBeg ||
                 entry.blockID - info.blockBeg >= info.num) {
-                Require(state == (entry.blockID == 0 ? FMSlotState::NoBlock : FMSlotState::Outside));
+                Require(state ==
+                        (entry.blockID == 0 ? FMSlotState::NoBlock : FMSlotState::Outside));
                 continue;
             }
             const Model& model = m_models[entry.blockID] = Expected(entry, described.entries);

@@ -122,6 +122,41 @@ TEST(Block, OneLoadServesAllWaitingSinksInOrder) {
     EXPECT_FALSE(release());
 }
 
+// A rewrite makes a load in flight stale, whether the load begins before or after the rewrite.
+TEST(Block, StaleLoadDoesNotReplaceRewrittenBytes) {
+    TestClock clock;
+    LogCapture log(RT_LOG_ERROR);
+    Cache cache;
+    const FileRef file = cache.Create();
+    Write(*Cache::Block(*file, 1), "the range at offset 0 is never written again");
+    for (const auto& [length, isBegun] :
+         {std::pair<size_t, bool>{500, true}, {501, true}, {500, false}, {501, false}}) {
+        const auto id = static_cast<uint32_t>(length + (isBegun ? 0 : 1000));
+        const BlockRef block = Cache::Block(*file, id);
+        Write(*block, Pattern(1, 500));
+        FMWaitUntilIdle();
+        clock.Advance(240'001);
+        ASSERT_FALSE(block->FreeMemory());
+        CountingSink sink;
+        std::promise<void> go;
+        if (!isBegun)
+            CFileManager::Instance()->PostToReadwrThread(
+                new TestEvent([&] { go.get_future().wait(); }), 0, RT_PRIORITY_HIGH);
+        EXPECT_EQ(block->ReadData(&sink), 0);
+        if (isBegun)
+            Cache::RunReadwrQueue(); // the load has run, its completion is queued
+        Write(*block, Pattern(2, length));
+        go.set_value();
+        Cache::RunReadwrQueue();
+        clock.Advance(240'001);
+        ASSERT_FALSE(block->FreeMemory());
+        FMWaitUntilIdle();
+        EXPECT_EQ(sink.results, std::vector<int>{0});
+        EXPECT_TRUE(Read(*block) == Pattern(2, length));
+    }
+    EXPECT_EQ(log.Count("Assert failed"), 0U) << log.Text();
+}
+
 TEST(Block, ReadOfAnEmptyBlockFailsAndADisplacedFileLeavesTheDataFileAlone) {
     LogCapture log;
     Cache cache;

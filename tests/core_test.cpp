@@ -14,6 +14,47 @@ size_t At(const std::string& text, const std::string& part) { return text.find(p
 
 } // namespace
 
+TEST(Core, AStaleFirstLoadOfALoadedBlockIsDropped) {
+    LogCapture log;
+    Cache cache;
+    FileRef file = cache.Create();
+    const FMFileID id = file->GetFileInfo().fileID;
+    Write(*Cache::Block(*file, 1), Pattern(1, 1000));
+    cache.Close(file);
+    file = cache.Open(id);
+    const BlockRef block = Cache::Block(*file, 1, 0);
+    CountingSink sink;
+    EXPECT_EQ(block->ReadData(&sink), 0);
+    const CRtMessageChain half = CRtMessageBlock::CreateCopy(Pattern(2, 500).data(), 500);
+    EXPECT_EQ(block->WriteData(1000, 0, half.get()), 0);
+    FMWaitUntilIdle();
+    EXPECT_EQ(sink.results, std::vector<int>{RT_ERROR_NOT_READY});
+    EXPECT_EQ(log.Count(" Assert failed: !m_data"), 0U);
+}
+
+TEST(Core, ATruncatedFileLosesOnlyWhatItNoLongerHas) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FileRef file = cache.Create();
+    const FMFileID id = file->GetFileInfo().fileID;
+    for (const uint32_t block : {1U, 2U, 3U})
+        Write(*Cache::Block(*file, block), Pattern(block, 1000));
+    cache.Close(file);
+    FMWaitUntilIdle();
+    fs::resize_file(cache.Path(id, ".sdd"), 2500);
+    for (int run = 0; run < 2; ++run) { // as truncated, then as saved after a store
+        file = cache.Open(id);
+        ASSERT_TRUE(file);
+        EXPECT_FALSE(Read(*Cache::Block(*file, 3, 0)) == std::string(1000, '\0'));
+        for (const uint32_t block : {1U, 2U})
+            EXPECT_EQ(Read(*Cache::Block(*file, block, 0)), Pattern(block, 1000));
+        Write(*Cache::Block(*file, 4), Pattern(4, 1000));
+        FMWaitUntilIdle();
+        cache.Close(file);
+        FMWaitUntilIdle();
+    }
+}
+
 TEST(Core, DescriptionThatIsTooLongToBeSavedAgainDoesNotLoad) {
     LogCapture log(RT_LOG_WARNING);
     Cache cache;
@@ -103,6 +144,36 @@ TEST(Core, TransferLogsItsLinesInOrderAndRemovalLogsOnlyExistingFiles) {
     Write(*Cache::Block(*file, 1), Pattern(2, 100));
     FMWaitUntilIdle();
     EXPECT_EQ(log.Count("CDiskFile::RemoveMee, filename="), 2U); // the table, then the data
+}
+
+TEST(Core, BlockLogsItsDestructorLineBeforeItReleasesItsOwners) {
+    class Node final : public CRtCounted<ISDUser> {
+    public:
+        explicit Node(LogCapture& log, size_t& lines) : m_log(log), m_lines(lines) {}
+        ~Node() override { m_lines = m_log.Count("CFMBlock::~CFMBlock, blockID="); }
+        const CTavoSID& GetNodeSID() override { return m_sid; }
+        int IsP2P() override { return 1; }
+        int IsPublic() override { return 0; }
+        uint32_t GetAddressTag() override { return 0; }
+        uint32_t GetIP() override { return 1; }
+        const SDAddress& GetAddress() override { return m_address; }
+
+    private:
+        LogCapture& m_log;
+        size_t& m_lines;
+        CTavoSID m_sid;
+        SDAddress m_address;
+    };
+    LogCapture log;
+    Cache cache;
+    FileRef file = cache.Create();
+    size_t lines = 0;
+    {
+        const CRtComAutoPtr<Node> node(new Node(log, lines));
+        Cache::Block(*file, 1)->SetOwner(node.Get(), 1);
+    }
+    cache.Close(file);
+    EXPECT_EQ(lines, 1U);
 }
 
 TEST(Core, WaitUntilIdleKeepsItsTimeLimit) {

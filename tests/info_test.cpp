@@ -189,6 +189,25 @@ TEST(Info, TablesAndNamesAtTheLimitsOfTheFormat) {
     EXPECT_EQ(log.Count("CFMFile::SaveFileInfo, Encode file info error, ret=10001 this="), 1U);
 }
 
+TEST(Info, TwoObjectsNeverShareAPath) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FileRef first = cache.Create();
+    const FMFileID id = first->GetFileInfo().fileID;
+    const BlockRef kept = Cache::Block(*first, 1);
+    Write(*kept, Pattern(1, 100));
+    first.Reset();
+    EXPECT_EQ(cache.manager->DetachFile(id), 0);
+    FileRef second = cache.Open(id);
+    ASSERT_TRUE(second);
+    EXPECT_EQ(Write(*kept, Pattern(9, 100)), RT_ERROR_NOT_READY); // its file is closed
+    Write(*Cache::Block(*second, 2), Pattern(2, 100));
+    FMWaitUntilIdle();
+    EXPECT_EQ(Read(*kept), Pattern(1, 100));
+    EXPECT_EQ(Read(*Cache::Block(*second, 1, 0)), Pattern(1, 100));
+    EXPECT_EQ(ReadFile(cache.Path(id, ".sdd")), Pattern(1, 100) + Pattern(2, 100));
+}
+
 TEST(Info, ClosingATemporaryFileRemovesItsFiles) {
     LogCapture log;
     Cache cache;

@@ -192,6 +192,43 @@ TEST(Lanes, WhatDependsOnTheOrderOfStoresStaysInTheirLane) {
         EXPECT_EQ(Read(*Cache::Block(*saved, block, 0)), Pattern(block, 70'000));
 }
 
+TEST(Lanes, OpeningAClosedFileWaitsForItsStores) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    constexpr uint32_t blocks = 300;
+    FileRef file = cache.Create();
+    const FMFileID id = file->GetFileInfo().fileID;
+    // The stores, the request for the table, the first event of the barrier.
+    const Gate gate(blocks + 2);
+    for (uint32_t block = 1; block <= blocks; ++block)
+        Write(*Cache::Block(*file, block), Pattern(block, 70'000));
+    cache.Close(file);
+    file = cache.Open(id);
+    ASSERT_TRUE(file);
+    for (uint32_t block = 1; block <= blocks; ++block)
+        EXPECT_EQ(Read(*Cache::Block(*file, block, 0)), Pattern(block, 70'000));
+}
+
+TEST(Lanes, OpeningAClosedFileWaitsForTheLoadsOfItsBlocks) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    constexpr uint32_t blocks = 300;
+    FileRef file = StoredFile(cache, blocks, 70'000);
+    const FMFileID id = file->GetFileInfo().fileID;
+    std::vector<BlockRef> held;
+    for (uint32_t block = 1; block <= blocks; ++block)
+        held.push_back(Cache::Block(*file, block, 0));
+    CountingSink sink;
+    const Gate gate(blocks + 1); // the loads, the first event of the barrier
+    cache.Close(file);
+    for (const BlockRef& block : held)
+        block->ReadData(&sink);
+    file = cache.Open(id);
+    EXPECT_TRUE(file) << "a load has opened the data file again";
+    FMWaitUntilIdle();
+    EXPECT_EQ(sink.results, std::vector<int>(blocks, 0));
+}
+
 TEST(Lanes, HousekeepingRunsAfterStoresThatWerePostedLater) {
     TestClock clock;
     LogCapture log;
@@ -210,6 +247,25 @@ TEST(Lanes, HousekeepingRunsAfterStoresThatWerePostedLater) {
     const std::string text = log.Text();
     EXPECT_LT(text.find("CDiskFile::WriteData, "), text.find("CFileManager::HouseKeeping_m. "));
     EXPECT_NE(text.find("CFileManager::HouseKeeping_m. "), std::string::npos);
+}
+
+TEST(Lanes, StoppingWaitsForLoadsAndStoresAlike) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    constexpr uint32_t blocks = 300;
+    FileRef file = StoredFile(cache, blocks);
+    const FMFileID id = file->GetFileInfo().fileID;
+    CountingSink sink;
+    const Gate gate(blocks + 2); // loads, the store, the first event of the barrier
+    Write(*Cache::Block(*file, blocks + 1), Pattern(21, 70'000));
+    for (uint32_t block = 1; block <= blocks; ++block)
+        Cache::Block(*file, block, 0)->ReadData(&sink);
+    cache.Stop();
+    cache.thread.RunDue();
+    EXPECT_EQ(sink.results, std::vector<int>(blocks, 0));
+    cache.Start();
+    file = cache.Open(id);
+    EXPECT_EQ(Read(*Cache::Block(*file, blocks + 1, 0)), Pattern(21, 70'000));
 }
 
 TEST(Lanes, WaitUntilIdleWaitsForEveryLane) {
@@ -253,6 +309,23 @@ TEST(Withdrawal, ACancelledLoadReadsNothingAndANewRequestRevokesTheCancellation)
     EXPECT_EQ(block->ReadData(&waiting), 0);
     FMWaitUntilIdle();
     EXPECT_EQ(waiting.results, (std::vector<int>{0, 0}));
+}
+
+TEST(Withdrawal, ARequestBetweenTheWithdrawnLoadAndItsCompletionStartsTheNextLoad) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FileRef file = StoredFile(cache, 1);
+    const BlockRef block = Cache::Block(*file, 1, 0);
+    CountingSink sink;
+    {
+        const Gate gate;
+        block->ReadData(&sink);
+        block->CancelReadData(&sink);
+    }
+    Cache::RunReadwrQueue(); // the load has ended; its completion is queued
+    EXPECT_EQ(block->ReadData(&sink), 0);
+    FMWaitUntilIdle();
+    EXPECT_EQ(sink.results, std::vector<int>{0});
 }
 
 TEST(Withdrawal, ClosingTheFileOrReleasingTheBlockReadsNothing) {

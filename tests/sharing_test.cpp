@@ -74,6 +74,41 @@ FileRef Store(IFileManager& manager, const FMFileInfo& info, uint32_t seed) {
     return file;
 }
 
+// Each call of the clock advances it by two seconds, so that every check that is due once per second is due. A
+// chosen call runs an action, on the thread that looks.
+class SteppingClock final : public IRtClock {
+public:
+    SteppingClock() { RtSetClock(this); }
+    ~SteppingClock() override { RtSetClock(nullptr); }
+    uint64_t TickCountMs() override {
+        const std::lock_guard lock(m_mutex);
+        if (m_left > 0 && --m_left == 0)
+            m_action();
+        return m_tick += 2000;
+    }
+    CRtTimeValue TimeOfDay() override { return CRtTimeValue(1'700'000'000, 0); }
+    void Arm(int calls, std::function<void()> action) {
+        const std::lock_guard lock(m_mutex);
+        m_action = std::move(action);
+        m_left = calls;
+    }
+    // Disarms the clock; true if the action has run.
+    bool Disarm() {
+        const std::lock_guard lock(m_mutex);
+        return std::exchange(m_left, -1) == 0;
+    }
+    void Advance(uint64_t ms) {
+        const std::lock_guard lock(m_mutex);
+        m_tick += ms;
+    }
+
+private:
+    std::mutex m_mutex;
+    uint64_t m_tick = 1'000'000;
+    int m_left = -1;
+    std::function<void()> m_action;
+};
+
 } // namespace
 
 TEST(Sharing, ServerLocksItsOpenFilesUntilItIsKilled) {
@@ -241,4 +276,144 @@ TEST(Sharing, FileChangedWhileItsStreamWasClosedIsNotWritten) {
     EXPECT_EQ(ReadFile(path), Pattern(99, 200));
     EXPECT_EQ(Read(*Cache::Block(*files[0], 2)), Pattern(2, 300));
     EXPECT_EQ(log.Count("another process has changed the file, filename="), 1U);
+}
+
+TEST(Sharing, TruncatedBytesDoNotComeBackAsZeros) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FileRef file = cache.Create();
+    const FMFileID id = file->GetFileInfo().fileID;
+    for (uint32_t i = 1; i <= 3; ++i)
+        Write(*Cache::Block(*file, i), Pattern(i, 1000));
+    cache.Close(file);
+    FMWaitUntilIdle();
+    fs::resize_file(cache.Path(id, ".sdd"), 1500);
+    file = cache.Open(id);
+    ASSERT_TRUE(file);
+    EXPECT_EQ(Read(*Cache::Block(*file, 3)), "error 10001");
+    CountingSink sink;
+    EXPECT_EQ(Cache::Block(*file, 2)->ReadData(&sink), 0);
+    FMWaitUntilIdle();
+    EXPECT_EQ(sink.results, std::vector<int>{RT_ERROR_IO});
+    Write(*Cache::Block(*file, 4), Pattern(4, 1000)); // extends the data file beyond the cut
+    FMWaitUntilIdle();
+    const auto onDisk = [&](const char* extension) { return ReadFile(cache.Path(id, extension)); };
+    const std::string info = onDisk(".sdi"), data = onDisk(".sdd"); // the state after a crash
+    for (const uint32_t lost : {2U, 3U})
+        EXPECT_EQ(Read(*Cache::Block(*file, lost, 0)), "error 10001");
+    cache.Close(file);
+    cache.Stop();
+    WriteFile(cache.Path(id, ".sdi"), info);
+    WriteFile(cache.Path(id, ".sdd"), data);
+    cache.Start();
+    file = cache.Open(id);
+    EXPECT_TRUE(!file || Read(*Cache::Block(*file, 2, 0)).starts_with("error 1"));
+}
+
+TEST(Sharing, UnInitializeReleasesAllLocks) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FileRef file = cache.Create();
+    const fs::path data = cache.Path(file->GetFileInfo().fileID, ".sdd");
+    Write(*Cache::Block(*file, 1), Pattern(1, 100));
+    cache.manager->DetachFile(file->GetFileInfo().fileID);
+    const BlockRef kept = Cache::Block(*cache.Create(), 1);
+    cache.Stop(); // queued events still reference the file
+    const int fd = open(data.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(flock(fd, LOCK_EX | LOCK_NB), 0);
+    close(fd);
+    cache.Start();
+}
+
+TEST(Sharing, ReplacedDataFileNeverYieldsForeignBytes) {
+    LogCapture quiet(RT_LOG_SILENT);
+    SteppingClock clock;
+    Cache cache;
+    bool fired = true;
+    for (int look = 1; fired; ++look) {
+        const FileRef file = cache.Create();
+        const FMFileID id = file->GetFileInfo().fileID;
+        const BlockRef block = Cache::Block(*file, 1);
+        Write(*block, Pattern(1, 5000));
+        FMWaitUntilIdle();
+        clock.Advance(240'001);
+        ASSERT_FALSE(block->FreeMemory());
+        const fs::path foreign = cache.dir.path / "foreign";
+        WriteFile(foreign, Pattern(2, 5000));
+        clock.Arm(look, [&] { fs::rename(foreign, cache.Path(id, ".sdd")); });
+        const std::string bytes = Read(*block);
+        fired = clock.Disarm();
+        EXPECT_TRUE(bytes == Pattern(1, 5000) || bytes.starts_with("error")) << "at look " << look;
+    }
+}
+
+TEST(Sharing, CloseStoresResidentBlocksAgainAfterTheirFilesWereRemovedOrTruncated) {
+    TestClock clock;
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    for (const bool isLoaded : {false, true}) {
+        for (const bool isRemoved : {true, false}) {
+            FileRef file = cache.Create();
+            const FMFileID id = file->GetFileInfo().fileID;
+            for (const uint32_t block : {1U, 2U})
+                Write(*Cache::Block(*file, block), Pattern(block, 1000));
+            FMWaitUntilIdle();
+            if (isLoaded) { // the blocks are resident, and nothing has changed since the last close
+                cache.Close(file);
+                file = cache.Open(id);
+                for (const uint32_t block : {1U, 2U})
+                    Read(*Cache::Block(*file, block, 0));
+            }
+            if (isRemoved)
+                fs::remove_all(cache.Path(id, "").parent_path());
+            else
+                fs::resize_file(cache.Path(id, ".sdd"), 1500);
+            cache.Close(file);
+            FMWaitUntilIdle();
+            file = cache.Open(id);
+            ASSERT_TRUE(file);
+            for (const uint32_t block : {1U, 2U})
+                EXPECT_EQ(Read(*Cache::Block(*file, block, 0)), Pattern(block, 1000));
+        }
+    }
+}
+
+TEST(Sharing, AReadOfTruncatedBytesLeavesTheRestReadable) {
+    TestClock clock;
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FileRef file = cache.Create();
+    const FMFileID id = file->GetFileInfo().fileID;
+    for (const uint32_t block : {1U, 2U})
+        Write(*Cache::Block(*file, block), Pattern(block, 1000));
+    cache.Close(file);
+    file = cache.Open(id);
+    fs::resize_file(cache.Path(id, ".sdd"), 1999);
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(Read(*Cache::Block(*file, 2, 0)), "error 10001");
+    cache.Close(file);
+    FMWaitUntilIdle();
+    file = cache.Open(id);
+    ASSERT_TRUE(file);
+    EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), Pattern(1, 1000));
+}
+
+TEST(Sharing, AnInformationFileThatWasReplacedWhileOpenIsWrittenInItsPlace) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FileRef file = cache.Create();
+    const FMFileID id = file->GetFileInfo().fileID;
+    Write(*Cache::Block(*file, 1), Pattern(1, 1000));
+    cache.Close(file);
+    file = cache.Open(id);
+    const fs::path info = cache.Path(id, ".sdi");
+    fs::remove(info);
+    Write(*Cache::Block(*file, 2), Pattern(2, 1000));
+    cache.Close(file);
+    FMWaitUntilIdle();
+    file = cache.Open(id);
+    ASSERT_TRUE(file);
+    for (const uint32_t block : {1U, 2U})
+        EXPECT_EQ(Read(*Cache::Block(*file, block, 0)), Pattern(block, 1000));
 }
