@@ -108,6 +108,7 @@ std::vector<Left> FindLeft(const fs::path& path, const Store& before, const Stor
     const bool isUntouched = std::ranges::all_of(
         before.entries, [&now](const Entry& entry) { return now.Has(entry.file.stem.view()); });
     std::vector<Left> left;
+    left.reserve(names.size());
     for (const std::string& name : names)
         left.push_back({name, !before.Has(name) ? "was created in the meantime"
                               : isUntouched     ? "another process uses the cache"

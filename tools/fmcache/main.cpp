@@ -51,6 +51,7 @@ std::string UnknownText(const char* kind, const std::string& word,
 std::string UnknownWord(const CLI::App& app, const std::vector<std::string>& words) {
     const std::vector<const CLI::App*> verbs = app.get_subcommands({});
     std::vector<std::string> names;
+    names.reserve(verbs.size());
     for (const CLI::App* verb : verbs)
         names.push_back(verb->get_name());
     const CLI::App* chosen = nullptr;
@@ -77,7 +78,7 @@ std::string UnknownWord(const CLI::App& app, const std::vector<std::string>& wor
 
 // The messages of CLI11 that name its own terms, in those of the user.
 std::string UsageText(const CLI::App& app, const CLI::ParseError& error) {
-    const std::string text = error.what();
+    std::string text = error.what();
     const auto option = [&text](const char* end) { return text.substr(0, text.find(end)); };
     switch (static_cast<CLI::ExitCodes>(error.get_exit_code())) {
     case CLI::ExitCodes::RequiredError:

@@ -58,20 +58,15 @@ bool IsHeldUp();
 #else
 constexpr bool CAN_BE_HELD_UP = false;
 
-class RetryLimit {
+class [[maybe_unused]] RetryLimit {
 public:
     explicit RetryLimit(uint32_t) {}
     template <class IsLast>
     RetryLimit(uint32_t, const IsLast&) {}
-    ~RetryLimit() {} // user-provided: an unused object is no warning
     static void Set(uint32_t) {}
 };
 
-class Awaiting {
-public:
-    Awaiting() {}
-    ~Awaiting() {}
-};
+class [[maybe_unused]] Awaiting {};
 
 constexpr bool IsHeldUp() { return false; }
 #endif
