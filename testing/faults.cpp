@@ -30,9 +30,9 @@ struct State {
     const char* firstHit;
 };
 
-State g_state;
+constinit State g_state{};
 
-std::array<std::atomic<bool>, 65536> g_ours; // indexed by file descriptor
+constinit std::array<std::atomic<bool>, 65536> g_ours{}; // indexed by file descriptor
 
 bool IsOurs(const char* path) {
     const State& state = g_state;
