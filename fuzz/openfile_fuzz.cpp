@@ -2,6 +2,7 @@
 // file, the data file and a tail of 32 bytes, which selects the boundary between the two, the length of a hole
 // at the end of the data file, and the changes of blocks.
 #include <map>
+#include <optional>
 
 #include "FMCatalog.h"
 #include "support.h"
@@ -13,84 +14,42 @@ using fuzz::Input;
 
 constexpr size_t TAIL = 32;
 constexpr FMFileID PATH_ID{0x10203040, 0x5060, 0x7080, {1, 2, 3, 4, 5, 6, 7, 8}};
+// Larger tables are opened, but most of them are not used: each block takes as long as dozens of inputs.
+constexpr size_t LARGEST_TABLE = 256;
 // Larger blocks, which lie in a hole, are not read: their buffers would be as large as their entries claim.
 constexpr uint32_t LARGEST_READ = 1 << 16;
-// A description with a longer name can be saved but not loaded.
-constexpr size_t LONGEST_NAME = 2010;
 
-// The expected content of a block.
 struct Model {
-    bool complete = false;
-    std::string bytes;
-    bool mayFail = false; // its entry overlaps another or ends beyond the data file
-    bool isHuge = false;  // larger than LARGEST_READ: not read
+    std::optional<std::string> bytes; // null: the block cannot be read
+    bool isHuge = false;              // larger than LARGEST_READ
 };
 
 class OpenFile {
 public:
-    OpenFile(std::string information, std::string data, Input tail)
-        : m_information(std::move(information)), m_data(std::move(data)), m_tail(tail) {}
+    OpenFile(const std::string& information, const std::string& data, Input tail)
+        : m_information(information), m_data(data), m_tail(tail) {}
 
     void Run() {
-        WriteFiles();
+        const uint32_t hole = m_tail.Byte();
+        WriteFile(m_stem.string() + ".sdi", m_information);
+        WriteFile(m_stem.string() + ".sdd", m_data);
+        if (hole % 4 == 3)
+            m_dataLength += uint64_t{1} << (hole / 4 % 35);
+        fs::resize_file(m_stem.string() + ".sdd", m_dataLength);
         // The catalog parses the file on its own, from a single read.
         FMCachedFile described;
         Require(FMDescribeCachedFile(CRtString(m_stem.parent_path().string()),
                                      FMFileIDToString(PATH_ID), described) == 0);
         Require(Open() == described.isLoadable);
-        if (described.isLoadable) {
-            Expect(described);
-            CheckAll();
-            for (int change = 0; change < 8; ++change)
-                Change();
+        if (m_file && (m_file->GetBlocks().size() <= LARGEST_TABLE || hole % 32 == 31))
+            Use(described);
+        if (m_file)
             Close();
-            const bool temporary = described.info.flag & FM_FILE_TEMPORARY;
-            const bool again = Open();
-            Require(again == !temporary || described.info.name.size() > LONGEST_NAME);
-            if (again) {
-                CheckAll();
-                Close();
-            }
-        }
         fs::remove(m_stem.string() + ".sdi");
         fs::remove(m_stem.string() + ".sdd");
     }
 
 private:
-    // Thousands of slots or of missing entries take as long as dozens of inputs and find no more faults than
-    // hundreds.
-    void MakeTableSmall() {
-        const auto clear = [this](size_t at, size_t count) {
-            if (m_information.size() >= at + count)
-                m_information.replace(at, count, count, '\0');
-        };
-        constexpr size_t nameAt = FM_INFO_BODY_OFFSET + 4 + sizeof(FMFileID);
-        if (m_information.size() < nameAt + 2)
-            return;
-        const auto word = [this](size_t at) { return Input(m_information, at).Word(); };
-        const size_t numAt = nameAt + 2 + word(nameAt) + 8;
-        clear(numAt + 1, 3);
-        const size_t countAt =
-            FM_INFO_BODY_OFFSET + word(FM_INFO_LENGTH_OFFSET) + FM_INFO_LENGTH_SIZE;
-        clear(countAt + 1, 1);
-    }
-
-    void WriteFiles() {
-        const uint32_t hole = m_tail.Byte();
-        if (hole % 32 != 31)
-            MakeTableSmall();
-        for (const auto& [extension, bytes] :
-             {std::pair(".sdi", &m_information), {".sdd", &m_data}}) {
-            std::FILE* file = std::fopen((m_stem.string() + extension).c_str(), "wb");
-            Require(file && std::fwrite(bytes->data(), 1, bytes->size(), file) == bytes->size());
-            std::fclose(file);
-        }
-        if (hole % 4 != 3)
-            return;
-        m_dataLength += uint64_t{1} << (hole / 4 % 35);
-        fs::resize_file(m_stem.string() + ".sdd", m_dataLength);
-    }
-
     // The memory for opening is bounded by the length of the information file.
     bool Open() {
         const fuzz::MemoryMeter meter;
@@ -109,147 +68,123 @@ private:
         m_models.erase(0); // a table cannot distinguish block 0 from an empty slot
     }
 
-    void Expect(const FMCachedFile& described) {
+    void Use(const FMCachedFile& described) {
         const FMFileInfo& info = m_file->GetFileInfo();
-        Require(info.name == described.info.name);
+        Require(info.name == described.info.name && info.flag == described.info.flag);
         Require(info.num == FMSlotsToLoad(described.info.num, m_information.size()));
-        Require(info.blockBeg == described.info.blockBeg && info.flag == described.info.flag);
-        Require(m_file->GetBlocks().size() == info.num);
         for (size_t i = 0; i < described.entries.size(); ++i) {
             const FMBlockEntry& entry = described.entries[i];
-            const FMSlotState state = described.states[i];
-            if (entry.blockID == 0 || entry.blockID < info.blockBeg ||
-                entry.blockID - info.blockBeg >= info.num) {
-                Require(state ==
-                        (entry.blockID == 0 ? FMSlotState::NoBlock : FMSlotState::Outside));
-                continue;
-            }
-            const Model& model = m_models[entry.blockID] = Expected(entry, described.entries);
-            if (state == FMSlotState::Replaced)
-                continue;
-            const BlockRef block = Block(entry.blockID, 0);
-            Require((state == FMSlotState::Stored) == (model.complete && !model.mayFail));
-            Require(block->IsComplete() ==
-                    (state == FMSlotState::Stored || state == FMSlotState::Beyond));
+            CheckEntry(entry, described.states[i], StateOf(entry, described.entries));
         }
+        CheckAll();
+        for (int change = 0; change < 8; ++change)
+            Change();
+        const bool isTemporary = info.flag & FM_FILE_TEMPORARY;
+        Close();
+        Require(Open() == !isTemporary);
+        if (m_file)
+            CheckAll();
     }
 
-    Model Expected(const FMBlockEntry& entry, const std::vector<FMBlockEntry>& entries) const {
-        Model model;
-        model.complete = entry.totalLen != 0 && FMIsEntryPossible(entry);
-        if (!model.complete)
-            return model;
-        const auto end = [](const FMBlockEntry& each) { return each.posInFile + each.totalLen; };
-        for (const FMBlockEntry& other : entries)
-            model.mayFail |= &other != &entry && other.totalLen > 0 && FMIsEntryPossible(other) &&
-                             other.posInFile < end(entry) && entry.posInFile < end(other);
-        if (static_cast<uint64_t>(end(entry)) > m_dataLength) {
-            model.mayFail = true; // restored without data, or its read fails
-            return model;
-        }
+    void CheckEntry(const FMBlockEntry& entry, FMSlotState state, FMSlotState expected) {
+        const bool isReplaced = state == FMSlotState::Replaced;
+        Require(state == expected || isReplaced);
+        if (expected == FMSlotState::NoBlock || expected == FMSlotState::Outside)
+            return;
+        const bool isStored = expected == FMSlotState::Stored;
+        Model& model = m_models[entry.blockID] = {}; // of the last entry of the block
         model.isHuge = entry.totalLen > LARGEST_READ;
-        if (model.isHuge)
-            return model;
-        const auto begin = static_cast<uint64_t>(entry.posInFile);
-        model.bytes = begin < m_data.size() ? m_data.substr(begin, entry.totalLen) : "";
-        model.bytes.resize(entry.totalLen);
-        return model;
+        if (isStored && !model.isHuge) {
+            const auto begin = static_cast<size_t>(entry.posInFile);
+            model.bytes = begin < m_data.size() ? m_data.substr(begin, entry.totalLen) : "";
+            model.bytes->resize(entry.totalLen); // zeros in the hole
+        }
+        const bool isComplete = isStored || expected == FMSlotState::Beyond;
+        Require(isReplaced || Block(entry.blockID, 0)->IsComplete() == isComplete);
+    }
+
+    // By the rules of the file format; compares each pair of entries.
+    FMSlotState StateOf(const FMBlockEntry& entry, const std::vector<FMBlockEntry>& entries) const {
+        const FMFileInfo& info = m_file->GetFileInfo();
+        if (entry.blockID == 0)
+            return FMSlotState::NoBlock;
+        if (entry.blockID < info.blockBeg || entry.blockID - info.blockBeg >= info.num)
+            return FMSlotState::Outside;
+        if (!FMIsEntryPossible(entry))
+            return FMSlotState::Impossible;
+        if (entry.totalLen == 0)
+            return FMSlotState::NoData;
+        const auto end = [](const FMBlockEntry& each) { return each.posInFile + each.totalLen; };
+        for (const FMBlockEntry& other : entries) {
+            if (&other != &entry && other.totalLen > 0 && FMIsEntryPossible(other) &&
+                other.posInFile < end(entry) && entry.posInFile < end(other))
+                return FMSlotState::Overlaps;
+        }
+        return static_cast<uint64_t>(end(entry)) > m_dataLength ? FMSlotState::Beyond
+                                                                : FMSlotState::Stored;
     }
 
     void CheckAll() {
         const FMBlockTable& table = m_file->GetBlocks();
-        const auto there = [](const auto& slot) { return static_cast<bool>(slot); };
-        Require(std::count_if(table.begin(), table.end(), there) ==
-                static_cast<ptrdiff_t>(m_models.size()));
-        bool later = m_tail.Byte() & 1;
+        const auto isBlock = [](const auto& slot) { return static_cast<bool>(slot); };
+        Require(std::ranges::count_if(table, isBlock) == std::ssize(m_models));
         for (const auto& [id, model] : m_models) {
-            if (!model.isHuge)
-                Check(id, model, later);
-            later = !later;
+            const BlockRef block = Block(id, 0);
+            Require(block && block->GetBlockID() == id);
+            if (model.isHuge)
+                continue;
+            const fuzz::MemoryMeter meter;
+            const std::string bytes = Read(*block);
+            Require(model.bytes ? bytes == *model.bytes : bytes.starts_with("error "));
+            Require(meter.Peak() < 32 * 1024 + 5 * static_cast<int64_t>(bytes.size()));
         }
-    }
-
-    void Check(uint32_t id, const Model& model, bool later) {
-        BlockRef block = Block(id, 0);
-        Require(block && block->GetBlockID() == id);
-        Require(block->IsComplete() == model.complete || model.mayFail);
-        const fuzz::MemoryMeter meter;
-        if (later) {
-            CountingSink sink;
-            Require(block->ReadData(&sink) == 0);
-            FMWaitUntilIdle();
-            Require(sink.results.size() == 1);
-            Require(sink.results[0] != 0 || block->IsInMemory());
-        }
-        const std::string bytes = Read(*block);
-        const bool good = !bytes.starts_with("error ");
-        Require(meter.Peak() < 32 * 1024 + 5 * static_cast<int64_t>(model.bytes.size()));
-        Require(good ? model.complete && bytes == model.bytes : !model.complete || model.mayFail);
     }
 
     void Change() {
-        const uint32_t kind = m_tail.Byte();
+        const uint32_t kind = m_tail.Byte() % 8;
         const uint32_t value = m_tail.Byte();
-        if (kind % 8 == 0)
-            return;
-        if (kind % 8 == 1) { // releases blocks that are stored and idle
+        if (kind == 1) { // releases blocks that are stored and idle
             m_clock.Advance(300'000);
             FMWaitUntilIdle();
             return;
         }
-        if (kind % 8 == 2) // a new or an existing block
+        if (kind == 2) // a new or an existing block
             return Write(m_file->GetFileInfo().blockBeg + value, 1 + value * 9);
-        if (m_models.empty())
+        if (kind == 0 || m_models.empty())
             return;
-        const auto it = std::next(m_models.begin(), value % m_models.size());
-        if (kind % 8 == 3)
-            return CheckAll();
-        if (kind % 8 == 4)
-            return Remove(it->first);
-        const uint32_t length = Block(it->first, 0)->GetTotalLen();
-        const bool inPlace = kind % 8 < 7 && length > 0 && length <= LARGEST_READ;
-        Write(it->first, inPlace ? length : 1 + kind * 5);
+        const uint32_t id = std::next(m_models.begin(), value % m_models.size())->first;
+        if (kind == 3) {
+            BlockRef removed;
+            Require(m_file->RemoveBlock(id, removed.Receive()) == 0);
+            m_models.erase(id);
+            return;
+        }
+        const uint32_t length = Block(id, 0)->GetTotalLen();
+        const bool isInPlace = kind < 7 && length > 0 && length <= LARGEST_READ;
+        Write(id, isInPlace ? length : 1 + value * 5);
     }
 
-    void Remove(uint32_t id) {
-        BlockRef removed;
-        Require(m_file->RemoveBlock(id, removed.Receive()) == 0 && removed->GetBlockID() == id);
-        m_models.erase(id);
-    }
-
-    // Writes two pieces; sometimes omits the second one.
+    // Sometimes omits the second half.
     void Write(uint32_t id, uint32_t length) {
-        BlockRef block = Block(id, 1);
+        const BlockRef block = Block(id, 1);
         Require(block || id < m_file->GetFileInfo().blockBeg);
         if (!block)
             return;
+        const bool isWhole = length == 1 || m_tail.Byte() % 8 != 7;
         const std::string bytes = Pattern(++m_writes, length);
-        const uint32_t first = length / 2;
-        Require(WritePiece(*block, bytes, 0, std::max(first, 1u)) == 0);
-        const bool complete = length == 1 || m_tail.Byte() % 8 != 7;
-        if (complete && length > 1)
-            Require(WritePiece(*block, bytes, first, length - first) == 0);
-        m_models[id] = {complete, bytes, false, false};
+        const auto piece = CRtMessageBlock::Wrap(bytes.data(), isWhole ? length : length / 2);
+        Require(block->WriteData(length, 0, piece.get()) == 0);
+        m_models[id] = {isWhole ? std::optional(bytes) : std::nullopt};
     }
 
-    static int WritePiece(IFMBlock& block, const std::string& bytes, uint32_t from,
-                          uint32_t length) {
-        const CRtMessageChain piece = CRtMessageBlock::Wrap(bytes.data() + from, length);
-        return block.WriteData(static_cast<uint32_t>(bytes.size()), from, piece.get());
-    }
-
-    BlockRef Block(uint32_t id, int create) {
-        BlockRef block;
-        m_file->GetBlock(block.Receive(), id, create);
-        return block;
-    }
+    BlockRef Block(uint32_t id, int create) { return Cache::Block(*m_file, id, create); }
 
     // The manager keeps its directory until the process ends.
     inline static TestClock m_clock;
     inline static Cache m_cache{0};
     const fs::path m_stem = m_cache.Path(PATH_ID, "");
-    std::string m_information;
-    std::string m_data;
+    const std::string m_information;
+    const std::string m_data;
     uint64_t m_dataLength = m_data.size();
     Input m_tail;
     FileRef m_file;

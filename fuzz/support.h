@@ -22,10 +22,6 @@ class Input {
 public:
     Input(const uint8_t* data, size_t size) : m_rest(reinterpret_cast<const char*>(data), size) {}
 
-    /// Starts at `begin`. Precondition: `bytes` outlives this object.
-    Input(const std::string& bytes, size_t begin)
-        : m_rest(std::string_view(bytes).substr(std::min(begin, bytes.size()))) {}
-
     bool IsOver() const { return m_rest.empty(); }
     uint32_t Byte() { return static_cast<uint8_t>(Take(1)[0]); }
     uint32_t Word() {

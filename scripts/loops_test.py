@@ -3,6 +3,7 @@
 
 usage: loops_test.py PROGRAM [SLOW_DISK_LIBRARY]
 """
+import contextlib
 import os
 import random
 import resource
@@ -24,76 +25,64 @@ def check(condition, what):
         sys.exit(f"loops_test: {what}")
 
 
-def store(cache, source, **options):
-    """The identifier of the new cached file. `source` is bytes, which pass through a pipe, or an open file."""
-    kind = "input" if isinstance(source, bytes) else "stdin"
-    done = subprocess.run([PROGRAM, "store", cache], stdout=subprocess.PIPE, timeout=SECONDS, check=True,
-                          **{kind: source}, **options)
+def store(cache, **options):
+    """The identifier of the new cached file."""
+    done = subprocess.run([PROGRAM, "store", cache], stdout=subprocess.PIPE, timeout=SECONDS, check=True, **options)
     return done.stdout.decode().strip()
 
 
-class Server:
-    """A process that serves one file."""
+@contextlib.contextmanager
+def serve(cache, identifier):
+    """The process that serves a file, and a function that connects to it."""
+    with subprocess.Popen([PROGRAM, "serve", cache, identifier, "0"], stdout=subprocess.PIPE, text=True) as process:
+        port = int(process.stdout.readline().removeprefix("port "))
+        try:
+            yield process, lambda: socket.create_connection(("127.0.0.1", port), timeout=SECONDS)
+        finally:
+            process.kill()
 
-    def __init__(self, cache, identifier):
-        self.process = subprocess.Popen([PROGRAM, "serve", cache, identifier, "0"], stdout=subprocess.PIPE, text=True)
-        self.port = int(self.process.stdout.readline().removeprefix("port "))
 
-    def __enter__(self):
-        return self
+def receive(connect):
+    with connect() as client:
+        return b"".join(iter(lambda: client.recv(MIB), b""))
 
-    def __exit__(self, *_):
-        self.process.kill()
-        self.process.wait()
 
-    def connect(self):
-        return socket.create_connection(("127.0.0.1", self.port), timeout=SECONDS)
-
-    def fetch(self):
-        with self.connect() as client:
-            return b"".join(iter(lambda: client.recv(MIB), b""))
+def check_served(cache, identifier, expected):
+    with serve(cache, identifier) as (_, connect):
+        check(receive(connect) == expected, f"{len(expected)} bytes: the client received something else")
+        with connect() as client:
+            client.recv(1)  # closed in the middle of the transfer
+        # The loads of a small file are over: its blocks are in memory.
+        check(receive(connect) == expected, f"{len(expected)} bytes: the last client received something else")
 
 
 def transfers(cache):
     # The last length exceeds the bytes after which the programs reopen a file.
-    for length in (0, 1, 2 * MIB, 5 * MIB + 12345, 66 * MIB + 1):
+    for length in (0, 1, 2 * MIB, 66 * MIB + 1):
         expected = random.randbytes(length)
-        identifier = store(cache, expected)
-        with Server(cache, identifier) as server:
-            check(server.fetch() == expected, f"{length} bytes: the client received something else")
-            with server.connect() as client:
-                client.recv(1)  # closed in the middle of the transfer
-            # The loads of a small file are over: its blocks are in memory.
-            check(server.fetch() == expected, f"{length} bytes: the last client received something else")
-            check(server.process.poll() is None, "the server has ended")
+        check_served(cache, store(cache, input=expected), expected)
 
 
 def regular_file(cache):
-    expected = random.randbytes(3 * MIB + 1)
     with tempfile.TemporaryFile() as source:
-        source.write(expected)
+        source.write(expected := random.randbytes(3 * MIB + 1))
         source.seek(0)
-        identifier = store(cache, source)
-    with Server(cache, identifier) as server:
-        check(server.fetch() == expected, "the file that was standard input differs")
+        check_served(cache, store(cache, stdin=source), expected)
 
 
 def non_blocking_input(cache):
-    """The input comes late, through a pipe whose reading end is non-blocking, and ends later still."""
+    """The input comes late, through a pipe whose reading end is non-blocking."""
     expected = random.randbytes(2 * MIB)
     reading, writing = os.pipe()
     os.set_blocking(reading, False)
-    with subprocess.Popen([PROGRAM, "store", cache], stdin=reading, stdout=subprocess.PIPE) as writer:
+    with subprocess.Popen([PROGRAM, "store", cache], stdin=reading, stdout=subprocess.PIPE, text=True) as writer:
         os.close(reading)
-        with os.fdopen(writing, "wb") as pipe:
-            for part in (expected[:MIB], expected[MIB:]):
-                time.sleep(0.2)
-                pipe.write(part)
-                pipe.flush()
-        identifier = writer.stdout.read().decode().strip()
-        check(writer.wait(SECONDS) == 0, "a non-blocking input is a failure")
-    with Server(cache, identifier) as server:
-        check(server.fetch() == expected, "the file from a non-blocking input differs")
+        for part in (expected[:MIB], expected[MIB:]):
+            time.sleep(0.2)
+            os.write(writing, part)
+        os.close(writing)
+        identifier = writer.stdout.read().strip()
+    check_served(cache, identifier, expected)
 
 
 def closed_streams(cache):
@@ -106,10 +95,9 @@ def closed_streams(cache):
 
 def slow_disk(cache):
     """The input is paused and resumed: the input is complete long before the disk has stored it."""
-    expected = random.randbytes(40 * MIB)
     environment = {**os.environ, "LD_PRELOAD": SLOW_DISK[0], "SLOW_DISK_US": "20000"}
-    with Server(cache, store(cache, expected, env=environment)) as server:
-        check(server.fetch() == expected, "the file from the slow disk differs")
+    expected = random.randbytes(40 * MIB)
+    check_served(cache, store(cache, input=expected, env=environment), expected)
 
 
 def full_disk(cache):
@@ -118,37 +106,34 @@ def full_disk(cache):
         signal.signal(signal.SIGXFSZ, signal.SIG_IGN)  # a write that is too long fails with EFBIG
         resource.setrlimit(resource.RLIMIT_FSIZE, (MIB, resource.RLIM_INFINITY))
 
-    with tempfile.TemporaryFile() as log, subprocess.Popen(
-            [PROGRAM, "store", cache], stdin=subprocess.PIPE, stdout=log, stderr=log, bufsize=0, preexec_fn=limit,
-            restore_signals=False) as writer:
+    with subprocess.Popen([PROGRAM, "store", cache], stdin=subprocess.PIPE, stderr=subprocess.DEVNULL, bufsize=0,
+                          preexec_fn=limit, restore_signals=False) as writer:
         os.set_blocking(writer.stdin.fileno(), False)
         written, idle_since = 0, time.monotonic()
         while written < 40 * MIB and time.monotonic() < idle_since + 1:
-            count = writer.stdin.write(bytes(MIB))
-            if count:
+            if count := writer.stdin.write(bytes(MIB)):
                 written, idle_since = written + count, time.monotonic()
-            else:
-                time.sleep(0.01)
+            time.sleep(0.001)
         check(writer.poll() is None, "the program ended instead of waiting for the disk")
         writer.kill()
     check(8 * MIB < written < 24 * MIB, f"the program read {written} bytes from its input")
 
 
 def failures(cache):
-    def status(*arguments):
-        return subprocess.run([PROGRAM, *arguments], stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                              timeout=SECONDS).returncode
-    check(status() == 2 and status("serve", cache, "no-identifier", "0") == 2, "wrong arguments are accepted")
-    identifier = store(cache, random.randbytes(3 * MIB))
-    check(status("serve", cache, "{00000000-0000-0000-0000-000000000001}", "0") == 1, "an unknown file is served")
-    check(status("serve", cache, identifier, "65536") == 2, "a wrong port is accepted")
+    identifier = store(cache, input=bytes(3 * MIB))
+    unknown = "{00000000-0000-0000-0000-000000000001}"
+    for expected, *arguments in ([2], [2, "serve", cache, "no-identifier", "0"],
+                                 [2, "serve", cache, identifier, "65536"], [1, "serve", cache, unknown, "0"]):
+        status = subprocess.run([PROGRAM, *arguments], stderr=subprocess.DEVNULL, timeout=SECONDS).returncode
+        check(status == expected, f"status {status} of {arguments}")
     os.truncate(Path(cache, "sdstore", identifier + ".sdd"), 2 * MIB)
-    with Server(cache, identifier) as server:
-        check(len(server.fetch()) <= 2 * MIB, "bytes that are not in the cache were sent")
-        check(server.process.wait(SECONDS) == 1, "a damaged file is no failure")
+    with serve(cache, identifier) as (process, connect):
+        check(len(receive(connect)) <= 2 * MIB, "bytes that are not in the cache were sent")
+        check(process.wait(SECONDS) == 1, "a damaged file is no failure")
 
 
-for case in [transfers, regular_file, non_blocking_input, closed_streams, full_disk, failures] + ([slow_disk] if SLOW_DISK else []):
+CASES = [transfers, regular_file, non_blocking_input, closed_streams, full_disk, failures]
+for case in CASES + [slow_disk] * len(SLOW_DISK):
     with tempfile.TemporaryDirectory() as directory:
         case(directory)
         print(f"{case.__name__}: passed", flush=True)

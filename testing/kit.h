@@ -107,7 +107,6 @@ public:
     static BlockRef Block(IFMFile& file, uint32_t id, int create = 1);
 
     TempDir dir;
-    LogCapture* log = nullptr;
     CRtCallerThread thread;
     IFileManager* manager = IFileManager::Instance();
     const int isServer;
@@ -141,7 +140,7 @@ std::string Bytes(const CRtMessageChain& chain);
 std::string InfoFile(const FMFileInfo& info, const std::string& blockBody,
                      int64_t createTime = 1'700'000'000);
 
-// --- What differs between systems: support_posix.cpp, support_windows.cpp ------------------------
+// --- What differs between systems: kit_posix.cpp, kit_windows.cpp --------------------------------
 
 // A process that is idle until the end of the scope.
 class IdleProcess {
@@ -162,7 +161,6 @@ private:
 extern const uint32_t SLOWNESS;
 extern const char NULL_DEVICE[];
 void SetVariable(const char* name, const std::string& value);
-size_t CountThreads();
 size_t CountHandles();
 // Sets the limit of open streams of this process.
 bool LimitStreams(uint32_t count);

@@ -3,7 +3,6 @@
 #undef CreateFile // a macro of windows.h
 
 #include <stdio.h>
-#include <tlhelp32.h>
 
 #include <cstdlib>
 #include <stdexcept>
@@ -49,17 +48,6 @@ const uint32_t SLOWNESS = 25; // usually an emulator
 const char NULL_DEVICE[] = "NUL";
 
 void SetVariable(const char* name, const std::string& value) { _putenv_s(name, value.c_str()); }
-
-size_t CountThreads() {
-    const HANDLE all = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
-    THREADENTRY32 entry{};
-    entry.dwSize = sizeof(entry);
-    size_t count = 0;
-    for (BOOL any = Thread32First(all, &entry); any; any = Thread32Next(all, &entry))
-        count += entry.th32OwnerProcessID == GetCurrentProcessId() ? 1 : 0;
-    CloseHandle(all);
-    return count;
-}
 
 size_t CountHandles() {
     DWORD count = 0;

@@ -22,8 +22,7 @@ struct Case {
     const char* name;
     std::string list;          // each entry terminated by a NUL
     std::vector<Drive> drives; // from P on
-    std::string chosen;        // empty: the folder of the user's application data
-    std::string warning = "";
+    std::string chosen;        // or the warning, if it is the folder of the user's application data
     uint32_t lengthAnswered = static_cast<uint32_t>(list.size());
 };
 
@@ -35,21 +34,16 @@ const Case CASES[] = {
     {"FirstOfEqual", FOUR, {{FIXED, 5}, {FIXED, 9}, {FIXED, 9}, {FIXED, 8}}, "Q:\\"},
     {"FixedThatAnswer", FOUR, {{NETWORK, 9}, {FIXED, UNKNOWN}, {FIXED, 0}, {FIXED, 1}}, "S:\\"},
     {"InSixtyFourBits", TWO, {{FIXED, 0xFFFFFFFF}, {FIXED, 0x100000001}}, "Q:\\"},
-    {"UpToTheLength", TWO, {{FIXED, 1}, {FIXED, 2}}, "P:\\", "", 3},
+    {"UpToTheLength", TWO, {{FIXED, 1}, {FIXED, 2}}, "P:\\", 3},
     {"UpToAShortEntry", "P:\\\0Q\0R:\\\0"s, {{FIXED, 1}, {}, {FIXED, 2}}, "P:\\"},
-    {"NoneWithRoom", TWO, {{FIXED, 0}, {NETWORK, 2}}, "", "lpDSMax is null"},
-    {"NoSize", "", {}, "", "GetLogicalDriveStrings len fail"},
-    {"NoList", TWO, {}, "", "GetLogicalDriveStrings real fail", 0},
+    {"NoneWithRoom", TWO, {{FIXED, 0}, {NETWORK, 2}}, "lpDSMax is null"},
+    {"NoSize", "", {}, "GetLogicalDriveStrings len fail"},
+    {"NoList", TWO, {}, "GetLogicalDriveStrings real fail", 0},
 };
 
 const Case* g_now = nullptr;
 
 const Drive& At(const char* root) { return g_now->drives.at(static_cast<size_t>(root[0] - 'P')); }
-
-bool FreeBytes(const char* root, uint64_t& available) {
-    available = At(root).available;
-    return available != UNKNOWN;
-}
 
 } // namespace
 
@@ -64,32 +58,33 @@ uint32_t __wrap__ZN4RtOs15GetDriveStringsEjPc(uint32_t size, char* buffer) {
 }
 uint32_t __wrap__ZN4RtOs12GetDriveKindEPKc(const char* root) { return At(root).kind; }
 bool __wrap__ZN4RtOs17GetDriveFreeBytesEPKcRm(const char* root, uint64_t& available) {
-    return FreeBytes(root, available);
+    available = At(root).available;
+    return available != UNKNOWN;
 }
 bool __wrap__ZN4RtOs17GetDriveFreeBytesEPKcRy(const char* root, uint64_t& available) {
-    return FreeBytes(root, available);
+    return __wrap__ZN4RtOs17GetDriveFreeBytesEPKcRm(root, available);
 }
 }
 
 class Drives : public testing::TestWithParam<Case> {};
 
-TEST_P(Drives, DefaultRoot) {
+TEST_P(Drives, DefaultRootIsTheFixedDriveWithTheMostFreeSpace) {
     g_now = &GetParam();
     const TempDir dir; // POSIX has no drive letters: each root is a directory below this one
     fs::current_path(dir.path);
     SetVariable("XDG_CACHE_HOME", dir.path.string());
-    LogCapture log;
+    const LogCapture log;
     const CRtCallerThread callerThread;
     IFileManager::Instance()->Initialize("", 7, 1);
     IFileManager::Instance()->UnInitialize();
     const CRtString dataDir = CFileManager::Instance()->GetDataDir();
-    if (!g_now->chosen.empty()) {
+    if (g_now->chosen.ends_with('\\')) {
         EXPECT_EQ(dataDir, CRtString(g_now->chosen + "sdstore\\"));
+        EXPECT_EQ(log.Count("CFileManager::GetMaxDrive, "), 0U);
     } else {
         EXPECT_EQ(CFileManager::DirExists(dataDir), 1);
-        EXPECT_EQ(log.Count("CFileManager::GetMaxDrive, " + g_now->warning), 1U);
+        EXPECT_EQ(log.Count("CFileManager::GetMaxDrive, " + g_now->chosen), 1U);
     }
-    EXPECT_EQ(log.Count("CFileManager::GetMaxDrive, "), g_now->chosen.empty() ? 1U : 0U);
     CFileManager::RemoveDir(dataDir);
     fs::current_path(dir.path.parent_path());
 }

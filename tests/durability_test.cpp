@@ -1,79 +1,72 @@
-// What is on disk while a file is open: the state of a block, and FMFlush.
+// What is on disk while a file is open: the state of a block, FMFlush, the catalog, and waiting until both threads
+// are idle.
 #include "FMDurability.h"
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <functional>
+
 #include "FMCatalog.h"
-#include "FMStatistics.h"
 #include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
 
 namespace {
 
 using Condition = FMBlockCondition;
-using Unsaved = std::vector<FMUnsavedBlock>;
+using Blocks = std::vector<uint32_t>;
 
 Condition ConditionOf(const BlockRef& block) { return FMGetBlockStatus(*block).condition; }
 bool Survives(const BlockRef& block) { return FMGetBlockStatus(*block).survivesKill; }
 
-std::vector<uint32_t> BlocksOf(const Unsaved& unsaved) {
-    std::vector<uint32_t> ids;
+// Flushes. Returns the blocks that were not written.
+Blocks Flush(int expected) {
+    std::vector<FMUnsavedBlock> unsaved;
+    EXPECT_EQ(FMFlush(unsaved), expected);
+    Blocks ids;
     for (const FMUnsavedBlock& block : unsaved)
         ids.push_back(block.blockID);
     return ids;
 }
 
+// Until Unblock, the path cannot be written as a file.
+void BlockPath(const fs::path& path) {
+    fs::remove(path);
+    fs::create_directory(path);
+}
+void Unblock(const fs::path& path) { fs::remove(path); }
+
 } // namespace
 
 TEST(Durability, ABlockGoesThroughItsStates) {
     LogCapture quiet(RT_LOG_SILENT);
-    TestClock clock;
     Cache cache;
     FileRef file = cache.Create();
-    const FMFileID id = file->GetFileInfo().fileID;
-    BlockRef block = Cache::Block(*file, 1);
+    const fs::path data = cache.Path(file->GetFileInfo().fileID, ".sdd");
+    const BlockRef block = Cache::Block(*file, 1);
     EXPECT_EQ(ConditionOf(block), Condition::Empty);
     const CRtMessageChain piece = CRtMessageBlock::Wrap("ab", 2);
     block->WriteData(4, 0, piece.get());
     EXPECT_EQ(ConditionOf(block), Condition::Filling);
-    fs::create_directory(cache.Path(id, ".sdd")); // the store fails
+    BlockPath(data);
     block->WriteData(4, 2, piece.get());
     Cache::RunReadwrQueue();
     EXPECT_EQ(ConditionOf(block), Condition::Failed);
-    fs::remove(cache.Path(id, ".sdd"));
+    Unblock(data);
     static_cast<CFMFile&>(*file).RetryFailedStores();
     Cache::RunReadwrQueue();
     EXPECT_EQ(ConditionOf(block), Condition::Stored);
-    EXPECT_TRUE(FMGetBlockStatus(*block).isResident);
     EXPECT_FALSE(Survives(block)); // no table names it
-    Unsaved unsaved;
-    EXPECT_EQ(FMFlush(unsaved), RT_OK);
+    EXPECT_EQ(Flush(RT_OK), Blocks());
     EXPECT_TRUE(Survives(block));
-
-    block.Reset();
-    cache.Close(file);
-    file = cache.Open(id);
-    block = Cache::Block(*file, 1, 0);
-    EXPECT_EQ(ConditionOf(block), Condition::Stored);
-    EXPECT_FALSE(FMGetBlockStatus(*block).isResident);
-    EXPECT_TRUE(Survives(block));
-    const BlockRef resident = Cache::Block(*file, 2);
-    Write(*resident, "x");
-    EXPECT_EQ(FMFlush(unsaved), RT_OK);
-    EXPECT_TRUE(Survives(resident));
-    fs::resize_file(cache.Path(id, ".sdd"), 1);
-    Write(*Cache::Block(*file, 3), "x"); // the store finds the data file truncated
+    fs::resize_file(data, 1);
+    Write(*Cache::Block(*file, 2), "x"); // the store finds the data file truncated
     FMWaitUntilIdle();
     EXPECT_EQ(ConditionOf(block), Condition::Lost);
-    EXPECT_FALSE(Survives(block));
     static_cast<CFMFile&>(*file).RetryFailedStores();
     FMWaitUntilIdle();
-    EXPECT_EQ(ConditionOf(resident), Condition::Stored);
-    EXPECT_FALSE(Survives(resident)); // its entry was revoked
-    EXPECT_EQ(FMFlush(unsaved), RT_ERROR_IO);
-    EXPECT_EQ(BlocksOf(unsaved), std::vector<uint32_t>{1});
-    block->WriteData(4, 0, piece.get());
-    EXPECT_FALSE(Survives(block));
+    EXPECT_EQ(ConditionOf(block), Condition::Stored);
+    EXPECT_FALSE(Survives(block)); // its entry was revoked
 }
 
 TEST(Durability, AFlushListsWhatItCouldNotWriteAndTheNextOneWritesIt) {
@@ -82,79 +75,74 @@ TEST(Durability, AFlushListsWhatItCouldNotWriteAndTheNextOneWritesIt) {
     FileRef open = cache.Create();
     FileRef closed = cache.Create();
     FileRef temporary = cache.Create(1, FM_FILE_TEMPORARY);
-    const FMFileID ids[] = {open->GetFileInfo().fileID, closed->GetFileInfo().fileID};
-    for (const FileRef* file : {&open, &closed, &temporary})
-        Write(*Cache::Block(**file, 7), "abc");
-    cache.Close(closed);
-    FMWaitUntilIdle();
-    for (const FMFileID& id : ids) {
-        fs::remove(cache.Path(id, ".sdi"));
-        fs::create_directory(cache.Path(id, ".sdi"));
-    }
-    closed = cache.Create(); // also a closed file whose table is pending
-    const FMFileID pending = closed->GetFileInfo().fileID;
+    const fs::path openInfo = cache.Path(open->GetFileInfo().fileID, ".sdi");
+    const fs::path closedInfo = cache.Path(closed->GetFileInfo().fileID, ".sdi");
+    Write(*Cache::Block(*open, 7), "abc");
     Write(*Cache::Block(*closed, 8), "abc");
+    Write(*Cache::Block(*temporary, 9), "abc");
     FMWaitUntilIdle();
-    fs::create_directory(cache.Path(pending, ".sdi"));
-    cache.Close(closed);
-    Unsaved unsaved;
-    EXPECT_EQ(FMFlush(unsaved), RT_ERROR_IO);
-    EXPECT_EQ(BlocksOf(unsaved), (std::vector<uint32_t>{7, 8}));
-    EXPECT_TRUE(!unsaved.empty() && unsaved.front().fileID == ids[0]);
-    for (const FMFileID& id : {ids[0], ids[1], pending})
-        fs::remove(cache.Path(id, ".sdi"));
-    EXPECT_EQ(FMFlush(unsaved), RT_OK);
-    EXPECT_TRUE(unsaved.empty());
+    BlockPath(openInfo);
+    BlockPath(closedInfo);
+    cache.Close(closed); // its table stays pending
+    EXPECT_EQ(Flush(RT_ERROR_IO), (Blocks{7, 8}));
+    Unblock(openInfo);
+    Unblock(closedInfo);
+    EXPECT_EQ(Flush(RT_OK), Blocks());
+    EXPECT_TRUE(fs::exists(closedInfo));
     EXPECT_TRUE(Survives(Cache::Block(*open, 7)));
-    EXPECT_FALSE(Survives(Cache::Block(*temporary, 7)));
+    EXPECT_FALSE(Survives(Cache::Block(*temporary, 9)));
     Write(*Cache::Block(*open, 9), "abc");
     FMWaitUntilIdle();
-    fs::remove(cache.Path(ids[0], ".sdi"));
-    fs::create_directory(cache.Path(ids[0], ".sdi"));
-    EXPECT_EQ(FMFlush(unsaved), RT_ERROR_IO); // the failed write may have torn the older table
-    EXPECT_EQ(BlocksOf(unsaved), (std::vector<uint32_t>{7, 9}));
-    fs::remove(cache.Path(ids[0], ".sdi"));
+    BlockPath(openInfo);
+    EXPECT_EQ(Flush(RT_ERROR_IO), (Blocks{7, 9})); // the write may have torn the older table
+    Unblock(openInfo);
     cache.Stop();
-    EXPECT_EQ(FMFlush(unsaved), RT_ERROR_NOT_READY);
+    Flush(RT_ERROR_NOT_READY);
     EXPECT_EQ(FMFlushAsync({}), RT_ERROR_INVALID_ARG);
 }
 
-TEST(Durability, ACallWhenIdleComesAfterEverythingThatWasQueued) {
+TEST(Idle, CallsComeAfterEverythingThatWasQueuedAndDoNotWaitForEachOther) {
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache;
     FileRef file = cache.Create();
-    const FMFileID id = file->GetFileInfo().fileID;
-    for (uint32_t block = 1; block <= 100; ++block)
-        Write(*Cache::Block(*file, block), Pattern(block, 100));
-    cache.Close(file); // its table is written in an event behind the stores
-    int result = -1;
-    bool hasRun = false;
-    const auto postAgain = [&] { RtRunOnCallerThread([&] { hasRun = result == -1; }, false); };
-    RtRunOnCallerThread(postAgain, false);
-    EXPECT_EQ(FMCallWhenIdle([&](int idle) { result = idle; }), RT_OK);
-    EXPECT_EQ(result, -1);
-    while (result == -1)
-        cache.thread.RunDue();
-    EXPECT_EQ(result, RT_OK);
-    EXPECT_TRUE(hasRun);
-    EXPECT_TRUE(fs::exists(cache.Path(id, ".sdi")));
-    EXPECT_EQ(FMGetUnstoredBytes(), 0U);
-    EXPECT_EQ(FMCallWhenIdle({}), RT_ERROR_INVALID_ARG);
-}
-
-TEST(Durability, CallsWhenIdleDoNotWaitForEachOther) {
-    LogCapture quiet(RT_LOG_SILENT);
-    Cache cache;
+    const fs::path info = cache.Path(file->GetFileInfo().fileID, ".sdi");
+    Write(*Cache::Block(*file, 1), "bytes");
+    cache.Close(file); // its table is written in an event behind the store
     int calls = 0;
+    bool wereTheyLast = false;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
+    const std::function<void()> post = [&] {
+        wereTheyLast = calls == 0;
+        if (std::chrono::steady_clock::now() < end)
+            RtRunOnCallerThread(post, false);
+    };
+    post();
     for (int i = 0; i < 8; ++i)
         EXPECT_EQ(FMCallWhenIdle([&](int result) { calls += result == RT_OK ? 1 : 0; }), RT_OK);
-    EXPECT_EQ(FMWaitUntilIdle(5000), RT_OK);
+    EXPECT_EQ(FMCallWhenIdle({}), RT_ERROR_INVALID_ARG);
+    EXPECT_EQ(calls, 0);
+    while (calls == 0)
+        cache.thread.RunDue();
     EXPECT_EQ(calls, 8);
+    EXPECT_TRUE(wereTheyLast);
+    EXPECT_TRUE(fs::exists(info));
     cache.Stop(); // without a read/write thread, too
-    for (int i = 0; i < 2; ++i)
-        EXPECT_EQ(FMCallWhenIdle([&](int) { ++calls; }), RT_OK);
+    EXPECT_EQ(FMCallWhenIdle([&](int) { ++calls; }), RT_OK);
     EXPECT_EQ(FMWaitUntilIdle(5000), RT_OK);
-    EXPECT_EQ(calls, 10);
+    EXPECT_EQ(calls, 9);
+}
+
+TEST(Idle, WaitUntilIdleKeepsItsTimeLimit) {
+    Cache cache;
+    bool isOver = false;
+    const std::function<void()> post = [&] {
+        if (!isOver)
+            RtRunOnCallerThread(post, false);
+    };
+    post();
+    EXPECT_EQ(FMWaitUntilIdle(50), RT_ERROR_NOT_READY);
+    isOver = true;
+    EXPECT_EQ(FMWaitUntilIdle(), 0);
 }
 
 TEST(Catalog, AFileThatHasJustBeenClosedIsListedAsItsTableSays) {
@@ -162,15 +150,14 @@ TEST(Catalog, AFileThatHasJustBeenClosedIsListedAsItsTableSays) {
     Cache cache;
     FileRef file = cache.Create();
     const CRtString stem = FMFileIDToString(file->GetFileInfo().fileID);
-    for (const uint32_t block : {1U, 2U})
-        Write(*Cache::Block(*file, block), "bytes");
-    cache.Close(file); // stores and table are queued
-    std::vector<CRtString> stems;
-    std::vector<CRtString> others;
+    Write(*Cache::Block(*file, 1), "bytes");
+    cache.Close(file); // store and table are queued
     FMCachedFile found;
     EXPECT_EQ(FMDescribeCachedFile("", stem, found), RT_OK);
     EXPECT_TRUE(found.isLoadable && found.findings.empty() && !found.isOpenHere);
-    EXPECT_EQ(found.storedBlocks, 2U);
+    EXPECT_EQ(found.storedBlocks, 1U);
+    std::vector<CRtString> stems;
+    std::vector<CRtString> others;
     EXPECT_EQ(FMListCachedFiles("", stems, others), RT_OK);
-    EXPECT_TRUE(stems.size() == 1 && stems.front() == stem && others.empty());
+    EXPECT_TRUE(stems == std::vector{stem} && others.empty());
 }

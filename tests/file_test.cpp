@@ -1,5 +1,8 @@
-// Files, the registry of open files, disk files and the data directory.
+// Files, the registry of open files, disk files and the limit of open streams.
 #include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
 
 #include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
@@ -23,31 +26,19 @@ TEST(Registry, LastDetachClosesTheFile) {
     const FMFileID id = file->GetFileInfo().fileID;
     EXPECT_EQ(manager.AttachFile(id), 0);
     EXPECT_EQ(manager.AttachFile(id), 0);
-    Write(*Cache::Block(*file, 1), "bytes");
     EXPECT_EQ(manager.DetachFile(id), 0);
-    EXPECT_TRUE(cache.Open(id, 0));
+    EXPECT_EQ(CFileManager::Instance()->IsFileOpen(FMFileIDToString(id)), 1);
     EXPECT_EQ(manager.DetachFile(id), 0);
-    EXPECT_FALSE(cache.Open(id, 0));
+    EXPECT_EQ(CFileManager::Instance()->IsFileOpen(FMFileIDToString(id)), 0);
     EXPECT_EQ(file->GetBlocks().size(), 0U);
     EXPECT_EQ(file->GetBlock(block.Receive(), 1, 1), RT_ERROR_NOT_READY); // closed
-    file = cache.Open(id, 1);
-    ASSERT_TRUE(file);
-
-    const FMFileID unknown = Description().fileID;
-    CFileManager& inside = *CFileManager::Instance();
-    EXPECT_EQ(inside.IsFileOpen(FMFileIDToString(id)), 1);
-    EXPECT_EQ(inside.IsFileOpen("tmp"), 0);
-    EXPECT_EQ(inside.GetBlocks(id).size(), 64U);
-    EXPECT_EQ(&inside.GetBlocks(unknown), &inside.GetBlocks(FMFileID_None));
-    EXPECT_EQ(inside.RemoveBlock(unknown, 1, block.Receive()), RT_ERROR_NOT_FOUND);
-    EXPECT_EQ(inside.RemoveBlock(id, 1, block.Receive()), 0);
 }
 
 TEST(File, TableGrowsWhenABlockIsRequested) {
-    LogCapture log;
+    LogCapture log(RT_LOG_WARNING);
     Cache cache;
     FMFileInfo info = Description(100);
-    info.num = 8193;
+    info.num = 8193; // more than 8192: the default of 64
     FileRef file = cache.Create(info);
     IFMBlock* block = nullptr;
     const auto get = [&](uint32_t id, int create) {
@@ -56,37 +47,82 @@ TEST(File, TableGrowsWhenABlockIsRequested) {
             block->ReleaseReference();
         return result;
     };
-    EXPECT_EQ(file->GetFileInfo().num, 64U);
-    block = reinterpret_cast<IFMBlock*>(&info);
     EXPECT_EQ(get(164, 0), RT_ERROR_NOT_FOUND);
-    EXPECT_NE(block, nullptr);
-    EXPECT_EQ(get(163, 0), RT_ERROR_NOT_FOUND);
-    EXPECT_EQ(block, nullptr);
-    EXPECT_EQ(get(99, 1), RT_ERROR_INVALID_ARG);
+    const struct {
+        uint32_t id;
+        int result;
+        uint32_t slots;
+    } requests[] = {{99, RT_ERROR_INVALID_ARG, 64},
+                    {163, 0, 64},
+                    {164, 0, 128},
+                    {1100, 0, 1008},
+                    {3100, 0, 3008}, // more than 2048: a log line
+                    {100 + FM_TABLE_SLOTS_MAX, RT_ERROR_INVALID_ARG, 3008},
+                    {99 + FM_TABLE_SLOTS_MAX, 0, FM_TABLE_SLOTS_MAX}};
+    for (const auto& request : requests) {
+        EXPECT_EQ(log.Count("CFMFile::GetBlock, huge file. fileID="), request.id > 3100 ? 1U : 0U);
+        EXPECT_EQ(get(request.id, 1), request.result) << request.id;
+        EXPECT_EQ(file->GetFileInfo().num, request.slots) << request.id;
+        EXPECT_EQ(file->GetBlocks().size(), request.slots) << request.id;
+    }
     EXPECT_EQ(log.Count(" Assert failed: blockID>=m_fileInfo.blockBeg"), 1U);
-    EXPECT_EQ(get(164, 1), 0);
-    EXPECT_EQ(file->GetBlocks().size(), 128U);
-    EXPECT_EQ(get(1100, 1), 0);
-    EXPECT_EQ(file->GetFileInfo().num, 1008U);
-    EXPECT_EQ(log.Count("huge file"), 0U);
-    EXPECT_EQ(get(3100, 1), 0);
-    EXPECT_EQ(file->GetFileInfo().num, 3008U);
-    EXPECT_EQ(log.Count("CFMFile::GetBlock, huge file. fileID="), 1U);
-    EXPECT_EQ(get(UINT32_MAX, 1), RT_ERROR_INVALID_ARG);
-    EXPECT_EQ(get(100 + FM_TABLE_SLOTS_MAX, 1), RT_ERROR_INVALID_ARG);
-    EXPECT_EQ(get(99 + FM_TABLE_SLOTS_MAX, 1), 0);
-    EXPECT_EQ(file->GetBlocks().size(), FM_TABLE_SLOTS_MAX);
     EXPECT_EQ(file->RemoveBlock(100 + FM_TABLE_SLOTS_MAX, block), RT_ERROR_INVALID_ARG);
-    EXPECT_EQ(file->RemoveBlock(101, block), 0);
-    EXPECT_EQ(block, nullptr);
 
-    info = Description(UINT32_MAX - 1); // the identifiers would overflow within the table
-    file = cache.Create(info);
+    file = cache.Create(UINT32_MAX - 1); // the identifiers would overflow within the table
     EXPECT_EQ(get(UINT32_MAX, 1), 0);
     EXPECT_EQ(get(0, 1), RT_ERROR_INVALID_ARG);
 }
 
-TEST(DiskFile, CreatesReadsExtendsAndRemovesItsFile) {
+TEST(File, CreatingAFileDoesNotWaitForItsPredecessor) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    const FMFileInfo info = Description();
+    FileRef first = cache.Create(info);
+    Write(*Cache::Block(*first, 1), Pattern(1, 700));
+    cache.Close(first);
+    std::promise<void> go;
+    std::future_status waited = std::future_status::deferred;
+    CFileManager::Instance()->PostToReadwrThread(
+        new TestEvent([&] { waited = go.get_future().wait_for(std::chrono::seconds(10)); }), 0);
+    FileRef second = cache.Create(info);
+    go.set_value();
+    FMWaitUntilIdle();
+    EXPECT_EQ(waited, std::future_status::ready) << "CreateFile waited for the read/write thread";
+    cache.Close(second); // it has stored nothing: the files of the first one still exist
+    FMWaitUntilIdle();
+    const FileRef found = cache.Open(info.fileID);
+    ASSERT_TRUE(found);
+    EXPECT_EQ(Read(*Cache::Block(*found, 1, 0)), Pattern(1, 700));
+}
+
+TEST(File, BlockLogsItsDestructorLineBeforeItReleasesItsOwners) {
+    class Owner final : public CRtCounted<ISDUser> {
+    public:
+        Owner(LogCapture& log, size_t& lines) : m_log(log), m_lines(lines) {}
+        ~Owner() override { m_lines = m_log.Count("CFMBlock::~CFMBlock, blockID="); }
+        const CTavoSID& GetNodeSID() override { return m_sid; }
+        int IsP2P() override { return 1; }
+        int IsPublic() override { return 0; }
+        uint32_t GetAddressTag() override { return 0; }
+        uint32_t GetIP() override { return 1; }
+        const SDAddress& GetAddress() override { return m_address; }
+
+    private:
+        LogCapture& m_log;
+        size_t& m_lines;
+        CTavoSID m_sid;
+        SDAddress m_address;
+    };
+    LogCapture log;
+    Cache cache;
+    FileRef file = cache.Create();
+    size_t lines = 0;
+    Cache::Block(*file, 1)->SetOwner(CRtComAutoPtr<Owner>(new Owner(log, lines)).Get(), 1);
+    cache.Close(file);
+    EXPECT_EQ(lines, 1U);
+}
+
+TEST(DiskFile, RefusesImpossibleRangesAndReportsFailures) {
     LogCapture log;
     const Cache cache;
     const fs::path path = cache.dir.path / "a file";
@@ -95,77 +131,62 @@ TEST(DiskFile, CreatesReadsExtendsAndRemovesItsFile) {
     EXPECT_EQ(file->WriteData(nullptr, 0, 4, 1), RT_ERROR_INVALID_ARG);
     EXPECT_EQ(file->ReaddData(bytes, 0, 0), RT_ERROR_INVALID_ARG);
     EXPECT_FALSE(fs::exists(path));
-    EXPECT_EQ(file->ReaddData(bytes, 0, 4), RT_ERROR_IO);
-    EXPECT_EQ(fs::file_size(path), 0U);
-    EXPECT_EQ(file->WriteData("late", 6, 4, 1), 0);
-    EXPECT_EQ(ReadFile(path), std::string(6, '\0') + "late");
-    EXPECT_EQ(file->ReaddData(bytes, 7, 4), RT_ERROR_IO);
-    EXPECT_EQ(file->WriteData("x", 0, 1, 1), 0); // opened again, contents kept
-    EXPECT_EQ(log.Count("CDiskFile::Open, filename="), 3U);
-    EXPECT_EQ(file->ReaddData(bytes, 6, 4), 0);
-    EXPECT_STREQ(bytes, "late");
     const uint64_t far = (uint64_t{1} << 32) + 5;
     EXPECT_EQ(file->WriteData("far", far, 3, 1), 0); // a sparse file
-    EXPECT_EQ(fs::file_size(path), far + 3);
     EXPECT_EQ(file->ReaddData(bytes, far, 3), 0);
-    EXPECT_STREQ(bytes, "fare");
+    EXPECT_STREQ(bytes, "far");
+    EXPECT_EQ(file->ReaddData(bytes, far, 4), RT_ERROR_IO);
     EXPECT_EQ(file->ReaddData(bytes, UINT64_MAX - 1, 1), RT_ERROR_IO);
     EXPECT_EQ(file->RemoveMee(), 0);
-    EXPECT_FALSE(fs::exists(path));
-    EXPECT_EQ(file->RemoveMee(), 0);
-    fs::create_directory(path); // cannot be deleted as a file
-    fs::create_directory(path / "in it");
+    EXPECT_EQ(file->RemoveMee(), 0);        // a missing file
+    fs::create_directories(path / "in it"); // cannot be deleted as a file
     EXPECT_EQ(file->RemoveMee(), RT_ERROR_IO);
-    EXPECT_EQ(file->WriteData("x", 0, 1, 1), RT_ERROR_IO);
-
-    EXPECT_EQ(log.Count(" Failed. "), 2U + 1 + 1 + 2); // fread, fseek, unlink and fopen
-
-    const CRtComAutoPtr<CDiskFile> nameless(new CDiskFile(""));
-    EXPECT_EQ(nameless->Open("", 1), RT_ERROR_INVALID_ARG);
-    EXPECT_EQ(nameless->ReaddData(bytes, 0, 1), RT_ERROR_IO);
-    EXPECT_EQ(nameless->RemoveMee(), 0);
+    for (const char* step : {"fread", "fseek", "unlink"})
+        EXPECT_EQ(log.Count(step + std::string(" Failed. ")), 1U) << step;
+    EXPECT_EQ(file->Open("", 1), RT_ERROR_INVALID_ARG);
 }
 
-// More open files than the limit of streams, most of which the rest of the process uses.
+TEST(DiskFile, AStoreLogsItsTransferThenTheOpeningAndRemovesAnOlderTableThenItsData) {
+    LogCapture log;
+    Cache cache;
+    FileRef file = cache.Create();
+    const FMFileInfo info = file->GetFileInfo();
+    Write(*Cache::Block(*file, 1), "older");
+    FMWaitUntilIdle();
+    std::string text = log.Text();
+    EXPECT_LT(text.find("CDiskFile::WriteData, filename="),
+              text.find("CDiskFile::Open, filename="));
+    EXPECT_EQ(log.Count("CDiskFile::RemoveMee"), 0U); // there was none
+    cache.Close(file);
+    FMWaitUntilIdle();
+    file = cache.Create(info);
+    Write(*Cache::Block(*file, 1), "newer");
+    FMWaitUntilIdle();
+    EXPECT_EQ(log.Count("CDiskFile::RemoveMee, filename="), 2U);
+    text = log.Text();
+    const size_t at = text.find("CDiskFile::RemoveMee");
+    EXPECT_LT(text.find(".sdi", at), text.find(".sdd", at));
+}
+
 TEST(Streams, MoreOpenFilesThanStreamsWork) {
     LogCapture log(RT_LOG_WARNING);
     ASSERT_TRUE(LimitStreams(64));
     TestClock clock;
     Cache cache(0);
+    std::vector<FILE*> taken; // the rest of the process uses most streams
+    while (taken.size() < 48)
+        taken.push_back(std::fopen(NULL_DEVICE, "rb"));
     std::vector<FileRef> files;
-    const auto writeSome = [&](uint32_t count) {
-        for (uint32_t i = 0; i < count; ++i) {
-            files.push_back(cache.Create());
-            Write(*Cache::Block(*files.back(), 1), Pattern(i, 500));
-        }
-        FMWaitUntilIdle();
-        clock.Advance(600'000);
-    };
-    const auto readAndReopenAll = [&] {
-        for (uint32_t i = 0; i < files.size(); ++i) {
-            EXPECT_FALSE(Cache::Block(*files[i], 1)->FreeMemory());
-            EXPECT_TRUE(Read(*Cache::Block(*files[i], 1)) == Pattern(i, 500));
-            Write(*Cache::Block(*files[i], 2), Pattern(i + 1, 500));
-            const FMFileID id = files[i]->GetFileInfo().fileID;
-            cache.Close(files[i]);
-            files[i] = cache.Open(id);
-            ASSERT_TRUE(files[i] && Read(*Cache::Block(*files[i], 2)) == Pattern(i + 1, 500));
-        }
-        files.clear();
-    };
-    writeSome(300);
-    readAndReopenAll();
-    cache.Stop();
-    cache.Start();
-    std::vector<FILE*> taken;
-    while (FILE* stream = std::fopen(NULL_DEVICE, "rb"))
-        taken.push_back(stream);
-    for (int i = 0; i < 6; ++i) {
-        std::fclose(taken.back());
-        taken.pop_back();
+    for (uint32_t i = 0; i < 100; ++i) {
+        files.push_back(cache.Create());
+        Write(*Cache::Block(*files.back(), 1), Pattern(i, 500));
     }
-    writeSome(100);
-    readAndReopenAll();
+    FMWaitUntilIdle();
+    clock.Advance(600'000);
+    for (uint32_t i = 0; i < files.size(); ++i) {
+        EXPECT_FALSE(Cache::Block(*files[i], 1)->FreeMemory());
+        EXPECT_TRUE(Read(*Cache::Block(*files[i], 1)) == Pattern(i, 500));
+    }
     for (FILE* stream : taken)
         std::fclose(stream);
     EXPECT_EQ(log.Text(), "");

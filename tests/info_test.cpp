@@ -1,4 +1,4 @@
-// The information file: the encoding of table and description, and loading damaged, foreign or stale files.
+// The information file: what is saved, what loads, and the limits of the format.
 #include <gtest/gtest.h>
 
 #include "FMCatalog.h"
@@ -32,6 +32,28 @@ void ExpectAsDescribed(const FMCachedFile& described, const FileRef& file) {
     }
 }
 
+// Loads information files that no save has written, with a data file of 1000 bytes.
+class Loading : public testing::Test {
+protected:
+    Loading() { info.num = 16; }
+    FileRef Load(const std::string& blockBody) { return LoadBytes(InfoFile(info, blockBody)); }
+    FileRef LoadBytes(const std::string& infoFile) {
+        cache.manager->DetachFile(info.fileID);
+        FMWaitUntilIdle();
+        WriteFile(cache.Path(info.fileID, ".sdi"), infoFile);
+        WriteFile(cache.Path(info.fileID, ".sdd"), Pattern(0, 1000));
+        FMCachedFile described;
+        EXPECT_EQ(FMDescribeCachedFile("", FMFileIDToString(info.fileID), described), 0);
+        FileRef file = cache.Open(info.fileID);
+        ExpectAsDescribed(described, file);
+        return file;
+    }
+
+    LogCapture log;
+    Cache cache;
+    FMFileInfo info = Description();
+};
+
 } // namespace
 
 TEST(Info, TableNamesOnlyBytesInTheDataFile) {
@@ -42,11 +64,6 @@ TEST(Info, TableNamesOnlyBytesInTheDataFile) {
     info.name = "";
     info.num = 4;
     FileRef file = cache.Create(info);
-    file.Reset();
-    EXPECT_EQ(cache.manager->DetachFile(info.fileID), 0);
-    FMWaitUntilIdle();
-    EXPECT_FALSE(fs::exists(cache.Path(info.fileID, ".sdi"))); // nothing had changed
-    file = cache.Create(info);
     for (const uint32_t id : {0U, 1U, 3U})
         Write(*Cache::Block(*file, id), Pattern(id, 10 + id));
     const CRtMessageChain half = CRtMessageBlock::CreateCopy("half", 4);
@@ -57,50 +74,25 @@ TEST(Info, TableNamesOnlyBytesInTheDataFile) {
     const std::string onDisk = ReadFile(cache.Path(info.fileID, ".sdi"));
     EXPECT_EQ(onDisk, InfoFile(info, BlockBody({{}, {1, 11, 10}, {2, 0, 0}, {3, 13, 21}})));
     EXPECT_EQ(log.Count("CFMFile::SaveFileInfo, block 0 cannot be saved, fileID={"), 1U);
-    EXPECT_EQ(cache.manager->Initialize("", 0, 1), 0); // a second call is a no-op
 
-    // Bytes of an earlier, longer version are ignored, also after another save.
+    // Bytes of an earlier, longer version are ignored. A new block is placed behind the furthest restored one.
     WriteFile(cache.Path(info.fileID, ".sdi"), onDisk + "left behind");
     file = cache.Open(info.fileID);
     ASSERT_TRUE(file);
     EXPECT_EQ(Cache::Block(*file, 2, 0)->GetTotalLen(), 0U);
-    BlockRef removed;
-    EXPECT_EQ(file->RemoveBlock(3, removed.Receive()), 0);
     Write(*Cache::Block(*file, 2), "later");
-    cache.Close(file);
-    file = cache.Open(info.fileID); // at once, before the table is written
-    ASSERT_TRUE(file);
-    EXPECT_EQ(Read(*Cache::Block(*file, 2, 0)), "later");
-    EXPECT_FALSE(Cache::Block(*file, 3, 0));
-    EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), Pattern(1, 11));
     FMWaitUntilIdle();
-    // A new block is placed behind the furthest restored one.
     EXPECT_EQ(ReadFile(cache.Path(info.fileID, ".sdd")).substr(34), "later");
 }
 
-TEST(Info, ImpossibleNumbersAreSkippedRefusedOrFailWhenRead) {
-    LogCapture log;
-    Cache cache;
-    FMFileInfo info = Description();
-    info.num = 16;
-    const auto open = [&](const std::string& blockBody) {
-        cache.manager->DetachFile(info.fileID);
-        FMWaitUntilIdle();
-        WriteFile(cache.Path(info.fileID, ".sdi"), InfoFile(info, blockBody));
-        WriteFile(cache.Path(info.fileID, ".sdd"), Pattern(0, 1000));
-        FMCachedFile described;
-        EXPECT_EQ(FMDescribeCachedFile("", FMFileIDToString(info.fileID), described), 0);
-        FileRef file = cache.Open(info.fileID);
-        ExpectAsDescribed(described, file);
-        return file;
-    };
-    FileRef file = open(BlockBody({{1, 100, 0},
-                                   {2, 100, -1},
-                                   {3, 0xFFFFFFFF, INT64_MAX},
-                                   {4, 0x3FFFF000, 901},
-                                   {5, 0xFFFFFFF0, 0x40000000},
-                                   {6, 1, FM_INFO_OFFSET_MAX},
-                                   {4000, 10, 100}}));
+TEST_F(Loading, EntriesWithImpossibleNumbersBecomeBlocksWithoutDataOrAreSkipped) {
+    const FileRef file = Load(BlockBody({{1, 100, 0},
+                                         {2, 100, -1},
+                                         {3, 0xFFFFFFFF, INT64_MAX},
+                                         {4, 0x3FFFF000, 901},
+                                         {5, 0xFFFFFFF0, 0x40000000},
+                                         {6, 1, FM_INFO_OFFSET_MAX},
+                                         {4000, 10, 100}}));
     ASSERT_TRUE(file);
     EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), Pattern(0, 1000).substr(0, 100));
     for (const uint32_t impossible : {2U, 3U, 6U})
@@ -108,10 +100,12 @@ TEST(Info, ImpossibleNumbersAreSkippedRefusedOrFailWhenRead) {
     EXPECT_EQ(log.Count("CDiskFile::ReaddData. fread Failed."), 0U); // no buffer was allocated
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, impossible place, blockID="), 3U);
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, block beyond the data file, blockID="), 2U);
+    EXPECT_TRUE(
+        Load(BlockBody({{7, 10, 0}, {4000, 10, 5}, {7, 10, 100}, {9, 10, 200}, {9, 5000, 300}})));
+}
 
-    // At most one of two overlapping entries is valid: both blocks are restored without data, and no range that
-    // an entry names is overwritten.
-    file = open(BlockBody({{1, 400, 0}, {2, 0, 300}, {3, 400, 200}, {4, 100, 700}}));
+TEST_F(Loading, OverlappingBlocksHaveNoDataAndTheirRangesAreNotOverwritten) {
+    const FileRef file = Load(BlockBody({{1, 400, 0}, {2, 0, 300}, {3, 400, 200}, {4, 100, 700}}));
     ASSERT_TRUE(file);
     for (const uint32_t overlapping : {1U, 3U})
         EXPECT_EQ(Cache::Block(*file, overlapping, 0)->GetTotalLen(), 0U);
@@ -121,41 +115,49 @@ TEST(Info, ImpossibleNumbersAreSkippedRefusedOrFailWhenRead) {
     EXPECT_EQ(ReadFile(cache.Path(info.fileID, ".sdd")).substr(0, 800),
               Pattern(0, 1000).substr(0, 800));
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, blocks overlap, blockID="), 2U);
+}
 
-    // Missing entries are empty slots; a truncated entry names no bytes.
+TEST_F(Loading, ATableThatEndsEarlyHasEmptySlotsAndWritesItsLogLines) {
     std::string cut = BlockBody({{1, 100, 0}, {2, 100, 100}});
     cut[0] = 9;
-    file = open(cut.substr(0, cut.size() - 3));
+    const FileRef file = Load(cut.substr(0, cut.size() - 12));
     ASSERT_TRUE(file);
     EXPECT_TRUE(Cache::Block(*file, 1, 0)->IsComplete());
     EXPECT_FALSE(Cache::Block(*file, 2, 0)->IsComplete());
     EXPECT_FALSE(Cache::Block(*file, 3, 0));
+    EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, the table ends early, slots=2,fileID={"), 1U);
+    // The length and the offset of one entry, for the catalog and for the load.
+    EXPECT_EQ(log.Count("CRtByteStreamT::Read, can't read."), 4U);
     EXPECT_EQ(
         log.Count("FMDescribeCachedFile, the information file has a block table that ends early, "
                   "fileID=" +
                   std::string(FMFileIDToString(info.fileID).c_str()) + ",path="),
         1U);
+}
 
-    EXPECT_TRUE(
-        open(BlockBody({{7, 10, 0}, {4000, 10, 5}, {7, 10, 100}, {9, 10, 200}, {9, 5000, 300}})));
-    EXPECT_TRUE(open(std::string(2, '\0') + std::string(FM_INFO_BLOCK_BODY_MAX - 2, 'x')));
-    EXPECT_FALSE(open(std::string(FM_INFO_BLOCK_BODY_MAX + 1, '\0')));
-    EXPECT_FALSE(open(""));
+TEST_F(Loading, TablesAndDescriptionsBeyondTheLimitsAreRefused) {
+    EXPECT_TRUE(Load(std::string(2, '\0') + std::string(FM_INFO_BLOCK_BODY_MAX - 2, 'x')));
+    EXPECT_FALSE(Load(std::string(FM_INFO_BLOCK_BODY_MAX + 1, '\0')));
+    EXPECT_FALSE(Load(""));
     info.num = FM_TABLE_SLOTS_MAX + 1;
-    EXPECT_FALSE(open(BlockBody({})));
+    EXPECT_FALSE(Load(BlockBody({})));
     info.num = FM_TABLE_SLOTS_MAX;
-    file = open(BlockBody({}));
+    const FileRef file = Load(BlockBody({}));
     ASSERT_TRUE(file);
     EXPECT_EQ(file->GetBlocks().size(), 8192U); // bounded by the length of the file
-    info.name = CRtString(std::string(2011, 'n'));
-    EXPECT_FALSE(open(BlockBody({})));
-    WriteFile(cache.Path(info.fileID, ".sdi"), "JFSD and so on and so on");
-    EXPECT_FALSE(cache.Open(info.fileID));
-    for (const char* result : {"10008", "10015"})
-        EXPECT_EQ(log.Count("LoadFileInfo, ReaddFileInfo error, ret=" + std::string(result)), 1U);
-    FMFileInfo unknown = Description();
-    EXPECT_FALSE(cache.Open(unknown.fileID));
-    EXPECT_FALSE(fs::exists(cache.Path(unknown.fileID, ".sdi")));
+    info.num = 16;
+    info.name = CRtString(std::string(FM_INFO_NAME_MAX + 1, 'n'));
+    EXPECT_FALSE(Load(BlockBody({})));
+    EXPECT_EQ(log.Count("LoadFileInfo, ReaddFileInfo error, ret=10008"), 1U);
+    // Without the creation time the description has the maximum length; saved again it would be longer.
+    info.name += "n";
+    std::string bytes = InfoFile(info, BlockBody({}));
+    bytes[FM_INFO_LENGTH_OFFSET] = static_cast<char>(bytes[FM_INFO_LENGTH_OFFSET] - 4);
+    bytes.erase(FM_INFO_BODY_OFFSET + FM_INFO_FILE_BODY_FIXED + info.name.size() - 4, 4);
+    EXPECT_FALSE(LoadBytes(bytes));
+    EXPECT_EQ(log.Count("CFMFile::LoadFileInfo, Decode file info error, ret=10008"), 1U);
+    EXPECT_FALSE(LoadBytes("JFSD and so on and so on"));
+    EXPECT_EQ(log.Count("LoadFileInfo, ReaddFileInfo error, ret=10015"), 1U);
 }
 
 TEST(Info, TablesAndNamesAtTheLimitsOfTheFormat) {
@@ -163,10 +165,8 @@ TEST(Info, TablesAndNamesAtTheLimitsOfTheFormat) {
     Cache cache;
     FileRef file = cache.Create();
     const FMFileID id = file->GetFileInfo().fileID;
-    Write(*Cache::Block(*file, 1), "first");
     Write(*Cache::Block(*file, 65'535), "last that fits");
     Write(*Cache::Block(*file, 65'536), "beyond");
-    EXPECT_EQ(log.Count("CFMFile::GetBlock, huge file. fileID="), 1U);
     cache.Close(file);
     file = cache.Open(id);
     ASSERT_TRUE(file);
@@ -174,10 +174,9 @@ TEST(Info, TablesAndNamesAtTheLimitsOfTheFormat) {
     EXPECT_EQ(Read(*Cache::Block(*file, 65'535, 0)), "last that fits");
     EXPECT_FALSE(Cache::Block(*file, 65'536, 0));
 
-    std::vector<FMBlockEntry> many(52'000, {7, 1, 1});
     CRtMessageChain body;
     uint32_t left = 0;
-    EXPECT_EQ(FMEncodeBlockBody(many, body, left), 0);
+    EXPECT_EQ(FMEncodeBlockBody(std::vector<FMBlockEntry>(52'000, {7, 1, 1}), body, left), 0);
     EXPECT_EQ(left, 52'000U - 51'199);
     EXPECT_LE(body->GetChainedLength(), FM_INFO_BLOCK_BODY_MAX);
 
@@ -196,36 +195,14 @@ TEST(Info, TwoObjectsNeverShareAPath) {
     const FMFileID id = first->GetFileInfo().fileID;
     const BlockRef kept = Cache::Block(*first, 1);
     Write(*kept, Pattern(1, 100));
-    first.Reset();
-    EXPECT_EQ(cache.manager->DetachFile(id), 0);
-    FileRef second = cache.Open(id);
+    cache.Close(first);
+    const FileRef second = cache.Open(id);
     ASSERT_TRUE(second);
     EXPECT_EQ(Write(*kept, Pattern(9, 100)), RT_ERROR_NOT_READY); // its file is closed
     Write(*Cache::Block(*second, 2), Pattern(2, 100));
     FMWaitUntilIdle();
     EXPECT_EQ(Read(*kept), Pattern(1, 100));
-    EXPECT_EQ(Read(*Cache::Block(*second, 1, 0)), Pattern(1, 100));
     EXPECT_EQ(ReadFile(cache.Path(id, ".sdd")), Pattern(1, 100) + Pattern(2, 100));
-}
-
-TEST(Info, ClosingATemporaryFileRemovesItsFiles) {
-    LogCapture log;
-    Cache cache;
-    FileRef file = cache.Create(1, FM_FILE_TEMPORARY);
-    const FMFileID id = file->GetFileInfo().fileID;
-    const BlockRef block = Cache::Block(*file, 1);
-    Write(*block, "bytes");
-    cache.Close(file);
-    EXPECT_FALSE(cache.Open(id)); // the queued removal runs first
-    EXPECT_FALSE(fs::exists(cache.Path(id, ".sdd")) || fs::exists(cache.Path(id, ".sdi")));
-    EXPECT_EQ(log.Count("CFMFile::ClerDiskFile_m, fileID="), 1U);
-    file = cache.Create(1, FM_FILE_TEMPORARY);
-    const FMFileID other = file->GetFileInfo().fileID;
-    Write(*Cache::Block(*file, 1), "bytes");
-    file.Reset();
-    cache.Stop();
-    EXPECT_FALSE(fs::exists(cache.Path(other, ".sdd")));
-    cache.Start();
 }
 
 TEST(Info, FileIsRegisteredUnderItsStoredIdentifierNotThatOfItsPath) {
@@ -236,18 +213,13 @@ TEST(Info, FileIsRegisteredUnderItsStoredIdentifierNotThatOfItsPath) {
     const FMFileID outside = Description().fileID;
     WriteFile(cache.Path(outside, ".sdi"), InfoFile(inside, BlockBody({{1, 3, 0}})));
     WriteFile(cache.Path(outside, ".sdd"), "abc");
+    Write(*Cache::Block(*cache.Create(inside), 1), "displaced");
+    // The load displaces the open file with the stored identifier, which has another path and keeps its data.
     const FileRef file = cache.Open(outside);
     ASSERT_TRUE(file);
-    EXPECT_TRUE(file->GetFileInfo().fileID == inside.fileID);
-    EXPECT_TRUE(cache.Open(inside.fileID, 0));
+    EXPECT_TRUE(cache.Open(inside.fileID, 0).Get() == file.Get());
     EXPECT_FALSE(cache.Open(outside, 0));
-    EXPECT_EQ(Read(*Cache::Block(*cache.Open(outside), 1, 0)), "abc");
-
-    // The load displaces an open file with the stored identifier, which has another path and keeps its data.
-    cache.Stop();
-    cache.Start();
-    Write(*Cache::Block(*cache.Create(inside), 1), "displaced");
-    EXPECT_EQ(Read(*Cache::Block(*cache.Open(outside), 1, 0)), "abc");
+    EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), "abc");
     cache.Stop();
     cache.Start();
     const FileRef found = cache.Open(inside.fileID);
