@@ -663,7 +663,8 @@ void World::Describe(const Step&, File& file) {
     Trace(" -> " + std::to_string(result) + (found.isLoadable ? " loads" : ""));
     if (IsFaulty() || !file.isKnown)
         return;
-    Require(found.isLoadable == file.disk.has_value(), "the catalog knows what loads");
+    Require(found.isLoadable == file.disk.has_value(),
+            "the catalog knows what loads: " + std::string(found.infoFault.view()));
     Require(found.isOpenElsewhere == (file.lock >= 0), "the catalog knows who has the file");
     Require(!file.disk || file.isForeign || found.storedBlocks == file.disk->size(),
             "the catalog counts blocks");
