@@ -113,7 +113,7 @@ private:
         if (!FMIsEntryPossible(entry))
             return FMSlotState::Impossible;
         if (entry.totalLen == 0)
-            return FMSlotState::NoData;
+            return FMSlotState::Empty;
         const auto end = [](const FMBlockEntry& each) { return each.posInFile + each.totalLen; };
         for (const FMBlockEntry& other : entries) {
             if (&other != &entry && other.totalLen > 0 && FMIsEntryPossible(other) &&
