@@ -86,7 +86,6 @@ void World::Restore(File& file) {
     file.flag = file.ref->GetFileInfo().flag;
     file.isChanged = false;
     file.isHarmed = faults::Hits() > 0 && m_action == faults::CALL; // perhaps after the load
-    file.isRewritten = file.isHarmed;
     file.isRewritten = false;
     file.isParked = false;
     file.hasGap = false;
@@ -370,7 +369,7 @@ void World::Hold(const Step& step, File& file) {
         m_held.erase(m_held.begin() + step.size % static_cast<std::ptrdiff_t>(m_held.size()));
 }
 
-// Reads a block that is referenced, possibly of a closed file: the bytes must be those of one complete version.
+// Reads a block that is referenced, possibly of a closed file.
 void World::ReadHeld(const Step& step) {
     if (m_held.empty())
         return;
@@ -382,9 +381,12 @@ void World::CheckHeld(const Held& held, const std::string& bytes) {
     if (bytes.starts_with("error") || m_files[held.block->GetFileID().Data1 - 1].isForeign)
         return;
     const auto& versions = m_history[{held.block->GetFileID().Data1, held.block->GetBlockID()}];
-    Require(std::ranges::any_of(versions,
-                                [&](const Version& version) { return version.bytes == bytes; }),
-            NameOf(held) + " has bytes that no complete write had");
+    if (const uint32_t current = VersionOf(held))
+        Require(bytes == versions.at(current - 1).bytes, NameOf(held) + " has its bytes");
+    else
+        Require(std::ranges::any_of(versions,
+                                    [&](const Version& version) { return version.bytes == bytes; }),
+                NameOf(held) + " has bytes that no complete write had");
 }
 
 void World::Ask(const Step& step, File& file) {
@@ -410,10 +412,14 @@ uint32_t World::VersionOf(const Held& held) const {
 void World::CheckCompletion(const Held& held, int result, uint32_t faults, uint32_t version) {
     Trace(" [sink " + std::to_string(result) + "]");
     const bool isCurrent = version != 0 && VersionOf(held) == version;
-    Require(result == RT_OK || !isCurrent || m_faults != faults || IsFaulty(),
-            NameOf(held) + " can be loaded");
-    if (result == RT_OK)
-        CheckHeld(held, ::Read(*held.block));
+    const bool mayFail = !isCurrent || m_faults != faults || IsFaulty();
+    Require(result == RT_OK || mayFail, NameOf(held) + " can be loaded");
+    if (result != RT_OK)
+        return;
+    const std::string bytes = ::Read(*held.block);
+    Require(mayFail || !bytes.starts_with("error"),
+            NameOf(held) + " can be read once it is loaded");
+    CheckHeld(held, bytes);
 }
 
 void World::Cancel(const Step& step, File&) {

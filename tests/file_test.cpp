@@ -170,22 +170,24 @@ TEST(DiskFile, AStoreLogsItsTransferThenTheOpeningAndRemovesAnOlderTableThenItsD
 
 TEST(Streams, MoreOpenFilesThanStreamsWork) {
     LogCapture log(RT_LOG_WARNING);
-    ASSERT_TRUE(LimitStreams(64));
+    ASSERT_TRUE(LimitStreams(64)); // the library uses half of them
     TestClock clock;
     Cache cache(0);
-    std::vector<FILE*> taken; // the rest of the process uses most streams
-    while (taken.size() < 48)
-        taken.push_back(std::fopen(NULL_DEVICE, "rb"));
-    std::vector<FileRef> files;
-    for (uint32_t i = 0; i < 100; ++i) {
-        files.push_back(cache.Create());
-        Write(*Cache::Block(*files.back(), 1), Pattern(i, 500));
-    }
-    FMWaitUntilIdle();
-    clock.Advance(600'000);
-    for (uint32_t i = 0; i < files.size(); ++i) {
-        EXPECT_FALSE(Cache::Block(*files[i], 1)->FreeMemory());
-        EXPECT_TRUE(Read(*Cache::Block(*files[i], 1)) == Pattern(i, 500));
+    std::vector<FILE*> taken;
+    for (const size_t others : {0U, 48U}) { // streams that the rest of the process uses
+        while (taken.size() < others)
+            taken.push_back(std::fopen(NULL_DEVICE, "rb"));
+        std::vector<FileRef> files;
+        for (uint32_t i = 0; i < 100; ++i) {
+            files.push_back(cache.Create());
+            Write(*Cache::Block(*files.back(), 1), Pattern(i, 500));
+        }
+        FMWaitUntilIdle();
+        clock.Advance(600'000);
+        for (uint32_t i = 0; i < files.size(); ++i) {
+            EXPECT_FALSE(Cache::Block(*files[i], 1)->FreeMemory());
+            EXPECT_TRUE(Read(*Cache::Block(*files[i], 1)) == Pattern(i, 500));
+        }
     }
     for (FILE* stream : taken)
         std::fclose(stream);
