@@ -188,6 +188,9 @@ TEST(Streams, MoreOpenFilesThanStreamsWork) {
             EXPECT_FALSE(Cache::Block(*files[i], 1)->FreeMemory());
             EXPECT_TRUE(Read(*Cache::Block(*files[i], 1)) == Pattern(i, 500));
         }
+        for (FileRef& file : files)
+            cache.Close(file);
+        FMWaitUntilIdle();
     }
     for (FILE* stream : taken)
         std::fclose(stream);
