@@ -152,10 +152,13 @@ TEST_F(Loading, TablesAndDescriptionsBeyondTheLimitsAreRefused) {
     // Without the creation time the description has the maximum length; saved again it would be longer.
     info.name += "n";
     std::string bytes = InfoFile(info, BlockBody({}));
-    bytes[FM_INFO_LENGTH_OFFSET] = static_cast<char>(bytes[FM_INFO_LENGTH_OFFSET] - 4);
-    bytes.erase(FM_INFO_BODY_OFFSET + FM_INFO_FILE_BODY_FIXED + info.name.size() - 4, 4);
+    const size_t length = FM_INFO_FILE_BODY_FIXED - 4 + info.name.size();
+    uint8_t prefix[4];
+    FMPutLength(static_cast<uint32_t>(length), prefix);
+    bytes.replace(FM_INFO_LENGTH_OFFSET, 4, reinterpret_cast<const char*>(prefix), 4);
+    bytes.erase(FM_INFO_BODY_OFFSET + length, 4);
     EXPECT_FALSE(LoadBytes(bytes));
-    EXPECT_EQ(log.Count("CFMFile::LoadFileInfo, Decode file info error, ret=10008"), 1U);
+    EXPECT_EQ(log.Count("CFMFile::LoadFileInfo, Decode file info error, ret=10008"), 2U);
     EXPECT_FALSE(LoadBytes("JFSD and so on and so on"));
     EXPECT_EQ(log.Count("LoadFileInfo, ReaddFileInfo error, ret=10015"), 1U);
 }
