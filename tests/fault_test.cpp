@@ -1,9 +1,14 @@
-// A full disk, a stalled disk, and the number of system calls and allocations of a small file. The simulator makes
-// single calls fail.
+// A full disk, a stalled disk, no memory, and the number of system calls and allocations of a small file. The simulator
+// makes single calls fail.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <csignal>
+#include <exception>
+#include <functional>
+#include <map>
 
 #include "FMCatalog.h"
 #include "testing/faults.h"
@@ -19,6 +24,53 @@ void LimitFiles(rlim_t bytes) {
     std::signal(SIGXFSZ, SIG_IGN);
     const rlimit limit{bytes, RLIM_INFINITY};
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+}
+
+// What a child process that runs `work` returns: a new process for the library.
+int InChild(const std::function<int()>& work) noexcept { // a child must not return
+    const pid_t child = ::fork();
+    if (child == 0)
+        ::_exit(work());
+    int status = 0;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
+    return WEXITSTATUS(status);
+}
+
+enum Starved : int { NO_FAILURE, COPED, TERMINATED, FAULTY };
+
+// Reads one block of a saved file and writes another one while allocations fail.
+Starved Starve(const fs::path& dir, const FMFileID& id, const Plan& plan) {
+    std::set_terminate([] { ::_exit(TERMINATED); });
+    RtSetLogSink(nullptr, nullptr, RT_LOG_SILENT);
+    Cache cache(dir);
+    FileRef file;
+    CountingSink sink;
+    sink.results.reserve(8);
+    const CRtMessageChain piece = CRtMessageBlock::CreateCopy(Pattern(3, 800).data(), 800);
+    Begin(dir, plan);
+    bool isRight = true;
+    if (cache.manager->OpenFile(file.Receive(), id, 1) == RT_OK) {
+        BlockRef block;
+        if (file->GetBlock(block.Receive(), 1, 0) == RT_OK)
+            block->ReadData(&sink);
+        if (file->GetBlock(block.Receive(), 3, 1) == RT_OK) {
+            const int result = block->WriteData(800, 0, piece.get());
+            isRight = result == RT_OK ? block->IsComplete() : block->GetPosition() == 0;
+        }
+        FMWaitUntilIdle();
+    }
+    Lift();
+    const bool hasFailed = Hits() > 0;
+    file = cache.Open(id);
+    if (!file || Read(*Cache::Block(*file, 1, 0)) != Pattern(1, 700))
+        return FAULTY;
+    const BlockRef written = Cache::Block(*file, 3);
+    isRight = isRight && (written->IsComplete() || Write(*written, Pattern(3, 800)) == RT_OK);
+    isRight = isRight && Read(*written) == Pattern(3, 800) && sink.results.size() <= 1;
+    cache.Close(file);
+    cache.Stop();
+    return !isRight ? FAULTY : hasFailed ? COPED : NO_FAILURE;
 }
 
 } // namespace
@@ -58,6 +110,42 @@ TEST(Fault, StoresAndTablesArePendingUntilAFullDiskHasSpaceAgain) {
         ASSERT_TRUE(file);
         EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), Pattern(1, 700));
         EXPECT_TRUE(id == ids[2] || Read(*Cache::Block(*file, 2, 0)) == Pattern(2, 30'000));
+    }
+}
+
+// An allocation of the standard library that fails ends the process, as a kill does.
+TEST(Fault, AFailingAllocationLosesNothingThatWasSaved) {
+    const FMFileID id = Description().fileID;
+    for (const bool isLasting : {false, true}) {
+        std::map<int, int> ends;
+        for (uint32_t nth = 1; ends[NO_FAILURE] == 0; nth += SLOWNESS) {
+            const TempDir dir;
+            InChild([&] {
+                Cache cache(dir.path);
+                FMFileInfo info = Description();
+                info.fileID = id;
+                FileRef file = cache.Create(info);
+                Write(*Cache::Block(*file, 1), Pattern(1, 700));
+                cache.Close(file);
+                return 0;
+            });
+            const int end = InChild([&] {
+                return Starve(dir.path, id, {FAIL, ALLOCATE, nth, isLasting, 0, 0});
+            });
+            const int found = InChild([&] {
+                Cache cache(dir.path);
+                const FileRef file = cache.Open(id);
+                if (!file || Read(*Cache::Block(*file, 1, 0)) != Pattern(1, 700))
+                    return 1;
+                const bool isThere = Read(*Cache::Block(*file, 3)) == Pattern(3, 800);
+                return isThere || end == TERMINATED ? 0 : 3;
+            });
+            ASSERT_TRUE(end != FAULTY && found == 0)
+                << "allocation " << nth << " ended " << end << " found " << found;
+            ++ends[end];
+        }
+        std::cout << ends[COPED] << " coped with, " << ends[TERMINATED] << " ended the process\n";
+        EXPECT_TRUE(isLasting || ends[COPED] > 0);
     }
 }
 
