@@ -77,7 +77,7 @@ json 0 "j['present'] == 3 and j['blocks'][2]['state'] == 'overlaps another block
 run 0 show --dir cache "$cut" && says '^1  ####!$'
 run 0 ls --dir cache
 says "^$lost +- +- +- +damaged +- +next run: no information file +\(there is no information file\)$"
-says "^$bad .*next run: unreadable +\(the information file is not"
+says "^$bad .*next run: damaged description +\(the information file is not"
 json 0 "j['others'][0]['name'] == 'notes.txt'" ls --dir cache
 run 0 housekeep --dir cache --days 7 --dry-run && says '^5 of 20 files would be removed'
 if [ -z "$emulated" ]; then # open in another process: flock holds the lock of a server

@@ -153,7 +153,7 @@ private:
     }
 
     // An empty file needs an information file, which the library writes after a change only. Removing an
-    // empty block is a change.
+    // empty block is a change. Housekeeping never removes the file, because it has no data file.
     bool MarkChanged() {
         CRtComAutoPtr<IFMBlock> block;
         return Succeeded(m_file->GetBlock(block.Receive(), FIRST_BLOCK, 1), "no block") &&

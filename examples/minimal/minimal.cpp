@@ -47,7 +47,7 @@ int main() {
     // Its destructor closes the open files and writes them. FMFlush tells earlier what could not be written.
     constexpr int SERVER = 1;
     const FMManagerGuard manager("./example-cache", 7,
-                                 SERVER); // files are removed 9 days after their creation
+                                 SERVER); // clearDays 7: files are removed from day 9 on
     if (!callerThread.IsValid() || !manager.IsValid()) {
         std::fprintf(stderr, "minimal: cannot start the file manager\n");
         return 1;

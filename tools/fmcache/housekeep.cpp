@@ -198,10 +198,11 @@ void AddHousekeep(CLI::App& app, Action& chosen) {
         "housekeep",
         "Remove expired files, and the oldest files until the store is within a disk budget.");
     housekeep->footer(
-        "Expired files are removed as each server of this cache does every 24 hours. For the "
-        "budget, "
-        "temporary and unreadable files go first, then the oldest ones. Files that are flagged as "
-        "kept or open stay. If the budget is exceeded nevertheless, the exit status is 1.");
+        "At least one of --days, --max-size and --min-free is required. With --days, the command "
+        "removes what each server of this cache removes every 24 hours. For the budget, temporary "
+        "files and files without a valid description go first, then the oldest ones. A file that "
+        "is flagged as kept, that a process has open, or whose information file this user cannot "
+        "read stays. If such files alone exceed the budget, the exit status is 1.");
     AddCacheOptions(*housekeep, *options);
     AddDaysOption(*housekeep, options->days);
     TakeSize(housekeep->add_option(

@@ -359,7 +359,7 @@ FMExpiry FMJudgeExpiry(const FMCachedFile& file, uint16_t clearDays, int64_t now
     if (file.isUnreadable) // for this user; the server may run as another one
         return {When::Unknown, 0, file.infoFault};
     if (!file.isDescribed)
-        return due(file.hasInfo ? "unreadable" : "no information file");
+        return due(file.hasInfo ? "damaged description" : "no information file");
     const FMLifetime lifetime = FMJudgeLifetime(file.info.flag, file.createTime, lastDay, now);
     if (lifetime == FMLifetime::Temporary)
         return due("temporary");

@@ -1,7 +1,7 @@
 /// @defgroup catalog Catalog of cached files
 /// What is in a cache: the cached files of a directory, the state of each file and of its blocks, damage, and what
-/// housekeeping will do. Except for FMRemoveCachedFile, the functions open files for reading
-/// only; they create, change and remove nothing. They write no log lines, except for damaged files and for a call on
+/// housekeeping will do. FMListCachedFiles and FMDescribeCachedFile open files for reading only, and FMJudgeExpiry
+/// opens none: they change nothing. FMRemoveCachedFile and FMStartHousekeeping remove files. They write no log lines, except for damaged files and for a call on
 /// the wrong thread.
 ///
 /// A cached file is named by its *stem*, the name of its two files without the extension: the text of its
@@ -33,7 +33,7 @@ constexpr char FM_SERVER_STORE[] = "sdstore";
 constexpr char FM_CLIENT_STORES[] = "confcache";
 ///@}
 
-/// What a load makes of an entry of the block table. `Stored` and `Empty` mean the same as in FMBlockCondition
+/// What a load makes of an entry of the block table. `Stored` means the same as in FMBlockCondition
 /// (FMDurability.h), which is the state of a block that is open.
 enum class FMSlotState : uint8_t {
     NoBlock,    ///< the slot has no block

@@ -19,14 +19,16 @@
 #include "IFMBlock.h"
 #include "RtExport.h"
 
-/// Where the bytes of a block are. FMSlotState (FMCatalog.h) is the state of an entry in a table on disk; words that
-/// both use mean the same.
+/// Where the bytes of a block are. FMSlotState (FMCatalog.h) is the state of an entry in a table on disk: Stored
+/// means the same in both, and an entry is Empty for every block without bytes on disk.
 enum class FMBlockCondition : uint8_t {
     Empty,   ///< no piece was written, or a table without bytes for this block was loaded
     Filling, ///< some pieces are missing
     Pending, ///< complete; a store is queued or running
     Stored,  ///< the data file contains the bytes
-    Failed,  ///< the last store has failed; while the file is open, each tick retries it
+    /// The last store has failed. While the file is open, each tick retries it, unless another process has taken over
+    /// the files.
+    Failed,
     /// The data file does not contain the bytes: another program has changed it, a new file with the same
     /// identifier has replaced it, the file was temporary and was closed, or the table that was loaded is damaged.
     /// While the file is open, a resident block is stored again.

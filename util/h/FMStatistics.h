@@ -36,7 +36,7 @@ struct FMStatistics {
     /// Numbers of blocks, and of their bytes. A block of a closed file counts while a reference to it exists.
     /// Resident: in memory, whatever its state. Pending: complete, and a store is queued or running. Stored: in
     /// the data file, unless another program has removed or truncated that file. Failed: the last store has
-    /// failed; while the file is open, each tick retries the store.
+    /// failed; while the file is open, each tick retries the store, unless another process has taken over the files.
     ///@{
     uint64_t residentBlocks = 0;
     uint64_t pendingBlocks = 0;

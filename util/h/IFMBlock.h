@@ -97,13 +97,15 @@ public:
     /// the sink is called before ReadData returns. Otherwise the read/write thread loads the bytes: before
     /// the stores that are queued, but after every 8 loads it runs one store. Several sinks share one load. A
     /// sink that is already waiting does not wait twice. The call does not postpone eviction.
+    ///
     /// A sink that requests the next block adds one level of recursion for each block that has a buffer. To
-    /// read block after block, request them in a loop (examples/loops/transfer.h has another form):
+    /// read block after block, request them in a loop, and let the sink run the loop only if it is not running
+    /// (examples/loops/transfer.h):
     ///
     ///     for (m_isRunning = true; !m_isLoading && HasNext();) {
-    ///         m_isLoading = true; // the sink sets it to false, and runs this loop if m_isRunning is false
+    ///         m_isLoading = true; // the sink sets it to false
     ///         if (RT_FAILED(GetNext()->ReadData(this)))
-    ///             return Stop(); // the sink is not called
+    ///             m_isLoading = false; // the sink is not called
     ///     }
     ///     m_isRunning = false;
     /// @param sink called once, unless it is cancelled first.

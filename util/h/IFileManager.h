@@ -8,7 +8,7 @@
 /// (`.sdi`) contains the description and the block table.
 ///
 /// - **Threads.** Call all operations on the caller thread (RtRuntime.h). The library calls IFMBlockSink and
-///   ISDUser on the caller thread, too. Exceptions: IFileManager::Instance, FMWaitUntilIdle, FMGetStatistics,
+///   ISDUser on the caller thread, too. Exceptions: functions whose description says so, IFileManager::Instance, FMWaitUntilIdle, FMGetStatistics,
 ///   FMFormatStatistics, FMGetUnstoredBytes, the functions of FMFileID.h and RtResult.h, the catalog of a given
 ///   directory (FMCatalog.h) and the reference counts work on any thread, and log lines come from any thread.
 ///   The *read/write thread* is a thread of the library that stores and loads blocks.
@@ -16,8 +16,9 @@
 ///   call before Initialize or after UnInitialize, a description or block that cannot be saved, a piece with
 ///   another block length, an exceeded limit, a directory that cannot be created, and files that were not saved
 ///   at the end. The line names the operation and the remedy. The check does not change what the operation does.
-///   Only IFMFile::GetFileInfo, IFMBlock::GetFile, IFMBlock::GetFileID and IFMBlock::GetBlockID do not check
-///   the thread. A library that is compiled without NDEBUG then stops in the debugger, if one is attached.
+///   If the library was compiled without NDEBUG, a mistake also stops the process in the debugger, if one is
+///   attached. IFMFile::GetFileInfo, IFMBlock::GetFile, IFMBlock::GetFileID, IFMBlock::GetBlockID and
+///   FMSetHighWaterMark do not check the thread.
 /// - **References.** An object returned through an out argument carries one reference for the receiver.
 ///   The receiver gives it back with `ReleaseReference`; CRtComAutoPtr does so in its destructor. If an
 ///   operation fails, its out arguments are not valid, except where its description says so.
@@ -29,7 +30,7 @@
 ///   the process exits.
 /// - **Failed writes.** If a store fails (disk full, for example), the log has a line, the block stays
 ///   readable in memory, and each tick retries the store. A tick is a call of the manager's timer, every 60 s
-///   on the caller thread. Closing the file retries it once more; if that fails, the block is lost. If a
+///   on the caller thread. Closing the file retries it again; if that fails, a later run does not find the block. If a
 ///   block table cannot be written, it stays pending: each tick and IFileManager::UnInitialize retry it. It
 ///   is dropped at process end only.
 /// - **Changes by other programs.** If another program removes or truncates a data file, the next store and
@@ -83,12 +84,14 @@ public:
     ///     client does not find them; the next client with `clearDays` 0 removes them.
     ///     If `dataDir` is empty: on Windows the root of the fixed drive with the most free space, else the
     ///     user's application data folder; on POSIX `$XDG_CACHE_HOME` if absolute, else `.cache` in the
-    ///     user's home directory. If these do not exist: get_quillmer_home_dir, else `/opt/quillmer`.
+    ///     user's home directory. If these do not exist: the directory that set_quillmer_home_dir has set
+    ///     (RtHome.h), else `/opt/quillmer`.
     /// @param clearDays how many days a server keeps a file. Housekeeping, on servers only, runs one minute
     ///     after the start and then every 24 hours. The first run that is at least `clearDays` + 2 days
     ///     after the creation of a file removes the file, unless it is flagged #FM_FILE_KEPT. Each run also
-    ///     removes temporary files and files whose description is missing or damaged. No run removes a file
-    ///     that is open in any process.
+    ///     removes temporary files and files whose description is missing or damaged. A run examines data files
+    ///     only, so an information file without a data file stays. It removes no file that this process has
+    ///     open, and none whose data file another process has locked.
     ///     0, on servers and clients: the cache is cleared now and in UnInitialize. A client removes its own
     ///     directory in `confcache` and those of processes that have ended. A server removes `sdstore` unless
     ///     another process uses it.
