@@ -25,6 +25,16 @@ for name in ../up /tmp/up 'C:\up'; do
     (cd below && FMCACHE_DIR=../cache run 0 get "$up" && [ "$(cat stdout)" = up ] && cmp up ../odd && rm up std*)
 done
 for name in .. a/ $'a\tb'; do fails 3 'cannot be used for a file; -o names one' get "$(put odd --name "$name")"; done
+if [ -z "$emulated" ]; then # put leaves nothing if it cannot read its input or print the identifier
+    before=$(find cache -type f | wc -l)
+    exec {pipe}> >(exec true) && wait $!
+    for verb in 'put - >&-' 'put - <&-' "put - >&$pipe" '--version >/dev/full'; do
+        eval "$fmcache $verb" <odd 2>stderr && fail "$verb succeeds" || [ $? -eq 3 ] || fail "$verb: status $?"
+        complains 'cannot (read|write)'
+    done
+    exec {pipe}>&-
+    [ "$(find cache -type f | wc -l)" -eq "$before" ] || fail "a refused put has left something"
+fi
 twin=$(put odd --name n)
 fails 3 "'n' matches 2 files: " rm n
 run 0 rm "$(tr A-F a-f <<<"${twin:1:36}")"
