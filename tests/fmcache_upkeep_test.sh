@@ -110,6 +110,18 @@ with open(sys.argv[1], "r+b") as file:
 END
     run 0 verify && says '^checked: structure only; the format has no checksums$'
     json 1 "j['sound'] is False and j['files'][0]['faults'] == 1000 and j['blocksRead'] == j['blocksCompared'] == 1200" verify --sums sums
+    head -c -9 sums >short && fails 3 'line [0-9]+ is damaged' verify --sums short
+    ln -s "cache/sdstore/$id.sdd" link && fails 2 'outside the store' verify --write-sums link --force
+    if [ -e /proc/self/fd ] && [ -z "$emulated" ]; then # opened and changed while its blocks are read
+        truncate -s 200M slow && id=$(put slow) && run 0 verify --write-sums sums --force
+        nice "$fmcache" verify "$id" --sums sums </dev/null >stdout 2>stderr &
+        until grep -qsE '^pos:.*[0-9]{7}' /proc/$!/fdinfo/[3-9]; do kill -0 $! || fail "the sums are not read"; done
+        kill -STOP $!
+        printf x | dd of="cache/sdstore/$id.sdd" bs=1 seek=209715199 conv=notrunc status=none
+        while_open "$id" sh -c "kill -CONT $! && tail --pid=$! -f /dev/null"
+        wait $! || fail "a live file is reported as damaged: $(cat stdout)"
+        says '0 damaged, 1 open'
+    fi
     echo >sums && fails 3 'not a file of verify' verify --sums sums
 fi
 rm -rf cache
