@@ -55,6 +55,8 @@ for verb in get show verify 'rm --force'; do
 done
 fails 2 '^fmcache: --days, --max-size or --min-free is required' housekeep
 for size in lots -1 K; do fails 2 'is not a size' housekeep --max-size "$size" && fails 2 'is not a size' housekeep --min-free "$size"; done
+fails 2 'the disk has only' housekeep --min-free 4000000T
+fails 2 'not a number of days' housekeep --days 010
 for share in 101% -1%; do fails 2 'not a share' housekeep --min-free "$share"; done
 mapfile -t verbs < <("$fmcache" --help | sed -n '/^Subcommands:/,$s/^  \([a-z]*\)  .*/\1/p')
 [ "${#verbs[@]}" -eq 9 ] || fail "other verbs: ${verbs[*]}"
