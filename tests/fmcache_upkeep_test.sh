@@ -25,6 +25,16 @@ for name in ../up /tmp/up 'C:\up'; do
     (cd below && FMCACHE_DIR=../cache run 0 get "$up" && [ "$(cat stdout)" = up ] && cmp up ../odd && rm up std*)
 done
 for name in .. a/ $'a\tb'; do fails 3 'cannot be used for a file; -o names one' get "$(put odd --name "$name")"; done
+if [ -z "$emulated" ]; then # put leaves nothing if it cannot read its input or print the identifier
+    before=$(find cache -type f | wc -l)
+    exec {pipe}> >(exec true) && wait $!
+    for verb in 'put - >&-' 'put - <&-' "put - >&$pipe" '--version >/dev/full'; do
+        eval "$fmcache $verb" <odd 2>stderr && fail "$verb succeeds" || [ $? -eq 3 ] || fail "$verb: status $?"
+        complains 'cannot (read|write)'
+    done
+    exec {pipe}>&-
+    [ "$(find cache -type f | wc -l)" -eq "$before" ] || fail "a refused put has left something"
+fi
 twin=$(put odd --name n)
 fails 3 "'n' matches 2 files: " rm n
 run 0 rm "$(tr A-F a-f <<<"${twin:1:36}")"
@@ -45,6 +55,8 @@ for verb in get show verify 'rm --force'; do
 done
 fails 2 '^fmcache: --days, --max-size or --min-free is required' housekeep
 for size in lots -1 K; do fails 2 'is not a size' housekeep --max-size "$size" && fails 2 'is not a size' housekeep --min-free "$size"; done
+fails 2 'the disk has only' housekeep --min-free 4000000T
+fails 2 'not a number of days' housekeep --days 010
 for share in 101% -1%; do fails 2 'not a share' housekeep --min-free "$share"; done
 mapfile -t verbs < <("$fmcache" --help | sed -n '/^Subcommands:/,$s/^  \([a-z]*\)  .*/\1/p')
 [ "${#verbs[@]}" -eq 9 ] || fail "other verbs: ${verbs[*]}"
@@ -100,6 +112,18 @@ with open(sys.argv[1], "r+b") as file:
 END
     run 0 verify && says '^checked: structure only; the format has no checksums$'
     json 1 "j['sound'] is False and j['files'][0]['faults'] == 1000 and j['blocksRead'] == j['blocksCompared'] == 1200" verify --sums sums
+    head -c -9 sums >short && fails 3 'line [0-9]+ is damaged' verify --sums short
+    ln -s "cache/sdstore/$id.sdd" link && fails 2 'outside the store' verify --write-sums link --force
+    if [ -e /proc/self/fd ] && [ -z "$emulated" ]; then # opened and changed while its blocks are read
+        truncate -s 200M slow && id=$(put slow) && run 0 verify --write-sums sums --force
+        nice "$fmcache" verify "$id" --sums sums </dev/null >stdout 2>stderr &
+        until grep -qsE '^pos:.*[0-9]{7}' /proc/$!/fdinfo/[3-9]; do kill -0 $! || fail "the sums are not read"; done
+        kill -STOP $!
+        printf x | dd of="cache/sdstore/$id.sdd" bs=1 seek=209715199 conv=notrunc status=none
+        while_open "$id" sh -c "kill -CONT $! && tail --pid=$! -f /dev/null"
+        wait $! || fail "a live file is reported as damaged: $(cat stdout)"
+        says '0 damaged, 1 open'
+    fi
     echo >sums && fails 3 'not a file of verify' verify --sums sums
 fi
 rm -rf cache

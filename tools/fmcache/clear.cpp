@@ -102,25 +102,25 @@ std::vector<Left> FindObstacles(const Store& store, bool force) {
 // What is still there after the library's clearing, which removes nothing if another process has a lock on the
 // directory.
 std::vector<Left> FindLeft(const fs::path& path, const Store& before, const Store& now) {
-    std::vector<std::string> names = now.listing.foreign;
-    for (const Entry& entry : now.entries)
-        names.push_back(ToString(entry.file.stem));
     const bool isUntouched = std::ranges::all_of(
         before.entries, [&now](const Entry& entry) { return now.Has(entry.file.stem.view()); });
     std::vector<Left> left;
-    left.reserve(names.size());
-    for (const std::string& name : names)
-        left.push_back({name, !before.Has(name) ? "was created in the meantime"
-                              : isUntouched     ? "another process uses the cache"
-                                                : "cannot be removed"});
+    const auto add = [&](const std::string& name, bool isOpen) {
+        left.push_back({name, isOpen              ? IN_USE
+                              : !before.Has(name) ? "was created in the meantime"
+                              : isUntouched       ? "another process uses the cache"
+                                                  : "cannot be removed"});
+    };
+    for (const Entry& entry : now.entries)
+        add(ToString(entry.file.stem), entry.IsOpen());
+    for (const std::string& name : now.listing.foreign)
+        add(name, false);
     if (left.empty())
         left.push_back({path.string(), "the directory is in use by another process"});
     return left;
 }
 
-void Confirm(const ClearOptions& options, const fs::path& store, const Contents& contents) {
-    if (options.yes)
-        return;
+void Confirm(const fs::path& store, const Contents& contents) {
     if (!IsInputTerminal() || !IsErrorTerminal())
         throw Failure("clear removes " + SummaryText(contents) + " from " + Quoted(store.string()) +
                           "; --yes confirms this",
@@ -177,7 +177,11 @@ int Clear(ClearOptions& options) {
     const Store before = ReadStore(path);
     if (const std::vector<Left> left = FindObstacles(before, options.force); !left.empty())
         return ReportClear(options, path, {}, left);
-    Confirm(options, path, SumUp(before));
+    if (!options.yes) {
+        Confirm(path, SumUp(before));
+        options.yes = true;
+        return Clear(options); // the store may have changed before the answer
+    }
     if (!CanWriteInto(path))
         throw Failure("no write access to " + Quoted(path.string()) + ": " + ErrorText(errno));
     CheckStop();

@@ -149,7 +149,8 @@ std::string RuleText(uint16_t days) {
 
 CLI::Option* AddDaysOption(CLI::App& verb, uint16_t& days) {
     const auto check = [](const std::string& text) {
-        const bool isValid = CLI::Range(1, 65535)(text).empty();
+        // CLI11 takes "010" as 8.
+        const bool isValid = !text.starts_with('0') && CLI::Range(1, 65535)(text).empty();
         return isValid ? "" : Quoted(text) + " is not a number of days from 1 to 65535";
     };
     return verb

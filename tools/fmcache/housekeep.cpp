@@ -67,6 +67,8 @@ Budget MakeBudget(const HousekeepOptions& options, const fs::path& store) {
     budget.minFree =
         percent ? static_cast<uint64_t>(static_cast<double>(space.capacity) * *percent / 100)
                 : ParseSize(options.minFree);
+    if (budget.minFree > space.capacity) // would remove all files
+        throw Failure("--min-free: the disk has only " + FormatSize(space.capacity), STATUS_USAGE);
     budget.available = space.available;
     return budget;
 }

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <exception>
 #include <new>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -131,9 +132,12 @@ int Run(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return error.get_exit_code() == 0
-                   ? app.exit(error)
-                   : ReportUsage(app, error, std::vector<std::string>(argv + 1, argv + argc));
+        if (error.get_exit_code() != 0)
+            return ReportUsage(app, error, std::vector<std::string>(argv + 1, argv + argc));
+        std::ostringstream text; // help or version
+        app.exit(error, text, text);
+        Print(text.str());
+        return STATUS_DONE;
     }
     KeepLog(verbose);
     CatchSignals();

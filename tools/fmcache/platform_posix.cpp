@@ -1,5 +1,6 @@
 #include "platform.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -55,7 +56,15 @@ std::FILE* OpenTemporary() {
     return ::fdopen(file, "w+b");
 }
 
-void PrepareStreams() {} // POSIX streams are binary
+// POSIX streams are binary. A closed standard stream must not get the descriptor of a cached file: the output of the
+// tool would be written into that file. The lowest free descriptor is opened for the other direction, so that its use
+// fails.
+void PrepareStreams() {
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(stream, F_GETFD) == -1)
+            ::open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    }
+}
 
 void CatchSignals() {
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
@@ -72,6 +81,7 @@ void CatchSignals() {
     struct sigaction ignore {};
     ignore.sa_handler = SIG_IGN;
     ::sigaction(SIGXFSZ, &ignore, nullptr);
+    ::sigaction(SIGPIPE, &ignore, nullptr); // put removes a file whose identifier it cannot print
 }
 
 void CheckStop() {

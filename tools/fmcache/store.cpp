@@ -35,8 +35,9 @@ uint64_t LengthOf(const fs::path& path) {
 }
 
 void RequireDescribed(const fs::path& dir, const std::optional<FMCachedFile>& file) {
+    const bool isKnown = file && (file->hasInfo || file->isUnreadable);
     const std::string fault =
-        file && file->hasInfo ? ToString(file->infoFault) : "cannot be read: " + ErrorText(ENOENT);
+        isKnown ? ToString(file->infoFault) : "cannot be read: " + ErrorText(ENOENT);
     if (!fault.empty())
         throw Failure("the information file of " + (file ? ToString(file->stem) : "the file") +
                       " in " + Quoted(StoreDir(dir).string()) + " " + fault);

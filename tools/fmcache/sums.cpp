@@ -20,6 +20,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr char FIRST_LINE[] = "fmcache sums 1 XXH3-64";
+constexpr size_t SUM_DIGITS = 16;
 
 struct FreeState {
     void operator()(XXH3_state_t* state) const { XXH3_freeState(state); }
@@ -129,8 +130,11 @@ Sums ReadSumsFile(const fs::path& path) {
     for (uint64_t number = 2; std::getline(file, line); ++number) {
         std::istringstream fields(line);
         std::string stem;
+        std::string digits;
         BlockSum sum;
-        if (!(fields >> stem >> sum.block >> sum.length >> std::hex >> sum.sum))
+        fields >> stem >> sum.block >> sum.length >> digits;
+        // A truncated sum would look like a changed block.
+        if (digits.size() != SUM_DIGITS || !(std::istringstream(digits) >> std::hex >> sum.sum))
             throw Failure(Quoted(path.string()) + ": line " + std::to_string(number) +
                           " is damaged");
         sums[stem].push_back(sum);

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -142,6 +143,18 @@ private:
 };
 
 #ifdef FMCACHE_WITH_SUMS
+// Follows links, because Output replaces their targets.
+bool IsInside(const fs::path& file, const fs::path& dir) {
+    std::error_code error;
+    fs::path parent = fs::weakly_canonical(fs::absolute(file), error);
+    while (parent.has_relative_path()) {
+        parent = parent.parent_path();
+        if (fs::equivalent(parent, dir, error))
+            return true;
+    }
+    return false;
+}
+
 // The contents of the files: compares them with earlier sums, and collects their sums.
 class ContentsCheck {
 public:
@@ -156,9 +169,7 @@ public:
             m_earlier = ReadSumsFile(options.sums);
         if (options.writeSums.empty())
             return;
-        std::error_code error;
-        const fs::path parent = fs::absolute(options.writeSums).parent_path();
-        if (fs::equivalent(parent, store, error))
+        if (IsInside(options.writeSums, store))
             throw Failure("--write-sums: the file must be outside the store " +
                               Quoted(store.string()),
                           STATUS_USAGE);
@@ -168,15 +179,19 @@ public:
     // A process that has the file open may be writing the blocks.
     void Check(FMCachedFile& file, VerifyTotals& totals) {
         const std::string stem = ToString(file.stem);
-        if (file.isOpenElsewhere || file.fileID == FMFileID_None) {
-            file.findings.push_back({"the contents are not checked", "", false});
-            return;
-        }
+        if (file.isOpenElsewhere || file.fileID == FMFileID_None)
+            return Skip(file);
         std::vector<BlockSum> sums;
+        std::string error;
         try {
             sums = SumBlocks(m_store, file);
         } catch (const Failure& failure) {
-            file.findings.push_back({CRtString(failure.what()), "", true});
+            error = failure.what();
+        }
+        if (HasChanged(file))
+            return Skip(file);
+        if (!error.empty()) {
+            file.findings.push_back({CRtString(error), "", true});
             return;
         }
         totals.read += sums.size();
@@ -202,6 +217,21 @@ public:
     }
 
 private:
+    static void Skip(FMCachedFile& file) {
+        file.findings.push_back({"the contents are not checked", "", false});
+    }
+
+    // Reading takes long enough for another process to open, change or remove the file. Then its bytes prove nothing.
+    bool HasChanged(FMCachedFile& file) const {
+        std::optional<FMCachedFile> now = Describe(m_store, file.stem);
+        if (!now)
+            return true;
+        const bool isSame = !now->isOpenElsewhere && now->entries == file.entries &&
+                            now->dataLength == file.dataLength;
+        file = std::move(*now);
+        return !isSame;
+    }
+
     const fs::path m_store;
     Sums m_earlier;
     Sums m_new;
