@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <deque>
+#include <iostream>
 #include <map>
 #include <thread>
 
@@ -462,4 +463,164 @@ TEST(Windows, HousekeepingIgnoresTheCaseOfExtensions) {
     FMWaitUntilIdle();
     EXPECT_EQ(CountFiles(store), 1U);
     EXPECT_TRUE(fs::exists(store / "kept.sddx"));
+}
+
+constexpr uint32_t MIB = 1u << 20;
+
+// Reserves all free ranges of the address space of this many bytes, or more.
+class Reserved {
+public:
+    explicit Reserved(size_t least) {
+        for (size_t size = 1024 * MIB; size >= least; size /= 2) {
+            while (void* range = VirtualAlloc(nullptr, size, MEM_RESERVE, PAGE_NOACCESS)) {
+                m_ranges.push_back(range);
+                bytes += size;
+            }
+        }
+    }
+    ~Reserved() {
+        for (void* range : m_ranges)
+            VirtualFree(range, 0, MEM_RELEASE);
+    }
+    size_t bytes = 0;
+
+private:
+    std::vector<void*> m_ranges;
+};
+
+size_t CountCommittedBytes() {
+    size_t bytes = 0;
+    MEMORY_BASIC_INFORMATION range{};
+    for (const char* at = nullptr; VirtualQuery(at, &range, sizeof(range)) != 0;
+         at = static_cast<const char*>(range.BaseAddress) + range.RegionSize) {
+        if (range.State == MEM_COMMIT && range.Type == MEM_PRIVATE)
+            bytes += range.RegionSize;
+    }
+    return bytes;
+}
+
+// 256 bytes to 512 KiB, each power of two equally often; one block in 1,000 has the largest intended size.
+uint32_t MixedSize(uint32_t block) {
+    if (block % 1000 == 999)
+        return 16 * MIB;
+    const uint32_t hash = block * 2654435761u;
+    const uint32_t least = 256u << (hash >> 16) % 11;
+    return least + (hash >> 5) % least;
+}
+
+// The blocks of a minute are evicted five minutes later, so the memory of the server stays at its limit. Some blocks
+// are read every minute: they stay in memory among others that are evicted.
+TEST(Windows, ServerAtItsMemoryLimitReturnsMemoryAndKeepsLargeRangesFree) {
+    constexpr uint32_t perFile = 10'000;
+    const char* const number = std::getenv("FILEMANAGER_BLOCKS"); // docs/windows.md
+    const auto blocks = static_cast<uint32_t>(number ? std::atoi(number) : 15'000);
+    TestClock clock;
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    const CFileManager& manager = *CFileManager::Instance();
+    const std::string bytes = Pattern(1, 16 * MIB + 4096);
+    std::deque<FileRef> files;
+    std::deque<BlockRef> kept;
+    size_t mostBlocks = 0;
+    size_t most = 0;
+    size_t leastFree = SIZE_MAX;
+    const auto measure = [&] {
+        const size_t committed = CountCommittedBytes();
+        most = std::max(most, committed);
+        leastFree = std::min(leastFree, Reserved(32 * MIB).bytes);
+        return committed;
+    };
+    const auto pass = [&](int64_t ms) {
+        FMWaitUntilIdle(); // the tick evicts no block whose store is pending
+        mostBlocks = std::max(mostBlocks, manager.GetMemoryInUse());
+        measure();
+        clock.Advance(ms);
+        for (const BlockRef& block : kept)
+            Read(*block);
+        FMWaitUntilIdle();
+        return measure();
+    };
+    const auto print = [&](const char* when, size_t committed) {
+        std::cout << when << ": MiB of blocks " << manager.GetMemoryInUse() / MIB << ", committed "
+                  << committed / MIB << "; at most " << mostBlocks / MIB << ", " << most / MIB
+                  << "; free at least " << leastFree / MIB << "\n";
+    };
+    print("start", pass(0));
+    uint32_t written = 0;
+    for (uint32_t i = 0; i < blocks || manager.GetMemoryInUse() < manager.GetMemoryLimit(); ++i) {
+        if (i % perFile == 0)
+            files.push_back(cache.Create(1, FM_FILE_TEMPORARY));
+        if (files.size() > 2) {
+            cache.Close(files.front());
+            files.pop_front();
+        }
+        const uint32_t size = MixedSize(i);
+        const BlockRef block = Cache::Block(*files.back(), i % perFile + 1);
+        const CRtMessageChain piece = CRtMessageBlock::Wrap(bytes.data() + i % 4096, size);
+        ASSERT_EQ(block->WriteData(size, 0, piece.get()), RT_OK);
+        if (i % 50 == 0)
+            kept.push_back(block);
+        if (kept.size() > 400)
+            kept.pop_front();
+        written += size;
+        if (written < 96 * MIB)
+            continue;
+        written = 0;
+        pass(60'000);
+        for (uint32_t old = i % perFile / 2; old > 100; old -= 100) { // many have been evicted
+            const uint32_t at = i - i % perFile + old;
+            EXPECT_TRUE(Read(*Cache::Block(*files.back(), old + 1, 0)) ==
+                        bytes.substr(at % 4096, MixedSize(at)));
+        }
+    }
+    const size_t evicted = pass(300'000);
+    print("idle blocks evicted", evicted);
+    EXPECT_LT(manager.GetMemoryInUse(), 64 * MIB);
+    EXPECT_LT(evicted, 400 * MIB); // the heap alone keeps 526 under Wine
+    EXPECT_LT(most, 768 * MIB);
+    EXPECT_GT(leastFree, 768 * MIB);
+    kept.clear();
+    for (FileRef& file : files)
+        cache.Close(file);
+    const size_t closed = pass(0);
+    print("files closed", closed);
+    EXPECT_LT(closed, 256 * MIB);
+}
+
+TEST(Windows, BlockForWhichThereIsNoAddressSpaceIsRefusedAndNothingIsLost) {
+    TestClock clock;
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    const FMFileInfo info = Description();
+    FileRef file = cache.Create(info);
+    const std::string large = Pattern(1, 16 * MIB);
+    const std::string small = Pattern(2, 5000);
+    const BlockRef stored = Cache::Block(*file, 1);
+    const BlockRef resident = Cache::Block(*file, 2);
+    const BlockRef refused = Cache::Block(*file, 3);
+    Write(*stored, large);
+    Write(*resident, small);
+    FMWaitUntilIdle();
+    clock.Advance(300'000);
+    ASSERT_FALSE(stored->FreeMemory());
+    CountingSink sink;
+    {
+        const Reserved most(8 * MIB); // what is left is for the small objects of the library
+        EXPECT_EQ(Write(*refused, large), RT_ERROR_NULL_OBJECT);
+        EXPECT_EQ(refused->GetTotalLen(), 0U);
+        EXPECT_EQ(Read(*stored), "error " + std::to_string(RT_ERROR_NULL_OBJECT));
+        EXPECT_EQ(stored->ReadData(&sink), RT_OK);
+        FMWaitUntilIdle();
+        EXPECT_EQ(sink.results, std::vector{RT_ERROR_NULL_OBJECT});
+        EXPECT_TRUE(Read(*resident) == small);
+        EXPECT_EQ(Write(*Cache::Block(*file, 4), small), RT_OK);
+        FMWaitUntilIdle();
+    }
+    EXPECT_EQ(Write(*refused, large), RT_OK);
+    cache.Close(file);
+    FMWaitUntilIdle();
+    file = cache.Open(info.fileID);
+    ASSERT_TRUE(file);
+    for (const uint32_t id : {1, 2, 3, 4})
+        EXPECT_TRUE(Read(*Cache::Block(*file, id, 0)) == (id % 2 == 1 ? large : small)) << id;
 }

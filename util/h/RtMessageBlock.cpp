@@ -5,6 +5,8 @@
 #include <cstring>
 #include <new>
 
+#include "os/RtOs.h"
+
 // The header of a shared buffer. One allocation holds the header, the block it was created with, room for a
 // second block, and the bytes; it lives until the last block over the buffer is destroyed. Most buffers have
 // one duplicate at a time, for a store or for a reader: that one is made in the room.
@@ -12,6 +14,7 @@ struct CRtMessageBlock::CRtDataBlock {
     /// The number of blocks over the buffer, plus ROOM_TAKEN while the room holds one of them.
     std::atomic<uint32_t> references{1};
     static constexpr uint32_t ROOM_TAKEN = uint32_t{1} << 31;
+    const bool isPages; // of RtOs::AllocatePages
 
     static constexpr size_t FIRST_AT = 8;
     static constexpr size_t ROOM_AT = FIRST_AT + sizeof(CRtMessageBlock);
@@ -19,6 +22,10 @@ struct CRtMessageBlock::CRtDataBlock {
     // Processors and kernels copy a large buffer several times faster if it starts at a cache line.
     static constexpr size_t CACHE_LINE = 64;
     static constexpr uint32_t LARGE = 4096;
+    // The system allocates address space in units of 64 KiB, so that a smaller buffer would waste more than a quarter.
+    static constexpr size_t PAGES = size_t{256} << 10;
+
+    explicit CRtDataBlock(bool inPages) : isPages(inPages) {}
 
     void* PlaceOfFirst() { return reinterpret_cast<char*>(this) + FIRST_AT; }
     void* Room() { return reinterpret_cast<char*>(this) + ROOM_AT; }
@@ -44,8 +51,12 @@ struct CRtMessageBlock::CRtDataBlock {
         else
             delete block;
         if (references.fetch_sub(share, std::memory_order_acq_rel) == share) {
+            const bool wasPages = isPages;
             this->~CRtDataBlock();
-            ::operator delete(this);
+            if (wasPages)
+                RtOs::FreePages(this);
+            else
+                ::operator delete(this);
         }
     }
 };
@@ -63,13 +74,17 @@ CRtMessageChain CRtMessageBlock::Create(uint32_t size) {
     if (size > SIZE_MAX - CRtDataBlock::BYTES_AT - slack)
         return nullptr;
     size_t space = slack + size;
-    void* const memory = ::operator new(CRtDataBlock::BYTES_AT + space, std::nothrow);
+    const size_t total = CRtDataBlock::BYTES_AT + space;
+    void* memory = size >= CRtDataBlock::PAGES ? RtOs::AllocatePages(total) : nullptr;
+    const bool isPages = memory != nullptr;
+    if (!memory)
+        memory = ::operator new(total, std::nothrow);
     if (!memory)
         return nullptr;
     void* bytes = static_cast<char*>(memory) + CRtDataBlock::BYTES_AT;
     if (slack > 0)
         std::align(CRtDataBlock::CACHE_LINE, size, bytes, space);
-    auto* const data = new (memory) CRtDataBlock;
+    auto* const data = new (memory) CRtDataBlock(isPages);
     return CRtMessageChain(new (data->PlaceOfFirst())
                                CRtMessageBlock(data, static_cast<char*>(bytes), size));
 }

@@ -38,6 +38,13 @@ bool AtProcessEnd(int (*work)());
 /// Generates a unique identifier with the layout of the platform's GUID structure. Never all zero.
 void CreateGuid(uint8_t (&bytes)[16]);
 
+// --- Memory -------------------------------------------------------------------------------------
+
+/// Pages that FreePages returns to the system at once. A heap can keep the memory of a freed buffer if a buffer beside
+/// it is in use, which a 32-bit process cannot afford. Null if out of memory, and always on POSIX.
+void* AllocatePages(size_t size);
+void FreePages(void* pages);
+
 // --- Errors -------------------------------------------------------------------------------------
 
 /// errno: the error number of the last operation of this thread on a file or directory that has failed.

@@ -78,6 +78,9 @@ bool LockDirectory(int fd, int operation) {
 
 namespace RtOs {
 
+void* AllocatePages(size_t) { return nullptr; }
+void FreePages(void*) {}
+
 uint32_t GetProcessId() { return static_cast<uint32_t>(::getpid()); }
 
 bool IsProcessAlive(int64_t processId) {

@@ -145,6 +145,11 @@ bool OpenDirectory(const CRtString& path, Handle& handle, DWORD access, DWORD sh
 
 namespace RtOs {
 
+void* AllocatePages(size_t size) {
+    return ::VirtualAlloc(nullptr, size, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+}
+void FreePages(void* pages) { ::VirtualFree(pages, 0, MEM_RELEASE); }
+
 uint32_t GetProcessId() { return ::GetCurrentProcessId(); }
 
 bool IsProcessAlive(int64_t processId) {
