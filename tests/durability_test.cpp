@@ -173,4 +173,6 @@ TEST(Catalog, AFileThatHasJustBeenClosedIsListedAsItsTableSays) {
     EXPECT_EQ(found.storedBlocks, 2U);
     EXPECT_EQ(FMListCachedFiles("", stems, others), RT_OK);
     EXPECT_TRUE(stems.size() == 1 && stems.front() == stem && others.empty());
+    const CRtString nul(std::string(stem.c_str()) + FM_INFO_EXTENSION + '\0');
+    EXPECT_EQ(FMDescribeCachedFile("", nul, found), RT_ERROR_INVALID_ARG);
 }
