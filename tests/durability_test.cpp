@@ -114,8 +114,13 @@ TEST(Durability, AFlushListsWhatItCouldNotWriteAndTheNextOneWritesIt) {
     EXPECT_EQ(FMFlush(unsaved), RT_ERROR_IO); // the failed write may have torn the older table
     EXPECT_EQ(BlocksOf(unsaved), (std::vector<uint32_t>{7, 9}));
     fs::remove(cache.Path(ids[0], ".sdi"));
+    int result = -1;
+    EXPECT_EQ(FMFlushAsync([&](int flushed, const Unsaved&) { result = flushed; }), RT_OK);
     cache.Stop();
     EXPECT_EQ(FMFlush(unsaved), RT_ERROR_NOT_READY);
+    cache.Start(); // the callback belongs to the former run
+    FMWaitUntilIdle();
+    EXPECT_EQ(result, RT_ERROR_NOT_READY);
     EXPECT_EQ(FMFlushAsync({}), RT_ERROR_INVALID_ARG);
 }
 
