@@ -96,8 +96,13 @@ TEST(Durability, AFlushListsWhatItCouldNotWriteAndTheNextOneWritesIt) {
     BlockPath(openInfo);
     EXPECT_EQ(Flush(RT_ERROR_IO), (Blocks{7, 9})); // the write may have torn the older table
     Unblock(openInfo);
+    int result = -1;
+    EXPECT_EQ(FMFlushAsync([&](int flushed, const auto&) { result = flushed; }), RT_OK);
     cache.Stop();
     Flush(RT_ERROR_NOT_READY);
+    cache.Start(); // the callback belongs to the former run
+    FMWaitUntilIdle();
+    EXPECT_EQ(result, RT_ERROR_NOT_READY);
     EXPECT_EQ(FMFlushAsync({}), RT_ERROR_INVALID_ARG);
 }
 
@@ -160,4 +165,6 @@ TEST(Catalog, AFileThatHasJustBeenClosedIsListedAsItsTableSays) {
     std::vector<CRtString> others;
     EXPECT_EQ(FMListCachedFiles("", stems, others), RT_OK);
     EXPECT_TRUE(stems == std::vector{stem} && others.empty());
+    const CRtString nul(std::string(stem.c_str()) + FM_INFO_EXTENSION + '\0');
+    EXPECT_EQ(FMDescribeCachedFile("", nul, found), RT_ERROR_INVALID_ARG);
 }

@@ -163,6 +163,7 @@ TEST(Mistakes, FilesThatUnInitializeCannotSaveAreCountedAndNamed) {
         log.Count("call Initialize and UnInitialize before the process ends. fileID=" + Text(id)),
         1U)
         << log.Text();
+    EXPECT_GT(log.Count("CDiskFile::Open, system error EISDIR ("), 0U);
     fs::remove(cache.Path(id, ".sdi"));
     cache.Start();
     cache.Stop();
@@ -171,6 +172,46 @@ TEST(Mistakes, FilesThatUnInitializeCannotSaveAreCountedAndNamed) {
     const FileRef again = cache.Open(id);
     ASSERT_TRUE(again);
     EXPECT_EQ(Read(*Cache::Block(*again, 1, 0)), "abc");
+}
+
+TEST(Mistakes, BlocksThatACloseLosesAreCounted) {
+    LogCapture log(RT_LOG_ERROR);
+    Cache cache;
+    FileRef file = cache.Create();
+    const FMFileID id = file->GetFileInfo().fileID;
+    fs::create_directory(cache.Path(id, ".sdd"));
+    for (const uint32_t block : {1U, 2U})
+        Write(*Cache::Block(*file, block), "abc");
+    cache.Close(file);
+    Cache::RunReadwrQueue(); // the stores fail for the last time
+    fs::remove(cache.Path(id, ".sdd"));
+    FMWaitUntilIdle();
+    EXPECT_EQ(log.Count("closed file that could not be stored are lost: 2. To find them before "
+                        "the close, call FMFlush. fileID=" +
+                        Text(id)),
+              1U)
+        << log.Text();
+}
+
+TEST(MistakesDeathTest, AProcessWhoseUnInitializeHasReportedItsFilesDoesNotRepeatIt) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto end = [] {
+        const TempDir dir;
+        static CRtCallerThread thread;
+        IFileManager* manager = IFileManager::Instance();
+        manager->Initialize(CRtString(dir.path.string()), 7, 1);
+        FMFileInfo info = Description();
+        FileRef file;
+        manager->CreateFile(file.Receive(), info);
+        fs::create_directories(dir.path / "sdstore" /
+                               (FMFileIDToString(info.fileID).c_str() + std::string(".sdi")));
+        Write(*Cache::Block(*file, 1), "abc");
+        manager->UnInitialize();
+        std::exit(0);
+    };
+    EXPECT_EXIT(end(), testing::ExitedWithCode(0),
+                testing::AllOf(HasSubstr("UnInitialize, mistake: files in "),
+                               testing::Not(HasSubstr("process end, mistake"))));
 }
 
 TEST(MistakesDeathTest, AProcessThatEndsWithoutUnInitializeCountsItsUnsavedFiles) {

@@ -285,7 +285,8 @@ int FMListCachedFiles(const CRtString& directory, std::vector<CRtString>& stems,
 int FMDescribeCachedFile(const CRtString& directory, const CRtString& stem, FMCachedFile& file) {
     file = {};
     CRtString base;
-    if (stem.empty() || stem.view().find_first_of("/\\") != std::string_view::npos)
+    constexpr std::string_view refused("/\\\0", 3); // NUL: the system would end the path there
+    if (stem.empty() || stem.view().find_first_of(refused) != std::string_view::npos)
         return RT_ERROR_INVALID_ARG;
     if (!LocateDirectory(directory, "FMDescribeCachedFile", base))
         return RT_ERROR_NOT_READY;

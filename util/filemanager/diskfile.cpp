@@ -114,6 +114,7 @@ int CDiskFile::OpenStream(const CRtString& path, uint32_t flags, int& error) {
 void CDiskFile::LogOpening(const CRtString& path, int error) const {
     RT_LOG(RT_LOG_ERROR, "CDiskFile::Open. fopen Failed. error=" << error << " Filename=" << path
                                                                  << " this=" << this);
+    LogSystemError("Open", error);
 }
 
 // If the fingerprint was not determined at close, only identity and length are compared: an unknown fingerprint
@@ -276,14 +277,14 @@ int CDiskFile::Fail(Transfer transfer, RtOs::Transfer result, uint32_t dwLength,
                              << " dwLength=" << dwLength << " dwOffset="
                              << static_cast<uint32_t>(dwOffset) << " this=" << this);
     if (isWrite) // another thread may have read a part: its error is unknown here
-        LogSystemError(error);
+        LogSystemError("WriteData", error);
     return RT_ERROR_IO;
 }
 
-void CDiskFile::LogSystemError(int error) const {
-    RT_LOG(RT_LOG_ERROR, "CDiskFile::WriteData, system error " << RtOs::GetErrorText(error)
-                                                               << ", filename=" << m_strFileName
-                                                               << " this=" << this);
+// Behind the prescribed line of the failure, which has at most a number. `call`: the operation.
+void CDiskFile::LogSystemError(const char* call, int error) const {
+    RT_LOG(RT_LOG_ERROR, "CDiskFile::" << call << ", system error " << RtOs::GetErrorText(error)
+                                       << ", filename=" << m_strFileName << " this=" << this);
 }
 
 bool CDiskFile::IsStreamOpen() {
@@ -316,8 +317,10 @@ int CDiskFile::RemoveMee() {
     if (RtOs::GetEntryKind(m_strFileName) == RtOs::EntryKind::Missing)
         return RT_OK;
     if (const int result = RtOs::RemoveFile(m_strFileName); result != 0) {
+        const int error = RtOs::GetErrno();
         RT_LOG(RT_LOG_ERROR, "CDiskFile::RemoveMee. unlink Failed. Error Ret: "
                                  << result << " Filename=" << m_strFileName << " this=" << this);
+        LogSystemError("RemoveMee", error);
         return RT_ERROR_IO;
     }
     return RT_OK;

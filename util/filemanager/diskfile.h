@@ -94,7 +94,7 @@ protected:
     bool ReadQuietly(void* buffer, uint32_t length) const;
 
 private:
-    void LogSystemError(int error) const;
+    void LogSystemError(const char* call, int error) const;
     int Fail(Transfer transfer, RtOs::Transfer result, uint32_t dwLength, uint64_t dwOffset);
     void LogOpening(const CRtString& path, int error) const;
     void CloseStream() final;

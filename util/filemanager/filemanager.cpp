@@ -64,7 +64,8 @@ CFileManager::CFileManager() {
 
 CFileManager::~CFileManager() {
     RT_LOG(RT_LOG_TRACE, "CFileManager::~CFileManager");
-    ReportUnsaved("process end", "Call IFileManager::UnInitialize before the process ends.");
+    if (m_init) // else UnInitialize has reported them
+        ReportUnsaved("process end", "Call IFileManager::UnInitialize before the process ends.");
     s_alive.store(nullptr, std::memory_order_release);
 }
 

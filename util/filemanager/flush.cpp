@@ -27,22 +27,27 @@ CFileManager* BeginFlush(const char* call) {
     return manager;
 }
 
-int PostFlush(CFileManager& manager, FlushDone done);
+int PostFlush(CFileManager& manager, uint32_t thread, FlushDone done);
 
-// On the caller thread, behind the stores that were queued before the flush.
-void EndFlush(CFileManager& manager, const FlushDone& done) {
+// On the caller thread, behind the stores that were queued before the flush. `thread`: the read/write thread of that
+// time. If UnInitialize has run, there is none or another one.
+void EndFlush(CFileManager& manager, uint32_t thread, const FlushDone& done) {
+    if (manager.GetReadwrThreadID() != thread)
+        return done(RT_ERROR_NOT_READY, {});
     // A file that was closed in between has queued its failed stores once more.
     const bool isStoring =
         std::ranges::any_of(manager.GetLiveFiles().Get(nullptr), &CFMFile::IsClosing);
-    if (isStoring && RT_SUCCEEDED(PostFlush(manager, done)))
+    if (isStoring && RT_SUCCEEDED(PostFlush(manager, thread, done)))
         return;
     Unsaved unsaved;
     const int result = manager.SaveAll(unsaved);
-    done(manager.GetReadwrThreadID() == 0 ? RT_ERROR_NOT_READY : result, unsaved);
+    done(result, unsaved);
 }
 
-int PostFlush(CFileManager& manager, FlushDone done) {
-    const auto end = [&manager, done = std::move(done)] { EndFlush(manager, done); };
+int PostFlush(CFileManager& manager, uint32_t thread, FlushDone done) {
+    const auto end = [&manager, thread, done = std::move(done)] {
+        EndFlush(manager, thread, done);
+    };
     const auto post = [&manager, end] { manager.PostToCallerThread(new CFMCall(end), 0); };
     return manager.PostToReadwrThread(new CFMCall(post), 0);
 }
@@ -61,7 +66,8 @@ int FMFlushAsync(FlushDone done) {
     if (!done)
         return RT_ERROR_INVALID_ARG;
     CFileManager* const manager = BeginFlush("FMFlushAsync");
-    return manager ? PostFlush(*manager, std::move(done)) : RT_ERROR_NOT_READY;
+    return manager ? PostFlush(*manager, manager->GetReadwrThreadID(), std::move(done))
+                   : RT_ERROR_NOT_READY;
 }
 
 // After the stores: writes the tables.

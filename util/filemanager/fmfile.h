@@ -104,6 +104,7 @@ private:
     void PostTable(bool isIdle);
     void PostTable_m();
     bool WriteTable();
+    size_t CountLostBlocks();
     bool WriteTableNow();
     Info LoadInfo(uint32_t readAhead);
     Info ExplainFailure(int ret);

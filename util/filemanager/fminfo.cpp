@@ -78,8 +78,22 @@ void CFMFile::PostTable_m() {
 }
 
 void CFMFile::SaveFileInfo_m() noexcept {
+    const size_t lost = m_entry->IsDetached() ? 0 : CountLostBlocks();
     if (!WriteTable())
-        FMHost::KeepUnsaved(this);
+        return FMHost::KeepUnsaved(this);
+    if (lost > 0)
+        RT_LOG(RT_LOG_ERROR, "CFMFile::SaveFileInfo_m, blocks of the closed file that could not be "
+                             "stored are lost: "
+                                 << uint64_t{lost}
+                                 << ". To find them before the close, call FMFlush. "
+                                 << GetLogName() << " this=" << this);
+}
+
+// The stores that the table of a closed file awaited have ended: those that it still awaits have failed.
+size_t CFMFile::CountLostBlocks() {
+    const auto lock = m_stores.LockShared();
+    const FMTable* const table = m_stores.GetTable();
+    return table ? table->awaited.size() : 0;
 }
 
 // False if the table could not be written: it stays pending.

@@ -133,7 +133,7 @@ RT_EXPORT int FMListCachedFiles(const CRtString& directory, std::vector<CRtStrin
 /// @param stem the stem.
 /// @param[out] file the description; only valid with #RT_OK.
 /// @retval RT_OK also for a damaged file.
-/// @retval RT_ERROR_INVALID_ARG `stem` is empty or contains a separator of paths.
+/// @retval RT_ERROR_INVALID_ARG `stem` is empty, or contains a separator of paths or a NUL byte.
 /// @retval RT_ERROR_NOT_FOUND the file has neither an information file nor a data file, and is not open.
 /// @retval RT_ERROR_NOT_READY `directory` is empty, and the manager is not running or the calling thread is not the
 ///     caller thread.
@@ -178,7 +178,7 @@ RT_EXPORT int64_t FMAgeInDays(uint32_t createTime, int64_t now);
 /// @param force also remove a file that is open, or whose lock cannot be taken. A process that has the file open then
 ///     notices the removal at its next store or when it closes the file, and may write the file again.
 /// @retval RT_OK both files are gone.
-/// @retval RT_ERROR_INVALID_ARG `directory` or `stem` is empty, or `stem` contains a separator of paths.
+/// @retval RT_ERROR_INVALID_ARG `directory` or `stem` is empty, or `stem` contains a separator of paths or a NUL byte.
 /// @retval RT_ERROR_NOT_FOUND there is neither an information file nor a data file.
 /// @retval RT_ERROR_NOT_READY a process, this one included, has the file open; nothing was removed.
 /// @retval RT_ERROR_IO the lock could not be taken, for example for lack of permission, or a file could not be removed;

@@ -210,8 +210,9 @@ RT_EXPORT int FMWaitUntilIdle(uint32_t milliseconds = FM_WAIT_FOREVER);
 /// As FMWaitUntilIdle, but does not wait: calls a function on the caller thread when both threads are idle, so the
 /// event loop of the caller thread has to run. While the application keeps both threads busy, the function is not
 /// called. Call it on the caller thread.
-/// @param done called once, with RT_OK; or with RT_ERROR_NOT_READY if the read/write thread stops before. If the
-///     caller thread ends first, `done` is not called.
+/// @param done called once, with RT_OK; after IFileManager::UnInitialize, as soon as the caller thread is idle. Or
+///     with RT_ERROR_NOT_READY if one of the two threads takes no more events because it stops, or if the process is
+///     ending. If the caller thread ends first, `done` is not called.
 /// @retval RT_OK `done` will be called.
 /// @retval RT_ERROR_INVALID_ARG `done` is empty.
 /// @retval RT_ERROR_NULL_OBJECT the manager could not be created.
