@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "FMStatistics.h"
 #include "testing/kit.h"
 #include "util/filemanager/fmfile.h"
 
@@ -46,6 +47,13 @@ TEST(Mistakes, InitializeOnAnotherThreadThanTheCallerThreadIsReported) {
         1U);
     RtRunOnCallerThread([&] { manager->UnInitialize(); }, true);
     EXPECT_EQ(log.Count("mistake"), 1U) << log.Text();
+}
+
+TEST(Mistakes, AMarkThatIsSetOnAnotherThreadIsReported) {
+    LogCapture log(RT_LOG_ERROR);
+    const Cache cache;
+    On([] { FMSetHighWaterMark(0, {}); });
+    EXPECT_EQ(log.Count("FMSetHighWaterMark, mistake: called on a thread"), 1U) << log.Text();
 }
 
 TEST(Mistakes, UseBeforeInitializeIsReportedAndWritesNothing) {

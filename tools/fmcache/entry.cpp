@@ -142,8 +142,12 @@ std::string ExpiryText(const FMExpiry& expiry, int64_t now) {
     return WhenWord(expiry.when) + (": " + ToString(expiry.reason));
 }
 
+// The library knows the rule: it judges a file that is created at the time 0.
 std::string RuleText(uint16_t days) {
-    return "older than " + Count(days, "day") + ": removed from day " + std::to_string(days + 2) +
+    FMCachedFile created;
+    created.hasData = created.isDescribed = true;
+    const int64_t removalDay = DaysLeft(FMJudgeExpiry(created, days, 0), 0);
+    return "older than " + Count(days, "day") + ": removed from day " + std::to_string(removalDay) +
            " on";
 }
 

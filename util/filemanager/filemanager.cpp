@@ -73,8 +73,10 @@ int CFileManager::Initialize(const CRtString& dataDir, uint16_t clearDays, int i
     RT_LOG(RT_LOG_TRACE, "CFileManager::Initialize, dataDir=" << dataDir
                                                               << ", isServer=" << isServer
                                                               << ", clearDays=" << clearDays);
-    if (m_init)
+    if (m_init) {
+        CFMMistakes::CheckThread("IFileManager::Initialize");
         return RT_OK;
+    }
     m_isServer = isServer;
     m_memoMax = isServer ? SERVER_MEMORY_LIMIT : CLIENT_MEMORY_LIMIT;
     m_timer.Schedule(this, CRtTimeValue(TICK_SECONDS, 0), 0);

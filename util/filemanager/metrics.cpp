@@ -4,6 +4,7 @@
 #include "FMStatistics.h"
 #include "RtResult.h"
 #include "filemanager.h"
+#include "mistakes.h"
 #include "statistics.h"
 
 namespace {
@@ -119,6 +120,7 @@ void FMGetStatistics(FMStatistics& statistics) {
 uint64_t FMGetUnstoredBytes() { return g_statistics.GetUnstored(); }
 
 int FMSetHighWaterMark(uint64_t bytes, std::function<void(bool)> callback) {
+    CFMMistakes::CheckThread("FMSetHighWaterMark");
     if (bytes > 0 && !callback)
         return RT_ERROR_INVALID_ARG;
     CFileManager* const manager = CFileManager::Instance();

@@ -17,8 +17,8 @@
 ///   another block length, an exceeded limit, a directory that cannot be created, and files that were not saved
 ///   at the end. The line names the operation and the remedy. The check does not change what the operation does.
 ///   If the library was compiled without NDEBUG, a mistake also stops the process in the debugger, if one is
-///   attached. IFMFile::GetFileInfo, IFMBlock::GetFile, IFMBlock::GetFileID, IFMBlock::GetBlockID and
-///   FMSetHighWaterMark do not check the thread.
+///   attached. Only IFMFile::GetFileInfo, IFMBlock::GetFile, IFMBlock::GetFileID and IFMBlock::GetBlockID
+///   do not check the thread.
 /// - **References.** An object returned through an out argument carries one reference for the receiver.
 ///   The receiver gives it back with `ReleaseReference`; CRtComAutoPtr does so in its destructor. If an
 ///   operation fails, its out arguments are not valid, except where its description says so.
