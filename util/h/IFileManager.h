@@ -30,9 +30,9 @@
 ///   the process exits.
 /// - **Failed writes.** If a store fails (disk full, for example), the log has a line, the block stays
 ///   readable in memory, and each tick retries the store. A tick is a call of the manager's timer, every 60 s
-///   on the caller thread. Closing the file retries it again; if that fails, a later run does not find the block. If a
-///   block table cannot be written, it stays pending: each tick and IFileManager::UnInitialize retry it. It
-///   is dropped at process end only.
+///   on the caller thread. Closing the file retries it again; if that fails, a later run does not find the
+///   block, and the log has the number of lost blocks. If a block table cannot be written, it stays pending:
+///   each tick and IFileManager::UnInitialize retry it. It is dropped at process end only.
 /// - **Changes by other programs.** If another program removes or truncates a data file, the next store and
 ///   the closing of the file notice it. The blocks stored before then count as lost on disk: while the file
 ///   is open, the next tick stores again those that are in memory. Reading another one fails with
