@@ -113,7 +113,9 @@ END
     run 0 verify && says '^checked: structure only; the format has no checksums$'
     json 1 "j['sound'] is False and j['files'][0]['faults'] == 1000 and j['blocksRead'] == j['blocksCompared'] == 1200" verify --sums sums
     head -c -9 sums >short && fails 3 'line [0-9]+ is damaged' verify --sums short
-    ln -s "cache/sdstore/$id.sdd" link && fails 2 'outside the store' verify --write-sums link --force
+    if [ -z "$emulated" ]; then # Wine shows a link of the host system as a file
+        ln -s "cache/sdstore/$id.sdd" link && fails 2 'outside the store' verify --write-sums link --force
+    fi
     if [ -e /proc/self/fd ] && [ -z "$emulated" ]; then # opened and changed while its blocks are read
         truncate -s 200M slow && id=$(put slow) && run 0 verify --write-sums sums --force
         nice "$fmcache" verify "$id" --sums sums </dev/null >stdout 2>stderr &
