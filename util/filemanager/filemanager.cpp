@@ -93,6 +93,7 @@ int CFileManager::Initialize(const CRtString& dataDir, uint16_t clearDays, int i
     CFMMistakes::CheckThread("IFileManager::Initialize");
     ReportMissingDataDir();
     m_init = 1;
+    ++m_run;
     return RT_OK;
 }
 

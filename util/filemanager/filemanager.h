@@ -75,6 +75,9 @@ public:
     /// The identifiers in the paths of the open files.
     std::vector<FMFileID> GetOpenPaths() const;
     bool IsRunning() const { return m_init != 0; }
+    /// Differs in each run, which lasts from Initialize to UnInitialize. The identifier of the read/write thread does
+    /// not: a system may give it to the next thread.
+    uint32_t GetRun() const { return m_run; }
     CFMLiveFiles& GetLiveFiles() { return m_live; }
 
     // Data directory. The paths are written once, before the read/write thread starts.
@@ -177,6 +180,7 @@ private:
     CRtThread* m_pReadwrTd = nullptr;
     CRtThread* m_pCallerTd = nullptr;
     int m_init = 0;
+    uint32_t m_run = 0;
     CRtString m_rootDir;
     CRtString m_dataDir;
     int m_isServer = 0;

@@ -27,27 +27,24 @@ CFileManager* BeginFlush(const char* call) {
     return manager;
 }
 
-int PostFlush(CFileManager& manager, uint32_t thread, FlushDone done);
+int PostFlush(CFileManager& manager, uint32_t run, FlushDone done);
 
-// On the caller thread, behind the stores that were queued before the flush. `thread`: the read/write thread of that
-// time. If UnInitialize has run, there is none or another one.
-void EndFlush(CFileManager& manager, uint32_t thread, const FlushDone& done) {
-    if (manager.GetReadwrThreadID() != thread)
+// On the caller thread, behind the stores that were queued before the flush. `run`: that of the manager at that time.
+void EndFlush(CFileManager& manager, uint32_t run, const FlushDone& done) {
+    if (!manager.IsRunning() || manager.GetRun() != run)
         return done(RT_ERROR_NOT_READY, {});
     // A file that was closed in between has queued its failed stores once more.
     const bool isStoring =
         std::ranges::any_of(manager.GetLiveFiles().Get(nullptr), &CFMFile::IsClosing);
-    if (isStoring && RT_SUCCEEDED(PostFlush(manager, thread, done)))
+    if (isStoring && RT_SUCCEEDED(PostFlush(manager, run, done)))
         return;
     Unsaved unsaved;
     const int result = manager.SaveAll(unsaved);
     done(result, unsaved);
 }
 
-int PostFlush(CFileManager& manager, uint32_t thread, FlushDone done) {
-    const auto end = [&manager, thread, done = std::move(done)] {
-        EndFlush(manager, thread, done);
-    };
+int PostFlush(CFileManager& manager, uint32_t run, FlushDone done) {
+    const auto end = [&manager, run, done = std::move(done)] { EndFlush(manager, run, done); };
     const auto post = [&manager, end] { manager.PostToCallerThread(new CFMCall(end), 0); };
     return manager.PostToReadwrThread(new CFMCall(post), 0);
 }
@@ -66,8 +63,7 @@ int FMFlushAsync(FlushDone done) {
     if (!done)
         return RT_ERROR_INVALID_ARG;
     CFileManager* const manager = BeginFlush("FMFlushAsync");
-    return manager ? PostFlush(*manager, manager->GetReadwrThreadID(), std::move(done))
-                   : RT_ERROR_NOT_READY;
+    return manager ? PostFlush(*manager, manager->GetRun(), std::move(done)) : RT_ERROR_NOT_READY;
 }
 
 // After the stores: writes the tables.
