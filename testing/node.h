@@ -9,7 +9,7 @@
 #include "ISDUser.h"
 #include "testing/require.h"
 
-class Node final : public ISDUser {
+class Node : public ISDUser {
 public:
     /// @param number identifies it: its hash, its host, and with 1 added its tag
     Node(uint32_t number, bool p2p, bool isPublic, uint32_t ip)

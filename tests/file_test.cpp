@@ -5,6 +5,7 @@
 #include <future>
 
 #include "testing/kit.h"
+#include "testing/node.h"
 #include "util/filemanager/filemanager.h"
 
 TEST(Registry, LastDetachClosesTheFile) {
@@ -96,30 +97,26 @@ TEST(File, CreatingAFileDoesNotWaitForItsPredecessor) {
 }
 
 TEST(File, BlockLogsItsDestructorLineBeforeItReleasesItsOwners) {
-    class Owner final : public CRtCounted<ISDUser> {
+    class Owner final : public Node {
     public:
-        Owner(LogCapture& log, size_t& lines) : m_log(log), m_lines(lines) {}
-        ~Owner() override { m_lines = m_log.Count("CFMBlock::~CFMBlock, blockID="); }
-        const CTavoSID& GetNodeSID() override { return m_sid; }
-        int IsP2P() override { return 1; }
-        int IsPublic() override { return 0; }
-        uint32_t GetAddressTag() override { return 0; }
-        uint32_t GetIP() override { return 1; }
-        const SDAddress& GetAddress() override { return m_address; }
+        explicit Owner(LogCapture& log) : Node(1, true, false, 1), m_log(log) {}
+        uint32_t ReleaseReference() override {
+            lines = m_log.Count("CFMBlock::~CFMBlock, blockID=");
+            return Node::ReleaseReference();
+        }
+        size_t lines = 0;
 
     private:
         LogCapture& m_log;
-        size_t& m_lines;
-        CTavoSID m_sid;
-        SDAddress m_address;
     };
     LogCapture log;
+    Owner owner(log);
     Cache cache;
     FileRef file = cache.Create();
-    size_t lines = 0;
-    Cache::Block(*file, 1)->SetOwner(CRtComAutoPtr<Owner>(new Owner(log, lines)).Get(), 1);
+    Cache::Block(*file, 1)->SetOwner(&owner, 1);
     cache.Close(file);
-    EXPECT_EQ(lines, 1U);
+    EXPECT_EQ(owner.references, 0);
+    EXPECT_EQ(owner.lines, 1U);
 }
 
 TEST(DiskFile, RefusesImpossibleRangesAndReportsFailures) {

@@ -118,12 +118,16 @@ END
     fi
     if [ -e /proc/self/fd ] && [ -z "$emulated" ]; then # opened and changed while its blocks are read
         truncate -s 200M slow && id=$(put slow) && run 0 verify --write-sums sums --force
-        nice "$fmcache" verify "$id" --sums sums </dev/null >stdout 2>stderr &
-        until grep -qsE '^pos:.*[0-9]{7}' /proc/$!/fdinfo/[3-9]; do kill -0 $! || fail "the sums are not read"; done
-        kill -STOP $!
+        checking=none
+        until grep -qsE '^pos:.*[0-9]{7}' "/proc/$checking/fdinfo/"[3-9]; do # again, if it has ended before that was seen
+            kill -0 "$checking" 2>/dev/null && continue
+            nice "$fmcache" verify "$id" --sums sums </dev/null >stdout 2>stderr &
+            checking=$!
+        done
+        kill -STOP "$checking"
         printf x | dd of="cache/sdstore/$id.sdd" bs=1 seek=209715199 conv=notrunc status=none
-        while_open "$id" sh -c "kill -CONT $! && tail --pid=$! -f /dev/null"
-        wait $! || fail "a live file is reported as damaged: $(cat stdout)"
+        while_open "$id" sh -c "kill -CONT $checking && tail --pid=$checking -f /dev/null"
+        wait "$checking" || fail "a live file is reported as damaged: $(cat stdout)"
         says '0 damaged, 1 open'
     fi
     echo >sums && fails 3 'not a file of verify' verify --sums sums

@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <functional>
 #include <thread>
 
+#include "FMCatalog.h"
 #include "FMStatistics.h"
 #include "testing/kit.h"
 #include "util/filemanager/fmfile.h"
@@ -14,6 +16,16 @@ namespace {
 using testing::HasSubstr;
 
 void On(const std::function<void()>& work) { std::thread(work).join(); }
+
+// A program, in the child process of a death test: the process ends after `work`.
+void RunProgram(const std::function<void(IFileManager& manager, const fs::path& store)>& work) {
+    const TempDir dir;
+    static CRtCallerThread thread;
+    IFileManager* manager = IFileManager::Instance();
+    manager->Initialize(CRtString(dir.path.string()), 7, 1);
+    work(*manager, dir.path / FM_SERVER_STORE);
+    std::exit(0);
+}
 
 std::string Text(const FMFileID& id) { return FMFileIDToString(id).c_str(); }
 
@@ -203,44 +215,32 @@ TEST(Mistakes, BlocksThatACloseLosesAreCounted) {
 
 TEST(MistakesDeathTest, AProcessWhoseUnInitializeHasReportedItsFilesDoesNotRepeatIt) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const auto end = [] {
-        const TempDir dir;
-        static CRtCallerThread thread;
-        IFileManager* manager = IFileManager::Instance();
-        manager->Initialize(CRtString(dir.path.string()), 7, 1);
-        FMFileInfo info = Description();
+    const auto program = [](IFileManager& manager, const fs::path& store) {
+        const FMFileInfo info = Description();
         FileRef file;
-        manager->CreateFile(file.Receive(), info);
-        fs::create_directories(dir.path / "sdstore" /
-                               (FMFileIDToString(info.fileID).c_str() + std::string(".sdi")));
+        manager.CreateFile(file.Receive(), info);
+        fs::create_directories(store / (Text(info.fileID) + ".sdi"));
         Write(*Cache::Block(*file, 1), "abc");
-        manager->UnInitialize();
-        std::exit(0);
+        manager.UnInitialize();
     };
-    EXPECT_EXIT(end(), testing::ExitedWithCode(0),
+    EXPECT_EXIT(RunProgram(program), testing::ExitedWithCode(0),
                 testing::AllOf(HasSubstr("UnInitialize, mistake: files in "),
                                testing::Not(HasSubstr("process end, mistake"))));
 }
 
 TEST(MistakesDeathTest, AProcessThatEndsWithoutUnInitializeCountsItsUnsavedFiles) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const auto endWithoutUnInitialize = [] {
-        const TempDir dir;
-        static CRtCallerThread thread;
-        IFileManager* manager = IFileManager::Instance();
-        manager->Initialize(CRtString(dir.path.string()), 7, 1);
+    const auto program = [](IFileManager& manager, const fs::path&) {
         for (int i = 0; i < 41; ++i) {
-            FMFileInfo info = Description();
             FileRef file;
-            manager->CreateFile(file.Receive(), info);
+            manager.CreateFile(file.Receive(), Description());
             Cache::Block(*file, 1);
             BlockRef removed; // else file and block would reference each other at the end
             file->RemoveBlock(1, removed.Receive());
         }
-        std::exit(0);
     };
     EXPECT_EXIT(
-        endWithoutUnInitialize(), testing::ExitedWithCode(0),
+        RunProgram(program), testing::ExitedWithCode(0),
         testing::AllOf(HasSubstr("process end, mistake: files in "),
                        HasSubstr(" that were not saved: 41. Call IFileManager::UnInitialize "
                                  "before the process ends. fileID={"),
