@@ -281,7 +281,7 @@ int CDiskFile::Fail(Transfer transfer, RtOs::Transfer result, uint32_t dwLength,
     return RT_ERROR_IO;
 }
 
-// Behind the prescribed line of the failure, which has at most a number. `call`: the operation.
+// After the line of the failure, which has the number of the error at most.
 void CDiskFile::LogSystemError(const char* call, int error) const {
     RT_LOG(RT_LOG_ERROR, "CDiskFile::" << call << ", system error " << RtOs::GetErrorText(error)
                                        << ", filename=" << m_strFileName << " this=" << this);

@@ -8,9 +8,10 @@
 /// (`.sdi`) contains the description and the block table.
 ///
 /// - **Threads.** Call all operations on the caller thread (RtRuntime.h). The library calls IFMBlockSink and
-///   ISDUser on the caller thread, too. Exceptions: functions whose description says so, IFileManager::Instance, FMWaitUntilIdle, FMGetStatistics,
-///   FMFormatStatistics, FMGetUnstoredBytes, the functions of FMFileID.h and RtResult.h, the catalog of a given
-///   directory (FMCatalog.h) and the reference counts work on any thread, and log lines come from any thread.
+///   ISDUser on the caller thread, too. Exceptions: functions whose description says so,
+///   IFileManager::Instance, FMWaitUntilIdle, FMGetStatistics, FMFormatStatistics, FMGetUnstoredBytes, the
+///   functions of FMFileID.h and RtResult.h, the catalog of a given directory (FMCatalog.h) and the reference
+///   counts work on any thread, and log lines come from any thread.
 ///   The *read/write thread* is a thread of the library that stores and loads blocks.
 /// - **Mistakes.** The log has a line with the word "mistake" (#RT_LOG_ERROR) for a call on a wrong thread, a
 ///   call before Initialize or after UnInitialize, a description or block that cannot be saved, a piece with
