@@ -57,6 +57,5 @@ endfunction()
 # Compiles the sources of a program as one unit. Most of the compile time, and of clang-tidy's time, goes into
 # headers that these sources share.
 function(filemanager_together target)
-    set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 0
-        UNITY_BUILD_CODE_BEFORE_INCLUDE "// NOLINTNEXTLINE(bugprone-suspicious-include)")
+    set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 0)
 endfunction()

@@ -12,7 +12,7 @@
 #include "os/RtOs.h"
 
 namespace {
-constexpr char SOURCE[] = "util/filemanager/diskfile";
+constexpr char STREAM_SOURCE[] = "util/filemanager/diskfile";
 
 // A read that the waiting sender of the event helps with: copying a large range takes far longer than
 // finding it in the page cache.
@@ -55,7 +55,7 @@ CDiskFile::CDiskFile(CRtString strFileName, uint32_t flags, void (*onMissingDire
     : m_strFileName(std::move(strFileName)), m_flags(flags),
       m_onMissingDirectory(onMissingDirectory) {
     RT_LOG(RT_LOG_TRACE, "CDiskFile::CDiskFile, filename=" << m_strFileName << " this=" << this);
-    RT_CHECK(SOURCE, !m_strFileName.empty(), "!strFileName.empty()");
+    RT_CHECK(STREAM_SOURCE, !m_strFileName.empty(), "!strFileName.empty()");
 }
 
 CDiskFile::~CDiskFile() {
@@ -217,7 +217,7 @@ void CDiskFile::LogCannotOpen(Transfer transfer) const {
 
 int CDiskFile::WriteData(const void* lpBuffer, uint64_t dwOffset, uint32_t dwLength, int) {
     LogTransfer(Transfer::Write, dwLength, dwOffset);
-    if (!RT_CHECK(SOURCE, lpBuffer && dwLength > 0, "lpBuffer && dwLength >0"))
+    if (!RT_CHECK(STREAM_SOURCE, lpBuffer && dwLength > 0, "lpBuffer && dwLength >0"))
         return RT_ERROR_INVALID_ARG;
     const CStreamKeeper::CUse use(*this);
     const int result = OpenFor(Transfer::Write);
@@ -244,7 +244,7 @@ int CDiskFile::Put(std::span<const RtOs::Piece> pieces, uint64_t offset) {
 
 int CDiskFile::ReaddData(void* lpBuffer, uint64_t dwOffset, const uint32_t& dwLength) {
     LogTransfer(Transfer::Read, dwLength, dwOffset);
-    if (!RT_CHECK(SOURCE, lpBuffer && dwLength > 0, "lpBuffer && dwLength>0"))
+    if (!RT_CHECK(STREAM_SOURCE, lpBuffer && dwLength > 0, "lpBuffer && dwLength>0"))
         return RT_ERROR_INVALID_ARG;
     const CStreamKeeper::CUse use(*this);
     m_isTooShort = false;
@@ -344,7 +344,7 @@ int CInfoFile::WritePieces(std::span<const RtOs::Piece> pieces, uint64_t offset,
         const RtOs::Piece& piece = pieces[failed];
         if (failed > 0)
             LogTransfer(Transfer::Write, piece.length, offset);
-        if (!RT_CHECK(SOURCE, IsPieceValid(piece), "lpBuffer && dwLength >0"))
+        if (!RT_CHECK(STREAM_SOURCE, IsPieceValid(piece), "lpBuffer && dwLength >0"))
             return RT_ERROR_INVALID_ARG;
         if (!isWritten)
             ret = Put({&piece, 1}, offset);
@@ -362,13 +362,13 @@ int CInfoFile::WriteFileInfo(const void* body, uint32_t length) {
         {FM_INFO_MAGIC, FM_INFO_MAGIC_SIZE}, {prefix, sizeof(prefix)}, {body, length}};
     size_t failed = 0;
     const int ret = WritePieces(pieces, 0, failed);
-    if (RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
+    if (RT_CHECK(STREAM_SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
         m_fileInfoLen = length;
     return ret;
 }
 
 int CInfoFile::WriteBlockInfo(const void* body, uint32_t length) {
-    if (!RT_CHECK(SOURCE, m_fileInfoLen > 0, "m_fileInfoLen >0"))
+    if (!RT_CHECK(STREAM_SOURCE, m_fileInfoLen > 0, "m_fileInfoLen >0"))
         return RT_ERROR_NOT_READY;
     // Write the length last: a torn body over an older one must not load as complete.
     uint8_t prefix[FM_INFO_LENGTH_SIZE] = {};
@@ -378,7 +378,7 @@ int CInfoFile::WriteBlockInfo(const void* body, uint32_t length) {
     const int ret = WritePieces(pieces, GetBlockBodyOffset() - sizeof(prefix), failed);
     if (RT_SUCCEEDED(ret))
         return WriteBlockInfoLength(length);
-    RT_CHECK(SOURCE, failed > 0, "RT_SUCCEEDED(ret)"); // of the body, no line
+    RT_CHECK(STREAM_SOURCE, failed > 0, "RT_SUCCEEDED(ret)"); // of the body, no line
     return ret;
 }
 
@@ -389,7 +389,7 @@ int CInfoFile::WriteBlockInfoLength(uint32_t length) {
     uint8_t prefix[FM_INFO_LENGTH_SIZE] = {};
     FMPutLength(length, prefix);
     const int ret = WriteData(prefix, GetBlockBodyOffset() - sizeof(prefix), sizeof(prefix), 1);
-    RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)");
+    RT_CHECK(STREAM_SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)");
     return ret;
 }
 
@@ -428,7 +428,7 @@ int CInfoFile::ReaddFileInfo(void* buffer, uint32_t* length) {
     char magic[16] = {};
     uint8_t prefix[FM_INFO_LENGTH_SIZE] = {};
     int ret = ReadPart(magic, 0, FM_INFO_MAGIC_SIZE);
-    if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
+    if (!RT_CHECK(STREAM_SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
         return ret;
     if (std::strcmp(magic, FM_INFO_MAGIC) != 0) {
         RT_LOG(RT_LOG_ERROR, "CInfoFile::ReaddFileInfo. not sdinfo file! readFileHeader="
@@ -436,14 +436,14 @@ int CInfoFile::ReaddFileInfo(void* buffer, uint32_t* length) {
         return RT_ERROR_NOT_READY;
     }
     ret = ReadPart(prefix, FM_INFO_LENGTH_OFFSET, sizeof(prefix));
-    if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
+    if (!RT_CHECK(STREAM_SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
         return ret;
     const uint32_t capacity = *length;
     *length = FMGetLength(prefix);
     if (*length > capacity)
         return RT_ERROR_INVALID_ARG;
     ret = ReadPart(buffer, FM_INFO_BODY_OFFSET, *length);
-    if (RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
+    if (RT_CHECK(STREAM_SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
         m_fileInfoLen = *length;
     return ret;
 }
@@ -452,12 +452,12 @@ int CInfoFile::ReaddBlockInfo(void* buffer, uint32_t* capacity) {
     const uint64_t offset = uint64_t{FM_INFO_BODY_OFFSET} + m_fileInfoLen;
     uint8_t prefix[FM_INFO_LENGTH_SIZE] = {};
     int ret = ReadPart(prefix, offset, sizeof(prefix));
-    if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
+    if (!RT_CHECK(STREAM_SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
         return ret;
     const uint32_t length = FMGetLength(prefix);
     if (*capacity >= length) {
         ret = ReadPart(buffer, offset + sizeof(prefix), length);
-        if (!RT_CHECK(SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
+        if (!RT_CHECK(STREAM_SOURCE, RT_SUCCEEDED(ret), "RT_SUCCEEDED(ret)"))
             return ret;
     }
     *capacity = length;

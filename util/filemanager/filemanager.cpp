@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr char SOURCE[] = "util/filemanager/filemanager";
+constexpr char MANAGER_SOURCE[] = "util/filemanager/filemanager";
 constexpr int64_t TICK_SECONDS = 60;
 constexpr size_t SERVER_MEMORY_LIMIT = 536870912;
 constexpr size_t CLIENT_MEMORY_LIMIT = 67108864;
@@ -233,9 +233,9 @@ void CFileManager::DropTables() {
 }
 
 int CFileManager::PostToReadwrThread(IRtEvent* aFunctor, int sync, int priority) {
-    if (!RT_CHECK(SOURCE, aFunctor, "aFunctor"))
+    if (!RT_CHECK(MANAGER_SOURCE, aFunctor, "aFunctor"))
         return RT_ERROR_NULL_OBJECT;
-    if (!RT_CHECK(SOURCE, m_pReadwrTd && m_pReadwrTd->GetEventQueue(),
+    if (!RT_CHECK(MANAGER_SOURCE, m_pReadwrTd && m_pReadwrTd->GetEventQueue(),
                   "m_pReadwrTd && m_pReadwrTd->GetEventQueue()"))
         return Refuse(aFunctor, RT_ERROR_NOT_READY);
     CRtEventQueue& queue = QueueOf(*m_pReadwrTd);
@@ -243,9 +243,9 @@ int CFileManager::PostToReadwrThread(IRtEvent* aFunctor, int sync, int priority)
 }
 
 int CFileManager::PostToCallerThread(IRtEvent* aFunctor, int sync) {
-    if (!RT_CHECK(SOURCE, aFunctor, "aFunctor"))
+    if (!RT_CHECK(MANAGER_SOURCE, aFunctor, "aFunctor"))
         return RT_ERROR_NULL_OBJECT;
-    if (!RT_CHECK(SOURCE, m_pCallerTd && m_pCallerTd->GetEventQueue(),
+    if (!RT_CHECK(MANAGER_SOURCE, m_pCallerTd && m_pCallerTd->GetEventQueue(),
                   "m_pCallerTd && m_pCallerTd->GetEventQueue()"))
         return Refuse(aFunctor, RT_ERROR_NOT_READY);
     IRtEventQueue& queue = *m_pCallerTd->GetEventQueue();
@@ -259,7 +259,7 @@ bool CFileManager::IsReadwrThreadIdle() const {
 }
 
 int CFileManager::Random(int aMax) {
-    if (!RT_CHECK(SOURCE, aMax, "aMax"))
+    if (!RT_CHECK(MANAGER_SOURCE, aMax, "aMax"))
         return 0;
     return std::rand() % aMax;
 }
@@ -274,11 +274,12 @@ CFMBlock* CFileManager::CreateBlock(CFMBlockOwner* file, uint32_t blockID, uint6
 
 int CFileManager::CreateFile(IFMFile*& file, const FMFileInfo& fileInfo) noexcept {
     CFMMistakes::CheckThread("IFileManager::CreateFile");
-    if (!RT_CHECK(SOURCE, !(FMFileID_None == fileInfo.fileID), "FMFileID_None != fileInfo.fileID"))
+    if (!RT_CHECK(MANAGER_SOURCE, !(FMFileID_None == fileInfo.fileID),
+                  "FMFileID_None != fileInfo.fileID"))
         return RT_ERROR_INVALID_ARG;
     CheckValid();
     FileRef created(new (std::nothrow) CFMFile(fileInfo));
-    if (!RT_CHECK(SOURCE, created.Get(), "file.Get()"))
+    if (!RT_CHECK(MANAGER_SOURCE, created.Get(), "file.Get()"))
         return RT_ERROR_NULL_OBJECT;
     CheckNewFile(*created);
     DetachPredecessors(fileInfo.fileID);
@@ -307,7 +308,7 @@ void CFileManager::ReportNotInitialized(const char* call, const char* effect) {
 
 int CFileManager::OpenFile(IFMFile*& file, const FMFileID& fileHandle, int load) noexcept {
     CFMMistakes::CheckThread("IFileManager::OpenFile");
-    if (!RT_CHECK(SOURCE, !(FMFileID_None == fileHandle), "FMFileID_None != fileHandle"))
+    if (!RT_CHECK(MANAGER_SOURCE, !(FMFileID_None == fileHandle), "FMFileID_None != fileHandle"))
         return RT_ERROR_INVALID_ARG;
     file = nullptr;
     if (const auto it = m_id2files.find(fileHandle); it != m_id2files.end())
@@ -437,7 +438,7 @@ void CFileManager::UnregisterFile(const FMFileID& id, const CFMFile* file) {
 }
 
 int CFileManager::FindFile(const FMFileID& fileHandle, FileRef& file) {
-    if (!RT_CHECK(SOURCE, !(FMFileID_None == fileHandle), "FMFileID_None != fileHandle"))
+    if (!RT_CHECK(MANAGER_SOURCE, !(FMFileID_None == fileHandle), "FMFileID_None != fileHandle"))
         return RT_ERROR_INVALID_ARG;
     const auto it = m_id2files.find(fileHandle);
     if (it == m_id2files.end())
@@ -468,7 +469,7 @@ const FMBlockTable& CFileManager::GetBlocks(const FMFileID& fileHandle) {
 int CFileManager::FindAttachable(const FMFileID& fileHandle, FileRef& file) {
     const int result = FindFile(fileHandle, file);
     if (result == RT_ERROR_NOT_FOUND)
-        RT_CHECK(SOURCE, false, "m_id2files.end() != it");
+        RT_CHECK(MANAGER_SOURCE, false, "m_id2files.end() != it");
     return result;
 }
 
@@ -533,10 +534,11 @@ size_t CFileManager::CountOpenFiles() {
 }
 
 int CFileManager::CheckValid() {
-    return RT_CHECK(SOURCE, m_id2files.size() < cmax_check_files,
+    return RT_CHECK(MANAGER_SOURCE, m_id2files.size() < cmax_check_files,
                     "m_id2files.size() < cmax_check_files") &&
-                   RT_CHECK(SOURCE, m_pReadwrTd && m_pCallerTd, "m_pReadwrTd && m_pCallerTd") &&
-                   RT_CHECK(SOURCE, m_init, "m_init")
+                   RT_CHECK(MANAGER_SOURCE, m_pReadwrTd && m_pCallerTd,
+                            "m_pReadwrTd && m_pCallerTd") &&
+                   RT_CHECK(MANAGER_SOURCE, m_init, "m_init")
                ? 1
                : 0;
 }

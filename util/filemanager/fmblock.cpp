@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr char SOURCE[] = "util/filemanager/fmblock";
+constexpr char BLOCK_SOURCE[] = "util/filemanager/fmblock";
 constexpr int64_t ALIVE_MS = 8192;
 constexpr int64_t IDLE_MS = 240000;
 constexpr int64_t IDLE_MS_WHEN_FULL = 120000;
@@ -24,7 +24,7 @@ constexpr int64_t IDLE_MS_WHEN_FULL = 120000;
 int64_t MsSince(uint64_t tick) { return static_cast<int64_t>(GetTickCountEx() - tick); }
 
 void CheckReadwrThread() {
-    RT_CHECK(SOURCE, FMHost::IsReadwrThread(),
+    RT_CHECK(BLOCK_SOURCE, FMHost::IsReadwrThread(),
              "CRtThreadManager::GetThreadSelfId() == "
              "CFileManager::Instance()->GetReadwrThreadID()");
 }
@@ -59,25 +59,26 @@ bool CFMBlock::IsAlive() {
 }
 
 bool CFMBlock::IsGiven(const void* object, const char* expression) {
-    return RT_CHECK(SOURCE, object, expression);
+    return RT_CHECK(BLOCK_SOURCE, object, expression);
 }
 
 bool CFMBlock::CheckValid() {
-    return RT_CHECK(SOURCE, m_retrieves.size() < cmax_check_owners,
+    return RT_CHECK(BLOCK_SOURCE, m_retrieves.size() < cmax_check_owners,
                     "m_retrieves.size() < cmax_check_owners") &&
-           RT_CHECK(SOURCE, m_readsinks.size() < cmax_check_owners,
+           RT_CHECK(BLOCK_SOURCE, m_readsinks.size() < cmax_check_owners,
                     "m_readsinks.size() < cmax_check_owners") &&
-           RT_CHECK(SOURCE, m_file.Get(), "m_file.Get()") &&
-           RT_CHECK(SOURCE, m_totalLen <= cmax_block_data_len,
+           RT_CHECK(BLOCK_SOURCE, m_file.Get(), "m_file.Get()") &&
+           RT_CHECK(BLOCK_SOURCE, m_totalLen <= cmax_block_data_len,
                     "m_totalLen <= cmax_block_data_len") &&
-           RT_CHECK(SOURCE, m_position <= m_totalLen, "m_position <= m_totalLen") &&
-           RT_CHECK(SOURCE, m_posInFile < cmax_filea_data_len, "m_posInFile < cmax_filea_data_len");
+           RT_CHECK(BLOCK_SOURCE, m_position <= m_totalLen, "m_position <= m_totalLen") &&
+           RT_CHECK(BLOCK_SOURCE, m_posInFile < cmax_filea_data_len,
+                    "m_posInFile < cmax_filea_data_len");
 }
 
 // --- Memory -------------------------------------------------------------------------------------
 
 void CFMBlock::AllocData() {
-    if (!RT_CHECK(SOURCE, !m_data, "!m_data"))
+    if (!RT_CHECK(BLOCK_SOURCE, !m_data, "!m_data"))
         return;
     m_data = CRtMessageBlock::Create(m_totalLen);
     if (!m_data)
@@ -96,7 +97,7 @@ void CFMBlock::FreeData() {
 }
 
 void CFMBlock::SetData(CRtMessageBlock* aData) {
-    if (!RT_CHECK(SOURCE, !m_data && aData && aData->GetChainedLength() == m_totalLen,
+    if (!RT_CHECK(BLOCK_SOURCE, !m_data && aData && aData->GetChainedLength() == m_totalLen,
                   "!m_data && aData&& aData->GetChainedLength() == m_totalLen"))
         return;
     m_data = aData->DuplicateChained();
@@ -186,11 +187,11 @@ int CFMBlock::CheckPiece(uint32_t blockLen, uint32_t dataPos, const CRtMessageBl
                                                   << ",blockID=" << m_blockID << " this=" << this);
         return RT_ERROR_INVALID_ARG;
     }
-    if (!RT_CHECK(SOURCE, data && blockLen > 0, "data && blockLen > 0"))
+    if (!RT_CHECK(BLOCK_SOURCE, data && blockLen > 0, "data && blockLen > 0"))
         return RT_ERROR_INVALID_ARG;
     const bool begins = dataPos != m_position || m_totalLen == 0;
     const uint64_t length = begins ? blockLen : m_totalLen;
-    if (!RT_CHECK(SOURCE, dataPos + data->GetChainedLength() <= length,
+    if (!RT_CHECK(BLOCK_SOURCE, dataPos + data->GetChainedLength() <= length,
                   "dataPos + data->GetChainedLength() <= m_totalLen"))
         return RT_ERROR_INVALID_ARG;
     if (blockLen != length && CFMMistakes::IsFirst(FMMistake::BlockLength))
@@ -238,11 +239,11 @@ int CFMBlock::PrepareBuffer(uint32_t blockLen) {
         m_posInFile = 0; // a stored entry without length owns no place
         m_file->MarkInfoChanged();
     } else {
-        RT_CHECK(SOURCE, m_totalLen == blockLen, "m_totalLen == blockLen");
+        RT_CHECK(BLOCK_SOURCE, m_totalLen == blockLen, "m_totalLen == blockLen");
     }
     SetState(State::Filling);
     AllocData();
-    if (RT_CHECK(SOURCE, m_data, "m_data"))
+    if (RT_CHECK(BLOCK_SOURCE, m_data, "m_data"))
         return RT_OK;
     ForgetLength(); // the next piece may have a length that can be allocated
     SetState(State::Empty);
@@ -374,13 +375,14 @@ int CFMBlock::WriteToFile(CRtMessageBlock* aData, CFMStore& store) {
 
 CFMDiskEntry::Stored CFMBlock::StoreBytes(CRtMessageBlock* aData, const CFMStore& store) {
     CFMDiskEntry::Stored stored{RT_ERROR_NOT_READY, m_file->GetEntry().GetEpoch()};
-    if (!RT_CHECK(SOURCE, m_file && m_file->GetDiskFile(), "m_file.Get() && m_file->GetDiskFile()"))
+    if (!RT_CHECK(BLOCK_SOURCE, m_file && m_file->GetDiskFile(),
+                  "m_file.Get() && m_file->GetDiskFile()"))
         return stored;
     if (m_state.load(std::memory_order_acquire) <= State::Filling || !aData) {
         const auto lock = m_file->GetStores().LockShared();
         if (m_serial != store.GetSerial())
             return stored; // rewritten since it was taken
-        RT_CHECK(SOURCE, false, "IsComplete() && aData");
+        RT_CHECK(BLOCK_SOURCE, false, "IsComplete() && aData");
         return stored;
     }
     const uint32_t length = aData->GetTopLevelLength();
@@ -478,10 +480,10 @@ int CFMBlock::ReadData(uint32_t readPos, uint32_t readLen, CRtMessageBlock*& pDa
     m_lastAccessTime = GetTickCountEx();
     g_statistics.Add(m_data ? CFMStatistics::ReadHits : CFMStatistics::ReadMisses);
     const int loaded = m_data ? RT_OK : LoadAndWait();
-    if (!RT_CHECK(SOURCE, m_data, "m_data"))
+    if (!RT_CHECK(BLOCK_SOURCE, m_data, "m_data"))
         return loaded == RT_ERROR_NULL_OBJECT ? RT_ERROR_NULL_OBJECT : RT_ERROR_FAILURE;
     CRtMessageChain view = m_data->DuplicateChained();
-    if (!RT_CHECK(SOURCE, view, "pData"))
+    if (!RT_CHECK(BLOCK_SOURCE, view, "pData"))
         return RT_ERROR_FAILURE;
     view->SetTopLevelRange(readPos, readLen);
     pData = view.release();
@@ -493,7 +495,7 @@ int CFMBlock::ReadData(IFMBlockSink* sink) noexcept {
     RT_LOG(RT_LOG_TRACE, "CFMBlock::ReadData, async, sink=" << sink << ",m_readsinks="
                                                             << uint64_t{m_readsinks.size()}
                                                             << " this=" << this);
-    if (!RT_CHECK(SOURCE, sink, "sink"))
+    if (!RT_CHECK(BLOCK_SOURCE, sink, "sink"))
         return RT_ERROR_INVALID_ARG;
     CheckValid();
     g_statistics.Add(m_data ? CFMStatistics::ReadHits : CFMStatistics::ReadMisses);
@@ -518,7 +520,7 @@ int CFMBlock::CancelReadData(IFMBlockSink* sink) noexcept {
     RT_LOG(RT_LOG_TRACE, "CFMBlock::CancelReadData, sink=" << sink << ",m_readsinks="
                                                            << uint64_t{m_readsinks.size()}
                                                            << " this=" << this);
-    if (!RT_CHECK(SOURCE, sink, "sink"))
+    if (!RT_CHECK(BLOCK_SOURCE, sink, "sink"))
         return RT_ERROR_INVALID_ARG;
     m_readsinks.remove(sink);
     for (CallRound* round = m_calling; round; round = round->outer)
@@ -612,9 +614,10 @@ int CFMBlock::LoadBytes(uint32_t len, int bSync, CRtMessageChain& buffer) {
             epoch = m_onDisk.epoch;
         }
     }
-    if (!RT_CHECK(SOURCE, m_file && m_file->GetDiskFile(), "m_file.Get() && m_file->GetDiskFile()"))
+    if (!RT_CHECK(BLOCK_SOURCE, m_file && m_file->GetDiskFile(),
+                  "m_file.Get() && m_file->GetDiskFile()"))
         return RT_ERROR_NOT_READY;
-    if (!RT_CHECK(SOURCE, state > State::Filling, "IsComplete()"))
+    if (!RT_CHECK(BLOCK_SOURCE, state > State::Filling, "IsComplete()"))
         return RT_ERROR_NOT_READY;
     const auto begun = CFMStatistics::Clock::now();
     const int result = m_file->GetEntry().Load(pos, len, epoch, buffer);

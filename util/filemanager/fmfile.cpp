@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr char SOURCE[] = "util/filemanager/fmfile";
+constexpr char FILE_SOURCE[] = "util/filemanager/fmfile";
 constexpr uint32_t DEFAULT_TABLE_SIZE = 64;
 constexpr uint32_t LARGEST_NUM_TAKEN = 8192;
 constexpr uint32_t SMALLEST_GROWTH = 64;
@@ -52,10 +52,10 @@ void CFMFile::MakeDiskFiles(const CRtString& stem, bool overPredecessor) {
     CRtString info = data;
     m_diskFile = new (std::nothrow)
         CDiskFile(std::move(data += FM_DATA_EXTENSION), RtOs::OPEN_ALONE, &FMHost::CheckDataDir);
-    RT_CHECK(SOURCE, m_diskFile, "m_diskFile");
+    RT_CHECK(FILE_SOURCE, m_diskFile, "m_diskFile");
     m_infoFile = new (std::nothrow)
         CInfoFile(std::move(info += FM_INFO_EXTENSION), 0, &FMHost::CheckDataDir);
-    RT_CHECK(SOURCE, m_infoFile, "m_infoFile");
+    RT_CHECK(FILE_SOURCE, m_infoFile, "m_infoFile");
     m_entry.emplace(m_diskFile.Get(), m_infoFile.Get(), overPredecessor);
     if (FMHost::GetDataDir()
             .empty()) // before Initialize: nothing is written into the working directory
@@ -101,7 +101,7 @@ int CFMFile::GetBlock(IFMBlock*& block, uint32_t blockID, int create) noexcept {
     }
     CheckValid();
     const CRtComAutoPtr<CFMBlock> fmBlock = FMHost::CreateBlock(this, blockID, GetTickCountEx());
-    if (!RT_CHECK(SOURCE, fmBlock, "fmBlock")) {
+    if (!RT_CHECK(FILE_SOURCE, fmBlock, "fmBlock")) {
         block = nullptr;
         return RT_ERROR_NULL_OBJECT;
     }
@@ -121,7 +121,7 @@ int CFMFile::GetBlock(IFMBlock*& block, uint32_t blockID, int create) noexcept {
 }
 
 int CFMFile::GrowTable(uint32_t blockID) {
-    if (!RT_CHECK(SOURCE, blockID >= m_fileInfo.blockBeg, "blockID>=m_fileInfo.blockBeg"))
+    if (!RT_CHECK(FILE_SOURCE, blockID >= m_fileInfo.blockBeg, "blockID>=m_fileInfo.blockBeg"))
         return RT_ERROR_INVALID_ARG;
     const uint32_t slot = blockID - m_fileInfo.blockBeg;
     if (slot >= FM_TABLE_SLOTS_MAX)
@@ -141,7 +141,7 @@ bool CFMFile::IsBlockidOK(uint32_t blockID) const {
 
 int CFMFile::RemoveBlock(uint32_t blockID, IFMBlock*& block) noexcept {
     CFMMistakes::CheckThread("IFMFile::RemoveBlock");
-    if (!RT_CHECK(SOURCE, IsBlockidOK(blockID), "IsBlockidOK(blockID)"))
+    if (!RT_CHECK(FILE_SOURCE, IsBlockidOK(blockID), "IsBlockidOK(blockID)"))
         return RT_ERROR_INVALID_ARG;
     RT_LOG(RT_LOG_TRACE, "CFMFile::RemoveBlock, fileID=" << FMFileIDToString(m_fileInfo.fileID)
                                                          << ",blockID=" << blockID
@@ -159,7 +159,7 @@ const FMBlockTable& CFMFile::GetBlocks() {
 
 void CFMFile::CancelRetrieve(ISDUser* node, int bRemoveOwner) noexcept {
     CFMMistakes::CheckThread("IFMFile::CancelRetrieve");
-    if (!RT_CHECK(SOURCE, node, "node"))
+    if (!RT_CHECK(FILE_SOURCE, node, "node"))
         return;
     const CRtComAutoPtr<ISDUser> kept(node); // the blocks may hold the last references
     RT_LOG(RT_LOG_TRACE, "CFMFile::CancelRetrieve, fileID=" << FMFileIDToString(m_fileInfo.fileID)
@@ -290,10 +290,10 @@ void CFMFile::ClerDiskFile_m() {
 }
 
 int CFMFile::CheckValid() {
-    return RT_CHECK(SOURCE, m_blocks.size() < cmax_check_blocks,
+    return RT_CHECK(FILE_SOURCE, m_blocks.size() < cmax_check_blocks,
                     "m_blocks.size() < cmax_check_blocks") &&
-                   RT_CHECK(SOURCE, m_diskFile.Get(), "m_diskFile.Get()") &&
-                   RT_CHECK(SOURCE, m_position < cmax_filea_data_len,
+                   RT_CHECK(FILE_SOURCE, m_diskFile.Get(), "m_diskFile.Get()") &&
+                   RT_CHECK(FILE_SOURCE, m_position < cmax_filea_data_len,
                             "m_position < cmax_filea_data_len")
                ? 1
                : 0;

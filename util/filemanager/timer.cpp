@@ -10,7 +10,7 @@
 
 namespace {
 constexpr int32_t TICKS_BETWEEN_STATISTICS = 2;
-constexpr uint32_t SECONDS_PER_DAY = 86400;
+constexpr uint32_t SECONDS_BETWEEN_RUNS = 86400;
 } // namespace
 
 void CFileManager::OnTimer(CRtTimerWrapper* timer) noexcept {
@@ -69,7 +69,7 @@ void CFileManager::MemoyCollect() {
 
 void CFileManager::CheckHouseKeeping() {
     const auto now = static_cast<uint32_t>(CRtTimeValue::GetTimeOfDay().GetSec());
-    if (now - m_lastHouseKeeping.load() < SECONDS_PER_DAY)
+    if (now - m_lastHouseKeeping.load() < SECONDS_BETWEEN_RUNS)
         return;
     StartHouseKeeping();
 }
