@@ -8,16 +8,7 @@
 namespace {
 
 // Guards the list. Recursive: a singleton registers while its creator holds this mutex.
-class CSingletonLock {
-public:
-    CSingletonLock() { m_mutex.Lock(); }
-    ~CSingletonLock() { m_mutex.UnLock(); }
-    CSingletonLock(const CSingletonLock&) = delete;
-    CSingletonLock& operator=(const CSingletonLock&) = delete;
-
-private:
-    CRtMutexBase& m_mutex = *CRtThreadManager::Instance()->GetSingletonMutex();
-};
+CRtMutexBase& Mutex() { return *CRtThreadManager::Instance()->GetSingletonMutex(); }
 
 std::vector<CRtCleanUpBase*>& Enrolled() {
     static auto* objects = new std::vector<CRtCleanUpBase*>; // outlives every static object
@@ -25,7 +16,7 @@ std::vector<CRtCleanUpBase*>& Enrolled() {
 }
 
 CRtCleanUpBase* TakeYoungest() {
-    const CSingletonLock lock;
+    const CRtMutexGuard lock(Mutex());
     if (Enrolled().empty())
         return nullptr;
     CRtCleanUpBase* object = Enrolled().back();
@@ -36,12 +27,12 @@ CRtCleanUpBase* TakeYoungest() {
 } // namespace
 
 CRtCleanUpBase::CRtCleanUpBase() {
-    const CSingletonLock lock;
+    const CRtMutexGuard lock(Mutex());
     Enrolled().push_back(this);
 }
 
 CRtCleanUpBase::~CRtCleanUpBase() {
-    const CSingletonLock lock;
+    const CRtMutexGuard lock(Mutex());
     std::erase(Enrolled(), this);
 }
 

@@ -25,4 +25,16 @@ public:
 private:
     std::recursive_mutex m_mutex;
 };
+
+/// Holds a mutex for the lifetime of the object.
+class CRtMutexGuard {
+public:
+    explicit CRtMutexGuard(CRtMutexBase& mutex) : m_mutex(mutex) { m_mutex.Lock(); }
+    ~CRtMutexGuard() { m_mutex.UnLock(); }
+    CRtMutexGuard(const CRtMutexGuard&) = delete;
+    CRtMutexGuard& operator=(const CRtMutexGuard&) = delete;
+
+private:
+    CRtMutexBase& m_mutex;
+};
 /// @}

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <functional>
 #include <future>
-#include <mutex>
 #include <vector>
 
 #include "RtCleanUp.h"
@@ -34,8 +33,7 @@ private:
 } // namespace
 
 struct CRtThreadManager::State {
-    CRtMutexBase singletonMutex;
-    std::mutex mutex; // guards the members below, except processId
+    CRtMutexBase mutex; // that of the singletons; guards the members below, except processId
     std::vector<CRtThread*> userThreads;
     CRtThread* callerThread = nullptr;
     bool callerAdopted = false;
@@ -54,13 +52,13 @@ CRtThreadManager* CRtThreadManager::Instance() {
     return manager;
 }
 
-CRtMutexBase* CRtThreadManager::GetSingletonMutex() { return &m_state->singletonMutex; }
+CRtMutexBase* CRtThreadManager::GetSingletonMutex() { return &m_state->mutex; }
 
 uint32_t CRtThreadManager::GetThreadSelfId() { return CRtEventQueue::CurrentThreadId(); }
 
 int CRtThreadManager::CreateUserTaskThread(CRtThread*& thread, TFlag, int) {
     thread = nullptr;
-    const std::lock_guard lock(m_state->mutex);
+    const CRtMutexGuard lock(m_state->mutex);
     if (m_state->ended)
         return RT_ERROR_NOT_READY;
     m_state->processId = RtOs::GetProcessId();
@@ -77,7 +75,7 @@ int CRtThreadManager::CreateUserTaskThread(CRtThread*& thread, TFlag, int) {
 CRtThread* CRtThreadManager::GetThread(int number) {
     if (number != RT_CALLER_THREAD)
         return nullptr;
-    const std::lock_guard lock(m_state->mutex);
+    const CRtMutexGuard lock(m_state->mutex);
     if (!m_state->callerThread && !m_state->ended) {
         m_state->processId = RtOs::GetProcessId();
         auto* created = new CRtThread;
@@ -91,12 +89,12 @@ CRtThread* CRtThreadManager::GetThread(int number) {
 }
 
 bool CRtThreadManager::HasCallerThread() {
-    const std::lock_guard lock(m_state->mutex);
+    const CRtMutexGuard lock(m_state->mutex);
     return m_state->callerThread != nullptr;
 }
 
 int CRtThreadManager::AdoptCallerThread(CRtThread*& thread) {
-    const std::lock_guard lock(m_state->mutex);
+    const CRtMutexGuard lock(m_state->mutex);
     if (m_state->callerThread || m_state->ended || CRtEventQueue::Current())
         return RT_ERROR_NOT_READY;
     m_state->processId = RtOs::GetProcessId();
@@ -109,14 +107,14 @@ int CRtThreadManager::AdoptCallerThread(CRtThread*& thread) {
 
 void CRtThreadManager::ReleaseCallerThread(CRtThread* thread) {
     thread->ReleaseCurrent();
-    const std::lock_guard lock(m_state->mutex);
+    const CRtMutexGuard lock(m_state->mutex);
     m_state->callerThread = nullptr;
     m_state->callerAdopted = false;
     m_state->formerCallerThreads.push_back(thread);
 }
 
 void CRtThreadManager::ForgetThread(CRtThread* thread) {
-    const std::lock_guard lock(m_state->mutex);
+    const CRtMutexGuard lock(m_state->mutex);
     std::erase(m_state->userThreads, thread);
     if (m_state->callerThread == thread)
         m_state->callerThread = nullptr;
@@ -132,13 +130,13 @@ bool CRtThreadManager::EndAllThreads() {
     CRtThread* caller = nullptr;
     std::vector<CRtThread*> userThreads;
     {
-        const std::lock_guard lock(m_state->mutex);
+        const CRtMutexGuard lock(m_state->mutex);
         caller = m_state->callerThread;
     }
     if (caller)
         RunCallerQueue(*caller);
     {
-        const std::lock_guard lock(m_state->mutex);
+        const CRtMutexGuard lock(m_state->mutex);
         m_state->ended = true;
         userThreads = m_state->userThreads;
         caller = m_state->callerThread;
