@@ -1,5 +1,5 @@
-// Windows only: drives, attributes, directory links, open files that cannot be removed, and processes that
-// share a cache, which are started here instead of forked.
+// Windows only: files that another process holds, places of the data directory, directory links, drives, the address
+// space, and processes that share a cache, which are started here instead of forked.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "FMCatalog.h"
+#include "FMDurability.h"
 #include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
 
@@ -19,16 +20,19 @@
 
 static_assert(sizeof(void*) == 4 && sizeof(long) == 4);
 
-// As in support_windows.cpp.
+// As in kit_windows.cpp.
 PROCESS_INFORMATION StartProcess(const std::string& program, std::string line, uint32_t flags);
 std::string OwnProgram();
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
 constexpr char OTHERS_DIR[] = "FILEMANAGER_OTHERS_DIR";
+constexpr char OPERATION[] = "FILEMANAGER_OPERATION";
 constexpr char FINISHED[] = "{00000000-0000-4000-8000-000000000001}";
 constexpr char OPEN[] = "{00000000-0000-4000-8000-000000000002}";
-constexpr char OPERATION[] = "FILEMANAGER_OPERATION";
 
 FMFileInfo Described(const char* id) {
     FMFileInfo info = Description();
@@ -36,97 +40,85 @@ FMFileInfo Described(const char* id) {
     return info;
 }
 
-// Runs a disabled test case of this program in another process until Kill.
+void WaitFor(const fs::path& marker) {
+    while (!fs::exists(marker))
+        std::this_thread::sleep_for(milliseconds(5));
+}
+
+// Runs a disabled test case of this program in another process.
 class OtherProcess {
 public:
-    OtherProcess(const TempDir& dir, const std::string& testCase) {
-        SetVariable(OTHERS_DIR, dir.path.string());
-        m_info = StartProcess(
-            OwnProgram(), "other --gtest_also_run_disabled_tests --gtest_filter=" + testCase, 0);
-        while (!fs::exists(dir.path / "ready") &&
-               WaitForSingleObject(m_info.hProcess, 10) == WAIT_TIMEOUT) {
+    OtherProcess(const fs::path& dir, const std::string& testCase) {
+        SetVariable(OTHERS_DIR, dir.string());
+        m_process = StartProcess(OwnProgram(),
+                                 "other --gtest_brief=1 --gtest_also_run_disabled_tests "
+                                 "--gtest_filter=DISABLED_Other." +
+                                     testCase,
+                                 0)
+                        .hProcess;
+        while (!fs::exists(dir / "ready") && WaitForSingleObject(m_process, 10) == WAIT_TIMEOUT) {
         }
     }
     void Kill() {
-        TerminateProcess(m_info.hProcess, 1);
+        TerminateProcess(m_process, 1);
         Wait();
     }
     // Returns the exit status.
     DWORD Wait() {
         DWORD status = 1;
-        WaitForSingleObject(m_info.hProcess, INFINITE);
-        GetExitCodeProcess(m_info.hProcess, &status);
-        CloseHandle(m_info.hProcess);
+        WaitForSingleObject(m_process, INFINITE);
+        GetExitCodeProcess(m_process, &status);
+        CloseHandle(m_process);
         return status;
     }
 
 private:
-    PROCESS_INFORMATION m_info{};
+    HANDLE m_process = nullptr;
 };
 
-[[noreturn]] void StayUntilKilled(const TempDir& dir) {
-    WriteFile(dir.path / "ready", "");
-    std::this_thread::sleep_for(std::chrono::hours(1));
-    std::_Exit(1);
+HANDLE HoldAlone(const fs::path& path) {
+    return CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
+                       FILE_FLAG_BACKUP_SEMANTICS, nullptr);
 }
 
-void WaitFor(const fs::path& marker) {
-    while (!fs::exists(marker))
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-}
+// Other programs of the machine can delay a turn: a case repeats turns that were too long.
+constexpr int ATTEMPTS = 3;
+struct Turns {
+    template <class Turn>
+    void Run(const Turn& turn) {
+        const auto begin = Clock::now();
+        turn();
+        longest = std::max(longest, Clock::now() - begin);
+    }
+    bool AreShort() const { return longest <= milliseconds(50); }
+    Clock::duration longest{};
+};
 
 // A fixed sequence of operations. From one of them on, another process holds files for two seconds.
 class HeldWorkload {
 public:
-    explicit HeldWorkload(const TempDir& dir) : m_cache(dir.path, false) {
-        m_info = Described(FINISHED);
-        WriteFile(m_cache.Path(Described(OPEN).fileID, ".sdi"),
-                  InfoFile(Described(OPEN), std::string(2, '\0'), 1)); // expired
-        WriteFile(m_cache.Path(Described(OPEN).fileID, ".sdd"), "data");
+    explicit HeldWorkload(const fs::path& dir) : m_cache(dir, false), m_info(Described(FINISHED)) {
+        const FMFileInfo expired = Described(OPEN);
+        WriteFile(m_cache.Path(expired.fileID, ".sdi"), InfoFile(expired, std::string(2, '\0'), 1));
+        WriteFile(m_cache.Path(expired.fileID, ".sdd"), "data");
     }
-
     static constexpr size_t OPERATIONS = 15;
     static constexpr size_t STOP = 12;
     void Run(size_t operation) {
-        switch (operation) {
-        case 0:
-        case 13:
-            return m_cache.Start();
-        case 1:
-            return Create(1);
-        case 3:
-        case 8:
-        case 14:
-            return OpenAndRead();
-        case 4:
-            return Rewrite();
-        case 6:
-            return Create(3);
-        case 2:
-        case 5:
-        case 7:
-            return Close();
-        case 9:
-            Close();
-            m_file = m_cache.Create(1, FM_FILE_TEMPORARY);
-            Write(*Cache::Block(*m_file, 1), "temporary");
-            return Close();
-        case 10:
-            return m_clock.Advance(60'000);
-        case 11:
-            FMStartHousekeeping();
-            return;
-        case STOP:
-            return m_cache.Stop();
-        default:
-            FAIL();
-        }
+        using Operation = void (HeldWorkload::*)();
+        static constexpr Operation all[OPERATIONS] = {
+            &HeldWorkload::Start,       &HeldWorkload::Create,  &HeldWorkload::Close,
+            &HeldWorkload::OpenAndRead, &HeldWorkload::Rewrite, &HeldWorkload::Close,
+            &HeldWorkload::Create,      &HeldWorkload::Close,   &HeldWorkload::OpenAndRead,
+            &HeldWorkload::Remove,      &HeldWorkload::Tick,    &HeldWorkload::Clean,
+            &HeldWorkload::Stop,        &HeldWorkload::Start,   &HeldWorkload::OpenAndRead};
+        (this->*all[operation])();
     }
     // The work of the loop of an application.
-    void Turn() { m_cache.thread.RunDue(); }
+    void RunDue() { m_cache.thread.RunDue(); }
     // One tick after the last file was released.
     void Check() {
-        m_clock.Advance(60'000);
+        Tick();
         FMWaitUntilIdle();
         OpenAndRead();
         ASSERT_TRUE(m_file);
@@ -135,102 +127,197 @@ public:
         FMCachedFile file;
         EXPECT_EQ(FMDescribeCachedFile("", FINISHED, file), RT_OK);
         EXPECT_TRUE(file.isLoadable && file.storedBlocks == m_expected.size());
-        FMStartHousekeeping(); // for what was held during the first run
+        Clean(); // of what was held during the first run
         FMWaitUntilIdle();
         EXPECT_EQ(CountFiles(m_cache.dir.path / "sdstore"), 2U);
     }
 
 private:
-    void Create(uint32_t block) {
+    void Start() { m_cache.Start(); }
+    void Stop() { m_cache.Stop(); }
+    void Tick() { m_clock.Advance(60'000); }
+    void Clean() { FMStartHousekeeping(); }
+    void Create() {
         m_file = m_cache.Create(m_info);
+        const uint32_t block = m_expected.empty() ? 1 : 3;
         m_expected = {{block, Pattern(block, 5000)}, {block + 1, Pattern(block + 1, 300)}};
         for (const auto& [id, bytes] : m_expected)
             Write(*Cache::Block(*m_file, id), bytes);
     }
     void Rewrite() {
-        if (!m_file)
-            return;
-        m_expected[1] = Pattern(9, 5000);
-        Write(*Cache::Block(*m_file, 1), m_expected[1]);
+        if (m_file)
+            Write(*Cache::Block(*m_file, 1), m_expected[1] = Pattern(9, 5000));
     }
     // While a file is held, it cannot be opened or read.
     void OpenAndRead() {
         if (!m_file)
             m_file = m_cache.Open(m_info.fileID);
-        if (!m_file)
-            return;
         for (const auto& [id, bytes] : m_expected) {
-            const BlockRef block = Cache::Block(*m_file, id, 0);
-            ASSERT_TRUE(block);
-            const std::string read = Read(*block);
+            const BlockRef block = m_file ? Cache::Block(*m_file, id, 0) : BlockRef();
+            const std::string read = block ? Read(*block) : bytes;
             EXPECT_TRUE(read == bytes || read == "error 10006") << id << " " << read.size();
+            EXPECT_EQ(!block, !m_file);
         }
     }
     void Close() {
         if (m_file)
             m_cache.Close(m_file);
     }
+    void Remove() {
+        Close();
+        m_file = m_cache.Create(1, FM_FILE_TEMPORARY);
+        Write(*Cache::Block(*m_file, 1), "temporary");
+        Close();
+    }
 
     TestClock m_clock;
     Cache m_cache;
-    FMFileInfo m_info;
+    const FMFileInfo m_info;
     FileRef m_file;
     std::map<uint32_t, std::string> m_expected;
 };
 
-// Opens everything of a kind in the store without sharing, for two seconds.
-std::vector<HANDLE> Hold(const fs::path& store, const std::string& kind) {
-    std::vector<fs::path> paths;
-    if (kind == "directory")
-        paths.push_back(store);
-    for (const fs::directory_entry& entry : fs::directory_iterator(store)) {
-        if (entry.path().extension() == kind)
-            paths.push_back(entry.path());
-    }
-    std::vector<HANDLE> held;
-    for (const fs::path& path : paths) {
-        const HANDLE handle = CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
-                                          FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-        if (handle != INVALID_HANDLE_VALUE)
-            held.push_back(handle);
-    }
-    return held;
-}
-
-} // namespace
-
 TEST(DISABLED_Other, RunsWhileFilesAreHeld) {
-    using Clock = std::chrono::steady_clock;
     LogCapture quiet(RT_LOG_SILENT);
-    const TempDir dir(fs::path(std::getenv(OTHERS_DIR)));
+    const fs::path dir = std::getenv(OTHERS_DIR);
     const auto first = static_cast<size_t>(std::atoi(std::getenv(OPERATION)));
     HeldWorkload workload(dir);
-    Clock::duration longest{};
-    const auto measure = [&longest](const auto& turn) {
-        const auto begin = Clock::now();
-        turn();
-        longest = std::max(longest, Clock::now() - begin);
-    };
+    Turns turns;
     for (size_t i = 0; i < HeldWorkload::OPERATIONS; ++i) {
         if (i == first) {
-            WriteFile(dir.path / "ready", "");
-            WaitFor(dir.path / "held");
+            WriteFile(dir / "ready", "");
+            WaitFor(dir / "held");
         }
         if (i == HeldWorkload::STOP)
             workload.Run(i); // waits for the disk
         else
-            measure([&] { workload.Run(i); });
+            turns.Run([&] { workload.Run(i); });
         for (int turn = 0; turn < 10; ++turn) {
-            measure([&] { workload.Turn(); });
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            turns.Run([&] { workload.RunDue(); });
+            std::this_thread::sleep_for(milliseconds(2));
         }
     }
-    WaitFor(dir.path / "released");
+    WaitFor(dir / "released");
     workload.Check();
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(longest).count();
-    EXPECT_LE(ms, 50) << "operation " << first;
+    if (!turns.AreShort())
+        WriteFile(dir / "slow", "");
 }
 
+// Holds everything of a kind in the store of another process for two seconds, from an operation on.
+class Holding {
+public:
+    Holding(size_t operation, const std::string& kind) : name(std::to_string(operation) + kind) {
+        SetVariable(OPERATION, std::to_string(operation));
+        m_other.emplace(m_dir.path, "RunsWhileFilesAreHeld");
+        const fs::path store = m_dir.path / "sdstore";
+        std::vector<fs::path> paths(kind == "directory" ? 1 : 0, store);
+        for (const fs::directory_entry& entry : fs::directory_iterator(store)) {
+            if (entry.path().extension() == kind)
+                paths.push_back(entry.path());
+        }
+        for (const fs::path& path : paths)
+            m_held.push_back(HoldAlone(path));
+        count =
+            m_held.size() - static_cast<size_t>(std::ranges::count(m_held, INVALID_HANDLE_VALUE));
+        WriteFile(m_dir.path / "held", "");
+        m_release = std::thread([this] {
+            std::this_thread::sleep_for(std::chrono::seconds(2));
+            std::ranges::for_each(m_held, CloseHandle);
+            WriteFile(m_dir.path / "released", "");
+        });
+    }
+    // False if a turn was too long.
+    bool End() {
+        m_release.join();
+        EXPECT_EQ(m_other->Wait(), 0U) << name;
+        return !fs::exists(m_dir.path / "slow");
+    }
+    const std::string name;
+    size_t count = 0;
+
+private:
+    TempDir m_dir;
+    std::optional<OtherProcess> m_other;
+    std::vector<HANDLE> m_held;
+    std::thread m_release;
+};
+
+} // namespace
+
+// A virus scanner, for example, opens files so that no other process can. Nothing is lost, and no turn is long.
+TEST(Windows, FilesThatAreHeldForTwoSecondsCostNoDataAndNoLongTurn) {
+    std::map<std::string, size_t> held;
+    std::vector<std::pair<size_t, std::string>> left;
+    for (size_t operation = 0; operation < HeldWorkload::OPERATIONS; ++operation) {
+        for (const char* kind : {".sdd", ".sdi", "directory"})
+            left.emplace_back(operation, kind);
+    }
+    for (int attempt = 0; attempt < ATTEMPTS && !left.empty(); ++attempt) {
+        std::deque<Holding> holdings;
+        for (const auto& [operation, kind] : left)
+            held[kind] += holdings.emplace_back(operation, kind).count;
+        auto next = left.begin();
+        for (Holding& holding : holdings)
+            next = holding.End() ? left.erase(next) : next + 1;
+    }
+    for (const auto& [operation, kind] : left)
+        ADD_FAILURE() << "long turn: operation " << operation << ", " << kind;
+    EXPECT_TRUE(held[".sdd"] > 0 && held[".sdi"] > 0 && held["directory"] > 0);
+}
+
+// The read/write thread waits for a data file that is held. What the caller thread calls meanwhile does not.
+class HeldStore : public testing::TestWithParam<bool> {};
+INSTANTIATE_TEST_SUITE_P(IsClosed, HeldStore, testing::Bool());
+
+TEST_P(HeldStore, DelaysNoCallOfTheCallerThread) {
+    const bool isClosed = GetParam();
+    const TempDir dir;
+    Turns best{Clock::duration::max()};
+    for (int attempt = 0; attempt < ATTEMPTS && !best.AreShort(); ++attempt) {
+        TestClock clock;
+        LogCapture quiet(RT_LOG_SILENT);
+        Cache cache(dir.path);
+        const FMFileInfo info = Described(OPEN);
+        const FileRef other = cache.Create();
+        const BlockRef evicted = Cache::Block(*other, 1);
+        Write(*evicted, "evicted");
+        FMWaitUntilIdle();
+        clock.Advance(300'000);
+        ASSERT_FALSE(evicted->FreeMemory());
+        WriteFile(cache.Path(info.fileID, ".sdd"), "a predecessor, which the store removes");
+        const HANDLE held = HoldAlone(cache.Path(info.fileID, ".sdd"));
+        ASSERT_NE(held, INVALID_HANDLE_VALUE);
+        Turns turns;
+        bool isFlushed = false;
+        FMFlushAsync([&](int, const auto&) { isFlushed = true; });
+        FileRef file = cache.Create(info);
+        Write(*Cache::Block(*file, 1), Pattern(1, 5000));
+        if (isClosed)
+            cache.Close(file);
+        std::this_thread::sleep_for(milliseconds(5));
+        FMCachedFile found;
+        std::string read;
+        const CRtString store(cache.dir.path.string() + "\\sdstore");
+        turns.Run([&] { read = Read(*evicted); });
+        turns.Run([&] { EXPECT_EQ(!cache.Open(info.fileID), isClosed); });
+        turns.Run([&] { FMDescribeCachedFile(store, OPEN, found); });
+        turns.Run([&] { cache.thread.RunDue(); });
+        EXPECT_EQ(isFlushed, !isClosed);
+        EXPECT_EQ(read, isClosed ? "error 10001" : "evicted");
+        CloseHandle(held);
+        FMWaitUntilIdle();
+        EXPECT_EQ(Read(*evicted), "evicted");
+        clock.Advance(60'000); // the store of the open file is retried
+        FMWaitUntilIdle();
+        if (file)
+            cache.Close(file);
+        file = cache.Open(info.fileID);
+        ASSERT_TRUE(file);
+        EXPECT_TRUE(Read(*Cache::Block(*file, 1, 0)) == Pattern(1, 5000));
+        best.longest = std::min(best.longest, turns.longest);
+    }
+    EXPECT_TRUE(best.AreShort());
+}
 // The other process: stores and closes one file, and keeps a second one open with a stored block.
 TEST(DISABLED_Other, StoresAndStays) {
     const TempDir dir(fs::path(std::getenv(OTHERS_DIR)));
@@ -242,14 +329,15 @@ TEST(DISABLED_Other, StoresAndStays) {
             cache.Close(file);
         FMWaitUntilIdle();
     }
-    StayUntilKilled(dir);
+    WriteFile(dir.path / "ready", "");
+    std::this_thread::sleep_for(std::chrono::hours(1)); // until it is killed
 }
 
 TEST(Windows, ServerLocksItsOpenFilesAndAKillLosesNoStoredFile) {
     TestClock clock;
     LogCapture log(RT_LOG_WARNING);
     const TempDir dir;
-    OtherProcess other(dir, "DISABLED_Other.StoresAndStays");
+    OtherProcess other(dir.path, "StoresAndStays");
     Cache cache(dir.path);
     FMCachedFile found;
     for (const char* id : {FINISHED, OPEN}) {
@@ -272,37 +360,6 @@ TEST(Windows, ServerLocksItsOpenFilesAndAKillLosesNoStoredFile) {
     const FileRef file = cache.Open(Described(FINISHED).fileID);
     ASSERT_TRUE(file);
     EXPECT_TRUE(Read(*Cache::Block(*file, 1, 0)) == Pattern(1, 5000));
-}
-
-// A virus scanner, for example, opens files so that no other process can. Nothing is lost, and no turn is long.
-TEST(Windows, FilesThatAreHeldForTwoSecondsCostNoDataAndNoLongTurn) {
-    std::map<std::string, size_t> held;
-    std::vector<std::thread> releases;
-    std::deque<TempDir> dirs;
-    std::deque<OtherProcess> others;
-    for (size_t operation = 0; operation < HeldWorkload::OPERATIONS; ++operation) {
-        for (const char* kind : {".sdd", ".sdi", "directory"}) {
-            const fs::path dir = dirs.emplace_back().path;
-            SetVariable(OPERATION, std::to_string(operation));
-            others.emplace_back(dirs.back(), "DISABLED_Other.RunsWhileFilesAreHeld");
-            const std::vector<HANDLE> handles = Hold(dir / "sdstore", kind);
-            held[kind] += handles.size();
-            WriteFile(dir / "held", "");
-            releases.emplace_back([handles, dir] {
-                std::this_thread::sleep_for(std::chrono::seconds(2));
-                for (const HANDLE handle : handles)
-                    CloseHandle(handle);
-                WriteFile(dir / "released", "");
-            });
-        }
-    }
-    for (std::thread& release : releases)
-        release.join();
-    for (size_t i = 0; i < others.size(); ++i)
-        EXPECT_EQ(others[i].Wait(), 0U) << "operation " << i / 3 << ", kind " << i % 3;
-    for (const auto& [kind, count] : held)
-        RecordProperty(kind, static_cast<int>(count));
-    EXPECT_TRUE(held[".sdd"] > 0 && held[".sdi"] > 0 && held["directory"] > 0);
 }
 
 TEST(Windows, LaterClearingRemovesFilesThatWereOpenAndFollowsNoDirectoryLink) {
