@@ -26,7 +26,7 @@ std::string OwnProgram();
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Duration = std::chrono::steady_clock::duration;
 using std::chrono::milliseconds;
 
 constexpr char OTHERS_DIR[] = "FILEMANAGER_OTHERS_DIR";
@@ -81,17 +81,41 @@ HANDLE HoldAlone(const fs::path& path) {
                        FILE_FLAG_BACKUP_SEMANTICS, nullptr);
 }
 
-// Other programs of the machine can delay a turn: a case repeats turns that were too long.
+// The longest turn of the caller thread. Other programs of the machine delay turns too, and as much a metronome: its
+// delay is no fault of the library. A case repeats turns that were too long nevertheless.
 constexpr int ATTEMPTS = 3;
-struct Turns {
+class Turns {
+public:
+    ~Turns() {
+        m_isOver = true;
+        m_metronome.join();
+    }
     template <class Turn>
     void Run(const Turn& turn) {
-        const auto begin = Clock::now();
-        turn();
-        longest = std::max(longest, Clock::now() - begin);
+        longest = std::max(longest, Measure(turn));
     }
-    bool AreShort() const { return longest <= milliseconds(50); }
-    Clock::duration longest{};
+    bool AreShort() const {
+        return longest <=
+               std::min(milliseconds(50) + 2 * m_delay.load(), Duration(milliseconds(1000)));
+    }
+    Duration longest{};
+
+private:
+    template <class Work>
+    static Duration Measure(const Work& work) {
+        const auto begin = std::chrono::steady_clock::now();
+        work();
+        return std::chrono::steady_clock::now() - begin;
+    }
+    void Tick() {
+        while (!m_isOver) {
+            const Duration took = Measure([] { Sleep(4), GetFileAttributesA("C:\\windows"); });
+            m_delay = std::max(m_delay.load(), took - milliseconds(4));
+        }
+    }
+    std::atomic<Duration> m_delay{};
+    std::atomic<bool> m_isOver{false};
+    std::thread m_metronome{&Turns::Tick, this};
 };
 
 // A fixed sequence of operations. From one of them on, another process holds files for two seconds.
@@ -272,8 +296,8 @@ INSTANTIATE_TEST_SUITE_P(IsClosed, HeldStore, testing::Bool());
 TEST_P(HeldStore, DelaysNoCallOfTheCallerThread) {
     const bool isClosed = GetParam();
     const TempDir dir;
-    Turns best{Clock::duration::max()};
-    for (int attempt = 0; attempt < ATTEMPTS && !best.AreShort(); ++attempt) {
+    bool isShort = false;
+    for (int attempt = 0; attempt < ATTEMPTS && !isShort; ++attempt) {
         TestClock clock;
         LogCapture quiet(RT_LOG_SILENT);
         Cache cache(dir.path);
@@ -314,14 +338,14 @@ TEST_P(HeldStore, DelaysNoCallOfTheCallerThread) {
         file = cache.Open(info.fileID);
         ASSERT_TRUE(file);
         EXPECT_TRUE(Read(*Cache::Block(*file, 1, 0)) == Pattern(1, 5000));
-        best.longest = std::min(best.longest, turns.longest);
+        isShort = turns.AreShort();
     }
-    EXPECT_TRUE(best.AreShort());
+    EXPECT_TRUE(isShort);
 }
-// The other process: stores and closes one file, and keeps a second one open with a stored block.
+
+// Stores and closes one file, and keeps a second one open with a stored block, until it is killed.
 TEST(DISABLED_Other, StoresAndStays) {
-    const TempDir dir(fs::path(std::getenv(OTHERS_DIR)));
-    Cache cache(dir.path);
+    Cache cache(fs::path(std::getenv(OTHERS_DIR)));
     for (const char* id : {FINISHED, OPEN}) {
         FileRef file = cache.Create(Described(id));
         Write(*Cache::Block(*file, 1), Pattern(1, 5000));
@@ -329,8 +353,8 @@ TEST(DISABLED_Other, StoresAndStays) {
             cache.Close(file);
         FMWaitUntilIdle();
     }
-    WriteFile(dir.path / "ready", "");
-    std::this_thread::sleep_for(std::chrono::hours(1)); // until it is killed
+    WriteFile(cache.dir.path / "ready", "");
+    std::this_thread::sleep_for(std::chrono::hours(1));
 }
 
 TEST(Windows, ServerLocksItsOpenFilesAndAKillLosesNoStoredFile) {
@@ -365,23 +389,20 @@ TEST(Windows, ServerLocksItsOpenFilesAndAKillLosesNoStoredFile) {
 TEST(Windows, LaterClearingRemovesFilesThatWereOpenAndFollowsNoDirectoryLink) {
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache(0, 0);
-    EXPECT_TRUE(GetFileAttributesA((cache.dir.path / "confcache").string().c_str()) &
-                FILE_ATTRIBUTE_HIDDEN);
-    cache.Stop();
     const fs::path root = cache.dir.path / "confcache";
+    EXPECT_TRUE(GetFileAttributesW(root.c_str()) & FILE_ATTRIBUTE_HIDDEN);
+    cache.Stop();
     const TempDir outside;
     WriteFile(outside.path / "kept", "x");
     WriteFile(root / "0" / "free" / "file", "x");
     WriteFile(root / "0" / "held" / "file", "x");
     const bool isJunction = MakeDirectoryLink(outside.path, root / "0" / "link");
     ASSERT_TRUE(fs::exists(root / "0" / "link" / "kept"));
-    FILE* held = std::fopen((root / "0" / "held" / "file").string().c_str(), "rb");
-    ASSERT_TRUE(held);
+    const HANDLE held = HoldAlone(root / "0" / "held" / "file");
     cache.Start();
     EXPECT_TRUE(fs::exists(root / "0" / "held" / "file"));
     EXPECT_FALSE(fs::exists(root / "0" / "free"));
-    EXPECT_TRUE(fs::exists(outside.path / "kept"));
-    std::fclose(held);
+    CloseHandle(held);
     cache.Stop();
     EXPECT_TRUE(fs::exists(outside.path / "kept"));
     EXPECT_FALSE(fs::exists(root / "0" / "held"));
@@ -402,7 +423,7 @@ TEST(Windows, StoreDoesNotHangIfTheDataFileIsADanglingLink) {
     EXPECT_EQ(Read(*Cache::Block(*file, 1)), "bytes");
 }
 
-TEST(Windows, DefaultRootIsTheFixedDriveWithTheMostFreeSpace) {
+TEST(Windows, DefaultRootIsAFixedDrive) {
     LogCapture log;
     const CRtCallerThread callerThread;
     IFileManager::Instance()->Initialize("", 7, 1);
@@ -413,52 +434,8 @@ TEST(Windows, DefaultRootIsTheFixedDriveWithTheMostFreeSpace) {
     const std::string chosen = log.Text().substr(at + line.size(), 3);
     EXPECT_TRUE(fs::remove(chosen + "sdstore"));
     EXPECT_EQ(GetDriveTypeA(chosen.c_str()), DRIVE_FIXED);
-    char drives[512] = {};
-    ASSERT_GT(GetLogicalDriveStringsA(sizeof(drives), drives), 0U);
-    for (const char* drive = drives; *drive; drive += std::string(drive).size() + 1) {
-        constexpr uint64_t usedMeanwhile = uint64_t{1} << 30;
-        std::error_code error;
-        const fs::space_info space = fs::space(drive, error);
-        if (!error && GetDriveTypeA(drive) == DRIVE_FIXED) {
-            EXPECT_GE(fs::space(chosen).available + usedMeanwhile, space.available) << drive;
-        }
-    }
-}
-
-// A root that ends in a slash gets a backslash appended.
-TEST(Windows, SlashesAreAcceptedAsSeparators) {
-    LogCapture log(RT_LOG_WARNING);
-    const TempDir dir;
-    const CRtCallerThread callerThread;
-    const std::string path = (dir.path / "made").generic_string() + "/";
-    IFileManager::Instance()->Initialize(CRtString(path), 7, 1);
-    EXPECT_TRUE(fs::is_directory(dir.path / "made" / "sdstore"));
-    IFileManager::Instance()->UnInitialize();
-    EXPECT_EQ(log.Text(), "");
-}
-
-// Runs a server in the directory, and finds its file again in a later run.
-void StoreAndLoad(const CRtString& dir) {
-    IFileManager* const manager = IFileManager::Instance();
-    const FMFileInfo info = Description();
-    for (const bool isStoring : {true, false}) {
-        manager->Initialize(dir, 7, 1);
-        FileRef file;
-        if (isStoring) {
-            ASSERT_EQ(manager->CreateFile(file.Receive(), info), RT_OK);
-            Write(*Cache::Block(*file, 1), Pattern(1, 5000));
-        } else {
-            ASSERT_EQ(manager->OpenFile(file.Receive(), info.fileID, 1), RT_OK);
-            EXPECT_TRUE(Read(*Cache::Block(*file, 1, 0)) == Pattern(1, 5000));
-        }
-        file.Reset();
-        manager->DetachFile(info.fileID);
-        manager->UnInitialize();
-    }
-    std::vector<CRtString> stems;
-    std::vector<CRtString> others;
-    EXPECT_EQ(FMListCachedFiles(dir + "\\sdstore", stems, others), RT_OK);
-    EXPECT_EQ(stems, std::vector{FMFileIDToString(info.fileID)});
+    uint64_t available = 0;
+    EXPECT_TRUE(RtOs::GetDriveFreeBytes(chosen.c_str(), available) && available > 0);
 }
 
 // std::filesystem cannot iterate over a directory with a long path.
@@ -474,8 +451,9 @@ size_t CountEntries(const fs::path& directory) {
 
 class Place : public testing::TestWithParam<std::wstring> {};
 INSTANTIATE_TEST_SUITE_P(Path, Place,
-                         testing::Values(L"C:", L"\\\\server\\share", L"\u540d\u524d \u00dcbung",
-                                         L"long", L"\\\\server\\share\\long"));
+                         testing::Values(L"C:", L"\\\\server\\share", L"//server/share/by slash/",
+                                         L"\u540d\u524d \u00dcbung", L"made/by slash/", L"long",
+                                         L"\\\\server\\share\\long"));
 
 // A place without a drive or a share is below a temporary directory. A long one is longer than MAX_PATH.
 TEST_P(Place, ACacheCanBeThere) {
@@ -486,9 +464,8 @@ TEST_P(Place, ACacheCanBeThere) {
     constexpr int levels = 5;
     const std::wstring& place = GetParam();
     const bool isLong = place.ends_with(L"long");
-    const bool isShare = place.starts_with(L"\\\\");
-    const bool isAbsolute = isShare || place.ends_with(L":");
-    fs::path root = isAbsolute ? fs::path(place) : temp.path / place;
+    const bool isShare = place.find(L"server") != std::wstring::npos;
+    fs::path root = isShare || place.ends_with(L":") ? fs::path(place) : temp.path / place;
     for (int level = 0; isLong && level < levels; ++level)
         root /= std::wstring(60, L'd');
     const std::u8string text = root.u8string();
@@ -496,12 +473,29 @@ TEST_P(Place, ACacheCanBeThere) {
     if (isLong) // the library adds the prefix itself
         root = isShare ? L"\\\\?\\UNC" + root.wstring().substr(1) : L"\\\\?\\" + root.wstring();
     const size_t before = CountEntries(root);
-    StoreAndLoad(dir);
+    IFileManager* const manager = IFileManager::Instance();
+    const FMFileInfo info = Description();
+    for (const bool isStoring : {true, false}) { // a later run finds the file
+        manager->Initialize(dir, 7, 1);
+        FileRef file;
+        isStoring ? manager->CreateFile(file.Receive(), info)
+                  : manager->OpenFile(file.Receive(), info.fileID, 1);
+        ASSERT_TRUE(file);
+        if (isStoring)
+            Write(*Cache::Block(*file, 1), Pattern(1, 5000));
+        EXPECT_TRUE(Read(*Cache::Block(*file, 1, 0)) == Pattern(1, 5000));
+        file.Reset();
+        manager->DetachFile(info.fileID);
+        manager->UnInitialize();
+    }
+    std::vector<CRtString> stems;
+    std::vector<CRtString> others;
+    EXPECT_EQ(FMListCachedFiles(dir + "\\sdstore", stems, others), RT_OK);
+    EXPECT_EQ(stems, std::vector{FMFileIDToString(info.fileID)});
     EXPECT_EQ(CountEntries(root / L"sdstore"), 2U);
-    IFileManager::Instance()->Initialize({}, 0, 1); // clears the store, and creates it
+    manager->Initialize({}, 0, 1); // clears the store, and creates it
     EXPECT_EQ(CountEntries(root / L"sdstore"), 0U);
-    IFileManager::Instance()->UnInitialize();
-    EXPECT_EQ(CountEntries(root / L"sdstore"), 0U);
+    manager->UnInitialize();
     EXPECT_EQ(CountEntries(root), before);
     EXPECT_EQ(log.Text(), "");
     if (isLong) // std::filesystem cannot
@@ -513,9 +507,8 @@ TEST(Windows, HousekeepingIgnoresTheCaseOfExtensions) {
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache(1, 7);
     const fs::path store = cache.dir.path / "sdstore";
-    for (const char* name : {"one.SDD", "two.Sdd", "three.sdd"})
+    for (const char* name : {"one.SDD", "two.Sdd", "three.sdd", "kept.sddx"})
         WriteFile(store / name, "unreadable");
-    WriteFile(store / "kept.sddx", "other");
     clock.Advance(60'000);
     FMWaitUntilIdle();
     EXPECT_EQ(CountFiles(store), 1U);
@@ -549,20 +542,16 @@ size_t CountCommittedBytes() {
     size_t bytes = 0;
     MEMORY_BASIC_INFORMATION range{};
     for (const char* at = nullptr; VirtualQuery(at, &range, sizeof(range)) != 0;
-         at = static_cast<const char*>(range.BaseAddress) + range.RegionSize) {
-        if (range.State == MEM_COMMIT && range.Type == MEM_PRIVATE)
-            bytes += range.RegionSize;
-    }
+         at = static_cast<const char*>(range.BaseAddress) + range.RegionSize)
+        bytes += range.State == MEM_COMMIT && range.Type == MEM_PRIVATE ? range.RegionSize : 0;
     return bytes;
 }
 
 // 256 bytes to 512 KiB, each power of two equally often; one block in 1,000 has the largest intended size.
 uint32_t MixedSize(uint32_t block) {
-    if (block % 1000 == 999)
-        return 16 * MIB;
     const uint32_t hash = block * 2654435761u;
     const uint32_t least = 256u << (hash >> 16) % 11;
-    return least + (hash >> 5) % least;
+    return block % 1000 == 999 ? 16 * MIB : least + (hash >> 5) % least;
 }
 
 // The blocks of a minute are evicted five minutes later, so the memory of the server stays at its limit. Some blocks
@@ -578,31 +567,25 @@ TEST(Windows, ServerAtItsMemoryLimitReturnsMemoryAndKeepsLargeRangesFree) {
     const std::string bytes = Pattern(1, 16 * MIB + 4096);
     std::deque<FileRef> files;
     std::deque<BlockRef> kept;
-    size_t mostBlocks = 0;
     size_t most = 0;
     size_t leastFree = SIZE_MAX;
-    const auto measure = [&] {
-        const size_t committed = CountCommittedBytes();
-        most = std::max(most, committed);
-        leastFree = std::min(leastFree, Reserved(32 * MIB).bytes);
+    // Passes time, and returns the committed bytes after it.
+    const auto pass = [&](const char* when, int64_t ms) {
+        size_t committed = 0;
+        for (const int64_t step : {int64_t{0}, ms}) {
+            clock.Advance(step);
+            for (const BlockRef& block : kept)
+                Read(*block);
+            FMWaitUntilIdle(); // the tick evicts no block whose store is pending
+            committed = CountCommittedBytes();
+            most = std::max(most, committed);
+            leastFree = std::min(leastFree, Reserved(32 * MIB).bytes);
+            std::cout << when << ", MiB: blocks " << manager.GetMemoryInUse() / MIB
+                      << ", committed " << committed / MIB << ", free " << leastFree / MIB << "\n";
+        }
         return committed;
     };
-    const auto pass = [&](int64_t ms) {
-        FMWaitUntilIdle(); // the tick evicts no block whose store is pending
-        mostBlocks = std::max(mostBlocks, manager.GetMemoryInUse());
-        measure();
-        clock.Advance(ms);
-        for (const BlockRef& block : kept)
-            Read(*block);
-        FMWaitUntilIdle();
-        return measure();
-    };
-    const auto print = [&](const char* when, size_t committed) {
-        std::cout << when << ": MiB of blocks " << manager.GetMemoryInUse() / MIB << ", committed "
-                  << committed / MIB << "; at most " << mostBlocks / MIB << ", " << most / MIB
-                  << "; free at least " << leastFree / MIB << "\n";
-    };
-    print("start", pass(0));
+    pass("start", 0);
     uint32_t written = 0;
     for (uint32_t i = 0; i < blocks || manager.GetMemoryInUse() < manager.GetMemoryLimit(); ++i) {
         if (i % perFile == 0)
@@ -619,29 +602,25 @@ TEST(Windows, ServerAtItsMemoryLimitReturnsMemoryAndKeepsLargeRangesFree) {
             kept.push_back(block);
         if (kept.size() > 400)
             kept.pop_front();
-        written += size;
-        if (written < 96 * MIB)
+        if ((written += size) < 96 * MIB)
             continue;
         written = 0;
-        pass(60'000);
+        pass("minute", 60'000);
         for (uint32_t old = i % perFile / 2; old > 100; old -= 100) { // many have been evicted
             const uint32_t at = i - i % perFile + old;
             EXPECT_TRUE(Read(*Cache::Block(*files.back(), old + 1, 0)) ==
                         bytes.substr(at % 4096, MixedSize(at)));
         }
     }
-    const size_t evicted = pass(300'000);
-    print("idle blocks evicted", evicted);
+    EXPECT_LT(pass("idle blocks evicted", 300'000),
+              400 * MIB); // the heap alone keeps 526 under Wine
     EXPECT_LT(manager.GetMemoryInUse(), 64 * MIB);
-    EXPECT_LT(evicted, 400 * MIB); // the heap alone keeps 526 under Wine
     EXPECT_LT(most, 768 * MIB);
     EXPECT_GT(leastFree, 768 * MIB);
     kept.clear();
     for (FileRef& file : files)
         cache.Close(file);
-    const size_t closed = pass(0);
-    print("files closed", closed);
-    EXPECT_LT(closed, 256 * MIB);
+    EXPECT_LT(pass("files closed", 0), 256 * MIB);
 }
 
 TEST(Windows, BlockForWhichThereIsNoAddressSpaceIsRefusedAndNothingIsLost) {
@@ -650,34 +629,33 @@ TEST(Windows, BlockForWhichThereIsNoAddressSpaceIsRefusedAndNothingIsLost) {
     Cache cache;
     const FMFileInfo info = Description();
     FileRef file = cache.Create(info);
-    const std::string large = Pattern(1, 16 * MIB);
-    const std::string small = Pattern(2, 5000);
+    const std::string bytes[] = {Pattern(1, 16 * MIB), Pattern(2, 5000)};
     const BlockRef stored = Cache::Block(*file, 1);
     const BlockRef resident = Cache::Block(*file, 2);
     const BlockRef refused = Cache::Block(*file, 3);
-    Write(*stored, large);
-    Write(*resident, small);
+    Write(*stored, bytes[0]);
+    Write(*resident, bytes[1]);
     FMWaitUntilIdle();
     clock.Advance(300'000);
     ASSERT_FALSE(stored->FreeMemory());
     CountingSink sink;
     {
         const Reserved most(8 * MIB); // what is left is for the small objects of the library
-        EXPECT_EQ(Write(*refused, large), RT_ERROR_NULL_OBJECT);
+        EXPECT_EQ(Write(*refused, bytes[0]), RT_ERROR_NULL_OBJECT);
         EXPECT_EQ(refused->GetTotalLen(), 0U);
         EXPECT_EQ(Read(*stored), "error " + std::to_string(RT_ERROR_NULL_OBJECT));
         EXPECT_EQ(stored->ReadData(&sink), RT_OK);
         FMWaitUntilIdle();
         EXPECT_EQ(sink.results, std::vector{RT_ERROR_NULL_OBJECT});
-        EXPECT_TRUE(Read(*resident) == small);
-        EXPECT_EQ(Write(*Cache::Block(*file, 4), small), RT_OK);
+        EXPECT_TRUE(Read(*resident) == bytes[1]);
+        EXPECT_EQ(Write(*Cache::Block(*file, 4), bytes[1]), RT_OK);
         FMWaitUntilIdle();
     }
-    EXPECT_EQ(Write(*refused, large), RT_OK);
+    EXPECT_EQ(Write(*refused, bytes[0]), RT_OK);
     cache.Close(file);
     FMWaitUntilIdle();
     file = cache.Open(info.fileID);
     ASSERT_TRUE(file);
     for (const uint32_t id : {1, 2, 3, 4})
-        EXPECT_TRUE(Read(*Cache::Block(*file, id, 0)) == (id % 2 == 1 ? large : small)) << id;
+        EXPECT_TRUE(Read(*Cache::Block(*file, id, 0)) == bytes[1 - id % 2]) << id;
 }
