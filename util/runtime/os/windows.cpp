@@ -29,9 +29,11 @@ bool IsRealDirectory(DWORD attributes) { return IsDirectory(attributes) && !IsLi
 
 bool IsDots(const std::wstring_view name) { return name == L"." || name == L".."; }
 
+bool IsSeparator(char c) { return c == '\\' || c == '/'; }
+
 // A trailing separator makes the system follow a link. The one of a drive's root is kept.
 CRtString WithoutTail(CRtString path) {
-    while (path.size() > 1 && path.back() == '\\' && path[path.size() - 2] != ':')
+    while (path.size() > 1 && IsSeparator(path.back()) && path[path.size() - 2] != ':')
         path.resize(path.size() - 1);
     return path;
 }
@@ -238,7 +240,7 @@ void SetHidden(const CRtString& path) {
     ::SetFileAttributesW(Native(path).c_str(), FILE_ATTRIBUTE_HIDDEN);
 }
 
-size_t FindLastSeparator(const CRtString& path) { return path.view().find_last_of('\\'); }
+size_t FindLastSeparator(const CRtString& path) { return path.view().find_last_of("\\/"); }
 
 bool HasExtension(const CRtString& name, const CRtString& extension) {
     return name.size() >= extension.size() &&
