@@ -209,11 +209,15 @@ struct Holding {
         SetVariable(OPERATION, std::to_string(operation));
         other.emplace(dir.path, "RunsWhileFilesAreHeld");
         const fs::path store = dir.path / "sdstore";
-        std::vector<HANDLE> handles{kind.empty() ? HoldAlone(store) : INVALID_HANDLE_VALUE};
+        std::vector<fs::path> paths;
         for (const fs::directory_entry& entry : fs::directory_iterator(store)) {
             if (entry.path().extension() == kind)
-                handles.push_back(HoldAlone(entry.path()));
+                paths.push_back(entry.path());
         }
+        if (kind.empty())
+            paths = {store};
+        std::vector<HANDLE> handles;
+        std::ranges::transform(paths, std::back_inserter(handles), HoldAlone);
         std::erase(handles, INVALID_HANDLE_VALUE);
         count = handles.size();
         WriteFile(dir.path / "held", "");

@@ -79,6 +79,7 @@ int ErrnoOf(DWORD error) {
     case ERROR_HANDLE_DISK_FULL:
         return ENOSPC;
     case ERROR_SHARING_VIOLATION:
+    case ERROR_DELETE_PENDING:
         return EBUSY; // see IsInUse
     case ERROR_ACCESS_DENIED:
     case ERROR_LOCK_VIOLATION:
