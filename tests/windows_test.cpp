@@ -281,11 +281,11 @@ TEST(Windows, FilesThatAreHeldForTwoSecondsCostNoDataAndNoLongTurn) {
 }
 
 // The read/write thread waits for a data file that is held. What the caller thread calls meanwhile does not.
-class HeldStore : public testing::TestWithParam<bool> {};
-INSTANTIATE_TEST_SUITE_P(IsClosed, HeldStore, testing::Bool());
+class HeldStore : public testing::TestWithParam<std::string> {};
+INSTANTIATE_TEST_SUITE_P(Of, HeldStore, testing::Values("open", "flushed", "closed"));
 
 TEST_P(HeldStore, DelaysNoCallOfTheCallerThread) {
-    const bool isClosed = GetParam();
+    const bool isClosed = GetParam() == "closed";
     const TempDir dir;
     const CRtString store((dir.path / "sdstore").string());
     const FMFileInfo info = Described(OPEN);
@@ -312,6 +312,8 @@ TEST_P(HeldStore, DelaysNoCallOfTheCallerThread) {
         Sleep(5);
         FMCachedFile found;
         std::string read;
+        if (GetParam() == "flushed")
+            turns.Run([&] { cache.thread.RunDue(); });
         turns.Run([&] { read = Read(*evicted); });
         turns.Run([&] { EXPECT_EQ(!cache.Open(info.fileID), isClosed); });
         turns.Run([&] { FMDescribeCachedFile(store, OPEN, found); });
