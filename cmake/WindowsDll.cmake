@@ -7,6 +7,10 @@ target_sources(filemanager PRIVATE ${PROJECT_BINARY_DIR}/filemanager.rc)
 target_link_options(filemanager PRIVATE
     LINKER:--subsystem,windows LINKER:--dynamicbase LINKER:--nxcompat)
 
+foreach(layer IN LISTS layers)
+    target_compile_options(${layer} PRIVATE -g)
+endforeach()
+
 # A debugger finds the file by the link, in the directory of the DLL.
 set(symbols $<TARGET_FILE:filemanager>.debug)
 add_custom_command(TARGET filemanager POST_BUILD

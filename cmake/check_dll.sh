@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The Windows library and programs need the system's DLLs and filemanager.dll only, and have the system's protection
-# against attacks. The library has a version, opens no console, and has its symbols in a file of their own.
+# against attacks. The library is a release, has a version, opens no console, and has its symbols in a file of their own.
 # usage: check_dll.sh OBJDUMP VERSION FILE...
 set -euo pipefail
 objdump=${1:?usage: $0 OBJDUMP VERSION FILE...}
@@ -31,6 +31,9 @@ for file in "$@"; do
     if grep -wE 'AllocConsole|AttachConsole|CreateProcess[AW]|ShellExecute[AW]' <<<"$headers" >&2; then
         fail "$file can open a console"
     fi
+    if grep -w '_assert' <<<"$headers" >&2; then
+        fail "$file is no release: it contains assertions"
+    fi
     # The strings of the resource are in UTF-16: without the zeros, name and value follow each other.
     resource=$(tr -d '\0' <"$file" | grep -aoE 'ProductVersion[0-9.]+' || true)
     [ "$resource" = "ProductVersion$version" ] || fail "$file does not have the version $version"
@@ -40,5 +43,6 @@ for file in "$@"; do
     grep -qw '\.gnu_debuglink' <<<"$sections" || fail "$file does not name the file of its symbols"
     symbols=$("$objdump" -t "$file.debug")
     grep -q 'CFileManager' <<<"$symbols" || fail "$file.debug has no symbols"
+    grep -aq 'util/filemanager' "$file.debug" || fail "$file.debug has no line numbers of the library"
 done
 echo "dll: $# files need the system's DLLs only and are protected; the library has version $version"

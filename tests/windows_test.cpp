@@ -1,5 +1,5 @@
-// Windows only: drives, attributes, directory links, open files that cannot be removed, and processes that
-// share a cache, which are started here instead of forked.
+// Windows only: files that another process holds, places of the data directory, directory links, the address space,
+// and processes that share a cache, which are started here instead of forked.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -10,25 +10,29 @@
 #include <thread>
 
 #include "FMCatalog.h"
+#include "FMDurability.h"
 #include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
 
-// After the library's headers; support_windows.cpp includes it before them.
+// After the library's headers; kit_windows.cpp includes it before them.
 #include <windows.h>
 #undef CreateFile
 
 static_assert(sizeof(void*) == 4 && sizeof(long) == 4);
 
-// As in support_windows.cpp.
+// As in kit_windows.cpp.
 PROCESS_INFORMATION StartProcess(const std::string& program, std::string line, uint32_t flags);
 std::string OwnProgram();
 
 namespace {
 
+using Duration = std::chrono::steady_clock::duration;
+using std::chrono::milliseconds;
+
 constexpr char OTHERS_DIR[] = "FILEMANAGER_OTHERS_DIR";
+constexpr char OPERATION[] = "FILEMANAGER_OPERATION";
 constexpr char FINISHED[] = "{00000000-0000-4000-8000-000000000001}";
 constexpr char OPEN[] = "{00000000-0000-4000-8000-000000000002}";
-constexpr char OPERATION[] = "FILEMANAGER_OPERATION";
 
 FMFileInfo Described(const char* id) {
     FMFileInfo info = Description();
@@ -36,205 +40,208 @@ FMFileInfo Described(const char* id) {
     return info;
 }
 
-// Runs a disabled test case of this program in another process until Kill.
+void WaitFor(const fs::path& marker) {
+    while (!fs::exists(marker))
+        Sleep(5);
+}
+
+// Runs a disabled test case of this program in another process.
 class OtherProcess {
 public:
-    OtherProcess(const TempDir& dir, const std::string& testCase) {
-        SetVariable(OTHERS_DIR, dir.path.string());
-        m_info = StartProcess(
-            OwnProgram(), "other --gtest_also_run_disabled_tests --gtest_filter=" + testCase, 0);
-        while (!fs::exists(dir.path / "ready") &&
-               WaitForSingleObject(m_info.hProcess, 10) == WAIT_TIMEOUT) {
+    OtherProcess(const fs::path& dir, const std::string& testCase) {
+        SetVariable(OTHERS_DIR, dir.string());
+        const std::string options = "other --gtest_brief=1 --gtest_also_run_disabled_tests ";
+        const std::string filter = "--gtest_filter=DISABLED_Other." + testCase;
+        m_process = StartProcess(OwnProgram(), options + filter, 0).hProcess;
+        while (!fs::exists(dir / "ready") && WaitForSingleObject(m_process, 10) == WAIT_TIMEOUT) {
         }
     }
-    void Kill() {
-        TerminateProcess(m_info.hProcess, 1);
-        Wait();
-    }
+    void Kill() { TerminateProcess(m_process, 1), Wait(); }
     // Returns the exit status.
     DWORD Wait() {
         DWORD status = 1;
-        WaitForSingleObject(m_info.hProcess, INFINITE);
-        GetExitCodeProcess(m_info.hProcess, &status);
-        CloseHandle(m_info.hProcess);
+        WaitForSingleObject(m_process, INFINITE);
+        GetExitCodeProcess(m_process, &status);
+        CloseHandle(m_process);
         return status;
     }
 
 private:
-    PROCESS_INFORMATION m_info{};
+    HANDLE m_process = nullptr;
 };
 
-[[noreturn]] void StayUntilKilled(const TempDir& dir) {
-    WriteFile(dir.path / "ready", "");
-    std::this_thread::sleep_for(std::chrono::hours(1));
-    std::_Exit(1);
+HANDLE HoldAlone(const fs::path& path) {
+    return CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
+                       FILE_FLAG_BACKUP_SEMANTICS, nullptr);
 }
 
-void WaitFor(const fs::path& marker) {
-    while (!fs::exists(marker))
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+template <class Work>
+Duration Measure(const Work& work) {
+    const auto begin = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::steady_clock::now() - begin;
 }
 
-// A fixed sequence of operations. From one of them on, another process holds files for two seconds.
-class HeldWorkload {
-public:
-    explicit HeldWorkload(const TempDir& dir) : m_cache(dir.path, false) {
-        m_info = Described(FINISHED);
-        WriteFile(m_cache.Path(Described(OPEN).fileID, ".sdi"),
-                  InfoFile(Described(OPEN), std::string(2, '\0'), 1)); // expired
-        WriteFile(m_cache.Path(Described(OPEN).fileID, ".sdd"), "data");
+// The longest turn of the caller thread. Other programs of the machine delay turns too, and as much a metronome: its
+// delay is no fault of the library. A case repeats turns that were too long nevertheless.
+constexpr int ATTEMPTS = 3;
+struct Turns {
+    ~Turns() {
+        isOver = true;
+        metronome.join();
     }
-
-    static constexpr size_t OPERATIONS = 15;
-    static constexpr size_t STOP = 12;
-    void Run(size_t operation) {
-        switch (operation) {
-        case 0:
-        case 13:
-            return m_cache.Start();
-        case 1:
-            return Create(1);
-        case 3:
-        case 8:
-        case 14:
-            return OpenAndRead();
-        case 4:
-            return Rewrite();
-        case 6:
-            return Create(3);
-        case 2:
-        case 5:
-        case 7:
-            return Close();
-        case 9:
-            Close();
-            m_file = m_cache.Create(1, FM_FILE_TEMPORARY);
-            Write(*Cache::Block(*m_file, 1), "temporary");
-            return Close();
-        case 10:
-            return m_clock.Advance(60'000);
-        case 11:
-            FMStartHousekeeping();
-            return;
-        case STOP:
-            return m_cache.Stop();
-        default:
-            FAIL();
+    void Run(const std::function<void()>& turn) { longest = std::max(longest, Measure(turn)); }
+    bool AreShort() const {
+        constexpr Duration limit = milliseconds(50);
+        return longest <= std::min<Duration>(limit + 2 * delay.load(), milliseconds(1000));
+    }
+    void Tick() {
+        while (!isOver) {
+            const Duration took = Measure([] { Sleep(4), GetFileAttributesA("C:\\windows"); });
+            delay = std::max(delay.load(), took - milliseconds(4));
         }
     }
-    // The work of the loop of an application.
-    void Turn() { m_cache.thread.RunDue(); }
-    // One tick after the last file was released.
-    void Check() {
-        m_clock.Advance(60'000);
-        FMWaitUntilIdle();
-        OpenAndRead();
-        ASSERT_TRUE(m_file);
-        Close();
-        FMWaitUntilIdle();
-        FMCachedFile file;
-        EXPECT_EQ(FMDescribeCachedFile("", FINISHED, file), RT_OK);
-        EXPECT_TRUE(file.isLoadable && file.storedBlocks == m_expected.size());
-        FMStartHousekeeping(); // for what was held during the first run
-        FMWaitUntilIdle();
-        EXPECT_EQ(CountFiles(m_cache.dir.path / "sdstore"), 2U);
-    }
+    Duration longest{};
+    std::atomic<Duration> delay{};
+    std::atomic<bool> isOver{false};
+    std::thread metronome{&Turns::Tick, this};
+};
 
-private:
-    void Create(uint32_t block) {
-        m_file = m_cache.Create(m_info);
-        m_expected = {{block, Pattern(block, 5000)}, {block + 1, Pattern(block + 1, 300)}};
-        for (const auto& [id, bytes] : m_expected)
-            Write(*Cache::Block(*m_file, id), bytes);
+// A fixed sequence of operations. From one of them on, another process holds files for two seconds.
+struct HeldWorkload {
+    using Operation = void (HeldWorkload::*)();
+    static const std::vector<Operation> OPERATIONS;
+
+    explicit HeldWorkload(const fs::path& dir) : cache(dir, false), info(Described(FINISHED)) {
+        const FMFileInfo expired = Described(OPEN);
+        WriteFile(cache.Path(expired.fileID, ".sdi"), InfoFile(expired, std::string(2, '\0'), 1));
+        WriteFile(cache.Path(expired.fileID, ".sdd"), "data");
+    }
+    void Start() { cache.Start(); }
+    void Stop() { cache.Stop(); }
+    void Tick() { clock.Advance(60'000); }
+    void Clean() { FMStartHousekeeping(); }
+    void Create() {
+        file = cache.Create(info);
+        const uint32_t first = expected.empty() ? 1 : 3;
+        expected = {{first, Pattern(first, 5000)}, {first + 1, Pattern(first + 1, 300)}};
+        for (const auto& [id, bytes] : expected)
+            Write(*Cache::Block(*file, id), bytes);
     }
     void Rewrite() {
-        if (!m_file)
-            return;
-        m_expected[1] = Pattern(9, 5000);
-        Write(*Cache::Block(*m_file, 1), m_expected[1]);
+        if (file)
+            Write(*Cache::Block(*file, 1), expected[1] = Pattern(9, 5000));
     }
-    // While a file is held, it cannot be opened or read.
-    void OpenAndRead() {
-        if (!m_file)
-            m_file = m_cache.Open(m_info.fileID);
-        if (!m_file)
-            return;
-        for (const auto& [id, bytes] : m_expected) {
-            const BlockRef block = Cache::Block(*m_file, id, 0);
-            ASSERT_TRUE(block);
-            const std::string read = Read(*block);
-            EXPECT_TRUE(read == bytes || read == "error 10006") << id << " " << read.size();
+    void Open() { // while a file is held, it cannot be opened or read
+        file = file ? file : cache.Open(info.fileID);
+        for (auto it = expected.begin(); file && it != expected.end(); ++it) {
+            const std::string read = Read(*Cache::Block(*file, it->first, 0));
+            EXPECT_TRUE(read == it->second || read == "error 10001") << it->first << " " << read;
         }
     }
     void Close() {
-        if (m_file)
-            m_cache.Close(m_file);
+        if (file)
+            cache.Close(file);
+    }
+    void Remove() {
+        Close();
+        file = cache.Create(1, FM_FILE_TEMPORARY);
+        Write(*Cache::Block(*file, 1), "temporary");
+        Close();
+    }
+    // One tick after the last file was released.
+    void Check() {
+        Tick();
+        FMWaitUntilIdle();
+        Open();
+        ASSERT_TRUE(file);
+        Close();
+        FMWaitUntilIdle();
+        FMCachedFile found;
+        EXPECT_EQ(FMDescribeCachedFile("", FINISHED, found), RT_OK);
+        EXPECT_TRUE(found.isLoadable && found.storedBlocks == expected.size());
+        Clean(); // of what was held during the first run
+        FMWaitUntilIdle();
+        EXPECT_EQ(CountFiles(cache.dir.path / "sdstore"), 2U);
     }
 
-    TestClock m_clock;
-    Cache m_cache;
-    FMFileInfo m_info;
-    FileRef m_file;
-    std::map<uint32_t, std::string> m_expected;
+    TestClock clock;
+    Cache cache;
+    const FMFileInfo info;
+    FileRef file;
+    std::map<uint32_t, std::string> expected;
 };
-
-// Opens everything of a kind in the store without sharing, for two seconds.
-std::vector<HANDLE> Hold(const fs::path& store, const std::string& kind) {
-    std::vector<fs::path> paths;
-    if (kind == "directory")
-        paths.push_back(store);
-    for (const fs::directory_entry& entry : fs::directory_iterator(store)) {
-        if (entry.path().extension() == kind)
-            paths.push_back(entry.path());
-    }
-    std::vector<HANDLE> held;
-    for (const fs::path& path : paths) {
-        const HANDLE handle = CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
-                                          FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-        if (handle != INVALID_HANDLE_VALUE)
-            held.push_back(handle);
-    }
-    return held;
-}
-
-} // namespace
+using Held = HeldWorkload;
+const std::vector<Held::Operation> Held::OPERATIONS = {
+    &Held::Start, &Held::Create, &Held::Close, &Held::Open,  &Held::Rewrite,
+    &Held::Close, &Held::Create, &Held::Close, &Held::Open,  &Held::Remove,
+    &Held::Tick,  &Held::Clean,  &Held::Stop,  &Held::Start, &Held::Open};
 
 TEST(DISABLED_Other, RunsWhileFilesAreHeld) {
-    using Clock = std::chrono::steady_clock;
     LogCapture quiet(RT_LOG_SILENT);
-    const TempDir dir(fs::path(std::getenv(OTHERS_DIR)));
-    const auto first = static_cast<size_t>(std::atoi(std::getenv(OPERATION)));
+    const fs::path dir = std::getenv(OTHERS_DIR);
+    auto left = std::atoi(std::getenv(OPERATION));
     HeldWorkload workload(dir);
-    Clock::duration longest{};
-    const auto measure = [&longest](const auto& turn) {
-        const auto begin = Clock::now();
-        turn();
-        longest = std::max(longest, Clock::now() - begin);
-    };
-    for (size_t i = 0; i < HeldWorkload::OPERATIONS; ++i) {
-        if (i == first) {
-            WriteFile(dir.path / "ready", "");
-            WaitFor(dir.path / "held");
+    Turns turns;
+    for (const auto& operation : Held::OPERATIONS) {
+        if (left-- == 0) {
+            WriteFile(dir / "ready", "");
+            WaitFor(dir / "held");
         }
-        if (i == HeldWorkload::STOP)
-            workload.Run(i); // waits for the disk
+        if (operation == &Held::Stop)
+            workload.Stop(); // waits for the disk
         else
-            measure([&] { workload.Run(i); });
+            turns.Run([&] { (workload.*operation)(); });
         for (int turn = 0; turn < 10; ++turn) {
-            measure([&] { workload.Turn(); });
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            turns.Run([&] { workload.cache.thread.RunDue(); });
+            Sleep(2);
         }
     }
-    WaitFor(dir.path / "released");
+    WaitFor(dir / "released");
     workload.Check();
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(longest).count();
-    EXPECT_LE(ms, 50) << "operation " << first;
+    if (!turns.AreShort())
+        WriteFile(dir / "slow", "");
 }
 
-// The other process: stores and closes one file, and keeps a second one open with a stored block.
+// Holds everything of a kind in the store of another process for two seconds, from an operation on.
+struct Holding {
+    Holding(size_t operation, const std::string& kind) {
+        SetVariable(OPERATION, std::to_string(operation));
+        other.emplace(dir.path, "RunsWhileFilesAreHeld");
+        const fs::path store = dir.path / "sdstore";
+        std::vector<fs::path> paths;
+        for (const fs::directory_entry& entry : fs::directory_iterator(store)) {
+            if (entry.path().extension() == kind)
+                paths.push_back(entry.path());
+        }
+        if (kind.empty())
+            paths = {store};
+        std::vector<HANDLE> handles;
+        std::ranges::transform(paths, std::back_inserter(handles), HoldAlone);
+        std::erase(handles, INVALID_HANDLE_VALUE);
+        count = handles.size();
+        WriteFile(dir.path / "held", "");
+        release = std::thread([this, handles] {
+            Sleep(2000);
+            std::ranges::for_each(handles, CloseHandle);
+            WriteFile(dir.path / "released", "");
+        });
+    }
+    // False if a turn was too long.
+    bool End() {
+        release.join();
+        EXPECT_EQ(other->Wait(), 0U);
+        return !fs::exists(dir.path / "slow");
+    }
+    TempDir dir;
+    std::optional<OtherProcess> other;
+    size_t count = 0;
+    std::thread release;
+};
+
+// Stores and closes one file, and keeps a second one open with a stored block, until it is killed.
 TEST(DISABLED_Other, StoresAndStays) {
-    const TempDir dir(fs::path(std::getenv(OTHERS_DIR)));
-    Cache cache(dir.path);
+    Cache cache(fs::path(std::getenv(OTHERS_DIR)));
     for (const char* id : {FINISHED, OPEN}) {
         FileRef file = cache.Create(Described(id));
         Write(*Cache::Block(*file, 1), Pattern(1, 5000));
@@ -242,14 +249,97 @@ TEST(DISABLED_Other, StoresAndStays) {
             cache.Close(file);
         FMWaitUntilIdle();
     }
-    StayUntilKilled(dir);
+    WriteFile(cache.dir.path / "ready", "");
+    Sleep(INFINITE);
+}
+
+} // namespace
+
+// A virus scanner, for example, opens files so that no other process can. Nothing is lost, and no turn is long.
+TEST(Windows, FilesThatAreHeldForTwoSecondsCostNoDataAndNoLongTurn) {
+    std::map<std::string, size_t> held{{"", 0}, {".sdd", 0}, {".sdi", 0}}; // "": the directory
+    std::vector<std::pair<size_t, std::string>> left;
+    for (size_t operation = 0; operation < Held::OPERATIONS.size(); ++operation) {
+        for (const auto& [kind, count] : held)
+            left.emplace_back(operation, kind);
+    }
+    for (int attempt = 0; attempt < ATTEMPTS && !left.empty(); ++attempt) {
+        std::deque<Holding> holdings;
+        for (const auto& [operation, kind] : left)
+            held[kind] += holdings.emplace_back(operation, kind).count;
+        std::erase_if(left, [&holdings](const auto& each) {
+            const bool isShort = holdings.front().End();
+            holdings.pop_front();
+            EXPECT_FALSE(testing::Test::HasFailure()) << each.first << " " << each.second;
+            return isShort;
+        });
+    }
+    for (const auto& [operation, kind] : left)
+        ADD_FAILURE() << "long turn: operation " << operation << ", " << kind;
+    for (const auto& [kind, count] : held)
+        EXPECT_GT(count, 0U) << kind;
+}
+
+// The read/write thread waits for a data file that is held. What the caller thread calls meanwhile does not.
+class HeldStore : public testing::TestWithParam<std::string> {};
+INSTANTIATE_TEST_SUITE_P(Of, HeldStore, testing::Values("open", "flushed", "closed"));
+
+TEST_P(HeldStore, DelaysNoCallOfTheCallerThread) {
+    const bool isClosed = GetParam() == "closed";
+    const TempDir dir;
+    const CRtString store((dir.path / "sdstore").string());
+    const FMFileInfo info = Described(OPEN);
+    bool isShort = false;
+    for (int attempt = 0; attempt < ATTEMPTS && !isShort; ++attempt) {
+        TestClock clock;
+        LogCapture quiet(RT_LOG_SILENT);
+        Cache cache(dir.path);
+        const FileRef other = cache.Create();
+        const BlockRef evicted = Cache::Block(*other, 1);
+        Write(*evicted, "evicted");
+        FMWaitUntilIdle();
+        clock.Advance(300'000);
+        ASSERT_FALSE(evicted->FreeMemory());
+        WriteFile(cache.Path(info.fileID, ".sdd"), "a predecessor, which the store removes");
+        const HANDLE held = HoldAlone(cache.Path(info.fileID, ".sdd"));
+        Turns turns;
+        bool isFlushed = false;
+        FMFlushAsync([&](int, const auto&) { isFlushed = true; });
+        FileRef file = cache.Create(info);
+        Write(*Cache::Block(*file, 1), Pattern(1, 5000));
+        if (isClosed)
+            cache.Close(file);
+        Sleep(5);
+        FMCachedFile found;
+        std::string read;
+        if (GetParam() == "flushed")
+            turns.Run([&] { cache.thread.RunDue(); });
+        turns.Run([&] { read = Read(*evicted); });
+        turns.Run([&] { EXPECT_EQ(!cache.Open(info.fileID), isClosed); });
+        turns.Run([&] { FMDescribeCachedFile(store, OPEN, found); });
+        turns.Run([&] { cache.thread.RunDue(); });
+        EXPECT_EQ(isFlushed, !isClosed);
+        EXPECT_EQ(read, isClosed ? "error 10001" : "evicted");
+        CloseHandle(held);
+        FMWaitUntilIdle();
+        EXPECT_EQ(Read(*evicted), "evicted");
+        clock.Advance(60'000); // the store of the open file is retried
+        FMWaitUntilIdle();
+        if (file)
+            cache.Close(file);
+        file = cache.Open(info.fileID);
+        ASSERT_TRUE(file);
+        EXPECT_TRUE(Read(*Cache::Block(*file, 1, 0)) == Pattern(1, 5000));
+        isShort = turns.AreShort();
+    }
+    EXPECT_TRUE(isShort);
 }
 
 TEST(Windows, ServerLocksItsOpenFilesAndAKillLosesNoStoredFile) {
     TestClock clock;
     LogCapture log(RT_LOG_WARNING);
     const TempDir dir;
-    OtherProcess other(dir, "DISABLED_Other.StoresAndStays");
+    OtherProcess other(dir.path, "StoresAndStays");
     Cache cache(dir.path);
     FMCachedFile found;
     for (const char* id : {FINISHED, OPEN}) {
@@ -274,59 +364,25 @@ TEST(Windows, ServerLocksItsOpenFilesAndAKillLosesNoStoredFile) {
     EXPECT_TRUE(Read(*Cache::Block(*file, 1, 0)) == Pattern(1, 5000));
 }
 
-// A virus scanner, for example, opens files so that no other process can. Nothing is lost, and no turn is long.
-TEST(Windows, FilesThatAreHeldForTwoSecondsCostNoDataAndNoLongTurn) {
-    std::map<std::string, size_t> held;
-    std::vector<std::thread> releases;
-    std::deque<TempDir> dirs;
-    std::deque<OtherProcess> others;
-    for (size_t operation = 0; operation < HeldWorkload::OPERATIONS; ++operation) {
-        for (const char* kind : {".sdd", ".sdi", "directory"}) {
-            const fs::path dir = dirs.emplace_back().path;
-            SetVariable(OPERATION, std::to_string(operation));
-            others.emplace_back(dirs.back(), "DISABLED_Other.RunsWhileFilesAreHeld");
-            const std::vector<HANDLE> handles = Hold(dir / "sdstore", kind);
-            held[kind] += handles.size();
-            WriteFile(dir / "held", "");
-            releases.emplace_back([handles, dir] {
-                std::this_thread::sleep_for(std::chrono::seconds(2));
-                for (const HANDLE handle : handles)
-                    CloseHandle(handle);
-                WriteFile(dir / "released", "");
-            });
-        }
-    }
-    for (std::thread& release : releases)
-        release.join();
-    for (size_t i = 0; i < others.size(); ++i)
-        EXPECT_EQ(others[i].Wait(), 0U) << "operation " << i / 3 << ", kind " << i % 3;
-    for (const auto& [kind, count] : held)
-        RecordProperty(kind, static_cast<int>(count));
-    EXPECT_TRUE(held[".sdd"] > 0 && held[".sdi"] > 0 && held["directory"] > 0);
-}
-
 TEST(Windows, LaterClearingRemovesFilesThatWereOpenAndFollowsNoDirectoryLink) {
-    LogCapture quiet(RT_LOG_SILENT);
+    LogCapture log(RT_LOG_WARNING);
     Cache cache(0, 0);
-    EXPECT_TRUE(GetFileAttributesA((cache.dir.path / "confcache").string().c_str()) &
-                FILE_ATTRIBUTE_HIDDEN);
-    cache.Stop();
     const fs::path root = cache.dir.path / "confcache";
+    EXPECT_TRUE(GetFileAttributesW(root.c_str()) & FILE_ATTRIBUTE_HIDDEN);
+    cache.Stop();
     const TempDir outside;
-    WriteFile(outside.path / "kept", "x");
-    WriteFile(root / "0" / "free" / "file", "x");
-    WriteFile(root / "0" / "held" / "file", "x");
+    for (const fs::path& path : {outside.path, root / "0" / "free", root / "0" / "held"})
+        WriteFile(path / "file", "x");
     const bool isJunction = MakeDirectoryLink(outside.path, root / "0" / "link");
-    ASSERT_TRUE(fs::exists(root / "0" / "link" / "kept"));
-    FILE* held = std::fopen((root / "0" / "held" / "file").string().c_str(), "rb");
-    ASSERT_TRUE(held);
+    ASSERT_TRUE(fs::exists(root / "0" / "link" / "file"));
+    const HANDLE held = HoldAlone(root / "0" / "held" / "file");
     cache.Start();
     EXPECT_TRUE(fs::exists(root / "0" / "held" / "file"));
     EXPECT_FALSE(fs::exists(root / "0" / "free"));
-    EXPECT_TRUE(fs::exists(outside.path / "kept"));
-    std::fclose(held);
+    EXPECT_EQ(log.Count("which stay until the next clearing: 1,"), 1U);
+    CloseHandle(held);
     cache.Stop();
-    EXPECT_TRUE(fs::exists(outside.path / "kept"));
+    EXPECT_TRUE(fs::exists(outside.path / "file"));
     EXPECT_FALSE(fs::exists(root / "0" / "held"));
     EXPECT_EQ(fs::exists(root), !isJunction); // the emulator does not remove its own links
 }
@@ -335,65 +391,60 @@ TEST(Windows, StoreDoesNotHangIfTheDataFileIsADanglingLink) {
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache;
     const FMFileInfo info = Description();
-    const fs::path target = cache.dir.path / "target";
-    fs::create_directory(target);
-    MakeDirectoryLink(target, cache.Path(info.fileID, ".sdd"));
-    fs::remove(target);
+    fs::create_directory(cache.dir.path / "target");
+    MakeDirectoryLink(cache.dir.path / "target", cache.Path(info.fileID, ".sdd"));
+    fs::remove(cache.dir.path / "target");
     const FileRef file = cache.Create(info);
     Write(*Cache::Block(*file, 1), "bytes");
     FMWaitUntilIdle();
     EXPECT_EQ(Read(*Cache::Block(*file, 1)), "bytes");
 }
 
-TEST(Windows, DefaultRootIsTheFixedDriveWithTheMostFreeSpace) {
-    LogCapture log;
+TEST(Windows, DefaultRootIsAFixedDrive) {
     const CRtCallerThread callerThread;
     IFileManager::Instance()->Initialize("", 7, 1);
     IFileManager::Instance()->UnInitialize();
-    const std::string line = "CFileManager::SetDataDir, data dir=";
-    const size_t at = log.Text().find(line);
-    ASSERT_NE(at, std::string::npos);
-    const std::string chosen = log.Text().substr(at + line.size(), 3);
-    EXPECT_TRUE(fs::remove(chosen + "sdstore"));
-    EXPECT_EQ(GetDriveTypeA(chosen.c_str()), DRIVE_FIXED);
-    char drives[512] = {};
-    ASSERT_GT(GetLogicalDriveStringsA(sizeof(drives), drives), 0U);
-    for (const char* drive = drives; *drive; drive += std::string(drive).size() + 1) {
-        constexpr uint64_t usedMeanwhile = uint64_t{1} << 30;
-        std::error_code error;
-        const fs::space_info space = fs::space(drive, error);
-        if (!error && GetDriveTypeA(drive) == DRIVE_FIXED) {
-            EXPECT_GE(fs::space(chosen).available + usedMeanwhile, space.available) << drive;
-        }
-    }
+    const std::string dir = CFileManager::Instance()->GetDataDir().c_str();
+    EXPECT_TRUE(fs::remove(dir.substr(0, 3) + "sdstore"));
+    EXPECT_EQ(GetDriveTypeA(dir.substr(0, 3).c_str()), DRIVE_FIXED);
 }
 
-// A root that ends in a slash gets a backslash appended.
-TEST(Windows, SlashesAreAcceptedAsSeparators) {
+class Place : public testing::TestWithParam<std::wstring> {};
+INSTANTIATE_TEST_SUITE_P(Path, Place,
+                         testing::Values(L"C:", L"\\\\server\\share", L"\u540d\u524d \u00dcbung",
+                                         L"made/by slash/", L"long", L"\\\\server\\share\\long"));
+
+// A place without a drive or a share is below a temporary directory. A long one is longer than MAX_PATH.
+TEST_P(Place, ACacheCanBeThere) {
     LogCapture log(RT_LOG_WARNING);
-    const TempDir dir;
     const CRtCallerThread callerThread;
-    const std::string path = (dir.path / "made").generic_string() + "/";
-    IFileManager::Instance()->Initialize(CRtString(path), 7, 1);
-    EXPECT_TRUE(fs::is_directory(dir.path / "made" / "sdstore"));
-    IFileManager::Instance()->UnInitialize();
-    EXPECT_EQ(log.Text(), "");
-}
-
-// Runs a server in the directory, and finds its file again in a later run.
-void StoreAndLoad(const CRtString& dir) {
+    RtSetUtf8Paths(true);
+    const TempDir temp;
+    const std::wstring& place = GetParam();
+    const bool isLong = place.ends_with(L"long");
+    const bool isShare = place.starts_with(L"\\\\");
+    fs::path root = isShare || place == L"C:" ? fs::path(place) : temp.path / place;
+    constexpr int levels = 5;
+    for (int level = 0; isLong && level < levels; ++level)
+        root /= std::wstring(60, L'd');
+    const std::u8string text = root.u8string();
+    const CRtString dir(std::string(text.begin(), text.end()));
+    if (isLong) // the library adds the prefix itself
+        root = isShare ? L"\\\\?\\UNC" + root.wstring().substr(1) : L"\\\\?\\" + root.wstring();
+    const auto isStoreThere = [store = root / "sdstore"] {
+        return GetFileAttributesW(store.c_str()) != INVALID_FILE_ATTRIBUTES;
+    };
     IFileManager* const manager = IFileManager::Instance();
     const FMFileInfo info = Description();
-    for (const bool isStoring : {true, false}) {
+    for (const bool isStoring : {true, false}) { // a later run finds the file
         manager->Initialize(dir, 7, 1);
         FileRef file;
-        if (isStoring) {
-            ASSERT_EQ(manager->CreateFile(file.Receive(), info), RT_OK);
+        isStoring ? manager->CreateFile(file.Receive(), info)
+                  : manager->OpenFile(file.Receive(), info.fileID, 1);
+        ASSERT_TRUE(file);
+        if (isStoring)
             Write(*Cache::Block(*file, 1), Pattern(1, 5000));
-        } else {
-            ASSERT_EQ(manager->OpenFile(file.Receive(), info.fileID, 1), RT_OK);
-            EXPECT_TRUE(Read(*Cache::Block(*file, 1, 0)) == Pattern(1, 5000));
-        }
+        EXPECT_TRUE(Read(*Cache::Block(*file, 1, 0)) == Pattern(1, 5000));
         file.Reset();
         manager->DetachFile(info.fileID);
         manager->UnInitialize();
@@ -402,50 +453,12 @@ void StoreAndLoad(const CRtString& dir) {
     std::vector<CRtString> others;
     EXPECT_EQ(FMListCachedFiles(dir + "\\sdstore", stems, others), RT_OK);
     EXPECT_EQ(stems, std::vector{FMFileIDToString(info.fileID)});
-}
-
-// std::filesystem cannot iterate over a directory with a long path.
-size_t CountEntries(const fs::path& directory) {
-    WIN32_FIND_DATAW entry{};
-    size_t count = 0;
-    const HANDLE search = FindFirstFileW((directory / "*").c_str(), &entry);
-    for (BOOL any = search != INVALID_HANDLE_VALUE; any; any = FindNextFileW(search, &entry))
-        count += entry.cFileName[0] != L'.' ? 1 : 0;
-    FindClose(search);
-    return count;
-}
-
-class Place : public testing::TestWithParam<std::wstring> {};
-INSTANTIATE_TEST_SUITE_P(Path, Place,
-                         testing::Values(L"C:", L"\\\\server\\share", L"\u540d\u524d \u00dcbung",
-                                         L"long", L"\\\\server\\share\\long"));
-
-// A place without a drive or a share is below a temporary directory. A long one is longer than MAX_PATH.
-TEST_P(Place, ACacheCanBeThere) {
-    LogCapture log(RT_LOG_WARNING);
-    const CRtCallerThread callerThread;
-    RtSetUtf8Paths(true);
-    const TempDir temp;
-    constexpr int levels = 5;
-    const std::wstring& place = GetParam();
-    const bool isLong = place.ends_with(L"long");
-    const bool isShare = place.starts_with(L"\\\\");
-    const bool isAbsolute = isShare || place.ends_with(L":");
-    fs::path root = isAbsolute ? fs::path(place) : temp.path / place;
-    for (int level = 0; isLong && level < levels; ++level)
-        root /= std::wstring(60, L'd');
-    const std::u8string text = root.u8string();
-    const CRtString dir(std::string(text.begin(), text.end()));
-    if (isLong) // the library adds the prefix itself
-        root = isShare ? L"\\\\?\\UNC" + root.wstring().substr(1) : L"\\\\?\\" + root.wstring();
-    const size_t before = CountEntries(root);
-    StoreAndLoad(dir);
-    EXPECT_EQ(CountEntries(root / L"sdstore"), 2U);
-    IFileManager::Instance()->Initialize({}, 0, 1); // clears the store, and creates it
-    EXPECT_EQ(CountEntries(root / L"sdstore"), 0U);
-    IFileManager::Instance()->UnInitialize();
-    EXPECT_EQ(CountEntries(root / L"sdstore"), 0U);
-    EXPECT_EQ(CountEntries(root), before);
+    EXPECT_TRUE(isStoreThere());
+    manager->Initialize({}, 0, 1); // clears the store, and creates it
+    EXPECT_EQ(FMListCachedFiles("", stems, others), RT_OK);
+    EXPECT_TRUE(isStoreThere() && stems.empty() && others.empty());
+    manager->UnInitialize();
+    EXPECT_FALSE(isStoreThere());
     EXPECT_EQ(log.Text(), "");
     if (isLong) // std::filesystem cannot
         CFileManager::RemoveDir(dir.Left(dir.size() - levels * 61));
@@ -455,14 +468,12 @@ TEST(Windows, HousekeepingIgnoresTheCaseOfExtensions) {
     TestClock clock;
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache(1, 7);
-    const fs::path store = cache.dir.path / "sdstore";
-    for (const char* name : {"one.SDD", "two.Sdd", "three.sdd"})
-        WriteFile(store / name, "unreadable");
-    WriteFile(store / "kept.sddx", "other");
+    for (const char* name : {"one.SDD", "two.Sdd", "three.sdd", "kept.sddx"})
+        WriteFile(cache.dir.path / "sdstore" / name, "unreadable");
     clock.Advance(60'000);
     FMWaitUntilIdle();
-    EXPECT_EQ(CountFiles(store), 1U);
-    EXPECT_TRUE(fs::exists(store / "kept.sddx"));
+    EXPECT_EQ(CountFiles(cache.dir.path / "sdstore"), 1U);
+    EXPECT_TRUE(fs::exists(cache.dir.path / "sdstore" / "kept.sddx"));
 }
 
 constexpr uint32_t MIB = 1u << 20;
@@ -492,20 +503,16 @@ size_t CountCommittedBytes() {
     size_t bytes = 0;
     MEMORY_BASIC_INFORMATION range{};
     for (const char* at = nullptr; VirtualQuery(at, &range, sizeof(range)) != 0;
-         at = static_cast<const char*>(range.BaseAddress) + range.RegionSize) {
-        if (range.State == MEM_COMMIT && range.Type == MEM_PRIVATE)
-            bytes += range.RegionSize;
-    }
+         at = static_cast<const char*>(range.BaseAddress) + range.RegionSize)
+        bytes += range.State == MEM_COMMIT && range.Type == MEM_PRIVATE ? range.RegionSize : 0;
     return bytes;
 }
 
 // 256 bytes to 512 KiB, each power of two equally often; one block in 1,000 has the largest intended size.
 uint32_t MixedSize(uint32_t block) {
-    if (block % 1000 == 999)
-        return 16 * MIB;
     const uint32_t hash = block * 2654435761u;
     const uint32_t least = 256u << (hash >> 16) % 11;
-    return least + (hash >> 5) % least;
+    return block % 1000 == 999 ? 16 * MIB : least + (hash >> 5) % least;
 }
 
 // The blocks of a minute are evicted five minutes later, so the memory of the server stays at its limit. Some blocks
@@ -521,31 +528,25 @@ TEST(Windows, ServerAtItsMemoryLimitReturnsMemoryAndKeepsLargeRangesFree) {
     const std::string bytes = Pattern(1, 16 * MIB + 4096);
     std::deque<FileRef> files;
     std::deque<BlockRef> kept;
-    size_t mostBlocks = 0;
     size_t most = 0;
     size_t leastFree = SIZE_MAX;
-    const auto measure = [&] {
-        const size_t committed = CountCommittedBytes();
-        most = std::max(most, committed);
-        leastFree = std::min(leastFree, Reserved(32 * MIB).bytes);
+    // Passes time, and returns the committed bytes after it.
+    const auto pass = [&](const char* when, int64_t ms) {
+        size_t committed = 0;
+        for (const int64_t step : {int64_t{0}, ms}) {
+            clock.Advance(step);
+            for (const BlockRef& block : kept)
+                Read(*block);
+            FMWaitUntilIdle(); // the tick evicts no block whose store is pending
+            committed = CountCommittedBytes();
+            most = std::max(most, committed);
+            leastFree = std::min(leastFree, Reserved(32 * MIB).bytes);
+            std::cout << when << ", MiB: blocks " << manager.GetMemoryInUse() / MIB
+                      << ", committed " << committed / MIB << ", free " << leastFree / MIB << "\n";
+        }
         return committed;
     };
-    const auto pass = [&](int64_t ms) {
-        FMWaitUntilIdle(); // the tick evicts no block whose store is pending
-        mostBlocks = std::max(mostBlocks, manager.GetMemoryInUse());
-        measure();
-        clock.Advance(ms);
-        for (const BlockRef& block : kept)
-            Read(*block);
-        FMWaitUntilIdle();
-        return measure();
-    };
-    const auto print = [&](const char* when, size_t committed) {
-        std::cout << when << ": MiB of blocks " << manager.GetMemoryInUse() / MIB << ", committed "
-                  << committed / MIB << "; at most " << mostBlocks / MIB << ", " << most / MIB
-                  << "; free at least " << leastFree / MIB << "\n";
-    };
-    print("start", pass(0));
+    pass("start", 0);
     uint32_t written = 0;
     for (uint32_t i = 0; i < blocks || manager.GetMemoryInUse() < manager.GetMemoryLimit(); ++i) {
         if (i % perFile == 0)
@@ -562,29 +563,20 @@ TEST(Windows, ServerAtItsMemoryLimitReturnsMemoryAndKeepsLargeRangesFree) {
             kept.push_back(block);
         if (kept.size() > 400)
             kept.pop_front();
-        written += size;
-        if (written < 96 * MIB)
+        if ((written += size) < 96 * MIB)
             continue;
         written = 0;
-        pass(60'000);
-        for (uint32_t old = i % perFile / 2; old > 100; old -= 100) { // many have been evicted
-            const uint32_t at = i - i % perFile + old;
-            EXPECT_TRUE(Read(*Cache::Block(*files.back(), old + 1, 0)) ==
-                        bytes.substr(at % 4096, MixedSize(at)));
-        }
+        pass("minute", 60'000);
     }
-    const size_t evicted = pass(300'000);
-    print("idle blocks evicted", evicted);
+    EXPECT_LT(pass("idle blocks evicted", 300'000),
+              400 * MIB); // the heap alone keeps 526 under Wine
     EXPECT_LT(manager.GetMemoryInUse(), 64 * MIB);
-    EXPECT_LT(evicted, 400 * MIB); // the heap alone keeps 526 under Wine
     EXPECT_LT(most, 768 * MIB);
     EXPECT_GT(leastFree, 768 * MIB);
     kept.clear();
     for (FileRef& file : files)
         cache.Close(file);
-    const size_t closed = pass(0);
-    print("files closed", closed);
-    EXPECT_LT(closed, 256 * MIB);
+    EXPECT_LT(pass("files closed", 0), 256 * MIB);
 }
 
 TEST(Windows, BlockForWhichThereIsNoAddressSpaceIsRefusedAndNothingIsLost) {
@@ -593,34 +585,33 @@ TEST(Windows, BlockForWhichThereIsNoAddressSpaceIsRefusedAndNothingIsLost) {
     Cache cache;
     const FMFileInfo info = Description();
     FileRef file = cache.Create(info);
-    const std::string large = Pattern(1, 16 * MIB);
-    const std::string small = Pattern(2, 5000);
+    const std::string bytes[] = {Pattern(1, 16 * MIB), Pattern(2, 5000)};
     const BlockRef stored = Cache::Block(*file, 1);
     const BlockRef resident = Cache::Block(*file, 2);
     const BlockRef refused = Cache::Block(*file, 3);
-    Write(*stored, large);
-    Write(*resident, small);
+    Write(*stored, bytes[0]);
+    Write(*resident, bytes[1]);
     FMWaitUntilIdle();
     clock.Advance(300'000);
     ASSERT_FALSE(stored->FreeMemory());
     CountingSink sink;
     {
         const Reserved most(8 * MIB); // what is left is for the small objects of the library
-        EXPECT_EQ(Write(*refused, large), RT_ERROR_NULL_OBJECT);
+        EXPECT_EQ(Write(*refused, bytes[0]), RT_ERROR_NULL_OBJECT);
         EXPECT_EQ(refused->GetTotalLen(), 0U);
         EXPECT_EQ(Read(*stored), "error " + std::to_string(RT_ERROR_NULL_OBJECT));
         EXPECT_EQ(stored->ReadData(&sink), RT_OK);
         FMWaitUntilIdle();
         EXPECT_EQ(sink.results, std::vector{RT_ERROR_NULL_OBJECT});
-        EXPECT_TRUE(Read(*resident) == small);
-        EXPECT_EQ(Write(*Cache::Block(*file, 4), small), RT_OK);
+        EXPECT_TRUE(Read(*resident) == bytes[1]);
+        EXPECT_EQ(Write(*Cache::Block(*file, 4), bytes[1]), RT_OK);
         FMWaitUntilIdle();
     }
-    EXPECT_EQ(Write(*refused, large), RT_OK);
+    EXPECT_EQ(Write(*refused, bytes[0]), RT_OK);
     cache.Close(file);
     FMWaitUntilIdle();
     file = cache.Open(info.fileID);
     ASSERT_TRUE(file);
     for (const uint32_t id : {1, 2, 3, 4})
-        EXPECT_TRUE(Read(*Cache::Block(*file, id, 0)) == (id % 2 == 1 ? large : small)) << id;
+        EXPECT_TRUE(Read(*Cache::Block(*file, id, 0)) == bytes[1 - id % 2]) << id;
 }

@@ -242,6 +242,18 @@ int CFileManager::PostToReadwrThread(IRtEvent* aFunctor, int sync, int priority)
     return sync ? queue.SendEvent(aFunctor, priority) : queue.PostEvent(aFunctor, priority);
 }
 
+int CFileManager::SendToReadwrThread(IRtEvent* event, int priority) {
+    if (!m_pReadwrTd)
+        return Refuse(event, RT_ERROR_NOT_READY);
+    const RtOs::Awaiting awaiting;
+    return QueueOf(*m_pReadwrTd).SendEvent(event, priority, true);
+}
+
+void CFileManager::RefuseSenders(bool isRefusing) {
+    if (CRtEventQueue* const queue = CRtEventQueue::Current())
+        queue->RefuseSenders(isRefusing);
+}
+
 int CFileManager::PostToCallerThread(IRtEvent* aFunctor, int sync) {
     if (!RT_CHECK(MANAGER_SOURCE, aFunctor, "aFunctor"))
         return RT_ERROR_NULL_OBJECT;
@@ -354,18 +366,10 @@ CFMFile* CFileManager::LoadFile(const CRtString& stem) {
 
 // Waits until the loads and stores that are queued have run. False if one of them waits for another process.
 bool CFileManager::PassBarrier() {
-    constexpr std::chrono::milliseconds interval(10);
     if (!m_pReadwrTd)
         return true;
-    if constexpr (!RtOs::CAN_BE_HELD_UP) {
-        for (const int priority : {RT_PRIORITY_HIGH, RT_PRIORITY_NORMAL})
-            PostToReadwrThread(new CFMFunctorBase, 1, priority);
-        return true;
-    }
-    const RtOs::Awaiting awaiting;
-    const std::future<void> isReached = PostBarrier();
-    while (isReached.wait_for(interval) != std::future_status::ready) {
-        if (RtOs::IsHeldUp())
+    for (const int priority : {RT_PRIORITY_HIGH, RT_PRIORITY_NORMAL}) {
+        if (SendToReadwrThread(new CFMFunctorBase, priority) == RT_ERROR_FAILURE)
             return false;
     }
     return true;
@@ -551,6 +555,10 @@ int FMHost::PostToReadwrThread(IRtEvent* event, int sync) {
 int FMHost::PostLoad(IRtEvent* event) {
     return CFileManager::Instance()->PostToReadwrThread(event, 0, RT_PRIORITY_HIGH);
 }
+int FMHost::SendLoad(IRtEvent* event) {
+    return CFileManager::Instance()->SendToReadwrThread(event, RT_PRIORITY_HIGH);
+}
+void FMHost::RefuseLoads(bool isRefusing) { CFileManager::RefuseSenders(isRefusing); }
 int FMHost::PostToCallerThread(IRtEvent* event, int sync) {
     return CFileManager::Instance()->PostToCallerThread(event, sync);
 }

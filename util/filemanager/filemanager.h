@@ -57,6 +57,10 @@ public:
     /// `priority`: loads and what a sender waits for are high, stores, removals and barriers normal,
     /// housekeeping low.
     int PostToReadwrThread(IRtEvent* aFunctor, int sync, int priority);
+    /// Sends an event that RefuseSenders refuses: then RT_ERROR_FAILURE, and the event has not run.
+    int SendToReadwrThread(IRtEvent* event, int priority);
+    /// While a store of a closed file waits for another process; read/write thread.
+    static void RefuseSenders(bool isRefusing);
     int PostToCallerThread(IRtEvent* aFunctor, int sync);
     bool HasCallerThread() const { return m_pCallerTd != nullptr; }
     /// Any thread.

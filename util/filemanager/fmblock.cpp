@@ -325,11 +325,13 @@ int CFMStoreEvent::OnEventFire() {
     for (const CFMStore* store : batch)
         g_statistics.Record(CFMStatistics::StoreWait,
                             now - static_cast<const CFMStoreEvent*>(store)->m_posted);
-    // With a pending table the file is closed, or is being flushed: no tick retries the store.
-    const RtOs::RetryLimit limit(RtOs::RETRY_DISK_MS, [&stores] {
+    // No tick retries the stores of a closed file. If no table is pending, the file is temporary.
+    const auto isLast = [&file = *m_block->m_file, &stores] {
         const auto lock = stores.LockShared();
-        return stores.GetTable() != nullptr;
-    });
+        return file.IsClosed() && stores.GetTable();
+    };
+    const RtOs::RetryLimit limit(RtOs::RETRY_DISK_MS, &stores.DelaysOfLast(), isLast,
+                                 &FMHost::RefuseLoads);
     if (count > 1 && WriteTogether(batch))
         return 0;
     for (CFMStore* store : batch)
@@ -454,12 +456,9 @@ private:
 } // namespace
 
 int CFMBlock::LoadAndWait() {
-    if (RtOs::IsHeldUp()) // the load would wait behind a store that waits for another process
-        return RT_ERROR_IO;
     CFMSyncLoad load(*this, m_totalLen);
-    const RtOs::Awaiting awaiting;
-    FMHost::PostToReadwrThread(&load, 1);
-    return load.GetResult();
+    const int result = FMHost::SendLoad(&load);
+    return RT_FAILED(result) ? result : load.GetResult();
 }
 
 int CFMBlock::ReadData(uint32_t readPos, uint32_t readLen, CRtMessageBlock*& pData) noexcept {

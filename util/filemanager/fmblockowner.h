@@ -13,7 +13,7 @@ public:
     // --- Caller thread ----------------------------------------------------------------------------
     /// The next free range of the data file.
     virtual void AllocPosition(int64_t& offset, uint32_t length) = 0;
-    /// A closed file accepts no writes.
+    /// A closed file accepts no writes. Changes under the lock of the stores.
     virtual bool IsClosed() const = 0;
     /// The identifier and the path, for log lines.
     virtual CRtString GetLogName() const = 0;

@@ -219,9 +219,9 @@ void CFMFile::Close(int sync) {
         if (m_fileFlag.load() & FLAG_INFO_CHANGED)
             SaveFileInfo();
     }
-    m_closed = true;
     {
         const auto lock = m_stores.LockShared();
+        m_closed = true;
         for (const auto& block : m_blocks) {
             if (block)
                 block->WithdrawLoad();

@@ -126,7 +126,7 @@ private:
 
     FMFileID m_pathID = FMFileID_None;
     bool m_registered = false;
-    bool m_closed = false;
-    CFMStores m_stores;                  // either thread
+    bool m_closed = false; // the caller thread changes it under the lock of the stores
+    CFMStores m_stores;    // either thread
     std::optional<CFMDiskEntry> m_entry; // either thread; set by the constructor
 };

@@ -2,6 +2,7 @@
 // ended, and the table that waits for them.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -66,6 +67,9 @@ public:
     /// Ends a store that was taken. `entry`: the stored range, empty if the store failed. Returns whether the
     /// disk entry has begun a new epoch since the previous store ended.
     [[nodiscard]] bool End(CFMStore& store, const FMBlockEntry& entry, uint32_t epoch);
+    /// The time that the stores have waited for other processes since the file was closed. Read/write thread, without
+    /// the lock.
+    std::chrono::nanoseconds& DelaysOfLast() { return m_delaysOfLast; }
     /// No store is pending or running.
     bool IsIdle() const { return !m_pFirst && m_running == 0; }
     FMTable* GetTable() { return m_table.get(); }
@@ -83,4 +87,5 @@ private:
     uint32_t m_epoch = FM_FIRST_EPOCH; // of the last store that ended
     uint32_t m_serial = 1;             // the last one used; 1: blocks before their first store
     std::unique_ptr<FMTable> m_table;  // pending
+    std::chrono::nanoseconds m_delaysOfLast{};
 };

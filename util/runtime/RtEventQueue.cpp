@@ -67,7 +67,7 @@ int CRtEventQueue::PostEvent(IRtEvent* event, int priority) noexcept {
     return Enqueue(event, priority, nullptr);
 }
 
-int CRtEventQueue::SendEvent(IRtEvent* event, int priority) {
+int CRtEventQueue::SendEvent(IRtEvent* event, int priority, bool mayBeRefused) {
     if (!event)
         return RT_ERROR_NULL_OBJECT;
     if (t_current == this) { // waiting for its own queue would be a deadlock
@@ -77,12 +77,44 @@ int CRtEventQueue::SendEvent(IRtEvent* event, int priority) {
     }
     if (IsStepped())
         return SendStepped(event, priority);
-    CRtSendTicket ticket(m_mutex);
+    CRtSendTicket ticket(m_mutex, mayBeRefused);
     const int result = Enqueue(event, priority, &ticket);
     if (RT_FAILED(result))
         return result;
     ticket.Wait();
-    return RT_OK;
+    return ticket.IsRefused() ? RT_ERROR_FAILURE : RT_OK;
+}
+
+void CRtEventQueue::RefuseSenders(bool isRefusing) {
+    IRtEvent* refused = nullptr;
+    std::unique_lock lock = SpinThenLock(m_mutex);
+    m_isRefusing = isRefusing;
+    for (Lane& lane : m_lanes) {
+        IRtEvent** link = &lane.first;
+        lane.last = nullptr;
+        while (IRtEvent* const event = *link) {
+            if (IsRefused(event->m_pTicket)) {
+                *link = event->m_pNext;
+                event->m_pNext = std::exchange(refused, event);
+                --m_count;
+            } else {
+                lane.last = event;
+                link = &event->m_pNext;
+            }
+        }
+    }
+    lock.unlock();
+    while (IRtEvent* const event = refused) {
+        refused = event->m_pNext;
+        CRtSendTicket* const ticket = event->m_pTicket;
+        event->OnDestorySelf();
+        ticket->Finish(CRtSendTicket::REFUSED);
+    }
+}
+
+// Precondition: the mutex is locked.
+bool CRtEventQueue::IsRefused(const CRtSendTicket* ticket) const {
+    return m_isRefusing && ticket && ticket->MayBeRefused();
 }
 
 int CRtEventQueue::SendStepped(IRtEvent* event, int priority) {
@@ -122,10 +154,11 @@ void CRtEventQueue::StepAll() {
 
 int CRtEventQueue::Enqueue(IRtEvent* event, int priority, CRtSendTicket* ticket) {
     std::unique_lock lock = SpinThenLock(m_mutex);
-    if (m_stopped) {
+    if (m_stopped || IsRefused(ticket)) {
+        const int result = m_stopped ? RT_ERROR_NOT_READY : RT_ERROR_FAILURE;
         lock.unlock();
         event->OnDestorySelf();
-        return RT_ERROR_NOT_READY;
+        return result;
     }
     event->m_pTicket = ticket;
     event->m_pNext = nullptr;

@@ -36,7 +36,10 @@ public:
 
     int PostEvent(IRtEvent* event, int priority) noexcept override;
     int SendEvent(IRtEvent* event) override { return SendEvent(event, RT_PRIORITY_NORMAL); }
-    int SendEvent(IRtEvent* event, int priority);
+    int SendEvent(IRtEvent* event, int priority, bool mayBeRefused = false);
+    /// While `isRefusing`, SendEvent disposes of events that may be refused instead of running them, including those
+    /// that are queued, and returns RT_ERROR_FAILURE. Only the owner calls it.
+    void RefuseSenders(bool isRefusing);
 
     /// Marks the queue of the caller thread, before it has an owner.
     void SetCallerQueue() { m_isCallerQueue = true; }
@@ -94,6 +97,7 @@ private:
     class CBorrow;
     int SendStepped(IRtEvent* event, int priority);
     int Enqueue(IRtEvent* event, int priority, class CRtSendTicket* ticket);
+    bool IsRefused(const class CRtSendTicket* ticket) const;
     void WakeOwner();
     int ChooseLane(uint64_t now);
     IRtEvent* TakeNext(uint64_t now);
@@ -115,6 +119,7 @@ private:
     std::atomic<size_t> m_count{0}; // of all lanes; spin loops read it without the mutex
     bool m_isCallerQueue = false;   // constant once the queue has an owner; without the mutex
     bool m_stopped = false;
+    bool m_isRefusing = false;
     bool m_quit = false;
     bool m_ownerParked = false;
     std::vector<CRtTimerWrapper*> m_timers;

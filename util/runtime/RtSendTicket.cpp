@@ -33,8 +33,9 @@ void CRtSendTicket::Wait() {
     }
 }
 
-void CRtSendTicket::Finish() {
+void CRtSendTicket::Finish(End end) {
     const std::unique_lock lock = SpinThenLock(m_mutex);
+    m_isRefused = end == REFUSED;
     SetState(State::Finished);
 }
 

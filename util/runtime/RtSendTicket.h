@@ -20,14 +20,21 @@ protected:
 /// Lives on the stack of the sender. `mutex` is the mutex of the receiving queue.
 class CRtSendTicket {
 public:
-    explicit CRtSendTicket(std::mutex& mutex) : m_mutex(mutex) {}
+    /// `mayBeRefused`: see CRtEventQueue::RefuseSenders.
+    explicit CRtSendTicket(std::mutex& mutex, bool mayBeRefused = false)
+        : m_mutex(mutex), m_mayBeRefused(mayBeRefused) {}
     CRtSendTicket(const CRtSendTicket&) = delete;
     CRtSendTicket& operator=(const CRtSendTicket&) = delete;
 
-    /// Sender: returns when the event has run.
+    bool MayBeRefused() const { return m_mayBeRefused; }
+
+    /// Sender: returns when the event has run or was refused.
     void Wait();
-    /// Receiver: marks the event as run. The sender may destroy the ticket before this returns.
-    void Finish();
+    /// Sender, after Wait.
+    bool IsRefused() const { return m_isRefused; }
+    /// Receiver: marks the event as run, or as refused. The sender may destroy the ticket before this returns.
+    enum End { RUN, REFUSED };
+    void Finish(End end = RUN);
     /// Receiver: runs the parts 0 … count - 1 together with the sender, and returns when all have ended.
     /// The first result that is not 0, else 0.
     int RunParts(IRtParts& parts, uint32_t count);
@@ -58,7 +65,9 @@ private:
     template <class Condition>
     void ParkUntil(std::unique_lock<std::mutex>& lock, Condition condition);
 
-    std::mutex& m_mutex;                        // guards everything below
+    std::mutex& m_mutex; // guards everything below
+    const bool m_mayBeRefused;
+    bool m_isRefused = false;
     std::atomic<State> m_state{State::Waiting}; // spin loops read it without the mutex
     int m_parked = 0; // threads; two at a time only if one of them has been notified already
     std::condition_variable m_changed;

@@ -78,8 +78,7 @@ EntryKind GetEntryKind(const CRtString& path);
 /// Creates one directory. On POSIX its mode is 0700; on Windows it inherits the access rights of its parent.
 bool MakeDirectory(const CRtString& path);
 void SetHidden(const CRtString& path);
-/// The position of the last separator, or npos: the backslash and, on POSIX, the slash too, because native
-/// paths are accepted there.
+/// The position of the last separator, or npos: a backslash or a slash.
 size_t FindLastSeparator(const CRtString& path);
 /// Compares as the file system does: case-insensitively on Windows, byte by byte on POSIX.
 bool HasExtension(const CRtString& name, const CRtString& extension);

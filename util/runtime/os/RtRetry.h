@@ -17,24 +17,27 @@ constexpr uint32_t RETRY_DISK_MS =
     2'000; ///< for a thread that only does disk operations, and for the last attempt
 
 #ifdef _WIN32
-constexpr bool CAN_BE_HELD_UP = true;
-
 /// Changes the limit of the current thread.
 class RetryLimit {
 public:
-    explicit RetryLimit(uint32_t milliseconds);
-    /// `isLast`, called before each delay: the bytes are lost if the operation fails, so other threads have to wait,
-    /// see IsHeldUp.
-    RetryLimit(uint32_t milliseconds, std::function<bool()> isLast);
+    explicit RetryLimit(uint32_t milliseconds) : RetryLimit(milliseconds, nullptr, {}, nullptr) {}
+    /// While `isLast`, which is called before each delay, the bytes of a file are lost if the operation fails. The file
+    /// has a limit to itself, of which `spent` has been used, and other threads have to wait. `onHeldUp` is called with
+    /// true once the delays of the file have taken RETRY_MS, and with false after the operation.
+    RetryLimit(uint32_t milliseconds, std::chrono::nanoseconds* spent, std::function<bool()> isLast,
+               void (*onHeldUp)(bool isHeldUp));
     ~RetryLimit();
     RetryLimit(const RetryLimit&) = delete;
     RetryLimit& operator=(const RetryLimit&) = delete;
     static void Set(uint32_t milliseconds);
 
 private:
-    const uint32_t m_previous;
+    friend class Delays;
+    const uint32_t m_previousLimit;
+    const RetryLimit* const m_previous;
+    std::chrono::nanoseconds* const m_spent;
     const std::function<bool()> m_isLast;
-    const std::function<bool()>* const m_previousIsLast;
+    void (*const m_onHeldUp)(bool);
 };
 
 /// While an object exists, the current thread waits for a thread that does disk operations, which therefore waits for
@@ -51,24 +54,16 @@ private:
     const long m_delaysBefore;
 };
 
-/// Whether a thread waits for another process although other threads have to wait for it, and has done so for
-/// RETRY_MS.
-bool IsHeldUp();
-
 #else
-constexpr bool CAN_BE_HELD_UP = false;
-
 class [[maybe_unused]] RetryLimit {
 public:
     explicit RetryLimit(uint32_t) {}
     template <class IsLast>
-    RetryLimit(uint32_t, const IsLast&) {}
+    RetryLimit(uint32_t, std::chrono::nanoseconds*, const IsLast&, void (*)(bool)) {}
     static void Set(uint32_t) {}
 };
 
 class [[maybe_unused]] Awaiting {};
-
-constexpr bool IsHeldUp() { return false; }
 #endif
 
 } // namespace RtOs

@@ -29,9 +29,11 @@ bool IsRealDirectory(DWORD attributes) { return IsDirectory(attributes) && !IsLi
 
 bool IsDots(const std::wstring_view name) { return name == L"." || name == L".."; }
 
+bool IsSeparator(char c) { return c == '\\' || c == '/'; }
+
 // A trailing separator makes the system follow a link. The one of a drive's root is kept.
 CRtString WithoutTail(CRtString path) {
-    while (path.size() > 1 && path.back() == '\\' && path[path.size() - 2] != ':')
+    while (path.size() > 1 && IsSeparator(path.back()) && path[path.size() - 2] != ':')
         path.resize(path.size() - 1);
     return path;
 }
@@ -77,6 +79,7 @@ int ErrnoOf(DWORD error) {
     case ERROR_HANDLE_DISK_FULL:
         return ENOSPC;
     case ERROR_SHARING_VIOLATION:
+    case ERROR_DELETE_PENDING:
         return EBUSY; // see IsInUse
     case ERROR_ACCESS_DENIED:
     case ERROR_LOCK_VIOLATION:
@@ -238,7 +241,7 @@ void SetHidden(const CRtString& path) {
     ::SetFileAttributesW(Native(path).c_str(), FILE_ATTRIBUTE_HIDDEN);
 }
 
-size_t FindLastSeparator(const CRtString& path) { return path.view().find_last_of('\\'); }
+size_t FindLastSeparator(const CRtString& path) { return path.view().find_last_of("\\/"); }
 
 bool HasExtension(const CRtString& name, const CRtString& extension) {
     return name.size() >= extension.size() &&

@@ -10,11 +10,13 @@ namespace {
 
 UINT g_codePage = CP_ACP;
 
+// Empty if the text is no UTF-8: replaced bytes would give two directories one name.
 std::wstring Widen(std::string_view text) {
+    const DWORD flags = g_codePage == CP_UTF8 ? MB_ERR_INVALID_CHARS : 0;
     const auto length = static_cast<int>(text.size());
     std::wstring wide(text.size(), L'\0'); // never more units than bytes
     wide.resize(static_cast<size_t>(
-        ::MultiByteToWideChar(g_codePage, 0, text.data(), length, wide.data(), length)));
+        ::MultiByteToWideChar(g_codePage, flags, text.data(), length, wide.data(), length)));
     return wide;
 }
 

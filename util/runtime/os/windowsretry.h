@@ -20,7 +20,7 @@ public:
 
 private:
     std::chrono::milliseconds m_next{1};
-    bool m_isHeldUp = false;
+    void (*m_onHeldUp)(bool) = nullptr; // has been called with true
 };
 
 /// Repeats an attempt that sets errno while a handle of another process prevents it. A lock of this library is not
