@@ -100,17 +100,6 @@ TEST_F(Loading, EntriesWithImpossibleNumbersBecomeBlocksWithoutDataOrAreSkipped)
         Load(BlockBody({{7, 10, 0}, {4000, 10, 5}, {7, 10, 100}, {9, 10, 200}, {9, 5000, 300}})));
 }
 
-TEST_F(Loading, OverlappingBlocksHaveNoDataAndTheirRangesAreNotOverwritten) {
-    const FileRef file = Load(BlockBody({{1, 400, 0}, {2, 0, 300}, {3, 400, 200}, {4, 100, 700}}));
-    ASSERT_TRUE(file);
-    for (const uint32_t id : {2U, 3U})
-        Write(*Cache::Block(*file, id), Pattern(id, 400));
-    FMWaitUntilIdle();
-    EXPECT_EQ(ReadFile(cache.Path(info.fileID, ".sdd")).substr(0, 800),
-              Pattern(0, 1000).substr(0, 800));
-    EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, blocks overlap, blockID="), 2U);
-}
-
 TEST_F(Loading, ATableThatEndsEarlyHasEmptySlotsAndWritesItsLogLines) {
     std::string cut = BlockBody({{1, 100, 0}, {2, 100, 100}});
     cut[0] = 9;
