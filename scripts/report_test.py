@@ -26,30 +26,16 @@ PROBE = """{size, colours, text: document.body.innerText, scripts: document.scri
     all(e, ".map i").map(c => [c.className, drawn(c), ...box(c)])])}"""
 
 
-class Store:
-    def __init__(self, program, folder):
-        self.program, self.folder = program, folder
-
-    def run(self, *arguments, data=None):
-        return subprocess.run([self.program, *arguments, "--dir", self.folder / "cache"], input=data,
-                              stdout=subprocess.PIPE, check=True).stdout.decode()
-
-    def put(self, name, blocks):
-        stem = self.run("put", "-", "--name", name, "--block", str(BLOCK), data=bytes(range(250)) * 4 * blocks).strip()
-        return [self.folder / "cache" / "sdstore" / (stem + end) for end in (".sdi", ".sdd")]
-
-    def fill(self):
-        for name, cells in MAPS.items():
-            info, data = self.put(name, len(cells))
-            text = bytearray(info.read_bytes())
-            after = text.index(name.encode()) + len(name.encode())  # flags, 8 bytes, creation time
-            if name == "old":
-                struct.pack_into("<I", text, after + 12, int(time.time()) - 30 * 86400)
-            if name == "hole":  # the third entry of the table: a block with length 0
-                struct.pack_into("<I", text, text.index(struct.pack("<II", 3, BLOCK)) + 4, 0)
-            info.write_bytes(text)
-            if name == "cut":
-                data.write_bytes(data.read_bytes()[:8 * BLOCK])
+def damage(name, info, data):
+    text = bytearray(info.read_bytes())
+    after = text.index(name.encode()) + len(name.encode())  # flags, 8 bytes, creation time
+    if name == "old":
+        struct.pack_into("<I", text, after + 12, int(time.time()) - 30 * 86400)
+    if name == "hole":  # the third entry of the table: a block with length 0
+        struct.pack_into("<I", text, text.index(struct.pack("<II", 3, BLOCK)) + 4, 0)
+    info.write_bytes(text)
+    if name == "cut":
+        data.write_bytes(data.read_bytes()[:8 * BLOCK])
 
 
 def check_page(found):
@@ -81,9 +67,14 @@ def check_page(found):
 
 def main(program):
     with tempfile.TemporaryDirectory() as folder:
-        store = Store(program, Path(folder))
-        store.fill()
-        text = store.run("report")
+        def run(*arguments, data=None):
+            return subprocess.run([program, *arguments, "--dir", folder], input=data, stdout=subprocess.PIPE,
+                                  check=True).stdout.decode()
+        for name, cells in MAPS.items():
+            bytes_of_blocks = bytes(range(250)) * (BLOCK // 250) * len(cells)
+            stem = run("put", "-", "--name", name, "--block", str(BLOCK), data=bytes_of_blocks).strip()
+            damage(name, *(Path(folder, "sdstore", stem + end) for end in (".sdi", ".sdd")))
+        text = run("report")
     check("\x1b" not in text and "\u202e" not in text, "a name reaches the page unchanged")
     for found in views(text, PROBE):
         check_page(found)
