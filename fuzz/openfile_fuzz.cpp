@@ -31,22 +31,21 @@ public:
 
     void Run() {
         const uint32_t hole = m_tail.Byte();
-        WriteFile(m_stem.string() + ".sdi", m_information);
-        WriteFile(m_stem.string() + ".sdd", m_data);
+        WriteFile(m_info, m_information);
+        WriteFile(m_path, m_data);
         if (hole % 4 == 3)
             m_dataLength += uint64_t{1} << (hole / 4 % 35);
-        fs::resize_file(m_stem.string() + ".sdd", m_dataLength);
+        fs::resize_file(m_path, m_dataLength);
         // The catalog parses the file on its own, from a single read.
         FMCachedFile described;
-        Require(FMDescribeCachedFile(CRtString(m_stem.parent_path().string()),
-                                     FMFileIDToString(PATH_ID), described) == 0);
+        Require(FMDescribeCachedFile("", FMFileIDToString(PATH_ID), described) == 0);
         Require(Open() == described.isLoadable);
         if (m_file && (m_file->GetBlocks().size() <= LARGEST_TABLE || hole % 32 == 31))
             Use(described);
         if (m_file)
             Close();
-        fs::remove(m_stem.string() + ".sdi");
-        fs::remove(m_stem.string() + ".sdd");
+        fs::remove(m_info);
+        fs::remove(m_path);
     }
 
 private:
@@ -55,7 +54,7 @@ private:
         const fuzz::MemoryMeter meter;
         const int result = m_cache.manager->OpenFile(m_file.Receive(), PATH_ID, 1);
         std::error_code none;
-        const uintmax_t length = fs::file_size(m_stem.string() + ".sdi", none);
+        const uintmax_t length = fs::file_size(m_info, none);
         Require(meter.Peak() < 128 * 1024 + 48 * static_cast<int64_t>(none ? 0 : length));
         Require(result == (m_file ? 0 : RT_ERROR_NOT_FOUND));
         return result == 0;
@@ -92,11 +91,11 @@ private:
         if (expected == FMSlotState::NoBlock || expected == FMSlotState::Outside)
             return;
         const bool isStored = expected == FMSlotState::Stored;
-        Model& model = m_models[entry.blockID] = {}; // of the last entry of the block
-        model.isHuge = entry.totalLen > LARGEST_READ;
+        Model& model = m_models[entry.blockID]; // of the last entry of the block
+        model = {std::nullopt, entry.totalLen > LARGEST_READ};
         if (isStored && !model.isHuge) {
-            const auto begin = static_cast<size_t>(entry.posInFile);
-            model.bytes = begin < m_data.size() ? m_data.substr(begin, entry.totalLen) : "";
+            const auto begin = std::min(static_cast<size_t>(entry.posInFile), m_data.size());
+            model.bytes = m_data.substr(begin, entry.totalLen);
             model.bytes->resize(entry.totalLen); // zeros in the hole
         }
         const bool isComplete = isStored || expected == FMSlotState::Beyond;
@@ -125,9 +124,8 @@ private:
     }
 
     void CheckAll() {
-        const FMBlockTable& table = m_file->GetBlocks();
         const auto isBlock = [](const auto& slot) { return static_cast<bool>(slot); };
-        Require(std::ranges::count_if(table, isBlock) == std::ssize(m_models));
+        Require(std::ranges::count_if(m_file->GetBlocks(), isBlock) == std::ssize(m_models));
         for (const auto& [id, model] : m_models) {
             const BlockRef block = Block(id, 0);
             Require(block && block->GetBlockID() == id);
@@ -153,12 +151,6 @@ private:
         if (kind == 0 || m_models.empty())
             return;
         const uint32_t id = std::next(m_models.begin(), value % m_models.size())->first;
-        if (kind == 3) {
-            BlockRef removed;
-            Require(m_file->RemoveBlock(id, removed.Receive()) == 0);
-            m_models.erase(id);
-            return;
-        }
         const uint32_t length = Block(id, 0)->GetTotalLen();
         const bool isInPlace = kind < 7 && length > 0 && length <= LARGEST_READ;
         Write(id, isInPlace ? length : 1 + value * 5);
@@ -182,7 +174,8 @@ private:
     // The manager keeps its directory until the process ends.
     inline static TestClock m_clock;
     inline static Cache m_cache{0};
-    const fs::path m_stem = m_cache.Path(PATH_ID, "");
+    const fs::path m_info = m_cache.Path(PATH_ID, ".sdi");
+    const fs::path m_path = m_cache.Path(PATH_ID, ".sdd");
     const std::string m_information;
     const std::string m_data;
     uint64_t m_dataLength = m_data.size();

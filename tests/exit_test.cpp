@@ -10,54 +10,20 @@ namespace {
 
 constexpr uint32_t BLOCKS = 1000;
 constexpr char SHARED_DIR[] = "FILEMANAGER_TEST_DIR";
-
-// The child of a death test may run the test from the start: it uses the directory of its parent.
-struct SharedDir {
-    SharedDir() { SetVariable(SHARED_DIR, dir.path.string()); }
-    const TempDir dir = std::getenv(SHARED_DIR) ? TempDir(std::getenv(SHARED_DIR)) : TempDir();
-};
+constexpr FMFileID ID{0x11111111, 0x2222, 0x3333, {1, 2, 3, 4, 5, 6, 7, 8}};
 
 std::string Content(uint32_t id) { return Pattern(id, 3000 + id); }
 
 // Queues BLOCKS stores.
-FMFileID Fill(const TempDir& dir) {
+void Fill(const TempDir& dir) {
     IFileManager* manager = IFileManager::Instance();
     manager->Initialize(CRtString(dir.path.string()), 7, 1);
-    IFMFile* file = nullptr;
     FMFileInfo info = Description();
-    FMFileIDFromString("{11111111-2222-3333-4444-555555555555}", info.fileID);
-    manager->CreateFile(file, info);
+    info.fileID = ID;
+    FileRef file;
+    manager->CreateFile(file.Receive(), info);
     for (uint32_t id = 1; id <= BLOCKS; ++id)
         Write(*Cache::Block(*file, id), Content(id));
-    file->ReleaseReference();
-    return info.fileID;
-}
-
-void FillDetachAndUnInitialize(const TempDir& dir) {
-    IFileManager::Instance()->DetachFile(Fill(dir));
-    IFileManager::Instance()->UnInitialize();
-}
-
-void FillUnInitializeAndExit(const TempDir& dir) {
-    Fill(dir);
-    IFileManager::Instance()->UnInitialize();
-    std::exit(0);
-}
-
-void ExpectAllThere(const TempDir& dir) {
-    Cache cache;
-    cache.Stop();
-    FMFileID id;
-    FMFileIDFromString("{11111111-2222-3333-4444-555555555555}", id);
-    fs::remove_all(cache.dir.path / "sdstore");
-    fs::rename(dir.path / "sdstore", cache.dir.path / "sdstore");
-    cache.Start();
-    const FileRef file = cache.Open(id);
-    ASSERT_TRUE(file);
-    for (uint32_t block = 1; block <= BLOCKS; ++block) {
-        const BlockRef found = Cache::Block(*file, block, 0);
-        ASSERT_TRUE(found && Read(*found) == Content(block)) << block;
-    }
 }
 
 // --- How a process ends -------------------------------------------------------------------------
@@ -67,60 +33,55 @@ struct Ending {
     void (*end)(const TempDir& dir);
 };
 
-void FromMain(const TempDir& dir) {
-    {
-        CRtCallerThread callerThread;
-        FillDetachAndUnInitialize(dir);
-    }
-    std::exit(0); // like a return from main
+void UnInitializeAndExit(const TempDir& dir) {
+    Fill(dir);
+    IFileManager::Instance()->UnInitialize();
+    std::exit(0);
 }
 
 void OnACallerThreadOfTheProgram(const TempDir& dir) {
     CRtCallerThread callerThread; // its destructor never runs
-    RtRunOnCallerThread([&] { FillUnInitializeAndExit(dir); }, false);
+    RtRunOnCallerThread([&] { UnInitializeAndExit(dir); }, false);
     callerThread.Run();
 }
 
-void FromMainWithACallerThreadOfTheRuntime(const TempDir& dir) {
-    RtRunOnCallerThread([&] { FillDetachAndUnInitialize(dir); }, false);
-    std::exit(0);
-}
-
 void OnTheCallerThreadOfTheRuntime(const TempDir& dir) {
-    RtRunOnCallerThread([&] { FillUnInitializeAndExit(dir); }, true);
+    RtRunOnCallerThread([&] { UnInitializeAndExit(dir); }, true);
     std::this_thread::sleep_for(std::chrono::hours(1));
 }
 
-// The table of a closed file is pending in the caller thread's queue when the process ends.
-void WithoutUnInitialize(const TempDir& dir) {
-    const CRtCallerThread callerThread; // its destructor never runs
-    IFileManager::Instance()->DetachFile(Fill(dir));
+void FromMainWithACallerThreadOfTheRuntime(const TempDir& dir) {
+    const auto work = [&dir] {
+        Fill(dir);
+        IFileManager::Instance()->DetachFile(ID);
+        IFileManager::Instance()->UnInitialize();
+    };
+    RtRunOnCallerThread(work, false);
     std::exit(0);
 }
 
-// The sink runs at process end, after the read/write thread has ended.
-void WithASinkThatReadsAgain(const TempDir& dir) {
+// The table of the closed file is pending in the caller thread's queue. The sink runs after the read/write thread
+// has ended.
+void WithoutUnInitializeButWithASinkThatReadsAgain(const TempDir& dir) {
     // Never destroyed: the sink is called after the destructors of the program's static objects.
     static CountingSink* const sink = new CountingSink;
-    static IFMBlock* block = nullptr;
     sink->then = [](IFMBlock* asked, int) { asked->ReadData(sink); };
-    const CRtCallerThread callerThread;
-    IFileManager* manager = IFileManager::Instance();
-    manager->DetachFile(Fill(dir));
+    const CRtCallerThread callerThread; // its destructor never runs
+    Fill(dir);
+    IFileManager::Instance()->DetachFile(ID);
     IFMFile* file = nullptr;
-    manager->CreateFile(file, Description());
+    IFMBlock* block = nullptr;
+    IFileManager::Instance()->CreateFile(file, Description());
     file->GetBlock(block, 1, 1);
     block->ReadData(sink);
     std::exit(0);
 }
 
 constexpr Ending ENDINGS[] = {
-    {"FromMain", FromMain},
     {"OnACallerThreadOfTheProgram", OnACallerThreadOfTheProgram},
-    {"FromMainWithACallerThreadOfTheRuntime", FromMainWithACallerThreadOfTheRuntime},
     {"OnTheCallerThreadOfTheRuntime", OnTheCallerThreadOfTheRuntime},
-    {"WithoutUnInitialize", WithoutUnInitialize},
-    {"WithASinkThatReadsAgain", WithASinkThatReadsAgain},
+    {"FromMainWithACallerThreadOfTheRuntime", FromMainWithACallerThreadOfTheRuntime},
+    {"WithoutUnInitialize", WithoutUnInitializeButWithASinkThatReadsAgain},
 };
 
 class Exit : public testing::TestWithParam<Ending> {};
@@ -128,9 +89,18 @@ class Exit : public testing::TestWithParam<Ending> {};
 } // namespace
 
 TEST_P(Exit, StoresAllPendingBlocks) {
-    const SharedDir shared;
-    EXPECT_EXIT(GetParam().end(shared.dir), testing::ExitedWithCode(0), "");
-    ExpectAllThere(shared.dir);
+    // The child of a death test may run the test from the start: it uses the directory of its parent.
+    const char* const shared = std::getenv(SHARED_DIR);
+    const TempDir dir = shared ? TempDir(shared) : TempDir();
+    SetVariable(SHARED_DIR, dir.path.string());
+    EXPECT_EXIT(GetParam().end(dir), testing::ExitedWithCode(0), "");
+    Cache cache(dir.path);
+    const FileRef file = cache.Open(ID);
+    ASSERT_TRUE(file);
+    for (uint32_t id = 1; id <= BLOCKS; ++id) {
+        const BlockRef block = Cache::Block(*file, id, 0);
+        ASSERT_TRUE(block && Read(*block) == Content(id)) << id;
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Process, Exit, testing::ValuesIn(ENDINGS),

@@ -19,8 +19,7 @@ fi
 # --- an undamaged store
 run 0 verify --dir cache && says '^6 files verified, 6 sound, 0 damaged$'
 ! grep -q fault stdout || fail "a fault in: $(cat stdout)"
-run 0 verify --store cache/sdstore "$sound" && says '^1 file verified, 1 sound'
-run 0 ls --dir cache
+run 0 ls --store cache/sdstore
 says "^$sound +19.5 KiB +5/5 +0d +sound +- +in 9 days +s$"
 says "^$old .* 9d +sound +- +next run: 9 days old +o$"
 says "^$grace .* 8d +sound +- +in 1 day +g$"
@@ -31,19 +30,14 @@ LC_ALL=C sort -c <(grep '^{' stdout) || fail "ls is not sorted"
 says 'a\\x1B\[31m\\xFFb\\x0A"\\xE2\\x80\\xAE$'
 LC_ALL=C grep -q $'[\e\xff]' stdout && fail "control characters reach the terminal"
 json 0 "[f['nameBytes'] for f in j['files'] if f['id'] == '$strange'] == ['611b5b33316dff620a22e280ae']" ls --dir cache
-json 0 "len(j['files']) == 6 and all(f['present'] == 5 for f in j['files'])" ls --dir cache --days 1
 json 0 "j['name'] == 's' and [b['offset'] for b in j['blocks']] == [0, 4096, 8192, 12288, 16384]" show --dir cache "$sound"
 run 0 ls --dir cache --sort age && [ "$(sed -n 2p stdout | cut -c1-38)" = "$kept" ] || fail "the oldest is not the first"
 wide=$("$fmcache" put --dir cache odd --name w --block 4)
 run 0 show --dir cache "$wide" && says '^ +1  #{74}$' && says '1 cell: 6 blocks'
 [ "$(wc -L <stdout)" -le 80 ] || fail "wider than 80 columns"
 if [ -z "$emulated" ] && script -qec true /dev/null >/dev/null 2>&1; then
-    on_terminal() { script -qec "$fmcache show --dir cache $sound" /dev/null </dev/null; }
-    # Not in a pipe: grep -q exits at the first match, and SIGPIPE kills the writer.
-    NO_COLOR='' on_terminal >stdout
-    grep -q $'\e\[32m#####\e\[0m' stdout || fail "no colour"
-    NO_COLOR=1 on_terminal >stdout
-    grep -q '  #####' stdout || fail "colour"
+    NO_COLOR='' script -qec "$fmcache show --dir cache $sound" stdout </dev/null >/dev/null; says $'\e\[32m#####\e\[0m'
+    NO_COLOR=1 script -qec "$fmcache show --dir cache $sound" stdout </dev/null >/dev/null; says '  #####'
 fi
 
 # --- one kind of damage for each file
@@ -68,9 +62,9 @@ for line in "block 5 ends at byte 20000, the data file at 17000; loaded, but can
     "is not an information file, or is damaged; not loaded; housekeeping" "the description is that of .*; a load by this name" \
     "block 1 ends at byte 4096, and there is no data file" "damaged or missing block table; not loaded$" \
     "the name is not an identifier" "^notes.txt$" '^20 files verified, 8 sound, 12 damaged, 1 other entry$'; do says "$line"; done
-run 0 verify --dir cache "$hole" # a block without data is not damaged
 damaged="$cut $over $far $outside $twice $lost $early $bad $other $data $table"
-for id in $damaged; do run 1 verify --dir cache "$id" && run 0 show --dir cache "$id"; done
+run 1 verify --dir cache "$cut" && run 0 verify --dir cache "$hole" # a block without data is not damaged
+for id in $damaged; do run 0 show --dir cache "$id"; done
 json 1 "{f['id'] for f in j['files'] if any(g['fault'] for g in f['findings'])} == {'stray', *'$damaged'.split()}" verify --dir cache
 json 0 "j['present'] == 4 and j['blocks'][4]['state'] == 'beyond the data file'" show --dir cache "$cut"
 json 0 "j['present'] == 3 and j['blocks'][2]['state'] == 'overlaps another block'" show --dir cache "$over"
@@ -86,31 +80,27 @@ if [ -z "$emulated" ]; then # open in another process: flock holds the lock of a
     looks verify "$lost" && says "^$lost  open \(by another process\)$" && says '0 sound, 0 damaged, 1 open'
     looks show "$lost" && says '^state         open \(by another process\)$'
     looks housekeep --days 7 --dry-run && says '^4 of 20 files would be removed'
-    for verb in ls "show $lost" "verify $lost" "housekeep --days 7 --dry-run"; do
-        # shellcheck disable=SC2086  # a verb and its arguments
-        looks $verb --json
-        grep -q '"state":"open"' stdout || fail "$verb names another state"
-    done
+    looks ls --json && says '"state":"open"'
 fi
 [ "$(listing)" = "$before" ] || fail "looking has changed the cache"
 # --- a read-only copy, used by another user
 cp -a cache copy && cp "$fmcache" tool && chmod -R a+rX-w copy && chmod a+rx . tool
 as=()
 [ "$(id -u)" -ne 0 ] || as=(setpriv --reuid=65534 --regid=65534 --clear-groups)
-look() { LD_LIBRARY_PATH=$build "${as[@]}" "$work/tool" "$@" 2>&1 || [[ $? =~ ^[13]$ ]]; }
-if [ -z "$emulated" ] && look --help >/dev/null 2>&1; then
-    run 0 ls --dir cache && look ls --dir copy | cmp - stdout || fail "ls of the copy"
-    run 1 verify --dir cache && look verify --store copy/sdstore | cmp - stdout || fail "verify of the copy"
-    run 0 show --dir cache "$sound" && look show --dir copy "$sound" | cmp - stdout || fail "show of the copy"
-    [ ${#as[@]} -eq 0 ] || look rm --dir copy "$sound" | grep -q 'is not removed: no write access' || fail "rm from the copy"
+look() { LD_LIBRARY_PATH=$build "${as[@]}" "$work/tool" "$1" --dir copy "${@:2}" 2>&1 || [[ $? =~ ^[13]$ ]]; }
+if [ -z "$emulated" ] && look --help >/dev/null; then
+    run 0 ls --dir cache && look ls | cmp - stdout || fail "ls of the copy"
+    run 1 verify --dir cache && look verify | cmp - stdout || fail "verify of the copy"
+    run 0 show --dir cache "$sound" && look show "$sound" | cmp - stdout || fail "show of the copy"
+    [ ${#as[@]} -eq 0 ] || look rm "$sound" | grep -q 'is not removed: no write access' || fail "rm from the copy"
 else
     echo "no other user can run the tool here"
 fi
 chmod -R u+w copy
 
 # --- rm, housekeep, clear
-fails 3 'no file' rm --dir cache 00000000-0000-4000-8000-000000000001
-run 0 rm --dir cache 00000000-0000-4000-8000-000000000001 --force
+fails 3 'no file' rm --dir cache none
+run 0 rm --dir cache none --force
 run 0 rm --dir cache "$wide" && says "^removed \\$wide,"
 [ -z "$(find cache -name "$wide*")" ] || fail "rm has left something"
 json 0 "[f['id'] for f in j['removed']] == ['$data']" rm --dir cache "$data"
@@ -129,13 +119,11 @@ json 0 "j['removed'] == 13 and j['files'] == 26 and j['left'] == []" clear --dir
 
 # --- missing caches and wrong arguments
 mkdir -p none copy/confcache && mv copy/sdstore copy/confcache/4711
-for verb in ls clear; do fails 3 'no cache in' $verb --dir none; done
-for verb in show rm; do fails 3 'no cache in' $verb --dir none "$sound"; done
-fails 3 'no cache in' housekeep --dir none --days 1
-fails 3 'no cache in' verify --dir none
+# shellcheck disable=SC2086  # a verb and its arguments
+for verb in ls clear verify 'show x' 'rm x' 'housekeep --days 1'; do fails 3 'no cache in' $verb --dir none; done
 fails 3 "--store 'copy.confcache.4711' opens the store of a client" ls --dir copy
-fails 3 'no file' verify --store copy/confcache/4711 00000000-0000-4000-8000-000000000001
-for verb in ls 'show x' 'put odd'; do fails 2 'FMCACHE_DIR is not set; see fmcache [a-z]+ --help$' $verb; done
+fails 3 'no file' verify --store copy/confcache/4711 none
+fails 2 'FMCACHE_DIR is not set; see fmcache put --help$' put odd
 fails 2 'exclude each other; see fmcache ls --help$' ls --dir cache --store copy
 fails 2 "'0' is not a number of days from 1 to 65535; see fmcache housekeep --help$" housekeep --dir cache --days 0
 [ -z "$(ls -A none)" ] || fail "a refused verb has made something"

@@ -17,18 +17,16 @@ std::string BlockBody(const std::vector<FMBlockEntry>& slots) {
 // The catalog's states of the entries are what a load makes of them.
 void ExpectAsDescribed(const FMCachedFile& described, const FileRef& file) {
     EXPECT_EQ(described.isLoadable, static_cast<bool>(file));
+    using enum FMSlotState;
     for (size_t i = 0; i < described.states.size() && file; ++i) {
         const FMBlockEntry& entry = described.entries[i];
         const FMSlotState state = described.states[i];
         const BlockRef block = Cache::Block(*file, entry.blockID, 0);
-        EXPECT_EQ(static_cast<bool>(block),
-                  state != FMSlotState::NoBlock && state != FMSlotState::Outside)
-            << i;
-        if (!block || state == FMSlotState::Replaced)
+        EXPECT_EQ(static_cast<bool>(block), state != NoBlock && state != Outside) << i;
+        if (!block || state == Replaced)
             continue;
-        const bool isComplete = state == FMSlotState::Stored || state == FMSlotState::Beyond;
-        EXPECT_EQ(block->GetTotalLen(), isComplete ? entry.totalLen : 0U) << i;
-        EXPECT_EQ(Read(*block).starts_with("error"), state != FMSlotState::Stored) << i;
+        EXPECT_EQ(block->GetTotalLen(), state == Stored || state == Beyond ? entry.totalLen : 0U);
+        EXPECT_EQ(Read(*block).starts_with("error"), state != Stored) << i;
     }
 }
 
@@ -95,26 +93,11 @@ TEST_F(Loading, EntriesWithImpossibleNumbersBecomeBlocksWithoutDataOrAreSkipped)
                                          {4000, 10, 100}}));
     ASSERT_TRUE(file);
     EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), Pattern(0, 1000).substr(0, 100));
-    for (const uint32_t impossible : {2U, 3U, 6U})
-        EXPECT_EQ(Cache::Block(*file, impossible, 0)->GetTotalLen(), 0U);
     EXPECT_EQ(log.Count("CDiskFile::ReaddData. fread Failed."), 0U); // no buffer was allocated
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, impossible place, blockID="), 3U);
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, block beyond the data file, blockID="), 2U);
     EXPECT_TRUE(
         Load(BlockBody({{7, 10, 0}, {4000, 10, 5}, {7, 10, 100}, {9, 10, 200}, {9, 5000, 300}})));
-}
-
-TEST_F(Loading, OverlappingBlocksHaveNoDataAndTheirRangesAreNotOverwritten) {
-    const FileRef file = Load(BlockBody({{1, 400, 0}, {2, 0, 300}, {3, 400, 200}, {4, 100, 700}}));
-    ASSERT_TRUE(file);
-    for (const uint32_t overlapping : {1U, 3U})
-        EXPECT_EQ(Cache::Block(*file, overlapping, 0)->GetTotalLen(), 0U);
-    for (const uint32_t id : {2U, 3U})
-        Write(*Cache::Block(*file, id), Pattern(id, 400));
-    FMWaitUntilIdle();
-    EXPECT_EQ(ReadFile(cache.Path(info.fileID, ".sdd")).substr(0, 800),
-              Pattern(0, 1000).substr(0, 800));
-    EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, blocks overlap, blockID="), 2U);
 }
 
 TEST_F(Loading, ATableThatEndsEarlyHasEmptySlotsAndWritesItsLogLines) {
@@ -124,15 +107,12 @@ TEST_F(Loading, ATableThatEndsEarlyHasEmptySlotsAndWritesItsLogLines) {
     ASSERT_TRUE(file);
     EXPECT_TRUE(Cache::Block(*file, 1, 0)->IsComplete());
     EXPECT_FALSE(Cache::Block(*file, 2, 0)->IsComplete());
-    EXPECT_FALSE(Cache::Block(*file, 3, 0));
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, the table ends early, slots=2,fileID={"), 1U);
     // The length and the offset of one entry, for the catalog and for the load.
     EXPECT_EQ(log.Count("CRtByteStreamT::Read, can't read."), 4U);
-    EXPECT_EQ(
-        log.Count("FMDescribeCachedFile, the information file has a block table that ends early, "
-                  "fileID=" +
-                  std::string(FMFileIDToString(info.fileID).c_str()) + ",path="),
-        1U);
+    EXPECT_EQ(log.Count("FMDescribeCachedFile, the information file has a block table that ends "
+                        "early, fileID={"),
+              1U);
 }
 
 TEST_F(Loading, TablesAndDescriptionsBeyondTheLimitsAreRefused) {
@@ -222,7 +202,6 @@ TEST(Info, FileIsRegisteredUnderItsStoredIdentifierNotThatOfItsPath) {
     ASSERT_TRUE(file);
     EXPECT_TRUE(cache.Open(inside.fileID, 0).Get() == file.Get());
     EXPECT_FALSE(cache.Open(outside, 0));
-    EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), "abc");
     cache.Stop();
     cache.Start();
     const FileRef found = cache.Open(inside.fileID);

@@ -63,21 +63,13 @@ TEST(Lanes, RunInTheOrderThatTheirRulesGive) {
     post(RT_PRIORITY_NORMAL, 'n', 3);
     post(RT_PRIORITY_HIGH, 'h', 18);
     queue.RunDue();
-    EXPECT_EQ(order, "l"
-                     "hhhhhhhh"
-                     "n"
-                     "hhhhhhhh"
-                     "n"
-                     "hh"
-                     "n"
-                     "ll");
+    EXPECT_EQ(order, "lhhhhhhhhnhhhhhhhhnhhnll"); // 8 of high, 1 of normal
     // The low lane has its turn once per second.
-    order.clear();
     post(RT_PRIORITY_LOW, 'l', 2);
     post(RT_PRIORITY_HIGH, 'h', 2);
     clock.Advance(1000);
     queue.RunDue();
-    EXPECT_EQ(order, "hlhl"); // the last event before them was a low one
+    EXPECT_TRUE(order.ends_with("nllhlhl")) << order; // not two of low in a row
 }
 
 TEST(Lanes, LoadsRunBeforePendingStoresAndHousekeepingRunsAfterThem) {
@@ -116,23 +108,6 @@ TEST(Lanes, AdjacentStoresAreWrittenTogetherThoughLoadsAndOtherStoresLieBetween)
     EXPECT_EQ(Figures().storeBatches - batches, 2U); // the new ranges, and the old ones
 }
 
-TEST(Lanes, OpeningAClosedFileWaitsForItsStores) {
-    LogCapture quiet(RT_LOG_SILENT);
-    Cache cache;
-    constexpr uint32_t blocks = 300;
-    FileRef file = cache.Create();
-    const FMFileID id = file->GetFileInfo().fileID;
-    // The stores, the request for the table, the first event of the barrier.
-    const Gate gate(blocks + 2);
-    for (uint32_t block = 1; block <= blocks; ++block)
-        Write(*Cache::Block(*file, block), Pattern(block, 70'000));
-    cache.Close(file);
-    file = cache.Open(id);
-    ASSERT_TRUE(file);
-    for (uint32_t block = 1; block <= blocks; ++block)
-        EXPECT_EQ(Read(*Cache::Block(*file, block, 0)), Pattern(block, 70'000));
-}
-
 TEST(Lanes, OpeningAClosedFileWaitsForTheLoadsOfItsBlocks) {
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache;
@@ -153,25 +128,6 @@ TEST(Lanes, OpeningAClosedFileWaitsForTheLoadsOfItsBlocks) {
     EXPECT_EQ(sink.results, std::vector<int>(blocks, 0));
 }
 
-TEST(Lanes, StoppingWaitsForLoadsAndStoresAlike) {
-    LogCapture quiet(RT_LOG_SILENT);
-    Cache cache;
-    constexpr uint32_t blocks = 300;
-    FileRef file = StoredFile(cache, blocks);
-    const FMFileID id = file->GetFileInfo().fileID;
-    CountingSink sink;
-    const Gate gate(blocks + 2); // loads, the store, the first event of the barrier
-    Write(*Cache::Block(*file, blocks + 1), Pattern(21, 70'000));
-    for (uint32_t block = 1; block <= blocks; ++block)
-        Cache::Block(*file, block, 0)->ReadData(&sink);
-    cache.Stop();
-    cache.thread.RunDue();
-    EXPECT_EQ(sink.results, std::vector<int>(blocks, 0));
-    cache.Start();
-    file = cache.Open(id);
-    EXPECT_EQ(Read(*Cache::Block(*file, blocks + 1, 0)), Pattern(21, 70'000));
-}
-
 TEST(Withdrawal, ALoadThatIsCancelledClosedOrReleasedReadsNothing) {
     LogCapture log;
     Cache cache;
@@ -181,73 +137,49 @@ TEST(Withdrawal, ALoadThatIsCancelledClosedOrReleasedReadsNothing) {
     const BlockRef closed = Cache::Block(*file, 2, 0);
     {
         const Gate gate;
-        cancelled->ReadData(&sinks[0]);
+        for (const uint32_t block : {1U, 2U, 3U})
+            Cache::Block(*file, block, 0)->ReadData(&sinks[block - 1]);
         cancelled->CancelReadData(&sinks[0]);
-        closed->ReadData(&sinks[1]);
-        BlockRef released = Cache::Block(*file, 3, 0);
-        released->ReadData(&sinks[2]);
+        BlockRef released;
         file->RemoveBlock(3, released.Receive());
         released.Reset();
         cache.Close(file);
     }
+    Cache::RunReadwrQueue(); // the loads have ended; their completions are queued
+    EXPECT_EQ(cancelled->ReadData(&sinks[0]), 0);
+    EXPECT_EQ(Order(log), "www"); // the stores of StoredFile
     FMWaitUntilIdle();
-    EXPECT_TRUE(sinks[0].results.empty());
+    EXPECT_EQ(sinks[0].results, std::vector<int>{0}); // of a later load
     EXPECT_EQ(sinks[1].results, std::vector<int>{RT_ERROR_NOT_READY});
     EXPECT_EQ(sinks[2].results, std::vector<int>{RT_ERROR_NOT_READY});
-    EXPECT_EQ(Order(log), "www");               // the stores of StoredFile
-    EXPECT_EQ(Read(*closed), Pattern(2, 1000)); // a later load reads
-}
-
-TEST(Withdrawal, ARequestBetweenTheWithdrawnLoadAndItsCompletionStartsTheNextLoad) {
-    LogCapture quiet(RT_LOG_SILENT);
-    Cache cache;
-    FileRef file = StoredFile(cache, 1);
-    const BlockRef block = Cache::Block(*file, 1, 0);
-    CountingSink sink;
-    {
-        const Gate gate;
-        block->ReadData(&sink);
-        block->CancelReadData(&sink);
-    }
-    Cache::RunReadwrQueue(); // the load has ended; its completion is queued
-    EXPECT_EQ(block->ReadData(&sink), 0);
-    FMWaitUntilIdle();
-    EXPECT_EQ(sink.results, std::vector<int>{0});
+    EXPECT_EQ(Read(*closed), Pattern(2, 1000));
 }
 
 TEST(HighWaterMark, ReportsOnceAboveAndOnceBelowHalf) {
-    LogCapture quiet(RT_LOG_SILENT);
     Cache cache;
     std::vector<bool> reports;
     const auto report = [&](bool isAbove) { reports.push_back(isAbove); };
     EXPECT_EQ(FMSetHighWaterMark(1, {}), RT_ERROR_INVALID_ARG);
-    EXPECT_EQ(FMSetHighWaterMark(139'999, report), 0);
+    EXPECT_EQ(FMSetHighWaterMark(140'001, report), 0);
     const FileRef file = cache.Create();
-    {
-        const Gate gate;
-        for (uint32_t block = 1; block <= 3; ++block)
-            Write(*Cache::Block(*file, block), Pattern(block, 70'000));
-        EXPECT_EQ(FMGetUnstoredBytes(), 210'000U);
-        EXPECT_TRUE(reports.empty()) << "called inside WriteData";
+    const Gate gate;
+    for (uint32_t block = 1; block <= 3; ++block)
+        Write(*Cache::Block(*file, block), Pattern(block, 70'000));
+    EXPECT_EQ(FMGetUnstoredBytes(), 210'000U);
+    EXPECT_TRUE(reports.empty()) << "called inside WriteData";
+    cache.thread.RunDue();
+    EXPECT_EQ(reports, std::vector<bool>{true});
+    for (const uint32_t block : {1U, 2U, 3U}) { // a rewrite withdraws the bytes
+        Cache::Block(*file, block, 0)->WriteData(1, 0, CRtMessageBlock::Wrap("", 0).get());
         cache.thread.RunDue();
-        EXPECT_EQ(reports, std::vector<bool>{true});
-        const auto rewrite = [&](uint32_t block) { // withdraws its bytes
-            Cache::Block(*file, block, 0)->WriteData(1, 0, CRtMessageBlock::Wrap("", 0).get());
-            cache.thread.RunDue();
-        };
-        rewrite(1);
-        rewrite(2);
-        EXPECT_EQ(reports.size(), 1U);
-        rewrite(3);
-        EXPECT_EQ(reports, (std::vector<bool>{true, false}));
-        Write(*Cache::Block(*file, 4), Pattern(4, 70'000));
-        FMSetHighWaterMark(50'000, report); // it is exceeded
-        cache.thread.RunDue();
-        EXPECT_EQ(reports.size(), 3U);
-        FMSetHighWaterMark(0, {});
+        EXPECT_EQ(reports.size(), block == 1 ? 1U : 2U); // 70,000 bytes are below half
     }
-    FMWaitUntilIdle();
+    EXPECT_FALSE(reports.back());
+    Write(*Cache::Block(*file, 4), Pattern(4, 70'000));
+    FMSetHighWaterMark(50'000, report); // it is exceeded
+    cache.thread.RunDue();
     EXPECT_EQ(reports.size(), 3U);
+    FMSetHighWaterMark(0, {});
 }
 
 TEST(Statistics, FiguresCountStoresAndLoadsAndThoseThatFail) {
@@ -286,7 +218,6 @@ TEST(Statistics, FiguresCountStoresAndLoadsAndThoseThatFail) {
     FMWaitUntilIdle();
     ExpectMetrics(Figures(),
                   {"store_retries_total 1", "stores_total 6", "failed_blocks 0", "failed_bytes 0"});
-    EXPECT_EQ(FMGetUnstoredBytes(), 0U);
 }
 
 TEST(Statistics, TextIsAcceptedByTheMonitoringSystem) {
@@ -308,9 +239,8 @@ TEST(Statistics, TextIsAcceptedByTheMonitoringSystem) {
     if (!promtool || !*promtool)
         return;
     const TempDir dir;
-    const std::string file = (dir.path / "metrics").string();
-    WriteFile(file, FMFormatStatistics(figures).c_str());
-    const std::string command =
-        "'" + std::string(promtool) + "' check metrics <'" + file + "' 2>&1"; // with its findings
+    fs::current_path(dir.path);
+    WriteFile("metrics", FMFormatStatistics(figures).c_str());
+    const std::string command = std::string("'") + promtool + "' check metrics <metrics 2>&1";
     EXPECT_EQ(std::system(command.c_str()), 0);
 }

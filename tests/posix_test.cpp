@@ -40,15 +40,17 @@ TEST(DataDir, CreateDirCreatesParentsWithAnyMixOfSeparators) {
     EXPECT_FALSE(fs::exists(dir.path / "a"));
 }
 
-class OwnFolder : public testing::TestWithParam<const char*> {};
+class IsXdgCacheHomeSet : public testing::TestWithParam<bool> {};
+INSTANTIATE_TEST_SUITE_P(DataDir, IsXdgCacheHomeSet, testing::Bool(),
+                         testing::PrintToStringParamName());
 
 // The default root is the user's cache directory, which contains other files too.
-TEST_P(OwnFolder, BlankRootSelectsItAndClearingKeepsItsOtherFiles) {
+TEST_P(IsXdgCacheHomeSet, BlankRootSelectsTheUsersCacheDirectoryAndClearingKeepsItsOtherFiles) {
     LogCapture quiet(RT_LOG_SILENT);
     const TempDir home;
-    const fs::path root = home.path / GetParam();
+    const fs::path root = home.path / (GetParam() ? "elsewhere" : ".cache");
     setenv("HOME", home.path.c_str(), 1);
-    setenv("XDG_CACHE_HOME", root.filename() == ".cache" ? "" : root.c_str(), 1);
+    setenv("XDG_CACHE_HOME", GetParam() ? root.c_str() : "", 1);
     WriteFile(home.path / "letter", "x");
     WriteFile(root / "12" / "foreign file", "x");
     WriteFile(root / "sdstore" / "left over", "x");
@@ -58,12 +60,6 @@ TEST_P(OwnFolder, BlankRootSelectsItAndClearingKeepsItsOtherFiles) {
     IFileManager::Instance()->UnInitialize();
     EXPECT_EQ(CountFiles(home.path), 2U);
 }
-
-INSTANTIATE_TEST_SUITE_P(DataDir, OwnFolder, testing::Values(".cache", "elsewhere"),
-                         [](const auto& folder) {
-                             return folder.param[0] == '.' ? "InTheHomeDirectory"
-                                                           : "InXdgCacheHome";
-                         });
 
 // A file that cannot be removed stays, and so do its parent directories.
 TEST(Clearing, LaterClearingRemovesFilesThatAnEarlierOneCouldNot) {
@@ -101,10 +97,9 @@ TEST(Clearing, FollowsNoLinkOutOfTheCache) {
     cache.Stop();
     const fs::path root = cache.dir.path / "confcache";
     const auto place = [&](int i) { return root / "tree" / std::to_string(i % 20); };
-    std::atomic<bool> isOver{false};
-    std::thread swapper([&] {
+    std::jthread swapper([&](const std::stop_token& end) {
         std::error_code ignored;
-        for (int i = 0; !isOver; ++i) {
+        for (int i = 0; !end.stop_requested(); ++i) {
             fs::rename(place(i), root / "aside", ignored);
             fs::create_directory_symlink(outside.path, place(i), ignored);
             fs::rename(place(i), root / "aside link", ignored);
@@ -120,7 +115,7 @@ TEST(Clearing, FollowsNoLinkOutOfTheCache) {
         fs::create_directory_symlink(outside.path, root / "tree" / "link", ignored);
         CFileManager::RemoveDir(CRtString(root.string() + "\\"));
     }
-    isOver = true;
+    swapper.request_stop();
     swapper.join();
     cache.Start();
     cache.Stop(); // the next clearing finishes the work
@@ -141,7 +136,6 @@ TEST(Clearing, FollowsNoLinkOutOfTheCache) {
 
 // What the catalog predicts for pipes, links and directories is what the run does.
 TEST(HouseKeeping, EntriesThatAreNoRegularFilesDoNotLeadOutOfTheStore) {
-    using When = FMExpiry::When;
     LogCapture quiet(RT_LOG_SILENT);
     const TempDir outside;
     WriteFile(outside.path / "precious", "precious");
@@ -151,8 +145,7 @@ TEST(HouseKeeping, EntriesThatAreNoRegularFilesDoNotLeadOutOfTheStore) {
     for (const int64_t createTime : {int64_t{1}, now, int64_t{1}, now, int64_t{1}, now}) {
         const FMFileInfo info = Description();
         ids.push_back(info.fileID);
-        WriteFile(cache.Path(info.fileID, ".sdi"),
-                  InfoFile(info, std::string(2, '\0'), createTime));
+        WriteFile(cache.Path(info.fileID, ".sdi"), InfoFile(info, {2, '\0'}, createTime));
     }
     const auto data = [&](int i) { return cache.Path(ids[i], ".sdd"); };
     const auto info = [&](int i) { return cache.Path(ids[i], ".sdi"); };
@@ -177,19 +170,19 @@ TEST(HouseKeeping, EntriesThatAreNoRegularFilesDoNotLeadOutOfTheStore) {
     EXPECT_EQ(others.size(), 4U); // 2 directories, the link to an information file, the backslash
     FMCachedFile file;
     EXPECT_EQ(FMDescribeCachedFile("", "..\\victim", file), RT_ERROR_INVALID_ARG);
-    std::vector<When> predicted;
+    std::vector<FMExpiry::When> predicted;
     for (const FMFileID& id : ids) {
         EXPECT_EQ(FMDescribeCachedFile("", FMFileIDToString(id), file), RT_OK);
         predicted.push_back(FMJudgeExpiry(file, 7, now).when);
     }
-    EXPECT_EQ(predicted, (std::vector{When::NextRun, When::Later, When::NextRun, When::Unknown,
-                                      When::Never, When::NextRun}));
+    using enum FMExpiry::When;
+    EXPECT_EQ(predicted, (std::vector{NextRun, Later, NextRun, Unknown, Never, NextRun}));
     FMStartHousekeeping();
     FMWaitUntilIdle();
     const auto exists = [](const fs::path& path) { return fs::exists(fs::symlink_status(path)); };
     for (int i = 0; i < 6; ++i) {
-        EXPECT_EQ(exists(data(i)), predicted[i] != When::NextRun) << i;
-        EXPECT_EQ(exists(info(i)), predicted[i] != When::NextRun) << i;
+        EXPECT_EQ(exists(data(i)), predicted[i] != NextRun) << i;
+        EXPECT_EQ(exists(info(i)), predicted[i] != NextRun) << i;
     }
     const CRtString store((cache.dir.path / "sdstore").string());
     EXPECT_EQ(FMRemoveCachedFile(store, FMFileIDToString(ids[3]), false), RT_ERROR_IO);

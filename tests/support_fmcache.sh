@@ -62,16 +62,12 @@ clone() {
 import pathlib, struct, sys, uuid
 store, stem = pathlib.Path("cache/sdstore"), sys.argv[1]
 info, data = ((store / (stem + end)).read_bytes() for end in (".sdi", ".sdd"))
-at = next(i for i in range(40) if uuid.UUID(bytes_le=info[i:i + 16]) == uuid.UUID(stem))
 created, = struct.unpack_from("<I", info, 43)
 for i in range(1, int(sys.argv[2]) + 1):
-    new = uuid.uuid4()
-    copy = bytearray(info)
-    copy[at:at + 16] = new.bytes_le
-    struct.pack_into("<I", copy, 43, created - i * int(sys.argv[3]))
-    path = store / ("{%s}" % str(new).upper())
-    path.with_name(path.name + ".sdi").write_bytes(copy)
-    path.with_name(path.name + ".sdd").write_bytes(data)
+    new, time = uuid.uuid4(), struct.pack("<I", created - i * int(sys.argv[3]))
+    path = store / ("{%s}.sdi" % str(new).upper())
+    path.write_bytes(info[:12] + new.bytes_le + info[28:43] + time + info[47:])
+    path.with_suffix(".sdd").write_bytes(data)
 END
 }
 # The lock that a process holds on a file while it has the file open.

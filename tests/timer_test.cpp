@@ -88,20 +88,15 @@ TEST(HouseKeeping, RunsAtTheFirstTickAndThenDaily) {
     TestClock clock;
     LogCapture log;
     Cache cache(1);
-    const auto runs = [&] {
+    const auto expectRuns = [&](int64_t afterMs, size_t expected) {
+        Tick(cache, clock, afterMs);
         FMWaitUntilIdle();
-        return log.Count("CFileManager::HouseKeeping_m. Dir:");
+        EXPECT_EQ(log.Count("CFileManager::HouseKeeping_m. Dir:"), expected) << afterMs;
     };
-    Tick(cache, clock);
-    EXPECT_EQ(runs(), 1U);
-    Tick(cache, clock, 86'399'000);
-    EXPECT_EQ(runs(), 1U);
-    clock.Advance(1000);
-    Tick(cache, clock);
-    EXPECT_EQ(runs(), 2U);
+    expectRuns(60'000, 1);
+    expectRuns(86'399'000, 1);
+    expectRuns(61'000, 2);
     cache.Stop();
-    Tick(cache, clock, 86'400'000 * 2);
+    expectRuns(86'400'000 * 2, 2); // no tick without a manager
     EXPECT_EQ(FMStartHousekeeping(), RT_ERROR_NOT_READY);
-    EXPECT_EQ(runs(), 2U); // no tick without a manager
-    cache.Start();
 }
