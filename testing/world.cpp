@@ -71,6 +71,10 @@ void World::TakeLine(void* self, int level, const char* text) {
     world.m_lines += level <= RT_LOG_WARNING ? 1 : 0;
     world.Require(world.m_lines < LINES_MAX, "a step writes few log lines");
     world.Require(!stable.ends_with(" Assert failed: !m_data"), "a buffer is not replaced");
+    const bool isShortRead = stable.find(".sdd dwLength=") != stable.npos &&
+                             stable.find("fread Failed. Error Ret: 0") != stable.npos;
+    world.Require(!isShortRead || world.m_action == faults::CALL || world.IsAnyHarmed(),
+                  "no buffer is allocated that the data file cannot fill");
     world.Require(std::ranges::none_of(line, [](char each) { return each >= 0 && each < ' '; }),
                   "a log line does not control the terminal");
 }
@@ -137,10 +141,10 @@ void World::Call(const Step& step) {
                  {"tick", &W::Tick},
                  {"flush", &W::Flush},
                  {"flush later", &W::FlushLater},
-                 {"evict", &W::Evict},
-                 {"park", &W::Park},
-                 {"describe", &W::Describe},
+                 {"rest", &W::Rest},
+                 {"look", &W::Look},
                  {"lock", &W::LockStep},
+                 {"burst", &W::Burst},
                  {"hold", &W::Hold},
                  {"attach", &W::Attach},
                  {"restart", &W::RestartStep},
@@ -181,7 +185,7 @@ void World::Settle() {
 // The events that save a closed file have run.
 void World::TableWritten(File& file) {
     const Saved rescued = std::move(file.rescued);
-    if (file.saving && !*file.saving && !IsFaulty() && !file.isDisplaced)
+    if (file.saving && (file.flag & FM_FILE_TEMPORARY) && !IsFaulty() && !file.isDisplaced)
         Require(!fs::exists(m_cache.Path(file.id, ".sdd")) &&
                     !fs::exists(m_cache.Path(file.id, ".sdi")),
                 "the files of a temporary file are removed");
@@ -275,7 +279,7 @@ void World::BeginFault(const Step& step) {
         plan = {FAIL, OPEN, step.at % 6U + 1, true, EMFILE, 0};
         break;
     case 5:
-        plan = {FAIL, READ, step.at % 4U + 1, false, EIO, 0};
+        plan = {FAIL, READ, step.at % 4U + 1, true, EIO, 0};
         break;
     case 6:
         plan.action = FREEZE_BEFORE;
@@ -302,6 +306,9 @@ void World::BeginFault(const Step& step) {
     case 11:
         plan.action = CALL;
         SetCallback([this] { m_clock.Advance(2000); });
+        break;
+    case 12:
+        plan = {FAIL, LOOK, step.at % 4U + 1, false, EIO, 0};
         break;
     default:
         break;
@@ -390,6 +397,21 @@ void World::Harm(File& file, uint32_t how) {
         ::utimensat(AT_FDCWD, data.c_str(), far, 0);
         break;
     }
+    case 7: // a name that cannot be saved again, and no creation time
+        if (!file.ref && file.isSettled) {
+            constexpr size_t shortBody = FM_INFO_FILE_BODY_MAX - 3;
+            FMFileInfo named;
+            named.fileID = file.id;
+            named.name = CRtString(std::string(FM_INFO_NAME_MAX + 1, 'n'));
+            std::string bytes = InfoFile(named, std::string(2, '\0'));
+            bytes.erase(FM_INFO_BODY_OFFSET + shortBody, 4);
+            bytes[FM_INFO_LENGTH_OFFSET] = static_cast<char>(shortBody % 256);
+            bytes[FM_INFO_LENGTH_OFFSET + 1] = static_cast<char>(shortBody / 256);
+            WriteFile(info, bytes);
+            Harmed(file, true);
+            return SetDisk(file, std::nullopt);
+        }
+        [[fallthrough]];
     default:
         for (File& each : m_files)
             Unlock(each);
@@ -414,6 +436,7 @@ void World::Harmed(File& file, bool isRewritten) {
     file.isRewritten = file.isRewritten || isRewritten || m_action == faults::CALL || m_faults > 0;
     for (auto& [id, block] : file.table)
         block.isLost = true;
+    ForEachHeld(file, [](Held& held) { held.isLost = true; });
 }
 
 // --- Another server ----------------------------------------------------------------------------
@@ -486,6 +509,8 @@ void World::Stop() {
             Closed(file);
     }
     m_isRunning = false; // sinks do not use a stopped manager
+    for (const File& file : m_files)
+        ForEachHeld(file, [](Held& held) { held.isLost = true; });
     m_cache.Stop();
     if (!m_isThreaded)
         CheckLocks();
@@ -514,25 +539,33 @@ void World::Tick(const Step& step, File&) {
         m_cache.thread.RunDue();
 }
 
-// Ten days later: removes files that are not open and not kept.
+// Now or ten days later: removes files that are not open and not kept, once they have expired.
 void World::KeepHouse(const Step& step, File&) {
-    if (m_depth > 0 || step.how % 2 != 0)
+    if (m_depth > 0)
         return;
     Settle();
-    m_clock.Advance(10 * DAY_MS);
+    m_clock.Advance(step.how % 2 ? 0 : 10 * DAY_MS);
+    FMStartHousekeeping();
     m_cache.thread.RunDue();
     Settle();
     for (File& file : m_files) {
-        const bool isKept = (file.flag & FM_FILE_KEPT) && file.diskGeneration == file.generation;
-        if (file.ref || isKept || IsReferenced(file) || file.lock >= 0)
+        const bool isKept = (file.flag & FM_FILE_KEPT) || !IsExpired(file);
+        if (file.ref || IsReferenced(file) || file.lock >= 0)
             continue;
         // Without a stored block there may be no data file, and housekeeping examines data files.
         const bool hasData = file.isKnown && !file.promised.empty();
+        if (hasData && isKept && file.diskGeneration == file.generation)
+            continue;
         if (IsFaulty() || file.diskGeneration != file.generation || !hasData || file.isDisplaced)
             ForgetDisk(file);
         else
             SetDisk(file, std::nullopt);
     }
+}
+
+// After the seven days that Start sets, and two that the rule adds.
+bool World::IsExpired(const File& file) const {
+    return m_clock.seconds - file.created >= 9 * DAY_MS / 1000;
 }
 
 // Housekeeping skips a path that has a live object.
@@ -565,7 +598,10 @@ void World::FlushLater(const Step& step, File&) {
         return;
     }
     BeginFlush();
-    FMFlushAsync([this, answer](int result, const std::vector<FMUnsavedBlock>& unsaved) {
+    std::map<FMFileID, Saved> flushed;
+    for (const File& file : m_files)
+        flushed[file.id] = Versions(file);
+    FMFlushAsync([this, answer, flushed](int result, const std::vector<FMUnsavedBlock>& unsaved) {
         answer();
         if (result == RT_ERROR_NOT_READY)
             return;
@@ -573,6 +609,9 @@ void World::FlushLater(const Step& step, File&) {
         if (faults::IsFrozen())
             return;
         Require(result != RT_OK || unsaved.empty(), "a flush lists what it has not written");
+        for (const FMUnsavedBlock& block : unsaved)
+            Require(IsFaulty() || m_faults > 0 || IsAnyLost() || !IsCurrent(block, flushed),
+                    "a flush writes the earlier stores");
         for (File& file : m_files) {
             for (const auto& [id, block] : file.table)
                 PromiseSurvivor(file, id, block);
@@ -580,6 +619,16 @@ void World::FlushLater(const Step& step, File&) {
                 NoteTable(file);
         }
     });
+}
+
+// Whether an open file still has the version that it had then.
+bool World::IsCurrent(const FMUnsavedBlock& block, const std::map<FMFileID, Saved>& then) const {
+    const File& file = m_files[block.fileID.Data1 - 1];
+    const Saved& earlier = then.at(file.id);
+    const auto model = file.table.find(block.blockID);
+    const auto version = earlier.find(block.blockID);
+    return model != file.table.end() && version != earlier.end() &&
+           model->second.version == version->second;
 }
 
 // True if a kill would not lose the block.
@@ -622,7 +671,7 @@ void World::Flushed(File& file, int result) {
     if (isAllThere)
         file.isChanged = false;
     if (isWritten)
-        SetDisk(file, Snapshot(file));
+        SetDisk(file, Versions(file));
 }
 
 // A table of this object is on disk: it has overwritten that of a predecessor.
@@ -630,6 +679,8 @@ void World::NoteTable(File& file) {
     file.isForeign = file.isForeign && (file.isHarmed || file.generation == file.diskGeneration);
     file.diskGeneration = file.generation;
 }
+
+bool World::IsAnyHarmed() const { return std::ranges::any_of(m_files, &File::isHarmed); }
 
 bool World::IsAnyLost() const {
     return std::ranges::any_of(m_files, [](const File& file) {
@@ -639,28 +690,74 @@ bool World::IsAnyLost() const {
     });
 }
 
-// Releases the buffers of idle blocks.
-void World::Evict(const Step&, File& file) {
-    m_clock.Advance(IDLE_MS);
-    if (file.ref)
-        static_cast<CFMFile&>(*file.ref).FreeBlocksMemory();
+// Loads of other files: after eight events of the high lane, one of the normal lane runs.
+void World::Burst(const Step&, File&) {
+    for (int i = 0; i < 8; ++i)
+        CFileManager::Instance()->PostToReadwrThread(new TestEvent, 0, RT_PRIORITY_HIGH);
 }
 
-// Closes the streams of an open file, as when too many are open.
-void World::Park(const Step&, File& file) {
+// The file is idle: its buffers are released, or its streams are closed, as when too many are open.
+void World::Rest(const Step& step, File& file) {
+    m_clock.Advance(IDLE_MS);
+    for (const auto& held : m_held)
+        EvictDisplaced(*held);
     if (!file.ref)
         return;
-    static_cast<CFMFile&>(*file.ref).GetEntry().CloseStreams();
+    auto& object = static_cast<CFMFile&>(*file.ref);
+    if (step.how % 4 != 0)
+        object.FreeBlocksMemory();
+    if (step.how % 4 > 1)
+        return;
+    object.GetEntry().CloseStreams();
     file.isParked = true;
 }
 
-void World::Describe(const Step&, File& file) {
-    if (file.ref || !file.isSettled || IsReferenced(file) || file.isDisplaced)
+// The buffer of a block is released only if its bytes can be loaded again, although its file is not open any more.
+void World::EvictDisplaced(const Held& held) {
+    const bool isSettled = CRtEventQueue::Stepped() && CRtEventQueue::Stepped()->GetCount() == 0;
+    if (!isSettled || held.isOpen || !held.block->IsInMemory() || held.block->FreeMemory())
+        return;
+    const bool isRead = !::Read(*held.block).starts_with("error");
+    Require(isRead || held.isLost || m_faults > 0 || IsFaulty(),
+            NameOf(held) + " was released, but cannot be loaded");
+}
+
+void World::Look(const Step& step, File& file) { step.how % 4 == 0 ? List() : Describe(file); }
+
+// The library has waited until the table of the closed file was written.
+void World::Settled(File& file) {
+    const bool wasSettled = std::exchange(file.isSettled, true);
+    if (IsFaulty()) { // a fault may hide what is on disk
+        if (!wasSettled)
+            ForgetDisk(file);
+        return;
+    }
+    if (!wasSettled)
+        TableWritten(file);
+    if (!file.retried.empty())
+        file.promised = std::exchange(file.retried, {});
+}
+
+void World::List() {
+    std::vector<CRtString> stems;
+    std::vector<CRtString> others;
+    FMListCachedFiles("", stems, others);
+    for (File& file : m_files) {
+        if (file.ref || IsRemovalPending(file) || file.isDisplaced)
+            continue;
+        const bool isListed = std::ranges::count(stems, FMFileIDToString(file.id)) > 0;
+        Settled(file);
+        Require(isListed || IsFaulty() || !file.isKnown || !file.disk, "the catalog lists a file");
+    }
+}
+
+void World::Describe(File& file) {
+    if (file.ref || IsRemovalPending(file) || IsReferenced(file) || file.isDisplaced)
         return;
     FMCachedFile found;
-    const CRtString store(m_cache.Path(file.id, "").parent_path().string());
-    const int result = FMDescribeCachedFile(store, FMFileIDToString(file.id), found);
+    const int result = FMDescribeCachedFile("", FMFileIDToString(file.id), found);
     Trace(" -> " + std::to_string(result) + (found.isLoadable ? " loads" : ""));
+    Settled(file);
     if (IsFaulty() || !file.isKnown)
         return;
     Require(found.isLoadable == file.disk.has_value(),

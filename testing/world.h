@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "FMDurability.h"
 #include "testing/faults.h"
 #include "testing/kit.h"
 #include "testing/simulator.h"
@@ -51,6 +52,7 @@ struct File {
     bool hasGap = false;      // a complete block was rewritten or removed
     bool isDisplaced = false; // housekeeping may skip the path because of a displaced object
     bool isForeign = false;   // it has replaced the data file by one of the same length
+    int64_t created = 0;      // seconds since 1970
     int lock = -1;            // another server has the file open: a descriptor that holds its lock
     std::map<uint32_t, Block> table;
 
@@ -91,7 +93,13 @@ public:
             RtSetLogSink(&World::TakeLine, this, isLogTraced ? RT_LOG_TRACE : RT_LOG_WARNING);
         Start(7);
     }
-    ~World() { RtSetLogSink(nullptr, nullptr, RT_LOG_SILENT); }
+    ~World() {
+        RtSetLogSink(nullptr, nullptr, RT_LOG_SILENT);
+        for (Wait& wait : m_waits) { // after a violation
+            if (!wait.isOver)
+                wait.Cancel();
+        }
+    }
     World(const World&) = delete;
     World& operator=(const World&) = delete;
     // Runs the program. Returns the first violated expectation.
@@ -100,7 +108,9 @@ public:
 private:
     struct Held {
         BlockRef block;
-        bool isOpen = true; // its file is open, and the block is in the table
+        bool isOpen = true;    // its file is open, and the block is in the table
+        bool isClosed = false; // its file was closed
+        bool isLost = false;   // another program has changed the files, or the manager was stopped
     };
     class Wait final : public IFMBlockSink {
     public:
@@ -173,6 +183,10 @@ private:
     void Tick(const Step& step, File&);
     void KeepHouse(const Step& step, File&);
     bool IsReferenced(const File& file) const;
+    bool IsExpired(const File& file) const;
+    static bool IsRemovalPending(const File& file) {
+        return !file.isSettled && (file.flag & FM_FILE_TEMPORARY) != 0;
+    }
     void Foreign(const Step& step, File& file);
     void BeginFlush();
     void FlushLater(const Step& step, File&);
@@ -180,13 +194,19 @@ private:
     void Flush(const Step& step, File&);
     void Flushed(File& file, int result);
     static void NoteTable(File& file);
+    bool IsAnyHarmed() const;
     bool IsAnyLost() const;
-    void Evict(const Step&, File& file);
-    void Park(const Step&, File& file);
-    void Describe(const Step&, File& file);
+    bool IsCurrent(const FMUnsavedBlock& block, const std::map<FMFileID, Saved>& then) const;
+    void Burst(const Step&, File&);
+    void Rest(const Step& step, File& file);
+    void EvictDisplaced(const Held& held);
+    void Look(const Step& step, File& file);
+    void List();
+    void Describe(File& file);
+    void Settled(File& file);
 
     // --- Files
-    static Saved Snapshot(const File& file);
+    static Saved Versions(const File& file);
     void CreateStep(const Step& step, File& file);
     void OpenStep(const Step&, File& file);
     bool Load(File& file);
@@ -201,7 +221,7 @@ private:
     void Closed(File& file);
     Saved StoredBlocks(const File& file) const;
     void NoteResident(File& file);
-    void Part(const std::function<bool(const Held&)>& isChosen);
+    void ForEachHeld(const File& file, const std::function<void(Held&)>& change);
     void Leave(File& file);
 
     // --- Blocks

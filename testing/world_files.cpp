@@ -5,18 +5,21 @@
 #include <utility>
 
 #include "FMDurability.h"
+#include "FMInfoCodec.h"
+#include "util/filemanager/filemanager.h"
 
 namespace sim {
 
 // --- Files -------------------------------------------------------------------------------------
 
-Saved World::Snapshot(const File& file) {
-    Saved saved;
+// The complete blocks of an open file.
+Saved World::Versions(const File& file) {
+    Saved versions;
     for (const auto& [id, block] : file.table) {
         if (block.version != 0)
-            saved[id] = block.version;
+            versions[id] = block.version;
     }
-    return saved;
+    return versions;
 }
 
 void World::CreateStep(const Step& step, File& file) {
@@ -41,6 +44,7 @@ void World::CreateStep(const Step& step, File& file) {
     Leave(file);
     Require(m_cache.manager->CreateFile(file.ref.Receive(), info) == RT_OK, "a file is created");
     file.flag = info.flag;
+    file.created = m_clock.seconds;
     file.generation = ++m_generation;
     file.isSettled = true;
 }
@@ -53,20 +57,11 @@ void World::OpenStep(const Step&, File& file) {
 bool World::Load(File& file) {
     if (file.ref)
         return true;
-    const bool wasSettled = file.isSettled;
     const int result = m_cache.manager->OpenFile(file.ref.Receive(), file.id, 1);
     Trace(" -> " + std::to_string(result));
-    if (IsFaulty()) { // a fault may hide what is on disk
-        if (!wasSettled)
-            ForgetDisk(file);
-    } else if (!wasSettled) {
-        TableWritten(file); // the load waits for the table
-    }
-    if (!IsFaulty() && !file.retried.empty())
-        file.promised = std::exchange(file.retried, {});
+    Settled(file); // the load waits for the table
     file.saving.reset();
     file.rescued.clear();
-    file.isSettled = true;
     if (file.lock >= 0 && result != RT_OK)
         return false;
     // A file system without locks: the call fails, and the file is used as it is.
@@ -84,6 +79,7 @@ bool World::Load(File& file) {
 
 void World::Restore(File& file) {
     file.flag = file.ref->GetFileInfo().flag;
+    file.created = static_cast<CFMFile&>(*file.ref).GetCreateTime();
     file.isChanged = false;
     file.isHarmed = faults::Hits() > 0 && m_action == faults::CALL; // perhaps after the load
     file.isRewritten = false;
@@ -168,6 +164,7 @@ void World::Close(File& file) {
 void World::Closed(File& file) {
     file.isSettled = false;
     NoteResident(file);
+    ForEachHeld(file, [](Held& held) { held.isClosed = held.isClosed || held.isOpen; });
     const bool isTemporary = (file.flag & FM_FILE_TEMPORARY) != 0;
     if (isTemporary || file.isChanged || file.isHarmed) {
         const bool isHarmed = file.isHarmed;
@@ -177,7 +174,7 @@ void World::Closed(File& file) {
         file.stored = std::move(stored);
         file.rescued = isTemporary ? Saved() : rescued;
         if (!isHarmed)
-            file.saving.emplace(isTemporary ? std::nullopt : std::optional(Snapshot(file)));
+            file.saving.emplace(isTemporary ? std::nullopt : std::optional(Versions(file)));
     }
     Leave(file);
 }
@@ -210,17 +207,20 @@ void World::NoteResident(File& file) {
     }
 }
 
-// The chosen blocks are no longer in the table of an open file.
-void World::Part(const std::function<bool(const Held&)>& isChosen) {
-    const auto part = [&](Held& held) { held.isOpen = held.isOpen && !isChosen(held); };
+// Of all objects that the file had.
+void World::ForEachHeld(const File& file, const std::function<void(Held&)>& change) {
+    const auto visit = [&](Held& held) {
+        if (held.block->GetFileID() == file.id)
+            change(held);
+    };
     for (const auto& held : m_held)
-        part(*held);
+        visit(*held);
     for (const Wait& wait : m_waits)
-        part(*wait.GetHeld());
+        visit(*wait.GetHeld());
 }
 
 void World::Leave(File& file) {
-    Part([&](const Held& held) { return held.block->GetFileID() == file.id; });
+    ForEachHeld(file, [](Held& held) { held.isOpen = false; });
     file.table.clear();
     file.ref.Reset();
     file.attached = 0;
@@ -305,7 +305,8 @@ void World::Remove(const Step& step, File& file) {
         return;
     BeginWrite(file, PickID(step));
     file.table.erase(PickID(step));
-    Part([&](const Held& held) { return held.block.Get() == removed.Get(); });
+    ForEachHeld(
+        file, [&](Held& held) { held.isOpen = held.isOpen && held.block.Get() != removed.Get(); });
 }
 
 void World::Read(const Step& step, File& file) {
@@ -375,6 +376,10 @@ void World::ReadHeld(const Step& step) {
         return;
     Held& held = *m_held[step.size % m_held.size()];
     CheckHeld(held, ::Read(*held.block));
+    const CRtMessageChain piece = CRtMessageBlock::Wrap("piece", 5);
+    Require(!held.isClosed || held.block->GetPosition() == 0 ||
+                held.block->WriteData(5, 0, piece.get()) == RT_ERROR_NOT_READY,
+            "a block of a closed file is not written");
 }
 
 void World::CheckHeld(const Held& held, const std::string& bytes) {
@@ -411,7 +416,8 @@ uint32_t World::VersionOf(const Held& held) const {
 
 void World::CheckCompletion(const Held& held, int result, uint32_t faults, uint32_t version) {
     Trace(" [sink " + std::to_string(result) + "]");
-    const bool isCurrent = version != 0 && VersionOf(held) == version;
+    // A rewrite of a complete block makes the load stale: the next one serves the sink.
+    const bool isCurrent = version != 0 && VersionOf(held) != 0;
     const bool mayFail = !isCurrent || m_faults != faults || IsFaulty();
     Require(result == RT_OK || mayFail, NameOf(held) + " can be loaded");
     if (result != RT_OK)
