@@ -10,6 +10,8 @@
 #include <iostream>
 #include <random>
 
+#include "RtEventQueue.h"
+#include "RtLog.h"
 #include "testing/world.h"
 
 namespace sim {
@@ -53,13 +55,13 @@ Program FromBytes(const uint8_t* data, size_t size) {
 
 std::string Run(const Program& program, std::string* trace, bool withLog) {
     CRtEventQueue::SetStepping(true);
-    return World(program, false, trace, withLog).Run();
+    return RunInWorld(program, false, trace, withLog);
 }
 
 std::string RunThreaded(const Program& program) {
     CRtEventQueue::SetStepping(false);
     RtSetLogSink(nullptr, nullptr, RT_LOG_SILENT);
-    return World(program, true, nullptr, false).Run();
+    return RunInWorld(program, true, nullptr, false);
 }
 
 std::string RunInChild(const Program& program, bool withTrace) {
