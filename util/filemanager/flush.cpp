@@ -29,14 +29,23 @@ CFileManager* BeginFlush(const char* call) {
 
 int PostFlush(CFileManager& manager, uint32_t run, FlushDone done);
 
+// Whether the object has queued jobs that have to run before the tables are written: stores of a closed file, or
+// those of a predecessor, which would remove the table of the open file on its path.
+bool IsEnding(CFileManager& manager, const CRtComAutoPtr<CFMFile>& file) {
+    const CRtComAutoPtr<CFMFile> open = manager.FindOpenAt(file->GetPathID());
+    const bool isPredecessor = open && open.Get() != file.Get() && !file->GetEntry().IsDetached();
+    return isPredecessor || file->IsClosing();
+}
+
 // On the caller thread, behind the stores that were queued before the flush. `run`: that of the manager at that time.
 void EndFlush(CFileManager& manager, uint32_t run, const FlushDone& done) {
     if (!manager.IsRunning() || manager.GetRun() != run)
         return done(RT_ERROR_NOT_READY, {});
-    // A file that was closed in between has queued its failed stores once more.
-    const bool isStoring =
-        std::ranges::any_of(manager.GetLiveFiles().Get(nullptr), &CFMFile::IsClosing);
-    if (isStoring && RT_SUCCEEDED(PostFlush(manager, run, done)))
+    // A file that was closed or replaced in between has queued jobs behind those of the flush.
+    const bool isEnding =
+        std::ranges::any_of(manager.GetLiveFiles().Get(nullptr),
+                            [&manager](const auto& file) { return IsEnding(manager, file); });
+    if (isEnding && RT_SUCCEEDED(PostFlush(manager, run, done)))
         return;
     Unsaved unsaved;
     const int result = manager.SaveAll(unsaved);
