@@ -6,6 +6,7 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <set>
 
 #include "FMCatalog.h"
 #include "FMDurability.h"
@@ -85,6 +86,8 @@ private:
         void OnBlockDataReady(IFMBlock* block, int result) override {
             m_world.Require(block == m_held->block.Get(), "the sink gets its block");
             m_world.Require(!isOver, "the sink is called once and not after a cancel");
+            m_world.Require(isAsking || m_world.IsFirstWaiting(*this),
+                            "sinks are called in the order of their requests");
             isOver = true;
             const bool hasFailed = m_world.m_faults != m_faults || m_world.IsFaulty();
             m_world.CheckCompletion(*m_held, result, hasFailed || !m_wasComplete);
@@ -96,6 +99,7 @@ private:
         }
         Held& GetHeld() const { return *m_held; }
         bool isOver = false;
+        bool isAsking = false; // the call returns the bytes at once
 
     private:
         World& m_world;
@@ -266,12 +270,32 @@ private:
         Require(static_cast<std::ptrdiff_t>(figures.openFiles) ==
                     std::ranges::count_if(m_files, isOpen),
                 "open files are counted");
+        CheckMemory();
         if (m_faults > 0 || IsFaulty())
             return;
         for (const File& file : m_files) {
             for (const auto& [id, block] : file.table)
                 CheckCondition(file, id, block);
         }
+    }
+
+    void CheckMemory() {
+        std::set<IFMBlock*> blocks;
+        for (const File& file : m_files) {
+            for (const auto& block : file.ref ? file.ref->GetBlocks() : FMBlockTable()) {
+                if (block)
+                    blocks.insert(block.Get());
+            }
+            ForEachHeld(file, [&](Held& held) { blocks.insert(held.block.Get()); });
+        }
+        size_t bytes = 0;
+        for (IFMBlock* block : blocks)
+            bytes += block->IsInMemory() ? block->GetTotalLen() : 0;
+        const size_t inUse = CFileManager::Instance()->GetMemoryInUse();
+        // A displaced file keeps blocks that only the library references.
+        const bool isAnyDisplaced = std::ranges::any_of(m_files, &File::isDisplaced);
+        Require(inUse == bytes || (inUse > bytes && isAnyDisplaced),
+                "memory in use is that of the resident buffers");
     }
 
     void CheckCondition(const File& file, uint32_t id, const Block& model) {
@@ -953,8 +977,11 @@ private:
         const bool isRefused = (isRewrite && pos != 0) || uint64_t{pos} + size > wholeLength;
         if (!isRefused && (isRewrite || size > 0))
             file.BeginWrite(id);
-        const CRtMessageChain piece =
-            CRtMessageBlock::Wrap(whole.data() + std::min(pos, length), size);
+        const char* const bytes = whole.data() + std::min(pos, length);
+        const uint32_t front = step.how % 32 < 8 ? size / 2 : size; // a chain of two message blocks
+        const CRtMessageChain piece = CRtMessageBlock::Wrap(bytes, front);
+        if (front < size)
+            piece->Append(CRtMessageBlock::CreateCopy(bytes + front, size - front));
         const int result = block->WriteData(length, pos, piece.get());
         Trace(" pos " + std::to_string(pos) + " size " + std::to_string(size) + " of " +
               std::to_string(length));
@@ -999,12 +1026,13 @@ private:
         const Block& model = file.table[PickID(step)];
         const std::string name = Name(file, PickID(step));
         const uint32_t from = step.size % (model.length + 2);
-        const uint32_t length = step.how * 37U % (model.length + 2);
+        const uint32_t length = // with UINT32_MAX, the sum overflows
+            step.how % 16 == 6 ? UINT32_MAX : step.how * 37U % (model.length + 2);
         CRtMessageChain view;
         const int result = block->ReadData(from, length, RtReceive(view));
         Trace(" from " + std::to_string(from) + " length " + std::to_string(length));
         TraceResult(result);
-        const bool isInside = from <= model.bytes.size() && from + length <= model.length;
+        const bool isInside = from <= model.bytes.size() && uint64_t{from} + length <= model.length;
         const int expected = !isInside            ? RT_ERROR_INVALID_ARG
                              : model.version == 0 ? RT_ERROR_NOT_READY
                                                   : RT_OK;
@@ -1087,10 +1115,20 @@ private:
         if (!held)
             return;
         Wait& wait = m_waits.emplace_back(*this, held);
+        wait.isAsking = true;
         const int result = held->block->ReadData(&wait);
+        wait.isAsking = false;
         TraceResult(result);
         if (result != RT_OK)
             wait.isOver = true; // after a failure the sink is not called
+        if (!wait.isOver && step.how % 4 == 0)
+            held->block->ReadData(&wait); // one call is enough
+    }
+
+    bool IsFirstWaiting(const Wait& asked) const {
+        return &asked == &*std::ranges::find_if(m_waits, [&](const Wait& wait) {
+            return !wait.isOver && wait.GetHeld().block.Get() == asked.GetHeld().block.Get();
+        });
     }
 
     // The current version of the block in its open file; 0 if there is none that must be readable.
