@@ -64,7 +64,7 @@ std::string RunThreaded(const Program& program) {
     return RunInWorld(program, true, nullptr, false);
 }
 
-std::string RunInChild(const Program& program, bool withTrace) {
+std::string InChild(const std::function<std::string()>& work) {
     constexpr unsigned timeoutSeconds = 20;
     int ends[2];
     if (::pipe(ends) != 0)
@@ -75,10 +75,8 @@ std::string RunInChild(const Program& program, bool withTrace) {
         return "no child process";
     if (child == 0) {
         ::alarm(timeoutSeconds);
-        std::string trace;
-        std::string violation = Run(program, withTrace ? &trace : nullptr, withTrace);
-        violation += violation.empty() ? "" : "\n" + trace;
-        [[maybe_unused]] const auto written = ::write(ends[1], violation.data(), violation.size());
+        const std::string result = work();
+        [[maybe_unused]] const auto written = ::write(ends[1], result.data(), result.size());
         ::_exit(0);
     }
     ::close(ends[1]);
@@ -95,6 +93,14 @@ std::string RunInChild(const Program& program, bool withTrace) {
     return WEXITSTATUS(status) == 0
                ? text
                : "ends with exit status " + std::to_string(WEXITSTATUS(status));
+}
+
+std::string RunInChild(const Program& program, bool withTrace) {
+    return InChild([&program, withTrace] {
+        std::string trace;
+        const std::string violation = Run(program, withTrace ? &trace : nullptr, withTrace);
+        return violation.empty() ? violation : violation + "\n" + trace;
+    });
 }
 
 Program Shrink(Program program) {

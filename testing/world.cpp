@@ -156,7 +156,7 @@ private:
                      {"flush later", 1, &W::FlushLater},
                      {"rest", 1, &W::Rest},
                      {"look", 1, &W::Look},
-                     {"lock", 1, &W::Lock},
+                     {"other", 1, &W::Other},
                      {"burst", 1, &W::Burst},
                      {"hold", 1, &W::Hold},
                      {"attach", 1, &W::Attach},
@@ -176,6 +176,9 @@ private:
 
     // Runs one event of the read/write thread, or of the caller thread.
     static bool Down() { return CRtEventQueue::Stepped() && CRtEventQueue::Stepped()->Step(); }
+    static bool IsDownIdle() {
+        return !CRtEventQueue::Stepped() || CRtEventQueue::Stepped()->GetCount() == 0;
+    }
     bool Up() {
         if (m_depth > 0)
             return false;
@@ -271,8 +274,6 @@ private:
                     std::ranges::count_if(m_files, isOpen),
                 "open files are counted");
         CheckMemory();
-        if (m_faults > 0 || IsFaulty())
-            return;
         for (const File& file : m_files) {
             for (const auto& [id, block] : file.table)
                 CheckCondition(file, id, block);
@@ -300,9 +301,12 @@ private:
 
     void CheckCondition(const File& file, uint32_t id, const Block& model) {
         const BlockRef block = Cache::Block(*file.ref, id, 0);
-        if (file.isHarmed || file.isDisplaced || model.isLost || !block)
+        if (!block)
             return;
         const FMBlockStatus status = FMGetBlockStatus(*block);
+        Require(status.condition != FMBlockCondition::Pending, Name(file, id) + " is not pending");
+        if (m_faults > 0 || IsFaulty() || file.isHarmed || file.isDisplaced || model.isLost)
+            return;
         Require((status.condition == FMBlockCondition::Stored) == (model.version != 0),
                 Name(file, id) + " is stored");
         Require(!status.survivesKill || !model.isUnsaved,
@@ -429,11 +433,48 @@ private:
         ForEachHeld(file, [](Held& held) { held.isLost = true; });
     }
 
+    void Other(const Step& step, File& file) {
+        if (m_isThreaded || m_depth > 0)
+            return;
+        if (step.how % 8 == 7)
+            return VisitCache();
+        file.lock >= 0 ? Unlock(file) : Lock(file);
+    }
+
+    // Another server process loads the files that this one has closed.
+    void VisitCache() {
+        Settle();
+        if (faults::IsFrozen())
+            return;
+        const std::string violation = InChild([this] {
+            std::vector<File*> closed;
+            for (File& file : m_files) {
+                if (!file.ref && !file.isDisplaced && !IsReferenced(file))
+                    closed.push_back(&file);
+            }
+            // The objects of the other process change nothing on disk.
+            struct stat ignored {};
+            faults::Begin(m_cache.dir.path, {.action = faults::FREEZE_BEFORE});
+            ::stat((m_cache.dir.path / FM_SERVER_STORE).c_str(), &ignored);
+            faults::Lift();
+            Die();
+            BeginFault({});
+            for (File* file : closed) {
+                if (!Load(*file))
+                    continue;
+                for (const auto& [id, block] : file->table)
+                    CheckBlock(*file, id);
+                Close(*file);
+            }
+            Settle();
+            return m_violation;
+        });
+        Require(violation.empty(), "another process: " + violation);
+    }
+
     // Another server opens the file: it holds the locks of the data file and of the store.
-    void Lock(const Step&, File& file) {
-        if (file.lock >= 0)
-            return Unlock(file);
-        if (m_isThreaded || m_depth > 0 || file.ref || !file.isSettled || IsReferenced(file))
+    void Lock(File& file) {
+        if (file.ref || !file.isSettled || IsReferenced(file))
             return;
         const fs::path data = m_cache.Path(file.id, FM_DATA_EXTENSION);
         file.lock = OpenElsewhere(data, O_RDWR);
@@ -580,8 +621,8 @@ private:
     // A block whose file is not open is released only if its bytes can be loaded again. The end of a predecessor
     // that is queued may overtake that load.
     void Evict(const Held& held) {
-        const bool isIdle = CRtEventQueue::Stepped() && CRtEventQueue::Stepped()->GetCount() == 0;
-        if (!isIdle || held.isOpen || !held.block->IsInMemory() || held.block->FreeMemory())
+        if (m_isThreaded || !IsDownIdle() || held.isOpen || !held.block->IsInMemory() ||
+            held.block->FreeMemory())
             return;
         const bool isRead = !IsError(::Read(*held.block));
         Require(isRead || held.isLost || m_faults > 0 || IsFaulty(),
@@ -601,7 +642,12 @@ private:
     void FlushLater(const Step& step, File&) {
         ++m_questions;
         if (step.how % 2) {
-            FMCallWhenIdle([this](int) { ++m_answers; });
+            FMCallWhenIdle([this](int called) {
+                ++m_answers;
+                const bool isIdle =
+                    m_isThreaded || (CRtEventQueue::Current()->GetCount() == 0 && IsDownIdle());
+                Require(called != RT_OK || isIdle, "both threads are idle");
+            });
             return;
         }
         BeginFlush();
@@ -660,8 +706,11 @@ private:
         if (faults::IsFrozen())
             return;
         Require(result != RT_OK || unsaved.empty(), "a flush lists what it has not written");
-        for (File& file : m_files)
+        for (File& file : m_files) {
+            if (!file.ref && file.isSettled && result == RT_OK)
+                Settled(file); // a table that could not be written before
             Flushed(file, result);
+        }
     }
 
     void Flushed(File& file, int result) {
@@ -891,13 +940,18 @@ private:
 
     void Detach(const Step&, File& file) { Close(file); }
     void Close(File& file) {
-        const bool isOpen = static_cast<bool>(file.ref);
+        const FileRef object = file.ref;
+        const bool isOpen = static_cast<bool>(object);
         if (isOpen && file.attached <= 1)
             Closed(file);
         else if (isOpen)
             --file.attached;
         const int result = m_cache.manager->DetachFile(file.id);
         Require(result == (isOpen ? RT_OK : RT_ERROR_NOT_FOUND), "an open file can be detached");
+        BlockRef block;
+        Require(!isOpen || file.ref ||
+                    object->GetBlock(block.Receive(), 1, 1) == RT_ERROR_NOT_READY,
+                "a closed file has no blocks");
     }
 
     // The model of a file that is about to be closed.
@@ -1114,6 +1168,11 @@ private:
             held = Keep(step, file);
         if (!held)
             return;
+        for (uint32_t i = 0; i < 1U + step.how % 2; ++i)
+            Ask(held, step.how % 4 == 0);
+    }
+
+    void Ask(const std::shared_ptr<Held>& held, bool isTwice) {
         Wait& wait = m_waits.emplace_back(*this, held);
         wait.isAsking = true;
         const int result = held->block->ReadData(&wait);
@@ -1121,7 +1180,7 @@ private:
         TraceResult(result);
         if (result != RT_OK)
             wait.isOver = true; // after a failure the sink is not called
-        if (!wait.isOver && step.how % 4 == 0)
+        if (!wait.isOver && isTwice)
             held->block->ReadData(&wait); // one call is enough
     }
 
