@@ -506,6 +506,7 @@ private:
     void Start(uint16_t days) {
         m_cache.manager->Initialize(CRtString(m_cache.dir.path.string()), days, 1);
         m_days = days;
+        ++m_run;
         m_isRunning = true;
         if (days == 0)
             ClearFiles();
@@ -553,8 +554,37 @@ private:
 
     void Tick(const Step& step, File&) {
         m_clock.Advance(step.how % 2 ? TICK_MS : IDLE_MS);
-        if (m_depth == 0)
-            m_cache.thread.RunDue();
+        if (m_depth > 0)
+            return;
+        m_cache.thread.RunDue();
+        if (step.how % 4 > 1)
+            return;
+        Settle();
+        for (File& file : m_files) {
+            CheckRetried(file);
+            CheckStores(file);
+        }
+    }
+
+    // A tick or a flush has written the table of a closed file that could not be written before.
+    void CheckRetried(File& file) {
+        if (file.ref || !file.isSettled || file.kept.empty() || IsFaulty())
+            return;
+        const CRtString store((m_cache.dir.path / FM_SERVER_STORE).string());
+        FMCachedFile found;
+        FMDescribeCachedFile(store, FMFileIDToString(file.id), found);
+        Require(IsFaulty() || found.storedBlocks >= file.kept.size(), "a table is written later");
+        Settled(file);
+    }
+
+    void CheckStores(const File& file) {
+        if (IsFaulty() || file.isHarmed || file.isDisplaced)
+            return;
+        for (const auto& [id, model] : file.table) {
+            const BlockRef block = Cache::Block(*file.ref, id, 0);
+            Require(!block || FMGetBlockStatus(*block).condition != FMBlockCondition::Failed,
+                    Name(file, id) + " is stored again");
+        }
     }
 
     // Loads of other files: after eight events of the high lane, one of the normal lane runs.
@@ -654,8 +684,10 @@ private:
         std::vector<Saved> before;
         for (const File& file : m_files)
             before.push_back(file.Versions());
-        FMFlushAsync([this, before](int result, const std::vector<FMUnsavedBlock>& unsaved) {
+        const uint32_t run = m_run;
+        FMFlushAsync([this, before, run](int result, const std::vector<FMUnsavedBlock>& unsaved) {
             ++m_answers;
+            Require(result == RT_ERROR_NOT_READY || run == m_run, "a flush ends with its run");
             if (result != RT_ERROR_NOT_READY)
                 FlushedLater(before, result, unsaved);
         });
@@ -707,8 +739,8 @@ private:
             return;
         Require(result != RT_OK || unsaved.empty(), "a flush lists what it has not written");
         for (File& file : m_files) {
-            if (!file.ref && file.isSettled && result == RT_OK)
-                Settled(file); // a table that could not be written before
+            if (result == RT_OK)
+                CheckRetried(file);
             Flushed(file, result);
         }
     }
@@ -1238,6 +1270,7 @@ private:
     uint32_t m_faults = 0; // steps in which a system call has failed
     uint32_t m_generation = 0;
     uint16_t m_days = DAYS;
+    uint32_t m_run = 0; // of the manager
     bool m_isRunning = false;
     int m_questions = 0; // callbacks that were asked for
     int m_answers = 0;
