@@ -117,6 +117,7 @@ private:
         if (isOuter)
             BeginFault(step);
         Call(step);
+        Require(!m_view || Bytes(m_view) == m_viewed, "a view keeps its bytes");
         if (!isOuter)
             return;
         if (step.up == 255)
@@ -506,7 +507,6 @@ private:
     void Start(uint16_t days) {
         m_cache.manager->Initialize(CRtString(m_cache.dir.path.string()), days, 1);
         m_days = days;
-        ++m_run;
         m_isRunning = true;
         if (days == 0)
             ClearFiles();
@@ -684,10 +684,8 @@ private:
         std::vector<Saved> before;
         for (const File& file : m_files)
             before.push_back(file.Versions());
-        const uint32_t run = m_run;
-        FMFlushAsync([this, before, run](int result, const std::vector<FMUnsavedBlock>& unsaved) {
+        FMFlushAsync([this, before](int result, const std::vector<FMUnsavedBlock>& unsaved) {
             ++m_answers;
-            Require(result == RT_ERROR_NOT_READY || run == m_run, "a flush ends with its run");
             if (result != RT_ERROR_NOT_READY)
                 FlushedLater(before, result, unsaved);
         });
@@ -729,9 +727,7 @@ private:
         return survives;
     }
 
-    void Flush(const Step& step, File&) {
-        if (step.how % 2)
-            return;
+    void Flush(const Step&, File&) {
         BeginFlush();
         std::vector<FMUnsavedBlock> unsaved;
         const int result = FMFlush(unsaved);
@@ -1124,8 +1120,11 @@ private:
                                                   : RT_OK;
         Require(result == expected || model.isLost || (model.version != 0 && IsFaulty()),
                 name + " can be read as far as it is written");
-        if (result == RT_OK && model.version != 0)
-            Require(Bytes(view) == model.bytes.substr(from, length), name + " has its bytes");
+        if (result != RT_OK || model.version == 0)
+            return;
+        m_view = std::move(view);
+        m_viewed = model.bytes.substr(from, length);
+        Require(Bytes(m_view) == m_viewed, name + " has its bytes");
     }
 
     // --- Blocks that are referenced, and asynchronous reads -------------------------------------
@@ -1270,12 +1269,13 @@ private:
     uint32_t m_faults = 0; // steps in which a system call has failed
     uint32_t m_generation = 0;
     uint16_t m_days = DAYS;
-    uint32_t m_run = 0; // of the manager
     bool m_isRunning = false;
     int m_questions = 0; // callbacks that were asked for
     int m_answers = 0;
     int m_storeLock = -1;                                                    // another server's
     std::map<std::pair<uint32_t, uint32_t>, std::vector<Version>> m_history; // by file and block
+    CRtMessageChain m_view;                                                  // of the last read
+    std::string m_viewed;
     TestClock m_clock;
     Cache m_cache{Directory(), false};
     File m_files[FILES];
