@@ -29,23 +29,20 @@ CFileManager* BeginFlush(const char* call) {
 
 int PostFlush(CFileManager& manager, uint32_t run, FlushDone done);
 
-// Whether the object has queued jobs that have to run before the tables are written: stores of a closed file, or
-// those of a predecessor, which would remove the table of the open file on its path.
-bool IsEnding(CFileManager& manager, const CRtComAutoPtr<CFMFile>& file) {
-    const CRtComAutoPtr<CFMFile> open = manager.FindOpenAt(file->GetPathID());
-    const bool isPredecessor = open && open.Get() != file.Get() && !file->GetEntry().IsDetached();
-    return isPredecessor || file->IsClosing();
+// Stores of a closed file, or of a predecessor that would remove the table of the open file on its path.
+bool HasStores(CFileManager& manager, CFMFile& file) {
+    const auto open = manager.FindOpenAt(file.GetPathID());
+    return file.IsClosing() || (open && open.Get() != &file && !file.GetEntry().IsDetached());
 }
 
 // On the caller thread, behind the stores that were queued before the flush. `run`: that of the manager at that time.
 void EndFlush(CFileManager& manager, uint32_t run, const FlushDone& done) {
     if (!manager.IsRunning() || manager.GetRun() != run)
         return done(RT_ERROR_NOT_READY, {});
-    // A file that was closed or replaced in between has queued jobs behind those of the flush.
-    const bool isEnding =
-        std::ranges::any_of(manager.GetLiveFiles().Get(nullptr),
-                            [&manager](const auto& file) { return IsEnding(manager, file); });
-    if (isEnding && RT_SUCCEEDED(PostFlush(manager, run, done)))
+    // A file that was closed or replaced in between may have queued stores after the flush.
+    const bool isStoring = std::ranges::any_of(
+        manager.GetLiveFiles().Get(nullptr), [&](auto& file) { return HasStores(manager, *file); });
+    if (isStoring && RT_SUCCEEDED(PostFlush(manager, run, done)))
         return;
     Unsaved unsaved;
     const int result = manager.SaveAll(unsaved);
