@@ -727,7 +727,9 @@ private:
         return survives;
     }
 
-    void Flush(const Step&, File&) {
+    void Flush(const Step& step, File&) {
+        if (step.how % 2)
+            Settle();
         BeginFlush();
         std::vector<FMUnsavedBlock> unsaved;
         const int result = FMFlush(unsaved);
