@@ -10,6 +10,8 @@
 #include <iostream>
 #include <random>
 
+#include "RtEventQueue.h"
+#include "RtLog.h"
 #include "testing/world.h"
 
 namespace sim {
@@ -53,16 +55,16 @@ Program FromBytes(const uint8_t* data, size_t size) {
 
 std::string Run(const Program& program, std::string* trace, bool withLog) {
     CRtEventQueue::SetStepping(true);
-    return World(program, false, trace, withLog).Run();
+    return RunInWorld(program, false, trace, withLog);
 }
 
 std::string RunThreaded(const Program& program) {
     CRtEventQueue::SetStepping(false);
     RtSetLogSink(nullptr, nullptr, RT_LOG_SILENT);
-    return World(program, true, nullptr, false).Run();
+    return RunInWorld(program, true, nullptr, false);
 }
 
-std::string RunInChild(const Program& program, bool withTrace) {
+std::string InChild(const std::function<std::string()>& work) {
     constexpr unsigned timeoutSeconds = 20;
     int ends[2];
     if (::pipe(ends) != 0)
@@ -73,10 +75,8 @@ std::string RunInChild(const Program& program, bool withTrace) {
         return "no child process";
     if (child == 0) {
         ::alarm(timeoutSeconds);
-        std::string trace;
-        std::string violation = Run(program, withTrace ? &trace : nullptr, withTrace);
-        violation += violation.empty() ? "" : "\n" + trace;
-        [[maybe_unused]] const auto written = ::write(ends[1], violation.data(), violation.size());
+        const std::string result = work();
+        [[maybe_unused]] const auto written = ::write(ends[1], result.data(), result.size());
         ::_exit(0);
     }
     ::close(ends[1]);
@@ -93,6 +93,14 @@ std::string RunInChild(const Program& program, bool withTrace) {
     return WEXITSTATUS(status) == 0
                ? text
                : "ends with exit status " + std::to_string(WEXITSTATUS(status));
+}
+
+std::string RunInChild(const Program& program, bool withTrace) {
+    return InChild([&program, withTrace] {
+        std::string trace;
+        const std::string violation = Run(program, withTrace ? &trace : nullptr, withTrace);
+        return violation.empty() ? violation : violation + "\n" + trace;
+    });
 }
 
 Program Shrink(Program program) {

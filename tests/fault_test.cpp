@@ -1,11 +1,9 @@
-// A full disk, a stalled disk, no memory, and the number of system calls and allocations of a small file. The simulator
-// makes single calls fail.
+// A stalled disk, no memory, and the number of system calls and allocations of a small file. The simulator makes single
+// calls fail.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <exception>
 #include <functional>
 #include <map>
@@ -18,13 +16,6 @@
 using namespace faults;
 
 namespace {
-
-// Files cannot grow beyond this length: the write ends early or fails, as on a full disk.
-void LimitFiles(rlim_t bytes) {
-    std::signal(SIGXFSZ, SIG_IGN);
-    const rlimit limit{bytes, RLIM_INFINITY};
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
-}
 
 // What a child process that runs `work` returns: a new process for the library.
 int InChild(const std::function<int()>& work) noexcept { // a child must not return
@@ -74,44 +65,6 @@ Starved Starve(const fs::path& dir, const FMFileID& id, const Plan& plan) {
 }
 
 } // namespace
-
-TEST(Fault, StoresAndTablesArePendingUntilAFullDiskHasSpaceAgain) {
-    TestClock clock;
-    Cache cache;
-    FileRef open = cache.Create();
-    FileRef closed = cache.Create();
-    FMFileInfo large = Description();
-    large.num = 8192; // a table of 32 KiB
-    FileRef table = cache.Create(large);
-    const FMFileID ids[] = {open->GetFileInfo().fileID, closed->GetFileInfo().fileID, large.fileID};
-    for (IFMFile* file : {open.Get(), closed.Get(), table.Get()})
-        Write(*Cache::Block(*file, 1), Pattern(1, 700));
-    FMWaitUntilIdle();
-    const LogCapture log;
-    LimitFiles(16'384);
-    cache.Close(table); // its table stays pending
-    for (IFMFile* file : {open.Get(), closed.Get()})
-        Write(*Cache::Block(*file, 2), Pattern(2, 30'000));
-    FMWaitUntilIdle();
-    EXPECT_EQ(log.Count("SaveFileInfo_m, WriteBlockInfo error"), 1U);
-    clock.Advance(60'001);
-    FMWaitUntilIdle();
-    EXPECT_EQ(log.Count("WriteToFile, WriteData failed"), 4U); // the tick has retried
-    EXPECT_EQ(Read(*Cache::Block(*open, 2)), Pattern(2, 30'000));
-    LimitFiles(RLIM_INFINITY);
-    cache.Close(closed); // retries its store
-    clock.Advance(60'001);
-    FMWaitUntilIdle();
-    EXPECT_EQ(fs::file_size(cache.Path(ids[0], ".sdd")), 30'700U);
-    EXPECT_GT(fs::file_size(cache.Path(ids[2], ".sdi")), 32'768U);
-    cache.Close(open);
-    for (const FMFileID& id : ids) {
-        const FileRef file = cache.Open(id);
-        ASSERT_TRUE(file);
-        EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), Pattern(1, 700));
-        EXPECT_TRUE(id == ids[2] || Read(*Cache::Block(*file, 2, 0)) == Pattern(2, 30'000));
-    }
-}
 
 // An allocation of the standard library that fails ends the process, as a kill does.
 TEST(Fault, AFailingAllocationLosesNothingThatWasSaved) {
@@ -204,29 +157,6 @@ TEST(Fault, DescribingAFileReadsItsInformationFileOnceAndChangesNothing) {
     EXPECT_TRUE(described.isLoadable && !described.isOpenHere && !described.isOpenElsewhere);
     EXPECT_EQ(described.storedBlocks, 7000U);
     EXPECT_EQ(described.highestBlock, 7000U);
-}
-
-TEST(Fault, ADataFileThatIsReplacedAtAnyCallOfAReadNeverYieldsForeignBytes) {
-    const LogCapture quiet(RT_LOG_SILENT);
-    TestClock clock;
-    Cache cache;
-    for (uint32_t call = 1, hits = 1; hits > 0; ++call) {
-        const FileRef file = cache.Create();
-        const BlockRef block = Cache::Block(*file, 1);
-        Write(*block, Pattern(1, 5000));
-        FMWaitUntilIdle();
-        clock.Advance(240'001);
-        ASSERT_FALSE(block->FreeMemory());
-        static_cast<CFMFile&>(*file).GetEntry().CloseStreams();
-        const fs::path foreign = cache.dir.path / "foreign";
-        WriteFile(foreign, Pattern(2, 5000));
-        SetCallback([&] { fs::rename(foreign, cache.Path(file->GetFileInfo().fileID, ".sdd")); });
-        Begin(cache.dir.path, {.action = CALL, .nth = call});
-        const std::string bytes = Read(*block);
-        hits = Hits();
-        Lift();
-        EXPECT_TRUE(bytes == Pattern(1, 5000) || bytes.starts_with("error")) << "at call " << call;
-    }
 }
 
 TEST(Fault, UnInitializeWaitsForAStalledDiskAndNamesTheFile) {

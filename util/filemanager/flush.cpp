@@ -29,13 +29,19 @@ CFileManager* BeginFlush(const char* call) {
 
 int PostFlush(CFileManager& manager, uint32_t run, FlushDone done);
 
+// Stores of a closed file, or of a predecessor that would remove the table of the open file on its path.
+bool HasStores(CFileManager& manager, CFMFile& file) {
+    const auto open = manager.FindOpenAt(file.GetPathID());
+    return file.IsClosing() || (open && open.Get() != &file && !file.GetEntry().IsDetached());
+}
+
 // On the caller thread, behind the stores that were queued before the flush. `run`: that of the manager at that time.
 void EndFlush(CFileManager& manager, uint32_t run, const FlushDone& done) {
     if (!manager.IsRunning() || manager.GetRun() != run)
         return done(RT_ERROR_NOT_READY, {});
-    // A file that was closed in between has queued its failed stores once more.
-    const bool isStoring =
-        std::ranges::any_of(manager.GetLiveFiles().Get(nullptr), &CFMFile::IsClosing);
+    // A file that was closed or replaced in between may have queued stores after the flush.
+    const bool isStoring = std::ranges::any_of(
+        manager.GetLiveFiles().Get(nullptr), [&](auto& file) { return HasStores(manager, *file); });
     if (isStoring && RT_SUCCEEDED(PostFlush(manager, run, done)))
         return;
     Unsaved unsaved;
