@@ -1,423 +1,301 @@
-/* Model of both threads and of one path, for the model checker spin. threads.sh runs it.
+/* Model of the two threads and of one path, for the model checker spin. threads.sh runs it.
  *
  * FILES file objects use the path one after the other, each with BLOCKS blocks. The caller thread does OPS operations
- * in any order, between events and inside sinks, and may stop at any time. A section under a lock of the code is one
- * atomic step; a disk operation takes several, under the mutex of its entry. Bytes are numbers: each write has its own.
- * Each assertion names its invariant of docs/architecture.md. Without one of the RULES, an assertion has to fail.
+ * in any order, between events and inside sinks, and stops at any time; FAULTS disk operations fail. A section that
+ * the code runs under a lock is one atomic step. A disk operation takes two, under the mutex of its disk entry. Bytes
+ * are numbers: each write has its own. The assertions have the numbers of the invariants in docs/architecture.md.
+ * Without any one of the RULES, an assertion has to fail.
  *
- * Left out: pieces of a block, rewrites of another length, epochs, temporary files, FMFlush, a delay on Windows. */
-#define NOTHING 0
-/* RULES */
-#define STORE_SERIAL 41       /* EndStore compares the serial */
+ * Left out: pieces of a block, rewrites of another length, epochs, temporary files, FMFlush, delays on Windows. */
+#define STORE_SERIAL 41       /* RULES: EndStore compares the serial */
 #define LOAD_SERIAL 42        /* OnDataReady compares the serial */
 #define REWRITE_WITHDRAWS 43  /* a rewrite withdraws the pending store */
+#define TAKEN_STORE_IS_OVER 44 /* the event of a store that is not pending any more is a no-op */
 #define DETACH_IS_POSTED 51   /* CreateFile posts the end of the predecessor */
 #define BARRIER_BOTH_LANES 52 /* the barrier has an event in the normal lane, too */
-#define STORES_ONE_LANE 53    /* all stores are in the normal lane */
+#define STORES_ONE_LANE 53    /* the stores of a successor are in the same lane as those of its predecessor */
 #define TABLE_BEHIND 54       /* over a predecessor, the request to write a table passes through the queue */
-#define CLAIM 55              /* OpenFile and housekeeping claim the path */
+#define CLAIM 55              /* OpenFile claims the path */
 #define OPEN_DETACHES 56      /* OpenFile detaches the predecessor */
 #define STOP_DRAINS 81        /* a queue that stops runs what is queued */
-#define REFUSED_IS_DISPOSED 82
+#define REFUSED_IS_DISPOSED 82 /* a queue disposes of an event that it refuses */
 #define SKIPPED_CALLS 83      /* the completion of a withdrawn load calls the sinks */
 #define STALE_LOADS_AGAIN 84  /* the completion of a stale load starts the next one */
 #define CANCEL_IN_ROUND 85    /* a cancel reaches sinks that a running completion has still to call */
 #define ONE_LOAD 86           /* a request joins the load in flight */
-#define BATCH_IS_TAKEN 87     /* the event of a store that a batch has written is a no-op */
 #ifndef WITHOUT
-#define WITHOUT NOTHING
+#define WITHOUT 0
 #endif
 #define RULE(r) (WITHOUT != r)
+#define WHEN(condition, ...) if :: condition -> __VA_ARGS__ :: else fi
 
 #define N (FILES * BLOCKS)
 #define FILE(b) ((b) / BLOCKS)
 #define FIRST(f) ((f) * BLOCKS)
 #define LAST(f) (FIRST(f) + BLOCKS - 1)
+#define EACH(k, f) for (k : FIRST(f) .. LAST(f))
 #define SLOT(b) ((b) % BLOCKS)
-#define OF(f) (N + (f))  /* targets of events: blocks, files, nothing */
+#define OF(f) (N + (f)) /* targets of events: blocks, files, none */
 #define NONE (N + FILES)
+#define B blk[b]
+#define F file[f]
+#define O file[FILE(b)]
 #define TORN 255
-#define SINKS 2
-#define IS_COMPLETE(b) (blk[b].state != Empty && blk[b].state != Filling)
+#define IS_FULL(b) (blk[b].state != Empty && blk[b].state != Filling)
 #define IS_ON_DISK(b) (blk[b].state == Stored || blk[b].state == Restored)
 #define IS_USED(b) (refs[b] || blk[b].held)
 #define IS_ALIVE(f) (refs[OF(f)] || !file[f].closed || file[f].unsaved || IS_USED(FIRST(f)) || IS_USED(LAST(f)))
-#define HIGH 0
-#define NORMAL 1
-#define LOW 2
+#define IS_OVER(b) (!blk[b].waiting && !blk[b].round && !blk[b].owed && blk[b].load == NoLoad && !blk[b].pending)
+#define IS_CALLING (blk[0].round || blk[N / 2].round || blk[N - 1].round)
 
-mtype { Empty, Filling, Queued, Writing, Stored, Failed, Restored,  /* CFMBlock::State */
-        NoLoad, Posted, Withdrawn, Begun, Skipped,                  /* CFMBlock::Load::State */
-        Predecessor, Own, Detached,                                 /* CFMDiskEntry::Path */
+mtype { Empty, Filling, Queued, Writing, Stored, Failed, Restored, /* CFMBlock::State */
+        NoLoad, Posted, Withdrawn, Begun, Skipped,                 /* CFMBlock::Load::State */
+        Predecessor, Own, Detached,                                /* CFMDiskEntry::Path */
         Store, Load, SyncLoad, Table, End, Barrier, House, Save, Done } /* events */
+mtype { High, Normal, Low }
 typedef Block {
-    mtype state = Empty; byte serial = 1; byte pending; /* serial of the pending store */
+    mtype state = Empty; byte serial = 1; byte pending;   /* pending: serial of the pending store */
     mtype load = NoLoad; byte loadSerial;
-    byte data;           /* bytes in memory; 0: not resident */
-    byte written;        /* the complete write that a reader has to see; 0: none */
-    byte waiting; byte round; byte owed; /* sets of sinks: m_readsinks, CallRound, not called and not cancelled */
-    bool held;           /* the application has a reference */
-    byte entry; byte awaited /* in the pending table */
-}
+    byte data; byte written;                     /* bytes in memory, of the last complete write; 0: none */
+    byte waiting; byte round; byte owed;         /* sets of sinks: m_readsinks, CallRound, neither called nor cancelled */
+    bool held; byte entry; byte awaited }        /* the application has a reference; in the pending table */
 typedef File {
-    mtype path = Predecessor; bool closed = true; bool isRegistered; bool locked; bool hasTable; bool unsaved;
-    bool changed; bool failed; byte serials = 1; byte running
-}
+    mtype path = Predecessor; bool closed = true; bool isRegistered; bool locked; byte serials = 1; byte running;
+    bool hasTable; bool unsaved; bool changed; bool failed }
 Block blk[N]; File file[FILES];
-byte disk[BLOCKS], named[BLOCKS]; bool hasInfo; /* the data file; the bytes that the table on disk names */
-byte refs[N + FILES + 1]; byte files, writes, acks, lastUser; byte faults = FAULTS;
-bool busy, claimed, stopped, ended, hasThread = true, hasCaller = true;
-chan lane[3] = [6] of { mtype, byte, byte };
-chan calls = [6] of { mtype, byte, byte };
+byte disk[BLOCKS], named[BLOCKS]; bool hasInfo;  /* the data file; the bytes that the table on disk names */
+byte refs[N + FILES + 1], files, writes, acks, lastUser, faults = FAULTS;
+bool busy, claimed, stopped, ended, hasCaller = true;
+chan high = [4] of { mtype, byte, byte }; chan normal = [5] of { mtype, byte, byte };
+chan low = [3] of { mtype, byte, byte }; chan calls = [5] of { mtype, byte, byte };
 
-/* --- Events: CRtEventQueue -------------------------------------------------------------------------------------- */
-inline dispose(target) { assert(refs[target] > 0); refs[target]-- } /* invariant 8: OnDestorySelf, once */
-inline post(l, what, target, arg) { /* Enqueue; CFileManager::PostToReadwrThread */
-    atomic {
-        refs[target]++;
-        if
-        :: !stopped -> lane[l]!what, target, arg
-        :: else -> if :: RULE(REFUSED_IS_DISPOSED) -> dispose(target) :: else fi
-        fi
-    }
+/* --- Events: CRtEventQueue::Enqueue, CFileManager::PostToReadwrThread, PostToCallerThread ----------------------- */
+inline dispose(target) { assert(refs[target] > 0); refs[target]-- } /* invariant 8 */
+inline post(lane, what, target, arg) {
+    atomic { refs[target]++;
+        if :: !stopped -> lane!what, target, arg :: else -> WHEN(RULE(REFUSED_IS_DISPOSED), dispose(target)) fi }
 }
-inline postCall(what, target, arg) { atomic { refs[target]++; calls!what, target, arg } } /* PostToCallerThread */
+inline postCall(what, target, arg) { atomic { refs[target]++; calls!what, target, arg } }
 
 /* --- Disk: CFMDiskEntry ----------------------------------------------------------------------------------------- */
-inline beginDisk(f) { atomic { assert(!busy && f >= lastUser); busy = true; lastUser = f } } /* invariant 5 */
-inline lock(f) { atomic { !file[f].locked -> file[f].locked = true } }
+inline beginDisk(f, isNeeded) {
+    !F.locked -> F.locked = true; uses = isNeeded && F.path != Detached;
+    WHEN(uses, assert(!busy && f >= lastUser); busy = true; lastUser = f) /* invariant 5 */
+}
+inline endDisk(f) { busy = busy && !uses; uses = false; F.locked = false }
 inline discard(f) { /* DiscardPredecessorLocked */
-    if
-    :: file[f].path == Predecessor ->
-        file[f].path = Own; hasInfo = false;
-        for (k : 0 .. BLOCKS - 1) { disk[k] = 0; named[k] = 0 }
-    :: else
-    fi
+    WHEN(F.path == Predecessor, F.path = Own; hasInfo = false; for (k : 0 .. BLOCKS - 1) { disk[k] = 0; named[k] = 0 })
 }
-inline storeRange(from, to) { /* Store: revokes, then writes `bytes` */
-    lock(FILE(from));
-    if
-    :: file[FILE(from)].path == Detached -> ok = false
-    :: else ->
-        beginDisk(FILE(from));
-        d_step { discard(FILE(from)); for (k : from .. to) { named[SLOT(k)] = 0; disk[SLOT(k)] = TORN } }
+inline storeRange(from, to) { /* Store, Revoke */
+    atomic { beginDisk(FILE(from), true); ok = false;
+        WHEN(uses, discard(FILE(from)); for (k : from .. to) { named[SLOT(k)] = 0; disk[SLOT(k)] = TORN }) }
+    atomic {
         if
-        :: ok = true; d_step { for (k : from .. to) { disk[SLOT(k)] = bytes[SLOT(k)] } }
-        :: faults > 0 -> faults--; ok = false
-        fi;
-        busy = false
-    fi;
-    file[FILE(from)].locked = false
+        :: uses -> ok = true; for (k : from .. to) { disk[SLOT(k)] = bytes[SLOT(k)] }
+        :: uses && faults > 0 -> faults--
+        :: else
+        fi; endDisk(FILE(from)) }
 }
-inline loadRange(b) { /* Load: v becomes the bytes, or 0 */
-    lock(FILE(b)); v = 0;
-    if
-    :: file[FILE(b)].path == Detached
-    :: else -> beginDisk(FILE(b)); if :: v = disk[SLOT(b)] :: faults > 0 -> faults-- fi; busy = false
-    fi;
-    file[FILE(b)].locked = false
+inline loadRange(b) { /* Load: v is what it reads, or 0 */
+    atomic { beginDisk(FILE(b), true); v = 0 }
+    atomic { if :: uses -> v = disk[SLOT(b)] :: uses && faults > 0 -> faults-- :: else fi; endDisk(FILE(b)) }
 }
 inline writeTable(f) { /* WriteTable: ok, unless the table stays pending */
-    lock(f);
-    atomic { ok = true; had = file[f].hasTable; file[f].hasTable = false };
-    if
-    :: had && file[f].path != Detached ->
-        beginDisk(f);
+    atomic { beginDisk(f, F.hasTable); ok = true; F.hasTable = false }
+    atomic {
         if
-        :: true -> d_step {
-            discard(f); hasInfo = true;
-            for (k : FIRST(f) .. LAST(f)) {
-                assert(blk[k].entry == 0 || blk[k].entry == disk[SLOT(k)]); /* invariants 1 and 2 */
-                named[SLOT(k)] = blk[k].entry
-            } }
-        :: faults > 0 -> faults--; ok = false; file[f].hasTable = true
-        fi;
-        busy = false
-    :: else
-    fi;
-    file[f].locked = false; had = false
+        :: uses -> discard(f); hasInfo = true;
+            EACH(k, f) { assert(!blk[k].entry || blk[k].entry == disk[SLOT(k)]); /* invariants 1 and 2 */
+                named[SLOT(k)] = blk[k].entry }
+        :: uses && faults > 0 -> faults--; ok = false; F.hasTable = true
+        :: else
+        fi; endDisk(f) }
 }
 
 /* --- Read/write thread ------------------------------------------------------------------------------------------ */
 inline take(b) { /* CFMStores::Take */
-    assert(blk[b].state == Queued); /* invariant 4 */
-    blk[b].pending = 0; blk[b].state = Writing; bytes[SLOT(b)] = blk[b].written; file[FILE(b)].running++
+    assert(B.state == Queued); /* invariant 4 */
+    B.pending = 0; B.state = Writing; bytes[SLOT(b)] = B.written; O.running++
 }
 inline endStore(b, id) { /* CFMBlock::EndStore, CFMStores::End */
-    atomic {
-        assert(file[FILE(b)].running > 0); file[FILE(b)].running--;
-        if
-        :: ok && file[FILE(b)].hasTable && blk[b].awaited == id -> blk[b].entry = bytes[SLOT(b)]; blk[b].awaited = 0
-        :: else
-        fi;
-        if
-        :: RULE(STORE_SERIAL) && blk[b].serial != id
-        :: else ->
-            assert(blk[b].state == Writing && !blk[b].pending && blk[b].written == bytes[SLOT(b)]); /* invariant 4 */
-            if
-            :: ok -> assert(disk[SLOT(b)] == blk[b].written); blk[b].state = Stored
-            :: else -> blk[b].state = Failed; file[FILE(b)].failed = true; file[FILE(b)].changed = true
-            fi
-        fi
-    }
+    atomic { O.running--;
+        WHEN(ok && O.hasTable && B.awaited == id, B.entry = bytes[SLOT(b)]; B.awaited = 0);
+        WHEN(B.serial == id || !RULE(STORE_SERIAL),
+            assert(B.state == Writing && !B.pending && B.written == bytes[SLOT(b)]); /* invariant 4 */
+            B.state = (ok -> Stored : Failed);
+            O.failed = O.failed || !ok; O.changed = O.changed || !ok) }
 }
-inline runStore(b, id) { /* CFMStoreEvent::OnEventFire, WriteTogether, WriteToFile */
-    atomic {
-        last = b; second = 0;
-        if
-        :: blk[b].pending != id && RULE(BATCH_IS_TAKEN) -> last = NONE /* withdrawn, or written by a batch */
-        :: else ->
-            take(b);
-            if
-            :: BLOCKS > 1 && SLOT(b) == 0 && blk[LAST(FILE(b))].pending > id ->
-                last = LAST(FILE(b)); second = blk[last].pending; take(last)
-            :: else
-            fi
-        fi
-    };
-    if
-    :: last == NONE
-    :: last != NONE ->
+inline runStore(b, id) { /* CFMStoreEvent::OnEventFire, CFMStores::TakeBatch */
+    atomic { last = NONE;
+        WHEN(B.pending == id || !RULE(TAKEN_STORE_IS_OVER), take(b); last = b;
+            WHEN(blk[LAST(FILE(b))].pending > id, last = LAST(FILE(b)); second = blk[last].pending; take(last))) }
+    WHEN(last != NONE, /* WriteTogether; if that fails, WriteToFile of each one */
         storeRange(b, last);
-        if
-        :: second && !ok -> storeRange(b, b); endStore(b, id); storeRange(last, last); endStore(last, second)
-        :: else -> endStore(b, id); if :: second -> endStore(last, second) :: else fi
-        fi
-    fi;
-    atomic { last = 0; second = 0; ok = false; bytes[0] = 0; bytes[BLOCKS - 1] = 0 }
+        WHEN(last != b && !ok, storeRange(b, b); endStore(b, id); storeRange(last, last); id = 0);
+        WHEN(id, endStore(b, id));
+        WHEN(last != b, endStore(last, second)));
+    last = 0; second = 0; bytes[0] = 0; bytes[BLOCKS - 1] = 0
 }
 inline runLoad(b) { /* CFMBlock::ReadFromFile, BeginLoad */
-    atomic {
-        assert(blk[b].load == Posted || blk[b].load == Withdrawn);
-        ok = blk[b].load == Posted && (blk[b].held || !file[FILE(b)].closed || refs[b] > 1); /* IsLastReference */
-        blk[b].load = (ok -> Begun : Skipped);
-        blk[b].loadSerial = (ok && IS_ON_DISK(b) -> blk[b].serial : 0);
-        ok = blk[b].loadSerial != 0
-    };
-    if :: ok -> loadRange(b) :: else fi;
-    postCall(Done, b, v); atomic { v = 0; ok = false }
+    atomic { ok = B.load == Posted && (B.held || !O.closed || refs[b] > 1); /* not IsLastReference */
+        B.load = (ok -> Begun : Skipped); B.loadSerial = (ok && IS_ON_DISK(b) -> B.serial : 0); v = 0 }
+    WHEN(B.loadSerial, loadRange(b));
+    postCall(Done, b, v)
 }
 inline examine() { /* CFileManager::ExamineFile */
-    atomic {
-        ok = !claimed;
-        for (k : 0 .. FILES - 1) { ok = ok && !IS_ALIVE(k) }
-        claimed = claimed || ok
-    };
-    if
-    :: ok -> atomic { assert(!busy); busy = true }; busy = false; claimed = false /* invariant 5 */
-    :: else
-    fi;
-    ok = false
+    atomic { ok = !claimed; for (k : 0 .. FILES - 1) { ok = ok && !IS_ALIVE(k) };
+        WHEN(ok, claimed = true; assert(!busy); busy = true) } /* invariant 5 */
+    WHEN(ok, atomic { busy = false; claimed = false });
+    post(low, House, NONE, 0) /* ExamineNext_m */
 }
 active proctype ReadWriteThread() {
-    mtype kind; byte t, x, v, k, last, second; byte bytes[BLOCKS]; bool ok, had;
+    mtype kind; byte t, x, v, k, last, second, bytes[BLOCKS]; bool ok, uses;
     do /* RunOne. Any lane may be next: 8 loads may have run before, or a second may have passed */
-    :: atomic { if :: lane[HIGH]?kind, t, x :: lane[NORMAL]?kind, t, x :: lane[LOW]?kind, t, x fi };
+    :: atomic { if :: high?kind, t, x :: normal?kind, t, x :: low?kind, t, x fi };
         if
         :: kind == Store -> runStore(t, x)
         :: kind == Load -> runLoad(t)
-        :: kind == SyncLoad -> loadRange(t); atomic { blk[t].data = v; assert(!v || v == blk[t].written); v = 0; acks++ }
-        :: kind == Table -> lock(t - N); if :: file[t - N].path == Predecessor -> beginDisk(t - N); d_step { discard(t - N); busy = false } :: else fi; file[t - N].locked = false; postCall(Save, t, 0) /* PostTable_m */
-        :: kind == End -> writeTable(t - N); lock(t - N); atomic { file[t - N].hasTable = false; file[t - N].path = Detached; file[t - N].locked = false } /* Detach_m */
+        :: kind == SyncLoad -> loadRange(t); atomic { assert(!v || v == blk[t].written); blk[t].data = v; acks++ }
+        :: kind == Table -> /* PostTable_m */
+            atomic { beginDisk(t - N, file[t - N].path == Predecessor) } atomic { discard(t - N); endDisk(t - N) }
+            postCall(Save, t, 0)
+        :: kind == End -> /* Detach_m */
+            writeTable(t - N); atomic { !file[t - N].locked -> file[t - N].hasTable = false; file[t - N].path = Detached }
         :: kind == Barrier -> acks++
-        :: kind == House -> if :: x -> examine(); post(LOW, House, NONE, 0) :: else fi /* ExamineNext_m */
+        :: kind == House -> WHEN(x, examine())
         fi;
-        atomic { dispose(t); t = 0; x = 0; kind = 0; k = 0; ok = false }
-    :: atomic { stopped && (empty(lane[HIGH]) && empty(lane[NORMAL]) && empty(lane[LOW]) || !RULE(STOP_DRAINS)) -> break }
-    od;
-    ended = true
+        atomic { dispose(t); t = 0; x = 0; v = 0; k = 0; kind = 0; ok = false }
+    :: atomic { stopped && (empty(high) && empty(normal) && empty(low) || !RULE(STOP_DRAINS)) -> ended = true; break }
+    od
 }
 
 /* --- Caller thread ---------------------------------------------------------------------------------------------- */
+inline newSerial(b) { O.serials++; B.serial = O.serials }
 inline postStore(b) { /* CFMBlock::PostStore */
-    atomic {
-        file[FILE(b)].changed = true; file[FILE(b)].serials++;
-        blk[b].serial = file[FILE(b)].serials; blk[b].pending = blk[b].serial; blk[b].state = Queued
-    };
-    post((RULE(STORES_ONE_LANE) || FILE(b) == 0 -> NORMAL : HIGH), Store, b, blk[b].serial)
+    atomic { O.changed = true; newSerial(b); B.pending = B.serial; B.state = Queued }
+    if :: RULE(STORES_ONE_LANE) || FILE(b) == 0 -> post(normal, Store, b, B.serial)
+    :: else -> post(high, Store, b, B.serial) fi
 }
-inline rewrite(b) { /* CFMBlock::BeginRewrite, PrepareBuffer */
-    atomic {
-        file[FILE(b)].changed = true;
-        if :: blk[b].state != Empty -> file[FILE(b)].serials++; blk[b].serial = file[FILE(b)].serials :: else fi;
-        if :: RULE(REWRITE_WITHDRAWS) -> blk[b].pending = 0 :: else fi;
-        blk[b].state = Filling; blk[b].data = TORN; blk[b].written = 0
-    }
+inline write(b) { /* CFMBlock::BeginRewrite, then perhaps the last piece: WriteData */
+    atomic { O.changed = true; WHEN(B.state != Empty && B.state != Filling, newSerial(b));
+        WHEN(RULE(REWRITE_WITHDRAWS), B.pending = 0);
+        B.state = Filling; B.data = TORN; B.written = 0 }
+    if :: true -> writes++; B.written = writes; B.data = writes; postStore(b) :: true fi
 }
-inline finish(b) { /* CFMBlock::WriteData, the last piece */
-    writes++; blk[b].written = writes; blk[b].data = writes; postStore(b)
-}
-inline postLoad(b) { /* CFMBlock::PostLoad; ok, unless it was refused */
-    ok = hasCaller;
-    if :: ok -> atomic { assert(blk[b].load == NoLoad); blk[b].load = Posted; blk[b].loadSerial = 0 }; post(HIGH, Load, b, 0) :: else fi
+inline postLoad(b) { /* CFMBlock::PostLoad: ok, unless it is refused */
+    ok = hasCaller; WHEN(ok, assert(B.load == NoLoad); B.load = Posted; B.loadSerial = 0; post(high, Load, b, 0))
 }
 inline request(b, who) { /* CFMBlock::ReadData, JoinLoad */
-    atomic {
-        blk[b].waiting = blk[b].waiting | who; blk[b].owed = blk[b].owed | who;
-        if
-        :: blk[b].load == Withdrawn -> blk[b].load = Posted
-        :: blk[b].load == Skipped -> blk[b].load = Begun
-        :: else
-        fi;
-        ok = blk[b].load != NoLoad && RULE(ONE_LOAD)
-    };
-    if
-    :: ok
-    :: !ok -> postLoad(b); if :: !ok -> assert(blk[b].waiting == who); blk[b].waiting = 0; blk[b].owed = blk[b].owed - who :: ok fi
-    fi
+    atomic { B.waiting = B.waiting | who; B.owed = B.owed | who;
+        if :: B.load == Withdrawn -> B.load = Posted :: B.load == Skipped -> B.load = Begun :: else fi;
+        WHEN(B.load == NoLoad || !RULE(ONE_LOAD), postLoad(b);
+            WHEN(!ok, assert(B.waiting == who); B.waiting = 0; B.owed = B.owed - who)) }
 }
 inline cancel(b, who) { /* CFMBlock::CancelReadData, WithdrawLoad */
-    atomic {
-        blk[b].owed = blk[b].owed & ~who; blk[b].waiting = blk[b].waiting & ~who;
-        if :: RULE(CANCEL_IN_ROUND) -> blk[b].round = blk[b].round & ~who :: else fi;
-        if :: !blk[b].waiting && blk[b].load == Posted -> blk[b].load = Withdrawn :: else fi
-    }
+    atomic { B.owed = B.owed & ~who; B.waiting = B.waiting & ~who;
+        WHEN(RULE(CANCEL_IN_ROUND), B.round = B.round & ~who);
+        WHEN(!B.waiting && B.load == Posted, B.load = Withdrawn) }
 }
-inline callSinks(b) { blk[b].round = blk[b].round | blk[b].waiting; blk[b].waiting = 0 } /* CFMBlock::CallSinks */
-inline callOne(b, who) { assert(blk[b].owed & who); blk[b].owed = blk[b].owed - who; blk[b].round = blk[b].round - who } /* invariant 8 */
+inline callSinks(b) { B.round = B.round | B.waiting; B.waiting = 0 } /* CFMBlock::CallSinks */
 inline dataReady(b, got) { /* CFMBlock::OnDataReady */
     atomic {
-        assert(blk[b].load == Begun || blk[b].load == Skipped); /* at most one load in flight */
-        skipped = blk[b].load == Skipped;
-        ok = !skipped && blk[b].loadSerial != blk[b].serial && RULE(LOAD_SERIAL); /* stale */
-        assert(!skipped || !blk[b].waiting || file[FILE(b)].closed); /* a wanted load was not withdrawn */
-        blk[b].load = NoLoad; blk[b].loadSerial = 0;
+        assert(B.load == Skipped || B.load == Begun);
+        assert(B.load != Skipped || !B.waiting || O.closed); /* no load was withdrawn that a sink waits for */
+        isStale = B.load != Skipped && B.loadSerial != B.serial && RULE(LOAD_SERIAL);
+        WHEN(!isStale && got && !B.data, assert(got == B.written); B.data = got); /* invariant 4 */
         if
-        :: !ok && got && !blk[b].data -> assert(got == blk[b].written); blk[b].data = got /* invariant 4 */
-        :: else
-        fi;
-        if
-        :: skipped && !RULE(SKIPPED_CALLS) -> ok = false
-        :: else -> if :: blk[b].data && IS_COMPLETE(b) || !ok || !IS_COMPLETE(b) -> callSinks(b); ok = false :: else -> ok = blk[b].waiting != 0 && RULE(STALE_LOADS_AGAIN) fi
-        fi;
-        skipped = false
-    };
-    if :: ok -> postLoad(b); if :: ok :: !ok -> callSinks(b) fi :: !ok fi
-}
-inline saveTable(f) { writeTable(f); file[f].unsaved = !ok } /* CFMFile::SaveFileInfo_m, KeepUnsaved */
-inline retryStores(f) { /* CFMFile::RetryFailedStores */
-    if
-    :: file[f].failed && file[f].path != Detached ->
-        file[f].failed = false;
-        for (i : FIRST(f) .. LAST(f)) { if :: blk[i].state == Failed -> postStore(i) :: else fi }
-    :: else
-    fi
-}
-inline close(f) { /* CFMFile::Close, SaveFileInfo, DescribeBlocks, PostTable */
-    if
-    :: file[f].path == Detached
-    :: else ->
-        retryStores(f);
-        ok = file[f].running; for (k : FIRST(f) .. LAST(f)) { ok = ok || blk[k].pending }
-        atomic { file[f].changed = file[f].changed || ok; ok = file[f].changed };
-        if
-        :: ok ->
-            file[f].changed = false;
-            atomic {
-                file[f].hasTable = true; ok = file[f].running == 0;
-                for (k : FIRST(f) .. LAST(f)) {
-                    blk[k].entry = (IS_ON_DISK(k) -> blk[k].written : 0);
-                    blk[k].awaited = (blk[k].state == Queued || blk[k].state == Writing -> blk[k].serial : 0);
-                    ok = ok && !blk[k].pending
-                }
-            };
+        :: B.load == Skipped && !RULE(SKIPPED_CALLS) -> B.load = NoLoad
+        :: else -> B.load = NoLoad;
             if
-            :: ok && (file[f].path != Predecessor || !RULE(TABLE_BEHIND)) -> postCall(Save, OF(f), 0)
-            :: else -> post(NORMAL, Table, OF(f), 0)
+            :: !isStale || B.data || !IS_FULL(b) -> callSinks(b)
+            :: else -> WHEN(B.waiting && RULE(STALE_LOADS_AGAIN), postLoad(b); WHEN(!ok, callSinks(b)))
             fi
-        :: else
-        fi
-    fi;
-    atomic {
-        file[f].closed = true;
-        for (k : FIRST(f) .. LAST(f)) { if :: blk[k].load == Posted -> blk[k].load = Withdrawn :: else fi }
-    }
+        fi;
+        B.loadSerial = (B.load == NoLoad -> 0 : B.loadSerial); isStale = false }
 }
-inline register(f, initial) { /* CFileManager::RegisterFile */
-    atomic {
-        for (k : 0 .. FILES - 1) { file[k].isRegistered = k == f };
-        for (k : FIRST(f) .. LAST(f)) { blk[k].held = true };
-        file[f].closed = false; file[f].path = initial; files++
-    }
+inline saveTable(f) { writeTable(f); F.unsaved = !ok } /* CFMFile::SaveFileInfo_m, KeepUnsaved */
+inline retryStores(f) { /* CFMFile::RetryFailedStores */
+    WHEN(F.failed && F.path != Detached,
+        F.failed = false; EACH(i, f) { WHEN(blk[i].state == Failed, postStore(i)) })
+}
+inline closeFile(f) { /* CFMFile::Close, SaveFileInfo, DescribeBlocks, PostTable */
+    WHEN(F.path != Detached, retryStores(f);
+        atomic { ok = F.running || F.changed; EACH(k, f) { ok = ok || blk[k].pending } }
+        WHEN(ok,
+            atomic { F.changed = false; F.hasTable = true; ok = !F.running;
+                EACH(k, f) { ok = ok && !blk[k].pending;
+                    blk[k].entry = (blk[k].state == Stored || blk[k].state == Restored -> blk[k].written : 0);
+                    blk[k].awaited = (blk[k].state == Queued || blk[k].state == Writing -> blk[k].serial : 0) } }
+            if :: ok && (F.path != Predecessor || !RULE(TABLE_BEHIND)) -> postCall(Save, OF(f), 0)
+            :: else -> post(normal, Table, OF(f), 0) fi));
+    atomic { F.closed = true; EACH(k, f) { WHEN(blk[k].load == Posted, blk[k].load = Withdrawn) } }
+}
+inline registerFile(f, initial) { /* CFileManager::RegisterFile */
+    atomic { for (k : 0 .. FILES - 1) { file[k].isRegistered = (k == f) }
+        EACH(k, f) { blk[k].held = true }
+        F.closed = false; F.path = initial; files++ }
 }
 inline createFile() { /* CFileManager::CreateFile, DetachPredecessors */
-    for (i : 0 .. FILES - 1) { if :: i < files && IS_ALIVE(i) && RULE(DETACH_IS_POSTED) -> post(NORMAL, End, OF(i), 0) :: else fi }
-    register(files, Predecessor)
+    for (i : 0 .. FILES - 1) { WHEN(i < files && IS_ALIVE(i) && RULE(DETACH_IS_POSTED), post(normal, End, OF(i), 0)) }
+    i = files; registerFile(i, Predecessor)
 }
 inline barrier() { /* CFileManager::PostBarrier, and the wait for it */
-    post(HIGH, Barrier, NONE, 0); post((RULE(BARRIER_BOTH_LANES) -> NORMAL : HIGH), Barrier, NONE, 0);
+    post(high, Barrier, NONE, 0);
+    if :: RULE(BARRIER_BOTH_LANES) -> post(normal, Barrier, NONE, 0) :: else -> post(high, Barrier, NONE, 0) fi;
     atomic { acks == 2 -> acks = 0 }
 }
 inline openFile() { /* CFileManager::LoadFile, SettlePredecessors */
-    i = files - 1; skipped = false;
-    if :: IS_ALIVE(i) -> barrier(); saveTable(i); skipped = file[i].hasTable :: else fi;
-    if
-    :: skipped
-    :: !skipped ->
-        if :: RULE(CLAIM) -> atomic { !claimed -> claimed = true } :: else fi;
-        i = files; beginDisk(i);
-        if
-        :: hasInfo ->
-            for (k : FIRST(i) .. LAST(i)) {
-                assert(!named[SLOT(k)] || named[SLOT(k)] == disk[SLOT(k)]); /* invariant 1 */
-                blk[k].written = named[SLOT(k)]; if :: named[SLOT(k)] -> blk[k].state = Restored :: else fi
-            }
-            busy = false;
-            for (k : 0 .. FILES - 1) { if :: k < i && RULE(OPEN_DETACHES) -> atomic { !file[k].locked -> file[k].path = Detached } :: else fi }
-            register(i, Own)
-        :: else -> busy = false
-        fi;
-        claimed = false
-    fi;
-    skipped = false
+    i = files - 1; WHEN(IS_ALIVE(i), barrier(); saveTable(i));
+    WHEN(!file[i].hasTable,
+        i = files;
+        atomic { !claimed || !RULE(CLAIM) -> claimed = true; assert(!busy); busy = hasInfo; lastUser = i } /* invariant 5 */
+        WHEN(hasInfo,
+            atomic { EACH(k, i) { blk[k].written = named[SLOT(k)]; blk[k].state = (named[SLOT(k)] -> Restored : Empty);
+                assert(!named[SLOT(k)] || named[SLOT(k)] == disk[SLOT(k)]) } /* invariant 1 */
+                busy = false }
+            for (j : 0 .. FILES - 1) { WHEN(j < i && RULE(OPEN_DETACHES), atomic { !file[j].locked -> file[j].path = Detached }) }
+            registerFile(i, Own));
+        claimed = false)
 }
 inline stop() { /* CFileManager::UnInitialize */
-    barrier();
-    for (j : 0 .. FILES - 1) { if :: !file[j].closed -> close(j) :: else fi; file[j].isRegistered = false }
-    barrier();
-    stopped = true; ended -> hasThread = false;
-    for (j : 0 .. 2 * FILES - 1) { i = j % FILES; if :: j < FILES && IS_ALIVE(i) || file[i].unsaved -> saveTable(i) :: else fi }
-    hasCaller = false; j = 0
+    barrier(); for (j : 0 .. FILES - 1) { WHEN(!file[j].closed, closeFile(j)) }
+    barrier(); stopped = true; ended;
+    for (j : 0 .. 2 * FILES - 1) { i = j % FILES; WHEN(file[i].unsaved || j < FILES && IS_ALIVE(i), saveTable(i)) }
+    atomic { hasCaller = false; ops = (ops > 1 -> 1 : ops); for (j : 0 .. FILES - 1) { file[j].isRegistered = false } }
 }
-inline operate() { /* one operation of the application, or of the tick, on block b */
+inline operate() { /* one operation of the application or of the tick on block b, or on its file */
+    f = FILE(b);
     if
-    :: blk[b].held && !file[FILE(b)].closed && blk[b].state != Filling && writes < WRITES -> rewrite(b); if :: true -> finish(b) :: true fi
-    :: blk[b].state == Filling && blk[b].held && !file[FILE(b)].closed -> finish(b)
-    :: blk[b].held && !blk[b].data && !(blk[b].owed & sink) -> request(b, sink)
-    :: blk[b].held && blk[b].owed & sink -> cancel(b, sink)
-    :: blk[b].held && !blk[b].data && IS_COMPLETE(b) && hasThread -> post(HIGH, SyncLoad, b, 0); acks > 0 -> acks = 0 /* LoadAndWait */
-    :: blk[b].state == Stored && blk[b].data && file[FILE(b)].path != Detached -> blk[b].data = 0 /* FreeMemory */
-    :: blk[b].held && file[FILE(b)].closed -> blk[b].held = false
-    :: b == FIRST(FILE(b)) && file[FILE(b)].isRegistered -> close(FILE(b)); file[FILE(b)].isRegistered = false /* DetachFile */
-    :: b == FIRST(FILE(b)) && file[FILE(b)].isRegistered && file[FILE(b)].failed -> retryStores(FILE(b))
-    :: b == FIRST(FILE(b)) && file[FILE(b)].unsaved -> saveTable(FILE(b)) /* SaveUnsaved */
-    :: b == 0 && files < FILES && !stopped -> createFile()
-    :: b == 0 && files < FILES && !stopped && !file[files - 1].isRegistered -> openFile()
-    :: b == 0 && HOUSE && !stopped -> post(LOW, House, NONE, 1)
+    :: B.held && !F.closed && writes < WRITES -> write(b)
+    :: B.held && !B.data && !(B.owed & sink) && (sink == 1 || B.owed) -> request(b, sink)
+    :: B.held && B.owed & sink -> cancel(b, sink)
+    :: B.held && !B.data && IS_FULL(b) && !stopped -> post(high, SyncLoad, b, 0); atomic { acks -> acks = 0 } /* LoadAndWait */
+    :: B.state == Stored && B.data && F.path != Detached -> B.data = 0 /* FreeMemory */
+    :: B.held && F.closed -> B.held = false
+    :: F.isRegistered && b == FIRST(f) -> closeFile(f); F.isRegistered = false /* DetachFile */
+    :: F.isRegistered && F.failed -> retryStores(f)
+    :: F.unsaved -> saveTable(f) /* SaveUnsaved */
+    :: files < FILES && !stopped -> createFile()
+    :: files < FILES && !stopped && !file[files - 1].isRegistered -> openFile()
+    :: HOUSE && !stopped -> post(low, House, NONE, 1)
     :: else
     fi
 }
-#define IS_IDLE(b) (!blk[b].waiting && !blk[b].round && !blk[b].owed && blk[b].load == NoLoad && !blk[b].pending)
-#define IS_CALLING (blk[0].round || blk[N / 2].round || blk[N - 1].round)
 active proctype CallerThread() {
-    mtype kind; byte t, x, k, i, j, b; byte sink = 1; byte ops = OPS; bool ok, had, skipped;
+    mtype kind; byte t, x, k, i, j, b, f; byte sink = 1, ops = OPS; bool ok, uses, isStale;
     createFile();
     do
-    :: atomic { ops > 0 -> ops--; select(b : 0 .. N - 1); select(sink : 1 .. SINKS); }; operate(); atomic { b = 0; sink = 1; i = 0; k = 0; ok = false }
-    :: atomic {
-        IS_CALLING -> select(b : 0 .. N - 1); select(sink : 1 .. SINKS);
-        if :: blk[b].round & sink -> callOne(b, sink) :: else fi;
+    :: atomic { ops > 0 -> ops--; select(b : 0 .. N - 1); select(sink : 1 .. 2) }
+        operate(); atomic { b = 0; f = 0; sink = 1; i = 0; j = 0; k = 0; ok = false }
+    :: atomic { IS_CALLING -> select(b : 0 .. N - 1); select(sink : 1 .. 2);
+        WHEN(B.round & sink, assert(B.owed & sink); B.owed = B.owed - sink; B.round = B.round - sink); /* invariant 8 */
         b = 0; sink = 1 }
     :: calls?kind, t, x -> if :: kind == Done -> dataReady(t, x) :: kind == Save -> saveTable(t - N) fi;
         atomic { dispose(t); kind = 0; t = 0; x = 0; k = 0; ok = false }
     :: !stopped -> stop()
-    :: atomic { stopped && empty(calls) && ops == 0 && !IS_CALLING -> break }
+    :: atomic { stopped && empty(calls) && !IS_CALLING && !ops -> break }
     od;
-    atomic {
-        for (k : 0 .. N + FILES) { assert(refs[k] == 0) }; /* invariant 8: events */
-        for (k : 0 .. N - 1) { assert(IS_IDLE(k)) }; /* invariant 8: sinks */
-        for (k : FIRST(files - 1) .. LAST(files - 1)) {
-            assert(faults < FAULTS || !blk[k].written || blk[k].written == named[SLOT(k)]) /* nothing is lost */
-        }
-    }
+    for (k : 0 .. N + FILES) { assert(!refs[k]) } /* invariant 8: every event */
+    for (k : 0 .. N - 1) { assert(IS_OVER(k)) }   /* invariant 8: every sink */
+    EACH(k, files - 1) { assert(faults < FAULTS || !blk[k].written || blk[k].written == named[SLOT(k)]) } /* nothing is lost */
 }
