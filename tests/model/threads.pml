@@ -4,10 +4,10 @@
  * in any order, between events and inside sinks, and stops at any time; FAULTS disk operations fail. A section that
  * the code runs under a lock is one atomic step. A disk operation takes two, under the mutex of its disk entry. Bytes
  * are numbers: each write has its own. The assertions have the numbers of the invariants in docs/architecture.md.
- * Without any one of the RULES, an assertion has to fail.
+ * Without any one of these rules, an assertion has to fail (-DWITHOUT=STORE_SERIAL):
  *
  * Left out: pieces of a block, rewrites of another length, epochs, temporary files, FMFlush, delays on Windows. */
-#define STORE_SERIAL 41       /* RULES: EndStore compares the serial */
+#define STORE_SERIAL 41       /* EndStore compares the serial */
 #define LOAD_SERIAL 42        /* OnDataReady compares the serial */
 #define REWRITE_WITHDRAWS 43  /* a rewrite withdraws the pending store */
 #define TAKEN_STORE_IS_OVER 44 /* the event of a store that is not pending any more is a no-op */
@@ -23,6 +23,7 @@
 #define STALE_LOADS_AGAIN 84  /* the completion of a stale load starts the next one */
 #define CANCEL_IN_ROUND 85    /* a cancel reaches sinks that a running completion has still to call */
 #define ONE_LOAD 86           /* a request joins the load in flight */
+#define WRITES 2
 #ifndef WITHOUT
 #define WITHOUT 0
 #endif
@@ -66,8 +67,8 @@ Block blk[N]; File file[FILES];
 byte disk[BLOCKS], named[BLOCKS]; bool hasInfo;  /* the data file; the bytes that the table on disk names */
 byte refs[N + FILES + 1], files, writes, acks, lastUser, faults = FAULTS;
 bool busy, claimed, stopped, ended, hasCaller = true;
-chan high = [4] of { mtype, byte, byte }; chan normal = [5] of { mtype, byte, byte };
-chan low = [3] of { mtype, byte, byte }; chan calls = [5] of { mtype, byte, byte };
+chan high = [6] of { mtype, byte, byte }; chan normal = [6] of { mtype, byte, byte };
+chan low = [6] of { mtype, byte, byte }; chan calls = [6] of { mtype, byte, byte };
 
 /* --- Events: CRtEventQueue::Enqueue, CFileManager::PostToReadwrThread, PostToCallerThread ----------------------- */
 inline dispose(target) { assert(refs[target] > 0); refs[target]-- } /* invariant 8 */
