@@ -4,9 +4,9 @@
  * in any order, between events and inside sinks, and stops at any time; FAULTS disk operations fail. A section that
  * the code runs under a lock is one atomic step. A disk operation takes two, under the mutex of its disk entry. Bytes
  * are numbers: each write has its own. The assertions have the numbers of the invariants in docs/architecture.md.
- * Without any one of these rules, an assertion has to fail (-DWITHOUT=STORE_SERIAL):
+ * Left out: the order of pieces, rewrites of another length, epochs, temporary files, FMFlush, delays on Windows.
  *
- * Left out: pieces of a block, rewrites of another length, epochs, temporary files, FMFlush, delays on Windows. */
+ * Without any one of these rules (-DWITHOUT=STORE_SERIAL), an assertion has to fail: */
 #define STORE_SERIAL 41       /* EndStore compares the serial */
 #define LOAD_SERIAL 42        /* OnDataReady compares the serial */
 #define REWRITE_WITHDRAWS 43  /* a rewrite withdraws the pending store */
@@ -58,7 +58,7 @@ typedef Block {
     mtype state = Empty; byte serial = 1; byte pending;   /* pending: serial of the pending store */
     mtype load = NoLoad; byte loadSerial;
     byte data; byte written;                     /* bytes in memory, of the last complete write; 0: none */
-    byte waiting; byte round; byte owed;         /* sets of sinks: m_readsinks, CallRound, neither called nor cancelled */
+    byte waiting; byte round; byte owed;         /* sets of sinks: m_readsinks, CallRound, still to be called */
     bool held; byte entry; byte awaited }        /* the application has a reference; in the pending table */
 typedef File {
     mtype path = Predecessor; bool closed = true; bool isRegistered; bool locked; byte serials = 1; byte running;
@@ -161,7 +161,8 @@ active proctype ReadWriteThread() {
             atomic { beginDisk(t - N, file[t - N].path == Predecessor) } atomic { discard(t - N); endDisk(t - N) }
             postCall(Save, t, 0)
         :: kind == End -> /* Detach_m */
-            writeTable(t - N); atomic { !file[t - N].locked -> file[t - N].hasTable = false; file[t - N].path = Detached }
+            writeTable(t - N);
+            atomic { !file[t - N].locked -> file[t - N].hasTable = false; file[t - N].path = Detached }
         :: kind == Barrier -> acks++
         :: kind == House -> WHEN(x, examine())
         fi;
@@ -248,13 +249,14 @@ inline barrier() { /* CFileManager::PostBarrier, and the wait for it */
 inline openFile() { /* CFileManager::LoadFile, SettlePredecessors */
     i = files - 1; WHEN(IS_ALIVE(i), barrier(); saveTable(i));
     WHEN(!file[i].hasTable,
-        i = files;
-        atomic { !claimed || !RULE(CLAIM) -> claimed = true; assert(!busy); busy = hasInfo; lastUser = i } /* invariant 5 */
+        i = files; /* invariant 5: */
+        atomic { !claimed || !RULE(CLAIM) -> claimed = true; assert(!busy); busy = hasInfo; lastUser = i }
         WHEN(hasInfo,
             atomic { EACH(k, i) { blk[k].written = named[SLOT(k)]; blk[k].state = (named[SLOT(k)] -> Restored : Empty);
                 assert(!named[SLOT(k)] || named[SLOT(k)] == disk[SLOT(k)]) } /* invariant 1 */
                 busy = false }
-            for (j : 0 .. FILES - 1) { WHEN(j < i && RULE(OPEN_DETACHES), atomic { !file[j].locked -> file[j].path = Detached }) }
+            for (j : 0 .. FILES - 1) {
+                WHEN(j < i && RULE(OPEN_DETACHES), atomic { !file[j].locked -> file[j].path = Detached }) }
             registerFile(i, Own));
         claimed = false)
 }
@@ -270,7 +272,8 @@ inline operate() { /* one operation of the application or of the tick on block b
     :: B.held && !F.closed && writes < WRITES -> write(b)
     :: B.held && !B.data && !(B.owed & sink) && (sink == 1 || B.owed) -> request(b, sink)
     :: B.held && B.owed & sink -> cancel(b, sink)
-    :: B.held && !B.data && IS_FULL(b) && !stopped -> post(high, SyncLoad, b, 0); atomic { acks -> acks = 0 } /* LoadAndWait */
+    :: B.held && !B.data && IS_FULL(b) && !stopped -> /* LoadAndWait */
+        post(high, SyncLoad, b, 0); atomic { acks -> acks = 0 }
     :: B.state == Stored && B.data && F.path != Detached -> B.data = 0 /* FreeMemory */
     :: B.held && F.closed -> B.held = false
     :: F.isRegistered && b == FIRST(f) -> closeFile(f); F.isRegistered = false /* DetachFile */
@@ -298,5 +301,6 @@ active proctype CallerThread() {
     od;
     for (k : 0 .. N + FILES) { assert(!refs[k]) } /* invariant 8: every event */
     for (k : 0 .. N - 1) { assert(IS_OVER(k)) }   /* invariant 8: every sink */
-    EACH(k, files - 1) { assert(faults < FAULTS || !blk[k].written || blk[k].written == named[SLOT(k)]) } /* nothing is lost */
+    EACH(k, files - 1) { /* unless the disk failed, the table on disk names the last complete write */
+        assert(faults < FAULTS || !blk[k].written || blk[k].written == named[SLOT(k)]) }
 }
