@@ -63,12 +63,6 @@ TEST(Block, OneLoadServesAllWaitingSinksInOrder) {
     EXPECT_EQ(log.Count("CDiskFile::ReaddData, filename="), 1U);
     // A load does not count as an access: the next collection releases the bytes.
     EXPECT_FALSE(block->FreeMemory());
-    // A synchronous read between a load and its completion makes the block resident.
-    EXPECT_EQ(block->ReadData(&cancelled), 0);
-    EXPECT_EQ(Read(*block), Pattern(5, 5000));
-    FMWaitUntilIdle();
-    EXPECT_EQ(cancelled.results, std::vector<int>{RT_OK});
-    EXPECT_EQ(log.Count("Assert failed: !m_data"), 0U);
 }
 
 // A rewrite makes a load in flight stale, whether the load begins before or after the rewrite.

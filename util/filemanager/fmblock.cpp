@@ -635,11 +635,11 @@ void CFMBlock::OnDataReady(int aResult, CRtMessageBlock* aData) {
     RT_LOG(RT_LOG_TRACE, "CFMBlock::OnDataReady, aResult=" << aResult << ",m_readsinks="
                                                            << uint64_t{m_readsinks.size()}
                                                            << " this=" << this);
-    // The load has ended: no other thread uses m_load. A skipped load has failed.
+    // The load has ended: no other thread uses m_load.
     const Load load = std::exchange(m_load, {});
     const bool isSkipped = load.state == Load::State::Skipped;
     const bool isStale = load.serial != m_serial && !isSkipped;
-    if (!m_data && !isStale && RT_SUCCEEDED(aResult)) { // no synchronous read came first
+    if (!isStale && RT_SUCCEEDED(aResult)) { // a skipped load has failed
         SetData(aData);
         if (!m_data)
             aResult = RT_ERROR_FAILURE;
