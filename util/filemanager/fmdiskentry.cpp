@@ -195,6 +195,16 @@ void CFMDiskEntry::RemoveFiles() {
     m_path.store(Path::Detached, std::memory_order_release);
 }
 
+int CFMDiskEntry::Sync(CDiskFile* file) {
+    const std::unique_lock lock = Lock();
+    return file && !IsDetached() ? file->Sync() : RT_OK;
+}
+
+bool CFMDiskEntry::IsUnsynced() const {
+    return !IsDetached() &&
+           ((m_pData && !m_pData->IsSynced()) || (m_pInfo && !m_pInfo->IsSynced()));
+}
+
 void CFMDiskEntry::Detach() {
     const std::unique_lock lock = Lock();
     m_path.store(Path::Detached, std::memory_order_release);
