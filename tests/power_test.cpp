@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <iostream>
 #include <map>
-#include <numeric>
 #include <optional>
 #include <random>
 #include <set>
@@ -125,15 +124,18 @@ private:
         Close(first);
         FileRef second =
             Create(1, std::string(464, 's')); // the length L2 of its table lies across two sectors
-        std::vector<uint32_t> many(40);
-        std::iota(many.begin(), many.end(), 1);
-        Store(second, many, 100);
+        std::vector<uint32_t> even(40);
+        std::ranges::generate(even, [next = 0U]() mutable { return next += 2; });
+        Store(second, even, 100);
         FileRef temporary = Create(2, "temporary", FM_FILE_TEMPORARY);
         Store(temporary, {1, 2}, 900);
         Flush(&FMSync);
         Close(temporary);
-        Store(second, {150}, 2000); // the table grows
-        Store(second, {7, 8}, 100); // in their ranges
+        Store(second, {150}, 2000);      // the table grows
+        Store(second, {8, 10}, 100);     // in their ranges
+        Store(second, {7, 9, 33}, 1000); // the entries behind these slots move
+        Flush(&FMFlush);
+        Store(second, {48}, 60); // shorter; length and offset are in two sectors of the table
         Close(second);
         first = cache.Open(FILES[0]);
         Require(Read(*Cache::Block(*first, 2)).size() == 300);
@@ -466,4 +468,60 @@ TEST(Power, WhatWasSyncedSurvivesLostAndTornWrites) {
     for (const Loss loss : {DATA, TABLES, NAMES, ANY})
         EXPECT_GT(figures[loss].broken, 0U) << LOSS_NAMES[loss];
     EXPECT_GT(figures[DATA].wrong[ZEROS], 0U);
+}
+
+TEST(Power, ASyncReportsWhatFailsAndTheNextOneRepeatsIt) {
+    const TempDir base;
+    Cache cache(base.path / "made", false);
+    std::vector<std::string> synced;
+    faults::Begin(base.path, {});
+    faults::Observe([&](const Change& change) {
+        if (change.kind == faults::SYNC)
+            synced.push_back(fs::path(change.path).extension().string());
+    });
+    cache.Start();
+    FileRef open = cache.Create();
+    FileRef closed = cache.Create();
+    FileRef temporary = cache.Create(1, FM_FILE_TEMPORARY);
+    for (FileRef* file : {&open, &closed, &temporary})
+        Write(*Cache::Block(**file, 1), "bytes");
+    cache.Close(closed);
+    FMWaitUntilIdle();
+    const LogCapture log(RT_LOG_ERROR);
+    std::vector<FMUnsavedBlock> unsaved;
+    faults::Begin(base.path, {faults::FAIL, faults::SYNC, 1, true, EIO, 0});
+    EXPECT_EQ(FMSync(unsaved), RT_ERROR_IO);
+    EXPECT_TRUE(unsaved.empty());
+    // Four files, the store and the two directories above it.
+    EXPECT_EQ(log.Count("system error EIO"), 7U);
+    faults::Lift();
+    EXPECT_EQ(FMSync(unsaved), RT_OK);
+    EXPECT_EQ(synced, (std::vector<std::string>{".sdd", ".sdd", ".sdi", ".sdi", "", "", ""}));
+    EXPECT_EQ(FMSync(unsaved), RT_OK);
+    EXPECT_EQ(synced.size(), 8U); // the store
+    cache.Stop();
+    EXPECT_EQ(FMSync(unsaved), RT_ERROR_NOT_READY);
+    faults::Observe({});
+}
+
+TEST(Power, ASyncIncludesFilesWhoseNumberExceedsTheList) {
+    constexpr size_t count = 4'200;
+    Cache cache;
+    std::set<std::string> synced;
+    faults::Begin(cache.dir.path, {});
+    faults::Observe([&](const Change& change) {
+        if (change.kind == faults::SYNC)
+            synced.insert(change.path);
+    });
+    for (size_t i = 0; i < count; ++i) {
+        FileRef file = cache.Create();
+        Write(*Cache::Block(*file, 1), "bytes");
+        cache.Close(file);
+    }
+    FMWaitUntilIdle();
+    fs::create_symlink("/", cache.Path(Description().fileID, ".sdd")); // not a file of the cache
+    std::vector<FMUnsavedBlock> unsaved;
+    EXPECT_EQ(FMSync(unsaved), RT_OK);
+    EXPECT_EQ(synced.size(), 2 * count + 2);
+    faults::Observe({});
 }
