@@ -62,7 +62,7 @@ struct Change {
     uint64_t offset = 0;
     std::string bytes;
 };
-// The function is called after each WRITE, SYNC, REMOVE, MAKE_DIR, REMOVE_DIR and creation below the root, in their order.
+// Calls the function after each WRITE, SYNC, REMOVE, MAKE_DIR, REMOVE_DIR and creation below the root, in order.
 void Observe(std::function<void(Change)> observer);
 // The name of the first call with a fault, for messages.
 const char* FirstHit();

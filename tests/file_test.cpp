@@ -193,3 +193,17 @@ TEST(Streams, MoreOpenFilesThanStreamsWork) {
         std::fclose(stream);
     EXPECT_EQ(log.Text(), "");
 }
+
+TEST(File, ASyncReachesOpenAndClosedFilesOnEverySystem) {
+    Cache cache;
+    FileRef open = cache.Create();
+    FileRef closed = cache.Create();
+    Write(*Cache::Block(*open, 1), "bytes");
+    Write(*Cache::Block(*closed, 1), "bytes");
+    cache.Close(closed);
+    FMWaitUntilIdle();
+    const LogCapture log(RT_LOG_ERROR);
+    std::vector<FMUnsavedBlock> unsaved;
+    EXPECT_EQ(FMSync(unsaved), RT_OK) << log.Text();
+    EXPECT_TRUE(unsaved.empty());
+}

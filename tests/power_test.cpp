@@ -474,8 +474,10 @@ TEST(Power, ASyncReportsWhatFailsAndTheNextOneRepeatsIt) {
     const TempDir base;
     Cache cache(base.path / "made", false);
     std::vector<std::string> synced;
+    size_t changes = 0;
     faults::Begin(base.path, {});
     faults::Observe([&](const Change& change) {
+        ++changes;
         if (change.kind == faults::SYNC)
             synced.push_back(fs::path(change.path).extension().string());
     });
@@ -499,7 +501,11 @@ TEST(Power, ASyncReportsWhatFailsAndTheNextOneRepeatsIt) {
     EXPECT_EQ(synced, (std::vector<std::string>{".sdd", ".sdd", ".sdi", ".sdi", "", "", ""}));
     EXPECT_EQ(FMSync(unsaved), RT_OK);
     EXPECT_EQ(synced.size(), 8U); // the store
+    cache.Close(temporary);
+    FMWaitUntilIdle();
+    const size_t before = changes;
     cache.Stop();
+    EXPECT_EQ(changes, before); // nothing is left to be written
     EXPECT_EQ(FMSync(unsaved), RT_ERROR_NOT_READY);
     faults::Observe({});
 }

@@ -61,7 +61,7 @@ public:
     /// What the system caches of the data file, or of the information file, goes to the device. RT_OK, RT_ERROR_IO.
     int SyncData() { return Sync(m_pData); }
     int SyncTable() { return Sync(m_pInfo); }
-    /// Whether a later object of the path, or FMSync, has to sync what this one has written. For the owner's destructor.
+    /// Whether FMSync has to sync what this object has written. For the owner's destructor, which locks nothing.
     bool IsUnsynced() const;
     /// Removes both files, the information file first, and detaches. If the information file cannot be removed, both
     /// stay. A no-op if another process has locked the data file.

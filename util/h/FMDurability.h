@@ -75,22 +75,23 @@ struct FMUnsavedBlock {
 RT_EXPORT int FMFlush(std::vector<FMUnsavedBlock>& unsaved);
 
 /// As FMFlush, and writes everything to the device, so that a power loss does not lose it: first the data files, then
-/// the tables, then the directory and the directories above it in which this process has created one. This includes the
-/// files that were closed since the last call, and excludes temporary files and what earlier processes have stored.
+/// the tables, then the directory and the directories above it in which this process has created one. This includes
+/// the files that were closed since the last call. It excludes temporary files, and files that only an earlier process
+/// has changed.
 ///
-/// Call it on the caller thread, which waits for the device: once for each file that was changed since the last call, twice if its
-/// table was, too. On Windows the names of files and directories are written by flushing the directory, which file
-/// systems other than NTFS may not support.
+/// Call it on the caller thread, which waits for the device: for the data file and for the table of each file that was
+/// changed since the last call, and for the directories. On Windows, a directory is synced through a handle with write
+/// access; a file system that does not support that makes the call fail.
 ///
-/// **What a later power loss can still lose.** The format has one table for each file, and the next write to it happens
-/// in place: in FMSync, in FMFlush, after the close of a changed file, or before a block of the table is rewritten. A power
-/// loss after such a write, and before the FMSync that follows it, can lose all blocks of this file or give wrong bytes.
-/// A file that is not changed after the call has no such write.
+/// **What a later power loss can still lose.** The format has one table for each file, which is written in place: in
+/// FMSync and FMFlush, after the close of a changed file, and before a block that it names is rewritten. A power loss
+/// between such a write and the end of the next FMSync can lose all blocks of this file, or give wrong bytes. A file
+/// that is not changed after the call has no such write: neither its close nor UnInitialize writes it.
 /// @param[out] unsaved as for FMFlush. A block that was written but could not be synced is not listed.
 /// @retval RT_OK as for FMFlush, and for a power loss.
 /// @retval RT_ERROR_IO a block or a table could not be written, or a file or a directory could not be synced. The log
-///     has the errors and the paths. A later RT_OK does not include the bytes whose sync has failed: the system need not
-///     keep what it could not write to the device. Write the blocks of these files again.
+///     has the errors and the paths. A later RT_OK does not include the bytes whose sync has failed, because the system
+///     need not keep what it could not write to the device: write the blocks of these files again.
 /// @retval RT_ERROR_NOT_READY as for FMFlush.
 RT_EXPORT int FMSync(std::vector<FMUnsavedBlock>& unsaved);
 
