@@ -10,7 +10,6 @@
 #include <optional>
 #include <random>
 #include <set>
-#include <tuple>
 
 #include "FMDurability.h"
 #include "testing/faults.h"
@@ -26,142 +25,41 @@ constexpr uint32_t LOSSES = 1;
 constexpr uint32_t LOSSES = 4;
 #endif
 constexpr size_t SECTOR = 512;
-constexpr uint32_t BLOCK_MAX = 200;
+constexpr uint32_t BLOCK_MAX = 150;
 
-// One block: the name of its file, which tells a file from its predecessor, the file and the block identifier.
-using Key = std::tuple<std::string, FMFileID, uint32_t>;
+// The description names the version of a file, whose last digit is the number of the file: 12 is created over 2.
+using Key = std::pair<uint32_t, uint32_t>; // version of the file, block
 using Blocks = std::map<Key, std::string>;
+using Files = std::map<std::string, std::string>; // bytes by path
 
-// Blocks that were written to the operating system, or to the device, when `at` changes had been made.
-struct Mark {
-    size_t at;
-    bool isSynced;
-    Blocks blocks;
-};
+FMFileID FileOf(uint32_t version) {
+    FMFileID id = FMFileID_None;
+    id.Data1 = version % 10;
+    return id;
+}
 
-std::vector<FMFileID> FILES;
+Files ReadFiles(const fs::path& root) {
+    Files files;
+    for (const auto& entry : fs::recursive_directory_iterator(root)) {
+        if (entry.is_regular_file())
+            files[fs::relative(entry.path(), root).string()] = ReadFile(entry.path());
+    }
+    return files;
+}
 
-// --- The recorded run ---------------------------------------------------------------------------
-
-class Recording {
-public:
-    Recording() : root(base.path.string()), cache(base.path / "made" / "here", false) {
-        faults::Begin(base.path, {});
-        faults::Observe([this](Change change) {
-            change.path.erase(0, std::min(root.size() + 1, change.path.size()));
-            while (change.path.ends_with('/'))
-                change.path.pop_back();
-            changes.push_back(std::move(change));
-        });
-        for (uint32_t i = 1; i <= 4; ++i) {
-            FILES.push_back(FMFileID_None);
-            FILES.back().Data1 = i;
-        }
-        cache.Start();
-        Run();
-        cache.Stop();
-        faults::Observe({});
-        Require(!changes.empty());
+void ReplaceFiles(const fs::path& root, const Files& files) {
+    const Files present = ReadFiles(root);
+    for (const auto& [path, bytes] : present) {
+        if (!files.contains(path))
+            fs::remove(root / path);
     }
-
-    const TempDir base;
-    const std::string root;
-    TestClock clock;
-    Cache cache;
-    std::vector<Change> changes;
-    std::vector<Mark> marks;
-    std::map<Key, std::set<std::string>> versions;
-
-private:
-    FileRef Create(size_t number, const std::string& name, uint32_t flag = 0) {
-        FMFileInfo info = Description(1, flag);
-        info.fileID = FILES[number];
-        info.name = CRtString(name);
-        std::erase_if(m_now,
-                      [&](const auto& block) { return std::get<1>(block.first) == info.fileID; });
-        return cache.Create(info);
+    for (const auto& [path, bytes] : files) {
+        if (const auto it = present.find(path); it == present.end() || it->second != bytes)
+            WriteFile(root / path, bytes);
     }
-    // Adjacent ranges are one batch.
-    void Store(FileRef& file, const std::vector<uint32_t>& blocks, uint32_t length) {
-        {
-            const Gate gate;
-            for (const uint32_t block : blocks) {
-                const FMFileInfo& info = file->GetFileInfo();
-                const Key key{info.name.c_str(), info.fileID, block};
-                const std::string bytes = Pattern(++m_seed, length);
-                versions[key].insert(bytes);
-                if (!(info.flag & FM_FILE_TEMPORARY))
-                    m_now[key] = bytes;
-                Require(Write(*Cache::Block(*file, block), bytes) == RT_OK);
-            }
-        }
-        FMWaitUntilIdle();
-    }
-    void Note(bool isSynced, const FMFileID* id = nullptr) {
-        Mark mark{changes.size(), isSynced, m_now};
-        std::erase_if(mark.blocks,
-                      [&](const auto& block) { return id && std::get<1>(block.first) != *id; });
-        marks.push_back(std::move(mark));
-    }
-    void Close(FileRef& file) {
-        const FMFileID id = file->GetFileInfo().fileID;
-        cache.Close(file);
-        FMWaitUntilIdle();
-        Note(false, &id);
-    }
-    void Flush(int (*flush)(std::vector<FMUnsavedBlock>&)) {
-        std::vector<FMUnsavedBlock> unsaved;
-        Require(flush(unsaved) == RT_OK && unsaved.empty());
-        Note(flush == &FMSync);
-    }
-    void Run() {
-        FileRef first = Create(0, "first");
-        Store(first, {1, 2, 3, 5, 9}, 700);
-        Store(first, {12}, 5000);
-        Flush(&FMFlush);
-        Store(first, {3}, 700); // in its range
-        Store(first, {2}, 300);
-        Close(first);
-        FileRef second =
-            Create(1, std::string(464, 's')); // the length L2 of its table lies across two sectors
-        std::vector<uint32_t> even(40);
-        std::ranges::generate(even, [next = 0U]() mutable { return next += 2; });
-        Store(second, even, 100);
-        FileRef temporary = Create(2, "temporary", FM_FILE_TEMPORARY);
-        Store(temporary, {1, 2}, 900);
-        Flush(&FMSync);
-        Close(temporary);
-        Store(second, {150}, 2000);      // the table grows
-        Store(second, {8, 10}, 100);     // in their ranges
-        Store(second, {7, 9, 33}, 1000); // the entries behind these slots move
-        Flush(&FMFlush);
-        Store(second, {48}, 60); // shorter; length and offset are in two sectors of the table
-        Close(second);
-        first = cache.Open(FILES[0]);
-        Require(Read(*Cache::Block(*first, 2)).size() == 300);
-        Store(first, {3, 5}, 700);      // in their ranges
-        Store(first, {4, 6, 10}, 1500); // empty slots of the table
-        Close(first);
-        FileRef third = Create(1, "third"); // over the second one
-        Store(third, {1, 2, 3}, 1200);
-        Close(third);
-        first = cache.Open(FILES[0]);
-        Flush(&FMSync);
-        Store(first, {12}, 5000); // in its range
-        third = cache.Open(FILES[1]);
-        Store(third, {2}, 1200); // in its range
-        FileRef fourth = Create(3, "fourth");
-        Store(fourth, {1, 2}, 2500);
-        Flush(&FMFlush);
-    }
-
-    Blocks m_now;
-    uint32_t m_seed = 0;
-};
+}
 
 // --- States of the disk -------------------------------------------------------------------------
-
-using Files = std::map<std::string, std::string>; // bytes by path
 
 // What a power loss leaves of one change: nothing, or of a write the sectors whose bit is set, by their number in the
 // file modulo 64, and zeros in the others.
@@ -207,9 +105,9 @@ private:
         }
     }
     bool HasDirectories(const fs::path& path) const {
-        const fs::path directory = path.parent_path();
-        return directory.empty() ||
-               (m_directories.contains(directory.string()) && HasDirectories(directory));
+        const fs::path parent = path.parent_path();
+        return parent.empty() ||
+               (m_directories.contains(parent.string()) && HasDirectories(parent));
     }
 
     std::map<std::string, size_t> m_written; // the file that the path named in the run
@@ -218,59 +116,57 @@ private:
     std::set<std::string> m_directories;
 };
 
-Files ReadFiles(const fs::path& root) {
-    Files files;
-    for (const auto& entry : fs::recursive_directory_iterator(root)) {
-        if (entry.is_regular_file())
-            files[fs::relative(entry.path(), root).string()] = ReadFile(entry.path());
-    }
-    return files;
-}
-
-// --- What the cache finds in a state ------------------------------------------------------------
+// --- The recorded run, and what the cache finds afterwards ---------------------------------------
 
 enum Verdict { RIGHT, ZEROS, MIXED, FOREIGN };
 
-class Checker {
+class Recording {
 public:
-    size_t Count() const { return m_run.changes.size(); }
-    const Change& At(size_t i) const { return m_run.changes[i]; }
+    Recording() {
+        faults::Begin(root, {});
+        faults::Observe([this](Change change) {
+            change.path = change.path == root ? "" : fs::relative(change.path, root).string();
+            changes.push_back(std::move(change));
+        });
+        m_cache.Start();
+        Run();
+        m_cache.Stop();
+        faults::Observe({});
+    }
 
     // Opens the cache on a disk. `loaded`: the files that load.
-    Blocks Open(const Disk& disk, std::set<FMFileID>& loaded) {
-        Replace(disk.GetFiles());
+    Blocks Open(const Disk& disk, std::set<uint32_t>& loaded) {
+        ReplaceFiles(root, disk.GetFiles());
         Blocks found;
-        m_run.cache.Start();
-        for (const FMFileID& id : FILES) {
-            FileRef file = m_run.cache.Open(id);
+        loaded.clear();
+        m_cache.Start();
+        for (uint32_t number = 1; number <= 4; ++number) {
+            FileRef file = m_cache.Open(FileOf(number));
             if (!file)
                 continue;
-            loaded.insert(id);
+            loaded.insert(number);
             for (uint32_t i = 1; i <= BLOCK_MAX; ++i) {
                 const BlockRef block = Cache::Block(*file, i, 0);
                 const std::string bytes = block && block->IsComplete() ? Read(*block) : "error";
                 if (!bytes.starts_with("error"))
-                    found[{file->GetFileInfo().name.c_str(), id, i}] = bytes;
+                    found[{file->GetFileInfo().userValue, i}] = bytes;
             }
-            m_run.cache.Close(file);
+            m_cache.Close(file);
         }
-        m_run.cache.Stop();
+        m_cache.Stop();
         return found;
     }
 
-    Verdict Judge(const Key& key, const std::string& bytes) const {
-        const auto known = m_run.versions.find(key);
-        if (known == m_run.versions.end())
-            return FOREIGN;
-        const auto& versions = known->second;
+    Verdict Judge(const Key& key, const std::string& bytes) {
+        const auto& versions = m_versions[key];
         if (versions.contains(bytes))
             return RIGHT;
-        const auto isPart = [&](size_t i, const std::string& of) {
-            return of.size() == bytes.size() && of[i] == bytes[i];
-        };
         Verdict verdict = MIXED;
         for (size_t i = 0; i < bytes.size(); ++i) {
-            if (std::ranges::any_of(versions, [&](const auto& each) { return isPart(i, each); }))
+            const auto isFrom = [&](const std::string& version) {
+                return version.size() == bytes.size() && version[i] == bytes[i];
+            };
+            if (std::ranges::any_of(versions, isFrom))
                 continue;
             if (bytes[i] != 0)
                 return FOREIGN;
@@ -279,17 +175,18 @@ public:
         return verdict;
     }
 
-    // The first block that a close or a flush has written with the first `done` changes and that is not there, although
+    // The first block that a close or a flush has written with the first `done` changes and that is not found, although
     // no change up to `end` has touched the table of its file since.
     std::string FindBroken(size_t done, size_t end, const Blocks& found, bool isSyncedOnly) const {
-        for (const Mark& mark : m_run.marks) {
+        for (const Mark& mark : m_marks) {
             if (mark.at > done || (isSyncedOnly && !mark.isSynced))
                 continue;
             for (const auto& [key, bytes] : mark.blocks) {
                 const auto it = found.find(key);
-                if (!IsTableTouched(std::get<1>(key), mark.at, end) &&
-                    (it == found.end() || it->second != bytes))
-                    return "block " + std::to_string(std::get<2>(key)) + " of " + std::get<0>(key);
+                if ((it == found.end() || it->second != bytes) &&
+                    !IsTableTouched(key, mark.at, end))
+                    return "file " + std::to_string(key.first) + " block " +
+                           std::to_string(key.second);
             }
         }
         return {};
@@ -297,50 +194,124 @@ public:
 
     // Whether a sync before `end` has made the change durable.
     bool IsDurable(size_t change, size_t end) const {
-        const fs::path path = At(change).path;
-        const std::string synced =
-            At(change).kind == faults::WRITE ? path.string() : path.parent_path().string();
-        for (size_t i = change + 1; i < end; ++i) {
-            if (At(i).kind == faults::SYNC && At(i).path == synced)
-                return true;
-        }
-        return false;
+        const fs::path path = changes[change].path;
+        const fs::path synced = changes[change].kind == faults::WRITE ? path : path.parent_path();
+        return std::any_of(
+            changes.begin() + static_cast<std::ptrdiff_t>(change),
+            changes.begin() + static_cast<std::ptrdiff_t>(end),
+            [&](const Change& each) { return each.kind == faults::SYNC && each.path == synced; });
     }
 
-    const fs::path& Root() const { return m_run.base.path; }
+    const TempDir base;
+    const fs::path& root = base.path;
+    std::vector<Change> changes;
 
 private:
-    bool IsTableTouched(const FMFileID& id, size_t begin, size_t end) const {
-        const std::string table = FMFileIDToString(id).c_str() + std::string(".sdi");
-        return std::any_of(m_run.changes.begin() + static_cast<std::ptrdiff_t>(begin),
-                           m_run.changes.begin() + static_cast<std::ptrdiff_t>(end),
+    // Blocks that were written to the operating system, or to the device, when `at` changes had been made.
+    struct Mark {
+        size_t at;
+        bool isSynced;
+        Blocks blocks;
+    };
+
+    FileRef Create(uint32_t version, size_t nameLength = 5, uint32_t flag = 0) {
+        FMFileInfo info = Description(1, flag);
+        info.fileID = FileOf(version);
+        info.userValue = version;
+        info.name = CRtString(std::string(nameLength, 'n'));
+        std::erase_if(m_now, [&](const auto& each) { return each.first.first == version % 10; });
+        return m_cache.Create(info);
+    }
+    // Adjacent ranges are one batch.
+    void Store(FileRef& file, const std::vector<uint32_t>& blocks, uint32_t length) {
+        {
+            const Gate gate;
+            for (const uint32_t block : blocks) {
+                const Key key{file->GetFileInfo().userValue, block};
+                const std::string bytes = Pattern(++m_seed, length);
+                m_versions[key].insert(bytes);
+                if (!(file->GetFileInfo().flag & FM_FILE_TEMPORARY))
+                    m_now[key] = bytes;
+                Require(Write(*Cache::Block(*file, block), bytes) == RT_OK);
+            }
+        }
+        FMWaitUntilIdle();
+    }
+    void Close(FileRef& file) {
+        const uint32_t version = file->GetFileInfo().userValue;
+        m_cache.Close(file);
+        FMWaitUntilIdle();
+        m_marks.push_back({changes.size(), false, m_now});
+        std::erase_if(m_marks.back().blocks,
+                      [&](const auto& each) { return each.first.first != version; });
+    }
+    void Flush(int (*flush)(std::vector<FMUnsavedBlock>&)) {
+        std::vector<FMUnsavedBlock> unsaved;
+        Require(flush(unsaved) == RT_OK && unsaved.empty());
+        m_marks.push_back({changes.size(), flush == &FMSync, m_now});
+    }
+    bool IsTableTouched(const Key& key, size_t begin, size_t end) const {
+        const std::string table = FMFileIDToString(FileOf(key.first)).c_str() + std::string(".sdi");
+        return std::any_of(changes.begin() + static_cast<std::ptrdiff_t>(begin),
+                           changes.begin() + static_cast<std::ptrdiff_t>(end),
                            [&](const Change& change) {
                                return change.kind != faults::SYNC && change.path.ends_with(table);
                            });
     }
 
-    void Replace(const Files& files) const {
-        const Files present = ReadFiles(Root());
-        for (const auto& [path, bytes] : present) {
-            if (!files.contains(path))
-                fs::remove(Root() / path);
-        }
-        for (const auto& [path, bytes] : files) {
-            const auto it = present.find(path);
-            if (it == present.end() || it->second != bytes)
-                WriteFile(Root() / path, bytes);
-        }
+    void Run() {
+        FileRef first = Create(1);
+        Store(first, {1, 2, 3, 5, 9}, 700);
+        Store(first, {12}, 5000);
+        Flush(&FMFlush);
+        Store(first, {3}, 700); // in its range
+        Store(first, {2}, 300);
+        Close(first);
+        FileRef second = Create(2, 464); // the length L2 of its table lies across two sectors
+        std::vector<uint32_t> even(40);
+        std::ranges::generate(even, [next = 0U]() mutable { return next += 2; });
+        Store(second, even, 100);
+        FileRef temporary = Create(3, 5, FM_FILE_TEMPORARY);
+        Store(temporary, {1, 2}, 900);
+        Flush(&FMSync);
+        Close(temporary);
+        Store(second, {150}, 2000);      // the table grows
+        Store(second, {8, 10}, 100);     // in their ranges
+        Store(second, {7, 9, 33}, 1000); // the entries behind these slots move
+        Flush(&FMFlush);
+        Store(second, {48}, 60); // shorter; length and offset are in two sectors of the table
+        Close(second);
+        first = m_cache.Open(FileOf(1));
+        Store(first, {3, 5}, 700);      // in their ranges
+        Store(first, {4, 6, 10}, 1500); // empty slots of the table
+        Close(first);
+        FileRef third = Create(12);
+        Store(third, {1, 2, 3}, 1200);
+        Close(third);
+        first = m_cache.Open(FileOf(1));
+        Flush(&FMSync);
+        Store(first, {12}, 5000); // in its range
+        third = m_cache.Open(FileOf(2));
+        Store(third, {2}, 1200); // in its range
+        FileRef fourth = Create(4);
+        Store(fourth, {1, 2}, 2500);
+        Flush(&FMFlush);
     }
 
-    LogCapture m_quiet{RT_LOG_SILENT};
-    Recording m_run;
+    const LogCapture m_quiet{RT_LOG_SILENT};
+    const TestClock m_clock;
+    Cache m_cache{base.path / "made" / "here", false};
+    std::vector<Mark> m_marks;
+    std::map<Key, std::set<std::string>> m_versions;
+    Blocks m_now;
+    uint32_t m_seed = 0;
 };
 
 // --- Losses -------------------------------------------------------------------------------------
 
-enum Loss { DATA, TABLES, NAMES, ANY };
-const char* const LOSS_NAMES[] = {"bytes of data files", "bytes of tables",
-                                  "creations and removals", "any of them"};
+const char* const LOSS_NAMES[] = {"bytes of data files", "bytes of tables", "creations, removals",
+                                  "any"};
+enum Loss { DATA, TABLES, NAMES, ANY, LOSS_KINDS };
 
 bool CanLose(Loss loss, const Change& change) {
     const Loss kind = change.kind != faults::WRITE    ? NAMES
@@ -349,125 +320,118 @@ bool CanLose(Loss loss, const Change& change) {
     return change.kind != faults::SYNC && (loss == ANY || loss == kind);
 }
 
-Rest Lose(const Change& change, std::mt19937_64& random) {
-    const uint64_t value = random();
-    if (change.kind != faults::WRITE || value % 3 == 0)
-        return {};
-    return value % 3 == 1 ? 0 : random(); // only the length of the file, or some of the sectors
+Disk Lose(const Recording& run, size_t end, Loss loss, uint64_t seed) {
+    std::mt19937_64 random(seed);
+    const uint64_t eighths = std::array<uint64_t, 3>{1, 4, 7}[random() % 3];
+    Disk disk;
+    for (size_t i = 0; i < end; ++i) {
+        const Change& change = run.changes[i];
+        Rest rest = WHOLE;
+        if (CanLose(loss, change) && random() % 8 < eighths && !run.IsDurable(i, end))
+            // Nothing is left, or of a write the length of the file, or some sectors.
+            rest = std::array<Rest, 3>{
+                Rest(), Rest(0), Rest(random())}[change.kind == faults::WRITE ? random() % 3 : 0];
+        disk.Apply(change, rest);
+    }
+    return disk;
 }
 
-// Blocks that are readable without the loss, and what becomes of them; blocks that are wrong only with it.
-struct Figures {
-    uint64_t states = 0, blocks = 0, kept = 0, otherVersion = 0, absent = 0, notLoaded = 0,
-             broken = 0;
-    uint64_t wrong[4] = {};
+// Counts of what becomes of the blocks that are readable without the loss, and of blocks with wrong bytes.
+enum Figure {
+    STATES,
+    BLOCKS,
+    KEPT,
+    OTHER_VERSION,
+    ABSENT,
+    NOT_LOADED,
+    WRONG,
+    FIGURES = WRONG + FOREIGN
 };
+using Figures = std::array<uint64_t, FIGURES>;
 
-void Add(Figures& figures, const Checker& checker, const Blocks& whole, const Blocks& found,
-         const std::set<FMFileID>& loaded) {
-    ++figures.states;
-    for (const auto& [key, bytes] : found)
-        ++figures.wrong[checker.Judge(key, bytes)];
+void Add(Figures& figures, Recording& run, const Blocks& whole, const Blocks& found,
+         const std::set<uint32_t>& loaded) {
+    ++figures[STATES];
+    for (const auto& [key, bytes] : found) {
+        if (const Verdict verdict = run.Judge(key, bytes); verdict != RIGHT)
+            ++figures[WRONG + static_cast<size_t>(verdict) - ZEROS];
+    }
     for (const auto& [key, bytes] : whole) {
         const auto it = found.find(key);
-        ++figures.blocks;
+        ++figures[BLOCKS];
         if (it == found.end())
-            ++(loaded.contains(std::get<1>(key)) ? figures.absent : figures.notLoaded);
-        else if (it->second == bytes)
-            ++figures.kept;
-        else if (checker.Judge(key, it->second) == RIGHT)
-            ++figures.otherVersion;
-    }
-}
-
-void Print(const Figures (&figures)[4]) {
-    std::cout << "| lost | states | blocks | kept | other version | absent | file does not load | "
-                 "zeros | mixed | foreign |\n";
-    for (const Loss loss : {DATA, TABLES, NAMES, ANY}) {
-        const Figures& each = figures[loss];
-        std::cout << "| " << LOSS_NAMES[loss];
-        for (const uint64_t figure :
-             {each.states, each.blocks, each.kept, each.otherVersion, each.absent, each.notLoaded,
-              each.wrong[ZEROS], each.wrong[MIXED], each.wrong[FOREIGN]})
-            std::cout << " | " << figure;
-        std::cout << " |\n";
+            ++figures[loaded.contains(key.first % 10) ? ABSENT : NOT_LOADED];
+        else if (run.Judge(key, it->second) == RIGHT)
+            ++figures[it->second == bytes ? KEPT : OTHER_VERSION];
     }
 }
 
 } // namespace
 
 TEST(Power, EveryPrefixOfTheChangesSatisfiesPromise1) {
-    Checker checker;
-    Disk disk;
-    for (size_t i = 0; i < checker.Count(); ++i)
-        disk.Apply(checker.At(i));
-    ASSERT_EQ(disk.GetFiles(), ReadFiles(checker.Root())); // no change is missing in the recording
-    disk = {};
+    Recording run;
+    Disk all;
+    for (const Change& change : run.changes)
+        all.Apply(change);
+    ASSERT_EQ(all.GetFiles(), ReadFiles(run.root)); // no change is missing in the recording
     size_t states = 0;
-    const auto check = [&](const Disk& state, size_t done, size_t end) {
-        std::set<FMFileID> loaded;
-        const Blocks found = checker.Open(state, loaded);
-        EXPECT_EQ(checker.FindBroken(done, end, found, false), "") << "after " << end << " changes";
+    std::set<uint32_t> loaded;
+    const auto check = [&](const Disk& disk, size_t done, size_t end) {
+        const Blocks found = run.Open(disk, loaded);
+        EXPECT_EQ(run.FindBroken(done, end, found, false), "") << "after " << end << " changes";
         for (const auto& [key, bytes] : found)
-            EXPECT_EQ(checker.Judge(key, bytes), RIGHT)
-                << std::get<0>(key) << " " << std::get<2>(key) << " after " << end;
+            EXPECT_EQ(run.Judge(key, bytes), RIGHT)
+                << key.first << " " << key.second << " after " << end;
         ++states;
     };
-    check(disk, 0, 0);
-    for (size_t i = 0; i < checker.Count(); ++i) {
-        Change change = checker.At(i);
-        const bool isWrite = change.kind == faults::WRITE;
-        const uint64_t end = change.offset + change.bytes.size();
-        for (uint64_t cut = (change.offset / SECTOR + 1) * SECTOR; isWrite && cut < end;
-             cut += SECTOR) {
+    Disk disk;
+    for (size_t i = 0; i < run.changes.size(); ++i) {
+        Change part = run.changes[i];
+        const uint64_t end = part.offset + part.bytes.size();
+        for (uint64_t cut = (part.offset / SECTOR + 1) * SECTOR; cut < end; cut += SECTOR) {
             Disk torn = disk;
-            change.bytes.resize(cut - change.offset);
-            torn.Apply(change);
-            change.bytes = checker.At(i).bytes;
+            part.bytes = run.changes[i].bytes.substr(0, cut - part.offset);
+            torn.Apply(part);
             check(torn, i, i + 1);
         }
-        disk.Apply(change);
-        if (change.kind != faults::SYNC)
-            check(disk, i + 1, i + 1);
+        disk.Apply(run.changes[i]);
+        check(disk, i + 1, i + 1);
     }
-    std::cout << checker.Count() << " changes and syncs, " << states << " states\n";
+    std::cout << run.changes.size() << " changes and syncs, " << states << " states\n";
 }
 
 // FILEMANAGER_LOSSES: how many losses of each kind after each change, for the figures in docs/reliability.md.
 TEST(Power, WhatWasSyncedSurvivesLostAndTornWrites) {
     const char* const wanted = std::getenv("FILEMANAGER_LOSSES");
     const uint32_t losses = wanted ? static_cast<uint32_t>(std::atoi(wanted)) : LOSSES;
-    Checker checker;
-    Figures figures[4];
+    Recording run;
+    std::array<Figures, LOSS_KINDS> figures{};
+    std::array<uint32_t, LOSS_KINDS> broken{};
     Disk disk;
-    for (size_t end = 1; end <= checker.Count(); ++end) {
-        disk.Apply(checker.At(end - 1));
-        std::set<FMFileID> loaded;
-        const Blocks whole = checker.Open(disk, loaded);
-        for (uint32_t i = 0; i < 4 * losses; ++i) {
-            std::mt19937_64 random(end * 1'000'000 + i);
-            const auto loss = static_cast<Loss>(i % 4);
-            const uint64_t eighths = std::array<uint64_t, 3>{1, 4, 7}[random() % 3];
-            Disk state;
-            for (size_t each = 0; each < end; ++each) {
-                const Change& change = checker.At(each);
-                const bool isLost = CanLose(loss, change) && random() % 8 < eighths &&
-                                    !checker.IsDurable(each, end);
-                state.Apply(change, isLost ? Lose(change, random) : WHOLE);
-            }
-            loaded.clear();
-            const Blocks found = checker.Open(state, loaded);
-            ASSERT_EQ(checker.FindBroken(end, end, found, true), "")
-                << "after " << end << " changes, loss " << i;
-            figures[loss].broken += checker.FindBroken(end, end, found, false).empty() ? 0 : 1;
-            Add(figures[loss], checker, whole, found, loaded);
+    std::set<uint32_t> loaded;
+    for (size_t end = 1; end <= run.changes.size(); ++end) {
+        disk.Apply(run.changes[end - 1]);
+        const Blocks whole = run.Open(disk, loaded);
+        for (uint32_t i = 0; i < LOSS_KINDS * losses; ++i) {
+            const auto loss = static_cast<Loss>(i % LOSS_KINDS);
+            const Blocks found = run.Open(Lose(run, end, loss, end * 1'000'000 + i), loaded);
+            ASSERT_EQ(run.FindBroken(end, end, found, true), "")
+                << "changes " << end << " loss " << i;
+            broken[loss] += run.FindBroken(end, end, found, false).empty() ? 0 : 1;
+            Add(figures[loss], run, whole, found, loaded);
         }
     }
-    Print(figures);
-    // What only a flush has written is not safe: the losses are real ones.
-    for (const Loss loss : {DATA, TABLES, NAMES, ANY})
-        EXPECT_GT(figures[loss].broken, 0U) << LOSS_NAMES[loss];
-    EXPECT_GT(figures[DATA].wrong[ZEROS], 0U);
+    std::cout << "lost | states | blocks | kept | other version | absent | not loaded | zeros | "
+                 "mixed | foreign\n";
+    for (size_t loss = 0; loss < LOSS_KINDS; ++loss) {
+        std::cout << LOSS_NAMES[loss];
+        for (const uint64_t figure : figures[loss])
+            std::cout << " | " << figure;
+        std::cout << "\n";
+        EXPECT_GT(broken[loss], 0U)
+            << LOSS_NAMES[loss]; // a flush without sync does not survive them
+    }
+    EXPECT_GT(figures[DATA][WRONG], 0U);
 }
 
 TEST(Power, ASyncReportsWhatFailsAndTheNextOneRepeatsIt) {
