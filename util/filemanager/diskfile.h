@@ -60,9 +60,10 @@ public:
     bool TakeExisting();
 
     /// Writes what the system caches of the file to the device. A no-op if this object has written nothing since
-    /// the last call. RT_OK, RT_ERROR_IO.
+    /// the last call, unless it was marked. RT_OK, RT_ERROR_IO.
     int Sync();
     bool IsSynced() const { return m_isSynced; }
+    void MarkUnsynced() { m_isSynced = false; }
 
     /// Whether a stream is open. Opens none.
     bool IsStreamOpen();

@@ -56,6 +56,13 @@ class CSync {
 public:
     explicit CSync(CFileManager& manager)
         : m_manager(manager), m_live(manager.GetLiveFiles()), m_dir(manager.GetDataDir()) {
+        // On Windows, a file that is open can only be synced through its own handle.
+        for (const auto& file : m_files) {
+            CFMDiskEntry& entry = file->GetEntry();
+            if (!entry.IsDetached() &&
+                (m_unsynced.isEvery || m_unsynced.closed.erase(file->GetPathID()) > 0))
+                entry.MarkUnsynced();
+        }
         std::vector<CRtString> others;
         for (const FMFileID& id : m_unsynced.closed)
             m_closed.push_back(FMFileIDToString(id));

@@ -200,6 +200,14 @@ int CFMDiskEntry::Sync(CDiskFile* file) {
     return file && !IsDetached() ? file->Sync() : RT_OK;
 }
 
+void CFMDiskEntry::MarkUnsynced() {
+    const std::unique_lock lock = Lock();
+    for (CDiskFile* file : {m_pData, static_cast<CDiskFile*>(m_pInfo)}) {
+        if (file)
+            file->MarkUnsynced();
+    }
+}
+
 bool CFMDiskEntry::IsUnsynced() const {
     return !IsDetached() &&
            ((m_pData && !m_pData->IsSynced()) || (m_pInfo && !m_pInfo->IsSynced()));

@@ -61,6 +61,8 @@ public:
     /// What the system caches of the data file, or of the information file, goes to the device. RT_OK, RT_ERROR_IO.
     int SyncData() { return Sync(m_pData); }
     int SyncTable() { return Sync(m_pInfo); }
+    /// An earlier object of the path has not synced what it has written.
+    void MarkUnsynced();
     /// Whether FMSync has to sync what this object has written. For the owner's destructor, which locks nothing.
     bool IsUnsynced() const;
     /// Removes both files, the information file first, and detaches. If the information file cannot be removed, both
