@@ -13,6 +13,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <functional>
+#include <mutex>
 #include <set>
 #include <thread>
 
@@ -89,6 +90,26 @@ Result Operate(uint32_t kind, const char* call, Result failed, Whole whole, Half
     return result;
 }
 
+std::function<void(Change)> g_observer;
+std::mutex g_order;
+
+template <class Call, class Describe>
+auto Observed(bool ours, Call call, Describe describe) {
+    if (!ours || !g_observer)
+        return call();
+    const std::lock_guard lock(g_order);
+    const auto result = call();
+    if (result >= 0)
+        g_observer(describe(result));
+    return result;
+}
+
+std::string PathOf(int fd) {
+    char path[512] = {};
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    return ::readlink(link.c_str(), path, sizeof(path) - 1) < 0 ? "" : path;
+}
+
 int Opened(int fd, bool ours) {
     if (fd >= 0)
         g_ours[static_cast<size_t>(fd)] = ours;
@@ -107,6 +128,12 @@ int Opened(int fd, bool ours) {
 #define CALL(result, failed, kind, object, name, ...)                                              \
     const auto call = [&] { return __real_##name(__VA_ARGS__); };                                  \
     return Operate<result>(IsOurs(object) ? kind : NONE, #name, failed, call, call)
+// A call that returns 0 after it has changed `path`.
+#define CHANGE(kind, object, path, name, ...)                                                      \
+    const auto change = [&] { CALL(int, -1, kind, object, name, __VA_ARGS__); };                   \
+    return Observed(IsOurs(object), change, [&](int) {                                             \
+        return Change{static_cast<Kind>(kind), path, 0, {}};                                       \
+    })
 // A close releases the descriptor even if it fails.
 #define CLOSE_CALL(name, object)                                                                   \
     const uint32_t kind = IsOurs(object) ? CLOSE : NONE;                                           \
@@ -126,7 +153,12 @@ REAL(int, open64, const char* path, int flags, ...) {
             g_createdWhileFrozen.insert(path);
         return Opened(fd, true);
     }
-    return Opened(Operate(ours ? OPEN : NONE, "open", -1, call, call), ours);
+    return Observed(
+        ours && (flags & O_CREAT),
+        [&] { return Opened(Operate(ours ? OPEN : NONE, "open", -1, call, call), ours); },
+        [&](int) {
+            return Change{OPEN, path, 0, {}};
+        });
 }
 // The library opens only directories with openat.
 REAL(int, openat64, int parent, const char* path, int flags, ...) {
@@ -135,20 +167,38 @@ REAL(int, openat64, int parent, const char* path, int flags, ...) {
     return Opened(Operate(ours ? LOOK : NONE, "openat", -1, call, call), ours);
 }
 REAL(ssize_t, pwrite64, int fd, const void* bytes, size_t length, off64_t at) {
-    return Operate<ssize_t>(
-        IsOurs(fd) ? WRITE : NONE, "pwrite", -1,
-        [&] { return __real_pwrite64(fd, bytes, length, at); },
-        [&] { return __real_pwrite64(fd, bytes, length / 2, at); }, static_cast<ssize_t>(length));
+    const auto call = [&] {
+        return Operate<ssize_t>(
+            IsOurs(fd) ? WRITE : NONE, "pwrite", -1,
+            [&] { return __real_pwrite64(fd, bytes, length, at); },
+            [&] { return __real_pwrite64(fd, bytes, length / 2, at); },
+            static_cast<ssize_t>(length));
+    };
+    return Observed(IsOurs(fd), call, [&](ssize_t done) {
+        return Change{WRITE,
+                      PathOf(fd),
+                      static_cast<uint64_t>(at),
+                      {static_cast<const char*>(bytes), static_cast<size_t>(done)}};
+    });
 }
 // For a half write: half of the pieces.
 REAL(ssize_t, pwritev64, int fd, const iovec* pieces, int count, off64_t at) {
     ssize_t length = 0;
     for (int i = 0; i < count; ++i)
         length += static_cast<ssize_t>(pieces[i].iov_len);
-    return Operate<ssize_t>(
-        IsOurs(fd) ? WRITE : NONE, "pwritev", -1,
-        [&] { return __real_pwritev64(fd, pieces, count, at); },
-        [&] { return __real_pwritev64(fd, pieces, count / 2, at); }, length);
+    const auto call = [&] {
+        return Operate<ssize_t>(
+            IsOurs(fd) ? WRITE : NONE, "pwritev", -1,
+            [&] { return __real_pwritev64(fd, pieces, count, at); },
+            [&] { return __real_pwritev64(fd, pieces, count / 2, at); }, length);
+    };
+    return Observed(IsOurs(fd), call, [&](ssize_t done) {
+        Change change{WRITE, PathOf(fd), static_cast<uint64_t>(at), {}};
+        for (int i = 0; i < count; ++i)
+            change.bytes.append(static_cast<const char*>(pieces[i].iov_base), pieces[i].iov_len);
+        change.bytes.resize(static_cast<size_t>(done));
+        return change;
+    });
 }
 REAL(ssize_t, pread64, int fd, void* bytes, size_t length, off64_t at) {
     CALL(ssize_t, -1, READ, fd, pread64, fd, bytes, length, at);
@@ -166,8 +216,8 @@ REAL(int, fstatat64, int parent, const char* path, struct stat64* info, int flag
     CALL(int, -1, LOOK, parent, fstatat64, parent, path, info, flags);
 }
 REAL(int, unlinkat, int parent, const char* path, int flags) {
-    CALL(int, -1, (flags & AT_REMOVEDIR ? REMOVE_DIR : REMOVE), parent, unlinkat, parent, path,
-         flags);
+    CHANGE((flags & AT_REMOVEDIR ? REMOVE_DIR : REMOVE), parent, PathOf(parent) + "/" + path,
+           unlinkat, parent, path, flags);
 }
 REAL(int, stat64, const char* path, struct stat64* info) {
     CALL(int, -1, LOOK, path, stat64, path, info);
@@ -175,11 +225,11 @@ REAL(int, stat64, const char* path, struct stat64* info) {
 REAL(int, lstat64, const char* path, struct stat64* info) {
     CALL(int, -1, LOOK, path, lstat64, path, info);
 }
-REAL(int, unlink, const char* path) { CALL(int, -1, REMOVE, path, unlink, path); }
-REAL(int, mkdir, const char* path, mode_t mode) {
-    CALL(int, -1, MAKE_DIR, path, mkdir, path, mode);
-}
-REAL(int, rmdir, const char* path) { CALL(int, -1, REMOVE_DIR, path, rmdir, path); }
+REAL(int, unlink, const char* path) { CHANGE(REMOVE, path, path, unlink, path); }
+REAL(int, mkdir, const char* path, mode_t mode) { CHANGE(MAKE_DIR, path, path, mkdir, path, mode); }
+REAL(int, rmdir, const char* path) { CHANGE(REMOVE_DIR, path, path, rmdir, path); }
+REAL(int, fsync, int fd) { CHANGE(SYNC, fd, PathOf(fd), fsync, fd); }
+REAL(int, fdatasync, int fd) { CHANGE(SYNC, fd, PathOf(fd), fdatasync, fd); }
 
 // The other forms of new and delete call these, except those for over-aligned types.
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
@@ -217,6 +267,7 @@ void Thaw() {
     g_createdWhileFrozen.clear();
 }
 void SetCallback(std::function<void()> callback) { g_callback = std::move(callback); }
+void Observe(std::function<void(Change)> observer) { g_observer = std::move(observer); }
 const char* FirstHit() { return g_state.firstHit; }
 
 } // namespace faults

@@ -15,6 +15,7 @@ enum Kind : uint32_t {
     OPEN = 1,
     READ = 2,
     WRITE = 4,
+    SYNC = 8,
     CLOSE = 16,
     REMOVE = 32,
     MAKE_DIR = 64,
@@ -54,6 +55,15 @@ uint32_t Hits();
 bool IsFrozen();
 void Thaw();
 void SetCallback(std::function<void()> callback);
+
+struct Change {
+    Kind kind; // OPEN: the file was created
+    std::string path;
+    uint64_t offset = 0;
+    std::string bytes;
+};
+// Calls the function after each WRITE, SYNC, REMOVE, MAKE_DIR, REMOVE_DIR and creation below the root, in order.
+void Observe(std::function<void(Change)> observer);
 // The name of the first call with a fault, for messages.
 const char* FirstHit();
 

@@ -193,3 +193,20 @@ TEST(Streams, MoreOpenFilesThanStreamsWork) {
         std::fclose(stream);
     EXPECT_EQ(log.Text(), "");
 }
+
+TEST(File, ASyncReachesOpenFilesAndWhatWasWrittenBeforeTheyWereOpened) {
+    Cache cache;
+    FileRef open = cache.Create();
+    FileRef closed = cache.Create();
+    Write(*Cache::Block(*open, 1), "bytes");
+    Write(*Cache::Block(*closed, 1), "bytes");
+    const FMFileID id = closed->GetFileInfo().fileID;
+    cache.Close(closed);
+    FMWaitUntilIdle();
+    const LogCapture log(RT_LOG_ERROR);
+    std::vector<FMUnsavedBlock> unsaved;
+    const FileRef again = cache.Open(id);
+    EXPECT_EQ(Read(*Cache::Block(*again, 1)), "bytes"); // opens its data file
+    EXPECT_EQ(FMSync(unsaved), RT_OK) << log.Text();
+    EXPECT_TRUE(unsaved.empty());
+}

@@ -27,6 +27,12 @@ CRtString ParentOf(const CRtString& path) {
     return end == std::string_view::npos ? CRtString() : path.Left(end);
 }
 
+// With its separator.
+CRtString DirectoryOf(const CRtString& path) {
+    const size_t separator = RtOs::FindLastSeparator(path);
+    return separator == std::string_view::npos ? CRtString(".\\") : path.Left(separator + 1);
+}
+
 void LogRemoveDir(const CRtString& dir) {
     RT_LOG(RT_LOG_TRACE, "CFileManager::RemoveDir. Dir:" << dir);
 }
@@ -231,9 +237,10 @@ int CFileManager::CreateDir(const CRtString& dir) {
         path = ParentOf(path);
     } while (!path.empty() && !DirExists(path));
     for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
-        if (RtOs::MakeDirectory(*it))
+        if (RtOs::MakeDirectory(*it)) {
             RT_LOG(RT_LOG_TRACE, "CFileManager::CreateDir. mkdir:" << *it);
-        else
+            Instance()->m_live.NoteNewDirectoryIn(DirectoryOf(*it));
+        } else
             RT_LOG(RT_LOG_WARNING, "CFileManager::CreateDir. mkdir Error. Dir: " << *it);
     }
     return 0;

@@ -229,6 +229,7 @@ int CDiskFile::Put(std::span<const RtOs::Piece> pieces, uint64_t offset) {
     uint64_t end = offset;
     for (const RtOs::Piece& piece : pieces)
         end += piece.length;
+    m_isSynced = false;
     if (pieces.size() > 1) {
         if (RtOs::WriteAllAt(m_file, offset, pieces) != RtOs::Transfer::Done)
             return RT_ERROR_IO;
@@ -285,6 +286,16 @@ int CDiskFile::Fail(Transfer transfer, RtOs::Transfer result, uint32_t dwLength,
 void CDiskFile::LogSystemError(const char* call, int error) const {
     RT_LOG(RT_LOG_ERROR, "CDiskFile::" << call << ", system error " << RtOs::GetErrorText(error)
                                        << ", filename=" << m_strFileName << " this=" << this);
+}
+
+int CDiskFile::Sync() {
+    if (m_isSynced)
+        return RT_OK;
+    const CStreamKeeper::CUse use(*this);
+    m_isSynced = HasStream() ? RtOs::Sync(m_file) : RtOs::SyncPath(m_strFileName);
+    if (!m_isSynced)
+        LogSystemError("Sync", RtOs::GetErrno());
+    return m_isSynced ? RT_OK : RT_ERROR_IO;
 }
 
 bool CDiskFile::IsStreamOpen() {

@@ -59,6 +59,12 @@ public:
     /// file descriptors.
     bool TakeExisting();
 
+    /// Writes what the system caches of the file to the device. A no-op if this object has written nothing since
+    /// the last call, unless it was marked. RT_OK, RT_ERROR_IO.
+    int Sync();
+    bool IsSynced() const { return m_isSynced; }
+    void MarkUnsynced() { m_isSynced = false; }
+
     /// Whether a stream is open. Opens none.
     bool IsStreamOpen();
     /// The length of a file that is open, in bytes. RT_OK, RT_ERROR_IO.
@@ -108,6 +114,7 @@ private:
     bool m_isLeftKnown = true;  // else only the identity and length in m_left hold
     uint64_t m_checkedAt = 0;   // tick count of the last CheckPath
     bool m_isTooShort = false;
+    bool m_isSynced = true; // this object has written nothing since the last Sync
     Opening m_opening;
 };
 

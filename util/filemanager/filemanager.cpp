@@ -586,9 +586,9 @@ CFMBlock* FMHost::CreateBlock(CFMBlockOwner* file, uint32_t blockID, uint64_t no
 const CRtString& FMHost::GetDataDir() { return CFileManager::Instance()->GetDataDir(); }
 void FMHost::CheckDataDir() { CFileManager::Instance()->CheckDataDir(); }
 int FMHost::GetClearDays() { return CFileManager::Instance()->GetClearDays(); }
-void FMHost::ForgetFile(CFMFile* file) {
+void FMHost::ForgetFile(CFMFile* file, bool isUnsynced) {
     if (CFileManager* manager = CFileManager::IfAlive())
-        manager->GetLiveFiles().Forget(file->GetPathID(), file);
+        manager->GetLiveFiles().Forget(file->GetPathID(), file, isUnsynced);
 }
 void FMHost::KeepUnsaved(CFMFile* file) {
     CFileManager::Instance()->GetLiveFiles().KeepUnsaved(file);

@@ -1,10 +1,12 @@
-// FMFlush: writes the blocks and tables of all files.
+// FMFlush: writes the blocks and tables of all files. FMSync: to the device.
 #include "FMDurability.h"
 
 #include <algorithm>
 #include <utility>
 
+#include "FMCatalog.h"
 #include "RtEventQueue.h"
+#include "RtLog.h"
 #include "RtResult.h"
 #include "filemanager.h"
 #include "fmblock.h"
@@ -55,6 +57,71 @@ int PostFlush(CFileManager& manager, uint32_t run, FlushDone done) {
     return manager.PostToReadwrThread(new CFMCall(post), 0);
 }
 
+// FMSync, after the stores.
+class CSync {
+public:
+    explicit CSync(CFileManager& manager)
+        : m_manager(manager), m_live(manager.GetLiveFiles()), m_dir(manager.GetDataDir()) {
+        // On Windows, a file that is open can only be synced through its own handle.
+        for (const auto& file : m_files) {
+            CFMDiskEntry& entry = file->GetEntry();
+            if (!entry.IsDetached() &&
+                (m_unsynced.isEvery || m_unsynced.closed.erase(file->GetPathID()) > 0))
+                entry.MarkUnsynced();
+        }
+        std::vector<CRtString> others;
+        for (const FMFileID& id : m_unsynced.closed)
+            m_closed.push_back(FMFileIDToString(id));
+        if (m_unsynced.isEvery)
+            FMListCachedFiles(m_dir, m_closed, others);
+    }
+
+    int Run(Unsaved& unsaved) {
+        SyncFiles(&CFMDiskEntry::SyncData, FM_DATA_EXTENSION); // before a table names the bytes
+        const int result = m_manager.SaveAll(unsaved);
+        SyncFiles(&CFMDiskEntry::SyncTable, FM_INFO_EXTENSION);
+        m_unsynced.dirs.insert(m_dir); // the tables may have been created
+        for (const CRtString& dir : m_unsynced.dirs)
+            SyncPath(dir, false);
+        if (m_isSynced)
+            return result;
+        m_live.KeepUnsynced(std::move(m_unsynced));
+        return RT_ERROR_IO;
+    }
+
+private:
+    void SyncFiles(int (CFMDiskEntry::*sync)(), const char* extension) {
+        for (const auto& file : m_files) {
+            if (!(file->GetFileInfo().flag & FM_FILE_TEMPORARY)) // no later run loads it
+                m_isSynced = RT_SUCCEEDED((file->GetEntry().*sync)()) && m_isSynced;
+        }
+        for (const CRtString& stem : m_closed)
+            SyncPath(m_dir + stem + extension, m_unsynced.isEvery);
+    }
+
+    // `isAny`: the path may be a file that a process has open, which syncs it, or no file of the cache.
+    void SyncPath(const CRtString& path, bool isAny) {
+        if (RtOs::SyncPath(path))
+            return;
+        const int error = RtOs::GetErrno();
+        RtOs::FileStamp stamp;
+        if (isAny && (RtOs::IsInUse(error) || (RtOs::GetStamp(path, stamp) && !stamp.exists)))
+            return;
+        m_isSynced = false;
+        RT_LOG(RT_LOG_ERROR,
+               "FMSync, system error " << RtOs::GetErrorText(error) << ", path=" << path);
+    }
+
+    CFileManager& m_manager;
+    CFMLiveFiles& m_live;
+    const CRtString& m_dir;
+    const std::vector<CFMLiveFiles::FileRef> m_files = m_live.Get(nullptr);
+    // Taken after m_files: an object that ends in between is in one of them.
+    CFMLiveFiles::Unsynced m_unsynced = m_live.TakeUnsynced();
+    std::vector<CRtString> m_closed; // stems
+    bool m_isSynced = true;
+};
+
 } // namespace
 
 int FMFlush(std::vector<FMUnsavedBlock>& unsaved) {
@@ -63,6 +130,14 @@ int FMFlush(std::vector<FMUnsavedBlock>& unsaved) {
         return RT_ERROR_NOT_READY;
     manager->PostToReadwrThread(new CFMFunctorBase, 1, RT_PRIORITY_NORMAL);
     return manager->SaveAll(unsaved);
+}
+
+int FMSync(std::vector<FMUnsavedBlock>& unsaved) {
+    CFileManager* const manager = BeginFlush("FMSync");
+    if (!manager)
+        return RT_ERROR_NOT_READY;
+    manager->PostToReadwrThread(new CFMFunctorBase, 1, RT_PRIORITY_NORMAL);
+    return CSync(*manager).Run(unsaved);
 }
 
 int FMFlushAsync(FlushDone done) {

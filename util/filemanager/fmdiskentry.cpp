@@ -195,6 +195,24 @@ void CFMDiskEntry::RemoveFiles() {
     m_path.store(Path::Detached, std::memory_order_release);
 }
 
+int CFMDiskEntry::Sync(CDiskFile* file) {
+    const std::unique_lock lock = Lock();
+    return file && !IsDetached() ? file->Sync() : RT_OK;
+}
+
+void CFMDiskEntry::MarkUnsynced() {
+    const std::unique_lock lock = Lock();
+    for (CDiskFile* file : {m_pData, static_cast<CDiskFile*>(m_pInfo)}) {
+        if (file)
+            file->MarkUnsynced();
+    }
+}
+
+bool CFMDiskEntry::IsUnsynced() const {
+    return !IsDetached() &&
+           ((m_pData && !m_pData->IsSynced()) || (m_pInfo && !m_pInfo->IsSynced()));
+}
+
 void CFMDiskEntry::Detach() {
     const std::unique_lock lock = Lock();
     m_path.store(Path::Detached, std::memory_order_release);

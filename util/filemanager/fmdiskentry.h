@@ -58,6 +58,13 @@ public:
     /// the entries of the table lose their bytes. Takes the pending table from `stores`, and puts it back if it
     /// could not be written. A no-op if there is none.
     TableWritten WriteTable(CFMStores& stores);
+    /// What the system caches of the data file, or of the information file, goes to the device. RT_OK, RT_ERROR_IO.
+    int SyncData() { return Sync(m_pData); }
+    int SyncTable() { return Sync(m_pInfo); }
+    /// An earlier object of the path has not synced what it has written.
+    void MarkUnsynced();
+    /// Whether FMSync has to sync what this object has written. For the owner's destructor, which locks nothing.
+    bool IsUnsynced() const;
     /// Removes both files, the information file first, and detaches. If the information file cannot be removed, both
     /// stay. A no-op if another process has locked the data file.
     void RemoveFiles();
@@ -104,6 +111,7 @@ private:
     int BeginTable();
     int WriteBlockBody(const FMTable& table, uint32_t& left);
     int DiscardPredecessorLocked();
+    int Sync(CDiskFile* file);
     int InvalidateTable();
     int Revoke(int64_t pos, int64_t end);
     bool IsNamed(int64_t pos, int64_t end) const;

@@ -73,11 +73,12 @@ CFMFile::~CFMFile() {
     RT_LOG(RT_LOG_TRACE,
            "CFMFile::~CFMFile, fileID=" << FMFileIDToString(m_fileInfo.fileID) << ", fileFlag="
                                         << (m_fileFlag.load() & FLAGS_LOGGED) << " this=" << this);
+    const bool isUnsynced = m_entry->IsUnsynced();
     m_infoFile.Reset();
     m_diskFile.Reset();
     // Unregister last: from here on another object may open the path.
     if (m_registered)
-        FMHost::ForgetFile(this);
+        FMHost::ForgetFile(this, isUnsynced);
 }
 
 int CFMFile::GetBlock(IFMBlock*& block, uint32_t blockID, int create) noexcept {

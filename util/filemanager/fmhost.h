@@ -45,7 +45,7 @@ void CheckDataDir();
 int GetClearDays();
 
 /// The file is being destroyed. Any thread, also after the manager is gone.
-void ForgetFile(CFMFile* file);
+void ForgetFile(CFMFile* file, bool isUnsynced);
 /// The table of the file could not be written: it stays pending; a later tick or UnInitialize retries it.
 void KeepUnsaved(CFMFile* file);
 

@@ -1,14 +1,17 @@
 #include "fmlivefiles.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "fmfile.h"
 
 CFMLiveFiles::CFMLiveFiles() = default;
 CFMLiveFiles::~CFMLiveFiles() = default;
 
-void CFMLiveFiles::Forget(const FMFileID& pathID, const CFMFile* file) {
+void CFMLiveFiles::Forget(const FMFileID& pathID, const CFMFile* file, bool isUnsynced) {
     const std::lock_guard lock(m_mutex);
+    if (isUnsynced)
+        m_unsynced.Add({false, {pathID}, {}});
     const auto [first, last] = m_files.equal_range(pathID);
     const auto it =
         std::find_if(first, last, [file](const auto& each) { return each.second == file; });
@@ -72,4 +75,31 @@ void CFMLiveFiles::SaveUnsaved() {
     files.swap(m_unsaved);
     for (const FileRef& file : files)
         file->SaveFileInfo_m(); // which keeps it again if it fails
+}
+
+// --- What FMSync has to write -------------------------------------------------------------------
+
+// The list of an application that never calls FMSync must not grow with each file.
+void CFMLiveFiles::Unsynced::Add(Unsynced more) {
+    constexpr size_t most = 4096;
+    closed.merge(more.closed);
+    dirs.merge(more.dirs);
+    isEvery = isEvery || more.isEvery || closed.size() > most;
+    if (isEvery)
+        closed.clear();
+}
+
+void CFMLiveFiles::NoteNewDirectoryIn(const CRtString& directory) {
+    const std::lock_guard lock(m_mutex);
+    m_unsynced.Add({false, {}, {directory}});
+}
+
+CFMLiveFiles::Unsynced CFMLiveFiles::TakeUnsynced() {
+    const std::lock_guard lock(m_mutex);
+    return std::exchange(m_unsynced, {});
+}
+
+void CFMLiveFiles::KeepUnsynced(Unsynced unsynced) {
+    const std::lock_guard lock(m_mutex);
+    m_unsynced.Add(std::move(unsynced));
 }

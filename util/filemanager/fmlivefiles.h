@@ -4,10 +4,12 @@
 #include <condition_variable>
 #include <map>
 #include <mutex>
+#include <set>
 #include <vector>
 
 #include "FMFileID.h"
 #include "RtReferenceControl.h"
+#include "RtString.h"
 
 class CFMFile;
 
@@ -25,7 +27,7 @@ public:
     /// Precondition: the lock is held.
     void Add(const FMFileID& pathID, CFMFile* file) { m_files.emplace(pathID, file); }
     /// The object is being destroyed. Any thread.
-    void Forget(const FMFileID& pathID, const CFMFile* file);
+    void Forget(const FMFileID& pathID, const CFMFile* file, bool isUnsynced);
     /// All objects, or those of one path, except those that are being destroyed.
     std::vector<FileRef> Get(const FMFileID* pathID);
     /// Includes objects that are being destroyed.
@@ -55,6 +57,18 @@ public:
     void SaveUnsaved();
     void DropUnsaved() { m_unsaved.clear(); }
 
+    /// What FMSync writes beside the live files.
+    struct Unsynced {
+        bool isEvery = false;      ///< every file of the directory: too many to name them
+        std::set<FMFileID> closed; ///< paths of objects that are gone
+        std::set<CRtString> dirs;  ///< directories that this process has created a directory in
+        void Add(Unsynced more);
+    };
+    void NoteNewDirectoryIn(const CRtString& directory);
+    Unsynced TakeUnsynced();
+    /// They could not be synced.
+    void KeepUnsynced(Unsynced unsynced);
+
 private:
     bool IsClaimed(const FMFileID& pathID) const;
 
@@ -63,4 +77,5 @@ private:
     std::multimap<FMFileID, CFMFile*> m_files;
     std::vector<FMFileID> m_claimed; // one or two
     std::vector<FileRef> m_unsaved;  // caller thread
+    Unsynced m_unsynced;
 };

@@ -4,7 +4,8 @@
 /// A block survives the end of the process when the data file contains its bytes and the block table on disk
 /// names them. The library stores the bytes when the block is complete. It writes the table in FMFlush, and after
 /// the file was closed. "On disk" means written to the operating system: the bytes survive a crash or a kill of
-/// the process, but a power loss may lose what the system has not written to the device (docs/reliability.md).
+/// the process, but a power loss may lose what the system has not written to the device, unless FMSync has written it
+/// (docs/reliability.md).
 ///
 /// The format has one table for each file. While the table is written (some microseconds), a kill loses the blocks
 /// of the file, also those that an earlier flush has written.
@@ -72,6 +73,27 @@ struct FMUnsavedBlock {
 /// @retval RT_ERROR_NOT_READY the manager is not initialized; or the calling thread is not the caller thread.
 ///     Nothing was written.
 RT_EXPORT int FMFlush(std::vector<FMUnsavedBlock>& unsaved);
+
+/// As FMFlush, and writes everything to the device, so that a power loss does not lose it: first the data files, then
+/// the tables, then the directory and the directories above it in which this process has created one. This includes
+/// the files that were closed since the last call. It excludes temporary files, and files that only an earlier process
+/// has changed.
+///
+/// Call it on the caller thread, which waits for the device: for the data file and for the table of each file that was
+/// changed since the last call, and for the directories. On Windows, a directory is synced through a handle with write
+/// access; a file system that does not support that makes the call fail.
+///
+/// **What a later power loss can still lose.** The format has one table for each file, which is written in place: in
+/// FMSync and FMFlush, after the close of a changed file, and before a block that it names is rewritten. A power loss
+/// between such a write and the end of the next FMSync can lose all blocks of this file, or give wrong bytes. A file
+/// that is not changed after the call has no such write: neither its close nor UnInitialize writes it.
+/// @param[out] unsaved as for FMFlush. A block that was written but could not be synced is not listed.
+/// @retval RT_OK as for FMFlush, and for a power loss.
+/// @retval RT_ERROR_IO a block or a table could not be written, or a file or a directory could not be synced. The log
+///     has the errors and the paths. A later RT_OK does not include the bytes whose sync has failed, because the system
+///     need not keep what it could not write to the device: write the blocks of these files again.
+/// @retval RT_ERROR_NOT_READY as for FMFlush.
+RT_EXPORT int FMSync(std::vector<FMUnsavedBlock>& unsaved);
 
 /// As FMFlush, but does not wait for the stores: returns immediately. The tables are written on the caller thread
 /// when the stores have ended, just before the callback. Call it on the caller thread.

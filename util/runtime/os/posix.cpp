@@ -481,6 +481,27 @@ Transfer WriteAllAt(int file, uint64_t offset, std::span<const Piece> pieces) {
     return static_cast<size_t>(moved) == length ? Transfer::Done : Transfer::Short;
 }
 
+bool Sync(int file) {
+#ifdef F_FULLFSYNC // fsync leaves the bytes in the cache of the device
+    return ::fcntl(file, F_FULLFSYNC) == 0;
+#else
+    return ::fdatasync(file) == 0;
+#endif
+}
+
+bool SyncPath(const CRtString& path) {
+    bool created = false;
+    const int fd = OpenOrCreate(Native(path).c_str(), OPEN_READ, created);
+    if (fd < 0)
+        return IsMissing(errno);
+    // A file system that keeps nothing in a cache may have no such operation.
+    const bool isDone = ::fsync(fd) == 0 || errno == EINVAL;
+    const int error = errno;
+    ::close(fd);
+    errno = error;
+    return isDone;
+}
+
 uint32_t GetStreamLimit() {
     rlimit limit{};
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur > INT_MAX)

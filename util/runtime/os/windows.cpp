@@ -549,6 +549,17 @@ bool GetStamp(const CRtString& path, FileStamp& stamp) {
     return file.IsOpen() ? Stamp(file.Get(), stamp) : IsMissing(::GetLastError());
 }
 
+bool Sync(int file) { return Succeeded(::FlushFileBuffers(HandleOf(file))); }
+
+// The access is the least that permits the call: to append, which in a directory is to add a directory.
+bool SyncPath(const CRtString& path) {
+    static_assert(FILE_ADD_SUBDIRECTORY == FILE_APPEND_DATA);
+    Handle entry;
+    if (!OpenDirectory(WithoutTail(path), entry, FILE_APPEND_DATA, SHARE_ALL, 0))
+        return IsNoSuchFile(errno);
+    return Succeeded(::FlushFileBuffers(entry.Get()));
+}
+
 uint32_t GetStreamLimit() { return static_cast<uint32_t>(::_getmaxstdio()); }
 
 } // namespace RtOs
