@@ -128,8 +128,8 @@ class Finder:
             self.visit_expression(node, kind, children, function, role)
 
     def visit_function(self, node, children):
-        head = self.source(node).split("{", 1)[0]
-        if re.search(r"\b(constexpr|consteval)\b", head):
+        head, brace, _ = self.source(node).partition("{")
+        if not brace or re.search(r"\b(constexpr|consteval)\b", head):
             return
         scope = node.semantic_parent
         name = node.spelling
@@ -153,7 +153,8 @@ class Finder:
         if node.kind == K.DO_STMT:
             roles = {0: STATEMENT, len(children) - 1: CONDITION}
         else:
-            close = self.closing(self.text.index("(", start))
+            bracket = self.text.index("(", start)
+            close = self.closing(bracket)
             roles = {n: STATEMENT for n, child in enumerate(children) if child.extent.start.offset > close}
             head = [n for n, child in enumerate(children) if n not in roles]
             if node.kind == K.FOR_STMT:
@@ -162,7 +163,9 @@ class Finder:
             declared = [n for n in head if children[n].kind in (K.VAR_DECL, K.DECL_STMT)]
             inside = any(n != head[-1] and self.span(children[n])[1] >= self.span(children[head[-1]])[1]
                          for n in declared) if head else True
-            if head and not inside and node.kind in (K.IF_STMT, K.WHILE_STMT, K.FOR_STMT):
+            if "constexpr" in self.text[start:bracket]:
+                children, roles = children[len(head):], {n: STATEMENT for n in range(len(children) - len(head))}
+            elif head and not inside and node.kind in (K.IF_STMT, K.WHILE_STMT, K.FOR_STMT):
                 roles[head[-1]] = CONDITION
         for n, child in enumerate(children):
             self.visit(child, function, roles.get(n, VALUE))
