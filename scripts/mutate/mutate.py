@@ -125,6 +125,7 @@ class Case:
     def run(self, limit, **environment):
         """Returns whether the case passes. One that takes longer than `limit` seconds fails."""
         with tempfile.TemporaryDirectory(dir=scratch, ignore_cleanup_errors=True) as folder:
+            os.chmod(folder, 0o711)  # some tests change to another user
             process = subprocess.Popen(
                 self.command, cwd=folder, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                 start_new_session=True, env={**os.environ, **self.environment, **environment, "TMPDIR": folder})
@@ -252,4 +253,5 @@ if __name__ == "__main__":
     arguments = parse_arguments()
     memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
     with tempfile.TemporaryDirectory(dir=memory, prefix="filemanager-mutate-", ignore_cleanup_errors=True) as scratch:
+        os.chmod(scratch, 0o711)
         main()
