@@ -15,16 +15,15 @@ import random
 import re
 import resource
 import shutil
-import signal
 import subprocess
 import sys
-import tempfile
 import time
 from pathlib import Path
 
 import mutants as syntax
+import suite
 
-ROOT = Path(__file__).resolve().parents[2]
+ROOT = suite.ROOT
 WORK = ROOT / "build" / "mutate"
 SOURCE, BUILD = WORK / "source", WORK / "build"
 LISTED = Path(__file__).with_name("survivors.txt")
@@ -65,7 +64,7 @@ __attribute__((constructor(101))) static void Select() {
 
 def find_mutants():
     """All mutants, numbered from 1. They are kept until a source of the library or this tool changes."""
-    files = sorted([*(ROOT / "util").rglob("*.[hc]*"), *Path(__file__).parent.glob("*.py")])
+    files = sorted([*(ROOT / "util").rglob("*.[hc]*"), Path(syntax.__file__)])
     digest = hashlib.sha256(b"".join(path.read_bytes() for path in files)).hexdigest()
     kept = WORK / "mutants.pickle"
     if kept.exists():
@@ -100,84 +99,23 @@ def build(found, with_tool):
         shutil.copymode(ROOT / name, SOURCE / name)
     write(WORK / "mutant.h", HEADER.encode())
     write(SOURCE / "util/runtime/mutant.cpp", SELECTION.replace("COUNT", str(len(found) + 1)).encode())
-    options = {"BUILD_SHARED_LIBS": "OFF", "CMAKE_BUILD_TYPE": "RelWithDebInfo", "CMAKE_CXX_FLAGS": f"-w -I{WORK}",
-               "CMAKE_CXX_FLAGS_RELWITHDEBINFO": "-O1 -D_GLIBCXX_ASSERTIONS", "FILEMANAGER_QUICK_DRIVERS": "ON",
-               "FILEMANAGER_PRECOMPILE": "ON", "FILEMANAGER_WERROR": "OFF", "FILEMANAGER_BUILD_EXAMPLES": "OFF",
-               "FILEMANAGER_BUILD_TOOLS": "ON" if with_tool else "OFF"}
-    quietly(["cmake", "-S", SOURCE, "-B", BUILD, "-G", "Ninja", *(f"-D{key}={value}" for key, value in options.items())])
-    quietly(["cmake", "--build", BUILD, "--parallel", str(arguments.jobs), "--target", "tests/all",
-             *(["fmcache"] if with_tool else [])])
+    suite.build(SOURCE, BUILD, f"-w -I{WORK}", "-O1", with_tool, arguments.jobs)
 
 
-def quietly(command):
-    done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-    if done.returncode:
-        sys.exit("\n".join(line for line in done.stdout.splitlines()[-200:]))
+def measure(case, count):
+    """Without a mutant: the time of a case, and the mutants that it executes. Returns whether the case passes."""
+    path = WORK / "reached" / re.sub(r"\W", "-", case.name)
+    path.write_bytes(bytes(count + 1))
+    begin = time.monotonic()
+    passes = case.run(600, FILEMANAGER_MUTANTS_REACHED=str(path))
+    case.seconds, case.reached = time.monotonic() - begin, path.read_bytes()
+    return passes
 
 
-class Case:
-    """One test case, in a process of its own."""
-
-    def __init__(self, name, command, **environment):
-        self.name, self.command, self.environment = name, command, environment
-        self.seconds, self.reached = 0.0, b""
-
-    def run(self, limit, **environment):
-        """Returns whether the case passes. One that takes longer than `limit` seconds fails."""
-        with tempfile.TemporaryDirectory(dir=scratch, ignore_cleanup_errors=True) as folder:
-            os.chmod(folder, 0o711)  # some tests change to another user
-            process = subprocess.Popen(
-                self.command, cwd=folder, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                start_new_session=True, env={**os.environ, **self.environment, **environment, "TMPDIR": folder})
-            try:
-                return process.wait(limit) == 0
-            except subprocess.TimeoutExpired:
-                return False
-            finally:
-                try:
-                    os.killpg(process.pid, signal.SIGKILL)  # and what the case has started
-                except ProcessLookupError:
-                    pass
-                process.wait()
-
-    def measure(self, count):
-        """Without a mutant: the time of the case, and the mutants that it executes."""
-        path = WORK / "reached" / re.sub(r"\W", "-", self.name)
-        path.write_bytes(bytes(count + 1))
-        begin = time.monotonic()
-        passes = self.run(600, FILEMANAGER_MUTANTS_REACHED=str(path))
-        self.seconds, self.reached = time.monotonic() - begin, path.read_bytes()
-        return passes
-
-
-def cases(with_tool):
-    for program in sorted((BUILD / "tests").glob("*_test")):
-        listed = subprocess.run([program, "--gtest_list_tests"], check=True, text=True, stdout=subprocess.PIPE).stdout
-        suite = ""
-        for line in listed.splitlines():
-            line = line.split("#")[0].rstrip()
-            if not line.startswith(" "):
-                suite = line
-                continue
-            name = f"{suite}{line.strip()}"
-            command = [program, f"--gtest_filter={name}"]
-            if program.name != "simulator_test":
-                yield Case(f"{program.name}.{name}", command)
-            elif "Seeds." in name:  # first few programs, then others
-                for first, programs in ((0, 400), (400, arguments.programs)):
-                    yield Case(f"{program.name}.{name} ({programs // 4} programs)", command,
-                               FILEMANAGER_SEED=str(first), FILEMANAGER_SEEDS=str(programs))
-            elif "BothThreads" not in name:  # takes a minute
-                yield Case(f"{program.name}.{name}", command)
-    if with_tool:
-        for script in sorted((SOURCE / "tests").glob("fmcache*_test.sh")):
-            yield Case(script.stem, ["bash", script, BUILD / "tools/fmcache/fmcache", BUILD])
-
-
-def killers(mutant, suite):
+def killers(mutant, tests):
     """The cases that fail with the mutant: the first one, or the first two if it matters whether there is only one."""
     failed = []
-    for case in suite:
+    for case in tests:
         if case.reached[mutant.number] and not case.run(10 * case.seconds + 5, FILEMANAGER_MUTANT=str(mutant.number)):
             failed.append(case.name)
             if len(failed) > arguments.needed:
@@ -185,22 +123,15 @@ def killers(mutant, suite):
     return failed
 
 
-def reasons():
-    """Pairs of a pattern and the reason why mutants that it matches survive."""
-    lines = [line for line in LISTED.read_text("utf-8").splitlines() if line and not line.startswith("#")]
-    pairs = [line.split("  # ", 1) for line in lines]
-    return [(re.compile(re.escape(pattern.strip()).replace(r"\*", ".*")), reason) for pattern, reason in pairs]
-
-
-def report(results, suite):
-    listed, counts, unlisted = reasons(), collections.Counter(), 0
+def report(results, tests):
+    listed, counts, unlisted = suite.reasons(LISTED), collections.Counter(), 0
     only = collections.Counter(failed[0] for _, failed in results if len(failed) == 1)
     for mutant, failed in results:
         reason = None if failed else next((text for each, text in listed if each.fullmatch(str(mutant))), "unlisted")
         counts["killed" if failed else "equivalent" if reason.startswith("equivalent") else
                "unlisted" if reason == "unlisted" else "listed"] += 1
         if reason == "unlisted":
-            reached = any(case.reached[mutant.number] for case in suite)
+            reached = any(case.reached[mutant.number] for case in tests)
             print(f"survives{'' if reached else ', no test executes it'}: {mutant}")
     survived = counts["listed"] + counts["unlisted"]
     relevant = counts["killed"] + survived
@@ -208,9 +139,11 @@ def report(results, suite):
           f"{survived} survive ({counts['unlisted']} without a reason in {LISTED.name}); "
           f"{100 * counts['killed'] / max(relevant, 1):.1f} % of those that are not equivalent are killed")
     if arguments.needed:
-        lines = [f"{only[case.name]:5} {case.seconds:7.2f} s  {case.name}" for case in suite]
+        lines = [f"{only[case.name]:5} {case.seconds:7.2f} s  {case.name}" for case in tests]
         (WORK / "needed.txt").write_text("\n".join(sorted(lines)) + "\n")
         print("mutate: number of mutants that only one case kills, per case: build/mutate/needed.txt")
+    if arguments.least is not None:
+        return 100 * counts["killed"] >= arguments.least * relevant
     return counts["unlisted"] == 0
 
 
@@ -221,7 +154,8 @@ def parse_arguments():
     parser.add_argument("--quick", action="store_true")
     parser.add_argument("--needed", action="store_true")
     parser.add_argument("--programs", type=int, default=8000)
-    parser.add_argument("--jobs", type=int, default=len(os.sched_getaffinity(0)))
+    parser.add_argument("--least", type=float)
+    parser.add_argument("--jobs", type=int, default=suite.JOBS)
     parser.add_argument("files", nargs="*", metavar="FILE")
     return parser.parse_args()
 
@@ -233,25 +167,25 @@ def main():
     found = find_mutants()
     build(found, not arguments.quick)
     pool = concurrent.futures.ThreadPoolExecutor(arguments.jobs)
-    suite = list(cases(not arguments.quick))
-    for case, passes in zip(suite, pool.map(lambda case: case.measure(len(found)), suite)):
+    tests = list(suite.cases(SOURCE, BUILD, arguments.programs, not arguments.quick))
+    for case, passes in zip(tests, pool.map(lambda case: measure(case, len(found)), tests)):
         if not passes:
             sys.exit(f"mutate: without a mutant this test fails: {case.name}")
-    suite.sort(key=lambda case: case.seconds)
+    tests.sort(key=lambda case: case.seconds)
     chosen = [each for each in found if not arguments.files or each.file in arguments.files]
+    if arguments.quick:
+        chosen = [each for each in chosen if any(case.reached[each.number] for case in tests)]
     random.Random(arguments.date).shuffle(chosen)
     chosen = chosen[:arguments.count]
     with open(WORK / "results.txt", "w", 1) as log:
         results = []
-        for mutant, failed in zip(chosen, pool.map(lambda each: killers(each, suite), chosen)):
+        for mutant, failed in zip(chosen, pool.map(lambda each: killers(each, tests), chosen)):
             results.append((mutant, failed))
             print(f"{mutant.number}\t{mutant}\t{'; '.join(failed) or 'survives'}", file=log)
-    sys.exit(0 if report(results, suite) else 1)
+    sys.exit(0 if report(results, tests) else 1)
 
 
 if __name__ == "__main__":
     arguments = parse_arguments()
-    memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
-    with tempfile.TemporaryDirectory(dir=memory, prefix="filemanager-mutate-", ignore_cleanup_errors=True) as scratch:
-        os.chmod(scratch, 0o711)
+    with suite.scratch_directory():
         main()
