@@ -25,7 +25,7 @@ def measure():
     profiles = WORK / "profiles"
     shutil.rmtree(profiles, ignore_errors=True)
     profiles.mkdir()
-    tests = list(suite.cases(suite.ROOT, WORK, 8000, True))
+    tests = list(suite.cases(suite.ROOT, WORK, 2000, True))
     with concurrent.futures.ThreadPoolExecutor(suite.JOBS) as pool:
         passed = pool.map(lambda case: case.run(600, LLVM_PROFILE_FILE=f"{profiles}/%m%c.profraw"), tests)
         for case, passes in zip(tests, passed):

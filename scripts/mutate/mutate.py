@@ -153,7 +153,7 @@ def parse_arguments():
     parser.add_argument("--date", default=datetime.date.today().isoformat())
     parser.add_argument("--quick", action="store_true")
     parser.add_argument("--needed", action="store_true")
-    parser.add_argument("--programs", type=int, default=8000)
+    parser.add_argument("--programs", type=int, default=2000)
     parser.add_argument("--least", type=float)
     parser.add_argument("--jobs", type=int, default=suite.JOBS)
     parser.add_argument("files", nargs="*", metavar="FILE")
