@@ -70,6 +70,8 @@ TEST_P(Seeds, EveryProgramBehavesAsTheModel) {
         const uint64_t failed = RunSeeds(seed, end);
         if (failed == end)
             continue;
+        if (std::getenv("FILEMANAGER_MUTANT")) // a failure is enough: scripts/mutate
+            FAIL() << "seed " << failed;
         const sim::Program program = sim::Shrink(sim::Generate(failed));
         FAIL() << "seed " << failed << ": " << sim::RunInChild(program, true) << "\n"
                << sim::Print(program);
