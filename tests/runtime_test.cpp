@@ -152,15 +152,13 @@ TEST(WaitUntilIdle, ReturnsAfterEventsThatEventsPostToEitherThread) {
 
 TEST(CallerThread, APostWakesUpTheMainLoopWhichRunsDueEvents) {
     std::atomic<bool> isWoken{false};
-    CRtCallerThread callerThread([&] {
-        isWoken = true;
-        isWoken.notify_one();
-    });
+    CRtCallerThread callerThread([&] { isWoken = true; });
     ASSERT_TRUE(callerThread.IsValid());
     EXPECT_FALSE(CRtCallerThread().IsValid());
     bool ran = false;
     std::thread poster([&] { EXPECT_EQ(RtRunOnCallerThread([&] { ran = true; }, true), 0); });
-    isWoken.wait(false);
+    while (!isWoken)
+        std::this_thread::yield();
     EXPECT_EQ(callerThread.RunDue(), 1U);
     poster.join();
     EXPECT_TRUE(ran);
