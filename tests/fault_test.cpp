@@ -159,6 +159,29 @@ TEST(Fault, DescribingAFileReadsItsInformationFileOnceAndChangesNothing) {
     EXPECT_EQ(described.highestBlock, 7000U);
 }
 
+TEST(Fault, ADataFileThatIsReplacedAtAnyCallOfAReadNeverYieldsForeignBytes) {
+    const LogCapture quiet(RT_LOG_SILENT);
+    TestClock clock;
+    Cache cache;
+    for (uint32_t call = 1, hits = 1; hits > 0; ++call) {
+        const FileRef file = cache.Create();
+        const BlockRef block = Cache::Block(*file, 1);
+        Write(*block, Pattern(1, 5000));
+        FMWaitUntilIdle();
+        clock.Advance(240'001);
+        ASSERT_FALSE(block->FreeMemory());
+        static_cast<CFMFile&>(*file).GetEntry().CloseStreams();
+        const fs::path foreign = cache.dir.path / "foreign";
+        WriteFile(foreign, Pattern(2, 5000));
+        SetCallback([&] { fs::rename(foreign, cache.Path(file->GetFileInfo().fileID, ".sdd")); });
+        Begin(cache.dir.path, {.action = CALL, .nth = call});
+        const std::string bytes = Read(*block);
+        hits = Hits();
+        Lift();
+        EXPECT_TRUE(bytes == Pattern(1, 5000) || bytes.starts_with("error")) << "at call " << call;
+    }
+}
+
 TEST(Fault, UnInitializeWaitsForAStalledDiskAndNamesTheFile) {
     LogCapture log(RT_LOG_WARNING);
     Cache cache;
