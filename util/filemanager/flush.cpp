@@ -80,7 +80,7 @@ public:
         SyncFiles(&CFMDiskEntry::SyncData, FM_DATA_EXTENSION); // before a table names the bytes
         const int result = m_manager.SaveAll(unsaved);
         SyncFiles(&CFMDiskEntry::SyncTable, FM_INFO_EXTENSION);
-        m_unsynced.dirs.insert(m_dir); // the tables may have been created
+        m_unsynced.Add({false, {}, {m_dir}}); // the tables may have been created
         for (const CRtString& dir : m_unsynced.dirs)
             SyncPath(dir, false);
         if (m_isSynced)

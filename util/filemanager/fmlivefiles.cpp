@@ -83,7 +83,10 @@ void CFMLiveFiles::SaveUnsaved() {
 void CFMLiveFiles::Unsynced::Add(Unsynced more) {
     constexpr size_t most = 4096;
     closed.merge(more.closed);
-    dirs.merge(more.dirs);
+    for (CRtString& dir : more.dirs) {
+        if (std::ranges::find(dirs, dir) == dirs.end())
+            dirs.push_back(std::move(dir));
+    }
     isEvery = isEvery || more.isEvery || closed.size() > most;
     if (isEvery)
         closed.clear();

@@ -59,9 +59,9 @@ public:
 
     /// What FMSync writes beside the live files.
     struct Unsynced {
-        bool isEvery = false;      ///< every file of the directory: too many to name them
-        std::set<FMFileID> closed; ///< paths of objects that are gone
-        std::set<CRtString> dirs;  ///< directories that this process has created a directory in
+        bool isEvery = false;        ///< every file of the directory: too many to name them
+        std::set<FMFileID> closed;   ///< paths of objects that are gone
+        std::vector<CRtString> dirs; ///< directories that this process has created a directory in
         void Add(Unsynced more);
     };
     void NoteNewDirectoryIn(const CRtString& directory);
