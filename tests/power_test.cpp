@@ -495,3 +495,28 @@ TEST(Power, ASyncIncludesFilesWhoseNumberExceedsTheList) {
     EXPECT_EQ(synced.size(), 2 * count + 2);
     faults::Observe({});
 }
+
+TEST(Power, ASyncIncludesWhatAPredecessorHasWritten) {
+    Cache cache;
+    for (const bool isCreated : {false, true}) {
+        std::set<std::string> synced;
+        faults::Begin(cache.dir.path, {faults::FAIL, faults::SYNC, 1, false, EINTR, 0});
+        faults::Observe([&](const Change& change) {
+            if (change.kind == faults::SYNC)
+                synced.insert(fs::path(change.path).extension().string());
+        });
+        FileRef file = cache.Create();
+        const FMFileInfo info = file->GetFileInfo();
+        const BlockRef block = Cache::Block(*file, 1); // keeps the predecessor alive
+        Write(*block, "bytes");
+        cache.Close(file);
+        FMWaitUntilIdle();
+        file = isCreated ? cache.Create(info) : cache.Open(info.fileID);
+        FMWaitUntilIdle();
+        std::vector<FMUnsavedBlock> unsaved;
+        EXPECT_EQ(FMSync(unsaved), RT_OK);
+        EXPECT_TRUE(synced.contains(".sdd") && synced.contains(".sdi")) << isCreated;
+        faults::Observe({});
+        faults::Lift();
+    }
+}

@@ -60,7 +60,7 @@ public:
     bool TakeExisting();
 
     /// Writes what the system caches of the file to the device. A no-op if this object has written nothing since
-    /// the last call, unless it was marked. RT_OK, RT_ERROR_IO.
+    /// the last call that succeeded, unless it was marked. RT_OK, RT_ERROR_IO.
     int Sync();
     bool IsSynced() const { return m_isSynced; }
     void MarkUnsynced() { m_isSynced = false; }

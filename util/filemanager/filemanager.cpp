@@ -1,6 +1,8 @@
 // The life cycle of the manager, its threads and the registry of open files.
 #include "filemanager.h"
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
@@ -356,8 +358,10 @@ CFMFile* CFileManager::LoadFile(const CRtString& stem) {
         return nullptr;
     }
     if (file && file->LoadFileInfo() && isThere && file->LoadBlokInfo()) {
-        for (const FileRef& predecessor : m_live.Get(&pathID))
-            predecessor->GetEntry().Detach(); // it has no queued jobs
+        for (const FileRef& predecessor : m_live.Get(&pathID)) {
+            if (predecessor->GetEntry().Detach()) // it has no queued jobs
+                m_live.KeepUnsynced({false, {pathID}, {}});
+        }
         RegisterFile(file, file->GetFileInfo().fileID);
         return file.Get(); // the registry's reference keeps it alive
     }
@@ -368,11 +372,10 @@ CFMFile* CFileManager::LoadFile(const CRtString& stem) {
 bool CFileManager::PassBarrier() {
     if (!m_pReadwrTd)
         return true;
-    for (const int priority : {RT_PRIORITY_HIGH, RT_PRIORITY_NORMAL}) {
-        if (SendToReadwrThread(new CFMFunctorBase, priority) == RT_ERROR_FAILURE)
-            return false;
-    }
-    return true;
+    return std::ranges::all_of(
+        std::array{RT_PRIORITY_HIGH, RT_PRIORITY_NORMAL}, [this](auto priority) {
+            return SendToReadwrThread(new CFMFunctorBase, priority) != RT_ERROR_FAILURE;
+        });
 }
 
 static void LogUnsettled(const CFMFile& file) {
@@ -589,6 +592,9 @@ int FMHost::GetClearDays() { return CFileManager::Instance()->GetClearDays(); }
 void FMHost::ForgetFile(CFMFile* file, bool isUnsynced) {
     if (CFileManager* manager = CFileManager::IfAlive())
         manager->GetLiveFiles().Forget(file->GetPathID(), file, isUnsynced);
+}
+void FMHost::KeepUnsynced(const FMFileID& pathID) {
+    CFileManager::Instance()->GetLiveFiles().KeepUnsynced({false, {pathID}, {}});
 }
 void FMHost::KeepUnsaved(CFMFile* file) {
     CFileManager::Instance()->GetLiveFiles().KeepUnsaved(file);

@@ -62,6 +62,7 @@ class CSync {
 public:
     explicit CSync(CFileManager& manager)
         : m_manager(manager), m_live(manager.GetLiveFiles()), m_dir(manager.GetDataDir()) {
+        m_unsynced.closed.merge(m_ending);
         // On Windows, a file that is open can only be synced through its own handle.
         for (const auto& file : m_files) {
             CFMDiskEntry& entry = file->GetEntry();
@@ -73,7 +74,7 @@ public:
         for (const FMFileID& id : m_unsynced.closed)
             m_closed.push_back(FMFileIDToString(id));
         if (m_unsynced.isEvery)
-            FMListCachedFiles(m_dir, m_closed, others);
+            m_isSynced = FMListCachedFiles(m_dir, m_closed, others) == RT_OK;
     }
 
     int Run(Unsaved& unsaved) {
@@ -81,8 +82,10 @@ public:
         const int result = m_manager.SaveAll(unsaved);
         SyncFiles(&CFMDiskEntry::SyncTable, FM_INFO_EXTENSION);
         m_unsynced.Add({false, {}, {m_dir}}); // the tables may have been created
-        for (const CRtString& dir : m_unsynced.dirs)
-            SyncPath(dir, false);
+        for (const CRtString& dir : m_unsynced.dirs) {
+            if (!RtOs::SyncPath(dir))
+                Fail(dir, RtOs::GetErrno());
+        }
         if (m_isSynced)
             return result;
         m_live.KeepUnsynced(std::move(m_unsynced));
@@ -96,17 +99,21 @@ private:
                 m_isSynced = RT_SUCCEEDED((file->GetEntry().*sync)()) && m_isSynced;
         }
         for (const CRtString& stem : m_closed)
-            SyncPath(m_dir + stem + extension, m_unsynced.isEvery);
+            SyncFile(m_dir + stem + extension);
     }
 
-    // `isAny`: the path may be a file that a process has open, which syncs it, or no file of the cache.
-    void SyncPath(const CRtString& path, bool isAny) {
+    void SyncFile(const CRtString& path) {
         if (RtOs::SyncPath(path))
             return;
         const int error = RtOs::GetErrno();
         RtOs::FileStamp stamp;
-        if (isAny && (RtOs::IsInUse(error) || (RtOs::GetStamp(path, stamp) && !stamp.exists)))
-            return;
+        const bool isReplaced =
+            RtOs::GetStamp(path, stamp) && !stamp.exists; // by a link, for example
+        // Of all files of the directory, some are open in other processes.
+        if (!isReplaced && !(m_unsynced.isEvery && RtOs::IsInUse(error)))
+            Fail(path, error);
+    }
+    void Fail(const CRtString& path, int error) {
         m_isSynced = false;
         RT_LOG(RT_LOG_ERROR,
                "FMSync, system error " << RtOs::GetErrorText(error) << ", path=" << path);
@@ -115,8 +122,9 @@ private:
     CFileManager& m_manager;
     CFMLiveFiles& m_live;
     const CRtString& m_dir;
-    const std::vector<CFMLiveFiles::FileRef> m_files = m_live.Get(nullptr);
-    // Taken after m_files: an object that ends in between is in one of them.
+    std::set<FMFileID> m_ending;
+    const std::vector<CFMLiveFiles::FileRef> m_files = m_live.Get(nullptr, &m_ending);
+    // Taken after m_files: an object that is destroyed in between is in one of them.
     CFMLiveFiles::Unsynced m_unsynced = m_live.TakeUnsynced();
     std::vector<CRtString> m_closed; // stems
     bool m_isSynced = true;
@@ -172,8 +180,9 @@ bool CFMFile::SaveNow(std::vector<FMUnsavedBlock>& unsaved) {
             continue;
         if (isTemporary ? block->IsOnDiskNow() : block->SurvivesKill())
             continue;
-        if (block->IsComplete())
-            unsaved.push_back({m_fileInfo.fileID, block->GetBlockID()});
+        if (!block->IsComplete()) // its store changes the table
+            continue;
+        unsaved.push_back({m_fileInfo.fileID, block->GetBlockID()});
         MarkInfoChanged(); // the table on disk does not name its bytes
     }
     return isWritten;

@@ -213,13 +213,15 @@ bool CFMDiskEntry::IsUnsynced() const {
            ((m_pData && !m_pData->IsSynced()) || (m_pInfo && !m_pInfo->IsSynced()));
 }
 
-void CFMDiskEntry::Detach() {
+bool CFMDiskEntry::Detach() {
     const std::unique_lock lock = Lock();
+    const bool isUnsynced = IsUnsynced();
     m_path.store(Path::Detached, std::memory_order_release);
     if (m_pData)
         m_pData->Close();
     if (m_pInfo)
         m_pInfo->Close();
+    return isUnsynced;
 }
 
 void CFMDiskEntry::CloseStreams() {

@@ -61,7 +61,7 @@ public:
     /// What the system caches of the data file, or of the information file, goes to the device. RT_OK, RT_ERROR_IO.
     int SyncData() { return Sync(m_pData); }
     int SyncTable() { return Sync(m_pInfo); }
-    /// An earlier object of the path has not synced what it has written.
+    /// A predecessor on the same path has not synced what it has written.
     void MarkUnsynced();
     /// Whether FMSync has to sync what this object has written. For the owner's destructor, which locks nothing.
     bool IsUnsynced() const;
@@ -72,7 +72,8 @@ public:
     int DiscardPredecessor();
 
     /// Another object takes the path over: from here on operations do not access it.
-    void Detach();
+    /// Returns whether this object has not synced what it has written.
+    bool Detach();
     bool IsDetached() const { return m_path.load(std::memory_order_acquire) == Path::Detached; }
     bool IsOverPredecessor() const {
         return m_path.load(std::memory_order_acquire) == Path::Predecessor;

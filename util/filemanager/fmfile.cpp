@@ -266,8 +266,9 @@ bool CFMFile::IsUnsaved() {
 
 void CFMFile::Detach_m() {
     WriteTable();
-    DropTable(); // a pending table must not overwrite the other object's files
-    m_entry->Detach();
+    DropTable();           // a pending table must not overwrite the other object's files
+    if (m_entry->Detach()) // its files stay until the successor stores a block
+        FMHost::KeepUnsynced(m_pathID);
 }
 
 int CFMFile::IsHouseKeeping() {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "FMFileID.h"
 #include "RtEvent.h"
 #include "RtString.h"
 #include "RtTimeValue.h"
@@ -48,5 +49,7 @@ int GetClearDays();
 void ForgetFile(CFMFile* file, bool isUnsynced);
 /// The table of the file could not be written: it stays pending; a later tick or UnInitialize retries it.
 void KeepUnsaved(CFMFile* file);
+/// The files on that path have to be synced by the next FMSync.
+void KeepUnsynced(const FMFileID& pathID);
 
 } // namespace FMHost

@@ -19,7 +19,8 @@ void CFMLiveFiles::Forget(const FMFileID& pathID, const CFMFile* file, bool isUn
         m_files.erase(it);
 }
 
-std::vector<CFMLiveFiles::FileRef> CFMLiveFiles::Get(const FMFileID* pathID) {
+std::vector<CFMLiveFiles::FileRef> CFMLiveFiles::Get(const FMFileID* pathID,
+                                                     std::set<FMFileID>* ending) {
     std::vector<FileRef> files;
     const std::lock_guard lock(m_mutex);
     auto [it, last] =
@@ -27,6 +28,8 @@ std::vector<CFMLiveFiles::FileRef> CFMLiveFiles::Get(const FMFileID* pathID) {
     for (; it != last; ++it) {
         if (it->second->TryAddReference())
             files.push_back(FileRef::Adopt(it->second));
+        else if (ending)
+            ending->insert(it->first);
     }
     return files;
 }

@@ -29,7 +29,8 @@ public:
     /// The object is being destroyed. Any thread.
     void Forget(const FMFileID& pathID, const CFMFile* file, bool isUnsynced);
     /// All objects, or those of one path, except those that are being destroyed.
-    std::vector<FileRef> Get(const FMFileID* pathID);
+    /// `ending`: the paths of those.
+    std::vector<FileRef> Get(const FMFileID* pathID, std::set<FMFileID>* ending = nullptr);
     /// Includes objects that are being destroyed.
     bool Contains(const FMFileID& pathID);
 
@@ -66,7 +67,7 @@ public:
     };
     void NoteNewDirectoryIn(const CRtString& directory);
     Unsynced TakeUnsynced();
-    /// They could not be synced.
+    /// For the next FMSync.
     void KeepUnsynced(Unsynced unsynced);
 
 private:

@@ -76,21 +76,23 @@ RT_EXPORT int FMFlush(std::vector<FMUnsavedBlock>& unsaved);
 
 /// As FMFlush, and writes everything to the device, so that a power loss does not lose it: first the data files, then
 /// the tables, then the directory and the directories above it in which this process has created one. This includes
-/// the files that were closed since the last call. It excludes temporary files, and files that only an earlier process
-/// has changed.
+/// the files that were closed since the last call. Temporary files, and a data file or an information file
+/// that only an earlier process has written, are not synced.
 ///
 /// Call it on the caller thread, which waits for the device: for the data file and for the table of each file that was
 /// changed since the last call, and for the directories. On Windows, a directory is synced through a handle with write
 /// access; a file system that does not support that makes the call fail.
 ///
 /// **What a later power loss can still lose.** The format has one table for each file, which is written in place: in
-/// FMSync and FMFlush, after the close of a changed file, and before a block that it names is rewritten. A power loss
-/// between such a write and the end of the next FMSync can lose all blocks of this file, or give wrong bytes. A file
-/// that is not changed after the call has no such write: neither its close nor UnInitialize writes it.
+/// FMSync and FMFlush, after the close of a changed file, and before a block that it names is rewritten. A file that is
+/// created over an older one replaces both files of it. A power loss between such a change and the end of the next
+/// FMSync can lose all blocks of this file, or give wrong bytes. A file that is not changed after the call has no such
+/// write: neither its close nor UnInitialize writes it.
 /// @param[out] unsaved as for FMFlush. A block that was written but could not be synced is not listed.
 /// @retval RT_OK as for FMFlush, and for a power loss.
 /// @retval RT_ERROR_IO a block or a table could not be written, or a file or a directory could not be synced. The log
-///     has the errors and the paths. A later RT_OK does not include the bytes whose sync has failed, because the system
+///     has the errors and the paths. The tables are written nevertheless, and may name bytes that are not on the
+///     device. A later RT_OK does not include the bytes whose sync has failed, because the system
 ///     need not keep what it could not write to the device: write the blocks of these files again.
 /// @retval RT_ERROR_NOT_READY as for FMFlush.
 RT_EXPORT int FMSync(std::vector<FMUnsavedBlock>& unsaved);

@@ -199,8 +199,8 @@ constexpr size_t PIECES_MAX = 64;
 /// Writes up to PIECES_MAX pieces contiguously, with one system call if the system has one for it. If the
 /// result is not Done, some of the bytes may have been written.
 Transfer WriteAllAt(int file, uint64_t offset, std::span<const Piece> pieces);
-/// Both write what the system holds of a file in its cache to the device, so that a power loss does not lose it: of the
-/// open file the bytes and the length; of the directory or the closed file at a path also which entries a directory has.
+/// Both write what the system holds in its cache to the device, so that a power loss does not lose it: the bytes and the
+/// length of a file; the entries of a directory. SyncPath takes the path of a directory or of a file that is not open.
 /// True if the path names nothing. False on failure; a later attempt may then succeed without the bytes, because a
 /// system need not keep what it could not write.
 bool Sync(int file);

@@ -31,6 +31,15 @@
 
 namespace {
 
+// Repeats a call that a signal has interrupted.
+template <class Call>
+auto Repeat(Call call) {
+    auto result = call();
+    while (result < 0 && errno == EINTR)
+        result = call();
+    return result;
+}
+
 // A path with the separators of the system; a usual one fits on the stack.
 class Native {
 public:
@@ -471,22 +480,17 @@ Transfer WriteAllAt(int file, uint64_t offset, std::span<const Piece> pieces) {
         vectors[i] = {const_cast<void*>(pieces[i].bytes), pieces[i].length}; // only read from
         length += pieces[i].length;
     }
-    ssize_t moved = -1;
-    do
-        moved = ::pwritev(file, vectors.data(), static_cast<int>(pieces.size()),
-                          static_cast<off_t>(offset));
-    while (moved < 0 && errno == EINTR);
+    const ssize_t moved = Repeat([&] {
+        return ::pwritev(file, vectors.data(), static_cast<int>(pieces.size()),
+                         static_cast<off_t>(offset));
+    });
     if (moved < 0)
         return Transfer::Failed;
     return static_cast<size_t>(moved) == length ? Transfer::Done : Transfer::Short;
 }
 
 bool Sync(int file) {
-#ifdef F_FULLFSYNC // fsync leaves the bytes in the cache of the device
-    return ::fcntl(file, F_FULLFSYNC) == 0;
-#else
-    return ::fdatasync(file) == 0;
-#endif
+    return Repeat([file] { return ::fdatasync(file); }) == 0;
 }
 
 bool SyncPath(const CRtString& path) {
@@ -495,7 +499,7 @@ bool SyncPath(const CRtString& path) {
     if (fd < 0)
         return IsMissing(errno);
     // A file system that keeps nothing in a cache may have no such operation.
-    const bool isDone = ::fsync(fd) == 0 || errno == EINVAL;
+    const bool isDone = Repeat([fd] { return ::fsync(fd); }) == 0 || errno == EINVAL;
     const int error = errno;
     ::close(fd);
     errno = error;
