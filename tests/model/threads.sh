@@ -40,7 +40,8 @@ rules=$(sed -nE 's/^#define ([A-Z_]+) [458][0-9] .*/\1/p' "$model")
 [ "$(wc -w <<<"$rules")" -ge 16 ]
 for rule in $rules; do
     for options in "${searches[@]}"; do
-        # -O0, because compiling takes longer than these searches. shellcheck disable=SC2086
+        # -O0, because compiling takes longer than these searches.
+        # shellcheck disable=SC2086  # a list of words
         search -O0 $options "-DWITHOUT=$rule"
         [ -z "$found" ] || break
     done
