@@ -29,6 +29,7 @@ private:
 /// Holds a mutex for the lifetime of the object.
 class CRtMutexGuard {
 public:
+    /// Locks the mutex, which has to outlive the object.
     explicit CRtMutexGuard(CRtMutexBase& mutex) : m_mutex(mutex) { m_mutex.Lock(); }
     ~CRtMutexGuard() { m_mutex.UnLock(); }
     CRtMutexGuard(const CRtMutexGuard&) = delete;
