@@ -189,14 +189,17 @@ std::vector<FileRef> FindLive(CFileManager* manager, const CRtString& dataPath,
 }
 
 void FindOpenings(CFileManager* manager, const CRtString& dataPath, FMCachedFile& file) {
-    const std::vector<FileRef> live = FindLive(manager, dataPath, file.fileID);
+    std::vector<FileRef> live = FindLive(manager, dataPath, file.fileID);
     file.isOpenHere = manager && !live.empty() && manager->FindOpenAt(file.fileID);
+    if (live.empty()) {
+        file.isOpenElsewhere = RtOs::IsLocked(dataPath);
+        return;
+    }
     // While a store of a closed file waits for another process, its disk entry stays locked.
-    file.isOpenElsewhere =
-        live.empty() ? RtOs::IsLocked(dataPath)
-                     : std::ranges::all_of(live, [](const FileRef& each) {
-                           return !each->IsClosing() && each->GetEntry().IsLockedElsewhere();
-                       });
+    std::erase_if(live, [](const FileRef& each) { return each->IsClosing(); });
+    file.isOpenElsewhere = !live.empty() && std::ranges::all_of(live, [](const FileRef& each) {
+        return each->GetEntry().IsLockedElsewhere();
+    });
 }
 
 void DescribeLive(const FileRef& live, const CRtString& base, FMCachedFile& file,

@@ -245,7 +245,8 @@ int CFileManager::PostToReadwrThread(IRtEvent* aFunctor, int sync, int priority)
 }
 
 int CFileManager::SendToReadwrThread(IRtEvent* event, int priority) {
-    if (!m_pReadwrTd)
+    if (!RT_CHECK(MANAGER_SOURCE, m_pReadwrTd && m_pReadwrTd->GetEventQueue(),
+                  "m_pReadwrTd && m_pReadwrTd->GetEventQueue()"))
         return Refuse(event, RT_ERROR_NOT_READY);
     const RtOs::Awaiting awaiting;
     return QueueOf(*m_pReadwrTd).SendEvent(event, priority, true);

@@ -325,7 +325,8 @@ int CFMStoreEvent::OnEventFire() {
     for (const CFMStore* store : batch)
         g_statistics.Record(CFMStatistics::StoreWait,
                             now - static_cast<const CFMStoreEvent*>(store)->m_posted);
-    // No tick retries the stores of a closed file. If no table is pending, the file is temporary.
+    // No tick retries the stores of a closed file. Without a pending table the bytes
+    // are not wanted: the file is temporary, was replaced or was cleared.
     const auto isLast = [&file = *m_block->m_file, &stores] {
         const auto lock = stores.LockShared();
         return file.IsClosed() && stores.GetTable();

@@ -21,7 +21,7 @@ namespace FMHost {
 int PostToReadwrThread(IRtEvent* event, int sync);
 /// Posts a load to the read/write thread: it runs before pending stores. Results as above.
 int PostLoad(IRtEvent* event);
-/// The same, and waits for it; RT_ERROR_FAILURE: refused, see RefuseLoads.
+/// Sends a load and waits until it has run. RT_ERROR_FAILURE: refused, see RefuseLoads.
 int SendLoad(IRtEvent* event);
 /// While a store waits for another process, loads that the caller thread would wait for are refused. Read/write thread.
 void RefuseLoads(bool isRefusing);

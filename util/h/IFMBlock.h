@@ -127,7 +127,8 @@ public:
     ///     pass `RtReceive(chain)` to have a CRtMessageChain own it. The view stays valid after a rewrite,
     ///     after an eviction and after the block is destroyed. Do not write through it.
     /// @retval RT_OK
-    /// @retval RT_ERROR_FAILURE the load failed (the log says why), or out of memory for the view.
+    /// @retval RT_ERROR_FAILURE the load failed (the log says why), out of memory for the view, or (Windows) a
+    ///     store of a closed file waits for another process: a later read may succeed.
     /// @retval RT_ERROR_NULL_OBJECT out of memory for the bytes.
     /// @retval RT_ERROR_INVALID_ARG the range extends past the end of the block, or starts beyond the bytes
     ///     written so far. An empty block has the length 0.

@@ -146,7 +146,8 @@ public:
     /// @retval RT_ERROR_INVALID_ARG `fileHandle` is #FMFileID_None.
     /// @retval RT_ERROR_NOT_FOUND the file is not open and `load` is 0; or the load failed (the log says
     ///     why): the information file is missing or damaged, another process has the file open, the table of
-    ///     the file as it was closed cannot be written, or out of memory.
+    ///     the file as it was closed cannot be written, a store of a closed file waits for another process (Windows),
+    ///     or out of memory.
     virtual int OpenFile(IFMFile*& file, const FMFileID& fileHandle, int load) = 0;
 
     /// Finds an open file and calls IFMFile::GetBlock. It never loads a file.

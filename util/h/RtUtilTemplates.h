@@ -10,7 +10,8 @@
 #include "RtThreadManager.h"
 
 /// Holder of a singleton of the process. The first call of Instance creates the object, under the runtime's
-/// singleton mutex (CRtThreadManager::GetSingletonMutex). The clean-up at process end destroys it
+/// singleton mutex (CRtThreadManager::GetSingletonMutex). That mutex guards the list of threads, too: the constructor
+/// must not wait for another thread. The clean-up at process end destroys it
 /// (CRtCleanUpBase).
 template <class T>
 class CRtSingletonHolder final : public CRtCleanUpBase {

@@ -22,7 +22,7 @@ class RetryLimit {
 public:
     explicit RetryLimit(uint32_t milliseconds) : RetryLimit(milliseconds, nullptr, {}, nullptr) {}
     /// While `isLast`, which is called before each delay, the bytes of a file are lost if the operation fails. The file
-    /// has a limit to itself, of which `spent` has been used, and other threads have to wait. `onHeldUp` is called with
+    /// has its own limit, of which `spent` has been used, and other threads have to wait. `onHeldUp` is called with
     /// true once the delays of the file have taken RETRY_MS, and with false after the operation.
     RetryLimit(uint32_t milliseconds, std::chrono::nanoseconds* spent, std::function<bool()> isLast,
                void (*onHeldUp)(bool isHeldUp));

@@ -15,7 +15,7 @@ struct Waited {
     Ms limit{RtOs::RETRY_MS};
     const RtOs::RetryLimit* limited = nullptr;
     Clock::duration spent{};
-    Clock::duration awaited{}; // the part of `spent` while another thread waited for this one
+    Clock::duration awaited{}; // while another thread waited for this one; all files
     Clock::time_point last;    // of the last failure
 
     void Forget() {
@@ -56,10 +56,11 @@ bool Delays::Wait() {
     spent += slept;
     // Another thread may have begun to wait during the delay, which can be too long for a second one.
     if (g_awaiting > 0) {
-        t_waited.awaited += isLast ? Clock::duration() : slept;
+        t_waited.awaited += slept;
         ::InterlockedIncrement(&g_delays);
     }
-    if (isLast && !isOver && !m_onHeldUp && spent >= Ms(RETRY_MS)) {
+    // A waiting thread waits for the delays of all files.
+    if (isLast && !isOver && !m_onHeldUp && std::max(spent, t_waited.awaited) >= Ms(RETRY_MS)) {
         m_onHeldUp = limited->m_onHeldUp;
         m_onHeldUp(true);
     }
