@@ -240,7 +240,7 @@ TEST(Statistics, TextIsAcceptedByTheMonitoringSystem) {
         return;
     const TempDir dir;
     fs::current_path(dir.path);
-    WriteFile("metrics", FMFormatStatistics(figures).c_str());
+    WriteFile(dir.path / "metrics", FMFormatStatistics(figures).c_str());
     const std::string command = std::string("'") + promtool + "' check metrics <metrics 2>&1";
     EXPECT_EQ(std::system(command.c_str()), 0);
 }
