@@ -191,8 +191,9 @@ TEST(Mistakes, BlocksThatACloseLosesAreCounted) {
     fs::create_directory(cache.Path(id, ".sdd"));
     for (const uint32_t block : {1U, 2U})
         Write(*Cache::Block(*file, block), "abc");
+    Cache::RunReadwrQueue(); // the stores fail
     cache.Close(file);
-    Cache::RunReadwrQueue(); // the stores fail for the last time
+    Cache::RunReadwrQueue(); // for the last time
     fs::remove(cache.Path(id, ".sdd"));
     FMWaitUntilIdle();
     EXPECT_EQ(log.Count("closed file that could not be stored are lost: 2. To find them before "
