@@ -86,7 +86,7 @@ public:
     // --- Caller thread ----------------------------------------------------------------------------
     void OnDataReady(int aResult, CRtMessageBlock* aData);
     /// The table entry of this block; length and offset only if the bytes are in the data file. `serial`: the
-    /// pending or running store, else 0. Precondition: the lock of the stores is held.
+    /// pending, running or failed store, else 0. Precondition: the lock of the stores is held.
     FMBlockEntry Describe(uint32_t epoch, uint32_t& serial) const;
     /// Restores the block from a table entry, before another thread has access to the block.
     void Restore(const FMBlockEntry& entry, uint32_t epoch);

@@ -48,7 +48,10 @@ void CFMBlock::SetState(State state) {
 
 FMBlockEntry CFMBlock::Describe(uint32_t epoch, uint32_t& serial) const {
     const State state = m_state;
-    serial = state == State::Queued || state == State::Writing ? m_serial : 0;
+    // The bytes of a failed store count as lost if the file is closed.
+    const bool isAwaited =
+        state == State::Queued || state == State::Writing || state == State::Failed;
+    serial = isAwaited ? m_serial : 0;
     if (!IsOnDisk() || m_onDisk.epoch != epoch)
         return {m_blockID, 0, 0};
     return {m_blockID, m_totalLen, m_posInFile};
