@@ -6,7 +6,7 @@
  * are numbers: each write has its own. The assertions have the numbers of the invariants in docs/architecture.md.
  * Left out: the order of pieces, rewrites of another length, epochs, temporary files, FMFlush, delays on Windows.
  *
- * Without any one of these rules (-DWITHOUT=STORE_SERIAL), an assertion has to fail: */
+ * Without any one of these rules, whose number `without` is, an assertion has to fail: */
 #define STORE_SERIAL 41       /* EndStore compares the serial */
 #define LOAD_SERIAL 42        /* OnDataReady compares the serial */
 #define REWRITE_WITHDRAWS 43  /* a rewrite withdraws the pending store */
@@ -24,10 +24,8 @@
 #define CANCEL_IN_ROUND 85    /* a cancel reaches sinks that a running completion has still to call */
 #define ONE_LOAD 86           /* a request joins the load in flight */
 #define WRITES 2
-#ifndef WITHOUT
-#define WITHOUT 0
-#endif
-#define RULE(r) (WITHOUT != r)
+c_decl { extern int without; }
+#define RULE(r) (c_expr { without != r })
 #define WHEN(condition, ...) if :: condition -> __VA_ARGS__ :: else fi
 
 #define N (FILES * BLOCKS)
