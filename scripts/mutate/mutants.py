@@ -3,6 +3,8 @@
 A mutant changes one operator, condition, constant or statement. Left out: lines of the log, assertions, constant
 expressions, and what a macro expands to.
 """
+import collections
+import multiprocessing
 import re
 import subprocess
 from pathlib import Path
@@ -56,25 +58,37 @@ class Parser:
         return unit
 
     def mutants(self):
+        """All mutants. Each source is parsed by a process of its own."""
         unit = self.parse(self.all, self.headers.values(), [])
+        nodes = collections.defaultdict(list)
+        for each in unit.cursor.get_children():
+            if each.location.file is not None:
+                nodes[each.location.file.name].append(each)
         for name, path in self.headers.items():
-            yield from Finder(name, path, unit).found.values()
-        pch = f"{self.all}.pch"
+            yield from Finder(name, path, nodes[str(path)]).found.values()
         subprocess.run(["clang++", "-x", "c++-header", *self.flags, "-Xclang", "-detailed-preprocessing-record",
-                        str(self.all), "-o", pch], check=True)
-        for name, path in self.sources.items():
-            yield from Finder(name, path, self.parse(path, [path], ["-include-pch", pch])).found.values()
+                        str(self.all), "-o", f"{self.all}.pch"], check=True)
+        global parser  # of the processes, which are copies of this one
+        parser = self
+        with multiprocessing.get_context("fork").Pool() as pool:
+            for found in pool.imap(mutants_of, self.sources.items()):
+                yield from found
+
+
+def mutants_of(source):
+    name, path = source
+    unit = parser.parse(path, [path], ["-include-pch", f"{parser.all}.pch"])
+    return list(Finder(name, path, unit.cursor.get_children()).found.values())
 
 
 class Finder:
-    def __init__(self, file, path, unit):
+    def __init__(self, file, path, nodes):
         self.file, self.path, self.found = file, str(path), {}
         self.text = path.read_bytes().decode("latin-1")  # offsets count bytes
-        self.macros = [self.span(each) for each in unit.cursor.get_children()
-                       if each.kind == K.MACRO_INSTANTIATION and self.is_here(each)]
-        for each in unit.cursor.get_children():
-            if self.is_here(each):
-                self.visit(each, "", VALUE)
+        nodes = [each for each in nodes if self.is_here(each)]
+        self.macros = [self.span(each) for each in nodes if each.kind == K.MACRO_INSTANTIATION]
+        for each in nodes:
+            self.visit(each, "", VALUE)
 
     def is_here(self, node):
         return node.location.file is not None and node.location.file.name == self.path
