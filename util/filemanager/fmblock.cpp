@@ -302,7 +302,7 @@ CFMStoreEvent::~CFMStoreEvent() {
         lock.lock();
     }
     withdrawn = stores.Withdraw(*this);
-    if (withdrawn && m_block->m_serial == GetSerial())
+    if (withdrawn)
         m_block->FailStore();
 }
 

@@ -217,8 +217,7 @@ void CFMFile::Close(int sync) {
         }
         if (!isIdle) // if a pending rewrite in place fails, its entry is removed
             MarkInfoChanged();
-        if (m_fileFlag.load() & FLAG_INFO_CHANGED)
-            SaveFileInfo();
+        SaveFileInfo();
     }
     {
         const auto lock = m_stores.LockShared();

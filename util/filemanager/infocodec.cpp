@@ -98,7 +98,7 @@ int FMEncodeBlockBody(const std::vector<FMBlockEntry>& slots, CRtMessageChain& b
         if (slots[i].blockID != 0)
             stream << slots[i].totalLen << slots[i].posInFile;
     }
-    return stream.IsGood() ? RT_OK : RT_ERROR_FAILURE;
+    return RT_OK;
 }
 
 bool FMDecodeBlockBody(CRtMessageBlock& body, std::vector<FMBlockEntry>& slots) {
