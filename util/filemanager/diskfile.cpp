@@ -105,7 +105,6 @@ int CDiskFile::OpenStream(const CRtString& path, uint32_t flags, int& error) {
         m_strFileName = path;
     m_opening = {m_opening.count + 1, isCreated, IsForeign(stamp)};
     m_left = stamp;
-    m_isLeftKnown = false;
     m_knownLength = stamp.length;
     m_checkedAt = GetTickCountEx();
     return RT_OK;

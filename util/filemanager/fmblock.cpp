@@ -167,7 +167,6 @@ int CFMBlock::WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* da
 
 void CFMBlock::AllocPosition() {
     m_file->AllocPosition(m_posInFile, m_totalLen);
-    m_file->MarkInfoChanged();
     if (m_posInFile <= cmax_filea_data_len && m_posInFile + m_totalLen > cmax_filea_data_len)
         FM_REPORT_MISTAKE("IFMBlock::WriteData, mistake: the data file exceeds the limit of "
                           << cmax_filea_data_len << " bytes for a file. Use more files. "
@@ -403,11 +402,9 @@ void CFMBlock::EndStore(CFMStore& store, CFMDiskEntry::Stored stored) {
     const bool isStored = RT_SUCCEEDED(stored.result);
     const FMBlockEntry entry{m_blockID, isStored ? store.GetLength() : 0,
                              isStored ? store.GetPos() : 0};
-    // In a new epoch, resident blocks of earlier ones are stored again, and the table has changed.
-    if (m_file->GetStores().End(store, entry, stored.epoch)) {
+    // In a new epoch, resident blocks of earlier ones are stored again.
+    if (m_file->GetStores().End(store, entry, stored.epoch))
         m_file->MarkStoreFailed();
-        m_file->MarkInfoChanged();
-    }
     if (isStored) {
         g_statistics.Add(CFMStatistics::Stores);
         g_statistics.Add(CFMStatistics::StoreBytes, store.GetLength());
@@ -428,7 +425,6 @@ void CFMBlock::FailStore() {
     m_store = nullptr;
     SetState(State::Failed);
     m_file->MarkStoreFailed();
-    m_file->MarkInfoChanged(); // the table on disk may name the range
 }
 
 // --- Reading ------------------------------------------------------------------------------------

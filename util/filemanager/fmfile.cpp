@@ -210,13 +210,6 @@ void CFMFile::Close(int sync) {
     } else {
         CheckDataFile();
         RetryFailedStores(); // last retry: the blocks release their bytes
-        bool isIdle = false;
-        {
-            const auto lock = m_stores.LockShared();
-            isIdle = m_stores.IsIdle();
-        }
-        if (!isIdle) // if a pending rewrite in place fails, its entry is removed
-            MarkInfoChanged();
         SaveFileInfo();
     }
     {
@@ -249,7 +242,6 @@ void CFMFile::CheckDataFile() {
         return;
     m_entry->LoseData();
     MarkStoreFailed();
-    MarkInfoChanged();
 }
 
 void CFMFile::ReleaseBlocks() {
