@@ -180,7 +180,12 @@ private:
     }
 
     // Runs one event of the read/write thread, or of the caller thread.
-    static bool Down() { return CRtEventQueue::Stepped() && CRtEventQueue::Stepped()->Step(); }
+    bool Down() {
+        m_isDown = true;
+        const bool hasRun = CRtEventQueue::Stepped() && CRtEventQueue::Stepped()->Step();
+        m_isDown = false;
+        return hasRun;
+    }
     static bool IsDownIdle() {
         return !CRtEventQueue::Stepped() || CRtEventQueue::Stepped()->GetCount() == 0;
     }
@@ -313,15 +318,23 @@ private:
                 "bytes are counted by the state of their block");
     }
 
+    void CheckFilling(const File& file, uint32_t id, const Block& model) {
+        const BlockRef block = Cache::Block(*file.ref, id, 0);
+        if (!block || model.isLost)
+            return;
+        const FMBlockCondition condition = FMGetBlockStatus(*block).condition;
+        Require(model.version != 0 || model.bytes.empty() ? condition != FMBlockCondition::Filling
+                                                          : condition == FMBlockCondition::Filling,
+                Name(file, id) + " is incomplete");
+    }
+
     void CheckCondition(const File& file, uint32_t id, const Block& model) {
         const BlockRef block = Cache::Block(*file.ref, id, 0);
         if (!block)
             return;
         const FMBlockStatus status = FMGetBlockStatus(*block);
         Require(status.condition != FMBlockCondition::Pending, Name(file, id) + " is not pending");
-        Require(model.isLost || (status.condition == FMBlockCondition::Filling) ==
-                                    (model.version == 0 && !model.bytes.empty()),
-                Name(file, id) + " is incomplete");
+        CheckFilling(file, id, model);
         if (m_faults > 0 || IsFaulty() || file.isHarmed || file.isDisplaced || model.isLost)
             return;
         Require((status.condition == FMBlockCondition::Stored) == (model.version != 0),
@@ -381,16 +394,40 @@ private:
                               {FREEZE_AFTER, ANY_OPERATION, nth, false, 0, 0},
                               {FREEZE_HALFWAY, WRITE, early, false, 0, 0},
                               {CALL, ANY_OPERATION, nth, false, 0, 0},
-                              {CALL, ANY_OPERATION, nth, false, 0, 0}};
+                              {CALL, ANY_OPERATION, nth, false, 0, 0},
+                              {CALL, ANY_OPERATION, first, false, 0, 0}};
         const uint32_t number = step.fault % 32;
         const Plan plan = number < std::size(plans) ? plans[number] : Plan();
         m_action = plan.action;
-        SetCallback([this, step, isHarm = number % 2 != 0] {
-            if (isHarm)
-                ChangeFile(m_files[step.how % FILES], step.at);
-            m_clock.Advance(2000); // the check of the path, once a second, is due
-        });
+        const bool isRewrite = number + 1 == std::size(plans);
+        SetCallback(
+            [this, step, isRewrite, isHarm = number % 2 != 0, up = CRtEventQueue::Current()] {
+                if (isRewrite && m_isDown)
+                    return Overtake(step, *up);
+                if (isHarm && !isRewrite)
+                    ChangeFile(m_files[step.how % FILES], step.at);
+                m_clock.Advance(2000); // the check of the path, once a second, is due
+            });
         Begin(m_cache.dir.path, plan);
+    }
+
+    // The caller thread writes while the read/write thread is in a system call, the next of which may fail.
+    void Overtake(const Step& step, CRtEventQueue& up) {
+        CRtEventQueue& down = *CRtEventQueue::Current();
+        up.SetOwner(true);
+        m_isDown = false;
+        File& file = m_files[step.file % FILES];
+        if (file.ref) {
+            for (const auto& [id, block] : file.table)
+                CheckFilling(file, id, block);
+            Write(step, file);
+        }
+        down.SetOwner(true);
+        m_isDown = true;
+        if (step.how % 2 == 0)
+            return;
+        m_action = faults::FAIL;
+        faults::Begin(m_cache.dir.path, {m_action, faults::WRITE, 1, true, ENOSPC, 0});
     }
 
     void EndFault() {
@@ -1315,6 +1352,7 @@ private:
     bool m_isRunning = false;
     int m_questions = 0; // callbacks that were asked for
     int m_answers = 0;
+    bool m_isDown = false;   // the read/write thread runs, and the caller thread does not wait
     bool m_isHarmed = false; // another program has changed a file
     int m_storeLock = -1;    // another server's
     std::map<std::pair<uint32_t, uint32_t>, std::vector<Version>> m_history; // by file and block

@@ -43,7 +43,12 @@ TEST(Requests, KeepTheirNodeAliveUntilCancelled) {
         EXPECT_EQ(block->GetRetrieves().front().m_pri, 2U);
         Write(*block, "complete");
         EXPECT_EQ(block->GetRetrieves().size(), 2U);
+        block->SetOwner(nodes[0].get(), 1);
+        EXPECT_TRUE(block->HasOwner() && block->GetOwner() == nodes[0].get());
         file->CancelRetrieve(nodes[0].get(), 0);
+        EXPECT_TRUE(block->HasOwner());
+        file->CancelRetrieve(nodes[0].get(), 1); // removes it as an owner, too
+        EXPECT_TRUE(!block->HasOwner() && !block->GetOwner());
         file->CancelRetrieve(nullptr, 1);
         EXPECT_EQ(block->CancelRetrieve(nodes[0].get()), 0);
         EXPECT_EQ(nodes[0]->references, 0);
@@ -64,6 +69,7 @@ TEST(Requests, AreAnsweredByKindPriorityAndOwners) {
         block->SetOwner(p2p[0].get(), 1);
         EXPECT_EQ(block->GetRetrieveType({p2p[0].get(), 2}), FM_RETRIEVE_PEERS);
         EXPECT_EQ(block->GetRetrieveType({plain[0].get(), 2}), FM_RETRIEVE_NOT_YET);
+        EXPECT_EQ(block->GetRetrieveType({nullptr, 2}), FM_RETRIEVE_NOT_YET);
         Write(*block, "complete");
         EXPECT_EQ(block->GetRetrieveType({p2p[0].get(), 2}), FM_RETRIEVE_PEERS);
         EXPECT_EQ(block->GetRetrieveType({p2p[0].get(), 1}), FM_RETRIEVE_HERE);
@@ -109,6 +115,10 @@ TEST(Owners, ServerListsPublicOwnersAndGroupsOthersByAddress) {
 
     own(publics, 1);
     EXPECT_EQ(log.Count(",pubs=128,nets=2,owner="), 1U);
+    EXPECT_TRUE(block->GetOwner()->IsPublic());
+    EXPECT_EQ(Owners(*block, *five[0], 200).size(), 128U); // its group has no peer
+    const auto far = Nodes(1, true, false, 99);            // no owner has its address
+    EXPECT_EQ(Owners(*block, *far[0], 200).size(), 128U);
     EXPECT_EQ(Owners(*block, *ten[0], 40).size(), 40U);
     EXPECT_EQ(Owners(*block, *ten[0], 0).size(), 0U);
     std::multiset<uint32_t> seen;

@@ -380,12 +380,12 @@ CFMDiskEntry::Stored CFMBlock::StoreBytes(CRtMessageBlock* aData, const CFMStore
     if (!RT_CHECK(BLOCK_SOURCE, m_file && m_file->GetDiskFile(),
                   "m_file.Get() && m_file->GetDiskFile()"))
         return stored;
-    if (m_state.load(std::memory_order_acquire) <= State::Filling || !aData) {
+    {
         const auto lock = m_file->GetStores().LockShared();
-        if (m_serial != store.GetSerial())
-            return stored; // rewritten since it was taken
-        RT_CHECK(BLOCK_SOURCE, false, "IsComplete() && aData");
-        return stored;
+        if (m_serial != store.GetSerial()) // rewritten since it was taken
+            return stored;
+        if (!RT_CHECK(BLOCK_SOURCE, m_state > State::Filling && aData, "IsComplete() && aData"))
+            return stored;
     }
     const uint32_t length = aData->GetTopLevelLength();
     const RtOs::Piece piece{aData->GetTopLevelReadPtr(), length};
