@@ -359,16 +359,17 @@ int CFMDiskEntry::ReadNamedRanges() {
         return RT_OK;
     uint32_t length = 0;
     int result = m_pInfo->ReaddBlockInfo(nullptr, &length);
+    CRtMessageChain body;
+    if (RT_SUCCEEDED(result) && length <= FM_INFO_BLOCK_BODY_MAX) {
+        body = CRtMessageBlock::Create(length);
+        if (!body)
+            return RT_ERROR_NULL_OBJECT;
+        result = m_pInfo->ReaddBlockInfo(body->GetTopLevelWritePtr(), &length);
+    }
     if (RT_FAILED(result) && !m_pInfo->IsTooShort())
         return result;
-    if (RT_FAILED(result) || length > FM_INFO_BLOCK_BODY_MAX)
+    if (RT_FAILED(result) || !body)
         return InvalidateTable(); // a damaged table could still name the bytes
-    const CRtMessageChain body = CRtMessageBlock::Create(length);
-    if (!body)
-        return RT_ERROR_NULL_OBJECT;
-    result = m_pInfo->ReaddBlockInfo(body->GetTopLevelWritePtr(), &length);
-    if (RT_FAILED(result))
-        return result;
     body->AdvanceTopLevelWritePtr(length);
     std::vector<FMBlockEntry> slots;
     FMDecodeBlockBody(*body, slots);
