@@ -51,7 +51,7 @@ TEST(Block, OneLoadServesAllWaitingSinksInOrder) {
     Cache cache(0);
     const FileRef file = cache.Create();
     const BlockRef block = Cache::Block(*file, 5);
-    Write(*block, Pattern(5, 5000));
+    Write(*block, Pattern(5, 200'001));
     FMWaitUntilIdle();
     clock.Advance(240'000);
     EXPECT_TRUE(block->FreeMemory());
@@ -76,6 +76,7 @@ TEST(Block, OneLoadServesAllWaitingSinksInOrder) {
     EXPECT_EQ(log.Count("CDiskFile::ReaddData, filename="), 1U);
     // A load does not count as an access: the next collection releases the bytes.
     EXPECT_FALSE(block->FreeMemory());
+    EXPECT_TRUE(Read(*block) == Pattern(5, 200'001)); // in parts
 }
 
 // A rewrite makes a load in flight stale, whether the load begins before or after the rewrite.

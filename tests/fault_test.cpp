@@ -9,6 +9,7 @@
 #include <map>
 
 #include "FMCatalog.h"
+#include "FMDurability.h"
 #include "testing/faults.h"
 #include "testing/kit.h"
 #include "testing/others.h"
@@ -35,7 +36,7 @@ enum Starved : int { NO_FAILURE, COPED, TERMINATED, FAULTY };
 // Creates a file, reads blocks of a saved file and writes another one while allocations fail.
 Starved Starve(const fs::path& dir, const FMFileID& id, const Plan& plan) {
     std::set_terminate([] { ::_exit(TERMINATED); });
-    RtSetLogSink(nullptr, nullptr, RT_LOG_SILENT);
+    RtSetLogSink([](void*, int, const char*) {}, nullptr, RT_LOG_ERROR);
     Cache cache(dir);
     FileRef file;
     CountingSink sink;
@@ -57,8 +58,10 @@ Starved Starve(const fs::path& dir, const FMFileID& id, const Plan& plan) {
         BlockRef block;
         CRtMessageChain view;
         if (file->GetBlock(block.Receive(), 2, 0) == RT_OK &&
-            block->ReadData(0, 9, RtReceive(view)) == RT_OK)
+            block->ReadData(0, 9, RtReceive(view)) == RT_OK) {
             isRight = Bytes(view) == "the other";
+            block->WriteData(9, 0, view.get()); // in place
+        }
         if (file->GetBlock(block.Receive(), 1, 0) == RT_OK)
             block->ReadData(&sink);
         if (file->GetBlock(block.Receive(), 3, 1) == RT_OK) {
@@ -203,6 +206,31 @@ TEST(Fault, ADataFileThatIsReplacedAtAnyCallOfAReadNeverYieldsForeignBytes) {
         Lift();
         EXPECT_TRUE(bytes == Pattern(1, 5000) || bytes.starts_with("error")) << "at call " << call;
     }
+}
+
+TEST(Fault, ARewriteOrARetryWithoutMemoryKeepsTheBytes) {
+    const LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    const FileRef file = cache.Create();
+    const BlockRef block = Cache::Block(*file, 1);
+    const fs::path data = cache.Path(file->GetFileInfo().fileID, ".sdd");
+    fs::create_directory(data);
+    Write(*block, "bytes");
+    FMWaitUntilIdle(); // the store has failed
+    CRtMessageChain view;
+    EXPECT_EQ(block->ReadData(0, 5, RtReceive(view)), 0); // a further copy is allocated
+    const Plan noMemory{FAIL, ALLOCATE, 1, false, 0, 0};
+    Begin(cache.dir.path, noMemory);
+    EXPECT_EQ(block->WriteData(5, 0, view.get()), RT_ERROR_NULL_OBJECT);
+    Begin(cache.dir.path, noMemory);
+    static_cast<CFMFile&>(*file).RetryFailedStores();
+    EXPECT_EQ(Hits(), 1U);
+    Lift();
+    EXPECT_EQ(FMGetBlockStatus(*block).condition, FMBlockCondition::Failed);
+    fs::remove(data);
+    static_cast<CFMFile&>(*file).RetryFailedStores();
+    FMWaitUntilIdle();
+    EXPECT_EQ(ReadFile(data), "bytes");
 }
 
 // The stamp is compared if it is known, else the identity and the length.

@@ -145,6 +145,9 @@ TEST(DiskFile, RefusesImpossibleRangesAndReportsFailures) {
             << step;
     EXPECT_EQ(file->Open("", 1), RT_ERROR_INVALID_ARG);
     EXPECT_FALSE(file->Reaches(far + 4)); // it is closed
+    const CRtComAutoPtr<CDiskFile> nameless(new CDiskFile(""));
+    EXPECT_EQ(nameless->WriteData("x", 0, 1, 1), RT_ERROR_IO);
+    EXPECT_EQ(nameless->RemoveMee(), 0);
     const CRtString other((cache.dir.path / "another file").string());
     EXPECT_EQ(file->Open(other, 0), RT_ERROR_IO);
     EXPECT_EQ(file->Open(other, 1), 0);

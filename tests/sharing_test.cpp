@@ -245,6 +245,11 @@ TEST(Sharing, ADetachedEntryDoesNotUseItsPath) {
     entry.MarkUnsynced();
     EXPECT_EQ(entry.SyncData(), 0);
     EXPECT_TRUE(!entry.IsUnsynced() && !entry.IsLockedElsewhere() && !file->GetDiskFile());
+    {
+        const CRtComAutoPtr<CFMFile> unloaded(
+            new CFMFile(FMFileIDToString(file->GetFileInfo().fileID)));
+        EXPECT_EQ(unloaded->GetEntry().Store({&piece, 1}, 0).result, 0); // it knows no table
+    }
     const Lock other(data, LOCK_EX);
     EXPECT_TRUE(entry.IsLockedElsewhere());
     file->MarkInfoChanged();
