@@ -148,6 +148,8 @@ TEST(DiskFile, RefusesImpossibleRangesAndReportsFailures) {
     const CRtComAutoPtr<CDiskFile> nameless(new CDiskFile(""));
     EXPECT_EQ(nameless->WriteData("x", 0, 1, 1), RT_ERROR_IO);
     EXPECT_EQ(nameless->RemoveMee(), 0);
+    EXPECT_EQ(nameless->AddReference(), 2U);
+    EXPECT_EQ(nameless->ReleaseReference(), 1U);
     const CRtString other((cache.dir.path / "another file").string());
     EXPECT_EQ(file->Open(other, 0), RT_ERROR_IO);
     EXPECT_EQ(file->Open(other, 1), 0);

@@ -5,6 +5,7 @@
 
 #include "testing/kit.h"
 #include "testing/node.h"
+#include "util/filemanager/fmblock.h"
 
 namespace {
 
@@ -56,6 +57,24 @@ TEST(Requests, KeepTheirNodeAliveUntilCancelled) {
     }
     EXPECT_EQ(log.Count(" Assert failed: node"), 6U);
     EXPECT_EQ(log.Count(",blockID=1,node=0.0.0.1,pri=3 this="), 2U);
+}
+
+TEST(Requests, EachOperationReportsABlockBeyondItsLimits) {
+    const auto nodes = Nodes(1, true, true, 1);
+    Cache cache;
+    const FileRef file = cache.Create();
+    const BlockRef block = Cache::Block(*file, 1);
+    Write(*block, "bytes");
+    LogCapture log(RT_LOG_ERROR);
+    for (size_t count = 0; count < cmax_check_owners; ++count)
+        block->AddRetrieve(nodes[0].get(), 1);
+    CountingSink sink;
+    EXPECT_EQ(log.Count("Assert failed"), 0U);
+    block->AddRetrieve(nodes[0].get(), 1);
+    Read(*block);
+    block->ReadData(&sink);
+    Write(*block, "other");
+    EXPECT_EQ(log.Count("Assert failed: m_retrieves.size() < cmax_check_owners"), 4U);
 }
 
 TEST(Requests, AreAnsweredByKindPriorityAndOwners) {
