@@ -148,6 +148,9 @@ TEST(DiskFile, RefusesImpossibleRangesAndReportsFailures) {
     const CRtComAutoPtr<CDiskFile> nameless(new CDiskFile(""));
     EXPECT_EQ(nameless->WriteData("x", 0, 1, 1), RT_ERROR_IO);
     EXPECT_EQ(nameless->RemoveMee(), 0);
+    const CDiskFile::Opening& opening = nameless->GetOpening();
+    EXPECT_FALSE(opening.count > 0 || opening.isCreated || opening.isForeign);
+    EXPECT_TRUE(nameless->GetKnownLength() == 0 && !nameless->IsTooShort() && nameless->IsSynced());
     EXPECT_EQ(nameless->AddReference(), 2U);
     EXPECT_EQ(nameless->ReleaseReference(), 1U);
     const CRtString other((cache.dir.path / "another file").string());

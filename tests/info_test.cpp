@@ -214,6 +214,23 @@ TEST(Info, AnEntryOverlapsIfItSharesAByteWithAnother) {
     EXPECT_EQ(FMAgeInDays(100, 99), 0); // from a clock that was set back
 }
 
+TEST(Info, ResultsThatNoCallHasFilledAreEmpty) {
+    const FMCachedFile file;
+    EXPECT_FALSE(file.hasInfo || file.hasData || file.isDataSpecial || file.isOpenHere ||
+                 file.isOpenElsewhere || file.isUnreadable || file.isDescribed || file.isLoadable ||
+                 file.isTableComplete);
+    EXPECT_EQ(file.infoLength + file.dataLength + file.createTime + file.slots + file.highestBlock +
+                  file.storedBlocks + file.blockBytes,
+              0U);
+    EXPECT_EQ(FMExpiry().dueTime + FMUnsavedBlock().blockID + FMRetrieveItem().m_pri, 0);
+    EXPECT_FALSE(FMBlockStatus().isResident || FMBlockStatus().survivesKill);
+    const FMFileInfo info;
+    EXPECT_EQ(info.userValue + info.flag + info.blockBeg + info.num, 0U);
+    const FMBlockEntry entry;
+    EXPECT_EQ(entry.blockID + entry.totalLen + entry.posInFile, 0);
+    EXPECT_EQ(SDAddress().m_port + SDAddress().m_value + SDDataAddressItem().m_tag, 0U);
+}
+
 TEST(Info, TwoObjectsNeverShareAPath) {
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache;

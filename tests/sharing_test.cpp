@@ -233,7 +233,8 @@ TEST(Sharing, ADetachedEntryDoesNotUseItsPath) {
     const CRtComAutoPtr<CFMFile> file(new CFMFile(Description()));
     CFMDiskEntry& entry = file->GetEntry();
     const RtOs::Piece piece{"x", 1};
-    EXPECT_EQ(entry.Store({&piece, 1}, 0).result, 0);
+    const CFMDiskEntry::Stored stored = entry.Store({&piece, 1}, 0);
+    EXPECT_TRUE(stored.result == 0 && stored.epoch == FM_FIRST_EPOCH);
     const fs::path data = cache.Path(file->GetFileInfo().fileID, ".sdd");
     EXPECT_TRUE(entry.IsUnsynced() && !IsFree(data));
     EXPECT_TRUE(entry.Detach());
