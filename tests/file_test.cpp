@@ -157,6 +157,7 @@ TEST(DiskFile, RefusesImpossibleRangesAndReportsFailures) {
     EXPECT_EQ(file->Open(other, 0), RT_ERROR_IO);
     EXPECT_EQ(file->Open(other, 1), 0);
     EXPECT_EQ(file->GetFileName(), other);
+    file->Close();
     const CRtComAutoPtr<CInfoFile> lost(
         new CInfoFile(CRtString((cache.dir.path / "missing" / "file").string())));
     EXPECT_EQ(lost->WriteData("x", 0, 1, 1), RT_ERROR_IO);
