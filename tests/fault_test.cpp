@@ -285,7 +285,10 @@ TEST(Fault, ARewriteRevokesItsEntryInADamagedTableOrFails) {
             ReadFile(cache.Path(id, ".sdd")) == Pattern(1, 500) + Pattern(3, 500);
         for (const FMBlockEntry& entry : sim::ReadTable(info))
             EXPECT_TRUE(!isWritten || entry.blockID != 2 || entry.posInFile < 0);
-        EXPECT_EQ(Read(*Cache::Block(*file, 2)), Pattern(3, 500));
+        cache.Close(file);
+        FMWaitUntilIdle();
+        file = cache.Open(id);
+        EXPECT_EQ(file ? Read(*Cache::Block(*file, 2)) : "", Pattern(3, 500));
         return isWritten;
     };
     const auto nothing = [](const fs::path&) {};
@@ -297,6 +300,12 @@ TEST(Fault, ARewriteRevokesItsEntryInADamagedTableOrFails) {
     EXPECT_TRUE(rewrite([=](const fs::path& info) { fs::resize_file(info, tableAt + 9); }, {}));
     EXPECT_TRUE(rewrite(overwrite(FM_INFO_COUNT_SIZE + FM_INFO_ENTRY_SIZE * 2 - 1, "\x80"), {}));
     EXPECT_TRUE(rewrite([](const fs::path& info) { fs::remove(info); }, {}));
+    EXPECT_TRUE(rewrite(
+        [](const fs::path& info) {
+            fs::copy_file(info, info.parent_path() / "copy");
+            fs::rename(info.parent_path() / "copy", info);
+        },
+        {}));
     const auto tooLong = [=](const fs::path& info) {
         sim::Overwrite(info, tableAt - 4, "\xff\xff\xff");
     };
