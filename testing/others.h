@@ -7,8 +7,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "FMInfoCodec.h"
 #include "testing/kit.h"
@@ -49,6 +51,27 @@ inline void WriteLongName(const fs::path& info, const FMFileID& id) {
     bytes[FM_INFO_LENGTH_OFFSET] = static_cast<char>(length % 256);
     bytes[FM_INFO_LENGTH_OFFSET + 1] = static_cast<char>(length / 256);
     WriteFile(info, bytes);
+}
+
+/// The entries of the block table in an information file; none if the file has no valid table.
+inline std::vector<FMBlockEntry> ReadTable(const fs::path& info) {
+    const std::string bytes = ReadFile(info);
+    std::vector<FMBlockEntry> entries;
+    size_t at = FM_INFO_LENGTH_OFFSET;
+    size_t length = 0; // of the description, then of the table
+    for (int i = 0; i < 2; ++i) {
+        at += length;
+        if (bytes.size() < at + FM_INFO_LENGTH_SIZE)
+            return entries;
+        uint8_t prefix[FM_INFO_LENGTH_SIZE];
+        std::memcpy(prefix, bytes.data() + at, sizeof(prefix));
+        length = FMGetLength(prefix);
+        at += sizeof(prefix);
+    }
+    if (length <= bytes.size() - at)
+        FMDecodeBlockBody(*CRtMessageBlock::Wrap(bytes.data() + at, static_cast<uint32_t>(length)),
+                          entries);
+    return entries;
 }
 
 /// Changes a pair of files as another program could. `length`: of the data file.

@@ -49,8 +49,11 @@ public:
         if (!isThreaded)
             RtSetLogSink(&World::TakeLine, this, isLogTraced ? RT_LOG_TRACE : RT_LOG_WARNING);
         Start(DAYS);
+        if (!isThreaded)
+            faults::Observe([this](const faults::Change& change) { CheckChange(change); });
     }
     ~World() {
+        faults::Observe(nullptr);
         RtSetLogSink(nullptr, nullptr, RT_LOG_SILENT);
         for (Wait& wait : m_waits) { // after a violation
             if (!wait.isOver)
@@ -98,6 +101,7 @@ private:
             m_world.Require(m_held->block->CancelReadData(this) == RT_OK, "a cancel succeeds");
         }
         Held& GetHeld() const { return *m_held; }
+        std::shared_ptr<Held> Share() const { return m_held; }
         bool isOver = false;
         bool isAsking = false; // the call returns the bytes at once
 
@@ -176,7 +180,12 @@ private:
     }
 
     // Runs one event of the read/write thread, or of the caller thread.
-    static bool Down() { return CRtEventQueue::Stepped() && CRtEventQueue::Stepped()->Step(); }
+    bool Down() {
+        m_isDown = true;
+        const bool hasRun = CRtEventQueue::Stepped() && CRtEventQueue::Stepped()->Step();
+        m_isDown = false;
+        return hasRun;
+    }
     static bool IsDownIdle() {
         return !CRtEventQueue::Stepped() || CRtEventQueue::Stepped()->GetCount() == 0;
     }
@@ -274,14 +283,14 @@ private:
         Require(static_cast<std::ptrdiff_t>(figures.openFiles) ==
                     std::ranges::count_if(m_files, isOpen),
                 "open files are counted");
-        CheckMemory();
+        CheckMemory(figures);
         for (const File& file : m_files) {
             for (const auto& [id, block] : file.table)
                 CheckCondition(file, id, block);
         }
     }
 
-    void CheckMemory() {
+    void CheckMemory(const FMStatistics& figures) {
         std::set<IFMBlock*> blocks;
         for (const File& file : m_files) {
             for (const auto& block : file.ref ? file.ref->GetBlocks() : FMBlockTable()) {
@@ -291,13 +300,32 @@ private:
             ForEachHeld(file, [&](Held& held) { blocks.insert(held.block.Get()); });
         }
         size_t bytes = 0;
-        for (IFMBlock* block : blocks)
+        size_t failed = 0;
+        size_t stored = 0;
+        for (IFMBlock* block : blocks) {
+            using enum FMBlockCondition;
             bytes += block->IsInMemory() ? block->GetTotalLen() : 0;
+            const FMBlockCondition condition = FMGetBlockStatus(*block).condition;
+            failed += condition == Failed ? block->GetTotalLen() : 0;
+            stored += condition == Stored || condition == Lost ? block->GetTotalLen() : 0;
+        }
         const size_t inUse = CFileManager::Instance()->GetMemoryInUse();
         // A displaced file keeps blocks that only the library references.
         const bool isAnyDisplaced = std::ranges::any_of(m_files, &File::isDisplaced);
         Require(inUse == bytes || (inUse > bytes && isAnyDisplaced),
                 "memory in use is that of the resident buffers");
+        Require(isAnyDisplaced || (figures.failedBytes == failed && figures.storedBytes == stored),
+                "bytes are counted by the state of their block");
+    }
+
+    void CheckFilling(const File& file, uint32_t id, const Block& model) {
+        const BlockRef block = Cache::Block(*file.ref, id, 0);
+        if (!block || model.isLost)
+            return;
+        const FMBlockCondition condition = FMGetBlockStatus(*block).condition;
+        Require(model.version != 0 || model.bytes.empty() ? condition != FMBlockCondition::Filling
+                                                          : condition == FMBlockCondition::Filling,
+                Name(file, id) + " is incomplete");
     }
 
     void CheckCondition(const File& file, uint32_t id, const Block& model) {
@@ -306,6 +334,7 @@ private:
             return;
         const FMBlockStatus status = FMGetBlockStatus(*block);
         Require(status.condition != FMBlockCondition::Pending, Name(file, id) + " is not pending");
+        CheckFilling(file, id, model);
         if (m_faults > 0 || IsFaulty() || file.isHarmed || file.isDisplaced || model.isLost)
             return;
         Require((status.condition == FMBlockCondition::Stored) == (model.version != 0),
@@ -314,6 +343,25 @@ private:
                 Name(file, id) + " has changed since the last table");
         Require(status.isResident || model.bytes.empty() || model.version != 0,
                 Name(file, id) + " is stored before it is released");
+    }
+
+    // After each write of the library: the table on disk names no byte that was overwritten, and none beyond the end of
+    // the data file.
+    void CheckChange(const faults::Change& change) {
+        if (change.kind != faults::WRITE || m_isHarmed || faults::IsFrozen())
+            return;
+        const fs::path path(change.path);
+        const bool isData = path.extension() == FM_DATA_EXTENSION;
+        std::error_code ignored;
+        const auto length = static_cast<int64_t>(
+            fs::file_size(fs::path(path).replace_extension(FM_DATA_EXTENSION), ignored));
+        const auto pos = static_cast<int64_t>(isData ? change.offset : length);
+        const auto end = isData ? pos + static_cast<int64_t>(change.bytes.size()) : INT64_MAX;
+        for (const FMBlockEntry& entry :
+             ReadTable(fs::path(path).replace_extension(FM_INFO_EXTENSION)))
+            Require(entry.totalLen == 0 || !FMIsEntryPossible(entry) || entry.posInFile >= end ||
+                        entry.posInFile + entry.totalLen <= pos,
+                    "a table on disk names only bytes of its blocks");
     }
 
     void CheckBlock(File& file, uint32_t id) {
@@ -346,16 +394,40 @@ private:
                               {FREEZE_AFTER, ANY_OPERATION, nth, false, 0, 0},
                               {FREEZE_HALFWAY, WRITE, early, false, 0, 0},
                               {CALL, ANY_OPERATION, nth, false, 0, 0},
-                              {CALL, ANY_OPERATION, nth, false, 0, 0}};
+                              {CALL, ANY_OPERATION, nth, false, 0, 0},
+                              {CALL, ANY_OPERATION, first, false, 0, 0}};
         const uint32_t number = step.fault % 32;
         const Plan plan = number < std::size(plans) ? plans[number] : Plan();
         m_action = plan.action;
-        SetCallback([this, step, isHarm = number % 2 != 0] {
-            if (isHarm)
-                ChangeFile(m_files[step.how % FILES], step.at);
-            m_clock.Advance(2000); // the check of the path, once a second, is due
-        });
+        const bool isRewrite = number + 1 == std::size(plans);
+        SetCallback(
+            [this, step, isRewrite, isHarm = number % 2 != 0, up = CRtEventQueue::Current()] {
+                if (isRewrite && m_isDown)
+                    return Overtake(step, *up);
+                if (isHarm && !isRewrite)
+                    ChangeFile(m_files[step.how % FILES], step.at);
+                m_clock.Advance(2000); // the check of the path, once a second, is due
+            });
         Begin(m_cache.dir.path, plan);
+    }
+
+    // The caller thread writes while the read/write thread is in a system call, the next of which may fail.
+    void Overtake(const Step& step, CRtEventQueue& up) {
+        CRtEventQueue& down = *CRtEventQueue::Current();
+        up.SetOwner(true);
+        m_isDown = false;
+        File& file = m_files[step.file % FILES];
+        if (file.ref) {
+            for (const auto& [id, block] : file.table)
+                CheckFilling(file, id, block);
+            Write(step, file);
+        }
+        down.SetOwner(true);
+        m_isDown = true;
+        if (step.how % 2 == 0)
+            return;
+        m_action = faults::FAIL;
+        faults::Begin(m_cache.dir.path, {m_action, faults::WRITE, 1, true, ENOSPC, 0});
     }
 
     void EndFault() {
@@ -408,6 +480,7 @@ private:
         if (ignored)
             return;
         Trace("  harmed " + std::to_string(file.id.Data1));
+        m_isHarmed = true;
         const bool isDuringCall = m_action == faults::CALL;
         Harm harm = static_cast<Harm>(how % static_cast<uint32_t>(Harm::COUNT));
         if (harm == Harm::Truncation && isDuringCall)
@@ -755,7 +828,7 @@ private:
         const bool isWritten = file.isChanged && isAllThere && !IsFaulty() && !file.isHarmed;
         if (file.isChanged && !IsFaulty())
             file.NoteTable();
-        if (isAllThere)
+        if (isAllThere && !IsFaulty())
             file.isChanged = false;
         if (isWritten)
             SetDisk(file, file.Versions());
@@ -1047,7 +1120,8 @@ private:
         Block& model = file.table[id];
         const auto position = static_cast<uint32_t>(model.bytes.size());
         const bool isComplete = model.length != 0 && position == model.length;
-        const uint32_t pos = isComplete || step.how % 16 == 1 ? 0 : position + (step.how % 16 == 2);
+        const bool isAnew = step.how % 16 == 1 || (isComplete && step.how % 16 > 3);
+        const uint32_t pos = isAnew ? 0 : position + (step.how % 16 == 2);
         const bool isRewrite = pos != position;
         const bool isSame = model.length != 0 && step.how % 4 != 3; // the same length again
         const uint32_t length = isSame                ? model.length
@@ -1250,8 +1324,12 @@ private:
             if (!wait.isOver)
                 waiting.push_back(&wait);
         }
-        if (!waiting.empty())
-            waiting[step.size % waiting.size()]->Cancel();
+        if (waiting.empty())
+            return;
+        Wait& wait = *waiting[step.size % waiting.size()];
+        wait.Cancel();
+        if (step.how % 2)
+            Ask(wait.Share(), false);
     }
 
     static fs::path Directory() {
@@ -1274,7 +1352,9 @@ private:
     bool m_isRunning = false;
     int m_questions = 0; // callbacks that were asked for
     int m_answers = 0;
-    int m_storeLock = -1;                                                    // another server's
+    bool m_isDown = false;   // the read/write thread runs, and the caller thread does not wait
+    bool m_isHarmed = false; // another program has changed a file
+    int m_storeLock = -1;    // another server's
     std::map<std::pair<uint32_t, uint32_t>, std::vector<Version>> m_history; // by file and block
     CRtMessageChain m_view;                                                  // of the last read
     std::string m_viewed;

@@ -2,8 +2,21 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <thread>
 
+#include "FMStatistics.h"
 #include "testing/kit.h"
+#include "util/filemanager/filemanager.h"
+
+namespace {
+
+uint64_t CountLoads() {
+    FMStatistics figures;
+    FMGetStatistics(figures);
+    return figures.loads;
+}
+
+} // namespace
 
 TEST(Block, AnIncompleteBlockIsAliveUntil8192MsAfterItsLastPiece) {
     TestClock clock;
@@ -38,7 +51,7 @@ TEST(Block, OneLoadServesAllWaitingSinksInOrder) {
     Cache cache(0);
     const FileRef file = cache.Create();
     const BlockRef block = Cache::Block(*file, 5);
-    Write(*block, Pattern(5, 5000));
+    Write(*block, Pattern(5, 200'001));
     FMWaitUntilIdle();
     clock.Advance(240'000);
     EXPECT_TRUE(block->FreeMemory());
@@ -63,6 +76,7 @@ TEST(Block, OneLoadServesAllWaitingSinksInOrder) {
     EXPECT_EQ(log.Count("CDiskFile::ReaddData, filename="), 1U);
     // A load does not count as an access: the next collection releases the bytes.
     EXPECT_FALSE(block->FreeMemory());
+    EXPECT_TRUE(Read(*block) == Pattern(5, 200'001)); // in parts
 }
 
 // A rewrite makes a load in flight stale, whether the load begins before or after the rewrite.
@@ -82,6 +96,7 @@ TEST(Block, StaleLoadDoesNotReplaceRewrittenBytes) {
         ASSERT_FALSE(block->FreeMemory());
         CountingSink sink;
         auto gate = isBegun ? nullptr : std::make_unique<Gate>();
+        const uint64_t loads = CountLoads();
         EXPECT_EQ(block->ReadData(&sink), 0);
         if (isBegun)
             Cache::RunReadwrQueue(); // the load has run, its completion is queued
@@ -93,8 +108,93 @@ TEST(Block, StaleLoadDoesNotReplaceRewrittenBytes) {
         FMWaitUntilIdle();
         EXPECT_EQ(sink.results, std::vector<int>{0});
         EXPECT_TRUE(Read(*block) == Pattern(2, length));
+        EXPECT_EQ(CountLoads() - loads, isBegun ? 2U : 1U);
     }
     EXPECT_EQ(log.Count("Assert failed"), 0U) << log.Text();
+}
+
+// A stale load after which no other one can start: its sink was cancelled, or the manager was stopped.
+TEST(Block, AStaleLoadEndsWithoutAnotherOne) {
+    TestClock clock;
+    LogCapture quiet(RT_LOG_SILENT);
+    for (const bool isCancelled : {true, false}) {
+        Cache cache;
+        const FileRef file = cache.Create();
+        const BlockRef block = Cache::Block(*file, 1);
+        CountingSink sink;
+        Write(*Cache::Block(*file, 2), "the range at offset 0 is never written again");
+        for (const uint32_t version : {1U, 2U}) {
+            Write(*block, Pattern(version, 500));
+            Cache::RunReadwrQueue();
+            clock.Advance(240'001);
+            ASSERT_FALSE(block->FreeMemory());
+            if (version == 1)
+                block->ReadData(&sink);
+            Cache::RunReadwrQueue(); // the completion is queued
+        }
+        if (isCancelled)
+            block->CancelReadData(&sink);
+        else
+            cache.Stop();
+        FMWaitUntilIdle();
+        EXPECT_EQ(sink.results, std::vector<int>(isCancelled ? 0 : 1, RT_ERROR_NOT_READY));
+        if (isCancelled)
+            continue;
+        EXPECT_EQ(block->ReadData(&sink), RT_ERROR_NOT_READY);
+        EXPECT_EQ(Read(*block), "error 10001");
+    }
+}
+
+TEST(Block, ASinkThatWaitsForItsCallIsNotAddedAgain) {
+    LogCapture quiet(RT_LOG_SILENT);
+    TestClock clock;
+    Cache cache;
+    const FileRef file = cache.Create();
+    const BlockRef block = Cache::Block(*file, 1);
+    Write(*block, Pattern(1, 500));
+    FMWaitUntilIdle();
+    clock.Advance(240'001);
+    CFMDiskEntry& entry = static_cast<CFMFile&>(*file).GetEntry();
+    ASSERT_FALSE(block->FreeMemory());
+    entry.LoseData(); // the load fails, so the bytes do not become resident
+    CountingSink first, second;
+    first.then = [&](IFMBlock*, int) { EXPECT_EQ(block->ReadData(&second), 0); };
+    for (CountingSink* sink : {&first, &second})
+        EXPECT_EQ(block->ReadData(sink), 0);
+    FMWaitUntilIdle();
+    EXPECT_EQ(second.results, std::vector<int>{RT_ERROR_IO});
+    // Bytes that are lost on disk stay in memory.
+    const BlockRef resident = Cache::Block(*file, 2);
+    Write(*resident, Pattern(2, 500));
+    FMWaitUntilIdle();
+    entry.LoseData();
+    clock.Advance(240'001);
+    EXPECT_TRUE(resident->FreeMemory());
+}
+
+// At the end of the process, the post of a store may be refused after another store has taken it along.
+TEST(Block, AStoreThatIsRefusedWaitsForTheWriteThatHasTakenIt) {
+    const Cache cache;
+    const CRtComAutoPtr<CFMFile> file(new CFMFile(Description()));
+    auto* const block = new CFMServerBlock(file.Get(), 1, 0);
+    CFMStores& stores = file->GetStores();
+    auto event = std::make_unique<CFMStoreEvent>(block, 3, 0, CRtMessageBlock::CreateCopy("x", 1));
+    CFMStoreEvent& store = *event;
+    CFMStore* batch[2] = {};
+    std::atomic<bool> isEnded = false;
+    {
+        const auto lock = stores.LockShared();
+        stores.Add(store);
+        EXPECT_EQ(stores.TakeBatch(store, batch), 1U);
+    }
+    std::jthread end([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        const auto lock = stores.LockShared();
+        isEnded = true;
+        EXPECT_FALSE(stores.End(store, {1, 0, 0}, FM_FIRST_EPOCH));
+    });
+    event.reset();
+    EXPECT_TRUE(isEnded && stores.IsIdle());
 }
 
 TEST(Block, AStaleFirstLoadOfALoadedBlockIsDropped) {

@@ -25,17 +25,22 @@ TEST(Durability, ABlockGoesThroughItsStates) {
     const fs::path data = cache.Path(file->GetFileInfo().fileID, ".sdd");
     const BlockRef block = Cache::Block(*file, 1);
     EXPECT_EQ(ConditionOf(block), Condition::Empty);
+    const auto state = [&] { return static_cast<CFMBlock&>(*block).GetState(); };
+    EXPECT_EQ(state(), BLOCK_STATE_EMPTY);
     const CRtMessageChain piece = CRtMessageBlock::Wrap("ab", 2);
     block->WriteData(4, 0, piece.get());
     EXPECT_EQ(ConditionOf(block), Condition::Filling);
+    EXPECT_EQ(state(), BLOCK_STATE_FILLING);
     fs::create_directory(data); // the path cannot be written as a file
     block->WriteData(4, 2, piece.get());
     Cache::RunReadwrQueue();
     EXPECT_EQ(ConditionOf(block), Condition::Failed);
+    EXPECT_EQ(state(), BLOCK_STATE_COMPLETE);
     fs::remove(data);
     static_cast<CFMFile&>(*file).RetryFailedStores();
     Cache::RunReadwrQueue();
     EXPECT_EQ(ConditionOf(block), Condition::Stored);
+    EXPECT_EQ(state(), BLOCK_STATE_STORED);
     EXPECT_FALSE(Survives(block)); // no table names it
     std::vector<FMUnsavedBlock> unsaved;
     EXPECT_EQ(FMFlush(unsaved), RT_OK);

@@ -9,9 +9,12 @@
 #include <map>
 
 #include "FMCatalog.h"
+#include "FMDurability.h"
 #include "testing/faults.h"
 #include "testing/kit.h"
+#include "testing/others.h"
 #include "util/filemanager/filemanager.h"
+#include "util/filemanager/statistics.h"
 
 using namespace faults;
 
@@ -30,24 +33,42 @@ int InChild(const std::function<int()>& work) noexcept { // a child must not ret
 
 enum Starved : int { NO_FAILURE, COPED, TERMINATED, FAULTY };
 
-// Reads one block of a saved file and writes another one while allocations fail.
+// Creates a file, reads blocks of a saved file and writes another one while allocations fail.
 Starved Starve(const fs::path& dir, const FMFileID& id, const Plan& plan) {
     std::set_terminate([] { ::_exit(TERMINATED); });
-    RtSetLogSink(nullptr, nullptr, RT_LOG_SILENT);
+    RtSetLogSink([](void*, int, const char*) {}, nullptr, RT_LOG_ERROR);
     Cache cache(dir);
     FileRef file;
     CountingSink sink;
     sink.results.reserve(8);
     const CRtMessageChain piece = CRtMessageBlock::CreateCopy(Pattern(3, 800).data(), 800);
+    FMFileInfo info = Description(0);
     Begin(dir, plan);
     bool isRight = true;
+    if (cache.manager->CreateFile(file.Receive(), info) == RT_OK) {
+        BlockRef block;
+        if (file->GetBlock(block.Receive(), 0, 1) == RT_OK)
+            block->WriteData(800, 0, piece.get());
+        FMCachedFile described;
+        FMDescribeCachedFile("", FMFileIDToString(info.fileID), described);
+        block.Reset();
+        cache.Close(file);
+    }
     if (cache.manager->OpenFile(file.Receive(), id, 1) == RT_OK) {
         BlockRef block;
+        CRtMessageChain view;
+        if (file->GetBlock(block.Receive(), 2, 0) == RT_OK &&
+            block->ReadData(0, 9, RtReceive(view)) == RT_OK) {
+            isRight = Bytes(view) == "the other";
+            block->WriteData(9, 0, view.get()); // in place
+        }
         if (file->GetBlock(block.Receive(), 1, 0) == RT_OK)
             block->ReadData(&sink);
         if (file->GetBlock(block.Receive(), 3, 1) == RT_OK) {
             const int result = block->WriteData(800, 0, piece.get());
-            isRight = result == RT_OK ? block->IsComplete() : block->GetPosition() == 0;
+            isRight =
+                isRight && (result == RT_OK ? block->IsComplete() : block->GetPosition() == 0);
+            block->WriteData(800, 0, piece.get()); // a rewrite
         }
         FMWaitUntilIdle();
     }
@@ -61,6 +82,10 @@ Starved Starve(const fs::path& dir, const FMFileID& id, const Plan& plan) {
     isRight = isRight && Read(*written) == Pattern(3, 800) && sink.results.size() <= 1;
     cache.Close(file);
     cache.Stop();
+    cache.thread.RunDue();
+    file.Reset();
+    isRight = isRight && g_statistics.Get(CFMStatistics::FilesCreated) ==
+                             g_statistics.Get(CFMStatistics::FilesDestroyed) + 1; // `written`
     return !isRight ? FAULTY : hasFailed ? COPED : NO_FAILURE;
 }
 
@@ -79,6 +104,7 @@ TEST(Fault, AFailingAllocationLosesNothingThatWasSaved) {
                 info.fileID = id;
                 FileRef file = cache.Create(info);
                 Write(*Cache::Block(*file, 1), Pattern(1, 700));
+                Write(*Cache::Block(*file, 2), "the other");
                 cache.Close(file);
                 return 0;
             });
@@ -180,6 +206,113 @@ TEST(Fault, ADataFileThatIsReplacedAtAnyCallOfAReadNeverYieldsForeignBytes) {
         Lift();
         EXPECT_TRUE(bytes == Pattern(1, 5000) || bytes.starts_with("error")) << "at call " << call;
     }
+}
+
+TEST(Fault, ARewriteOrARetryWithoutMemoryKeepsTheBytes) {
+    const LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    const FileRef file = cache.Create();
+    const BlockRef block = Cache::Block(*file, 1);
+    const fs::path data = cache.Path(file->GetFileInfo().fileID, ".sdd");
+    fs::create_directory(data);
+    Write(*block, "bytes");
+    FMWaitUntilIdle(); // the store has failed
+    CRtMessageChain view;
+    EXPECT_EQ(block->ReadData(0, 5, RtReceive(view)), 0); // a further copy is allocated
+    const Plan noMemory{FAIL, ALLOCATE, 1, false, 0, 0};
+    Begin(cache.dir.path, noMemory);
+    EXPECT_EQ(block->WriteData(5, 0, view.get()), RT_ERROR_NULL_OBJECT);
+    Begin(cache.dir.path, noMemory);
+    static_cast<CFMFile&>(*file).RetryFailedStores();
+    EXPECT_EQ(Hits(), 1U);
+    Lift();
+    EXPECT_EQ(FMGetBlockStatus(*block).condition, FMBlockCondition::Failed);
+    fs::remove(data);
+    static_cast<CFMFile&>(*file).RetryFailedStores();
+    FMWaitUntilIdle();
+    EXPECT_EQ(ReadFile(data), "bytes");
+}
+
+// The stamp is compared if it is known, else the identity and the length.
+TEST(Fault, AnOpeningFindsAFileForeignThatAnotherProgramHasChanged) {
+    const LogCapture quiet(RT_LOG_SILENT);
+    const TempDir dir;
+    const fs::path path = dir.path / "file";
+    const auto isForeign = [&](bool isKnown, const std::function<void()>& change) {
+        fs::remove(path);
+        const CRtComAutoPtr<CDiskFile> file(new CDiskFile(CRtString(path.string())));
+        EXPECT_EQ(file->WriteData("four", 0, 4, 1), 0);
+        if (!isKnown)
+            Begin(dir.path, {FAIL, LOOK, 1, true, EIO, 0});
+        file->Close();
+        Lift();
+        change();
+        EXPECT_TRUE(file->TakeExisting() && file->HasStream());
+        return file->GetOpening().isForeign;
+    };
+    for (const bool isKnown : {false, true}) {
+        EXPECT_FALSE(isForeign(isKnown, [] {}));
+        EXPECT_EQ(isForeign(isKnown, [&] { WriteFile(path, "longer"); }), isKnown);
+        EXPECT_TRUE(isForeign(isKnown, [&] { fs::resize_file(path, 3); }));
+        EXPECT_TRUE(isForeign(isKnown, [&] {
+            WriteFile(dir.path / "new", "four");
+            fs::rename(dir.path / "new", path);
+        }));
+    }
+}
+
+// Damage to the table of an open file, before a block is rewritten in place.
+TEST(Fault, ARewriteRevokesItsEntryInADamagedTableOrFails) {
+    const LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    const auto tableAt = static_cast<uint32_t>(FM_INFO_BODY_OFFSET + FM_INFO_FILE_BODY_FIXED +
+                                               Description().name.size() + FM_INFO_LENGTH_SIZE);
+    const auto rewrite = [&](const std::function<void(const fs::path&)>& damage, const Plan& plan) {
+        FileRef file = cache.Create();
+        const FMFileID id = file->GetFileInfo().fileID;
+        const fs::path info = cache.Path(id, ".sdi");
+        for (const uint32_t block : {1U, 2U})
+            Write(*Cache::Block(*file, block), Pattern(block, 500));
+        cache.Close(file);
+        FMWaitUntilIdle();
+        file = cache.Open(id);
+        damage(info);
+        Begin(cache.dir.path, plan);
+        Write(*Cache::Block(*file, 2), Pattern(3, 500));
+        FMWaitUntilIdle();
+        Lift();
+        const bool isWritten =
+            ReadFile(cache.Path(id, ".sdd")) == Pattern(1, 500) + Pattern(3, 500);
+        for (const FMBlockEntry& entry : sim::ReadTable(info))
+            EXPECT_TRUE(!isWritten || entry.blockID != 2 || entry.posInFile < 0);
+        cache.Close(file);
+        FMWaitUntilIdle();
+        file = cache.Open(id);
+        EXPECT_EQ(file ? Read(*Cache::Block(*file, 2)) : "", Pattern(3, 500));
+        return isWritten;
+    };
+    const auto nothing = [](const fs::path&) {};
+    const auto overwrite = [=](uint32_t at, const char* bytes) {
+        return [=](const fs::path& info) { sim::Overwrite(info, tableAt + at, bytes); };
+    };
+    EXPECT_TRUE(rewrite(nothing, {}));
+    EXPECT_TRUE(rewrite([=](const fs::path& info) { fs::resize_file(info, tableAt - 2); }, {}));
+    EXPECT_TRUE(rewrite([=](const fs::path& info) { fs::resize_file(info, tableAt + 9); }, {}));
+    EXPECT_TRUE(rewrite(overwrite(FM_INFO_COUNT_SIZE + FM_INFO_ENTRY_SIZE * 2 - 1, "\x80"), {}));
+    EXPECT_TRUE(rewrite([](const fs::path& info) { fs::remove(info); }, {}));
+    EXPECT_TRUE(rewrite(
+        [](const fs::path& info) {
+            fs::copy_file(info, info.parent_path() / "copy");
+            fs::rename(info.parent_path() / "copy", info);
+        },
+        {}));
+    const auto tooLong = [=](const fs::path& info) {
+        sim::Overwrite(info, tableAt - 4, "\xff\xff\xff");
+    };
+    EXPECT_TRUE(rewrite(tooLong, {}));
+    EXPECT_FALSE(rewrite(tooLong, {FAIL, WRITE, 1, true, ENOSPC, 0}));
+    EXPECT_FALSE(rewrite(nothing, {FAIL, READ, 1, true, EIO, 0}));
+    EXPECT_FALSE(rewrite(nothing, {FAIL, WRITE, 1, true, ENOSPC, 0}));
 }
 
 TEST(Fault, UnInitializeWaitsForAStalledDiskAndNamesTheFile) {

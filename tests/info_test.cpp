@@ -1,9 +1,14 @@
 // The information file: what is saved, what loads, and the limits of the format.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <random>
+
 #include "FMCatalog.h"
+#include "FMDurability.h"
 #include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
+#include "util/filemanager/fmrules.h"
 
 namespace {
 
@@ -96,6 +101,8 @@ TEST_F(Loading, EntriesWithImpossibleNumbersBecomeBlocksWithoutDataOrAreSkipped)
     EXPECT_EQ(log.Count("CDiskFile::ReaddData. fread Failed."), 0U); // no buffer was allocated
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, impossible place, blockID="), 3U);
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, block beyond the data file, blockID="), 2U);
+    std::vector<FMUnsavedBlock> unsaved;
+    EXPECT_EQ(FMFlush(unsaved), 0); // a flush does not list what was lost before
     EXPECT_TRUE(
         Load(BlockBody({{7, 10, 0}, {4000, 10, 5}, {7, 10, 100}, {9, 10, 200}, {9, 5000, 300}})));
 }
@@ -131,6 +138,7 @@ TEST_F(Loading, TablesAndDescriptionsBeyondTheLimitsAreRefused) {
     EXPECT_EQ(log.Count("LoadFileInfo, ReaddFileInfo error, ret=10008"), 1U);
     // Without the creation time the description has the maximum length; saved again it would be longer.
     info.name += "n";
+    ASSERT_EQ(info.name.size(), FM_INFO_NAME_MAX + 2U);
     std::string bytes = InfoFile(info, BlockBody({}));
     const size_t length = FM_INFO_FILE_BODY_FIXED - 4 + info.name.size();
     uint8_t prefix[4];
@@ -139,6 +147,11 @@ TEST_F(Loading, TablesAndDescriptionsBeyondTheLimitsAreRefused) {
     bytes.erase(FM_INFO_BODY_OFFSET + length, 4);
     EXPECT_FALSE(LoadBytes(bytes));
     EXPECT_EQ(log.Count("CFMFile::LoadFileInfo, Decode file info error, ret=10008"), 2U);
+    info.name = CRtString(std::string(FM_INFO_NAME_MAX, 'n'));
+    EXPECT_TRUE(Load(BlockBody({})));
+    EXPECT_FALSE(LoadBytes(std::string("IFSD\3\0\0\0abc", 11))); // the description ends early
+    EXPECT_EQ(log.Count("CFMFile::LoadFileInfo, Decode file info error, ret=10001"), 1U);
+    EXPECT_FALSE(LoadBytes(InfoFile({}, BlockBody({})))); // without an identifier
     EXPECT_FALSE(LoadBytes("JFSD and so on and so on"));
     EXPECT_EQ(log.Count("LoadFileInfo, ReaddFileInfo error, ret=10015"), 1U);
 }
@@ -169,6 +182,53 @@ TEST(Info, TablesAndNamesAtTheLimitsOfTheFormat) {
     Write(*Cache::Block(*nameless, 1), "x");
     cache.Close(nameless);
     EXPECT_EQ(log.Count("CFMFile::SaveFileInfo, Encode file info error, ret=10001 this="), 1U);
+}
+
+TEST(Info, AnEntryOverlapsIfItSharesAByteWithAnother) {
+    std::mt19937 random(7);
+    for (int run = 0; run < 3000; ++run) {
+        std::vector<FMBlockEntry> slots(2 + random() % 4);
+        const auto pick = [&](uint32_t count) { return static_cast<uint32_t>(random() % count); };
+        for (FMBlockEntry& entry : slots)
+            entry = {pick(9), pick(4), int64_t{pick(12)} - 1};
+        const auto states = FMJudgeEntries(slots, {2, 6, 11}, FMFindOverlaps(slots));
+        for (size_t i = 0; i < slots.size(); ++i) {
+            const FMBlockEntry& entry = slots[i];
+            const auto shares = [&](const FMBlockEntry& other) {
+                return &other != &entry && entry.posInFile >= 0 && other.posInFile >= 0 &&
+                       std::max(entry.posInFile, other.posInFile) <
+                           std::min(FMEndOf(entry), FMEndOf(other));
+            };
+            using enum FMSlotState;
+            const bool isOutside = entry.blockID != 0 && (entry.blockID < 2 || entry.blockID > 7);
+            const FMSlotState expected = isOutside                            ? Outside
+                                         : std::ranges::any_of(slots, shares) ? Overlaps
+                                         : entry.blockID == 0                 ? NoBlock
+                                         : entry.posInFile < 0                ? Impossible
+                                         : entry.totalLen == 0                ? Empty
+                                         : FMEndOf(entry) > 11                ? Beyond
+                                                                              : Stored;
+            ASSERT_EQ(states[i], expected) << run << " " << i;
+        }
+    }
+    EXPECT_EQ(FMAgeInDays(100, 99), 0); // from a clock that was set back
+}
+
+TEST(Info, ResultsThatNoCallHasFilledAreEmpty) {
+    const FMCachedFile file;
+    EXPECT_FALSE(file.hasInfo || file.hasData || file.isDataSpecial || file.isOpenHere ||
+                 file.isOpenElsewhere || file.isUnreadable || file.isDescribed || file.isLoadable ||
+                 file.isTableComplete);
+    EXPECT_EQ(file.infoLength + file.dataLength + file.createTime + file.slots + file.highestBlock +
+                  file.storedBlocks + file.blockBytes,
+              0U);
+    EXPECT_EQ(FMExpiry().dueTime + FMUnsavedBlock().blockID + FMRetrieveItem().m_pri, 0);
+    EXPECT_FALSE(FMBlockStatus().isResident || FMBlockStatus().survivesKill);
+    const FMFileInfo info;
+    EXPECT_EQ(info.userValue + info.flag + info.blockBeg + info.num, 0U);
+    const FMBlockEntry entry;
+    EXPECT_EQ(entry.blockID + entry.totalLen + entry.posInFile, 0);
+    EXPECT_EQ(SDAddress().m_port + SDAddress().m_value + SDDataAddressItem().m_tag, 0U);
 }
 
 TEST(Info, TwoObjectsNeverShareAPath) {

@@ -108,6 +108,28 @@ TEST(Lanes, AdjacentStoresAreWrittenTogetherThoughLoadsAndOtherStoresLieBetween)
     EXPECT_EQ(Figures().storeBatches - batches, 2U); // the new ranges, and the old ones
 }
 
+TEST(Lanes, ABatchHasSmallStoresAmongTheNext128) {
+    Cache cache;
+    const auto isBatch = [&](size_t first, size_t second, uint32_t between) {
+        const FileRef file = cache.Create();
+        const uint64_t batches = Figures().storeBatches;
+        {
+            const Gate gate;
+            Write(*Cache::Block(*file, 1), std::string(first, 'x'));
+            Write(*Cache::Block(*file, 2), std::string(second, 'x'));
+            for (uint32_t id = 0; id < between; ++id) // too large
+                Write(*Cache::Block(*file, 3 + id), std::string(65'537, 'x'));
+            Write(*Cache::Block(*file, 2), std::string(second, 'y')); // in place, behind them
+        }
+        FMWaitUntilIdle();
+        return Figures().storeBatches > batches;
+    };
+    EXPECT_TRUE(isBatch(65'536, 65'536, 127));
+    EXPECT_FALSE(isBatch(65'537, 9, 0));
+    EXPECT_FALSE(isBatch(9, 65'537, 0));
+    EXPECT_FALSE(isBatch(9, 9, 128));
+}
+
 TEST(Lanes, OpeningAClosedFileWaitsForTheLoadsOfItsBlocks) {
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache;
@@ -234,6 +256,11 @@ TEST(Statistics, TextIsAcceptedByTheMonitoringSystem) {
                             "load_disk_seconds_bucket{le=\"67.108864\"} 5",
                             "load_disk_seconds_bucket{le=\"+Inf\"} 6",
                             "load_disk_seconds_sum 70.000123", "load_disk_seconds_count 6"});
+
+    std::istringstream text(FMFormatStatistics({}).c_str());
+    for (std::string line; std::getline(text, line);)
+        EXPECT_TRUE(line.starts_with("#") || line.ends_with(" 0") || line.ends_with(" 0.000000"))
+            << line;
 
     const char* const promtool = std::getenv("PROMTOOL"); // ./run sets it
     if (!promtool || !*promtool)

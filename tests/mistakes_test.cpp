@@ -149,6 +149,7 @@ TEST(Mistakes, ExceededLimitsAreReportedOnce) {
     static_cast<CFMFile&>(*file).AllocPosition(offset, cmax_filea_data_len - 1);
     Write(*Cache::Block(*file, 3), "x"); // the last byte that fits
     EXPECT_EQ(log.Count("the data file exceeds"), 0U);
+    EXPECT_EQ(log.Count("Assert failed: m_position < cmax_filea_data_len"), 0U);
     for (const uint32_t id : {4U, 5U})
         Write(*Cache::Block(*file, id), "x");
     for (const char* text :
@@ -157,6 +158,7 @@ TEST(Mistakes, ExceededLimitsAreReportedOnce) {
           "IFMBlock::WriteData, mistake: blockLen is 16777217, and the limit is 16777216",
           "mistake: the data file exceeds the limit of 1073741824 bytes"})
         EXPECT_EQ(log.Count(text), 1U) << log.Text();
+    EXPECT_EQ(log.Count("Assert failed: m_position < cmax_filea_data_len"), 2U);
     EXPECT_EQ(log.Count("blockID=1,fileID=" + Text(file->GetFileInfo().fileID) + ",path="), 1U);
 }
 

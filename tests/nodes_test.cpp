@@ -5,6 +5,7 @@
 
 #include "testing/kit.h"
 #include "testing/node.h"
+#include "util/filemanager/fmblock.h"
 
 namespace {
 
@@ -43,7 +44,12 @@ TEST(Requests, KeepTheirNodeAliveUntilCancelled) {
         EXPECT_EQ(block->GetRetrieves().front().m_pri, 2U);
         Write(*block, "complete");
         EXPECT_EQ(block->GetRetrieves().size(), 2U);
+        block->SetOwner(nodes[0].get(), 1);
+        EXPECT_TRUE(block->HasOwner() && block->GetOwner() == nodes[0].get());
         file->CancelRetrieve(nodes[0].get(), 0);
+        EXPECT_TRUE(block->HasOwner());
+        file->CancelRetrieve(nodes[0].get(), 1); // removes it as an owner, too
+        EXPECT_TRUE(!block->HasOwner() && !block->GetOwner());
         file->CancelRetrieve(nullptr, 1);
         EXPECT_EQ(block->CancelRetrieve(nodes[0].get()), 0);
         EXPECT_EQ(nodes[0]->references, 0);
@@ -51,6 +57,24 @@ TEST(Requests, KeepTheirNodeAliveUntilCancelled) {
     }
     EXPECT_EQ(log.Count(" Assert failed: node"), 6U);
     EXPECT_EQ(log.Count(",blockID=1,node=0.0.0.1,pri=3 this="), 2U);
+}
+
+TEST(Requests, EachOperationReportsABlockBeyondItsLimits) {
+    const auto nodes = Nodes(1, true, true, 1);
+    Cache cache;
+    const FileRef file = cache.Create();
+    const BlockRef block = Cache::Block(*file, 1);
+    Write(*block, "bytes");
+    LogCapture log(RT_LOG_ERROR);
+    for (size_t count = 0; count < cmax_check_owners; ++count)
+        block->AddRetrieve(nodes[0].get(), 1);
+    CountingSink sink;
+    EXPECT_EQ(log.Count("Assert failed"), 0U);
+    block->AddRetrieve(nodes[0].get(), 1);
+    Read(*block);
+    block->ReadData(&sink);
+    Write(*block, "other");
+    EXPECT_EQ(log.Count("Assert failed: m_retrieves.size() < cmax_check_owners"), 4U);
 }
 
 TEST(Requests, AreAnsweredByKindPriorityAndOwners) {
@@ -64,6 +88,7 @@ TEST(Requests, AreAnsweredByKindPriorityAndOwners) {
         block->SetOwner(p2p[0].get(), 1);
         EXPECT_EQ(block->GetRetrieveType({p2p[0].get(), 2}), FM_RETRIEVE_PEERS);
         EXPECT_EQ(block->GetRetrieveType({plain[0].get(), 2}), FM_RETRIEVE_NOT_YET);
+        EXPECT_EQ(block->GetRetrieveType({nullptr, 2}), FM_RETRIEVE_NOT_YET);
         Write(*block, "complete");
         EXPECT_EQ(block->GetRetrieveType({p2p[0].get(), 2}), FM_RETRIEVE_PEERS);
         EXPECT_EQ(block->GetRetrieveType({p2p[0].get(), 1}), FM_RETRIEVE_HERE);
@@ -109,6 +134,10 @@ TEST(Owners, ServerListsPublicOwnersAndGroupsOthersByAddress) {
 
     own(publics, 1);
     EXPECT_EQ(log.Count(",pubs=128,nets=2,owner="), 1U);
+    EXPECT_TRUE(block->GetOwner()->IsPublic());
+    EXPECT_EQ(Owners(*block, *five[0], 200).size(), 128U); // its group has no peer
+    const auto far = Nodes(1, true, false, 99);            // no owner has its address
+    EXPECT_EQ(Owners(*block, *far[0], 200).size(), 128U);
     EXPECT_EQ(Owners(*block, *ten[0], 40).size(), 40U);
     EXPECT_EQ(Owners(*block, *ten[0], 0).size(), 0U);
     std::multiset<uint32_t> seen;

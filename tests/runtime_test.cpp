@@ -261,7 +261,8 @@ TEST(FileID, TextAndOrderAgree) {
     FMFileID id;
     for (const char* text :
          {"tmp", "{0123456789AB-CDEF-0123-456789ABCDEF00}",
-          "{01234567-89AB-CDEF-0123-456789ABCDEG}", "{01234567-89AB-CDEF-0123-456789ABCDEF}x"}) {
+          "{01234567-89AB-CDEF-0123-456789ABCDEG}", "{01234567-89AB-CDEF-0123:456789ABCDEF}",
+          "{01234567-89AB-CDEF-0123-456789ABCDEF}x"}) {
         FMFileIDFromString(text, id);
         EXPECT_TRUE(id == FMFileID_None) << text;
     }

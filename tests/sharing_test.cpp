@@ -186,6 +186,84 @@ TEST(Sharing, FileChangedWhileItsStreamWasClosedIsNotWritten) {
     EXPECT_EQ(log.Count("another process has changed the file, filename="), 1U);
 }
 
+TEST(Sharing, AnotherProgramRemovesBothFilesAndTheNextStoresSucceed) {
+    TestClock clock;
+    LogCapture log(RT_LOG_WARNING);
+    Cache cache;
+    const FMFileID id = Store(cache, 1);
+    FileRef file = cache.Open(id);
+    CFMDiskEntry& entry = static_cast<CFMFile&>(*file).GetEntry();
+    Write(*Cache::Block(*file, 2), Pattern(2, 1000));
+    FMWaitUntilIdle();
+    for (const uint32_t block : {3U, 4U, 5U}) {
+        entry.CloseStreams();
+        if (block == 3) {
+            fs::remove(cache.Path(id, ".sdd"));
+            fs::remove(cache.Path(id, ".sdi"));
+        }
+        Write(*Cache::Block(*file, block), Pattern(block, 1000));
+        FMWaitUntilIdle();
+    }
+    EXPECT_EQ(log.Count("another process has changed the file"), 0U) << log.Text();
+    EXPECT_EQ(ReadFile(cache.Path(id, ".sdd")).substr(2000),
+              Pattern(3, 1000) + Pattern(4, 1000) + Pattern(5, 1000));
+    cache.Close(file);
+}
+
+TEST(Sharing, ATemporaryFileThatAnotherServerHasTakenIsNotRemoved) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    for (const bool isChanged : {false, true}) {
+        FileRef file = cache.Create(1, FM_FILE_TEMPORARY);
+        const FMFileID id = file->GetFileInfo().fileID;
+        Write(*Cache::Block(*file, 1), Pattern(1, 100));
+        FMWaitUntilIdle();
+        static_cast<CFMFile&>(*file).GetEntry().CloseStreams();
+        if (isChanged)
+            WriteFile(cache.Path(id, ".sdd"), "theirs");
+        const Lock other(cache.Path(id, ".sdd"), isChanged ? LOCK_UN : LOCK_EX);
+        cache.Close(file);
+        FMWaitUntilIdle();
+        EXPECT_TRUE(fs::exists(cache.Path(id, ".sdd"))) << isChanged;
+    }
+}
+
+TEST(Sharing, ADetachedEntryDoesNotUseItsPath) {
+    Cache cache;
+    const CRtComAutoPtr<CFMFile> file(new CFMFile(Description()));
+    CFMDiskEntry& entry = file->GetEntry();
+    const RtOs::Piece piece{"x", 1};
+    const CFMDiskEntry::Stored stored = entry.Store({&piece, 1}, 0);
+    EXPECT_TRUE(stored.result == 0 && stored.epoch == FM_FIRST_EPOCH);
+    const fs::path data = cache.Path(file->GetFileInfo().fileID, ".sdd");
+    EXPECT_TRUE(entry.IsUnsynced() && !IsFree(data));
+    EXPECT_TRUE(entry.Detach());
+    EXPECT_TRUE(IsFree(data) && !entry.IsUnsynced() && !entry.Detach());
+    EXPECT_EQ(entry.Store({&piece, 1}, 1).result, RT_ERROR_NOT_READY);
+    CRtMessageChain bytes;
+    EXPECT_EQ(entry.Load(0, 1, FM_FIRST_EPOCH, bytes), RT_ERROR_NOT_READY);
+    entry.RemoveFiles();
+    entry.MarkUnsynced();
+    EXPECT_EQ(entry.SyncData(), 0);
+    EXPECT_TRUE(!entry.IsUnsynced() && !entry.IsLockedElsewhere() && !file->GetDiskFile());
+    {
+        const CRtComAutoPtr<CFMFile> unloaded(
+            new CFMFile(FMFileIDToString(file->GetFileInfo().fileID)));
+        EXPECT_EQ(unloaded->GetEntry().Store({&piece, 1}, 0).result, 0); // it knows no table
+    }
+    const Lock other(data, LOCK_EX);
+    EXPECT_TRUE(entry.IsLockedElsewhere());
+    file->MarkInfoChanged();
+    EXPECT_FALSE(file->IsUnsaved());
+    file->GetStores().SetTable(std::make_unique<FMTable>());
+    EXPECT_EQ(entry.WriteTable(file->GetStores()).description, RT_ERROR_NOT_READY);
+    EXPECT_FALSE(fs::exists(cache.Path(file->GetFileInfo().fileID, ".sdi")));
+    EXPECT_EQ(ReadFile(data), "x");
+    const CRtComAutoPtr<CFMFile> temporary(new CFMFile(Description(1, FM_FILE_TEMPORARY)));
+    temporary->MarkInfoChanged();
+    EXPECT_FALSE(temporary->IsUnsaved()); // no later run loads it
+}
+
 TEST(Sharing, AReadOfTruncatedBytesLeavesTheRestReadable) {
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache;

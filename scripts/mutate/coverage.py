@@ -11,6 +11,7 @@ import re
 import shutil
 import subprocess
 import sys
+import threading
 from pathlib import Path
 
 import suite
@@ -29,7 +30,9 @@ def measure():
     os.environ["LLVM_PROFILE_FILE"] = str(WORK / "listing.profraw")  # of programs that only list their cases
     tests = list(suite.cases(suite.ROOT, WORK, 2000, True))
     with concurrent.futures.ThreadPoolExecutor(suite.JOBS) as pool:
-        passed = pool.map(lambda case: case.run(600, LLVM_PROFILE_FILE=f"{profiles}/%m%c.profraw"), tests)
+        # A file that two processes create at the same time would lose the counts of one.
+        passed = pool.map(lambda case: case.run(
+            600, LLVM_PROFILE_FILE=f"{profiles}/{threading.get_ident()}-%m%c.profraw"), tests)
         for case, passes in zip(tests, passed):
             if not passes:
                 print(f"coverage: fails: {case.name}", file=sys.stderr)

@@ -105,7 +105,6 @@ int CDiskFile::OpenStream(const CRtString& path, uint32_t flags, int& error) {
         m_strFileName = path;
     m_opening = {m_opening.count + 1, isCreated, IsForeign(stamp)};
     m_left = stamp;
-    m_isLeftKnown = false;
     m_knownLength = stamp.length;
     m_checkedAt = GetTickCountEx();
     return RT_OK;
@@ -304,7 +303,7 @@ bool CDiskFile::IsStreamOpen() {
 }
 
 int CDiskFile::GetLength(uint64_t& length) {
-    return HasStream() && RtOs::GetLength(m_file, length) ? RT_OK : RT_ERROR_IO;
+    return RtOs::GetLength(m_file, length) ? RT_OK : RT_ERROR_IO;
 }
 
 bool CDiskFile::GetOpeningStamp(RtOs::FileStamp& stamp) {
@@ -415,9 +414,8 @@ bool CInfoFile::ReadAhead(uint32_t most) {
     const CStreamKeeper::CUse use(*this);
     DropReadAhead();
     int error = 0;
-    m_isOpenedAhead =
-        !HasStream() && RT_SUCCEEDED(OpenStream(GetFileName(), RtOs::OPEN_EXISTING, error));
-    if (!HasStream())
+    m_isOpenedAhead = RT_SUCCEEDED(OpenStream(GetFileName(), RtOs::OPEN_EXISTING, error));
+    if (!m_isOpenedAhead)
         return !RtOs::IsNoSuchFile(error); // the first read logs another failure
     m_ahead.resize(static_cast<size_t>(std::min<uint64_t>(GetKnownLength(), most)));
     if (!ReadQuietly(m_ahead.data(), static_cast<uint32_t>(m_ahead.size())))

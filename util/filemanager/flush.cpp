@@ -209,7 +209,8 @@ bool CFMFile::WriteTableNow() {
     if (m_entry->GetEpoch() != epoch) // bytes were missing: resident blocks are stored again
         MarkStoreFailed();
     const bool isLoadable = m_fileInfo.name.size() <= FM_INFO_NAME_MAX;
-    slots.resize(isLoadable ? FMCountSavedSlots(slots) : 0);
+    uint32_t size = 0;
+    slots.resize(isLoadable ? FMCountSavedSlots(slots, size) : 0);
     for (size_t i = 0; i < m_blocks.size(); ++i) {
         if (m_blocks[i])
             m_blocks[i]->SetNamed(i < slots.size() && slots[i].totalLen > 0);

@@ -167,7 +167,6 @@ int CFMBlock::WriteData(uint32_t blockLen, uint32_t dataPos, CRtMessageBlock* da
 
 void CFMBlock::AllocPosition() {
     m_file->AllocPosition(m_posInFile, m_totalLen);
-    m_file->MarkInfoChanged();
     if (m_posInFile <= cmax_filea_data_len && m_posInFile + m_totalLen > cmax_filea_data_len)
         FM_REPORT_MISTAKE("IFMBlock::WriteData, mistake: the data file exceeds the limit of "
                           << cmax_filea_data_len << " bytes for a file. Use more files. "
@@ -302,7 +301,7 @@ CFMStoreEvent::~CFMStoreEvent() {
         lock.lock();
     }
     withdrawn = stores.Withdraw(*this);
-    if (withdrawn && m_block->m_serial == GetSerial())
+    if (withdrawn)
         m_block->FailStore();
 }
 
@@ -381,12 +380,12 @@ CFMDiskEntry::Stored CFMBlock::StoreBytes(CRtMessageBlock* aData, const CFMStore
     if (!RT_CHECK(BLOCK_SOURCE, m_file && m_file->GetDiskFile(),
                   "m_file.Get() && m_file->GetDiskFile()"))
         return stored;
-    if (m_state.load(std::memory_order_acquire) <= State::Filling || !aData) {
+    {
         const auto lock = m_file->GetStores().LockShared();
-        if (m_serial != store.GetSerial())
-            return stored; // rewritten since it was taken
-        RT_CHECK(BLOCK_SOURCE, false, "IsComplete() && aData");
-        return stored;
+        if (m_serial != store.GetSerial()) // rewritten since it was taken
+            return stored;
+        if (!RT_CHECK(BLOCK_SOURCE, m_state > State::Filling && aData, "IsComplete() && aData"))
+            return stored;
     }
     const uint32_t length = aData->GetTopLevelLength();
     const RtOs::Piece piece{aData->GetTopLevelReadPtr(), length};
@@ -403,11 +402,9 @@ void CFMBlock::EndStore(CFMStore& store, CFMDiskEntry::Stored stored) {
     const bool isStored = RT_SUCCEEDED(stored.result);
     const FMBlockEntry entry{m_blockID, isStored ? store.GetLength() : 0,
                              isStored ? store.GetPos() : 0};
-    // In a new epoch, resident blocks of earlier ones are stored again, and the table has changed.
-    if (m_file->GetStores().End(store, entry, stored.epoch)) {
+    // In a new epoch, resident blocks of earlier ones are stored again.
+    if (m_file->GetStores().End(store, entry, stored.epoch))
         m_file->MarkStoreFailed();
-        m_file->MarkInfoChanged();
-    }
     if (isStored) {
         g_statistics.Add(CFMStatistics::Stores);
         g_statistics.Add(CFMStatistics::StoreBytes, store.GetLength());
@@ -428,7 +425,6 @@ void CFMBlock::FailStore() {
     m_store = nullptr;
     SetState(State::Failed);
     m_file->MarkStoreFailed();
-    m_file->MarkInfoChanged(); // the table on disk may name the range
 }
 
 // --- Reading ------------------------------------------------------------------------------------

@@ -16,7 +16,9 @@ bool Exists(const CRtString& path) { return RtOs::GetEntryKind(path) != RtOs::En
 } // namespace
 
 CFMDiskEntry::CFMDiskEntry(CDiskFile* data, CInfoFile* info, bool overPredecessor)
-    : m_pData(data), m_pInfo(info), m_path(overPredecessor ? Path::Predecessor : Path::Own),
+    : m_pData(data), m_pInfo(info), m_path(!data || !info    ? Path::Detached
+                                           : overPredecessor ? Path::Predecessor
+                                                             : Path::Own),
       m_isInfoKnown(overPredecessor) {}
 
 std::unique_lock<std::mutex> CFMDiskEntry::Lock() {
@@ -32,7 +34,7 @@ std::unique_lock<std::mutex> CFMDiskEntry::Lock() {
 
 CFMDiskEntry::Stored CFMDiskEntry::Store(std::span<const RtOs::Piece> pieces, int64_t pos) {
     const std::unique_lock lock = Lock();
-    if (IsDetached() || !m_pData)
+    if (IsDetached())
         return {RT_ERROR_NOT_READY, m_epoch};
     int64_t end = pos;
     for (const RtOs::Piece& piece : pieces) {
@@ -67,7 +69,7 @@ int CFMDiskEntry::BeginStore(int64_t pos, int64_t end) {
 
 int CFMDiskEntry::Load(int64_t pos, uint32_t length, uint32_t epoch, CRtMessageChain& bytes) {
     const std::unique_lock lock = Lock();
-    if (IsDetached() || !m_pData)
+    if (IsDetached())
         return RT_ERROR_NOT_READY;
     m_pData->LogTransfer(CDiskFile::Transfer::Read, length, static_cast<uint64_t>(pos));
     if (epoch != m_epoch)
@@ -118,14 +120,13 @@ int CFMDiskEntry::CheckOpening() {
     if (opening.count == m_openings)
         return RT_OK;
     RtOs::FileStamp info;
-    if (m_pInfo && !RtOs::GetStamp(m_pInfo->GetFileName(), info))
+    if (!RtOs::GetStamp(m_pInfo->GetFileName(), info))
         return RT_ERROR_IO;
     if (IsTakenByOthers(info)) {
         RT_LOG(RT_LOG_ERROR,
                "CFMDiskEntry::CheckOpening, another process has changed the file, filename="
                    << m_pData->GetFileName() << " this=" << this);
-        m_path.store(Path::Detached, std::memory_order_release);
-        m_pData->Close();
+        DetachLocked();
         return RT_ERROR_NOT_READY;
     }
     m_openings = opening.count;
@@ -166,12 +167,12 @@ int CFMDiskEntry::DiscardPredecessorLocked() {
     if (!IsOverPredecessor())
         return RT_OK;
     // A process that has the old file open keeps its content.
-    if (m_pData && !m_pData->TakeExisting())
+    if (!m_pData->TakeExisting())
         return RT_ERROR_IO;
     int result = RT_OK;
-    if (m_pInfo && Exists(m_pInfo->GetFileName()))
+    if (Exists(m_pInfo->GetFileName()))
         result = m_pInfo->RemoveMee();
-    if (RT_SUCCEEDED(result) && m_pData && Exists(m_pData->GetFileName()))
+    if (RT_SUCCEEDED(result) && Exists(m_pData->GetFileName()))
         result = m_pData->RemoveMee();
     if (RT_SUCCEEDED(result))
         m_path.store(Path::Own, std::memory_order_release);
@@ -182,59 +183,59 @@ void CFMDiskEntry::RemoveFiles() {
     const std::unique_lock lock = Lock();
     if (IsDetached())
         return;
-    if (m_pData &&
-        (!m_pData->TakeExisting() || (!IsOverPredecessor() && RT_FAILED(CheckOpening()))))
+    if (!m_pData->TakeExisting() || (!IsOverPredecessor() && RT_FAILED(CheckOpening())))
         return; // another process has locked them
     // Housekeeping finds a cached file by its data file: without it, nothing would remove the information file.
-    const bool isInfoGone = !m_pInfo || RT_SUCCEEDED(m_pInfo->RemoveMee());
-    if (m_pData && isInfoGone)
+    if (RT_SUCCEEDED(m_pInfo->RemoveMee()))
         m_pData->RemoveMee();
-    else if (m_pData)
-        m_pData->Close();
     // A later read of a block that is still referenced would create the data file again.
-    m_path.store(Path::Detached, std::memory_order_release);
+    DetachLocked();
 }
 
 int CFMDiskEntry::Sync(CDiskFile* file) {
     const std::unique_lock lock = Lock();
-    return file && !IsDetached() ? file->Sync() : RT_OK;
+    return IsDetached() ? RT_OK : file->Sync();
 }
 
 void CFMDiskEntry::MarkUnsynced() {
     const std::unique_lock lock = Lock();
-    for (CDiskFile* file : {m_pData, static_cast<CDiskFile*>(m_pInfo)}) {
-        if (file)
-            file->MarkUnsynced();
-    }
+    if (IsDetached())
+        return;
+    m_pData->MarkUnsynced();
+    m_pInfo->MarkUnsynced();
 }
 
 bool CFMDiskEntry::IsUnsynced() const {
-    return !IsDetached() &&
-           ((m_pData && !m_pData->IsSynced()) || (m_pInfo && !m_pInfo->IsSynced()));
+    return !IsDetached() && (!m_pData->IsSynced() || !m_pInfo->IsSynced());
 }
 
 bool CFMDiskEntry::Detach() {
     const std::unique_lock lock = Lock();
     const bool isUnsynced = IsUnsynced();
-    m_path.store(Path::Detached, std::memory_order_release);
-    if (m_pData)
-        m_pData->Close();
-    if (m_pInfo)
-        m_pInfo->Close();
+    DetachLocked();
     return isUnsynced;
+}
+
+void CFMDiskEntry::DetachLocked() {
+    CloseStreamsLocked();
+    m_path.store(Path::Detached, std::memory_order_release);
 }
 
 void CFMDiskEntry::CloseStreams() {
     const std::unique_lock lock = Lock();
-    if (m_pData)
-        m_pData->Close();
-    if (m_pInfo)
-        m_pInfo->Close();
+    CloseStreamsLocked();
+}
+
+void CFMDiskEntry::CloseStreamsLocked() {
+    if (IsDetached()) // they are closed
+        return;
+    m_pData->Close();
+    m_pInfo->Close();
 }
 
 bool CFMDiskEntry::TakeDataFile() {
-    const bool taken = !m_pData || m_pData->TakeExisting();
-    m_openings = m_pData ? m_pData->GetOpening().count : 0;
+    const bool taken = m_pData->TakeExisting();
+    m_openings = m_pData->GetOpening().count;
     return taken;
 }
 
@@ -261,7 +262,7 @@ CFMDiskEntry::TableWritten CFMDiskEntry::WriteTable(CFMStores& stores) {
     if (!table)
         return {RT_OK, RT_OK, 0}; // written or dropped before
     TableWritten written{RT_ERROR_NOT_READY, RT_OK, 0};
-    if (IsDetached() || !m_pData || !m_pInfo)
+    if (IsDetached())
         return written;
     const CStreamKeeper::CUse useData(*m_pData);
     const CStreamKeeper::CUse useInfo(*m_pInfo);
@@ -307,9 +308,7 @@ int CFMDiskEntry::WriteBlockBody(const FMTable& table, uint32_t& left) {
 }
 
 int CFMDiskEntry::InvalidateTable() {
-    const CStreamKeeper::CUse use(*m_pInfo);
-    m_pInfo->CheckPath(true);
-    const int result = Exists(m_pInfo->GetFileName()) ? m_pInfo->Invalidate() : RT_OK;
+    const int result = m_pInfo->Invalidate();
     NoteInfo();
     if (RT_SUCCEEDED(result))
         m_tableEnd = 0;
@@ -360,16 +359,17 @@ int CFMDiskEntry::ReadNamedRanges() {
         return RT_OK;
     uint32_t length = 0;
     int result = m_pInfo->ReaddBlockInfo(nullptr, &length);
+    CRtMessageChain body;
+    if (RT_SUCCEEDED(result) && length <= FM_INFO_BLOCK_BODY_MAX) {
+        body = CRtMessageBlock::Create(length);
+        if (!body)
+            return RT_ERROR_NULL_OBJECT;
+        result = m_pInfo->ReaddBlockInfo(body->GetTopLevelWritePtr(), &length);
+    }
     if (RT_FAILED(result) && !m_pInfo->IsTooShort())
         return result;
-    if (RT_FAILED(result) || length > FM_INFO_BLOCK_BODY_MAX)
+    if (RT_FAILED(result) || !body)
         return InvalidateTable(); // a damaged table could still name the bytes
-    const CRtMessageChain body = CRtMessageBlock::Create(length);
-    if (!body)
-        return RT_ERROR_NULL_OBJECT;
-    result = m_pInfo->ReaddBlockInfo(body->GetTopLevelWritePtr(), &length);
-    if (RT_FAILED(result))
-        return result;
     body->AdvanceTopLevelWritePtr(length);
     std::vector<FMBlockEntry> slots;
     FMDecodeBlockBody(*body, slots);

@@ -27,8 +27,8 @@
 /// again.
 class CFMDiskEntry {
 public:
-    /// `data` and `info` may be null and outlive this object. `overPredecessor`: the path may have files
-    /// of a predecessor; the first store removes them.
+    /// `data` and `info` outlive this object; if one is null, the entry is detached. `overPredecessor`: the path may
+    /// have files of a predecessor; the first store removes them.
     CFMDiskEntry(CDiskFile* data, CInfoFile* info, bool overPredecessor);
     CFMDiskEntry(const CFMDiskEntry&) = delete;
     CFMDiskEntry& operator=(const CFMDiskEntry&) = delete;
@@ -84,7 +84,7 @@ public:
     void CloseStreams();
 
     // --- Loading, before any other thread has access to this object -----------------------------------
-    /// Locks the data file, if it exists. False if another process has locked it.
+    /// Locks the data file, if it exists. False if another process has locked it. Precondition: not detached.
     bool TakeDataFile();
     /// Records the furthest end that an entry of the loaded table names.
     void NoteTable(int64_t tableEnd, int64_t dataLength);
@@ -112,6 +112,8 @@ private:
     int BeginTable();
     int WriteBlockBody(const FMTable& table, uint32_t& left);
     int DiscardPredecessorLocked();
+    void DetachLocked();
+    void CloseStreamsLocked();
     int Sync(CDiskFile* file);
     int InvalidateTable();
     int Revoke(int64_t pos, int64_t end);

@@ -210,15 +210,7 @@ void CFMFile::Close(int sync) {
     } else {
         CheckDataFile();
         RetryFailedStores(); // last retry: the blocks release their bytes
-        bool isIdle = false;
-        {
-            const auto lock = m_stores.LockShared();
-            isIdle = m_stores.IsIdle();
-        }
-        if (!isIdle) // if a pending rewrite in place fails, its entry is removed
-            MarkInfoChanged();
-        if (m_fileFlag.load() & FLAG_INFO_CHANGED)
-            SaveFileInfo();
+        SaveFileInfo();
     }
     {
         const auto lock = m_stores.LockShared();
@@ -250,7 +242,6 @@ void CFMFile::CheckDataFile() {
         return;
     m_entry->LoseData();
     MarkStoreFailed();
-    MarkInfoChanged();
 }
 
 void CFMFile::ReleaseBlocks() {

@@ -52,8 +52,10 @@ public:
     int SaveFileInfo();
     /// Writes the pending table, if there is one. If that fails, ticks and UnInitialize retry it.
     void SaveFileInfo_m() noexcept;
-    /// The path of the information file; empty if there is none.
-    CRtString GetInfoPath() const { return m_infoFile ? m_infoFile->GetFileName() : CRtString(); }
+    /// The path of the information file; empty if the file has no disk files.
+    CRtString GetInfoPath() const {
+        return m_entry->IsDetached() ? CRtString() : m_infoFile->GetFileName();
+    }
     int LoadFileInfo();
     int LoadBlokInfo();
     bool HasUnsavedTable();

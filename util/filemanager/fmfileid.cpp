@@ -1,21 +1,12 @@
 #include "FMFileID.h"
 
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 
 #include "os/RtOs.h"
 
 namespace {
-
-int HexDigit(char digit) {
-    if (digit >= '0' && digit <= '9')
-        return digit - '0';
-    if (digit >= 'a' && digit <= 'f')
-        return digit - 'a' + 10;
-    if (digit >= 'A' && digit <= 'F')
-        return digit - 'A' + 10;
-    return -1;
-}
 
 // The position of each byte's digits in the text, in printed order.
 constexpr char PATTERN[] = "{HHHHHHHH-HHHH-HHHH-HHHH-HHHHHHHHHHHH}";
@@ -31,8 +22,9 @@ bool ReadDigits(const CRtString& text, uint8_t (&bytes)[16]) {
                 return false;
             continue;
         }
-        const int digit = HexDigit(text[i]);
-        if (digit < 0)
+        uint8_t digit = 0;
+        const char* const at = text.data() + i;
+        if (std::from_chars(at, at + 1, digit, 16).ec != std::errc())
             return false;
         uint8_t& byte = bytes[digits++ / 2];
         byte = static_cast<uint8_t>(byte << 4 | digit);

@@ -25,8 +25,6 @@ int CFMFile::SaveFileInfo() {
 // Makes the pending table from the live objects. `isIdle`: no store is pending. False if the description cannot be
 // encoded.
 bool CFMFile::TakeTable(bool& isIdle) {
-    if (!m_infoFile)
-        return false;
     CRtMessageChain fileBody;
     if (const int ret = FMEncodeFileBody(m_fileInfo, m_createTime, fileBody); RT_FAILED(ret)) {
         RT_LOG(RT_LOG_ERROR,
@@ -155,12 +153,11 @@ CFMFile::Info CFMFile::LoadInfo(uint32_t readAhead) {
                "CFMFile::LoadFileInfo, ReaddFileInfo error, ret=" << ret << " this=" << this);
         return ExplainFailure(ret);
     }
-    const CRtMessageChain body = CRtMessageBlock::Wrap(buffer, length);
-    ret = body ? DecodeInfo(*body) : RT_ERROR_NULL_OBJECT;
+    ret = DecodeInfo(*CRtMessageBlock::Wrap(buffer, length));
     if (RT_FAILED(ret)) {
         RT_LOG(RT_LOG_ERROR,
                "CFMFile::LoadFileInfo, Decode file info error, ret=" << ret << " this=" << this);
-        return ret == RT_ERROR_IO || ret == RT_ERROR_NULL_OBJECT ? Info::Unreadable : Info::Damaged;
+        return Info::Damaged;
     }
     m_blocks.resize(m_fileInfo.num);
     return Info::Loaded;
@@ -230,8 +227,6 @@ int CFMFile::LoadBlokInfo() {
 
 // False if a block cannot be allocated: a later save would write the table without it.
 bool CFMFile::RestoreBlocks(const std::vector<FMBlockEntry>& slots) {
-    if (!m_diskFile)
-        return false;
     RtOs::FileStamp data;
     if (!m_diskFile->GetOpeningStamp(data))
         return false;

@@ -56,7 +56,7 @@ public:
     [[nodiscard]] Lock LockShared() { return SpinThenLock(m_mutex); }
 
     // --- With the lock held -----------------------------------------------------------------------
-    uint32_t NextSerial() { return ++m_serial == 0 ? ++m_serial : m_serial; }
+    uint32_t NextSerial() { return m_serial += 2; }
     void Add(CFMStore& store);
     /// Withdraws a pending store: its event becomes a no-op. Returns its bytes, which the caller releases
     /// after the lock; null if the store is not pending.
@@ -85,7 +85,7 @@ private:
     CFMStore* m_pLast = nullptr;
     uint32_t m_running = 0;
     uint32_t m_epoch = FM_FIRST_EPOCH; // of the last store that ended
-    uint32_t m_serial = 1;             // the last one used; 1: blocks before their first store
+    uint32_t m_serial = 1;             // the last one used; odd, because 0 is none
     std::unique_ptr<FMTable> m_table;  // pending
     std::chrono::nanoseconds m_delaysOfLast{};
 };

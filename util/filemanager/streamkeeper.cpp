@@ -56,8 +56,8 @@ void CStreamKeeper::MakeRoom() {
     const std::lock_guard lock(m_mutex);
     if (m_open >= m_limit) // it may have been raised; if it was lowered, the next open fails
         m_limit = Limit();
-    while (m_open >= m_limit && CloseOldest()) {
-    }
+    while (m_open >= m_limit)
+        CloseOldest();
 }
 
 bool CStreamKeeper::GiveBack() {
@@ -65,18 +65,16 @@ bool CStreamKeeper::GiveBack() {
     m_limit = Limit();
     const uint32_t target = m_open / 2;
     const bool any = m_open > 0;
-    while (m_open > target && CloseOldest()) {
-    }
+    while (m_open > target)
+        CloseOldest();
     return any;
 }
 
-bool CStreamKeeper::CloseOldest() {
-    CKeptStream* file = m_pOldest;
-    if (!file)
-        return false;
-    Unlink(*file);
-    file->CloseStream();
-    return true;
+// Precondition: there is one.
+void CStreamKeeper::CloseOldest() {
+    CKeptStream& file = *m_pOldest;
+    Unlink(file);
+    file.CloseStream();
 }
 
 void CStreamKeeper::Link(CKeptStream& stream) {

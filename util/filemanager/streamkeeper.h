@@ -65,7 +65,7 @@ private:
     void EndUse(CKeptStream& stream);
     void Link(CKeptStream& stream);
     void Unlink(CKeptStream& stream);
-    bool CloseOldest();
+    void CloseOldest();
 
     std::mutex m_mutex;
     CKeptStream* m_pOldest = nullptr;

@@ -197,7 +197,6 @@ int CRtMessageBlock::Write(const void* bytes, uint32_t length) {
 
 CRtString CRtMessageBlock::FlattenChained() const {
     std::string bytes;
-    bytes.reserve(static_cast<size_t>(GetChainedLength()));
     for (const CRtMessageBlock* block = this; block; block = block->m_pNext)
         bytes.append(block->m_pReadPtr, block->GetTopLevelLength());
     return CRtString(std::move(bytes));
