@@ -22,13 +22,11 @@ class Input {
 public:
     Input(const uint8_t* data, size_t size) : m_rest(reinterpret_cast<const char*>(data), size) {}
 
-    bool IsOver() const { return m_rest.empty(); }
     uint32_t Byte() { return static_cast<uint8_t>(Take(1)[0]); }
     uint32_t Word() {
         const uint32_t low = Byte();
         return low | Byte() << 8;
     }
-    uint32_t Below(uint32_t limit) { return (limit > 256 ? Word() : Byte()) % limit; }
     std::string Take(size_t length) {
         std::string bytes(m_rest.substr(0, length));
         m_rest.remove_prefix(bytes.size());
