@@ -1,16 +1,68 @@
 // Opens, reads, changes, closes and reopens a cached file of arbitrary bytes. The input is the information
 // file, the data file and a tail of 32 bytes, which selects the boundary between the two, the length of a hole
 // at the end of the data file, and the changes of blocks.
+#include <algorithm>
+#include <atomic>
 #include <map>
 #include <optional>
+#include <string>
+#include <string_view>
 
 #include "FMCatalog.h"
-#include "support.h"
 #include "testing/kit.h"
+
+// Part of every sanitizer that replaces the allocator. GCC has the functions but does not install their header.
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*taken)(const volatile void*,
+                                                                       size_t),
+                                                         void (*given)(const volatile void*));
+extern "C" size_t __sanitizer_get_allocated_size(const volatile void* memory);
 
 namespace {
 
-using fuzz::Input;
+// The numbers that follow from the input, read from the front. Past its end they are zero.
+class Input {
+public:
+    explicit Input(std::string_view bytes) : m_rest(bytes) {}
+    uint32_t Byte() {
+        if (m_rest.empty())
+            return 0;
+        const auto byte = static_cast<uint8_t>(m_rest.front());
+        m_rest.remove_prefix(1);
+        return byte;
+    }
+    uint32_t Word() {
+        const uint32_t low = Byte();
+        return low | Byte() << 8;
+    }
+
+private:
+    std::string_view m_rest;
+};
+
+// Measures the allocations of all threads during its lifetime. Only one meter may exist at a time.
+class MemoryMeter {
+public:
+    MemoryMeter() {
+        static const int installed =
+            __sanitizer_install_malloc_and_free_hooks(&MemoryMeter::Taken, &MemoryMeter::Given);
+        Require(installed > 0);
+        s_live = s_peak = 0;
+    }
+    int64_t Peak() const { return s_peak.load(); }
+
+private:
+    static void Taken(const volatile void*, size_t size) {
+        const int64_t live = s_live += static_cast<int64_t>(size);
+        int64_t peak = s_peak.load();
+        while (live > peak && !s_peak.compare_exchange_weak(peak, live)) {
+        }
+    }
+    static void Given(const volatile void* memory) {
+        s_live -= static_cast<int64_t>(__sanitizer_get_allocated_size(memory));
+    }
+    inline static std::atomic<int64_t> s_live{0};
+    inline static std::atomic<int64_t> s_peak{0};
+};
 
 constexpr size_t TAIL = 32;
 constexpr FMFileID PATH_ID{0x10203040, 0x5060, 0x7080, {1, 2, 3, 4, 5, 6, 7, 8}};
@@ -51,7 +103,7 @@ public:
 private:
     // The memory for opening is bounded by the length of the information file.
     bool Open() {
-        const fuzz::MemoryMeter meter;
+        const MemoryMeter meter;
         const int result = m_cache.manager->OpenFile(m_file.Receive(), PATH_ID, 1);
         std::error_code none;
         const uintmax_t length = fs::file_size(m_info, none);
@@ -131,7 +183,7 @@ private:
             Require(block && block->GetBlockID() == id);
             if (model.isHuge)
                 continue;
-            const fuzz::MemoryMeter meter;
+            const MemoryMeter meter;
             const std::string bytes = Read(*block);
             Require(model.bytes ? bytes == *model.bytes : bytes.starts_with("error "));
             Require(meter.Peak() < 32 * 1024 + 5 * static_cast<int64_t>(bytes.size()));
@@ -191,9 +243,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < TAIL)
         return 0;
     size -= TAIL;
-    Input tail(data + size, TAIL);
-    const size_t split = size - std::min<size_t>(size, tail.Word());
     const char* bytes = reinterpret_cast<const char*>(data);
+    Input tail({bytes + size, TAIL});
+    const size_t split = size - std::min<size_t>(size, tail.Word());
     OpenFile({bytes, split}, {bytes + split, size - split}, tail).Run();
     return 0;
 }

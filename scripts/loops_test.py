@@ -57,17 +57,12 @@ def check_served(cache, identifier, expected):
 
 
 def transfers(cache):
-    # The last length exceeds the bytes after which the programs reopen a file.
+    """Regular files. The last length exceeds the bytes after which the programs reopen a file."""
     for length in (0, 1, 2 * MIB, 66 * MIB + 1):
-        expected = random.randbytes(length)
-        check_served(cache, store(cache, input=expected), expected)
-
-
-def regular_file(cache):
-    with tempfile.TemporaryFile() as source:
-        source.write(expected := random.randbytes(3 * MIB + 1))
-        source.seek(0)
-        check_served(cache, store(cache, stdin=source), expected)
+        with tempfile.TemporaryFile() as source:
+            source.write(expected := random.randbytes(length))
+            source.seek(0)
+            check_served(cache, store(cache, stdin=source), expected)
 
 
 def non_blocking_input(cache):
@@ -132,7 +127,7 @@ def failures(cache):
         check(process.wait(SECONDS) == 1, "a damaged file is no failure")
 
 
-CASES = [transfers, regular_file, non_blocking_input, closed_streams, full_disk, failures]
+CASES = [transfers, non_blocking_input, closed_streams, full_disk, failures]
 for case in CASES + [slow_disk] * len(SLOW_DISK):
     with tempfile.TemporaryDirectory() as directory:
         case(directory)

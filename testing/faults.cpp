@@ -6,6 +6,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -116,6 +117,33 @@ int Opened(int fd, bool ours) {
     return fd;
 }
 
+extern "C" ssize_t __real_pwritev64(int fd, const iovec* pieces, int count, off64_t at);
+
+// For a half write: half of the pieces, or of the only one.
+ssize_t WriteAt(const char* call, int fd, const iovec* pieces, int count, off64_t at) {
+    ssize_t length = 0;
+    for (int i = 0; i < count; ++i)
+        length += static_cast<ssize_t>(pieces[i].iov_len);
+    const iovec front{pieces->iov_base, pieces->iov_len / 2};
+    const auto write = [&] {
+        return Operate<ssize_t>(
+            IsOurs(fd) ? WRITE : NONE, call, -1,
+            [&] { return __real_pwritev64(fd, pieces, count, at); },
+            [&] {
+                return __real_pwritev64(fd, count > 1 ? pieces : &front, std::max(count / 2, 1),
+                                        at);
+            },
+            length);
+    };
+    return Observed(IsOurs(fd), write, [&](ssize_t done) {
+        Change change{WRITE, PathOf(fd), static_cast<uint64_t>(at), {}};
+        for (int i = 0; i < count; ++i)
+            change.bytes.append(static_cast<const char*>(pieces[i].iov_base), pieces[i].iov_len);
+        change.bytes.resize(static_cast<size_t>(done));
+        return change;
+    });
+}
+
 } // namespace
 
 // --- Replacements of the system calls, inserted by the linker -----------------------------------
@@ -166,39 +194,12 @@ REAL(int, openat64, int parent, const char* path, int flags, ...) {
     const bool ours = parent == AT_FDCWD ? IsOurs(path) : IsOurs(parent);
     return Opened(Operate(ours ? LOOK : NONE, "openat", -1, call, call), ours);
 }
-REAL(ssize_t, pwrite64, int fd, const void* bytes, size_t length, off64_t at) {
-    const auto call = [&] {
-        return Operate<ssize_t>(
-            IsOurs(fd) ? WRITE : NONE, "pwrite", -1,
-            [&] { return __real_pwrite64(fd, bytes, length, at); },
-            [&] { return __real_pwrite64(fd, bytes, length / 2, at); },
-            static_cast<ssize_t>(length));
-    };
-    return Observed(IsOurs(fd), call, [&](ssize_t done) {
-        return Change{WRITE,
-                      PathOf(fd),
-                      static_cast<uint64_t>(at),
-                      {static_cast<const char*>(bytes), static_cast<size_t>(done)}};
-    });
-}
-// For a half write: half of the pieces.
 REAL(ssize_t, pwritev64, int fd, const iovec* pieces, int count, off64_t at) {
-    ssize_t length = 0;
-    for (int i = 0; i < count; ++i)
-        length += static_cast<ssize_t>(pieces[i].iov_len);
-    const auto call = [&] {
-        return Operate<ssize_t>(
-            IsOurs(fd) ? WRITE : NONE, "pwritev", -1,
-            [&] { return __real_pwritev64(fd, pieces, count, at); },
-            [&] { return __real_pwritev64(fd, pieces, count / 2, at); }, length);
-    };
-    return Observed(IsOurs(fd), call, [&](ssize_t done) {
-        Change change{WRITE, PathOf(fd), static_cast<uint64_t>(at), {}};
-        for (int i = 0; i < count; ++i)
-            change.bytes.append(static_cast<const char*>(pieces[i].iov_base), pieces[i].iov_len);
-        change.bytes.resize(static_cast<size_t>(done));
-        return change;
-    });
+    return WriteAt("pwritev", fd, pieces, count, at);
+}
+REAL(ssize_t, pwrite64, int fd, const void* bytes, size_t length, off64_t at) {
+    const iovec piece{const_cast<void*>(bytes), length};
+    return WriteAt("pwrite", fd, &piece, 1, at);
 }
 REAL(ssize_t, pread64, int fd, void* bytes, size_t length, off64_t at) {
     CALL(ssize_t, -1, READ, fd, pread64, fd, bytes, length, at);

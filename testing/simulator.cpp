@@ -118,20 +118,12 @@ Program Shrink(Program program) {
                 at += length;
         }
     }
-    const auto simplify = [&](auto member, auto value) {
-        for (size_t i = 0; i < program.size(); ++i) {
-            Program simpler = program;
-            simpler[i].*member = value;
-            if (fails(simpler))
-                program = simpler;
-        }
-    };
-    simplify(&Step::fault, uint8_t{0});
-    simplify(&Step::down, uint8_t{0});
-    simplify(&Step::up, uint8_t{0});
-    simplify(&Step::how, uint8_t{0});
-    simplify(&Step::at, uint8_t{0});
-    simplify(&Step::size, uint16_t{0});
+    for (size_t byte = 0; byte < program.size() * sizeof(Step); ++byte) {
+        Program simpler = program;
+        reinterpret_cast<uint8_t*>(simpler.data())[byte] = 0;
+        if (fails(simpler))
+            program = simpler;
+    }
     return program;
 }
 

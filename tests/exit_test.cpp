@@ -26,63 +26,54 @@ void Fill(const TempDir& dir) {
         Write(*Cache::Block(*file, id), Content(id));
 }
 
-// --- How a process ends -------------------------------------------------------------------------
-
-struct Ending {
-    const char* name;
-    void (*end)(const TempDir& dir);
-};
-
 void UnInitializeAndExit(const TempDir& dir) {
     Fill(dir);
     IFileManager::Instance()->UnInitialize();
     std::exit(0);
 }
 
-void OnACallerThreadOfTheProgram(const TempDir& dir) {
-    CRtCallerThread callerThread; // its destructor never runs
-    RtRunOnCallerThread([&] { UnInitializeAndExit(dir); }, false);
-    callerThread.Run();
-}
-
-void OnTheCallerThreadOfTheRuntime(const TempDir& dir) {
-    RtRunOnCallerThread([&] { UnInitializeAndExit(dir); }, true);
-    std::this_thread::sleep_for(std::chrono::hours(1));
-}
-
-void FromMainWithACallerThreadOfTheRuntime(const TempDir& dir) {
-    const auto work = [&dir] {
-        Fill(dir);
-        IFileManager::Instance()->DetachFile(ID);
-        IFileManager::Instance()->UnInitialize();
-    };
-    RtRunOnCallerThread(work, false);
-    std::exit(0);
-}
-
-// The table of the closed file is pending in the caller thread's queue. The sink runs after the read/write thread
-// has ended.
-void WithoutUnInitializeButWithASinkThatReadsAgain(const TempDir& dir) {
-    // Never destroyed: the sink is called after the destructors of the program's static objects.
-    static CountingSink* const sink = new CountingSink;
-    sink->then = [](IFMBlock* asked, int) { asked->ReadData(sink); };
-    const CRtCallerThread callerThread; // its destructor never runs
-    Fill(dir);
-    IFileManager::Instance()->DetachFile(ID);
-    IFMFile* file = nullptr;
-    IFMBlock* block = nullptr;
-    IFileManager::Instance()->CreateFile(file, Description());
-    file->GetBlock(block, 1, 1);
-    block->ReadData(sink);
-    std::exit(0);
-}
-
-constexpr Ending ENDINGS[] = {
-    {"OnACallerThreadOfTheProgram", OnACallerThreadOfTheProgram},
-    {"OnTheCallerThreadOfTheRuntime", OnTheCallerThreadOfTheRuntime},
-    {"FromMainWithACallerThreadOfTheRuntime", FromMainWithACallerThreadOfTheRuntime},
-    {"WithoutUnInitialize", WithoutUnInitializeButWithASinkThatReadsAgain},
+struct Ending {
+    const char* name;
+    void (*end)(const TempDir& dir);
 };
+const Ending ENDINGS[] = {
+    {"OnACallerThreadOfTheProgram",
+     [](const TempDir& dir) {
+         CRtCallerThread callerThread; // its destructor never runs
+         RtRunOnCallerThread([&] { UnInitializeAndExit(dir); }, false);
+         callerThread.Run();
+     }},
+    {"OnTheCallerThreadOfTheRuntime",
+     [](const TempDir& dir) {
+         RtRunOnCallerThread([&] { UnInitializeAndExit(dir); }, true);
+         std::this_thread::sleep_for(std::chrono::hours(1));
+     }},
+    {"FromMainWithACallerThreadOfTheRuntime",
+     [](const TempDir& dir) {
+         RtRunOnCallerThread(
+             [&dir] {
+                 Fill(dir);
+                 IFileManager::Instance()->DetachFile(ID);
+                 IFileManager::Instance()->UnInitialize();
+             },
+             false);
+         std::exit(0);
+     }},
+    // The table of the closed file is pending in the caller thread's queue. The sink runs after the read/write thread
+    // has ended, and after the destructors of the program's static objects: it is never destroyed.
+    {"WithoutUnInitializeButWithASinkThatReadsAgain", [](const TempDir& dir) {
+         static CountingSink* const sink = new CountingSink;
+         sink->then = [](IFMBlock* asked, int) { asked->ReadData(sink); };
+         const CRtCallerThread callerThread; // its destructor never runs
+         Fill(dir);
+         IFileManager::Instance()->DetachFile(ID);
+         IFMFile* file = nullptr;
+         IFMBlock* block = nullptr;
+         IFileManager::Instance()->CreateFile(file, Description());
+         file->GetBlock(block, 1, 1);
+         block->ReadData(sink);
+         std::exit(0);
+     }}};
 
 class Exit : public testing::TestWithParam<Ending> {};
 

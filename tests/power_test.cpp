@@ -1,6 +1,6 @@
 // Power loss: records the changes that one run makes on disk, builds the states that a power loss can leave, and opens
 // the cache in each of them.
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <algorithm>
 #include <array>
@@ -10,6 +10,7 @@
 #include <optional>
 #include <random>
 #include <set>
+#include <span>
 
 #include "FMDurability.h"
 #include "testing/faults.h"
@@ -42,22 +43,26 @@ Files ReadFiles(const fs::path& root) {
     Files files;
     for (const auto& entry : fs::recursive_directory_iterator(root)) {
         if (entry.is_regular_file())
-            files[fs::relative(entry.path(), root).string()] = ReadFile(entry.path());
+            files[entry.path().string()] = ReadFile(entry.path());
     }
     return files;
 }
 
-void ReplaceFiles(const fs::path& root, const Files& files) {
-    const Files present = ReadFiles(root);
-    for (const auto& [path, bytes] : present) {
-        if (!files.contains(path))
-            fs::remove(root / path);
+// Records the changes below a directory until the end of the scope.
+class Observation {
+public:
+    explicit Observation(const fs::path& root, std::vector<Change>& changes,
+                         const faults::Plan& plan = {}) {
+        faults::Begin(root, plan);
+        faults::Observe([&changes](Change change) { changes.push_back(std::move(change)); });
     }
-    for (const auto& [path, bytes] : files) {
-        if (const auto it = present.find(path); it == present.end() || it->second != bytes)
-            WriteFile(root / path, bytes);
+    ~Observation() {
+        faults::Observe({});
+        faults::Lift();
     }
-}
+    Observation(const Observation&) = delete;
+    Observation& operator=(const Observation&) = delete;
+};
 
 // --- States of the disk -------------------------------------------------------------------------
 
@@ -68,6 +73,7 @@ constexpr uint64_t WHOLE = ~uint64_t{0};
 
 class Disk {
 public:
+    explicit Disk(const fs::path& root) : m_root(root) {}
     void Apply(const Change& change, const Rest& rest = WHOLE) {
         if (change.kind == faults::OPEN) {
             m_written[change.path] = m_files.size();
@@ -106,45 +112,43 @@ private:
     }
     bool HasDirectories(const fs::path& path) const {
         const fs::path parent = path.parent_path();
-        return parent.empty() ||
-               (m_directories.contains(parent.string()) && HasDirectories(parent));
+        return parent == m_root || (m_directories.contains(parent) && HasDirectories(parent));
     }
 
+    fs::path m_root;
     std::map<std::string, size_t> m_written; // the file that the path named in the run
     std::map<std::string, size_t> m_names;   // the file that the path names after the loss
     std::vector<std::string> m_files;
-    std::set<std::string> m_directories;
+    std::set<fs::path> m_directories;
 };
 
 // --- The recorded run, and what the cache finds afterwards ---------------------------------------
 
-enum Verdict { RIGHT, ZEROS, MIXED, FOREIGN };
+// What becomes of the blocks that are readable without a loss, and blocks with wrong bytes.
+enum Figure { STATES, BLOCKS, KEPT, OTHER_VERSION, ABSENT, WRONG, FIGURES };
+using Figures = std::array<uint64_t, FIGURES>;
 
 class Recording {
 public:
     Recording() {
-        faults::Begin(root, {});
-        faults::Observe([this](Change change) {
-            change.path = change.path == root ? "" : fs::relative(change.path, root).string();
-            changes.push_back(std::move(change));
-        });
+        const Observation observation(root, changes);
         m_cache.Start();
         Run();
         m_cache.Stop();
-        faults::Observe({});
     }
 
-    // Opens the cache on a disk. `loaded`: the files that load.
-    Blocks Open(const Disk& disk, std::set<uint32_t>& loaded) {
-        ReplaceFiles(root, disk.GetFiles());
+    // Opens the cache on a disk.
+    Blocks Open(const Disk& disk) {
+        for (const auto& entry : fs::directory_iterator(root))
+            fs::remove_all(entry);
+        for (const auto& [path, bytes] : disk.GetFiles())
+            WriteFile(path, bytes);
         Blocks found;
-        loaded.clear();
         m_cache.Start();
         for (uint32_t number = 1; number <= 4; ++number) {
             FileRef file = m_cache.Open(FileOf(number));
             if (!file)
                 continue;
-            loaded.insert(number);
             for (uint32_t i = 1; i <= BLOCK_MAX; ++i) {
                 const BlockRef block = Cache::Block(*file, i, 0);
                 const std::string bytes = block && block->IsComplete() ? Read(*block) : "error";
@@ -157,22 +161,23 @@ public:
         return found;
     }
 
-    Verdict Judge(const Key& key, const std::string& bytes) {
-        const auto& versions = m_versions[key];
-        if (versions.contains(bytes))
-            return RIGHT;
-        Verdict verdict = MIXED;
-        for (size_t i = 0; i < bytes.size(); ++i) {
-            const auto isFrom = [&](const std::string& version) {
-                return version.size() == bytes.size() && version[i] == bytes[i];
-            };
-            if (std::ranges::any_of(versions, isFrom))
-                continue;
-            if (bytes[i] != 0)
-                return FOREIGN;
-            verdict = ZEROS;
+    bool IsAnyVersion(const Key& key, const std::string& bytes) {
+        return m_versions[key].contains(bytes);
+    }
+
+    // `whole`: found without the loss.
+    void Add(Figures& figures, const Blocks& whole, const Blocks& found) {
+        ++figures[STATES];
+        figures[BLOCKS] += whole.size();
+        for (const auto& [key, bytes] : whole) {
+            const auto it = found.find(key);
+            if (it == found.end())
+                ++figures[ABSENT];
+            else if (IsAnyVersion(key, it->second))
+                ++figures[it->second == bytes ? KEPT : OTHER_VERSION];
         }
-        return verdict;
+        for (const auto& [key, bytes] : found)
+            figures[WRONG] += IsAnyVersion(key, bytes) ? 0 : 1;
     }
 
     // The first block that a close or a flush has written with the first `done` changes and that is not found, although
@@ -196,10 +201,9 @@ public:
     bool IsDurable(size_t change, size_t end) const {
         const fs::path path = changes[change].path;
         const fs::path synced = changes[change].kind == faults::WRITE ? path : path.parent_path();
-        return std::any_of(
-            changes.begin() + static_cast<std::ptrdiff_t>(change),
-            changes.begin() + static_cast<std::ptrdiff_t>(end),
-            [&](const Change& each) { return each.kind == faults::SYNC && each.path == synced; });
+        return std::ranges::any_of(Between(change, end), [&](const Change& each) {
+            return each.kind == faults::SYNC && each.path == synced;
+        });
     }
 
     const TempDir base;
@@ -250,13 +254,14 @@ private:
         Require(flush(unsaved) == RT_OK && unsaved.empty());
         m_marks.push_back({changes.size(), flush == &FMSync, m_now});
     }
+    std::span<const Change> Between(size_t begin, size_t end) const {
+        return std::span(changes).subspan(begin, end - begin);
+    }
     bool IsTableTouched(const Key& key, size_t begin, size_t end) const {
         const std::string table = FMFileIDToString(FileOf(key.first)).c_str() + std::string(".sdi");
-        return std::any_of(changes.begin() + static_cast<std::ptrdiff_t>(begin),
-                           changes.begin() + static_cast<std::ptrdiff_t>(end),
-                           [&](const Change& change) {
-                               return change.kind != faults::SYNC && change.path.ends_with(table);
-                           });
+        return std::ranges::any_of(Between(begin, end), [&](const Change& change) {
+            return change.kind != faults::SYNC && change.path.ends_with(table);
+        });
     }
 
     void Run() {
@@ -323,7 +328,7 @@ bool CanLose(Loss loss, const Change& change) {
 Disk Lose(const Recording& run, size_t end, Loss loss, uint64_t seed) {
     std::mt19937_64 random(seed);
     const uint64_t eighths = std::array<uint64_t, 3>{1, 4, 7}[random() % 3];
-    Disk disk;
+    Disk disk(run.root);
     for (size_t i = 0; i < end; ++i) {
         const Change& change = run.changes[i];
         Rest rest = WHOLE;
@@ -336,67 +341,34 @@ Disk Lose(const Recording& run, size_t end, Loss loss, uint64_t seed) {
     return disk;
 }
 
-// Counts of what becomes of the blocks that are readable without the loss, and of blocks with wrong bytes.
-enum Figure {
-    STATES,
-    BLOCKS,
-    KEPT,
-    OTHER_VERSION,
-    ABSENT,
-    NOT_LOADED,
-    WRONG,
-    FIGURES = WRONG + FOREIGN
-};
-using Figures = std::array<uint64_t, FIGURES>;
-
-void Add(Figures& figures, Recording& run, const Blocks& whole, const Blocks& found,
-         const std::set<uint32_t>& loaded) {
-    ++figures[STATES];
-    for (const auto& [key, bytes] : found) {
-        if (const Verdict verdict = run.Judge(key, bytes); verdict != RIGHT)
-            ++figures[WRONG + static_cast<size_t>(verdict) - ZEROS];
-    }
-    for (const auto& [key, bytes] : whole) {
-        const auto it = found.find(key);
-        ++figures[BLOCKS];
-        if (it == found.end())
-            ++figures[loaded.contains(key.first % 10) ? ABSENT : NOT_LOADED];
-        else if (run.Judge(key, it->second) == RIGHT)
-            ++figures[it->second == bytes ? KEPT : OTHER_VERSION];
-    }
-}
-
 } // namespace
 
 TEST(Power, EveryPrefixOfTheChangesSatisfiesPromise1) {
     Recording run;
-    Disk all;
-    for (const Change& change : run.changes)
-        all.Apply(change);
-    ASSERT_EQ(all.GetFiles(), ReadFiles(run.root)); // no change is missing in the recording
+    const Files files = ReadFiles(run.root);
+    Disk disk(run.root);
     size_t states = 0;
-    std::set<uint32_t> loaded;
-    const auto check = [&](const Disk& disk, size_t done, size_t end) {
-        const Blocks found = run.Open(disk, loaded);
-        EXPECT_EQ(run.FindBroken(done, end, found, false), "") << "after " << end << " changes";
-        for (const auto& [key, bytes] : found)
-            EXPECT_EQ(run.Judge(key, bytes), RIGHT)
-                << key.first << " " << key.second << " after " << end;
-        ++states;
-    };
-    Disk disk;
     for (size_t i = 0; i < run.changes.size(); ++i) {
         Change part = run.changes[i];
         const uint64_t end = part.offset + part.bytes.size();
-        for (uint64_t cut = (part.offset / SECTOR + 1) * SECTOR; cut < end; cut += SECTOR) {
-            Disk torn = disk;
+        Disk torn = disk;
+        bool isWhole = false;
+        for (uint64_t cut = part.offset / SECTOR * SECTOR; !isWhole;) {
+            cut += SECTOR;
+            isWhole = cut >= end;
             part.bytes = run.changes[i].bytes.substr(0, cut - part.offset);
+            torn = disk;
             torn.Apply(part);
-            check(torn, i, i + 1);
+            const Blocks found = run.Open(torn);
+            EXPECT_EQ(run.FindBroken(i + isWhole, i + 1, found, false), "") << i;
+            for (const auto& [key, bytes] : found)
+                EXPECT_TRUE(run.IsAnyVersion(key, bytes))
+                    << key.first << " " << key.second << " after " << i << " changes";
+            ++states;
         }
-        disk.Apply(run.changes[i]);
-        check(disk, i + 1, i + 1);
+        disk = torn;
     }
+    EXPECT_EQ(disk.GetFiles(), files); // no change is missing in the recording
     std::cout << run.changes.size() << " changes and syncs, " << states << " states\n";
 }
 
@@ -407,22 +379,20 @@ TEST(Power, WhatWasSyncedSurvivesLostAndTornWrites) {
     Recording run;
     std::array<Figures, LOSS_KINDS> figures{};
     std::array<uint32_t, LOSS_KINDS> broken{};
-    Disk disk;
-    std::set<uint32_t> loaded;
+    Disk disk(run.root);
     for (size_t end = 1; end <= run.changes.size(); ++end) {
         disk.Apply(run.changes[end - 1]);
-        const Blocks whole = run.Open(disk, loaded);
+        const Blocks whole = run.Open(disk);
         for (uint32_t i = 0; i < LOSS_KINDS * losses; ++i) {
             const auto loss = static_cast<Loss>(i % LOSS_KINDS);
-            const Blocks found = run.Open(Lose(run, end, loss, end * 1'000'000 + i), loaded);
+            const Blocks found = run.Open(Lose(run, end, loss, end * 1'000'000 + i));
             ASSERT_EQ(run.FindBroken(end, end, found, true), "")
                 << "changes " << end << " loss " << i;
             broken[loss] += run.FindBroken(end, end, found, false).empty() ? 0 : 1;
-            Add(figures[loss], run, whole, found, loaded);
+            run.Add(figures[loss], whole, found);
         }
     }
-    std::cout << "lost | states | blocks | kept | other version | absent | not loaded | zeros | "
-                 "mixed | foreign\n";
+    std::cout << "lost | states | blocks | kept | other version | absent | wrong\n";
     for (size_t loss = 0; loss < LOSS_KINDS; ++loss) {
         std::cout << LOSS_NAMES[loss];
         for (const uint64_t figure : figures[loss])
@@ -434,89 +404,85 @@ TEST(Power, WhatWasSyncedSurvivesLostAndTornWrites) {
     EXPECT_GT(figures[DATA][WRONG], 0U);
 }
 
-TEST(Power, ASyncReportsWhatFailsAndTheNextOneRepeatsIt) {
+class Sync : public testing::Test {
+protected:
+    FileRef Store(const FMFileInfo& info) {
+        FileRef file = cache.Create(info);
+        Write(*Cache::Block(*file, 1), "bytes");
+        return file;
+    }
+    void Close(FileRef& file) {
+        cache.Close(file);
+        FMWaitUntilIdle();
+    }
+    int Call() {
+        std::vector<FMUnsavedBlock> unsaved;
+        const int result = FMSync(unsaved);
+        EXPECT_TRUE(unsaved.empty());
+        return result;
+    }
+    // The extensions of what was synced.
+    std::vector<std::string> Synced() const {
+        std::vector<std::string> synced;
+        for (const Change& change : changes) {
+            if (change.kind == faults::SYNC)
+                synced.push_back(fs::path(change.path).extension().string());
+        }
+        return synced;
+    }
     const TempDir base;
-    Cache cache(base.path / "made", false);
-    std::vector<std::string> synced;
-    size_t changes = 0;
-    faults::Begin(base.path, {});
-    faults::Observe([&](const Change& change) {
-        ++changes;
-        if (change.kind == faults::SYNC)
-            synced.push_back(fs::path(change.path).extension().string());
-    });
-    cache.Start();
-    FileRef open = cache.Create();
-    FileRef closed = cache.Create();
-    FileRef temporary = cache.Create(1, FM_FILE_TEMPORARY);
-    for (FileRef* file : {&open, &closed, &temporary})
-        Write(*Cache::Block(**file, 1), "bytes");
-    cache.Close(closed);
-    FMWaitUntilIdle();
+    std::vector<Change> changes;
+    const Observation observation{base.path, changes};
+    Cache cache{base.path / "made"};
+};
+
+TEST_F(Sync, ReportsWhatFailsAndTheNextOneRepeatsIt) {
+    const FileRef open = Store(Description());
+    FileRef closed = Store(Description());
+    FileRef temporary = Store(Description(1, FM_FILE_TEMPORARY));
+    Close(closed);
     const LogCapture log(RT_LOG_ERROR);
-    std::vector<FMUnsavedBlock> unsaved;
     faults::Begin(base.path, {faults::FAIL, faults::SYNC, 1, true, EIO, 0});
-    EXPECT_EQ(FMSync(unsaved), RT_ERROR_IO);
-    EXPECT_TRUE(unsaved.empty());
+    EXPECT_EQ(Call(), RT_ERROR_IO);
     // Four files, the store and the two directories above it.
     EXPECT_EQ(log.Count("system error EIO"), 7U);
     faults::Lift();
-    EXPECT_EQ(FMSync(unsaved), RT_OK);
-    EXPECT_EQ(synced, (std::vector<std::string>{".sdd", ".sdd", ".sdi", ".sdi", "", "", ""}));
-    EXPECT_EQ(FMSync(unsaved), RT_OK);
-    EXPECT_EQ(synced.size(), 8U); // the store
-    cache.Close(temporary);
-    FMWaitUntilIdle();
-    const size_t before = changes;
+    EXPECT_EQ(Call(), RT_OK);
+    std::vector<std::string> expected{".sdd", ".sdd", ".sdi", ".sdi", "", "", ""};
+    EXPECT_EQ(Synced(), expected);
+    EXPECT_EQ(Call(), RT_OK);
+    expected.emplace_back(); // the store
+    EXPECT_EQ(Synced(), expected);
+    Close(temporary);
+    const size_t before = changes.size();
     cache.Stop();
-    EXPECT_EQ(changes, before); // nothing is left to be written
-    EXPECT_EQ(FMSync(unsaved), RT_ERROR_NOT_READY);
-    faults::Observe({});
+    EXPECT_EQ(changes.size(), before); // nothing is left to be written
+    EXPECT_EQ(Call(), RT_ERROR_NOT_READY);
 }
 
-TEST(Power, ASyncIncludesFilesWhoseNumberExceedsTheList) {
+TEST_F(Sync, IncludesFilesWhoseNumberExceedsTheList) {
     constexpr size_t count = 4'200;
-    Cache cache;
-    std::set<std::string> synced;
-    faults::Begin(cache.dir.path, {});
-    faults::Observe([&](const Change& change) {
-        if (change.kind == faults::SYNC)
-            synced.insert(change.path);
-    });
     for (size_t i = 0; i < count; ++i) {
-        FileRef file = cache.Create();
-        Write(*Cache::Block(*file, 1), "bytes");
+        FileRef file = Store(Description());
         cache.Close(file);
     }
     FMWaitUntilIdle();
     fs::create_symlink("/", cache.Path(Description().fileID, ".sdd")); // not a file of the cache
-    std::vector<FMUnsavedBlock> unsaved;
-    EXPECT_EQ(FMSync(unsaved), RT_OK);
-    EXPECT_EQ(synced.size(), 2 * count + 2);
-    faults::Observe({});
+    EXPECT_EQ(Call(), RT_OK);
+    EXPECT_EQ(Synced().size(), 2 * count + 3);
 }
 
-TEST(Power, ASyncIncludesWhatAPredecessorHasWritten) {
-    Cache cache;
+TEST_F(Sync, IncludesWhatAPredecessorHasWritten) {
     for (const bool isCreated : {false, true}) {
-        std::set<std::string> synced;
-        faults::Begin(cache.dir.path, {faults::FAIL, faults::SYNC, 1, false, EINTR, 0});
-        faults::Observe([&](const Change& change) {
-            if (change.kind == faults::SYNC)
-                synced.insert(fs::path(change.path).extension().string());
-        });
-        FileRef file = cache.Create();
-        const FMFileInfo info = file->GetFileInfo();
+        changes.clear();
+        faults::Begin(base.path, {faults::FAIL, faults::SYNC, 1, false, EINTR, 0});
+        const FMFileInfo info = Description();
+        FileRef file = Store(info);
         const BlockRef block = Cache::Block(*file, 1); // keeps the predecessor alive
-        Write(*block, "bytes");
-        cache.Close(file);
-        FMWaitUntilIdle();
+        Close(file);
         file = isCreated ? cache.Create(info) : cache.Open(info.fileID);
         FMWaitUntilIdle();
-        std::vector<FMUnsavedBlock> unsaved;
-        EXPECT_EQ(FMSync(unsaved), RT_OK);
-        EXPECT_TRUE(synced.contains(".sdd") && synced.contains(".sdi")) << isCreated;
-        faults::Observe({});
-        faults::Lift();
+        EXPECT_EQ(Call(), RT_OK);
+        EXPECT_THAT(Synced(), testing::IsSupersetOf({".sdd", ".sdi"})) << isCreated;
     }
 }

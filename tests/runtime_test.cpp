@@ -228,7 +228,38 @@ TEST(ByteStream, EncodesTheBytesOfTheFormat) {
     EXPECT_EQ(left, 0U);
 }
 
-TEST(Log, TruncatesLongLinesAndComposesNoDisabledOnes) {
+TEST(ByteStream, WritesAndReadsAcrossTheBlocksOfAChain) {
+    LogCapture quiet(RT_LOG_SILENT);
+    const CRtMessageChain chain = CRtMessageBlock::Create(3);
+    for (const uint32_t space : {2U, 0U, 4U})
+        chain->Append(CRtMessageBlock::Create(space));
+    EXPECT_EQ(chain->GetChainedSpace(), 9U);
+    CRtByteStreamT stream(*chain);
+    CRtString text;
+    uint32_t number = 0;
+    stream << CRtString("x") << uint32_t{0x64636261};
+    stream >> text;
+    EXPECT_EQ(text, CRtString("x"));
+    const CRtMessageChain copy = chain->DuplicateChained();
+    stream >> number;
+    EXPECT_EQ(number, 0x64636261U);
+    EXPECT_EQ(Bytes(copy), "abcd"); // what is read from one duplicate stays in the other
+    EXPECT_EQ(chain->GetChainedSpace(), 2U);
+    EXPECT_NE((stream << number).GetWriteResult(), RT_OK); // all bytes or none
+    EXPECT_EQ(chain->GetChainedLength(), 0U);
+}
+
+TEST(ByteStream, ALengthBeyondTheInputAllocatesNothing) {
+    LogCapture quiet(RT_LOG_SILENT);
+    const CRtMessageChain bytes = CRtMessageBlock::Wrap("\xFF\xFF\0\0", 4);
+    std::vector<FMBlockEntry> slots;
+    EXPECT_FALSE(FMDecodeBlockBody(*bytes->DuplicateChained(), slots));
+    EXPECT_EQ(slots.capacity(), 0U);
+    CRtString text;
+    EXPECT_EQ((CRtByteStreamT(*bytes) >> text).GetReadResult(), RT_ERROR_IO);
+}
+
+TEST(Log, TruncatesLongLinesComposesNoDisabledOnesAndEscapesControlCharacters) {
     const CRtString text(std::string(5000, 'x'));
     {
         LogCapture log(RT_LOG_WARNING);
@@ -238,7 +269,9 @@ TEST(Log, TruncatesLongLinesAndComposesNoDisabledOnes) {
     }
     const LogCapture log;
     RT_LOG(RT_LOG_TRACE, INT64_MIN << " " << UINT64_MAX << " " << CTavoSID(0x12345678));
-    EXPECT_EQ(log.Text(), "-9223372036854775808 18446744073709551615 18.3.1110.120\n");
+    RT_LOG(RT_LOG_TRACE, CRtString("\x1B[2J\n\xC2\x9BJ\x9B B\xC3\xBCro")); // of a file
+    EXPECT_EQ(log.Text(), "-9223372036854775808 18446744073709551615 18.3.1110.120\n"
+                          "\\x1B[2J\\x0A\\x9BJ\\x9B B\xC3\xBCro\n");
 }
 
 TEST(FileID, TextAndOrderAgree) {

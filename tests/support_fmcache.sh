@@ -8,6 +8,8 @@ build=$(realpath "${2:?usage: $0 FMCACHE BUILD_DIR}")
 sources=$(realpath "$(dirname "${BASH_SOURCE[0]}")/..")
 # An emulator does not support the signals, limits, locks and devices of the host, and many error texts differ.
 emulated=${FILEMANAGER_EMULATED:-}
+# A sanitizer makes the tool slow and large.
+sanitized=$(sed -n 's/^FILEMANAGER_SANITIZE:[A-Z]*=//p' "$build/CMakeCache.txt")
 work=$(mktemp -d "$build/$(basename "$0" .sh).XXXXXX")
 mounted=
 cleanup() {

@@ -14,21 +14,30 @@ void Tick(Cache& cache, TestClock& clock, int64_t ms = 60'000) {
 
 } // namespace
 
-TEST(Timer, WritesStatisticsEveryThirdTick) {
+TEST(Timer, WritesStatisticsEveryThirdTickAndStartsHousekeepingDaily) {
     TestClock clock;
     LogCapture log;
-    Cache cache(0);
+    Cache cache(1);
+    const auto runsAfter = [&](int64_t ms) {
+        Tick(cache, clock, ms);
+        FMWaitUntilIdle();
+        return log.Count("CFileManager::HouseKeeping_m. Dir:");
+    };
     std::vector<size_t> lines;
     for (int tick = 0; tick < 8; ++tick) {
-        Tick(cache, clock);
+        EXPECT_EQ(runsAfter(60'000), 1U);
         lines.push_back(log.Count("CFileManager::OnTimer, statistics "));
     }
     EXPECT_EQ(lines, (std::vector<size_t>{0, 1, 1, 1, 2, 2, 2, 3}));
-    EXPECT_EQ(log.Count("statistics  cache: [memo-Max=67108864 Cur=0] [files Cur=0 c-0 d-0] "
+    EXPECT_EQ(log.Count("statistics  cache: [memo-Max=536870912 Cur=0] [files Cur=0 c-0 d-0] "
                         "[blocks c-0 d-0] [time s-0 g-0 p-0]"),
               3U);
-    EXPECT_EQ(FMStartHousekeeping(), RT_ERROR_NOT_SUPPORTED);
-    EXPECT_EQ(log.Count("HouseKeeping_m"), 0U); // a client does no housekeeping
+    EXPECT_EQ(runsAfter(86'399'000 - 7 * 60'000),
+              1U); // since the first run: a day without a second
+    EXPECT_EQ(runsAfter(61'000), 2U);
+    cache.Stop();
+    EXPECT_EQ(runsAfter(2 * 86'400'000), 2U); // no tick without a manager
+    EXPECT_EQ(FMStartHousekeeping(), RT_ERROR_NOT_READY);
 }
 
 TEST(Collection, ReleasesIdleBlocksOfAClientAtEveryTick) {
@@ -63,6 +72,8 @@ TEST(Collection, ReleasesIdleBlocksOfAClientAtEveryTick) {
     EXPECT_FALSE(block->FreeMemory());
     Tick(cache, clock);
     EXPECT_EQ(CFileManager::Instance()->GetMemoryInUse(), 8U + 2 * big); // below the limit again
+    EXPECT_EQ(FMStartHousekeeping(), RT_ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(log.Count("HouseKeeping_m"), 0U); // a client does no housekeeping
 }
 
 TEST(Collection, ReleasesNothingOnAServerBelowItsLimit) {
@@ -82,21 +93,4 @@ TEST(Collection, ReleasesNothingOnAServerBelowItsLimit) {
     EXPECT_EQ(filler->WriteData(most, 0, piece.get()), 0); // reaches the limit
     Tick(cache, clock);
     EXPECT_FALSE(block->IsInMemory());
-}
-
-TEST(HouseKeeping, RunsAtTheFirstTickAndThenDaily) {
-    TestClock clock;
-    LogCapture log;
-    Cache cache(1);
-    const auto expectRuns = [&](int64_t afterMs, size_t expected) {
-        Tick(cache, clock, afterMs);
-        FMWaitUntilIdle();
-        EXPECT_EQ(log.Count("CFileManager::HouseKeeping_m. Dir:"), expected) << afterMs;
-    };
-    expectRuns(60'000, 1);
-    expectRuns(86'399'000, 1);
-    expectRuns(61'000, 2);
-    cache.Stop();
-    expectRuns(86'400'000 * 2, 2); // no tick without a manager
-    EXPECT_EQ(FMStartHousekeeping(), RT_ERROR_NOT_READY);
 }

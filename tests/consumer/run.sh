@@ -20,12 +20,16 @@ cp "$consumer/CMakeLists.txt" "$consumer/consumer.cpp" "$work/consumer/"
 
 "$cmake" --install "$build" --prefix "$prefix" --config "$config" >"$work/install.log"
 
-# Everything that the program queued must be on disk after it ended.
+# runs PROGRAM: everything that the program queued must be on disk after it ended.
 runs() {
-    local id
-    id=$(cd "$work" && "$@") && id=${id%$'\r'}
+    local command=("$1") id
+    if [ -n "$emulator" ]; then # Windows finds the DLL beside the program
+        mv "$1.exe" "$prefix/bin"
+        command=("$emulator" "$prefix/bin/${1##*/}.exe")
+    fi
+    id=$(cd "$work" && "${command[@]}") && id=${id%$'\r'}
     [ "$(cat "$work/cache/sdstore/$id.sdd")" = hello ] && [ -s "$work/cache/sdstore/$id.sdi" ] ||
-        { echo "not stored by $*: '$id'" >&2; exit 1; }
+        { echo "not stored by $1: '$id'" >&2; exit 1; }
     echo "$id"
 }
 
@@ -34,12 +38,7 @@ echo "== through find_package"
     -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_BUILD_TYPE=Release \
     ${toolchain:+-DCMAKE_TOOLCHAIN_FILE="$toolchain"} >"$work/configure.log"
 "$cmake" --build "$work/build"
-if [ -n "$emulator" ]; then # Windows finds the DLL beside the program
-    mv "$work/build/consumer.exe" "$prefix/bin"
-    runs "$emulator" "$prefix/bin/consumer.exe"
-else
-    runs "$work/build/consumer"
-fi
+runs "$work/build/consumer"
 
 echo "== through pkg-config"
 pc=$(find "$prefix" -name filemanager.pc)
@@ -52,13 +51,7 @@ if [ -n "$emulator" ]; then # only the DLL is linked dynamically
     libs=(-static -Wl,-Bdynamic "${libs[@]}" -Wl,-Bstatic)
 fi
 "$compiler" -std=c++20 "${flags[@]}" "$work/consumer/consumer.cpp" "${libs[@]}" -o "$work/plain"
-if [ -n "$emulator" ]; then
-    mv "$work/plain.exe" "$prefix/bin"
-    runs "$emulator" "$prefix/bin/plain.exe"
-else
-    libdir=$(pkg-config --variable=libdir filemanager)
-    LD_LIBRARY_PATH=$libdir runs "$work/plain"
-fi
+LD_LIBRARY_PATH=$(pkg-config --variable=libdir filemanager) runs "$work/plain"
 
 # A static library comes with the same headers, and the test of it builds no tool.
 if [ ${#static[@]} -eq 0 ]; then
