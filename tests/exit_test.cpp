@@ -65,7 +65,11 @@ void FromMainWithACallerThreadOfTheRuntime(const TempDir& dir) {
 void WithoutUnInitializeButWithASinkThatReadsAgain(const TempDir& dir) {
     // Never destroyed: the sink is called after the destructors of the program's static objects.
     static CountingSink* const sink = new CountingSink;
-    sink->then = [](IFMBlock* asked, int) { asked->ReadData(sink); };
+    sink->then = [](IFMBlock* asked, int) {
+        asked->ReadData(sink);
+        FMWaitUntilIdle(); // without a thread to wait for
+        FMCallWhenIdle([](int) {});
+    };
     const CRtCallerThread callerThread; // its destructor never runs
     Fill(dir);
     IFileManager::Instance()->DetachFile(ID);

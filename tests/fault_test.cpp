@@ -1,14 +1,17 @@
 // A stalled disk, no memory, and the number of system calls and allocations of a small file. The simulator makes single
 // calls fail.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <exception>
+#include <fstream>
 #include <functional>
 #include <map>
 
 #include "FMCatalog.h"
+#include "FMDurability.h"
 #include "testing/faults.h"
 #include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
@@ -100,6 +103,33 @@ TEST(Fault, AFailingAllocationLosesNothingThatWasSaved) {
         std::cout << ends[COPED] << " coped with, " << ends[TERMINATED] << " ended the process\n";
         EXPECT_TRUE(isLasting || ends[COPED] > 0);
     }
+}
+
+// The address space has no room for the stack of a thread.
+TEST(Fault, WithoutAReadWriteThreadBlocksStayInMemory) {
+    const TempDir dir;
+    const int end = InChild([&] {
+        LogCapture log(RT_LOG_ERROR);
+        Cache cache(dir.path, false);
+        std::ifstream statm("/proc/self/statm");
+        rlim_t pages = 0;
+        statm >> pages;
+        const rlim_t most = pages * static_cast<rlim_t>(::sysconf(_SC_PAGESIZE)) + (4U << 20);
+        const rlimit full{most, most};
+        if (::setrlimit(RLIMIT_AS, &full) != 0)
+            return 1;
+        cache.Start();
+        if (log.Count("CFileManager::Initialize, Start Local R/W Thread error. ret=") != 1)
+            return 2;
+        FileRef file = cache.Create();
+        Write(*Cache::Block(*file, 1), "bytes");
+        std::vector<FMUnsavedBlock> unsaved;
+        const bool isRefused =
+            FMFlush(unsaved) == RT_ERROR_NOT_READY && FMStartHousekeeping() == RT_ERROR_NOT_READY &&
+            FMStartHousekeeping() == RT_ERROR_NOT_READY && FMWaitUntilIdle() == RT_OK;
+        return isRefused && Read(*Cache::Block(*file, 1, 0)) == "bytes" ? 0 : 3;
+    });
+    EXPECT_EQ(end, 0);
 }
 
 // docs/benchmarks.md lists the calls.

@@ -71,16 +71,19 @@ TEST(Clearing, LaterClearingRemovesFilesThatAnEarlierOneCouldNot) {
     WriteFile(locked / "file", "x");
     WriteFile(root / "0" / "free" / "file", "x");
     fs::permissions(locked, fs::perms(0500));
+    fs::create_directory(root / "closed");
+    fs::permissions(root / "closed", fs::perms(0)); // cannot be opened, but is empty
     const uid_t user = geteuid();
     if (user == 0) { // root ignores permissions
         constexpr uid_t ordinary = 65534;
-        for (const fs::path& path : {cache.dir.path, root, root / "0", root / "0/free", locked})
+        for (const fs::path& path :
+             {cache.dir.path, root, root / "0", root / "0/free", locked, root / "closed"})
             ASSERT_EQ(chown(path.c_str(), ordinary, ordinary), 0);
         ASSERT_EQ(seteuid(ordinary), 0);
     }
     cache.Start();
     EXPECT_TRUE(fs::exists(locked / "file"));
-    EXPECT_FALSE(fs::exists(root / "0" / "free"));
+    EXPECT_FALSE(fs::exists(root / "0" / "free") || fs::exists(root / "closed"));
     fs::permissions(locked, fs::perms(0700));
     cache.Stop();
     EXPECT_FALSE(fs::exists(root));
@@ -122,16 +125,18 @@ TEST(Clearing, FollowsNoLinkOutOfTheCache) {
     EXPECT_FALSE(fs::exists(root));
     EXPECT_EQ(CountFiles(outside.path), 50U);
     // The root itself is a link: its target is kept, and so is the link while another process uses the cache.
-    const IdleProcess other;
+    IdleProcess other;
     const std::string id = std::to_string(other.Id());
-    WriteFile(outside.path / id / "kept", "x");
-    fs::create_directory_symlink(outside.path, root);
+    const TempDir target;
+    WriteFile(target.path / id / "kept", "x");
+    WriteFile(target.path / "loose", "x");
+    fs::create_directory_symlink(target.path, root);
     cache.Start();
+    EXPECT_TRUE(fs::is_symlink(root));
+    other.End();
     cache.Stop();
-    EXPECT_TRUE(fs::is_symlink(root) && fs::exists(outside.path / id / "kept"));
-    CFileManager::RemoveDir(CRtString(root.string() + "\\"));
     EXPECT_FALSE(fs::is_symlink(root)); // the link itself is removed
-    EXPECT_EQ(CountFiles(outside.path), 51U);
+    EXPECT_EQ(CountFiles(target.path), 2U);
 }
 
 // What the catalog predicts for pipes, links and directories is what the run does.

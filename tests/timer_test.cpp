@@ -29,6 +29,11 @@ TEST(Timer, WritesStatisticsEveryThirdTick) {
               3U);
     EXPECT_EQ(FMStartHousekeeping(), RT_ERROR_NOT_SUPPORTED);
     EXPECT_EQ(log.Count("HouseKeeping_m"), 0U); // a client does no housekeeping
+    CFileManager::Instance()->OnTimer(nullptr); // not its timer
+    cache.Stop();
+    for (int tick = 0; tick < 4; ++tick)
+        Tick(cache, clock);
+    EXPECT_EQ(log.Count("CFileManager::OnTimer, statistics "), 3U);
 }
 
 TEST(Collection, ReleasesIdleBlocksOfAClientAtEveryTick) {

@@ -76,19 +76,14 @@ bool TakeBody(std::span<const char>& rest, uint32_t most, CRtMessageChain& body)
 }
 
 const char* FaultText(FMDescription found) {
-    switch (found) {
-    case FMDescription::Sound:
-        return "";
-    case FMDescription::Damaged:
-        return "has a damaged description";
-    case FMDescription::WithoutID:
-        return "has a description without an identifier";
-    case FMDescription::TooManySlots:
-        return "has a description with an impossible number of slots";
-    case FMDescription::NameTooLong:
-        break;
-    }
-    return "has a description with a name that is too long";
+    constexpr const char* texts[] = {
+        "", // in the order of FMDescription
+        "has a damaged description",
+        "has a description without an identifier",
+        "has a description with an impossible number of slots",
+        "has a description with a name that is too long",
+    };
+    return texts[static_cast<size_t>(found)];
 }
 
 // The decoder has written log lines, which do not name the file.
@@ -145,19 +140,20 @@ int ReadInfoBytes(const CRtString& path, FMCachedFile& file, std::vector<char>& 
         RtOs::GetStamp(path, stamp);
     file.hasInfo = stamp.exists;
     file.infoLength = stamp.length;
-    if (FMIsDirectory(path, stamp)) { // on POSIX it can be opened
-        if (stream != RtOs::NO_FILE)
-            RtOs::CloseFile(stream);
-        return static_cast<int>(std::errc::is_a_directory);
-    }
-    if (stream == RtOs::NO_FILE)
-        return file.hasInfo ? error : 0;
     bytes.resize(static_cast<size_t>(std::min<uint64_t>(stamp.length, INFO_FILE_MAX)));
-    const bool isRead = !stamp.exists || bytes.empty() ||
-                        RtOs::ReadAt(stream, 0, bytes.data(),
-                                     static_cast<uint32_t>(bytes.size())) == RtOs::Transfer::Done;
-    RtOs::CloseFile(stream);
-    return isRead ? 0 : static_cast<int>(std::errc::io_error);
+    if (FMIsDirectory(path, stamp)) // on POSIX it can be opened
+        error = static_cast<int>(std::errc::is_a_directory);
+    else if (stream == RtOs::NO_FILE)
+        error = file.hasInfo ? error : 0;
+    else if (!bytes.empty() &&
+             RtOs::ReadAt(stream, 0, bytes.data(), static_cast<uint32_t>(bytes.size())) !=
+                 RtOs::Transfer::Done)
+        error = static_cast<int>(std::errc::io_error);
+    else
+        error = 0;
+    if (stream != RtOs::NO_FILE)
+        RtOs::CloseFile(stream);
+    return error;
 }
 
 void ReadInfo(const CRtString& path, FMCachedFile& file, FMTableFacts& facts) {

@@ -1,4 +1,5 @@
 // The choice of the data directory, its lock, and operations on directories.
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <thread>
@@ -166,7 +167,7 @@ CRtString CFileManager::GetDefaultDataDir() {
     if (!drive.empty())
         return drive;
     CRtString folder;
-    if (RtOs::GetUserDataDir(folder) && !folder.empty())
+    if (RtOs::GetUserDataDir(folder))
         return WithBackslash(folder);
     return GetDefaultDir();
 }
@@ -185,7 +186,7 @@ CRtString CFileManager::GetMaxDrive() {
     }
     CRtString lpDSMax;
     uint64_t most = 0;
-    for (size_t position = 0; position <= length && position < size;) {
+    for (size_t position = 0; position <= std::min(length, size - 1);) {
         const CRtString drive(drives.data() + position);
         if (drive.size() < 2)
             break;
