@@ -27,7 +27,7 @@ bool AnyExists(const Cache& cache, const FMFileID& id) {
 } // namespace
 
 TEST(Clearing, ClientKeepsOnlyDirectoriesOfRunningProcesses) {
-    LogCapture quiet(RT_LOG_SILENT);
+    LogCapture log(RT_LOG_WARNING);
     IdleProcess other;
     IdleProcess ended;
     const std::string deadId = std::to_string(ended.Id());
@@ -58,6 +58,7 @@ TEST(Clearing, ClientKeepsOnlyDirectoriesOfRunningProcesses) {
     cache.Stop(); // a pending table is not written after the clearing
     FMWaitUntilIdle();
     EXPECT_FALSE(fs::exists(root));
+    EXPECT_EQ(log.Count("other processes hold files"), 0U);
 }
 
 // The first run fixes the paths of the process: a later run as client must not clear the server's root either.
@@ -86,9 +87,12 @@ TEST(HouseKeeping, RemovesExpiredTemporaryAndUnreadableFiles) {
     const std::vector<FMFileID> kept{Leave(cache, now - 9 * day + 120), Leave(cache, now),
                                      Leave(cache, now + 400 * day),
                                      Leave(cache, now - 100 * day, FM_FILE_KEPT)};
-    const std::vector<FMFileID> gone{
-        Leave(cache, now - 9 * day), Leave(cache, now, FM_FILE_TEMPORARY),
-        Leave(cache, now, FM_FILE_TEMPORARY | FM_FILE_KEPT), Leave(cache, now), Leave(cache, now)};
+    const std::vector<FMFileID> gone{Leave(cache, now - 9 * day),
+                                     Leave(cache, now, FM_FILE_TEMPORARY),
+                                     Leave(cache, now, FM_FILE_TEMPORARY | FM_FILE_KEPT),
+                                     Leave(cache, now),
+                                     Leave(cache, now),
+                                     Leave(cache, 0)};
     fs::remove(cache.Path(gone[3], ".sdi"));
     WriteFile(cache.Path(gone[4], ".sdi"), "no information");
     const FileRef open = cache.Open(Leave(cache, now - 100 * day));
@@ -111,6 +115,7 @@ TEST(HouseKeeping, RemovesExpiredTemporaryAndUnreadableFiles) {
     for (const FMFileID& id : gone)
         EXPECT_EQ(expiry(id, now).when, When::NextRun);
     EXPECT_EQ(expiry(gone[0], now).dueTime, 0);
+    EXPECT_EQ(expiry(gone[5], now).reason, "no creation time");
     EXPECT_EQ(expiry(kept[0], now).dueTime, now + 120);
     EXPECT_EQ(expiry(kept[0], now + 119).when, When::Later);
     EXPECT_EQ(expiry(kept[0], now + 120).when, When::NextRun);

@@ -157,6 +157,7 @@ TEST(HouseKeeping, EntriesThatAreNoRegularFilesDoNotLeadOutOfTheStore) {
     mkfifo(data(0).c_str(), 0600);
     mkfifo(data(1).c_str(), 0600);
     fs::create_symlink(outside.path / "precious", data(2));
+    fs::remove(info(2));
     fs::remove(info(3));
     fs::create_directory(info(3));
     WriteFile(data(3), "bytes");
