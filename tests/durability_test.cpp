@@ -98,6 +98,8 @@ TEST(Durability, CallsBeforeTheManagerExistsAreRefused) {
     EXPECT_EQ(FMListCachedFiles("", names, names), RT_ERROR_NOT_READY);
     EXPECT_EQ(FMDescribeCachedFile("", "stem", found), RT_ERROR_NOT_READY);
     EXPECT_EQ(FMDescribeCachedFile("", "", found), RT_ERROR_INVALID_ARG);
+    EXPECT_EQ(FMDescribeCachedFile(".", FMFileIDToString({1, 2, 3, {}}), found),
+              RT_ERROR_NOT_FOUND);
     EXPECT_EQ(FMRemoveCachedFile("", "stem", true), RT_ERROR_INVALID_ARG);
     EXPECT_EQ(FMStartHousekeeping(), RT_ERROR_NOT_READY);
     FMGetStatistics(figures);

@@ -35,8 +35,13 @@ TEST(DataDir, CreateDirCreatesParentsWithAnyMixOfSeparators) {
     WriteFile(dir.path / "file", "");
     EXPECT_EQ(CFileManager::DirExists(CRtString(base + "\\file")), 0);
     EXPECT_EQ(CFileManager::CreateDir(CRtString(base + "\\file\\below")), 0);
-    EXPECT_EQ(log.Count("CFileManager::CreateDir. mkdir Error. Dir: "), 2U);
+    CFileManager::CreateDir(CRtString("\\" + std::string(300, 'n'))); // too long a name
+    EXPECT_EQ(log.Count("CFileManager::CreateDir. mkdir Error. Dir: "), 3U);
+    EXPECT_EQ(CFileManager::DirExists(""), 0);
+    fs::create_directory(dir.path / "a/b/d");
     CFileManager::RemoveDir(CRtString(base + "\\a\\"));
+    for (const char* removed : {"c\\", "d\\"})
+        EXPECT_EQ(log.Count("CFileManager::RemoveDir. Dir:" + base + "\\a\\b\\" + removed), 1U);
     EXPECT_FALSE(fs::exists(dir.path / "a"));
 }
 
@@ -169,8 +174,8 @@ TEST(HouseKeeping, EntriesThatAreNoRegularFilesDoNotLeadOutOfTheStore) {
     WriteFile(cache.dir.path / "sdstore" / "..\\victim.sdd", ""); // a backslash in a name
 
     EXPECT_FALSE(cache.Open(ids[5])); // a dangling link: can be neither opened nor created
-    std::vector<CRtString> stems;
-    std::vector<CRtString> others;
+    std::vector<CRtString> stems{"former"};
+    std::vector<CRtString> others{"former"};
     EXPECT_EQ(FMListCachedFiles("", stems, others), RT_OK);
     EXPECT_EQ(stems.size(), 6U);
     EXPECT_EQ(others.size(), 4U); // 2 directories, the link to an information file, the backslash

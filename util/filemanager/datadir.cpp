@@ -22,8 +22,7 @@ CRtString WithoutBackslash(const CRtString& dir) {
 // Removes the last name and all separators before it. Empty if the path has no parent to create.
 CRtString ParentOf(const CRtString& path) {
     size_t end = RtOs::FindLastSeparator(path);
-    while (end != std::string_view::npos && end > 0 &&
-           RtOs::FindLastSeparator(path.Left(end)) == end - 1)
+    while (end > 0 && RtOs::FindLastSeparator(path.Left(end)) == end - 1)
         --end;
     return end == std::string_view::npos ? CRtString() : path.Left(end);
 }
@@ -39,7 +38,7 @@ void LogRemoveDir(const CRtString& dir) {
 }
 
 CRtString WithBackslash(CRtString dir) {
-    if (dir.empty() || dir.back() != '\\')
+    if (dir.back() != '\\')
         dir += '\\';
     return dir;
 }

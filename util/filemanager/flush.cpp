@@ -33,6 +33,13 @@ CFileManager* BeginFlush(const char* call, Files& files) {
     return manager;
 }
 
+CFileManager* FlushStores(const char* call, Files& files) {
+    CFileManager* const manager = BeginFlush(call, files);
+    if (manager)
+        manager->PostToReadwrThread(new CFMFunctorBase, 1, RT_PRIORITY_NORMAL);
+    return manager;
+}
+
 struct AsyncFlush {
     CFileManager& manager;
     uint32_t run; // of the manager at the call
@@ -140,20 +147,14 @@ private:
 
 int FMFlush(std::vector<FMUnsavedBlock>& unsaved) {
     Files files;
-    CFileManager* const manager = BeginFlush("FMFlush", files);
-    if (!manager)
-        return RT_ERROR_NOT_READY;
-    manager->PostToReadwrThread(new CFMFunctorBase, 1, RT_PRIORITY_NORMAL);
-    return manager->SaveAll(files, unsaved);
+    CFileManager* const manager = FlushStores("FMFlush", files);
+    return manager ? manager->SaveAll(files, unsaved) : RT_ERROR_NOT_READY;
 }
 
 int FMSync(std::vector<FMUnsavedBlock>& unsaved) {
     Files files;
-    CFileManager* const manager = BeginFlush("FMSync", files);
-    if (!manager)
-        return RT_ERROR_NOT_READY;
-    manager->PostToReadwrThread(new CFMFunctorBase, 1, RT_PRIORITY_NORMAL);
-    return CSync(*manager).Run(unsaved);
+    CFileManager* const manager = FlushStores("FMSync", files);
+    return manager ? CSync(*manager).Run(unsaved) : RT_ERROR_NOT_READY;
 }
 
 int FMFlushAsync(FlushDone done) {
@@ -174,7 +175,7 @@ int CFileManager::SaveAll(const std::vector<FileRef>& files, std::vector<FMUnsav
     for (const FileRef& file : files) {
         if (IsRegistered(*file))
             isSaved = file->SaveNow(unsaved) && isSaved;
-        else if (file->HasUnsavedTable() && !file->IsClosing())
+        else if (file->HasUnsavedTable())
             isSaved = file->SavePendingTable(unsaved) && isSaved;
     }
     return isSaved && unsaved.empty() ? RT_OK : RT_ERROR_IO;
