@@ -279,6 +279,10 @@ private:
         FMStatistics figures;
         FMGetStatistics(figures);
         Require(figures.pendingBlocks == 0 && figures.pendingBytes == 0, "no store is pending");
+        Require(figures.failedBytes == FMGetUnstoredBytes(), "unstored bytes are counted");
+        for (const auto& histogram :
+             {figures.loadWait, figures.loadDisk, figures.storeWait, figures.storeDisk})
+            CheckHistogram(histogram);
         const auto isOpen = [](const File& file) { return static_cast<bool>(file.ref); };
         Require(static_cast<std::ptrdiff_t>(figures.openFiles) ==
                     std::ranges::count_if(m_files, isOpen),
@@ -288,6 +292,18 @@ private:
             for (const auto& [id, block] : file.table)
                 CheckCondition(file, id, block);
         }
+    }
+
+    // Bucket 0 counts durations of 0 µs, bucket i those below 2^i µs.
+    void CheckHistogram(const FMHistogram& histogram) {
+        uint64_t least = 0;
+        uint64_t below = 0;
+        for (size_t i = 1; i < FMHistogram::BUCKETS; ++i) {
+            least += histogram.counts[i] << (i - 1);
+            below += histogram.counts[i] << i;
+        }
+        Require(histogram.sumUs >= least && (histogram.sumUs < below || below == 0),
+                "the sum of the durations is that of the buckets");
     }
 
     void CheckMemory(const FMStatistics& figures) {
@@ -573,6 +589,10 @@ private:
                     "a stopped manager holds no lock");
             CloseElsewhere(fd);
         }
+        int store = OpenElsewhere(m_cache.dir.path / FM_SERVER_STORE, O_RDONLY | O_DIRECTORY);
+        Require(store < 0 || m_storeLock >= 0 || LockElsewhere(store, LOCK_EX),
+                "a stopped manager does not lock the store");
+        CloseElsewhere(store);
     }
 
     // --- The manager ----------------------------------------------------------------------------
@@ -754,9 +774,9 @@ private:
             return;
         }
         BeginFlush();
-        std::vector<Saved> before;
+        std::vector<AtFlush> before;
         for (const File& file : m_files)
-            before.push_back(file.Versions());
+            before.push_back({file.generation, file.Versions()});
         FMFlushAsync([this, before](int result, const std::vector<FMUnsavedBlock>& unsaved) {
             ++m_answers;
             if (result != RT_ERROR_NOT_READY)
@@ -764,7 +784,11 @@ private:
         });
     }
 
-    void FlushedLater(const std::vector<Saved>& before, int result,
+    struct AtFlush {
+        uint32_t generation;
+        Saved versions;
+    };
+    void FlushedLater(const std::vector<AtFlush>& before, int result,
                       const std::vector<FMUnsavedBlock>& unsaved) {
         BeginFlush(); // a kill while a table is written loses the blocks that it names
         if (faults::IsFrozen())
@@ -772,7 +796,7 @@ private:
         Require(result != RT_OK || unsaved.empty(), "a flush lists what it has not written");
         for (const FMUnsavedBlock& block : unsaved) {
             const File& file = m_files[block.fileID.Data1 - 1];
-            const Saved& earlier = before[block.fileID.Data1 - 1];
+            const Saved& earlier = before[block.fileID.Data1 - 1].versions;
             const auto at = earlier.find(block.blockID);
             const Saved now = file.Versions();
             const bool isEarlier =
@@ -781,10 +805,24 @@ private:
                     Name(file, block.blockID) + " was stored before the flush");
         }
         for (File& file : m_files) {
+            const AtFlush& earlier = before[static_cast<size_t>(&file - m_files)];
             for (const auto& [id, block] : file.table)
                 PromiseSurvivor(file, id, block);
-            if (file.ref && file.isChanged && !IsFaulty())
+            if (file.ref && file.generation == earlier.generation && file.isChanged && !IsFaulty())
                 file.NoteTable();
+            if (result == RT_OK && m_faults == 0 && !IsFaulty())
+                PromiseClosed(file, earlier.versions);
+        }
+    }
+
+    // The table of a file that was closed after the beginning of the flush is on disk.
+    static void PromiseClosed(File& file, const Saved& earlier) {
+        if (file.ref || file.isSettled || file.isDisplaced || !file.saving || !*file.saving)
+            return;
+        for (const auto& [id, version] : **file.saving) {
+            const auto at = earlier.find(id);
+            if (at != earlier.end() && at->second == version)
+                file.promised[id] = version;
         }
     }
 
@@ -804,7 +842,7 @@ private:
         if (step.how % 2)
             Settle();
         BeginFlush();
-        std::vector<FMUnsavedBlock> unsaved;
+        std::vector<FMUnsavedBlock> unsaved(1);
         const int result = FMFlush(unsaved);
         if (faults::IsFrozen())
             return;
@@ -886,8 +924,14 @@ private:
     void List() {
         std::vector<CRtString> stems;
         std::vector<CRtString> others;
-        FMListCachedFiles("", stems, others);
+        const int result = FMListCachedFiles("", stems, others);
+        Require(std::ranges::is_sorted(stems, {}, &CRtString::view) &&
+                    std::ranges::adjacent_find(stems) == stems.end(),
+                "the catalog lists each file once, in order");
         for (File& file : m_files) {
+            Require(!file.ref || result != RT_OK ||
+                        std::ranges::count(stems, FMFileIDToString(file.id)) == 1,
+                    "the catalog lists an open file");
             if (!IsToDescribe(file))
                 continue;
             Settled(file);

@@ -27,7 +27,7 @@ bool AnyExists(const Cache& cache, const FMFileID& id) {
 } // namespace
 
 TEST(Clearing, ClientKeepsOnlyDirectoriesOfRunningProcesses) {
-    LogCapture quiet(RT_LOG_SILENT);
+    LogCapture log(RT_LOG_WARNING);
     IdleProcess other;
     IdleProcess ended;
     const std::string deadId = std::to_string(ended.Id());
@@ -58,6 +58,7 @@ TEST(Clearing, ClientKeepsOnlyDirectoriesOfRunningProcesses) {
     cache.Stop(); // a pending table is not written after the clearing
     FMWaitUntilIdle();
     EXPECT_FALSE(fs::exists(root));
+    EXPECT_EQ(log.Count("other processes hold files"), 0U);
 }
 
 // The first run fixes the paths of the process: a later run as client must not clear the server's root either.
@@ -86,9 +87,12 @@ TEST(HouseKeeping, RemovesExpiredTemporaryAndUnreadableFiles) {
     const std::vector<FMFileID> kept{Leave(cache, now - 9 * day + 120), Leave(cache, now),
                                      Leave(cache, now + 400 * day),
                                      Leave(cache, now - 100 * day, FM_FILE_KEPT)};
-    const std::vector<FMFileID> gone{
-        Leave(cache, now - 9 * day), Leave(cache, now, FM_FILE_TEMPORARY),
-        Leave(cache, now, FM_FILE_TEMPORARY | FM_FILE_KEPT), Leave(cache, now), Leave(cache, now)};
+    const std::vector<FMFileID> gone{Leave(cache, now - 9 * day),
+                                     Leave(cache, now, FM_FILE_TEMPORARY),
+                                     Leave(cache, now, FM_FILE_TEMPORARY | FM_FILE_KEPT),
+                                     Leave(cache, now),
+                                     Leave(cache, now),
+                                     Leave(cache, 0)};
     fs::remove(cache.Path(gone[3], ".sdi"));
     WriteFile(cache.Path(gone[4], ".sdi"), "no information");
     const FileRef open = cache.Open(Leave(cache, now - 100 * day));
@@ -110,6 +114,8 @@ TEST(HouseKeeping, RemovesExpiredTemporaryAndUnreadableFiles) {
         EXPECT_NE(expiry(id, now).when, When::NextRun);
     for (const FMFileID& id : gone)
         EXPECT_EQ(expiry(id, now).when, When::NextRun);
+    EXPECT_EQ(expiry(gone[0], now).dueTime, 0);
+    EXPECT_EQ(expiry(gone[5], now).reason, "no creation time");
     EXPECT_EQ(expiry(kept[0], now).dueTime, now + 120);
     EXPECT_EQ(expiry(kept[0], now + 119).when, When::Later);
     EXPECT_EQ(expiry(kept[0], now + 120).when, When::NextRun);
@@ -133,10 +139,13 @@ TEST(HouseKeeping, RemovesExpiredTemporaryAndUnreadableFiles) {
 TEST(HouseKeeping, RunOverThousandsOfFilesDoesNotBlockCallersOrRemoveOpenFiles) {
     TestClock clock;
     LogCapture quiet(RT_LOG_SILENT);
-    Cache cache(1, 0);
+    Cache cache;
     std::vector<FMFileID> expired;
     for (uint32_t i = 0; i < 5'000 / SLOWNESS; ++i)
         expired.push_back(Leave(cache, clock.seconds - 10 * 86'400));
+    EXPECT_EQ(FMStartHousekeeping(), RT_OK);
+    cache.Stop(); // the run is abandoned
+    cache.Start();
     EXPECT_EQ(FMStartHousekeeping(), RT_OK);
     EXPECT_EQ(FMStartHousekeeping(), RT_ERROR_NOT_READY); // one runs
     std::mt19937 random(3);
@@ -160,6 +169,26 @@ TEST(HouseKeeping, RunOverThousandsOfFilesDoesNotBlockCallersOrRemoveOpenFiles) 
     EXPECT_FALSE(opened.empty());
     for (size_t i = 0; i < expired.size(); ++i)
         EXPECT_TRUE(!opened.contains(i) || fs::exists(cache.Path(expired[i], ".sdd")));
-    cache.Stop();
-    cache.Start();
+}
+
+// A table that could not be written is dropped when the cache is cleared: else a tick would write it afterwards.
+TEST(Clearing, DropsPendingTables) {
+    TestClock clock;
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache(1, 7);
+    for (const auto& [before, after] : {std::pair{7, 0}, std::pair{0, 7}}) {
+        cache.Stop();
+        cache.manager->Initialize("", static_cast<uint16_t>(before), 1);
+        FileRef file = cache.Create();
+        const fs::path info = cache.Path(file->GetFileInfo().fileID, ".sdi");
+        fs::create_directory(info); // the table cannot be written
+        Write(*Cache::Block(*file, 1), "bytes");
+        cache.Close(file);
+        cache.Stop();
+        fs::remove(info);
+        cache.manager->Initialize("", static_cast<uint16_t>(after), 1);
+        clock.Advance(60'000);
+        FMWaitUntilIdle(); // a tick
+        EXPECT_FALSE(fs::exists(info)) << before;
+    }
 }

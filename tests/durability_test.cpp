@@ -6,6 +6,7 @@
 #include <functional>
 
 #include "FMCatalog.h"
+#include "FMStatistics.h"
 #include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
 
@@ -53,6 +54,85 @@ TEST(Durability, ABlockGoesThroughItsStates) {
     FMWaitUntilIdle();
     EXPECT_EQ(ConditionOf(block), Condition::Stored);
     EXPECT_FALSE(Survives(block)); // its entry was revoked
+}
+
+// Of the files that exist at the call, FMFlushAsync waits for one that is closed in between. Files that are created
+// later cannot postpone the end.
+TEST(Durability, FlushAsyncWaitsForTheFilesOfItsCall) {
+    LogCapture quiet(RT_LOG_SILENT);
+    CRtEventQueue::SetStepping(true);
+    Cache cache;
+    int flushed = -1;
+    const auto closeNew = [&](FileRef& file) {
+        Write(*Cache::Block(*file, 2), Pattern(2, 100));
+        cache.Close(file);
+    };
+    FileRef file = cache.Create();
+    const CRtString stem = FMFileIDToString(file->GetFileInfo().fileID);
+    Write(*Cache::Block(*file, 1), Pattern(1, 100));
+    EXPECT_EQ(FMFlushAsync([&](int result, const auto& unsaved) {
+                  flushed = unsaved.empty() ? result : -1;
+              }),
+              RT_OK);
+    closeNew(file);
+    for (int turn = 0; turn < 10 && flushed < 0; ++turn) {
+        CRtEventQueue::Stepped()->Step();
+        file = cache.Create();
+        closeNew(file);
+        cache.thread.RunDue();
+    }
+    EXPECT_EQ(flushed, RT_OK);
+    EXPECT_GT(CRtEventQueue::Stepped()->GetCount(), 0U);
+    FMCachedFile found;
+    const CRtString store((cache.dir.path / FM_SERVER_STORE).string());
+    EXPECT_EQ(FMDescribeCachedFile(store, stem, found), RT_OK);
+    EXPECT_EQ(found.storedBlocks, 2U);
+}
+
+TEST(Durability, CallsBeforeTheManagerExistsAreRefused) {
+    const CRtCallerThread thread;
+    std::vector<FMUnsavedBlock> unsaved(1);
+    std::vector<CRtString> names;
+    FMCachedFile found;
+    FMStatistics figures;
+    figures.openFiles = 1;
+    EXPECT_EQ(FMFlush(unsaved), RT_ERROR_NOT_READY);
+    EXPECT_EQ(FMSync(unsaved), RT_ERROR_NOT_READY);
+    EXPECT_EQ(unsaved.size(), 1U);
+    EXPECT_EQ(FMFlushAsync([](int, const auto&) {}), RT_ERROR_NOT_READY);
+    EXPECT_EQ(FMListCachedFiles("", names, names), RT_ERROR_NOT_READY);
+    EXPECT_EQ(FMDescribeCachedFile("", "stem", found), RT_ERROR_NOT_READY);
+    EXPECT_EQ(FMDescribeCachedFile("", "", found), RT_ERROR_INVALID_ARG);
+    EXPECT_EQ(FMDescribeCachedFile(".", FMFileIDToString({1, 2, 3, {}}), found),
+              RT_ERROR_NOT_FOUND);
+    EXPECT_EQ(FMRemoveCachedFile("", "stem", true), RT_ERROR_INVALID_ARG);
+    EXPECT_EQ(FMStartHousekeeping(), RT_ERROR_NOT_READY);
+    FMGetStatistics(figures);
+    EXPECT_EQ(figures.openFiles, 0U);
+}
+
+TEST(Durability, AFlushListsTheBlocksOfClosedFilesWhoseTableIsPending) {
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    FileRef file = cache.Create();
+    const FMFileID id = file->GetFileInfo().fileID;
+    Cache::Block(*file, 1);
+    const BlockRef block = Cache::Block(*file, 2);
+    Write(*block, "bytes");
+    FMWaitUntilIdle();
+    fs::create_directory(cache.Path(id, ".sdi")); // the table cannot be written
+    cache.Close(file);
+    std::vector<FMUnsavedBlock> unsaved(1);
+    EXPECT_EQ(FMFlush(unsaved), RT_ERROR_IO);
+    ASSERT_EQ(unsaved.size(), 1U);
+    EXPECT_TRUE(unsaved[0].fileID == id && unsaved[0].blockID == 2);
+    EXPECT_FALSE(cache.Open(id)); // what is on disk is older than the closed file
+    fs::remove(cache.Path(id, ".sdi"));
+    EXPECT_EQ(FMFlush(unsaved), RT_OK);
+    EXPECT_TRUE(unsaved.empty());
+    cache.Stop();
+    EXPECT_FALSE(cache.Open(FMFileID{1, 2, 3, {}}));
+    EXPECT_TRUE(cache.Open(id)); // without a read/write thread
 }
 
 TEST(Durability, CallsWithoutAFunctionOrAfterTheStopAreRefused) {

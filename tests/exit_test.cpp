@@ -63,7 +63,11 @@ const Ending ENDINGS[] = {
     // has ended, and after the destructors of the program's static objects: it is never destroyed.
     {"WithoutUnInitializeButWithASinkThatReadsAgain", [](const TempDir& dir) {
          static CountingSink* const sink = new CountingSink;
-         sink->then = [](IFMBlock* asked, int) { asked->ReadData(sink); };
+         sink->then = [](IFMBlock* asked, int) {
+             asked->ReadData(sink);
+             FMWaitUntilIdle(); // without a thread to wait for
+             FMCallWhenIdle([](int) {});
+         };
          const CRtCallerThread callerThread; // its destructor never runs
          Fill(dir);
          IFileManager::Instance()->DetachFile(ID);

@@ -1,10 +1,12 @@
 // A stalled disk, no memory, and the number of system calls and allocations of a small file. The simulator makes single
 // calls fail.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <exception>
+#include <fstream>
 #include <functional>
 #include <map>
 
@@ -128,6 +130,35 @@ TEST(Fault, AFailingAllocationLosesNothingThatWasSaved) {
     }
 }
 
+// The address space has no room for the stack of a thread.
+TEST(Fault, WithoutAReadWriteThreadBlocksStayInMemory) {
+    const TempDir dir;
+    const int end = InChild([&] {
+        LogCapture log(RT_LOG_ERROR);
+        Cache cache(dir.path, false);
+        std::ifstream statm("/proc/self/statm");
+        rlim_t pages = 0;
+        statm >> pages;
+        const rlim_t most = pages * static_cast<rlim_t>(::sysconf(_SC_PAGESIZE)) + (4U << 20);
+        const rlimit full{most, most};
+        if (::setrlimit(RLIMIT_AS, &full) != 0)
+            return 1;
+        cache.Start();
+        if (log.Count("CFileManager::Initialize, Start Local R/W Thread error. ret=") != 1)
+            return 2;
+        FileRef file = cache.Create();
+        if (log.Count(" Assert failed: m_pReadwrTd && m_pCallerTd") != 1)
+            return 3;
+        Write(*Cache::Block(*file, 1), "bytes");
+        std::vector<FMUnsavedBlock> unsaved;
+        const bool isRefused =
+            FMFlush(unsaved) == RT_ERROR_NOT_READY && FMStartHousekeeping() == RT_ERROR_NOT_READY &&
+            FMStartHousekeeping() == RT_ERROR_NOT_READY && FMWaitUntilIdle() == RT_OK;
+        return isRefused && Read(*Cache::Block(*file, 1, 0)) == "bytes" ? 0 : 4;
+    });
+    EXPECT_EQ(end, 0);
+}
+
 // docs/benchmarks.md lists the calls.
 TEST(Fault, OpeningReadingAndClosingASmallFileTakesElevenCallsAndFewAllocations) {
     Cache cache;
@@ -156,11 +187,15 @@ TEST(Fault, OpeningReadingAndClosingASmallFileTakesElevenCallsAndFewAllocations)
 TEST(Fault, DescribingAFileReadsItsInformationFileOnceAndChangesNothing) {
     Cache cache;
     FileRef file = cache.Create();
-    const CRtString stem = FMFileIDToString(file->GetFileInfo().fileID);
-    for (uint32_t id = 1; id <= 7000; ++id) // a table of more than 64 KiB
-        Write(*Cache::Block(*file, id), "x");
+    const FMFileID id = file->GetFileInfo().fileID;
+    const CRtString stem = FMFileIDToString(id);
+    FMCachedFile described; // from the live object: there are no files yet
+    EXPECT_EQ(FMDescribeCachedFile("", stem, described), RT_OK);
+    EXPECT_TRUE(described.isOpenHere && !described.hasData);
+    for (uint32_t block = 1; block <= 7000; ++block) // a table of more than 64 KiB
+        Write(*Cache::Block(*file, block), "x");
     FMWaitUntilIdle();
-    FMCachedFile described; // from the live object: nothing is in an information file yet
+    // From the live object: nothing is in an information file yet.
     EXPECT_EQ(FMDescribeCachedFile("", stem, described), RT_OK);
     EXPECT_TRUE(described.isOpenHere && !described.hasInfo && described.findings.empty());
     EXPECT_EQ(described.storedBlocks, 7000U);
@@ -169,7 +204,18 @@ TEST(Fault, DescribingAFileReadsItsInformationFileOnceAndChangesNothing) {
     EXPECT_TRUE(described.isOpenHere && !described.isLoadable && described.dataLength == 7000);
     ASSERT_EQ(described.findings.size(), 1U);
     EXPECT_FALSE(described.findings[0].isFault);
-    cache.Close(file);
+    EXPECT_EQ(FMDescribeCachedFile(CRtString(cache.dir.path.string()), stem, described),
+              RT_ERROR_NOT_FOUND);
+    WriteFile(cache.dir.path / (std::string(stem.view()) + ".sdd"), "x"); // in another directory
+    EXPECT_EQ(FMDescribeCachedFile(CRtString(cache.dir.path.string()), stem, described), RT_OK);
+    EXPECT_FALSE(described.isOpenHere);
+    {
+        const Gate gate;
+        Write(*Cache::Block(*file, 7001), "x");
+        cache.Close(file);
+        EXPECT_EQ(FMDescribeCachedFile(directory, stem, described), RT_OK);
+        EXPECT_FALSE(described.isOpenHere || described.isOpenElsewhere);
+    }
     FMWaitUntilIdle();
     const auto count = [&](uint32_t kinds) {
         Begin(cache.dir.path, {.action = STALL, .kinds = kinds, .forever = true}); // counts
@@ -181,8 +227,75 @@ TEST(Fault, DescribingAFileReadsItsInformationFileOnceAndChangesNothing) {
     EXPECT_EQ(count(OPEN), 2U); // the data file for the query of its lock
     EXPECT_EQ(count(WRITE | REMOVE | MAKE_DIR | REMOVE_DIR), 0U);
     EXPECT_TRUE(described.isLoadable && !described.isOpenHere && !described.isOpenElsewhere);
-    EXPECT_EQ(described.storedBlocks, 7000U);
-    EXPECT_EQ(described.highestBlock, 7000U);
+    EXPECT_EQ(described.infoLength, fs::file_size(cache.Path(id, ".sdi")));
+    EXPECT_EQ(described.storedBlocks, 7001U);
+    EXPECT_EQ(described.highestBlock, 7001U);
+    fs::resize_file(cache.Path(id, ".sdd"), (1U << 30) + 1);
+    EXPECT_EQ(FMDescribeCachedFile("", stem, described), RT_OK);
+    EXPECT_EQ(described.findings.at(0).what, "the data file has 1.0 GiB");
+}
+
+// At each call, the call fails, or another program removes the files.
+TEST(Fault, TheCatalogIsRightAboutAFileThatVanishesOrCannotBeExamined) {
+    const LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    const CRtString store((cache.dir.path / "." / FM_SERVER_STORE).string()); // another spelling
+    std::vector<CRtString> stems;
+    std::vector<CRtString> others;
+    FMCachedFile found;
+    for (const bool isRemoved : {false, true}) {
+        for (const bool isOpen : {false, true}) {
+            for (uint32_t call = 1, hits = 1; hits > 0; ++call) {
+                FileRef file = cache.Create();
+                const FMFileID id = file->GetFileInfo().fileID;
+                const CRtString stem = FMFileIDToString(id);
+                const auto remove = [&] {
+                    fs::remove(cache.Path(id, ".sdd"));
+                    fs::remove(cache.Path(id, ".sdi"));
+                };
+                Write(*Cache::Block(*file, 1), "bytes");
+                cache.Close(file);
+                FMWaitUntilIdle();
+                if (isOpen)
+                    file = cache.Open(id);
+                SetCallback(remove);
+                const size_t handles = CountHandles();
+                Begin(cache.dir.path,
+                      {.action = isRemoved ? CALL : FAIL, .nth = call, .error = EIO});
+                const int listed = FMListCachedFiles(store, stems, others);
+                const int described = FMDescribeCachedFile(isOpen ? "" : store, stem, found);
+                const int removed = FMRemoveCachedFile(store, stem, isOpen);
+                hits = Hits();
+                Lift();
+                EXPECT_EQ(CountHandles(), handles);
+                // An error of readdir looks like the end of the directory.
+                const bool isShort = isRemoved || FirstHit() == std::string_view("readdir64");
+                EXPECT_TRUE(isShort || listed != RT_OK || std::ranges::count(stems, stem) == 1);
+                EXPECT_TRUE(described == RT_OK ? found.isOpenHere == isOpen : isRemoved);
+                EXPECT_EQ(found.isLoadable,
+                          described == RT_OK && found.infoFault.empty() && found.isDescribed);
+                EXPECT_TRUE(removed != RT_OK || !fs::exists(cache.Path(id, ".sdd")));
+                EXPECT_TRUE(removed != RT_OK || !fs::exists(cache.Path(id, ".sdi")));
+                EXPECT_TRUE(hits > 0 || removed == RT_OK);
+                if (file)
+                    cache.Close(file);
+                FMWaitUntilIdle();
+                remove();
+            }
+        }
+    }
+}
+
+TEST(Fault, AFullDiskDoesNotPreventTheRemovalOfAnInformationFile) {
+    const LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    const CRtString store((cache.dir.path / FM_SERVER_STORE).string());
+    const FMFileInfo info = Description();
+    WriteFile(cache.Path(info.fileID, ".sdi"), InfoFile(info, {2, '\0'}));
+    Begin(cache.dir.path, {.action = FAIL, .kinds = OPEN, .forever = true, .error = ENOSPC});
+    EXPECT_EQ(FMRemoveCachedFile(store, FMFileIDToString(info.fileID), false), RT_OK);
+    Lift();
+    EXPECT_EQ(CountFiles(cache.dir.path), 0U);
 }
 
 TEST(Fault, ADataFileThatIsReplacedAtAnyCallOfAReadNeverYieldsForeignBytes) {

@@ -13,7 +13,7 @@ TEST(Registry, LastDetachClosesTheFile) {
     Cache cache;
     FileRef file;
     BlockRef block;
-    IFileManager& manager = *cache.manager;
+    CFileManager& manager = *CFileManager::Instance();
     FMFileInfo none = Description();
     none.fileID = FMFileID_None;
     EXPECT_EQ(manager.CreateFile(file.Receive(), none), RT_ERROR_INVALID_ARG);
@@ -21,16 +21,22 @@ TEST(Registry, LastDetachClosesTheFile) {
     EXPECT_EQ(manager.GetBlock(block.Receive(), FMFileID_None, 1, 1), RT_ERROR_INVALID_ARG);
     EXPECT_EQ(manager.AttachFile(FMFileID_None), RT_ERROR_INVALID_ARG);
     EXPECT_EQ(manager.DetachFile(FMFileID_None), RT_ERROR_INVALID_ARG);
-    EXPECT_EQ(log.Count("util/filemanager/filemanager:"), 5U);
+    EXPECT_EQ(manager.RemoveBlock(FMFileID_None, 1, block.Receive()), RT_ERROR_INVALID_ARG);
+    EXPECT_EQ(manager.GetBlocks(FMFileID_None).size(), 0U);
+    EXPECT_EQ(log.Count("util/filemanager/filemanager:"), 7U);
 
     file = cache.Create();
     const FMFileID id = file->GetFileInfo().fileID;
+    EXPECT_EQ(manager.GetBlock(block.Receive(), id, 1, 1), 0);
+    EXPECT_EQ(&manager.GetBlocks(id), &file->GetBlocks());
+    EXPECT_EQ(manager.RemoveBlock(id, 1, block.Receive()), 0);
+    EXPECT_EQ(manager.GetBlock(block.Receive(), id, 1, 0), RT_ERROR_NOT_FOUND);
     EXPECT_EQ(manager.AttachFile(id), 0);
     EXPECT_EQ(manager.AttachFile(id), 0);
     EXPECT_EQ(manager.DetachFile(id), 0);
-    EXPECT_EQ(CFileManager::Instance()->IsFileOpen(FMFileIDToString(id)), 1);
+    EXPECT_EQ(manager.IsFileOpen(FMFileIDToString(id)), 1);
     EXPECT_EQ(manager.DetachFile(id), 0);
-    EXPECT_EQ(CFileManager::Instance()->IsFileOpen(FMFileIDToString(id)), 0);
+    EXPECT_EQ(manager.IsFileOpen(FMFileIDToString(id)), 0);
     EXPECT_EQ(file->GetBlocks().size(), 0U);
     EXPECT_EQ(file->GetBlock(block.Receive(), 1, 1), RT_ERROR_NOT_READY); // closed
 }

@@ -122,6 +122,65 @@ TEST_F(Loading, ATableThatEndsEarlyHasEmptySlotsAndWritesItsLogLines) {
               1U);
 }
 
+TEST_F(Loading, TheCatalogFindsWhatALoadIgnores) {
+    const auto find = [&](const CRtString& stem) {
+        FMCachedFile file;
+        EXPECT_EQ(FMDescribeCachedFile("", stem, file), 0);
+        std::vector<std::string> texts{std::to_string(file.storedBlocks) + " stored, " +
+                                       std::to_string(file.blockBytes) + " bytes, up to block " +
+                                       std::to_string(file.highestBlock)};
+        for (const FMFinding& finding : file.findings)
+            texts.push_back(std::string(finding.what.view()) + ": " + finding.effect.c_str() +
+                            (finding.isFault ? "" : " (note)"));
+        return texts;
+    };
+    const std::string temporary =
+        "the file is temporary: closing the file removes it, and so does housekeeping (note)";
+    const CRtString stem = FMFileIDToString(info.fileID);
+    const std::string table = BlockBody({{1, 100, 0},
+                                         {2, 100, 50},
+                                         {4000, 10, 60},
+                                         {4, 10, 250},
+                                         {4001, 100, 200},
+                                         {5, 100, 950},
+                                         {7, 100, 960},
+                                         {8, (16U << 20) + 1, 1060},
+                                         {8, 10, 300}});
+    info.flag = FM_FILE_TEMPORARY;
+    WriteFile(cache.Path(info.fileID, ".sdi"), InfoFile(info, table + "xy", 0));
+    WriteFile(cache.Path(info.fileID, ".sdd"), Pattern(0, 1000));
+    EXPECT_EQ(
+        find(stem),
+        (std::vector<std::string>{
+            "1 stored, 420 bytes, up to block 8",
+            "there is no creation time: housekeeping removes the file as too old", temporary,
+            "the block table has 2 bytes after its last entry: ignored",
+            "block 4000 is outside the table, which has 16 slots from 1: not loaded",
+            "block 4001 is outside the table, which has 16 slots from 1: not loaded",
+            "block 5 ends at byte 1050, the data file at 1000: loaded without data",
+            "block 5 is in the slot of block 6: loaded into its own slot",
+            "block 7 ends at byte 1060, the data file at 1000: loaded without data",
+            "block 8 has 16.0 MiB: can be used, but exceeds the limit of 16 MiB for a block (note)",
+            "block 8 ends at byte 16778277, the data file at 1000: loaded, but cannot be read",
+            "block 8 has two entries: the later entry is loaded",
+            "block 2 overlaps block 1 by 50 bytes: both are loaded without data",
+            "block 4000 overlaps block 2 by 10 bytes: loaded without data",
+            "block 4 overlaps block 4001 by 10 bytes: loaded without data",
+            "block 7 overlaps block 5 by 90 bytes: both are loaded without data",
+            "780 unreferenced bytes in the data file: ignored (note)"}));
+    const CRtString name = "no identifier";
+    const std::string none = "0 stored, 0 bytes, up to block 0";
+    const std::string path = (cache.dir.path / FM_SERVER_STORE / name.c_str()).string();
+    WriteFile(path + ".sdi", InfoFile(info, BlockBody({})));
+    EXPECT_EQ(find(name), (std::vector<std::string>{
+                              none, "the name is not an identifier: not loaded", temporary}));
+    WriteFile(path + ".sdd", "data");
+    EXPECT_EQ(find(name),
+              (std::vector<std::string>{
+                  none, "the name is not an identifier: not loaded; housekeeping examines it",
+                  temporary, "4 unreferenced bytes in the data file: ignored (note)"}));
+}
+
 TEST_F(Loading, TablesAndDescriptionsBeyondTheLimitsAreRefused) {
     EXPECT_TRUE(Load(std::string(2, '\0') + std::string(FM_INFO_BLOCK_BODY_MAX - 2, 'x')));
     EXPECT_FALSE(Load(std::string(FM_INFO_BLOCK_BODY_MAX + 1, '\0')));

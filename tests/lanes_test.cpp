@@ -182,26 +182,42 @@ TEST(HighWaterMark, ReportsOnceAboveAndOnceBelowHalf) {
     std::vector<bool> reports;
     const auto report = [&](bool isAbove) { reports.push_back(isAbove); };
     EXPECT_EQ(FMSetHighWaterMark(1, {}), RT_ERROR_INVALID_ARG);
-    EXPECT_EQ(FMSetHighWaterMark(140'001, report), 0);
+    EXPECT_EQ(FMSetHighWaterMark(139'999, report), 0);
     const FileRef file = cache.Create();
     const Gate gate;
-    for (uint32_t block = 1; block <= 3; ++block)
-        Write(*Cache::Block(*file, block), Pattern(block, 70'000));
-    EXPECT_EQ(FMGetUnstoredBytes(), 210'000U);
-    EXPECT_TRUE(reports.empty()) << "called inside WriteData";
-    cache.thread.RunDue();
-    EXPECT_EQ(reports, std::vector<bool>{true});
-    for (const uint32_t block : {1U, 2U, 3U}) { // a rewrite withdraws the bytes
-        Cache::Block(*file, block, 0)->WriteData(1, 0, CRtMessageBlock::Wrap("", 0).get());
+    const auto write = [&](uint32_t block, size_t length, size_t expected) {
+        Write(*Cache::Block(*file, block), Pattern(block, length));
+        EXPECT_EQ(reports.size(), expected) << "called inside WriteData";
         cache.thread.RunDue();
-        EXPECT_EQ(reports.size(), block == 1 ? 1U : 2U); // 70,000 bytes are below half
-    }
-    EXPECT_FALSE(reports.back());
-    Write(*Cache::Block(*file, 4), Pattern(4, 70'000));
+    };
+    const auto withdraw = [&](uint32_t block, size_t expected) { // by a rewrite
+        Cache::Block(*file, block, 0)->WriteData(1, 0, CRtMessageBlock::Wrap("", 0).get());
+        EXPECT_EQ(reports.size(), expected) << block;
+        cache.thread.RunDue();
+    };
+    write(1, 70'000, 0);
+    write(2, 69'999, 0); // the mark is reached, not exceeded
+    write(3, 1, 0);
+    EXPECT_EQ(reports, std::vector<bool>{true});
+    ExpectMetrics(Figures(), {"pending_blocks 3", "pending_bytes 140000"});
+    EXPECT_EQ(FMGetUnstoredBytes(), 140'000U);
+    withdraw(2, 1);
+    withdraw(3, 1); // half
+    withdraw(1, 1);
+    EXPECT_EQ(reports, (std::vector{true, false}));
+    Write(*Cache::Block(*file, 4), Pattern(4, 140'000));
+    withdraw(4, 2); // before the report runs
+    write(5, 70'000, 2);
     FMSetHighWaterMark(50'000, report); // it is exceeded
+    FMSetHighWaterMark(60'000, report); // and so is another one, which is reported once
     cache.thread.RunDue();
-    EXPECT_EQ(reports.size(), 3U);
-    FMSetHighWaterMark(0, {});
+    FMSetHighWaterMark(60'000, report);
+    cache.thread.RunDue();
+    EXPECT_EQ(reports, (std::vector{true, false, true, true}));
+    FMSetHighWaterMark(50'000, report);
+    FMSetHighWaterMark(0, {}); // a report that is queued calls nothing
+    cache.thread.RunDue();
+    EXPECT_EQ(reports.size(), 4U);
 }
 
 TEST(Statistics, FiguresCountStoresAndLoadsAndThoseThatFail) {

@@ -51,6 +51,10 @@ TEST(Mistakes, TheFirstCallOnAWrongThreadIsReported) {
     const std::pair<std::string, std::function<void()>> calls[] = {
         {"IFMBlock::IsComplete", [&] { block->IsComplete(); }},
         {"FMSetHighWaterMark", [] { FMSetHighWaterMark(0, {}); }},
+        {"FMStartHousekeeping", [] { EXPECT_EQ(FMStartHousekeeping(), RT_ERROR_NOT_READY); }},
+        {"FMCallWhenIdle", [] { EXPECT_EQ(FMCallWhenIdle([](int) {}), RT_ERROR_NOT_READY); }},
+        {"FMFlushAsync",
+         [] { EXPECT_EQ(FMFlushAsync([](int, const auto&) {}), RT_ERROR_NOT_READY); }},
     };
     for (const auto& [name, call] : calls) {
         CFMMistakes::Reset();
@@ -110,6 +114,16 @@ TEST(Mistakes, ADataDirectoryThatCannotBeCreatedIsReportedWithItsError) {
     EXPECT_THAT(text, HasSubstr(" cannot be created, so blocks stay in memory only: "));
     EXPECT_THAT(text, HasSubstr("file: EEXIST (File exists). Pass a directory that this process "
                                 "may create."));
+}
+
+TEST(Mistakes, ARelativeDataDirectoryWithoutAParentIsReported) {
+    LogCapture log(RT_LOG_ERROR);
+    {
+        const TempDir removed;
+        fs::current_path(removed.path);
+    }
+    const Cache cache(fs::path("relative"));
+    EXPECT_THAT(log.Text(), HasSubstr("stay in memory only: relative: ENOENT "));
 }
 
 TEST(Mistakes, ABlockOrANameThatCannotBeSavedIsReportedWithItsFile) {

@@ -1,8 +1,11 @@
 // Requests of other nodes for a block, and the nodes that own it.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <set>
+#include <utility>
 
+#include "FMDurability.h"
 #include "testing/kit.h"
 #include "testing/node.h"
 #include "util/filemanager/fmblock.h"
@@ -75,6 +78,38 @@ TEST(Requests, EachOperationReportsABlockBeyondItsLimits) {
     block->ReadData(&sink);
     Write(*block, "other");
     EXPECT_EQ(log.Count("Assert failed: m_retrieves.size() < cmax_check_owners"), 4U);
+}
+
+// Releasing the blocks of a file that is being closed runs code of the application.
+TEST(Requests, ANodeThatIsReleasedMayOpenOrCloseItsFile) {
+    struct Calling final : Node {
+        using Node::Node;
+        uint32_t ReleaseReference() override {
+            if (const auto call = std::exchange(then, {}))
+                call();
+            return Node::ReleaseReference();
+        }
+        std::function<void()> then;
+    } node(1'000'000, true, true, 1);
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    for (const bool isOpened : {true, false}) {
+        FileRef file = cache.Create();
+        const FMFileInfo info = file->GetFileInfo();
+        Cache::Block(*file, 1)->SetOwner(&node, 1);
+        FileRef next;
+        node.then = [&] {
+            std::vector<FMUnsavedBlock> unsaved;
+            EXPECT_EQ(FMFlush(unsaved), RT_OK);
+            if (isOpened)
+                next = cache.Create(info);
+            else
+                EXPECT_EQ(cache.manager->DetachFile(info.fileID), RT_OK);
+        };
+        cache.Close(file);
+        EXPECT_EQ(static_cast<bool>(next), isOpened);
+        EXPECT_EQ(cache.Open(info.fileID, 0).Get(), next.Get());
+    }
 }
 
 TEST(Requests, AreAnsweredByKindPriorityAndOwners) {

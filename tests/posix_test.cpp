@@ -35,8 +35,13 @@ TEST(DataDir, CreateDirCreatesParentsWithAnyMixOfSeparators) {
     WriteFile(dir.path / "file", "");
     EXPECT_EQ(CFileManager::DirExists(CRtString(base + "\\file")), 0);
     EXPECT_EQ(CFileManager::CreateDir(CRtString(base + "\\file\\below")), 0);
-    EXPECT_EQ(log.Count("CFileManager::CreateDir. mkdir Error. Dir: "), 2U);
+    CFileManager::CreateDir(CRtString("\\" + std::string(300, 'n'))); // too long a name
+    EXPECT_EQ(log.Count("CFileManager::CreateDir. mkdir Error. Dir: "), 3U);
+    EXPECT_EQ(CFileManager::DirExists(""), 0);
+    fs::create_directory(dir.path / "a/b/d");
     CFileManager::RemoveDir(CRtString(base + "\\a\\"));
+    for (const char* removed : {"c\\", "d\\"})
+        EXPECT_EQ(log.Count("CFileManager::RemoveDir. Dir:" + base + "\\a\\b\\" + removed), 1U);
     EXPECT_FALSE(fs::exists(dir.path / "a"));
 }
 
@@ -71,16 +76,19 @@ TEST(Clearing, LaterClearingRemovesFilesThatAnEarlierOneCouldNot) {
     WriteFile(locked / "file", "x");
     WriteFile(root / "0" / "free" / "file", "x");
     fs::permissions(locked, fs::perms(0500));
+    fs::create_directory(root / "closed");
+    fs::permissions(root / "closed", fs::perms(0)); // cannot be opened, but is empty
     const uid_t user = geteuid();
     if (user == 0) { // root ignores permissions
         constexpr uid_t ordinary = 65534;
-        for (const fs::path& path : {cache.dir.path, root, root / "0", root / "0/free", locked})
+        for (const fs::path& path :
+             {cache.dir.path, root, root / "0", root / "0/free", locked, root / "closed"})
             ASSERT_EQ(chown(path.c_str(), ordinary, ordinary), 0);
         ASSERT_EQ(seteuid(ordinary), 0);
     }
     cache.Start();
     EXPECT_TRUE(fs::exists(locked / "file"));
-    EXPECT_FALSE(fs::exists(root / "0" / "free"));
+    EXPECT_FALSE(fs::exists(root / "0" / "free") || fs::exists(root / "closed"));
     fs::permissions(locked, fs::perms(0700));
     cache.Stop();
     EXPECT_FALSE(fs::exists(root));
@@ -122,16 +130,18 @@ TEST(Clearing, FollowsNoLinkOutOfTheCache) {
     EXPECT_FALSE(fs::exists(root));
     EXPECT_EQ(CountFiles(outside.path), 50U);
     // The root itself is a link: its target is kept, and so is the link while another process uses the cache.
-    const IdleProcess other;
+    IdleProcess other;
     const std::string id = std::to_string(other.Id());
-    WriteFile(outside.path / id / "kept", "x");
-    fs::create_directory_symlink(outside.path, root);
+    const TempDir target;
+    WriteFile(target.path / id / "kept", "x");
+    WriteFile(target.path / "loose", "x");
+    fs::create_directory_symlink(target.path, root);
     cache.Start();
+    EXPECT_TRUE(fs::is_symlink(root));
+    other.End();
     cache.Stop();
-    EXPECT_TRUE(fs::is_symlink(root) && fs::exists(outside.path / id / "kept"));
-    CFileManager::RemoveDir(CRtString(root.string() + "\\"));
     EXPECT_FALSE(fs::is_symlink(root)); // the link itself is removed
-    EXPECT_EQ(CountFiles(outside.path), 51U);
+    EXPECT_EQ(CountFiles(target.path), 2U);
 }
 
 // What the catalog predicts for pipes, links and directories is what the run does.
@@ -152,6 +162,7 @@ TEST(HouseKeeping, EntriesThatAreNoRegularFilesDoNotLeadOutOfTheStore) {
     mkfifo(data(0).c_str(), 0600);
     mkfifo(data(1).c_str(), 0600);
     fs::create_symlink(outside.path / "precious", data(2));
+    fs::remove(info(2));
     fs::remove(info(3));
     fs::create_directory(info(3));
     WriteFile(data(3), "bytes");
@@ -163,8 +174,8 @@ TEST(HouseKeeping, EntriesThatAreNoRegularFilesDoNotLeadOutOfTheStore) {
     WriteFile(cache.dir.path / "sdstore" / "..\\victim.sdd", ""); // a backslash in a name
 
     EXPECT_FALSE(cache.Open(ids[5])); // a dangling link: can be neither opened nor created
-    std::vector<CRtString> stems;
-    std::vector<CRtString> others;
+    std::vector<CRtString> stems{"former"};
+    std::vector<CRtString> others{"former"};
     EXPECT_EQ(FMListCachedFiles("", stems, others), RT_OK);
     EXPECT_EQ(stems.size(), 6U);
     EXPECT_EQ(others.size(), 4U); // 2 directories, the link to an information file, the backslash

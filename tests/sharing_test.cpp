@@ -70,6 +70,9 @@ TEST(Sharing, AFileThatAnotherServerHasOpenIsNotLoadedChangedOrRemoved) {
         EXPECT_TRUE(std::ranges::none_of(file.findings, &FMFinding::isFault));
         EXPECT_EQ(FMJudgeExpiry(file, 7, int64_t{1} << 40).reason, "open");
     }
+    fs::resize_file(cache.Path(saved, ".sdd"), 2000); // the other server writes
+    EXPECT_EQ(FMDescribeCachedFile("", FMFileIDToString(saved), file), RT_OK);
+    EXPECT_TRUE(file.findings.empty());
     FileRef mine = cache.Create(unsaved);
     EXPECT_EQ(FMDescribeCachedFile("", FMFileIDToString(unsaved.fileID), file), RT_OK);
     EXPECT_TRUE(file.isOpenElsewhere && file.isOpenHere);
@@ -106,6 +109,10 @@ TEST(Sharing, RemoveCachedFileRefusesAnOpenFile) {
     EXPECT_EQ(FMRemoveCachedFile(store, stem, false), RT_OK);
     EXPECT_FALSE(fs::exists(cache.Path(id, ".sdi")) || fs::exists(cache.Path(id, ".sdd")));
     EXPECT_EQ(FMRemoveCachedFile(store, stem, true), RT_ERROR_NOT_FOUND);
+    const FMFileID forced = Store(cache, 1);
+    file = cache.Open(forced);
+    EXPECT_EQ(FMRemoveCachedFile(store, FMFileIDToString(forced), true), RT_OK);
+    EXPECT_FALSE(fs::exists(cache.Path(forced, ".sdi")) || fs::exists(cache.Path(forced, ".sdd")));
     EXPECT_EQ(FMRemoveCachedFile(store, "..\\x", true), RT_ERROR_INVALID_ARG);
 }
 

@@ -35,6 +35,7 @@ TEST(Timer, WritesStatisticsEveryThirdTickAndStartsHousekeepingDaily) {
     EXPECT_EQ(runsAfter(86'399'000 - 7 * 60'000),
               1U); // since the first run: a day without a second
     EXPECT_EQ(runsAfter(61'000), 2U);
+    CFileManager::Instance()->OnTimer(nullptr); // not its timer
     cache.Stop();
     EXPECT_EQ(runsAfter(2 * 86'400'000), 2U); // no tick without a manager
     EXPECT_EQ(FMStartHousekeeping(), RT_ERROR_NOT_READY);

@@ -2,6 +2,7 @@
 #include "FMCatalog.h"
 
 #include <algorithm>
+#include <optional>
 #include <span>
 #include <string>
 #include <system_error>
@@ -76,19 +77,14 @@ bool TakeBody(std::span<const char>& rest, uint32_t most, CRtMessageChain& body)
 }
 
 const char* FaultText(FMDescription found) {
-    switch (found) {
-    case FMDescription::Sound:
-        return "";
-    case FMDescription::Damaged:
-        return "has a damaged description";
-    case FMDescription::WithoutID:
-        return "has a description without an identifier";
-    case FMDescription::TooManySlots:
-        return "has a description with an impossible number of slots";
-    case FMDescription::NameTooLong:
-        break;
-    }
-    return "has a description with a name that is too long";
+    constexpr const char* texts[] = {
+        "", // in the order of FMDescription
+        "has a damaged description",
+        "has a description without an identifier",
+        "has a description with an impossible number of slots",
+        "has a description with a name that is too long",
+    };
+    return texts[static_cast<size_t>(found)];
 }
 
 // The decoder has written log lines, which do not name the file.
@@ -145,19 +141,20 @@ int ReadInfoBytes(const CRtString& path, FMCachedFile& file, std::vector<char>& 
         RtOs::GetStamp(path, stamp);
     file.hasInfo = stamp.exists;
     file.infoLength = stamp.length;
-    if (FMIsDirectory(path, stamp)) { // on POSIX it can be opened
-        if (stream != RtOs::NO_FILE)
-            RtOs::CloseFile(stream);
-        return static_cast<int>(std::errc::is_a_directory);
-    }
-    if (stream == RtOs::NO_FILE)
-        return file.hasInfo ? error : 0;
     bytes.resize(static_cast<size_t>(std::min<uint64_t>(stamp.length, INFO_FILE_MAX)));
-    const bool isRead = !stamp.exists || bytes.empty() ||
-                        RtOs::ReadAt(stream, 0, bytes.data(),
-                                     static_cast<uint32_t>(bytes.size())) == RtOs::Transfer::Done;
-    RtOs::CloseFile(stream);
-    return isRead ? 0 : static_cast<int>(std::errc::io_error);
+    if (FMIsDirectory(path, stamp)) // on POSIX it can be opened
+        error = static_cast<int>(std::errc::is_a_directory);
+    else if (stream == RtOs::NO_FILE)
+        error = file.hasInfo ? error : 0;
+    else if (!bytes.empty() &&
+             RtOs::ReadAt(stream, 0, bytes.data(), static_cast<uint32_t>(bytes.size())) !=
+                 RtOs::Transfer::Done)
+        error = static_cast<int>(std::errc::io_error);
+    else
+        error = 0;
+    if (stream != RtOs::NO_FILE)
+        RtOs::CloseFile(stream);
+    return error;
 }
 
 void ReadInfo(const CRtString& path, FMCachedFile& file, FMTableFacts& facts) {
@@ -175,9 +172,9 @@ void ReadInfo(const CRtString& path, FMCachedFile& file, FMTableFacts& facts) {
 // The file objects of this process that live on the path. If there is one, the manager's directory is fixed.
 std::vector<FileRef> FindLive(CFileManager* manager, const CRtString& dataPath,
                               const FMFileID& id) {
-    if (!manager || id == FMFileID_None)
-        return {};
-    std::vector<FileRef> live = manager->GetLiveFiles().Get(&id);
+    std::vector<FileRef> live;
+    if (manager)
+        live = manager->GetLiveFiles().Get(&id);
     if (live.empty())
         return live;
     const CRtString own = manager->GetDataDir() + StemOf(id) + FM_DATA_EXTENSION;
@@ -209,11 +206,10 @@ void DescribeLive(const FileRef& live, const CRtString& base, FMCachedFile& file
     file.createTime = live->GetCreateTime();
     file.isDescribed = file.isTableComplete = true;
     facts.slots = file.entries.size();
-    RtOs::FileStamp info;
-    if (RtOs::GetStamp(base + file.stem + FM_INFO_EXTENSION, info)) {
-        file.hasInfo = info.exists;
-        file.infoLength = info.length;
-    }
+    RtOs::FileStamp info; // empty after a failure
+    RtOs::GetStamp(base + file.stem + FM_INFO_EXTENSION, info);
+    file.hasInfo = info.exists;
+    file.infoLength = info.length;
 }
 
 // --- Removal ------------------------------------------------------------------------------------
@@ -227,7 +223,10 @@ public:
         m_file =
             RtOs::OpenFile(path, RtOs::OPEN_CREATE | RtOs::OPEN_ALONE, m_error, isCreated, stamp);
     }
-    ~RemovalLock() { Release(); }
+    ~RemovalLock() {
+        if (m_file != RtOs::NO_FILE)
+            RtOs::CloseFile(m_file);
+    }
     RemovalLock(const RemovalLock&) = delete;
     RemovalLock& operator=(const RemovalLock&) = delete;
 
@@ -235,11 +234,6 @@ public:
         if (m_file != RtOs::NO_FILE)
             return RT_OK;
         return RtOs::IsInUse(m_error) ? RT_ERROR_NOT_READY : RT_ERROR_IO;
-    }
-    void Release() {
-        if (m_file != RtOs::NO_FILE)
-            RtOs::CloseFile(m_file);
-        m_file = RtOs::NO_FILE;
     }
 
 private:
@@ -311,11 +305,10 @@ int FMDescribeCachedFile(const CRtString& directory, const CRtString& stem, FMCa
     else
         ReadInfo(base + stem + FM_INFO_EXTENSION, file, facts);
     RtOs::FileStamp data;
-    if (RtOs::GetStamp(dataPath, data)) {
-        file.hasData = data.exists;
-        file.dataLength = data.length;
-        file.isDataSpecial = data.isSpecial;
-    }
+    RtOs::GetStamp(dataPath, data);
+    file.hasData = data.exists;
+    file.dataLength = data.length;
+    file.isDataSpecial = data.isSpecial;
     if (!file.hasInfo && !file.hasData && !file.isDataSpecial && !file.isOpenHere)
         return RT_ERROR_NOT_FOUND;
     const bool isRead = file.isDescribed && file.infoFault.empty();
@@ -338,16 +331,16 @@ int FMRemoveCachedFile(const CRtString& directory, const CRtString& stem, bool f
     CRtString base;
     LocateDirectory(directory, "FMRemoveCachedFile", base);
     const CRtString dataPath = base + stem + FM_DATA_EXTENSION;
-    RemovalLock lock(dataPath);
+    std::optional<RemovalLock> lock(std::in_place, dataPath);
     // Without a data file there is nothing to lock, and a full disk must not prevent the removal.
-    const bool mayGoOn = force || (!file.hasData && lock.Result() == RT_ERROR_IO);
-    if (RT_FAILED(lock.Result()) && !mayGoOn)
-        return lock.Result();
+    const bool mayGoOn = force || (!file.hasData && lock->Result() == RT_ERROR_IO);
+    if (RT_FAILED(lock->Result()) && !mayGoOn)
+        return lock->Result();
     if (!IsGone(base + stem + FM_INFO_EXTENSION))
         return RT_ERROR_IO;
     if (IsGone(dataPath))
         return RT_OK;
-    lock.Release(); // Windows removes no file with an open handle
+    lock.reset(); // Windows removes no file with an open handle
     return IsGone(dataPath) ? RT_OK : RT_ERROR_IO;
 }
 

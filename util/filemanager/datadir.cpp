@@ -1,4 +1,5 @@
 // The choice of the data directory, its lock, and operations on directories.
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <thread>
@@ -21,8 +22,7 @@ CRtString WithoutBackslash(const CRtString& dir) {
 // Removes the last name and all separators before it. Empty if the path has no parent to create.
 CRtString ParentOf(const CRtString& path) {
     size_t end = RtOs::FindLastSeparator(path);
-    while (end != std::string_view::npos && end > 0 &&
-           RtOs::FindLastSeparator(path.Left(end)) == end - 1)
+    while (end > 0 && RtOs::FindLastSeparator(path.Left(end)) == end - 1)
         --end;
     return end == std::string_view::npos ? CRtString() : path.Left(end);
 }
@@ -38,7 +38,7 @@ void LogRemoveDir(const CRtString& dir) {
 }
 
 CRtString WithBackslash(CRtString dir) {
-    if (dir.empty() || dir.back() != '\\')
+    if (dir.back() != '\\')
         dir += '\\';
     return dir;
 }
@@ -166,7 +166,7 @@ CRtString CFileManager::GetDefaultDataDir() {
     if (!drive.empty())
         return drive;
     CRtString folder;
-    if (RtOs::GetUserDataDir(folder) && !folder.empty())
+    if (RtOs::GetUserDataDir(folder))
         return WithBackslash(folder);
     return GetDefaultDir();
 }
@@ -185,7 +185,7 @@ CRtString CFileManager::GetMaxDrive() {
     }
     CRtString lpDSMax;
     uint64_t most = 0;
-    for (size_t position = 0; position <= length && position < size;) {
+    for (size_t position = 0; position <= std::min(length, size - 1);) {
         const CRtString drive(drives.data() + position);
         if (drive.size() < 2)
             break;

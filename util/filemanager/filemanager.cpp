@@ -43,8 +43,7 @@ CRtEventQueue& QueueOf(CRtThread& thread) {
 
 // Disposes of an event that has no queue, as a queue does with one that it refuses.
 int Refuse(IRtEvent* event, int result) {
-    if (event)
-        event->OnDestorySelf();
+    event->OnDestorySelf();
     return result;
 }
 
@@ -100,19 +99,15 @@ int CFileManager::Initialize(const CRtString& dataDir, uint16_t clearDays, int i
 }
 
 void CFileManager::StartThreads() {
-    if (!m_pReadwrTd) {
-        const int ret = CRtThreadManager::Instance()->CreateUserTaskThread(
-            m_pReadwrTd, CRtThreadManager::TT_TASK, 0);
-        if (RT_FAILED(ret))
-            RT_LOG(RT_LOG_ERROR,
-                   "CFileManager::Initialize, Start Local R/W Thread error. ret=" << ret);
-        else if (!CRtEventQueue::IsStepping())
-            // The thread marks itself: FMWaitUntilIdle asks on any thread.
-            PostToReadwrThread(new CFMFunctor0(this, &CFileManager::MarkReadwrThread), 0,
-                               RT_PRIORITY_HIGH);
-    }
-    if (!m_pCallerTd)
-        m_pCallerTd = CRtThreadManager::Instance()->GetThread(RT_CALLER_THREAD);
+    const int ret = CRtThreadManager::Instance()->CreateUserTaskThread(
+        m_pReadwrTd, CRtThreadManager::TT_TASK, 0);
+    if (RT_FAILED(ret))
+        RT_LOG(RT_LOG_ERROR, "CFileManager::Initialize, Start Local R/W Thread error. ret=" << ret);
+    else if (!CRtEventQueue::IsStepping())
+        // The thread marks itself: FMWaitUntilIdle asks on any thread.
+        PostToReadwrThread(new CFMFunctor0(this, &CFileManager::MarkReadwrThread), 0,
+                           RT_PRIORITY_HIGH);
+    m_pCallerTd = CRtThreadManager::Instance()->GetThread(RT_CALLER_THREAD);
 }
 
 void CFileManager::UnInitialize() noexcept {
@@ -253,8 +248,7 @@ int CFileManager::SendToReadwrThread(IRtEvent* event, int priority) {
 }
 
 void CFileManager::RefuseSenders(bool isRefusing) {
-    if (CRtEventQueue* const queue = CRtEventQueue::Current())
-        queue->RefuseSenders(isRefusing);
+    CRtEventQueue::Current()->RefuseSenders(isRefusing);
 }
 
 int CFileManager::PostToCallerThread(IRtEvent* aFunctor, int sync) {
@@ -521,12 +515,14 @@ void CFileManager::IsFileOpen_m(const FMFileID& id, int& answer) {
 CFileManager::FileRef CFileManager::FindOpenAt(const FMFileID& pathID) {
     const std::vector<FileRef> files = m_live.Get(&pathID); // released after the lock
     const auto lock = m_live.Lock();
-    for (const FileRef& file : files) {
-        const auto it = m_id2files.find(file->GetFileInfo().fileID);
-        if (it != m_id2files.end() && it->second.Get() == file.Get())
-            return file;
-    }
-    return {};
+    const auto it = std::ranges::find_if(files, [this](auto& file) { return IsRegistered(*file); });
+    return it == files.end() ? FileRef() : *it;
+}
+
+// On another thread than the caller thread, with the lock of m_live held.
+bool CFileManager::IsRegistered(CFMFile& file) const {
+    const auto it = m_id2files.find(file.GetFileInfo().fileID);
+    return it != m_id2files.end() && it->second.Get() == &file;
 }
 
 std::vector<FMFileID> CFileManager::GetOpenPaths() const {

@@ -116,8 +116,9 @@ public:
     size_t CountOpenFiles();
     /// Waits until the tables of closed files are written: of one path, or of all. Caller thread.
     void SettleClosedFiles(const FMFileID* pathID);
-    /// Writes the tables of all files. Precondition: the stores have ended.
-    int SaveAll(std::vector<FMUnsavedBlock>& unsaved);
+    /// Writes the tables of open and of closed files. Precondition: the stores have ended.
+    int SaveAll(const std::vector<CRtComAutoPtr<CFMFile>>& files,
+                std::vector<FMUnsavedBlock>& unsaved);
     /// Nothing is queued for the read/write thread, and no event runs there; also if there is no such thread.
     bool IsReadwrThreadIdle() const;
     CHighWaterMark& GetHighWaterMark() { return m_highWaterMark; }
@@ -143,6 +144,7 @@ private:
 
     CFMFile* LoadFile(const CRtString& stem);
     int FindFile(const FMFileID& fileHandle, FileRef& file);
+    bool IsRegistered(CFMFile& file) const;
     int FindAttachable(const FMFileID& fileHandle, FileRef& file);
     void RegisterFile(const FileRef& file, const FMFileID& id);
     void UnregisterFile(const FMFileID& id, const CFMFile* file);

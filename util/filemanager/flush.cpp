@@ -18,41 +18,54 @@ namespace {
 using Unsaved = std::vector<FMUnsavedBlock>;
 using FlushDone = std::function<void(int result, const Unsaved& unsaved)>;
 
-// Queues the failed stores again. Null if the manager is not initialized, or if this is not the caller thread.
-CFileManager* BeginFlush(const char* call) {
+using Files = std::vector<CRtComAutoPtr<CFMFile>>;
+
+// Queues the failed stores again, and fills `files`: those that a flush writes. Null if the manager is not initialized,
+// or if this is not the caller thread.
+CFileManager* BeginFlush(const char* call, Files& files) {
     CFMMistakes::CheckThread(call);
     CFileManager* const manager = CFileManager::IfAlive();
     if (!manager || !CRtEventQueue::IsCallerThread() || manager->GetReadwrThreadID() == 0)
         return nullptr;
-    for (const auto& file : manager->GetLiveFiles().Get(nullptr))
+    files = manager->GetLiveFiles().Get(nullptr);
+    for (const auto& file : files)
         file->RetryFailedStores();
     return manager;
 }
 
-int PostFlush(CFileManager& manager, uint32_t run, FlushDone done);
-
-// Stores of a closed file, or of a predecessor that would remove the table of the open file on its path.
-bool HasStores(CFileManager& manager, CFMFile& file) {
-    const auto open = manager.FindOpenAt(file.GetPathID());
-    return file.IsClosing() || (open && open.Get() != &file && !file.GetEntry().IsDetached());
+CFileManager* FlushStores(const char* call, Files& files) {
+    CFileManager* const manager = BeginFlush(call, files);
+    if (manager)
+        manager->PostToReadwrThread(new CFMFunctorBase, 1, RT_PRIORITY_NORMAL);
+    return manager;
 }
 
-// On the caller thread, behind the stores that were queued before the flush. `run`: that of the manager at that time.
-void EndFlush(CFileManager& manager, uint32_t run, const FlushDone& done) {
+struct AsyncFlush {
+    CFileManager& manager;
+    uint32_t run; // of the manager at the call
+    Files files;  // at the call: the end does not wait for later ones
+    FlushDone done;
+};
+
+int PostFlush(std::shared_ptr<AsyncFlush> flush);
+
+// On the caller thread, behind the stores that were queued before the flush.
+void EndFlush(const std::shared_ptr<AsyncFlush>& flush) {
+    const auto& [manager, run, files, done] = *flush;
     if (!manager.IsRunning() || manager.GetRun() != run)
         return done(RT_ERROR_NOT_READY, {});
-    // A file that was closed or replaced in between may have queued stores after the flush.
-    const bool isStoring = std::ranges::any_of(
-        manager.GetLiveFiles().Get(nullptr), [&](auto& file) { return HasStores(manager, *file); });
-    if (isStoring && RT_SUCCEEDED(PostFlush(manager, run, done)))
+    // The table of a file that was closed in between may wait for stores that were queued after the flush.
+    if (std::ranges::any_of(files, &CFMFile::IsClosing, &CRtComAutoPtr<CFMFile>::Get) &&
+        RT_SUCCEEDED(PostFlush(flush)))
         return;
     Unsaved unsaved;
-    const int result = manager.SaveAll(unsaved);
+    const int result = manager.SaveAll(files, unsaved);
     done(result, unsaved);
 }
 
-int PostFlush(CFileManager& manager, uint32_t run, FlushDone done) {
-    const auto end = [&manager, run, done = std::move(done)] { EndFlush(manager, run, done); };
+int PostFlush(std::shared_ptr<AsyncFlush> flush) {
+    CFileManager& manager = flush->manager;
+    const auto end = [flush = std::move(flush)] { EndFlush(flush); };
     const auto post = [&manager, end] { manager.PostToCallerThread(new CFMCall(end), 0); };
     return manager.PostToReadwrThread(new CFMCall(post), 0);
 }
@@ -79,7 +92,7 @@ public:
 
     int Run(Unsaved& unsaved) {
         SyncFiles(&CFMDiskEntry::SyncData, FM_DATA_EXTENSION); // before a table names the bytes
-        const int result = m_manager.SaveAll(unsaved);
+        const int result = m_manager.SaveAll(m_files, unsaved);
         SyncFiles(&CFMDiskEntry::SyncTable, FM_INFO_EXTENSION);
         m_unsynced.Add({false, {}, {m_dir}}); // the tables may have been created
         for (const CRtString& dir : m_unsynced.dirs) {
@@ -123,7 +136,7 @@ private:
     CFMLiveFiles& m_live;
     const CRtString& m_dir;
     std::set<FMFileID> m_ending;
-    const std::vector<CFMLiveFiles::FileRef> m_files = m_live.Get(nullptr, &m_ending);
+    const Files m_files = m_live.Get(nullptr, &m_ending);
     // Taken after m_files: an object that is destroyed in between is in one of them.
     CFMLiveFiles::Unsynced m_unsynced = m_live.TakeUnsynced();
     std::vector<CRtString> m_closed; // stems
@@ -133,36 +146,36 @@ private:
 } // namespace
 
 int FMFlush(std::vector<FMUnsavedBlock>& unsaved) {
-    CFileManager* const manager = BeginFlush("FMFlush");
-    if (!manager)
-        return RT_ERROR_NOT_READY;
-    manager->PostToReadwrThread(new CFMFunctorBase, 1, RT_PRIORITY_NORMAL);
-    return manager->SaveAll(unsaved);
+    Files files;
+    CFileManager* const manager = FlushStores("FMFlush", files);
+    return manager ? manager->SaveAll(files, unsaved) : RT_ERROR_NOT_READY;
 }
 
 int FMSync(std::vector<FMUnsavedBlock>& unsaved) {
-    CFileManager* const manager = BeginFlush("FMSync");
-    if (!manager)
-        return RT_ERROR_NOT_READY;
-    manager->PostToReadwrThread(new CFMFunctorBase, 1, RT_PRIORITY_NORMAL);
-    return CSync(*manager).Run(unsaved);
+    Files files;
+    CFileManager* const manager = FlushStores("FMSync", files);
+    return manager ? CSync(*manager).Run(unsaved) : RT_ERROR_NOT_READY;
 }
 
 int FMFlushAsync(FlushDone done) {
     if (!done)
         return RT_ERROR_INVALID_ARG;
-    CFileManager* const manager = BeginFlush("FMFlushAsync");
-    return manager ? PostFlush(*manager, manager->GetRun(), std::move(done)) : RT_ERROR_NOT_READY;
+    Files files;
+    CFileManager* const manager = BeginFlush("FMFlushAsync", files);
+    if (!manager)
+        return RT_ERROR_NOT_READY;
+    return PostFlush(std::make_shared<AsyncFlush>(
+        AsyncFlush{*manager, manager->GetRun(), std::move(files), std::move(done)}));
 }
 
 // After the stores: writes the tables.
-int CFileManager::SaveAll(std::vector<FMUnsavedBlock>& unsaved) {
+int CFileManager::SaveAll(const std::vector<FileRef>& files, std::vector<FMUnsavedBlock>& unsaved) {
     unsaved.clear();
     bool isSaved = true;
-    for (const auto& [id, file] : m_id2files)
-        isSaved = file->SaveNow(unsaved) && isSaved;
-    for (const FileRef& file : m_live.Get(nullptr)) { // closed files
-        if (file->HasUnsavedTable() && !file->IsClosing())
+    for (const FileRef& file : files) {
+        if (IsRegistered(*file))
+            isSaved = file->SaveNow(unsaved) && isSaved;
+        else if (file->HasUnsavedTable())
             isSaved = file->SavePendingTable(unsaved) && isSaved;
     }
     return isSaved && unsaved.empty() ? RT_OK : RT_ERROR_IO;

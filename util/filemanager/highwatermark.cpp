@@ -7,7 +7,6 @@
 #include "statistics.h"
 
 void CHighWaterMark::Set(uint64_t bytes, std::function<void(bool)> callback) {
-    m_mark = 0;
     m_callback = std::move(callback);
     m_isReported = false;
     m_isAbove = false;

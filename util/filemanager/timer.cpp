@@ -29,10 +29,8 @@ void CFileManager::OnTimer(CRtTimerWrapper* timer) noexcept {
 }
 
 void CFileManager::LogStatistics(const char* occasion) {
-    if (CRtLog::IsEnabled(RT_LOG_TRACE))
-        RT_LOG(RT_LOG_TRACE, occasion << GetStatistics());
-    else
-        CheckValid(); // it logs at other levels than RT_LOG_TRACE
+    const CRtString statistics = GetStatistics(); // checks, also if the line is not composed
+    RT_LOG(RT_LOG_TRACE, occasion << statistics);
 }
 
 CRtString CFileManager::GetStatistics() {

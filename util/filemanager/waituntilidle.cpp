@@ -68,17 +68,15 @@ void EndWait(int result) {
 }
 
 // Checks again behind everything that is queued on both threads, until nothing is.
-void CheckIdle() {
-    CFileManager* const manager = CFileManager::IfAlive();
+void CheckIdle(CFileManager& manager) {
     CRtEventQueue& own = *CRtEventQueue::Current();
-    if (!manager)
-        return EndWait(RT_ERROR_NOT_READY);
-    if (own.GetCount() == 0 && manager->IsReadwrThreadIdle())
+    if (own.GetCount() == 0 && manager.IsReadwrThreadIdle())
         return EndWait(RT_OK);
-    const auto post = [manager] { manager->PostToCallerThread(new CFMCall(&CheckIdle), 0); };
-    const int result = manager->GetReadwrThreadID() == 0
-                           ? own.PostEvent(new CFMCall(&CheckIdle), RT_PRIORITY_NORMAL)
-                           : manager->PostToReadwrThread(new CFMCall(post), 0, RT_PRIORITY_LOW);
+    const auto check = [&manager] { CheckIdle(manager); };
+    const auto post = [&manager, check] { manager.PostToCallerThread(new CFMCall(check), 0); };
+    const int result = manager.GetReadwrThreadID() == 0
+                           ? own.PostEvent(new CFMCall(check), RT_PRIORITY_NORMAL)
+                           : manager.PostToReadwrThread(new CFMCall(post), 0, RT_PRIORITY_LOW);
     if (RT_FAILED(result))
         EndWait(RT_ERROR_NOT_READY);
 }
@@ -89,15 +87,16 @@ int FMCallWhenIdle(std::function<void(int result)> done) {
     CFMMistakes::CheckThread("FMCallWhenIdle");
     if (!done)
         return RT_ERROR_INVALID_ARG;
-    if (!CFileManager::Instance())
+    CFileManager* const manager = CFileManager::Instance();
+    if (!manager)
         return RT_ERROR_NULL_OBJECT;
     if (!CRtEventQueue::IsCallerThread())
         return RT_ERROR_NOT_READY;
     Waiting().push_back(std::move(done));
     if (Waiting().size() > 1)
         return RT_OK; // the check that is in flight is for this function, too
-    const int result =
-        CRtEventQueue::Current()->PostEvent(new CFMCall(&CheckIdle), RT_PRIORITY_NORMAL);
+    const auto check = [manager] { CheckIdle(*manager); };
+    const int result = CRtEventQueue::Current()->PostEvent(new CFMCall(check), RT_PRIORITY_NORMAL);
     if (RT_FAILED(result))
         Waiting().clear();
     return result;

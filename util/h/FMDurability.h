@@ -98,7 +98,8 @@ RT_EXPORT int FMFlush(std::vector<FMUnsavedBlock>& unsaved);
 RT_EXPORT int FMSync(std::vector<FMUnsavedBlock>& unsaved);
 
 /// As FMFlush, but does not wait for the stores: returns immediately. The tables are written on the caller thread
-/// when the stores have ended, just before the callback. Call it on the caller thread.
+/// when the stores have ended, just before the callback. Files that are created or opened after the call are not
+/// included. Call it on the caller thread.
 /// @param done called once, on the caller thread, with the result of FMFlush and the blocks that could not be
 ///     written. If UnInitialize runs first, `done` is called with #RT_ERROR_NOT_READY and a list that means nothing:
 ///     UnInitialize writes the files itself, and the log names those that could not be written. If the caller thread
