@@ -395,10 +395,6 @@ bool Stamp(HANDLE file, FileStamp& stamp) {
     return true;
 }
 
-} // namespace
-
-namespace {
-
 // Returns 0 or an errno value.
 int Open(const CRtString& path, DWORD disposition, uint32_t flags, int& file) {
     const DWORD access = flags & OPEN_READ ? GENERIC_READ : GENERIC_READ | GENERIC_WRITE;
