@@ -92,6 +92,37 @@ TEST(Queue, WaitingSenderRunsPartsOfItsEvent) {
     EXPECT_EQ(thread->Destory(0), 0);
 }
 
+TEST(Queue, RefusesTheSendersThatPermitItAndKeepsOtherEvents) {
+    CRtThread* thread = MakeThread();
+    auto& queue = static_cast<CRtEventQueue&>(*thread->GetEventQueue());
+    std::atomic<int> ran = 0;
+    const auto event = [&] { return new TestEvent([&] { ++ran; }); };
+    const auto send = [&](bool mayBeRefused) {
+        return queue.SendEvent(event(), RT_PRIORITY_NORMAL, mayBeRefused);
+    };
+    std::vector<std::future<int>> sent;
+    queue.SendEvent(new TestEvent([&] {
+        queue.PostEvent(event(), RT_PRIORITY_NORMAL);
+        for (const bool mayBeRefused : {true, false, true}) {
+            sent.push_back(std::async(std::launch::async, send, mayBeRefused));
+            while (queue.GetCount() <= sent.size())
+                std::this_thread::yield();
+        }
+        queue.RefuseSenders(true);
+        sent.push_back(std::async(std::launch::async, send, true));
+        for (const size_t refused : {0, 2, 3})
+            EXPECT_EQ(sent[refused].get(), RT_ERROR_FAILURE);
+        EXPECT_EQ(queue.GetCount(), 2U);
+        EXPECT_EQ(TestEvent::alive, 3); // the queued ones and this one
+        queue.PostEvent(event(), RT_PRIORITY_NORMAL);
+        queue.RefuseSenders(false);
+    }));
+    EXPECT_EQ(send(true), RT_OK);
+    EXPECT_EQ(sent[1].get(), RT_OK);
+    EXPECT_EQ(ran, 4);
+    EXPECT_EQ(thread->Destory(0), 0);
+}
+
 TEST(Queue, PostsToMissingThreadsReleaseTheirReferences) {
     CRtCallerThread callerThread;
     LogCapture log;

@@ -2,12 +2,12 @@
 // and processes that share a cache, which are started here instead of forked.
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <atomic>
 #include <cstdlib>
 #include <deque>
+#include <future>
 #include <iostream>
 #include <map>
-#include <thread>
 
 #include "FMCatalog.h"
 #include "FMDurability.h"
@@ -24,10 +24,55 @@ static_assert(sizeof(void*) == 4 && sizeof(long) == 4);
 PROCESS_INFORMATION StartProcess(const std::string& program, std::string line, uint32_t flags);
 std::string OwnProgram();
 
+// The linker replaces these imports of the library by functions of this file.
+#define IMPORT(NAME, SYMBOL)                                                                       \
+    extern "C" const decltype(&NAME) real##NAME __asm__("___real__imp__" SYMBOL);                  \
+    extern "C" const decltype(&NAME) wrapped##NAME __asm__("___wrap__imp__" SYMBOL)
+IMPORT(Sleep, "Sleep@4");
+IMPORT(CreateFileW, "CreateFileW@28");
+IMPORT(DeleteFileW, "DeleteFileW@4");
+IMPORT(GetFileAttributesW, "GetFileAttributesW@4");
+
 namespace {
 
-using Duration = std::chrono::steady_clock::duration;
-using std::chrono::milliseconds;
+std::atomic<DWORD> g_delays; // sum of the library's delays in milliseconds
+std::function<void(DWORD)> g_onDelay;
+
+void WINAPI Delay(DWORD ms) {
+    realSleep(ms);
+    g_delays += ms;
+    if (g_onDelay)
+        g_onDelay(ms);
+}
+
+// Windows denies access to a file whose removal is pending, and to its attributes. Wine does not.
+std::wstring g_pending;
+std::atomic<bool> g_isPending;
+bool IsPending(LPCWSTR path) {
+    if (!g_isPending || !std::wstring_view(path).ends_with(g_pending))
+        return false;
+    SetLastError(ERROR_ACCESS_DENIED);
+    return true;
+}
+HANDLE WINAPI Open(LPCWSTR path, DWORD access, DWORD sharing, LPSECURITY_ATTRIBUTES security,
+                   DWORD disposition, DWORD flags, HANDLE like) {
+    return IsPending(path)
+               ? INVALID_HANDLE_VALUE
+               : realCreateFileW(path, access, sharing, security, disposition, flags, like);
+}
+BOOL WINAPI Remove(LPCWSTR path) { return !IsPending(path) && realDeleteFileW(path); }
+DWORD WINAPI GetAttributes(LPCWSTR path) {
+    return IsPending(path) ? INVALID_FILE_ATTRIBUTES : realGetFileAttributesW(path);
+}
+
+} // namespace
+
+extern "C" const decltype(&Sleep) wrappedSleep = Delay;
+extern "C" const decltype(&CreateFileW) wrappedCreateFileW = Open;
+extern "C" const decltype(&DeleteFileW) wrappedDeleteFileW = Remove;
+extern "C" const decltype(&GetFileAttributesW) wrappedGetFileAttributesW = GetAttributes;
+
+namespace {
 
 constexpr char OTHERS_DIR[] = "FILEMANAGER_OTHERS_DIR";
 constexpr char OPERATION[] = "FILEMANAGER_OPERATION";
@@ -40,204 +85,123 @@ FMFileInfo Described(const char* id) {
     return info;
 }
 
+// Starts a disabled case of this program in another process, and waits until it writes "ready".
+HANDLE StartOther(const fs::path& dir, const std::string& testCase) {
+    SetVariable(OTHERS_DIR, dir.string());
+    const std::string options = "other --gtest_brief=1 --gtest_also_run_disabled_tests ";
+    const std::string filter = "--gtest_filter=DISABLED_Other." + testCase;
+    const HANDLE process = StartProcess(OwnProgram(), options + filter, 0).hProcess;
+    while (!fs::exists(dir / "ready") && WaitForSingleObject(process, 10) == WAIT_TIMEOUT) {
+    }
+    return process;
+}
+
+// Returns the exit status.
+DWORD WaitFor(HANDLE process) {
+    DWORD status = 1;
+    WaitForSingleObject(process, INFINITE);
+    GetExitCodeProcess(process, &status);
+    CloseHandle(process);
+    return status;
+}
+
 void WaitFor(const fs::path& marker) {
     while (!fs::exists(marker))
-        Sleep(5);
+        realSleep(20);
 }
 
-// Runs a disabled test case of this program in another process.
-class OtherProcess {
-public:
-    OtherProcess(const fs::path& dir, const std::string& testCase) {
-        SetVariable(OTHERS_DIR, dir.string());
-        const std::string options = "other --gtest_brief=1 --gtest_also_run_disabled_tests ";
-        const std::string filter = "--gtest_filter=DISABLED_Other." + testCase;
-        m_process = StartProcess(OwnProgram(), options + filter, 0).hProcess;
-        while (!fs::exists(dir / "ready") && WaitForSingleObject(m_process, 10) == WAIT_TIMEOUT) {
-        }
-    }
-    void Kill() { TerminateProcess(m_process, 1), Wait(); }
-    // Returns the exit status.
-    DWORD Wait() {
-        DWORD status = 1;
-        WaitForSingleObject(m_process, INFINITE);
-        GetExitCodeProcess(m_process, &status);
-        CloseHandle(m_process);
-        return status;
-    }
-
-private:
-    HANDLE m_process = nullptr;
-};
-
-HANDLE HoldAlone(const fs::path& path) {
-    return CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
-                       FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+HANDLE Hold(const fs::path& path) {
+    return realCreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
+                           FILE_FLAG_BACKUP_SEMANTICS, nullptr);
 }
 
-template <class Work>
-Duration Measure(const Work& work) {
-    const auto begin = std::chrono::steady_clock::now();
+// A turn of the caller thread waits for 50 ms of delays at most, of whichever thread. Its duration would depend on the
+// other programs of the machine.
+void Turn(const std::function<void()>& work) {
+    const DWORD before = g_delays;
     work();
-    return std::chrono::steady_clock::now() - begin;
+    EXPECT_LE(g_delays - before, 50U);
 }
 
-// The longest turn of the caller thread. Other programs of the machine delay turns too, and as much a metronome: its
-// delay is no fault of the library. A case repeats turns that were too long nevertheless.
-constexpr int ATTEMPTS = 3;
-struct Turns {
-    ~Turns() {
-        isOver = true;
-        metronome.join();
-    }
-    void Run(const std::function<void()>& turn) { longest = std::max(longest, Measure(turn)); }
-    bool AreShort() const {
-        constexpr Duration limit = milliseconds(50);
-        return longest <= std::min<Duration>(limit + 2 * delay.load(), milliseconds(1000));
-    }
-    void Tick() {
-        while (!isOver) {
-            const Duration took = Measure([] { Sleep(4), GetFileAttributesA("C:\\windows"); });
-            delay = std::max(delay.load(), took - milliseconds(4));
-        }
-    }
-    Duration longest{};
-    std::atomic<Duration> delay{};
-    std::atomic<bool> isOver{false};
-    std::thread metronome{&Turns::Tick, this};
-};
+constexpr int OPERATIONS = 15;
 
 // A fixed sequence of operations. From one of them on, another process holds files for two seconds.
-struct HeldWorkload {
-    using Operation = void (HeldWorkload::*)();
-    static const std::vector<Operation> OPERATIONS;
-
-    explicit HeldWorkload(const fs::path& dir) : cache(dir, false), info(Described(FINISHED)) {
-        const FMFileInfo expired = Described(OPEN);
-        WriteFile(cache.Path(expired.fileID, ".sdi"), InfoFile(expired, std::string(2, '\0'), 1));
-        WriteFile(cache.Path(expired.fileID, ".sdd"), "data");
-    }
-    void Start() { cache.Start(); }
-    void Stop() { cache.Stop(); }
-    void Tick() { clock.Advance(60'000); }
-    void Clean() { FMStartHousekeeping(); }
-    void Create() {
+TEST(DISABLED_Other, RunsWhileFilesAreHeld) {
+    LogCapture quiet(RT_LOG_SILENT);
+    TestClock clock;
+    Cache cache(fs::path(std::getenv(OTHERS_DIR)), false);
+    const FMFileInfo info = Described(FINISHED);
+    const FMFileInfo expired = Described(OPEN);
+    WriteFile(cache.Path(expired.fileID, ".sdi"), InfoFile(expired, std::string(2, '\0'), 1));
+    WriteFile(cache.Path(expired.fileID, ".sdd"), "data");
+    FileRef file;
+    std::map<uint32_t, std::string> expected;
+    const auto start = [&] { cache.Start(); };
+    const auto stop = [&] { cache.Stop(); };
+    const auto tick = [&] { clock.Advance(60'000); };
+    const auto clean = [] { FMStartHousekeeping(); };
+    const auto create = [&] {
         file = cache.Create(info);
         const uint32_t first = expected.empty() ? 1 : 3;
         expected = {{first, Pattern(first, 5000)}, {first + 1, Pattern(first + 1, 300)}};
         for (const auto& [id, bytes] : expected)
             Write(*Cache::Block(*file, id), bytes);
-    }
-    void Rewrite() {
+    };
+    const auto rewrite = [&] {
         if (file)
             Write(*Cache::Block(*file, 1), expected[1] = Pattern(9, 5000));
-    }
-    void Open() { // while a file is held, it cannot be opened or read
+    };
+    const auto open = [&] { // while a file is held, it cannot be opened or read
         file = file ? file : cache.Open(info.fileID);
         for (auto it = expected.begin(); file && it != expected.end(); ++it) {
             const std::string read = Read(*Cache::Block(*file, it->first, 0));
             EXPECT_TRUE(read == it->second || read == "error 10001") << it->first << " " << read;
         }
-    }
-    void Close() {
+    };
+    const auto close = [&] {
         if (file)
             cache.Close(file);
-    }
-    void Remove() {
-        Close();
+    };
+    const auto remove = [&] {
+        close();
         file = cache.Create(1, FM_FILE_TEMPORARY);
         Write(*Cache::Block(*file, 1), "temporary");
-        Close();
-    }
-    // One tick after the last file was released.
-    void Check() {
-        Tick();
-        FMWaitUntilIdle();
-        Open();
-        ASSERT_TRUE(file);
-        Close();
-        FMWaitUntilIdle();
-        FMCachedFile found;
-        EXPECT_EQ(FMDescribeCachedFile("", FINISHED, found), RT_OK);
-        EXPECT_TRUE(found.isLoadable && found.storedBlocks == expected.size());
-        Clean(); // of what was held during the first run
-        FMWaitUntilIdle();
-        EXPECT_EQ(CountFiles(cache.dir.path / "sdstore"), 2U);
-    }
-
-    TestClock clock;
-    Cache cache;
-    const FMFileInfo info;
-    FileRef file;
-    std::map<uint32_t, std::string> expected;
-};
-using Held = HeldWorkload;
-const std::vector<Held::Operation> Held::OPERATIONS = {
-    &Held::Start, &Held::Create, &Held::Close, &Held::Open,  &Held::Rewrite,
-    &Held::Close, &Held::Create, &Held::Close, &Held::Open,  &Held::Remove,
-    &Held::Tick,  &Held::Clean,  &Held::Stop,  &Held::Start, &Held::Open};
-
-TEST(DISABLED_Other, RunsWhileFilesAreHeld) {
-    LogCapture quiet(RT_LOG_SILENT);
-    const fs::path dir = std::getenv(OTHERS_DIR);
-    auto left = std::atoi(std::getenv(OPERATION));
-    HeldWorkload workload(dir);
-    Turns turns;
-    for (const auto& operation : Held::OPERATIONS) {
-        if (left-- == 0) {
-            WriteFile(dir / "ready", "");
-            WaitFor(dir / "held");
+        close();
+    };
+    const std::function<void()> operations[OPERATIONS] = {start, create, close, open,  rewrite,
+                                                          close, create, close, open,  remove,
+                                                          tick,  clean,  stop,  start, open};
+    const auto from = std::atoi(std::getenv(OPERATION));
+    for (int i = 0; i < OPERATIONS; ++i) {
+        if (i == from) {
+            WriteFile(cache.dir.path / "ready", "");
+            WaitFor(cache.dir.path / "held");
         }
-        if (operation == &Held::Stop)
-            workload.Stop(); // waits for the disk
+        if (i == 12)
+            stop(); // waits for the disk
         else
-            turns.Run([&] { (workload.*operation)(); });
-        for (int turn = 0; turn < 10; ++turn) {
-            turns.Run([&] { workload.cache.thread.RunDue(); });
-            Sleep(2);
+            Turn(operations[i]);
+        if (i < from)
+            FMWaitUntilIdle();
+        for (int turn = 0; i >= from && turn < 10; ++turn) {
+            Turn([&] { cache.thread.RunDue(); });
+            realSleep(2);
         }
     }
-    WaitFor(dir / "released");
-    workload.Check();
-    if (!turns.AreShort())
-        WriteFile(dir / "slow", "");
+    WaitFor(cache.dir.path / "released");
+    tick();
+    FMWaitUntilIdle();
+    open();
+    ASSERT_TRUE(file);
+    close();
+    FMWaitUntilIdle();
+    FMCachedFile found;
+    EXPECT_EQ(FMDescribeCachedFile("", FINISHED, found), RT_OK);
+    EXPECT_TRUE(found.isLoadable && found.storedBlocks == expected.size());
+    clean(); // of what was held during the first run
+    FMWaitUntilIdle();
+    EXPECT_EQ(CountFiles(cache.dir.path / "sdstore"), 2U);
 }
-
-// Holds everything of a kind in the store of another process for two seconds, from an operation on.
-struct Holding {
-    Holding(size_t operation, const std::string& kind) {
-        SetVariable(OPERATION, std::to_string(operation));
-        other.emplace(dir.path, "RunsWhileFilesAreHeld");
-        const fs::path store = dir.path / "sdstore";
-        std::vector<fs::path> paths;
-        for (const fs::directory_entry& entry : fs::directory_iterator(store)) {
-            if (entry.path().extension() == kind)
-                paths.push_back(entry.path());
-        }
-        if (kind.empty())
-            paths = {store};
-        std::vector<HANDLE> handles;
-        std::ranges::transform(paths, std::back_inserter(handles), HoldAlone);
-        std::erase(handles, INVALID_HANDLE_VALUE);
-        count = handles.size();
-        WriteFile(dir.path / "held", "");
-        release = std::thread([this, handles] {
-            Sleep(2000);
-            std::ranges::for_each(handles, CloseHandle);
-            WriteFile(dir.path / "released", "");
-        });
-    }
-    // False if a turn was too long.
-    bool End() {
-        release.join();
-        EXPECT_EQ(other->Wait(), 0U);
-        return !fs::exists(dir.path / "slow");
-    }
-    TempDir dir;
-    std::optional<OtherProcess> other;
-    size_t count = 0;
-    std::thread release;
-};
 
 // Stores and closes one file, and keeps a second one open with a stored block, until it is killed.
 TEST(DISABLED_Other, StoresAndStays) {
@@ -250,96 +214,129 @@ TEST(DISABLED_Other, StoresAndStays) {
         FMWaitUntilIdle();
     }
     WriteFile(cache.dir.path / "ready", "");
-    Sleep(INFINITE);
+    realSleep(INFINITE);
 }
 
 } // namespace
 
 // A virus scanner, for example, opens files so that no other process can. Nothing is lost, and no turn is long.
 TEST(Windows, FilesThatAreHeldForTwoSecondsCostNoDataAndNoLongTurn) {
-    std::map<std::string, size_t> held{{"", 0}, {".sdd", 0}, {".sdi", 0}}; // "": the directory
-    std::vector<std::pair<size_t, std::string>> left;
-    for (size_t operation = 0; operation < Held::OPERATIONS.size(); ++operation) {
-        for (const auto& [kind, count] : held)
-            left.emplace_back(operation, kind);
+    std::deque<TempDir> dirs;
+    std::vector<std::future<DWORD>> others;
+    for (const char* kind : {"", ".sdd", ".sdi"}) { // "": the directory
+        size_t held = 0;
+        for (int operation = 0; operation < OPERATIONS; ++operation) {
+            const fs::path& dir = dirs.emplace_back().path;
+            SetVariable(OPERATION, std::to_string(operation));
+            const HANDLE other = StartOther(dir, "RunsWhileFilesAreHeld");
+            std::vector<fs::path> paths{dir / "sdstore"};
+            for (const auto& entry : fs::directory_iterator(paths[0]))
+                paths.push_back(entry.path());
+            std::erase_if(paths, [kind](const fs::path& path) { return path.extension() != kind; });
+            std::vector<HANDLE> handles;
+            for (const fs::path& path : paths)
+                handles.push_back(Hold(path));
+            held += handles.size() - std::erase(handles, INVALID_HANDLE_VALUE);
+            WriteFile(dir / "held", "");
+            others.push_back(std::async(std::launch::async, [dir, other, handles] {
+                realSleep(2000);
+                std::ranges::for_each(handles, CloseHandle);
+                WriteFile(dir / "released", "");
+                return WaitFor(other);
+            }));
+        }
+        EXPECT_GT(held, 0U) << kind;
     }
-    for (int attempt = 0; attempt < ATTEMPTS && !left.empty(); ++attempt) {
-        std::deque<Holding> holdings;
-        for (const auto& [operation, kind] : left)
-            held[kind] += holdings.emplace_back(operation, kind).count;
-        std::erase_if(left, [&holdings](const auto& each) {
-            const bool isShort = holdings.front().End();
-            holdings.pop_front();
-            EXPECT_FALSE(testing::Test::HasFailure()) << each.first << " " << each.second;
-            return isShort;
-        });
-    }
-    for (const auto& [operation, kind] : left)
-        ADD_FAILURE() << "long turn: operation " << operation << ", " << kind;
-    for (const auto& [kind, count] : held)
-        EXPECT_GT(count, 0U) << kind;
+    for (size_t i = 0; i < others.size(); ++i)
+        EXPECT_EQ(others[i].get(), 0U) << i; // the cases of the directory first
 }
 
-// The read/write thread waits for a data file that is held. What the caller thread calls meanwhile does not.
-class HeldStore : public testing::TestWithParam<std::string> {};
-INSTANTIATE_TEST_SUITE_P(Of, HeldStore, testing::Values("open", "flushed", "closed"));
+// The read/write thread waits for data files that are held. What the caller thread calls meanwhile does not.
+struct Waiting {
+    uint32_t files; // several: each is held for 15 ms, one after the other
+    bool isClosed = false;
+    bool isFlushed = false;
+    bool isRemoved = false; // the removal of the held file is pending
+};
+class HeldStore : public testing::TestWithParam<Waiting> {};
+INSTANTIATE_TEST_SUITE_P(Of, HeldStore,
+                         testing::Values(Waiting{1}, Waiting{1, false, true}, Waiting{1, true},
+                                         Waiting{1, true, false, true}, Waiting{20, true}));
 
 TEST_P(HeldStore, DelaysNoCallOfTheCallerThread) {
-    const bool isClosed = GetParam() == "closed";
-    const TempDir dir;
-    const CRtString store((dir.path / "sdstore").string());
-    const FMFileInfo info = Described(OPEN);
-    bool isShort = false;
-    for (int attempt = 0; attempt < ATTEMPTS && !isShort; ++attempt) {
-        TestClock clock;
-        LogCapture quiet(RT_LOG_SILENT);
-        Cache cache(dir.path);
-        const FileRef other = cache.Create();
-        const BlockRef evicted = Cache::Block(*other, 1);
-        Write(*evicted, "evicted");
-        FMWaitUntilIdle();
-        clock.Advance(300'000);
-        ASSERT_FALSE(evicted->FreeMemory());
-        WriteFile(cache.Path(info.fileID, ".sdd"), "a predecessor, which the store removes");
-        const HANDLE held = HoldAlone(cache.Path(info.fileID, ".sdd"));
-        Turns turns;
-        bool isFlushed = false;
-        FMFlushAsync([&](int, const auto&) { isFlushed = true; });
-        FileRef file = cache.Create(info);
-        Write(*Cache::Block(*file, 1), Pattern(1, 5000));
-        if (isClosed)
-            cache.Close(file);
-        Sleep(5);
-        FMCachedFile found;
-        std::string read;
-        if (GetParam() == "flushed")
-            turns.Run([&] { cache.thread.RunDue(); });
-        turns.Run([&] { read = Read(*evicted); });
-        turns.Run([&] { EXPECT_EQ(!cache.Open(info.fileID), isClosed); });
-        turns.Run([&] { FMDescribeCachedFile(store, OPEN, found); });
-        turns.Run([&] { cache.thread.RunDue(); });
-        EXPECT_EQ(isFlushed, !isClosed);
-        EXPECT_EQ(read, isClosed ? "error 10001" : "evicted");
-        CloseHandle(held);
-        FMWaitUntilIdle();
-        EXPECT_EQ(Read(*evicted), "evicted");
-        clock.Advance(60'000); // the store of the open file is retried
-        FMWaitUntilIdle();
-        if (file)
-            cache.Close(file);
-        file = cache.Open(info.fileID);
-        ASSERT_TRUE(file);
-        EXPECT_TRUE(Read(*Cache::Block(*file, 1, 0)) == Pattern(1, 5000));
-        isShort = turns.AreShort();
+    const auto [count, isClosed, isFlushed, isRemoved] = GetParam();
+    TestClock clock;
+    LogCapture quiet(RT_LOG_SILENT);
+    Cache cache;
+    const FileRef other = cache.Create();
+    const BlockRef evicted = Cache::Block(*other, 1);
+    Write(*evicted, "evicted");
+    FMWaitUntilIdle();
+    clock.Advance(300'000);
+    ASSERT_FALSE(evicted->FreeMemory());
+    std::vector<FMFileInfo> infos;
+    std::deque<HANDLE> held;
+    for (uint32_t i = 0; i < count; ++i) {
+        const fs::path path = cache.Path(infos.emplace_back(Description()).fileID, ".sdd");
+        WriteFile(path, "a predecessor, which the store removes");
+        g_pending = path.filename();
+        g_isPending = isRemoved;
+        held.push_back(isRemoved ? INVALID_HANDLE_VALUE : Hold(path));
     }
-    EXPECT_TRUE(isShort);
+    g_onDelay = [&, delays = DWORD{0}](DWORD ms) mutable {
+        if (count == 1 || held.empty() || (delays += ms) < 15)
+            return;
+        CloseHandle(held.front());
+        held.pop_front();
+        delays = 0;
+    };
+    const DWORD before = g_delays;
+    bool isDone = false;
+    FMFlushAsync([&](int, const auto&) { isDone = true; });
+    std::vector<FileRef> files;
+    for (const FMFileInfo& info : infos) {
+        Write(*Cache::Block(*files.emplace_back(cache.Create(info)), 1), Pattern(1, 5000));
+        if (isClosed)
+            cache.Close(files.back());
+    }
+    while (g_delays == before)
+        realSleep(1);
+    const CRtString store((cache.dir.path / "sdstore").string());
+    const FMFileID& last = infos.back().fileID;
+    FMCachedFile found;
+    std::string read;
+    const auto runDue = [&] { cache.thread.RunDue(); };
+    if (isFlushed)
+        Turn(runDue);
+    Turn([&] { read = Read(*evicted); });
+    Turn([&] { EXPECT_EQ(!cache.Open(last), isClosed); });
+    Turn([&] { FMDescribeCachedFile(store, FMFileIDToString(last), found); });
+    Turn(runDue);
+    EXPECT_EQ(isDone, !isClosed);
+    if (count == 1) {
+        EXPECT_EQ(read, isClosed ? "error 10001" : "evicted");
+        CloseHandle(held.front());
+        g_isPending = false;
+    }
+    FMWaitUntilIdle();
+    EXPECT_EQ(Read(*evicted), "evicted");
+    clock.Advance(60'000); // the store of the open file is retried
+    FMWaitUntilIdle();
+    for (size_t i = 0; i < count; ++i) {
+        if (!isClosed)
+            cache.Close(files[i]);
+        files[i] = cache.Open(infos[i].fileID);
+        ASSERT_TRUE(files[i]);
+        EXPECT_TRUE(Read(*Cache::Block(*files[i], 1, 0)) == Pattern(1, 5000));
+    }
+    g_onDelay = {};
 }
 
 TEST(Windows, ServerLocksItsOpenFilesAndAKillLosesNoStoredFile) {
     TestClock clock;
     LogCapture log(RT_LOG_WARNING);
     const TempDir dir;
-    OtherProcess other(dir.path, "StoresAndStays");
+    const HANDLE other = StartOther(dir.path, "StoresAndStays");
     Cache cache(dir.path);
     FMCachedFile found;
     for (const char* id : {FINISHED, OPEN}) {
@@ -356,7 +353,8 @@ TEST(Windows, ServerLocksItsOpenFilesAndAKillLosesNoStoredFile) {
     cache.manager->Initialize({}, 0, 1); // would clear the store
     cache.Stop();
     EXPECT_EQ(log.Count("CFileManager::ClearDiskCache, another process uses the store"), 2U);
-    other.Kill();
+    TerminateProcess(other, 1);
+    WaitFor(other);
     cache.Start();
     EXPECT_FALSE(cache.Open(Described(OPEN).fileID)); // never closed: has no information file
     const FileRef file = cache.Open(Described(FINISHED).fileID);
@@ -375,7 +373,7 @@ TEST(Windows, LaterClearingRemovesFilesThatWereOpenAndFollowsNoDirectoryLink) {
         WriteFile(path / "file", "x");
     const bool isJunction = MakeDirectoryLink(outside.path, root / "0" / "link");
     ASSERT_TRUE(fs::exists(root / "0" / "link" / "file"));
-    const HANDLE held = HoldAlone(root / "0" / "held" / "file");
+    const HANDLE held = Hold(root / "0" / "held" / "file");
     cache.Start();
     EXPECT_TRUE(fs::exists(root / "0" / "held" / "file"));
     EXPECT_FALSE(fs::exists(root / "0" / "free"));
@@ -387,17 +385,22 @@ TEST(Windows, LaterClearingRemovesFilesThatWereOpenAndFollowsNoDirectoryLink) {
     EXPECT_EQ(fs::exists(root), !isJunction); // the emulator does not remove its own links
 }
 
-TEST(Windows, StoreDoesNotHangIfTheDataFileIsADanglingLink) {
+TEST(Windows, StoreThatCanNeverSucceedDoesNotWait) {
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache;
-    const FMFileInfo info = Description();
+    const FMFileInfo infos[] = {Description(), Description()};
     fs::create_directory(cache.dir.path / "target");
-    MakeDirectoryLink(cache.dir.path / "target", cache.Path(info.fileID, ".sdd"));
+    MakeDirectoryLink(cache.dir.path / "target", cache.Path(infos[0].fileID, ".sdd"));
     fs::remove(cache.dir.path / "target");
-    const FileRef file = cache.Create(info);
-    Write(*Cache::Block(*file, 1), "bytes");
-    FMWaitUntilIdle();
-    EXPECT_EQ(Read(*Cache::Block(*file, 1)), "bytes");
+    fs::create_directory(cache.Path(infos[1].fileID, ".sdd")); // ERROR_ACCESS_DENIED
+    const DWORD before = g_delays;
+    for (const FMFileInfo& info : infos) {
+        const FileRef file = cache.Create(info);
+        Write(*Cache::Block(*file, 1), "bytes");
+        FMWaitUntilIdle();
+        EXPECT_EQ(Read(*Cache::Block(*file, 1)), "bytes");
+    }
+    EXPECT_EQ(g_delays, before);
 }
 
 TEST(Windows, DefaultRootIsAFixedDrive) {
@@ -411,7 +414,7 @@ TEST(Windows, DefaultRootIsAFixedDrive) {
 
 class Place : public testing::TestWithParam<std::wstring> {};
 INSTANTIATE_TEST_SUITE_P(Path, Place,
-                         testing::Values(L"C:", L"\\\\server\\share", L"\u540d\u524d \u00dcbung",
+                         testing::Values(L"C:", L"\\\\server\\share", L"\u540d\u524d \ufffd",
                                          L"made/by slash/", L"long", L"\\\\server\\share\\long"));
 
 // A place without a drive or a share is below a temporary directory. A long one is longer than MAX_PATH.
@@ -424,9 +427,8 @@ TEST_P(Place, ACacheCanBeThere) {
     const bool isLong = place.ends_with(L"long");
     const bool isShare = place.starts_with(L"\\\\");
     fs::path root = isShare || place == L"C:" ? fs::path(place) : temp.path / place;
-    constexpr int levels = 5;
-    for (int level = 0; isLong && level < levels; ++level)
-        root /= std::wstring(60, L'd');
+    if (isLong)
+        root /= std::wstring(250, L'd');
     const std::u8string text = root.u8string();
     const CRtString dir(std::string(text.begin(), text.end()));
     if (isLong) // the library adds the prefix itself
@@ -454,6 +456,11 @@ TEST_P(Place, ACacheCanBeThere) {
     EXPECT_EQ(FMListCachedFiles(dir + "\\sdstore", stems, others), RT_OK);
     EXPECT_EQ(stems, std::vector{FMFileIDToString(info.fileID)});
     EXPECT_TRUE(isStoreThere());
+    std::string noUtf8(dir.view());
+    if (const size_t at = noUtf8.find("\xEF\xBF\xBD"); at != std::string::npos) {
+        noUtf8.replace(at, 3, "\xFF"); // a replacement character would take its place
+        EXPECT_NE(FMListCachedFiles(CRtString(noUtf8 + "\\sdstore"), stems, others), RT_OK);
+    }
     manager->Initialize({}, 0, 1); // clears the store, and creates it
     EXPECT_EQ(FMListCachedFiles("", stems, others), RT_OK);
     EXPECT_TRUE(isStoreThere() && stems.empty() && others.empty());
@@ -461,66 +468,64 @@ TEST_P(Place, ACacheCanBeThere) {
     EXPECT_FALSE(isStoreThere());
     EXPECT_EQ(log.Text(), "");
     if (isLong) // std::filesystem cannot
-        CFileManager::RemoveDir(dir.Left(dir.size() - levels * 61));
+        CFileManager::RemoveDir(dir.Left(dir.size() - 251));
 }
 
-TEST(Windows, HousekeepingIgnoresTheCaseOfExtensions) {
-    TestClock clock;
-    LogCapture quiet(RT_LOG_SILENT);
+TEST(Windows, HousekeepingLeavesWhatIsHeldAndIgnoresTheCaseOfExtensions) {
+    LogCapture log(RT_LOG_WARNING);
     Cache cache(1, 7);
-    for (const char* name : {"one.SDD", "two.Sdd", "three.sdd", "kept.sddx"})
-        WriteFile(cache.dir.path / "sdstore" / name, "unreadable");
-    clock.Advance(60'000);
+    cache.Stop();
+    const fs::path store = cache.dir.path / "sdstore";
+    for (const char* name : {"one.SDD", "two.Sdd", "held.sdd", "kept.sddx"})
+        WriteFile(store / name, "unreadable");
+    const auto run = [] {
+        const DWORD before = g_delays;
+        FMStartHousekeeping();
+        FMWaitUntilIdle();
+        return g_delays - before;
+    };
+    const HANDLE directory = Hold(store);
+    cache.Start();
     FMWaitUntilIdle();
-    EXPECT_EQ(CountFiles(cache.dir.path / "sdstore"), 1U);
-    EXPECT_TRUE(fs::exists(cache.dir.path / "sdstore" / "kept.sddx"));
+    EXPECT_LE(run(), 50U);
+    EXPECT_EQ(log.Count("CFileManager::HouseKeeping_m, another process holds the directory"), 1U);
+    CloseHandle(directory);
+    const HANDLE file = Hold(store / "held.sdd");
+    EXPECT_LE(run(), 50U);
+    EXPECT_EQ(log.Count("held.sdd"), 2U); // the failure, and the system error
+    EXPECT_EQ(CountFiles(store), 2U);
+    CloseHandle(file);
+    run();
+    EXPECT_EQ(CountFiles(store), 1U);
+    EXPECT_TRUE(fs::exists(store / "kept.sddx"));
 }
 
 constexpr uint32_t MIB = 1u << 20;
 
 // Reserves all free ranges of the address space of this many bytes, or more.
-class Reserved {
-public:
+struct Reserved {
     explicit Reserved(size_t least) {
         for (size_t size = 1024 * MIB; size >= least; size /= 2) {
             while (void* range = VirtualAlloc(nullptr, size, MEM_RESERVE, PAGE_NOACCESS)) {
-                m_ranges.push_back(range);
+                ranges.push_back(range);
                 bytes += size;
             }
         }
     }
     ~Reserved() {
-        for (void* range : m_ranges)
+        for (void* range : ranges)
             VirtualFree(range, 0, MEM_RELEASE);
     }
     size_t bytes = 0;
-
-private:
-    std::vector<void*> m_ranges;
+    std::vector<void*> ranges;
 };
-
-size_t CountCommittedBytes() {
-    size_t bytes = 0;
-    MEMORY_BASIC_INFORMATION range{};
-    for (const char* at = nullptr; VirtualQuery(at, &range, sizeof(range)) != 0;
-         at = static_cast<const char*>(range.BaseAddress) + range.RegionSize)
-        bytes += range.State == MEM_COMMIT && range.Type == MEM_PRIVATE ? range.RegionSize : 0;
-    return bytes;
-}
-
-// 256 bytes to 512 KiB, each power of two equally often; one block in 1,000 has the largest intended size.
-uint32_t MixedSize(uint32_t block) {
-    const uint32_t hash = block * 2654435761u;
-    const uint32_t least = 256u << (hash >> 16) % 11;
-    return block % 1000 == 999 ? 16 * MIB : least + (hash >> 5) % least;
-}
 
 // The blocks of a minute are evicted five minutes later, so the memory of the server stays at its limit. Some blocks
 // are read every minute: they stay in memory among others that are evicted.
 TEST(Windows, ServerAtItsMemoryLimitReturnsMemoryAndKeepsLargeRangesFree) {
     constexpr uint32_t perFile = 10'000;
     const char* const number = std::getenv("FILEMANAGER_BLOCKS"); // docs/windows.md
-    const auto blocks = static_cast<uint32_t>(number ? std::atoi(number) : 15'000);
+    const auto blocks = static_cast<uint32_t>(number ? std::atoi(number) : 9'000);
     TestClock clock;
     LogCapture quiet(RT_LOG_SILENT);
     Cache cache;
@@ -528,8 +533,6 @@ TEST(Windows, ServerAtItsMemoryLimitReturnsMemoryAndKeepsLargeRangesFree) {
     const std::string bytes = Pattern(1, 16 * MIB + 4096);
     std::deque<FileRef> files;
     std::deque<BlockRef> kept;
-    size_t most = 0;
-    size_t leastFree = SIZE_MAX;
     // Passes time, and returns the committed bytes after it.
     const auto pass = [&](const char* when, int64_t ms) {
         size_t committed = 0;
@@ -538,11 +541,18 @@ TEST(Windows, ServerAtItsMemoryLimitReturnsMemoryAndKeepsLargeRangesFree) {
             for (const BlockRef& block : kept)
                 Read(*block);
             FMWaitUntilIdle(); // the tick evicts no block whose store is pending
-            committed = CountCommittedBytes();
-            most = std::max(most, committed);
-            leastFree = std::min(leastFree, Reserved(32 * MIB).bytes);
+            committed = 0;
+            MEMORY_BASIC_INFORMATION range{};
+            for (const char* at = nullptr; VirtualQuery(at, &range, sizeof(range)) != 0;
+                 at = static_cast<const char*>(range.BaseAddress) + range.RegionSize) {
+                if (range.State == MEM_COMMIT && range.Type == MEM_PRIVATE)
+                    committed += range.RegionSize;
+            }
+            const size_t free = Reserved(32 * MIB).bytes;
+            EXPECT_LT(committed, 768 * MIB);
+            EXPECT_GT(free, 768 * MIB);
             std::cout << when << ", MiB: blocks " << manager.GetMemoryInUse() / MIB
-                      << ", committed " << committed / MIB << ", free " << leastFree / MIB << "\n";
+                      << ", committed " << committed / MIB << ", free " << free / MIB << "\n";
         }
         return committed;
     };
@@ -551,11 +561,10 @@ TEST(Windows, ServerAtItsMemoryLimitReturnsMemoryAndKeepsLargeRangesFree) {
     for (uint32_t i = 0; i < blocks || manager.GetMemoryInUse() < manager.GetMemoryLimit(); ++i) {
         if (i % perFile == 0)
             files.push_back(cache.Create(1, FM_FILE_TEMPORARY));
-        if (files.size() > 2) {
-            cache.Close(files.front());
-            files.pop_front();
-        }
-        const uint32_t size = MixedSize(i);
+        // 256 bytes to 512 KiB, each power of two equally often; few blocks of the largest intended size.
+        const uint32_t hash = i * 2654435761u;
+        const uint32_t least = 256u << (hash >> 16) % 11;
+        const uint32_t size = i % 1000 == 999 ? 16 * MIB : least + (hash >> 5) % least;
         const BlockRef block = Cache::Block(*files.back(), i % perFile + 1);
         const CRtMessageChain piece = CRtMessageBlock::Wrap(bytes.data() + i % 4096, size);
         ASSERT_EQ(block->WriteData(size, 0, piece.get()), RT_OK);
@@ -568,11 +577,8 @@ TEST(Windows, ServerAtItsMemoryLimitReturnsMemoryAndKeepsLargeRangesFree) {
         written = 0;
         pass("minute", 60'000);
     }
-    EXPECT_LT(pass("idle blocks evicted", 300'000),
-              400 * MIB); // the heap alone keeps 526 under Wine
+    EXPECT_LT(pass("evicted", 300'000), 400 * MIB); // the heap alone keeps 526 under Wine
     EXPECT_LT(manager.GetMemoryInUse(), 64 * MIB);
-    EXPECT_LT(most, 768 * MIB);
-    EXPECT_GT(leastFree, 768 * MIB);
     kept.clear();
     for (FileRef& file : files)
         cache.Close(file);
@@ -585,33 +591,35 @@ TEST(Windows, BlockForWhichThereIsNoAddressSpaceIsRefusedAndNothingIsLost) {
     Cache cache;
     const FMFileInfo info = Description();
     FileRef file = cache.Create(info);
-    const std::string bytes[] = {Pattern(1, 16 * MIB), Pattern(2, 5000)};
-    const BlockRef stored = Cache::Block(*file, 1);
-    const BlockRef resident = Cache::Block(*file, 2);
-    const BlockRef refused = Cache::Block(*file, 3);
-    Write(*stored, bytes[0]);
-    Write(*resident, bytes[1]);
+    const std::string bytes[] = {Pattern(2, 5000), Pattern(1, 16 * MIB)}; // of even and odd blocks
+    std::deque<BlockRef> blocks;
+    for (const uint32_t id : {1, 2, 3, 4})
+        blocks.push_back(Cache::Block(*file, id));
+    const auto write = [&](uint32_t id) { return Write(*blocks[id - 1], bytes[id % 2]); };
+    write(1);
+    write(2);
     FMWaitUntilIdle();
     clock.Advance(300'000);
-    ASSERT_FALSE(stored->FreeMemory());
+    ASSERT_FALSE(blocks[0]->FreeMemory());
     CountingSink sink;
     {
         const Reserved most(8 * MIB); // what is left is for the small objects of the library
-        EXPECT_EQ(Write(*refused, bytes[0]), RT_ERROR_NULL_OBJECT);
-        EXPECT_EQ(refused->GetTotalLen(), 0U);
-        EXPECT_EQ(Read(*stored), "error " + std::to_string(RT_ERROR_NULL_OBJECT));
-        EXPECT_EQ(stored->ReadData(&sink), RT_OK);
+        EXPECT_EQ(write(3), RT_ERROR_NULL_OBJECT);
+        EXPECT_EQ(blocks[2]->GetTotalLen(), 0U);
+        EXPECT_EQ(Read(*blocks[0]), "error " + std::to_string(RT_ERROR_NULL_OBJECT));
+        EXPECT_EQ(blocks[0]->ReadData(&sink), RT_OK);
         FMWaitUntilIdle();
         EXPECT_EQ(sink.results, std::vector{RT_ERROR_NULL_OBJECT});
-        EXPECT_TRUE(Read(*resident) == bytes[1]);
-        EXPECT_EQ(Write(*Cache::Block(*file, 4), bytes[1]), RT_OK);
+        EXPECT_TRUE(Read(*blocks[1]) == bytes[0]);
+        EXPECT_EQ(write(4), RT_OK);
         FMWaitUntilIdle();
     }
-    EXPECT_EQ(Write(*refused, bytes[0]), RT_OK);
+    EXPECT_EQ(write(3), RT_OK);
+    blocks.clear();
     cache.Close(file);
     FMWaitUntilIdle();
     file = cache.Open(info.fileID);
     ASSERT_TRUE(file);
     for (const uint32_t id : {1, 2, 3, 4})
-        EXPECT_TRUE(Read(*Cache::Block(*file, id, 0)) == bytes[1 - id % 2]) << id;
+        EXPECT_TRUE(Read(*Cache::Block(*file, id, 0)) == bytes[id % 2]) << id;
 }

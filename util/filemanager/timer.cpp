@@ -87,6 +87,7 @@ int CFileManager::StartHouseKeeping() {
 // --- Housekeeping, on the read/write thread -----------------------------------------------------
 
 void CFileManager::HouseKeeping_m() {
+    const RtOs::RetryLimit limit(RtOs::RETRY_MS); // what is held stays for the next run
     RT_LOG(RT_LOG_TRACE, "CFileManager::HouseKeeping_m. Dir:" << m_dataDir);
     if (!m_houseKeeping.Open(m_dataDir) && RtOs::IsInUse(RtOs::GetErrno()))
         RT_LOG(RT_LOG_WARNING, "CFileManager::HouseKeeping_m, another process holds the directory, "
@@ -109,7 +110,7 @@ void CFileManager::ExamineNext_m() {
 }
 
 void CFileManager::ExamineFile(const CRtString& stem) {
-    const RtOs::RetryLimit limit(RtOs::RETRY_MS); // a file that is held stays for the next run
+    const RtOs::RetryLimit limit(RtOs::RETRY_MS);
     FMFileID id;
     FMFileIDFromString(stem, id);
     const CFMLiveFiles::CClaim claim(m_live, id, CFMLiveFiles::CClaim::IF_FREE);

@@ -59,8 +59,9 @@ struct FMUnsavedBlock {
 /// the stores have ended, then writes the tables of the open files and those that are pending. Incomplete blocks
 /// are not written. For a temporary file only the bytes are written, because no later run loads it.
 ///
-/// Call it on the caller thread, which waits for the disk without a time limit. No sink and no callback runs during
-/// the call. Each call rewrites the tables of all changed files.
+/// Call it on the caller thread, which waits for the disk without a time limit (Windows: up to 2 s for each file that
+/// another process holds, because a refusal could not list the blocks of closed files). No sink and no callback runs
+/// during the call. Each call rewrites the tables of all changed files.
 /// @param[out] unsaved the complete blocks that a kill would lose, ordered by file and block identifier. They stay
 ///     readable. While their files are open, each tick retries failed stores; no tick retries the table of an open
 ///     file: call FMFlush again, or close the file. A failed table write can make the table of an earlier flush

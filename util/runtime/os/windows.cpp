@@ -43,12 +43,6 @@ int DescriptorOf(HANDLE handle) { return static_cast<int>(reinterpret_cast<intpt
 
 uint64_t Wide(DWORD high, DWORD low) { return uint64_t{high} << 32 | low; }
 
-bool IsMissing(DWORD error) {
-    return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ||
-           error == ERROR_INVALID_NAME || error == ERROR_BAD_NETPATH ||
-           error == ERROR_BAD_NET_NAME || error == ERROR_NOT_READY;
-}
-
 // --- Errors -------------------------------------------------------------------------------------
 
 int ErrnoOf(DWORD error) {
@@ -90,6 +84,17 @@ int ErrnoOf(DWORD error) {
     default:
         return EIO;
     }
+}
+
+bool IsMissing(DWORD error) { return ErrnoOf(error) == ENOENT || error == ERROR_NOT_READY; }
+
+// While the removal of a file is pending, the system denies access to it, even to its attributes. Permissions of a file
+// do not hide its attributes: the directory shows them.
+int ErrnoOf(DWORD error, const Native& path) {
+    const bool isPending = error == ERROR_ACCESS_DENIED &&
+                           ::GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES &&
+                           ::GetLastError() == ERROR_ACCESS_DENIED;
+    return ErrnoOf(isPending ? ERROR_DELETE_PENDING : error);
 }
 
 // Sets errno if a call of the system has failed: the C library was not involved.
@@ -200,9 +205,7 @@ uint32_t GetDriveKind(const char* root) { return ::GetDriveTypeA(root); }
 
 bool GetDriveFreeBytes(const char* root, uint64_t& available) {
     ULARGE_INTEGER free{};
-    ULARGE_INTEGER total{};
-    ULARGE_INTEGER totalFree{};
-    if (!::GetDiskFreeSpaceExA(root, &free, &total, &totalFree))
+    if (!::GetDiskFreeSpaceExA(root, &free, nullptr, nullptr))
         return false;
     available = free.QuadPart;
     return true;
@@ -395,18 +398,15 @@ bool Stamp(HANDLE file, FileStamp& stamp) {
     return true;
 }
 
-} // namespace
-
-namespace {
-
 // Returns 0 or an errno value.
 int Open(const CRtString& path, DWORD disposition, uint32_t flags, int& file) {
     const DWORD access = flags & OPEN_READ ? GENERIC_READ : GENERIC_READ | GENERIC_WRITE;
     // With OPEN_ALONE every other open for writing fails.
     const DWORD sharing = flags & OPEN_ALONE ? FILE_SHARE_READ : FILE_SHARE_READ | FILE_SHARE_WRITE;
-    file = DescriptorOf(::CreateFileW(Native(path).c_str(), access, sharing, nullptr, disposition,
+    const Native native(path);
+    file = DescriptorOf(::CreateFileW(native.c_str(), access, sharing, nullptr, disposition,
                                       FILE_ATTRIBUTE_NORMAL, nullptr));
-    return file == NO_FILE ? ErrnoOf(::GetLastError()) : 0;
+    return file == NO_FILE ? ErrnoOf(::GetLastError(), native) : 0;
 }
 
 // Also past queries (IsLocked), which permit no writing for an instant.
@@ -429,8 +429,7 @@ bool IsLocked(const CRtString& path) {
     };
     if (!isRefused())
         return false;
-    const Handle reader(path, GENERIC_READ,
-                        SHARE_ALL); // no handle without sharing is opened meanwhile
+    const Handle reader(path, GENERIC_READ, SHARE_ALL); // a handle without sharing refuses it
     return reader.IsOpen() && isRefused();
 }
 
@@ -544,8 +543,7 @@ bool GetStamp(int file, FileStamp& stamp) {
 
 bool GetStamp(const CRtString& path, FileStamp& stamp) {
     stamp = {};
-    const Handle file(path, FILE_READ_ATTRIBUTES,
-                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
+    const Handle file(path, FILE_READ_ATTRIBUTES, SHARE_ALL);
     return file.IsOpen() ? Stamp(file.Get(), stamp) : IsMissing(::GetLastError());
 }
 
