@@ -63,6 +63,7 @@ TEST(File, TableGrowsWhenABlockIsRequested) {
                     {163, 0, 64},
                     {164, 0, 128},
                     {1100, 0, 1008},
+                    {2140, 0, 2048},
                     {3100, 0, 3008}, // more than 2048: a log line
                     {100 + FM_TABLE_SLOTS_MAX, RT_ERROR_INVALID_ARG, 3008},
                     {99 + FM_TABLE_SLOTS_MAX, 0, FM_TABLE_SLOTS_MAX}};
@@ -174,6 +175,8 @@ TEST(DiskFile, RefusesImpossibleRangesAndReportsFailures) {
     EXPECT_EQ(lost->WriteFileInfo("x", 1), 0);
     EXPECT_EQ(lost->WriteBlockInfo(nullptr, 0), RT_ERROR_INVALID_ARG);
     EXPECT_EQ(lost->WriteBlockInfo("yz", 2), 0);
+    EXPECT_EQ(log.Count("fread Failed. Error Ret: 0"), 2U);
+    EXPECT_EQ(log.Count("CDiskFile::Open, filename=" + std::string(other.view()) + " this="), 3U);
     EXPECT_EQ(ReadFile(other.c_str()), std::string("IFSD\1\0\0\0x\2\0\0\0yz", 15));
     EXPECT_EQ(log.Count("CDiskFile::WriteData, filename=" + std::string(other.view())), 14U);
 }
@@ -206,6 +209,7 @@ TEST(Streams, MoreOpenFilesThanStreamsWork) {
     TestClock clock;
     Cache cache(0);
     std::vector<FILE*> taken;
+    const size_t before = CountHandles();
     for (const size_t others : {0U, 48U}) { // streams that the rest of the process uses
         while (taken.size() < others)
             taken.push_back(std::fopen(NULL_DEVICE, "rb"));
@@ -215,6 +219,9 @@ TEST(Streams, MoreOpenFilesThanStreamsWork) {
             Write(*Cache::Block(*files.back(), 1), Pattern(i, 500));
         }
         FMWaitUntilIdle();
+        if (others == 0) {
+            EXPECT_LE(CountHandles(), before + 32);
+        }
         clock.Advance(600'000);
         for (uint32_t i = 0; i < files.size(); ++i) {
             EXPECT_FALSE(Cache::Block(*files[i], 1)->FreeMemory());

@@ -231,14 +231,17 @@ TEST(Statistics, FiguresCountStoresAndLoadsAndThoseThatFail) {
     file = cache.Open(id);
     for (const uint32_t block : {1U, 1U, 5U})
         Read(*Cache::Block(*file, block, 0)); // a miss, a hit, a failure
+    CountingSink sink;
+    Cache::Block(*file, 2, 0)->ReadData(&sink); // a miss
+    FMWaitUntilIdle();
     ExpectMetrics(Figures(),
-                  {"stores_total 5", "store_bytes_total 5000", "loads_total 1",
-                   "load_bytes_total 1000", "load_failures_total 1", "read_hits_total 1",
-                   "read_misses_total 2", "open_files 1", "resident_blocks 1", "memory_bytes 1000",
+                  {"stores_total 5", "store_bytes_total 5000", "loads_total 2",
+                   "load_bytes_total 2000", "load_failures_total 1", "read_hits_total 1",
+                   "read_misses_total 3", "open_files 1", "resident_blocks 2", "memory_bytes 2000",
                    "stored_blocks 5", // all slots of the loaded table
                    "stored_bytes 5000", "pending_blocks 0", "failed_blocks 0",
-                   "store_wait_seconds_count 5", "load_wait_seconds_count 2",
-                   "load_disk_seconds_count 2"});
+                   "store_wait_seconds_count 5", "load_wait_seconds_count 3",
+                   "load_disk_seconds_count 3"});
     cache.Close(file);
     ExpectMetrics(Figures(), {"open_files 0", "resident_blocks 0", "memory_bytes 0",
                               "stored_blocks 0", "stored_bytes 0"});

@@ -4,9 +4,11 @@
 
 #include <cstdlib>
 #include <functional>
+#include <span>
 #include <thread>
 
 #include "FMCatalog.h"
+#include "FMDurability.h"
 #include "FMStatistics.h"
 #include "testing/kit.h"
 #include "util/filemanager/fmfile.h"
@@ -41,29 +43,70 @@ void RunProgram(int files, bool isStopped) {
 
 } // namespace
 
-TEST(Mistakes, TheFirstCallOnAWrongThreadIsReported) {
+class OfServer : public testing::TestWithParam<int> {};
+INSTANTIATE_TEST_SUITE_P(Mistakes, OfServer, testing::Range(0, 2),
+                         testing::PrintToStringParamName());
+
+TEST_P(OfServer, TheFirstCallOnAWrongThreadIsReported) {
     LogCapture log(RT_LOG_ERROR);
-    Cache cache;
+    Cache cache(GetParam());
     const FileRef file = cache.Create();
     const BlockRef block = Cache::Block(*file, 1);
     RtRunOnCallerThread([&] { EXPECT_FALSE(block->IsComplete()); }, true);
     EXPECT_EQ(log.Text(), "");
+    FileRef found;
+    BlockRef none;
+    CRtMessageBlock* view = nullptr;
+    uint16_t count = 0;
+    const auto& noID = FMFileID_None;
     const std::pair<std::string, std::function<void()>> calls[] = {
         {"IFMBlock::IsComplete", [&] { block->IsComplete(); }},
+        {"IFMBlock::IsInMemory", [&] { block->IsInMemory(); }},
+        {"IFMBlock::IsAlive", [&] { block->IsAlive(); }},
+        {"IFMBlock::GetTotalLen", [&] { block->GetTotalLen(); }},
+        {"IFMBlock::GetPosition", [&] { block->GetPosition(); }},
+        {"IFMBlock::GetData", [&] { block->GetData(); }},
+        {"IFMBlock::FreeMemory", [&] { block->FreeMemory(); }},
+        {"IFMBlock::WriteData", [&] { block->WriteData(1, 1, nullptr); }},
+        {"IFMBlock::ReadData", [&] { block->ReadData(nullptr); }},
+        {"IFMBlock::ReadData", [&] { block->ReadData(1, 0, view); }},
+        {"IFMBlock::CancelReadData", [&] { block->CancelReadData(nullptr); }},
+        {"IFMBlock::AddRetrieve", [&] { block->AddRetrieve(nullptr, 1); }},
+        {"IFMBlock::CancelRetrieve", [&] { block->CancelRetrieve(nullptr); }},
+        {"IFMBlock::GetRetrieves", [&] { block->GetRetrieves(); }},
+        {"IFMBlock::GetRetrieveType", [&] { block->GetRetrieveType({}); }},
+        {"IFMBlock::SetOwner", [&] { block->SetOwner(nullptr, 1); }},
+        {"IFMBlock::HasOwner", [&] { block->HasOwner(); }},
+        {"IFMBlock::GetOwner", [&] { block->GetOwner(); }},
+        {"IFMFile::GetBlock", [&] { file->GetBlock(none.Receive(), 9, 0); }},
+        {"IFMFile::GetBlocks", [&] { file->GetBlocks(); }},
+        {"IFMFile::RemoveBlock", [&] { file->RemoveBlock(9, none.Receive()); }},
+        {"IFMFile::CancelRetrieve", [&] { file->CancelRetrieve(nullptr, 1); }},
+        {"IFileManager::CreateFile",
+         [&] { cache.manager->CreateFile(found.Receive(), FMFileInfo()); }},
+        {"IFileManager::OpenFile", [&] { cache.manager->OpenFile(found.Receive(), noID, 0); }},
+        {"IFileManager::AttachFile", [&] { cache.manager->AttachFile(noID); }},
+        {"IFileManager::DetachFile", [&] { cache.manager->DetachFile(noID); }},
+        {"IFileManager::GetBlock", [&] { cache.manager->GetBlock(none.Receive(), noID, 9, 0); }},
+        {"FMGetBlockStatus", [&] { FMGetBlockStatus(*block); }},
         {"FMSetHighWaterMark", [] { FMSetHighWaterMark(0, {}); }},
         {"FMStartHousekeeping", [] { EXPECT_EQ(FMStartHousekeeping(), RT_ERROR_NOT_READY); }},
         {"FMCallWhenIdle", [] { EXPECT_EQ(FMCallWhenIdle([](int) {}), RT_ERROR_NOT_READY); }},
         {"FMFlushAsync",
          [] { EXPECT_EQ(FMFlushAsync([](int, const auto&) {}), RT_ERROR_NOT_READY); }},
+        {"IFMBlock::GetOwners", [&] { block->GetOwners({}, &count, nullptr); }},
     };
-    for (const auto& [name, call] : calls) {
+    const auto checked = std::span(calls).first(std::size(calls) -
+                                                (GetParam() ? 0 : 1)); // a client has no GetOwners
+    for (const auto& [name, call] : checked) {
+        const std::string line =
+            name + ", mistake: called on a thread that is not the caller thread. Call it on the "
+                   "thread that created CRtCallerThread, or through RtRunOnCallerThread.";
+        const size_t before = log.Count(line);
         CFMMistakes::Reset();
         for (int i = 0; i < 2; ++i)
             std::thread(call).join();
-        EXPECT_EQ(log.Count(name + ", mistake: called on a thread that is not the caller thread. "
-                                   "Call it on the thread that created CRtCallerThread, or through "
-                                   "RtRunOnCallerThread."),
-                  1U);
+        EXPECT_EQ(log.Count(line), before + 1) << name;
     }
 }
 
@@ -91,7 +134,9 @@ TEST(Mistakes, UseBeforeInitializeIsReportedAndWritesNothing) {
             "of the file stay in memory only. Call IFileManager::Initialize first."),
         1U);
     EXPECT_FALSE(cache.Open(Description().fileID));
-    Write(*Cache::Block(*file, 1), "abc");
+    const BlockRef block = Cache::Block(*file, 1);
+    Write(*block, "abc");
+    EXPECT_EQ(FMGetBlockStatus(*block).condition, FMBlockCondition::Failed);
     cache.Start();
     static_cast<CFMFile&>(*file).RetryFailedStores();
     FMWaitUntilIdle();

@@ -257,6 +257,13 @@ TEST(ByteStream, EncodesTheBytesOfTheFormat) {
                                        "\x03\0\0\0\x07\0\0\0\0\0\0\0\x02\0\0\0",
                                        38));
     EXPECT_EQ(left, 0U);
+    info.name = "";
+    ASSERT_EQ(FMEncodeFileBody(info, 1, body), 0);
+    FMFileInfo decoded;
+    decoded.name = "older";
+    uint32_t createTime = 0;
+    EXPECT_EQ(FMDecodeFileBody(*body, decoded, createTime), 0);
+    EXPECT_TRUE(decoded.name.empty() && createTime == 1);
 }
 
 TEST(ByteStream, WritesAndReadsAcrossTheBlocksOfAChain) {

@@ -94,9 +94,10 @@ int CDiskFile::OpenStream(const CRtString& path, uint32_t flags, int& error) {
     keeper.MakeRoom();
     bool isCreated = false;
     RtOs::FileStamp stamp;
-    int file = RtOs::OpenFile(path, m_flags | flags, error, isCreated, stamp);
-    while (file == RtOs::NO_FILE && RtOs::IsOutOfStreams(error) && keeper.GiveBack())
+    int file = RtOs::NO_FILE;
+    do
         file = RtOs::OpenFile(path, m_flags | flags, error, isCreated, stamp);
+    while (file == RtOs::NO_FILE && RtOs::IsOutOfStreams(error) && keeper.GiveBack());
     if (file == RtOs::NO_FILE)
         return RT_ERROR_IO;
     error = 0;
@@ -253,7 +254,7 @@ int CDiskFile::ReaddData(void* lpBuffer, uint64_t dwOffset, const uint32_t& dwLe
 }
 
 bool CDiskFile::ReadQuietly(void* buffer, uint32_t length) const {
-    return length > 0 && RtOs::ReadAt(m_file, 0, buffer, length) == RtOs::Transfer::Done;
+    return RtOs::ReadAt(m_file, 0, buffer, length) == RtOs::Transfer::Done;
 }
 
 int CDiskFile::Get(void* buffer, uint64_t offset, uint32_t length) {

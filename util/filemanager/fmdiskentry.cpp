@@ -7,6 +7,7 @@
 #include "FMInfoCodec.h"
 #include "RtLog.h"
 #include "RtResult.h"
+#include "fmrules.h"
 #include "streamkeeper.h"
 
 namespace {
@@ -298,7 +299,7 @@ int CFMDiskEntry::WriteBlockBody(const FMTable& table, uint32_t& left) {
         return result;
     int64_t tableEnd = 0;
     for (const FMBlockEntry& entry : table.slots)
-        tableEnd = std::max(tableEnd, entry.posInFile + entry.totalLen);
+        tableEnd = std::max(tableEnd, FMEndOf(entry));
     assert(tableEnd <= m_dataEnd); // invariant 2
     const CRtString bytes = body->FlattenChained();
     const int result = m_pInfo->WriteBlockInfo(bytes.data(), static_cast<uint32_t>(bytes.size()));
@@ -321,7 +322,6 @@ int CFMDiskEntry::Revoke(int64_t pos, int64_t end) {
     m_pInfo->CheckPath(true);
     if (!Exists(m_pInfo->GetFileName())) { // removed by another program: no table names anything
         m_tableEnd = 0;
-        m_isNamedRead = false;
         return RT_OK;
     }
     if (const int result = ReadNamedRanges(); RT_FAILED(result))
@@ -377,8 +377,8 @@ int CFMDiskEntry::ReadNamedRanges() {
     m_longestNamed = 0;
     uint32_t at = m_pInfo->GetBlockBodyOffset() + FM_INFO_COUNT_SIZE;
     for (const FMBlockEntry& slot : slots) {
-        if (slot.totalLen > 0 && FMIsEntryPossible(slot)) {
-            m_named.push_back({slot.posInFile, slot.posInFile + slot.totalLen, at});
+        if (FMNamesBytes(slot)) {
+            m_named.push_back({slot.posInFile, FMEndOf(slot), at});
             m_longestNamed = std::max(m_longestNamed, int64_t{slot.totalLen});
         }
         at += FMEntrySize(slot);

@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <tuple>
 
 #include "os/RtOs.h"
 
@@ -62,11 +63,7 @@ void FMFileIDFromString(const CRtString& text, FMFileID& id) {
 }
 
 bool operator<(const FMFileID& a, const FMFileID& b) {
-    if (a.Data1 != b.Data1)
-        return a.Data1 < b.Data1;
-    if (a.Data2 != b.Data2)
-        return a.Data2 < b.Data2;
-    if (a.Data3 != b.Data3)
-        return a.Data3 < b.Data3;
-    return std::memcmp(a.Data4, b.Data4, sizeof(a.Data4)) < 0;
+    const int last = std::memcmp(a.Data4, b.Data4, sizeof(a.Data4));
+    const int equal = 0;
+    return std::tie(a.Data1, a.Data2, a.Data3, last) < std::tie(b.Data1, b.Data2, b.Data3, equal);
 }
