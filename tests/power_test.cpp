@@ -207,7 +207,7 @@ public:
     }
 
     const TempDir base;
-    const fs::path& root = base.path;
+    const fs::path root = fs::canonical(base.path); // the path of a descriptor
     std::vector<Change> changes;
 
 private:
@@ -305,7 +305,7 @@ private:
 
     const LogCapture m_quiet{RT_LOG_SILENT};
     const TestClock m_clock;
-    Cache m_cache{base.path / "made" / "here", false};
+    Cache m_cache{root / "made" / "here", false};
     std::vector<Mark> m_marks;
     std::map<Key, std::set<std::string>> m_versions;
     Blocks m_now;
