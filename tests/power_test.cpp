@@ -460,6 +460,8 @@ TEST(Power, ASyncReportsWhatFailsAndTheNextOneRepeatsIt) {
     EXPECT_TRUE(unsaved.empty());
     // Four files, the store and the two directories above it.
     EXPECT_EQ(log.Count("system error EIO"), 7U);
+    faults::Begin(base.path, {faults::FAIL, faults::SYNC | faults::LOOK, 1, true, EIO, 0});
+    EXPECT_EQ(FMSync(unsaved), RT_ERROR_IO); // a file that cannot be examined is not gone
     faults::Lift();
     EXPECT_EQ(FMSync(unsaved), RT_OK);
     EXPECT_EQ(synced, (std::vector<std::string>{".sdd", ".sdd", ".sdi", ".sdi", "", "", ""}));
@@ -483,6 +485,8 @@ TEST(Power, ASyncIncludesFilesWhoseNumberExceedsTheList) {
         if (change.kind == faults::SYNC)
             synced.insert(change.path);
     });
+    const FileRef open = cache.Create();
+    Write(*Cache::Block(*open, 1), "bytes");
     for (size_t i = 0; i < count; ++i) {
         FileRef file = cache.Create();
         Write(*Cache::Block(*file, 1), "bytes");
@@ -491,8 +495,11 @@ TEST(Power, ASyncIncludesFilesWhoseNumberExceedsTheList) {
     FMWaitUntilIdle();
     fs::create_symlink("/", cache.Path(Description().fileID, ".sdd")); // not a file of the cache
     std::vector<FMUnsavedBlock> unsaved;
-    EXPECT_EQ(FMSync(unsaved), RT_OK);
-    EXPECT_EQ(synced.size(), 2 * count + 2);
+    faults::Begin(cache.dir.path, {faults::FAIL, faults::SYNC, 9, false, EIO, 0});
+    EXPECT_EQ(FMSync(unsaved), RT_ERROR_IO);
+    synced.clear();
+    EXPECT_EQ(FMSync(unsaved), RT_OK); // of all files again
+    EXPECT_EQ(synced.size(), 2 * count + 4);
     faults::Observe({});
 }
 
