@@ -276,6 +276,7 @@ TEST(Info, FileIsRegisteredUnderItsStoredIdentifierNotThatOfItsPath) {
     ASSERT_TRUE(file);
     EXPECT_TRUE(cache.Open(inside.fileID, 0).Get() == file.Get());
     EXPECT_FALSE(cache.Open(outside, 0));
+    EXPECT_EQ(cache.Open(outside).Get(), file.Get()); // the path has one object
     cache.Stop();
     cache.Start();
     const FileRef found = cache.Open(inside.fileID);
