@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "RtHome.h"
 #include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
 #include "util/runtime/os/RtOs.h"
@@ -24,6 +25,7 @@ struct Case {
     std::vector<Drive> drives; // from P on
     std::string chosen;        // or the warning, if it is the folder of the user's application data
     uint32_t lengthAnswered = static_cast<uint32_t>(list.size());
+    const char* home = nullptr; // there is no folder of the user, but this one was set
 };
 
 using namespace std::string_literals;
@@ -39,6 +41,7 @@ const Case CASES[] = {
     {"NoneWithRoom", TWO, {{FIXED, 0}, {NETWORK, 2}}, "lpDSMax is null"},
     {"NoSize", "", {}, "GetLogicalDriveStrings len fail"},
     {"NoList", TWO, {}, "GetLogicalDriveStrings real fail", 0},
+    {"HomeThatWasSet", "", {}, "home\\", 0, " home "},
 };
 
 const Case* g_now = nullptr;
@@ -55,6 +58,10 @@ uint32_t __wrap__ZN4RtOs15GetDriveStringsEjPc(uint32_t size, char* buffer) {
         return list.empty() ? 0 : static_cast<uint32_t>(list.size() + 1);
     std::memcpy(buffer, list.data(), std::min<size_t>(size, list.size()));
     return g_now->lengthAnswered;
+}
+bool __real__ZN4RtOs14GetUserDataDirER9CRtString(CRtString& directory);
+bool __wrap__ZN4RtOs14GetUserDataDirER9CRtString(CRtString& directory) {
+    return !g_now->home && __real__ZN4RtOs14GetUserDataDirER9CRtString(directory);
 }
 uint32_t __wrap__ZN4RtOs12GetDriveKindEPKc(const char* root) { return At(root).kind; }
 bool __wrap__ZN4RtOs17GetDriveFreeBytesEPKcRm(const char* root, uint64_t& available) {
@@ -73,6 +80,7 @@ TEST_P(Drives, DefaultRootIsTheFixedDriveWithTheMostFreeSpace) {
     const TempDir dir; // POSIX has no drive letters: each root is a directory below this one
     fs::current_path(dir.path);
     SetVariable("XDG_CACHE_HOME", dir.path.string());
+    set_quillmer_home_dir(g_now->home);
     const LogCapture log;
     const CRtCallerThread callerThread;
     IFileManager::Instance()->Initialize("", 7, 1);
@@ -80,7 +88,7 @@ TEST_P(Drives, DefaultRootIsTheFixedDriveWithTheMostFreeSpace) {
     const CRtString dataDir = CFileManager::Instance()->GetDataDir();
     if (g_now->chosen.ends_with('\\')) {
         EXPECT_EQ(dataDir, CRtString(g_now->chosen + "sdstore\\"));
-        EXPECT_EQ(log.Count("CFileManager::GetMaxDrive, "), 0U);
+        EXPECT_EQ(log.Count("CFileManager::GetMaxDrive, "), g_now->home ? 1U : 0U);
     } else {
         EXPECT_EQ(CFileManager::DirExists(dataDir), 1);
         EXPECT_EQ(log.Count("CFileManager::GetMaxDrive, " + g_now->chosen), 1U);

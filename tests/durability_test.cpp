@@ -64,7 +64,7 @@ TEST(Durability, FlushAsyncWaitsForTheFilesOfItsCall) {
     Cache cache;
     int flushed = -1;
     const auto closeNew = [&](FileRef& file) {
-        Write(*Cache::Block(*file, 2), Pattern(2, 100));
+        Write(*Cache::Block(*file, 2), Pattern(2, 70'000)); // too long for a batch
         cache.Close(file);
     };
     FileRef file = cache.Create();

@@ -286,6 +286,15 @@ TEST(Fault, TheCatalogIsRightAboutAFileThatVanishesOrCannotBeExamined) {
     }
 }
 
+TEST(Fault, AStoreThatCanBeCreatedLaterIsNotReported) {
+    const LogCapture log(RT_LOG_ERROR);
+    const TempDir dir;
+    Begin(dir.path, {.action = FAIL, .kinds = MAKE_DIR, .error = EACCES});
+    const Cache cache(dir.path);
+    EXPECT_EQ(Hits(), 1U);
+    EXPECT_EQ(log.Text(), "");
+}
+
 TEST(Fault, AFullDiskDoesNotPreventTheRemovalOfAnInformationFile) {
     const LogCapture quiet(RT_LOG_SILENT);
     Cache cache;
@@ -296,6 +305,10 @@ TEST(Fault, AFullDiskDoesNotPreventTheRemovalOfAnInformationFile) {
     EXPECT_EQ(FMRemoveCachedFile(store, FMFileIDToString(info.fileID), false), RT_OK);
     Lift();
     EXPECT_EQ(CountFiles(cache.dir.path), 0U);
+    WriteFile(cache.Path(info.fileID, ".sdd"), "data");
+    Begin(cache.dir.path,
+          {.action = FAIL, .kinds = REMOVE, .nth = 2, .forever = true, .error = EACCES});
+    EXPECT_EQ(FMRemoveCachedFile(store, FMFileIDToString(info.fileID), false), RT_ERROR_IO);
 }
 
 TEST(Fault, ADataFileThatIsReplacedAtAnyCallOfAReadNeverYieldsForeignBytes) {

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <future>
 
+#include "FMCatalog.h"
 #include "testing/kit.h"
 #include "testing/node.h"
 #include "util/filemanager/filemanager.h"
@@ -31,6 +32,13 @@ TEST(Registry, LastDetachClosesTheFile) {
     EXPECT_EQ(&manager.GetBlocks(id), &file->GetBlocks());
     EXPECT_EQ(manager.RemoveBlock(id, 1, block.Receive()), 0);
     EXPECT_EQ(manager.GetBlock(block.Receive(), id, 1, 0), RT_ERROR_NOT_FOUND);
+    bool hasRun = false;
+    EXPECT_EQ(manager.PostToCallerThread(new TestEvent([&] { hasRun = true; }), 1), 0);
+    EXPECT_TRUE(hasRun);
+    using Claim = CFMLiveFiles::CClaim;
+    const Claim claim(manager.GetLiveFiles(), {1, 2, 3, {}}, Claim::WAIT);
+    EXPECT_FALSE(Claim(manager.GetLiveFiles(), {1, 2, 3, {}}, Claim::IF_FREE).IsHeld());
+    EXPECT_TRUE(Claim(manager.GetLiveFiles(), {2, 2, 3, {}}, Claim::IF_FREE).IsHeld());
     EXPECT_EQ(manager.AttachFile(id), 0);
     EXPECT_EQ(manager.AttachFile(id), 0);
     EXPECT_EQ(manager.DetachFile(id), 0);
@@ -93,9 +101,11 @@ TEST(File, CreatingAFileDoesNotWaitForItsPredecessor) {
     CFileManager::Instance()->PostToReadwrThread(
         new TestEvent([&] { waited = go.get_future().wait_for(std::chrono::seconds(10)); }), 0);
     FileRef second = cache.Create(info);
+    std::vector<CRtString> names;
+    FMListCachedFiles("", names, names); // waits for closed files, but not for the predecessor
     go.set_value();
     FMWaitUntilIdle();
-    EXPECT_EQ(waited, std::future_status::ready) << "CreateFile waited for the read/write thread";
+    EXPECT_EQ(waited, std::future_status::ready) << "the caller waited for the read/write thread";
     cache.Close(second); // it has stored nothing: the files of the first one still exist
     FMWaitUntilIdle();
     const FileRef found = cache.Open(info.fileID);

@@ -98,6 +98,9 @@ TEST_F(Loading, EntriesWithImpossibleNumbersBecomeBlocksWithoutDataOrAreSkipped)
                                          {4000, 10, 100}}));
     ASSERT_TRUE(file);
     EXPECT_EQ(Read(*Cache::Block(*file, 1, 0)), Pattern(0, 1000).substr(0, 100));
+    Write(*Cache::Block(*file, 7), "more");
+    std::vector<FMUnsavedBlock> unsaved;
+    EXPECT_EQ(FMFlush(unsaved), RT_OK); // what was damaged before is not listed
     EXPECT_EQ(log.Count("CDiskFile::ReaddData. fread Failed."), 0U); // no buffer was allocated
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, impossible place, blockID="), 3U);
     EXPECT_EQ(log.Count("CFMFile::LoadBlokInfo, block beyond the data file, blockID="), 2U);
@@ -206,6 +209,12 @@ TEST_F(Loading, TablesAndDescriptionsBeyondTheLimitsAreRefused) {
     bytes.erase(FM_INFO_BODY_OFFSET + length, 4);
     EXPECT_FALSE(LoadBytes(bytes));
     EXPECT_EQ(log.Count("CFMFile::LoadFileInfo, Decode file info error, ret=10008"), 2U);
+    EXPECT_FALSE(LoadBytes(InfoFile(info, "").substr(0, FM_INFO_LENGTH_OFFSET + 1)));
+    FMPutLength(4, prefix); // the body ends within the description
+    bytes.replace(FM_INFO_LENGTH_OFFSET, 4, reinterpret_cast<const char*>(prefix), 4);
+    EXPECT_FALSE(LoadBytes(bytes.substr(0, FM_INFO_BODY_OFFSET + 4)));
+    EXPECT_EQ(log.Count("FMDescribeCachedFile, the information file has a damaged description"),
+              1U);
     info.name = CRtString(std::string(FM_INFO_NAME_MAX, 'n'));
     EXPECT_TRUE(Load(BlockBody({})));
     EXPECT_FALSE(LoadBytes(std::string("IFSD\3\0\0\0abc", 11))); // the description ends early
@@ -235,12 +244,17 @@ TEST(Info, TablesAndNamesAtTheLimitsOfTheFormat) {
     EXPECT_EQ(left, 52'000U - 51'199);
     EXPECT_LE(body->GetChainedLength(), FM_INFO_BLOCK_BODY_MAX);
 
-    FMFileInfo info = Description();
-    info.name = CRtString(std::string(32'767, 'n'));
-    FileRef nameless = cache.Create(info);
-    Write(*Cache::Block(*nameless, 1), "x");
-    cache.Close(nameless);
-    EXPECT_EQ(log.Count("CFMFile::SaveFileInfo, Encode file info error, ret=10001 this="), 1U);
+    for (const auto& [length, lost] : {std::pair{32'767, 1U}, {2'011, 1U}, {2'010, 0U}}) {
+        FMFileInfo info = Description();
+        info.name = CRtString(std::string(static_cast<size_t>(length), 'n'));
+        file = cache.Create(info);
+        Write(*Cache::Block(*file, 1), "x");
+        std::vector<FMUnsavedBlock> unsaved;
+        EXPECT_EQ(FMFlush(unsaved), lost > 0 ? RT_ERROR_IO : RT_OK);
+        EXPECT_EQ(unsaved.size(), lost);
+        cache.Close(file);
+    }
+    EXPECT_EQ(log.Count("CFMFile::SaveFileInfo, Encode file info error, ret=10001 this="), 2U);
 }
 
 TEST(Info, AnEntryOverlapsIfItSharesAByteWithAnother) {
@@ -321,6 +335,7 @@ TEST(Info, FileIsRegisteredUnderItsStoredIdentifierNotThatOfItsPath) {
     ASSERT_TRUE(file);
     EXPECT_TRUE(cache.Open(inside.fileID, 0).Get() == file.Get());
     EXPECT_FALSE(cache.Open(outside, 0));
+    EXPECT_EQ(cache.Open(outside).Get(), file.Get()); // the path has one object
     cache.Stop();
     cache.Start();
     const FileRef found = cache.Open(inside.fileID);

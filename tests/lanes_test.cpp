@@ -220,6 +220,29 @@ TEST(HighWaterMark, ReportsOnceAboveAndOnceBelowHalf) {
     EXPECT_EQ(reports.size(), 4U);
 }
 
+TEST(HighWaterMark, AChangeWithoutACallerThreadIsReportedLater) {
+    LogCapture log(RT_LOG_ERROR);
+    Cache cache;
+    std::vector<bool> reports;
+    FMSetHighWaterMark(50, [&](bool isAbove) { reports.push_back(isAbove); });
+    FileRef file = cache.Create();
+    fs::create_directory(cache.Path(file->GetFileInfo().fileID, ".sdd")); // the store fails
+    BlockRef block = Cache::Block(*file, 1);
+    Write(*block, Pattern(1, 100));
+    cache.Stop();
+    EXPECT_EQ(FMGetUnstoredBytes(), 100U);
+    block.Reset();
+    EXPECT_EQ(FMGetUnstoredBytes(), 0U);
+    EXPECT_EQ(log.Count(" Assert failed"), 0U);
+    cache.Start();
+    FMWaitUntilIdle();
+    EXPECT_EQ(reports, std::vector{true});
+    Write(*Cache::Block(*cache.Create(), 1), "x");
+    FMWaitUntilIdle();
+    EXPECT_EQ(reports, (std::vector{true, false}));
+    FMSetHighWaterMark(0, {});
+}
+
 TEST(Statistics, FiguresCountStoresAndLoadsAndThoseThatFail) {
     TestClock clock;
     LogCapture quiet(RT_LOG_SILENT);

@@ -128,6 +128,7 @@ TEST(Mistakes, UseBeforeInitializeIsReportedAndWritesNothing) {
     Cache cache(dir.path / "cache", false);
     FileRef file = cache.Create();
     const FMFileID id = file->GetFileInfo().fileID;
+    file = cache.Create(file->GetFileInfo()); // replaces the other
     EXPECT_EQ(
         log.Count(
             "IFileManager::CreateFile, mistake: the manager is not initialized, so the blocks "

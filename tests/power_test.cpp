@@ -446,6 +446,8 @@ TEST_F(Sync, ReportsWhatFailsAndTheNextOneRepeatsIt) {
     EXPECT_EQ(Call(), RT_ERROR_IO);
     // Four files, the store and the two directories above it.
     EXPECT_EQ(log.Count("system error EIO"), 7U);
+    faults::Begin(base.path, {faults::FAIL, faults::SYNC | faults::LOOK, 1, true, EIO, 0});
+    EXPECT_EQ(Call(), RT_ERROR_IO); // a file that cannot be examined is not gone
     faults::Lift();
     EXPECT_EQ(Call(), RT_OK);
     std::vector<std::string> expected{".sdd", ".sdd", ".sdi", ".sdi", "", "", ""};
@@ -468,7 +470,10 @@ TEST_F(Sync, IncludesFilesWhoseNumberExceedsTheList) {
     }
     FMWaitUntilIdle();
     fs::create_symlink("/", cache.Path(Description().fileID, ".sdd")); // not a file of the cache
-    EXPECT_EQ(Call(), RT_OK);
+    faults::Begin(base.path, {faults::FAIL, faults::SYNC, 9, false, EIO, 0});
+    EXPECT_EQ(Call(), RT_ERROR_IO);
+    changes.clear();
+    EXPECT_EQ(Call(), RT_OK); // of all files again
     EXPECT_EQ(Synced().size(), 2 * count + 3);
 }
 

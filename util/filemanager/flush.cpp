@@ -109,7 +109,7 @@ private:
     void SyncFiles(int (CFMDiskEntry::*sync)(), const char* extension) {
         for (const auto& file : m_files) {
             if (!(file->GetFileInfo().flag & FM_FILE_TEMPORARY)) // no later run loads it
-                m_isSynced = RT_SUCCEEDED((file->GetEntry().*sync)()) && m_isSynced;
+                m_isSynced &= RT_SUCCEEDED((file->GetEntry().*sync)());
         }
         for (const CRtString& stem : m_closed)
             SyncFile(m_dir + stem + extension);
@@ -174,9 +174,9 @@ int CFileManager::SaveAll(const std::vector<FileRef>& files, std::vector<FMUnsav
     bool isSaved = true;
     for (const FileRef& file : files) {
         if (IsRegistered(*file))
-            isSaved = file->SaveNow(unsaved) && isSaved;
+            isSaved &= file->SaveNow(unsaved);
         else if (file->HasUnsavedTable())
-            isSaved = file->SavePendingTable(unsaved) && isSaved;
+            isSaved &= file->SavePendingTable(unsaved);
     }
     return isSaved && unsaved.empty() ? RT_OK : RT_ERROR_IO;
 }

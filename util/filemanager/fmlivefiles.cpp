@@ -13,10 +13,8 @@ void CFMLiveFiles::Forget(const FMFileID& pathID, const CFMFile* file, bool isUn
     if (isUnsynced)
         m_unsynced.Add({false, {pathID}, {}});
     const auto [first, last] = m_files.equal_range(pathID);
-    const auto it =
-        std::find_if(first, last, [file](const auto& each) { return each.second == file; });
-    if (it != last)
-        m_files.erase(it);
+    m_files.erase(
+        std::find_if(first, last, [file](const auto& each) { return each.second == file; }));
 }
 
 std::vector<CFMLiveFiles::FileRef> CFMLiveFiles::Get(const FMFileID* pathID,
