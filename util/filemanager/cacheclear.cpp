@@ -16,8 +16,8 @@ void CFileManager::ClearDiskCache() {
     } else if (RemoveDeadDirectories(false, held) == 0) {
         RT_LOG(RT_LOG_TRACE, "CFileManager::RemoveDir. Dir:" << m_rootDir);
         held = 0; // what is still held is counted again
-        RemoveDeadDirectories(true, held);
-        RtOs::RemoveEmptyDirectory(m_rootDir); // best effort: fails if a new entry was created
+        if (RemoveDeadDirectories(true, held) == 0)
+            RtOs::RemoveEmptyDirectory(m_rootDir); // best effort: fails if a new entry was created
     }
     if (held > 0)
         RT_LOG(

@@ -124,9 +124,9 @@ class CInfoFile final : public CDiskFile {
 public:
     using CDiskFile::CDiskFile;
 
-    /// Opens the file, which is closed, if it exists, and reads its first `most` bytes with one system call. Until DropReadAhead
-    /// or a write, the operations that read take their bytes from there. For the load of a file that no other
-    /// process changes. False if there is no file.
+    /// Opens the file, if it exists, and reads its first `most` bytes with one system call. Until DropReadAhead or a
+    /// write, the operations that read take their bytes from there. For the load of a file that no other process
+    /// changes. False if there is no file. Precondition: it is closed.
     bool ReadAhead(uint32_t most);
     void DropReadAhead() { m_ahead = {}; }
 

@@ -99,15 +99,19 @@ int CFileManager::Initialize(const CRtString& dataDir, uint16_t clearDays, int i
 }
 
 void CFileManager::StartThreads() {
-    const int ret = CRtThreadManager::Instance()->CreateUserTaskThread(
-        m_pReadwrTd, CRtThreadManager::TT_TASK, 0);
-    if (RT_FAILED(ret))
-        RT_LOG(RT_LOG_ERROR, "CFileManager::Initialize, Start Local R/W Thread error. ret=" << ret);
-    else if (!CRtEventQueue::IsStepping())
-        // The thread marks itself: FMWaitUntilIdle asks on any thread.
-        PostToReadwrThread(new CFMFunctor0(this, &CFileManager::MarkReadwrThread), 0,
-                           RT_PRIORITY_HIGH);
-    m_pCallerTd = CRtThreadManager::Instance()->GetThread(RT_CALLER_THREAD);
+    if (!m_pReadwrTd) { // UnInitialize calls the application, which may initialize again
+        const int ret = CRtThreadManager::Instance()->CreateUserTaskThread(
+            m_pReadwrTd, CRtThreadManager::TT_TASK, 0);
+        if (RT_FAILED(ret))
+            RT_LOG(RT_LOG_ERROR,
+                   "CFileManager::Initialize, Start Local R/W Thread error. ret=" << ret);
+        else if (!CRtEventQueue::IsStepping())
+            // The thread marks itself: FMWaitUntilIdle asks on any thread.
+            PostToReadwrThread(new CFMFunctor0(this, &CFileManager::MarkReadwrThread), 0,
+                               RT_PRIORITY_HIGH);
+    }
+    if (!m_pCallerTd)
+        m_pCallerTd = CRtThreadManager::Instance()->GetThread(RT_CALLER_THREAD);
 }
 
 void CFileManager::UnInitialize() noexcept {
@@ -519,7 +523,7 @@ CFileManager::FileRef CFileManager::FindOpenAt(const FMFileID& pathID) {
     return it == files.end() ? FileRef() : *it;
 }
 
-// On another thread than the caller thread, with the lock of m_live held.
+// Runs on the caller thread, or with the lock of m_live.
 bool CFileManager::IsRegistered(CFMFile& file) const {
     const auto it = m_id2files.find(file.GetFileInfo().fileID);
     return it != m_id2files.end() && it->second.Get() == &file;

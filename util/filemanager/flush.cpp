@@ -173,11 +173,13 @@ int CFileManager::SaveAll(const std::vector<FileRef>& files, std::vector<FMUnsav
     unsaved.clear();
     bool isSaved = true;
     for (const FileRef& file : files) {
-        if (IsRegistered(*file))
-            isSaved &= file->SaveNow(unsaved);
-        else if (file->HasUnsavedTable())
+        if (file->HasUnsavedTable() && !file->IsClosing()) // closed, perhaps not unregistered yet
             isSaved &= file->SavePendingTable(unsaved);
+        else if (IsRegistered(*file))
+            isSaved &= file->SaveNow(unsaved);
     }
+    std::stable_sort(unsaved.begin(), unsaved.end(),
+                     [](auto& left, auto& right) { return left.fileID < right.fileID; });
     return isSaved && unsaved.empty() ? RT_OK : RT_ERROR_IO;
 }
 

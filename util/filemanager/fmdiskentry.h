@@ -34,7 +34,8 @@ public:
     CFMDiskEntry& operator=(const CFMDiskEntry&) = delete;
 
     struct Stored {
-        int result; ///< RT_OK; RT_ERROR_IO; RT_ERROR_NOT_READY: the path belongs to another object now
+        /// RT_OK; RT_ERROR_IO; RT_ERROR_NOT_READY: another object has the path, or memory for the disk files was missing
+        int result;
         uint32_t epoch;
     };
     /// Writes adjacent pieces, RtOs::PIECES_MAX at most, at `pos`. Before that, it removes what a predecessor

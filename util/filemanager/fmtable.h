@@ -11,7 +11,8 @@
 /// The epoch of a disk entry until bytes are found missing from its data file.
 constexpr uint32_t FM_FIRST_EPOCH = 1;
 
-/// The number of slots that FMEncodeBlockBody encodes, because the format cannot hold the others. `size`: of their body.
+/// The number of slots that FMEncodeBlockBody encodes, because the format cannot hold the others. `size`: the bytes of
+/// the body.
 size_t FMCountSavedSlots(const std::vector<FMBlockEntry>& slots, uint32_t& size);
 
 /// Entries name only bytes that are in the data file: a store that was pending at the close adds its entry

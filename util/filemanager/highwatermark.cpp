@@ -7,6 +7,7 @@
 #include "statistics.h"
 
 void CHighWaterMark::Set(uint64_t bytes, std::function<void(bool)> callback) {
+    m_mark = 0; // stops comparisons with the former one
     m_callback = std::move(callback);
     m_isReported = false;
     m_isAbove = false;

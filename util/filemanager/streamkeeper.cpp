@@ -70,7 +70,7 @@ bool CStreamKeeper::GiveBack() {
     return any;
 }
 
-// Precondition: there is one.
+// Precondition: a stream is in the list.
 void CStreamKeeper::CloseOldest() {
     CKeptStream& file = *m_pOldest;
     Unlink(file);
