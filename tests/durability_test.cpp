@@ -132,7 +132,6 @@ TEST(Durability, AFlushListsTheBlocksOfClosedFilesWhoseTableIsPending) {
     EXPECT_TRUE(unsaved.empty());
     cache.Stop();
     EXPECT_FALSE(cache.Open(FMFileID{1, 2, 3, {}}));
-    EXPECT_TRUE(cache.Open(id)); // without a read/write thread
 }
 
 TEST(Durability, CallsWithoutAFunctionOrAfterTheStopAreRefused) {

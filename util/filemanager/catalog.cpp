@@ -172,9 +172,9 @@ void ReadInfo(const CRtString& path, FMCachedFile& file, FMTableFacts& facts) {
 // The file objects of this process that live on the path. If there is one, the manager's directory is fixed.
 std::vector<FileRef> FindLive(CFileManager* manager, const CRtString& dataPath,
                               const FMFileID& id) {
-    std::vector<FileRef> live;
-    if (manager)
-        live = manager->GetLiveFiles().Get(&id);
+    if (!manager)
+        return {};
+    std::vector<FileRef> live = manager->GetLiveFiles().Get(&id);
     if (live.empty())
         return live;
     const CRtString own = manager->GetDataDir() + StemOf(id) + FM_DATA_EXTENSION;

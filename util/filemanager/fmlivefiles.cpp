@@ -13,8 +13,10 @@ void CFMLiveFiles::Forget(const FMFileID& pathID, const CFMFile* file, bool isUn
     if (isUnsynced)
         m_unsynced.Add({false, {pathID}, {}});
     const auto [first, last] = m_files.equal_range(pathID);
-    m_files.erase(
-        std::find_if(first, last, [file](const auto& each) { return each.second == file; }));
+    const auto it =
+        std::find_if(first, last, [file](const auto& each) { return each.second == file; });
+    if (it != last) // else there was no memory to list it
+        m_files.erase(it);
 }
 
 std::vector<CFMLiveFiles::FileRef> CFMLiveFiles::Get(const FMFileID* pathID,
