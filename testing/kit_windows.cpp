@@ -49,6 +49,12 @@ const char NULL_DEVICE[] = "NUL";
 
 void SetVariable(const char* name, const std::string& value) { _putenv_s(name, value.c_str()); }
 
+size_t CountHandles() {
+    DWORD count = 0;
+    GetProcessHandleCount(GetCurrentProcess(), &count);
+    return count;
+}
+
 bool LimitStreams(uint32_t count) {
     return _setmaxstdio(static_cast<int>(count)) == static_cast<int>(count);
 }
