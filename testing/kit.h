@@ -161,7 +161,7 @@ private:
 extern const uint32_t SLOWNESS;
 extern const char NULL_DEVICE[];
 void SetVariable(const char* name, const std::string& value);
-size_t CountHandles(); // POSIX only
+size_t CountHandles();
 // Sets the limit of open streams of this process.
 bool LimitStreams(uint32_t count);
 // True for a junction, false for a link of the host system under an emulator. Windows only.
