@@ -162,16 +162,6 @@ TEST(Mistakes, ADataDirectoryThatCannotBeCreatedIsReportedWithItsError) {
                                 "may create."));
 }
 
-TEST(Mistakes, ARelativeDataDirectoryWithoutAParentIsReported) {
-    LogCapture log(RT_LOG_ERROR);
-    {
-        const TempDir removed;
-        fs::current_path(removed.path);
-    }
-    const Cache cache(fs::path("relative"));
-    EXPECT_THAT(log.Text(), HasSubstr("stay in memory only: relative: ENOENT "));
-}
-
 TEST(Mistakes, ABlockOrANameThatCannotBeSavedIsReportedWithItsFile) {
     LogCapture log(RT_LOG_ERROR);
     Cache cache;

@@ -256,6 +256,16 @@ TEST(DirectoryWalk, LeaveDoesNotEnterAnotherDirectory) {
     EXPECT_FALSE(walk.IsOpen());
 }
 
+TEST(Mistakes, ARelativeDataDirectoryWithoutAParentIsReported) {
+    LogCapture log(RT_LOG_ERROR);
+    {
+        const TempDir removed;
+        fs::current_path(removed.path);
+    }
+    const Cache cache(fs::path("relative"));
+    EXPECT_EQ(log.Count("stay in memory only: relative: ENOENT "), 1U);
+}
+
 TEST(Mistakes, AMistakeStopsTheProcessInItsDebugger) {
     const pid_t child = fork();
     ASSERT_GE(child, 0);

@@ -312,7 +312,7 @@ TEST_P(HeldStore, DelaysNoCallOfTheCallerThread) {
     Turn([&] { EXPECT_EQ(!cache.Open(last), isClosed); });
     Turn([&] { FMDescribeCachedFile(store, FMFileIDToString(last), found); });
     Turn(runDue);
-    EXPECT_EQ(isDone, !isClosed);
+    EXPECT_TRUE(isDone); // files that are created after the call are not included
     if (count == 1) {
         EXPECT_EQ(read, isClosed ? "error 10001" : "evicted");
         CloseHandle(held.front());
