@@ -38,7 +38,7 @@ void LogRemoveDir(const CRtString& dir) {
 }
 
 CRtString WithBackslash(CRtString dir) {
-    if (dir.back() != '\\')
+    if (!dir.view().ends_with('\\'))
         dir += '\\';
     return dir;
 }

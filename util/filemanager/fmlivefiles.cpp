@@ -15,7 +15,7 @@ void CFMLiveFiles::Forget(const FMFileID& pathID, const CFMFile* file, bool isUn
     const auto [first, last] = m_files.equal_range(pathID);
     const auto it =
         std::find_if(first, last, [file](const auto& each) { return each.second == file; });
-    if (it != last) // else there was no memory to list it
+    if (it != last)
         m_files.erase(it);
 }
 

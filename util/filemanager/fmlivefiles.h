@@ -26,7 +26,7 @@ public:
 
     /// Precondition: the lock is held.
     void Add(const FMFileID& pathID, CFMFile* file) { m_files.emplace(pathID, file); }
-    /// The object, which was added, is being destroyed. Any thread.
+    /// The object is being destroyed. It is not listed if there was no memory to add it. Any thread.
     void Forget(const FMFileID& pathID, const CFMFile* file, bool isUnsynced);
     /// All objects, or those of one path, except those that are being destroyed.
     /// `ending`: the paths of those.
