@@ -132,6 +132,9 @@ TEST(Durability, AFlushListsTheBlocksOfClosedFilesWhoseTableIsPending) {
     EXPECT_TRUE(unsaved.empty());
     cache.Stop();
     EXPECT_FALSE(cache.Open(FMFileID{1, 2, 3, {}}));
+    FileRef late = cache.Open(id); // without a read/write thread
+    ASSERT_TRUE(late);
+    cache.Close(late);
 }
 
 TEST(Durability, CallsWithoutAFunctionOrAfterTheStopAreRefused) {
