@@ -180,6 +180,12 @@ std::string Bytes(const CRtMessageChain& chain) {
     return std::string(chain->FlattenChained().view());
 }
 
+FMStatistics ReadStatistics() {
+    FMStatistics figures;
+    FMGetStatistics(figures);
+    return figures;
+}
+
 std::string InfoFile(const FMFileInfo& info, const std::string& blockBody, int64_t createTime) {
     const auto length = [](uint64_t bytes) {
         std::string text;

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "FMStatistics.h"
 #include "IFileManager.h"
 #include "RtEventQueue.h"
 #include "RtRuntime.h"
@@ -136,6 +137,7 @@ void WriteFile(const fs::path& path, const std::string& bytes);
 size_t CountFiles(const fs::path& path);
 FMFileInfo Description(uint32_t blockBeg = 1, uint32_t flag = 0);
 std::string Bytes(const CRtMessageChain& chain);
+FMStatistics ReadStatistics();
 // The bytes of an information file.
 std::string InfoFile(const FMFileInfo& info, const std::string& blockBody,
                      int64_t createTime = 1'700'000'000);

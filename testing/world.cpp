@@ -10,7 +10,6 @@
 
 #include "FMCatalog.h"
 #include "FMDurability.h"
-#include "FMStatistics.h"
 #include "testing/faults.h"
 #include "testing/model.h"
 #include "testing/others.h"
@@ -276,8 +275,7 @@ private:
 
     // Both threads are idle.
     void CheckFigures() {
-        FMStatistics figures;
-        FMGetStatistics(figures);
+        const FMStatistics figures = ReadStatistics();
         Require(figures.pendingBlocks == 0 && figures.pendingBytes == 0, "no store is pending");
         Require(figures.failedBytes == FMGetUnstoredBytes(), "unstored bytes are counted");
         for (const auto& histogram :

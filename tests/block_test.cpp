@@ -4,19 +4,8 @@
 #include <memory>
 #include <thread>
 
-#include "FMStatistics.h"
 #include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
-
-namespace {
-
-uint64_t CountLoads() {
-    FMStatistics figures;
-    FMGetStatistics(figures);
-    return figures.loads;
-}
-
-} // namespace
 
 TEST(Block, AnIncompleteBlockIsAliveUntil8192MsAfterItsLastPiece) {
     TestClock clock;
@@ -96,7 +85,7 @@ TEST(Block, StaleLoadDoesNotReplaceRewrittenBytes) {
         ASSERT_FALSE(block->FreeMemory());
         CountingSink sink;
         auto gate = isBegun ? nullptr : std::make_unique<Gate>();
-        const uint64_t loads = CountLoads();
+        const uint64_t loads = ReadStatistics().loads;
         EXPECT_EQ(block->ReadData(&sink), 0);
         if (isBegun)
             Cache::RunReadwrQueue(); // the load has run, its completion is queued
@@ -108,7 +97,7 @@ TEST(Block, StaleLoadDoesNotReplaceRewrittenBytes) {
         FMWaitUntilIdle();
         EXPECT_EQ(sink.results, std::vector<int>{0});
         EXPECT_TRUE(Read(*block) == Pattern(2, length));
-        EXPECT_EQ(CountLoads() - loads, isBegun ? 2U : 1U);
+        EXPECT_EQ(ReadStatistics().loads - loads, isBegun ? 2U : 1U);
     }
     EXPECT_EQ(log.Count("Assert failed"), 0U) << log.Text();
 }

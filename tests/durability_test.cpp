@@ -6,7 +6,6 @@
 #include <functional>
 
 #include "FMCatalog.h"
-#include "FMStatistics.h"
 #include "testing/kit.h"
 #include "util/filemanager/filemanager.h"
 

@@ -4,16 +4,9 @@
 
 #include <cstdlib>
 
-#include "FMStatistics.h"
 #include "testing/kit.h"
 
 namespace {
-
-FMStatistics Figures() {
-    FMStatistics figures;
-    FMGetStatistics(figures);
-    return figures;
-}
 
 void ExpectMetrics(const FMStatistics& figures, std::initializer_list<const char*> lines) {
     const std::string text = FMFormatStatistics(figures).c_str();
@@ -95,7 +88,7 @@ TEST(Lanes, AdjacentStoresAreWrittenTogetherThoughLoadsAndOtherStoresLieBetween)
     Cache cache;
     const FileRef file = StoredFile(cache, 4);
     CountingSink sink;
-    const uint64_t batches = Figures().storeBatches;
+    const uint64_t batches = ReadStatistics().storeBatches;
     {
         const Gate gate;
         for (uint32_t block = 5; block <= 7; ++block) {
@@ -105,14 +98,14 @@ TEST(Lanes, AdjacentStoresAreWrittenTogetherThoughLoadsAndOtherStoresLieBetween)
         Cache::Block(*file, 1, 0)->ReadData(&sink);
     }
     FMWaitUntilIdle();
-    EXPECT_EQ(Figures().storeBatches - batches, 2U); // the new ranges, and the old ones
+    EXPECT_EQ(ReadStatistics().storeBatches - batches, 2U); // the new ranges, and the old ones
 }
 
 TEST(Lanes, ABatchHasSmallStoresAmongTheNext128) {
     Cache cache;
     const auto isBatch = [&](size_t first, size_t second, uint32_t between) {
         const FileRef file = cache.Create();
-        const uint64_t batches = Figures().storeBatches;
+        const uint64_t batches = ReadStatistics().storeBatches;
         {
             const Gate gate;
             Write(*Cache::Block(*file, 1), std::string(first, 'x'));
@@ -122,7 +115,7 @@ TEST(Lanes, ABatchHasSmallStoresAmongTheNext128) {
             Write(*Cache::Block(*file, 2), std::string(second, 'y')); // in place, behind them
         }
         FMWaitUntilIdle();
-        return Figures().storeBatches > batches;
+        return ReadStatistics().storeBatches > batches;
     };
     EXPECT_TRUE(isBatch(65'536, 65'536, 127));
     EXPECT_FALSE(isBatch(65'537, 9, 0));
@@ -199,7 +192,7 @@ TEST(HighWaterMark, ReportsOnceAboveAndOnceBelowHalf) {
     write(2, 69'999, 0); // the mark is reached, not exceeded
     write(3, 1, 0);
     EXPECT_EQ(reports, std::vector<bool>{true});
-    ExpectMetrics(Figures(), {"pending_blocks 3", "pending_bytes 140000"});
+    ExpectMetrics(ReadStatistics(), {"pending_blocks 3", "pending_bytes 140000"});
     EXPECT_EQ(FMGetUnstoredBytes(), 140'000U);
     withdraw(2, 1);
     withdraw(3, 1); // half
@@ -257,7 +250,7 @@ TEST(Statistics, FiguresCountStoresAndLoadsAndThoseThatFail) {
     CountingSink sink;
     Cache::Block(*file, 2, 0)->ReadData(&sink); // a miss
     FMWaitUntilIdle();
-    ExpectMetrics(Figures(),
+    ExpectMetrics(ReadStatistics(),
                   {"stores_total 5", "store_bytes_total 5000", "loads_total 2",
                    "load_bytes_total 2000", "load_failures_total 1", "read_hits_total 1",
                    "read_misses_total 3", "open_files 1", "resident_blocks 2", "memory_bytes 2000",
@@ -266,21 +259,21 @@ TEST(Statistics, FiguresCountStoresAndLoadsAndThoseThatFail) {
                    "store_wait_seconds_count 5", "load_wait_seconds_count 3",
                    "load_disk_seconds_count 3"});
     cache.Close(file);
-    ExpectMetrics(Figures(), {"open_files 0", "resident_blocks 0", "memory_bytes 0",
-                              "stored_blocks 0", "stored_bytes 0"});
+    ExpectMetrics(ReadStatistics(), {"open_files 0", "resident_blocks 0", "memory_bytes 0",
+                                     "stored_blocks 0", "stored_bytes 0"});
     file = cache.Create();
     const fs::path data = cache.Path(file->GetFileInfo().fileID, ".sdd");
     fs::create_directory(data); // in the place of the data file
     Write(*Cache::Block(*file, 1), Pattern(1, 700));
     FMWaitUntilIdle();
-    ExpectMetrics(Figures(), {"store_failures_total 1", "failed_blocks 1", "failed_bytes 700",
-                              "pending_bytes 0"});
+    ExpectMetrics(ReadStatistics(), {"store_failures_total 1", "failed_blocks 1",
+                                     "failed_bytes 700", "pending_bytes 0"});
     EXPECT_EQ(FMGetUnstoredBytes(), 700U);
     fs::remove(data);
     clock.Advance(60'000);
     cache.thread.RunDue(); // the tick
     FMWaitUntilIdle();
-    ExpectMetrics(Figures(),
+    ExpectMetrics(ReadStatistics(),
                   {"store_retries_total 1", "stores_total 6", "failed_blocks 0", "failed_bytes 0"});
 }
 
